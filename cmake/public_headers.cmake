@@ -1,0 +1,23 @@
+# Public headers lie in the folders of their units and are installed under one folder of their own.
+# The build tree shows them as they will be installed, so that everything in the project that uses
+# the library includes <ruvo/ruvo.h> as any other program does.
+set(RUVO_STAGED_INCLUDES ${PROJECT_BINARY_DIR}/include)
+
+function(public_headers target folder)
+  foreach(header IN LISTS ARGN)
+    cmake_path(ABSOLUTE_PATH header NORMALIZE)
+    cmake_path(GET header FILENAME name)
+    file(MAKE_DIRECTORY ${RUVO_STAGED_INCLUDES}/${folder})
+    file(CREATE_LINK ${header} ${RUVO_STAGED_INCLUDES}/${folder}/${name} SYMBOLIC)
+    install(FILES ${header} DESTINATION ${RUVO_INSTALL_INCLUDEDIR}/${folder})
+  endforeach()
+  target_include_directories(
+    ${target} INTERFACE $<BUILD_INTERFACE:${RUVO_STAGED_INCLUDES}>
+                        $<INSTALL_INTERFACE:${RUVO_INSTALL_INCLUDEDIR}>)
+endfunction()
+
+# Lets out only what the version script names.
+function(version_script target script)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${script})
+  set_target_properties(${target} PROPERTIES LINK_DEPENDS ${script} SOVERSION 1)
+endfunction()

@@ -1,0 +1,28 @@
+# What all code of the project is compiled with.
+add_library(ruvo_build_flags INTERFACE)
+target_compile_options(
+  ruvo_build_flags
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Wconversion
+            -Wsign-conversion
+            -Wshadow
+            -Wformat=2
+            -Wundef
+            -Wcast-align
+            -Werror
+            $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+            $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+            $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+            # A log line names its source file, not where the file lay on the building machine.
+            -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(RUVO_SANITIZE)
+  target_compile_options(ruvo_build_flags INTERFACE -fsanitize=${RUVO_SANITIZE}
+                                                    -fno-sanitize-recover=all
+                                                    -fno-omit-frame-pointer)
+  target_link_options(ruvo_build_flags INTERFACE -fsanitize=${RUVO_SANITIZE})
+else()
+  # Sanitizers leave symbols for their own library to fill in.
+  target_link_options(ruvo_build_flags INTERFACE -Wl,-z,defs -Wl,-z,relro -Wl,-z,now)
+endif()

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs from Debian what this machine lacks; does nothing when all is there.
+#
+#   scripts/deps.sh [build] [run] [test] [check]     (no argument: all groups)
+#
+#   build  compiler, build tools, hiredis and ACE
+#   run    Redis and the proxy that the demo starts
+#   test   GoogleTest and Google Benchmark
+#   check  format and tidy checks
+set -euo pipefail
+
+declare -A packages=(
+  [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev"
+  [run]="redis-server nutcracker"
+  [test]="redis-server libgtest-dev libbenchmark-dev binutils"
+  [check]="git clang-format clang-tidy clang"
+)
+groups=("$@")
+[ ${#groups[@]} -gt 0 ] || groups=(build run test check)
+
+missing=()
+for group in "${groups[@]}"; do
+  [ -n "${packages[$group]:-}" ] || { echo "deps.sh: no group named '$group'" >&2; exit 2; }
+  for package in ${packages[$group]}; do
+    state=$(dpkg-query -W -f '${db:Status-Abbrev}' "$package" 2>/dev/null || true)
+    case $state in ii*) ;; *) missing+=("$package") ;; esac
+  done
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "deps.sh: needs root or sudo to install: ${missing[*]}" >&2; exit 1; }
+  as_root=(sudo)
+fi
+echo "installing: ${missing[*]}"
+"${as_root[@]}" apt-get update -q
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "${missing[@]}"

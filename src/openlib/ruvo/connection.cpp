@@ -1,0 +1,42 @@
+#include "connection.h"
+
+#include "log_line.h"
+
+namespace {
+
+bool sets_limit(const timeval& timeout) { return timeout.tv_sec > 0 || timeout.tv_usec > 0; }
+
+}  // namespace
+
+context_ptr open_connection(const server_addr& addr, const timeval& timeout) {
+  const char* ip = addr.ip_.c_str();
+  const int port = static_cast<int>(addr.port_);
+  return context_ptr(sets_limit(timeout) ? redisConnectWithTimeout(ip, port, timeout)
+                                         : redisConnect(ip, port));
+}
+
+std::optional<int> set_socket_timeout(redisContext& context, const timeval& timeout) {
+  if (!sets_limit(timeout)) {
+    return std::nullopt;
+  }
+  return redisSetTimeout(&context, timeout);
+}
+
+bool authenticate(redisContext& context, const server_addr& addr, const std::string& password) {
+  if (password.empty()) {
+    return true;
+  }
+  const reply_ptr reply = send_command(context, "AUTH %s", password.c_str());
+  if (!reply) {
+    return false;
+  }
+  if (reply->type != REDIS_REPLY_ERROR) {
+    return true;
+  }
+  // Operators tell a wrong password from a wrong server by this line, so it shows what was sent.
+  RUVO_LOG(ERROR,
+           "ruvo_redis::init_server_pool | failed to authenticate redis, error passwd, redis_ip = "
+           "%s, redis_port = %d, passwd = %s",
+           addr.ip_.c_str(), static_cast<int>(addr.port_), password.c_str());
+  return false;
+}

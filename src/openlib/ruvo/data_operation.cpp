@@ -1,0 +1,60 @@
+#include "data_operation.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "ruvo_redis.h"
+
+int ruvo_redis::run(const data_operation& operation, std::initializer_list<const void*> required,
+                    reply_ptr* reply, RedisServerType redisSrvType, const char* key,
+                    const char* format, ...) {
+  if (!initialized_.load(std::memory_order_acquire)) {
+    RUVO_LOG(ERROR, "%s | redis is not initialized", operation.origin);
+    return RUVO_ERR_NOT_INITIALIZED;
+  }
+  if (std::find(required.begin(), required.end(), nullptr) != required.end()) {
+    RUVO_LOG(ERROR, "%s | %s", operation.origin, operation.null_text);
+    return RUVO_ERR_NULL_ARGUMENT;
+  }
+  va_list args;
+  va_start(args, format);
+  const int ret = exec_command(key, reply, redisSrvType, format, args);
+  va_end(args);
+  if (ret != RUVO_OK) {
+    RUVO_LOG_AT(ret == RUVO_ERR_NOT_FOUND ? operation.absent_level : BaseLib::Logger::ERROR,
+                "%s | do_exec_command failed, ret:%d", operation.failed_origin, ret);
+    return ret;
+  }
+  RUVO_LOG(INFO, "%s | do_exec_command success!", operation.origin);
+  if (reply != no_reply && !*reply && operation.policy == reply_policy::strict) {
+    RUVO_LOG(ERROR, "%s | reply is NULL", operation.origin);
+    return RUVO_ERR_NO_REPLY;
+  }
+  return RUVO_OK;
+}
+
+bool has_type(const data_operation& operation, const reply_ptr& reply, int type, const char* key) {
+  if (!reply || reply->type == type) {
+    return reply != nullptr;
+  }
+  if (operation.policy == reply_policy::lenient) {
+    RUVO_LOG(WARN, "%s | key:%s, unexpected reply type:%d", operation.origin, key, reply->type);
+  } else {
+    RUVO_LOG(ERROR, "%s | unexpected redis type:%d", operation.origin, reply->type);
+  }
+  return false;
+}
+
+int copy_out(const redisReply& reply, const char** data, unsigned long* len) {
+  const auto size = static_cast<std::size_t>(reply.len);
+  char* const buffer = new (std::nothrow) char[size];
+  *len = size;
+  *data = buffer;
+  if (buffer == nullptr) {
+    RUVO_LOG(ERROR, "ruvo_redis::query_key | overflow.");  // whoever asked: filters know this text
+    return RUVO_ERR_NO_MEMORY;
+  }
+  std::memcpy(buffer, reply.str, size);
+  return RUVO_OK;
+}

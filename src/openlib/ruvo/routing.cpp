@@ -1,0 +1,153 @@
+// Choice of a server and a connection, the failure state of servers, and rebuilding a connection.
+#include <atomic>
+#include <ctime>
+
+#include "connection.h"
+#include "log_line.h"
+#include "ruvo_redis.h"
+
+namespace {
+
+constexpr std::uint64_t last_turn = 10001;  // the highest number that a round-robin counter gives
+
+// Takes the next number of a round-robin counter. Two threads may both reset a counter that has
+// passed its last turn; a few turns given twice do no harm.
+std::uint64_t next_turn(std::int64_t& counter) {
+  const std::atomic_ref<std::int64_t> shared(counter);
+  const auto turn = static_cast<std::uint64_t>(shared.fetch_add(1));
+  if (turn >= last_turn) {
+    shared.store(0);
+  }
+  return turn;
+}
+
+void clear_failures(server_node& server) {
+  std::atomic_ref(server.failure_count_).store(0);
+  std::atomic_ref(server.next_retry_time_).store(0);
+}
+
+const char* ip_of(const server_node& server) { return server.addr_.ip_.c_str(); }
+int port_of(const server_node& server) { return static_cast<int>(server.addr_.port_); }
+
+}  // namespace
+
+const server_pool& ruvo_redis::getPool(RedisServerType type) const {
+  switch (type) {
+    case ePersistServer:
+      return p_pool_;
+    case ePersonalityServer:
+      return personality_pool_;
+    default:
+      return t_pool_;
+  }
+}
+
+server_pool& ruvo_redis::pool_of(RedisServerType type) {
+  return const_cast<server_pool&>(getPool(type));  // NOLINT: this object is not const
+}
+
+server_node* ruvo_redis::get_server_node(RedisServerType redisSrvType, int svc_index) {
+  server_pool& pool = pool_of(redisSrvType);
+  const std::size_t count = pool.servers_.size();
+  if (count > 0) {
+    const std::uint64_t turn =
+        svc_index < 0 ? next_turn(pool.server_count_) : static_cast<std::uint64_t>(svc_index);
+    const std::size_t start = turn % count;
+    server_node* candidate = &pool.servers_[start];
+    RUVO_LOG(DEBUG, "ruvo_redis::get_redis_node | addr:%s port:%d", ip_of(*candidate),
+             port_of(*candidate));
+    for (;;) {
+      if (is_server_valid(candidate, redisSrvType)) {
+        return candidate;
+      }
+      const std::size_t next = (candidate->index_ + 1) % count;
+      if (next == start) {
+        break;
+      }
+      candidate = &pool.servers_[next];
+      RUVO_LOG(DEBUG, "ruvo_redis::get_server_node | try next server:%s,port:%d",
+               ip_of(*candidate), port_of(*candidate));
+    }
+  }
+  RUVO_LOG(INFO, "ruvo_redis::get_server_node | all servers invalid");
+  return nullptr;
+}
+
+bool ruvo_redis::is_server_valid(server_node* svc_node, RedisServerType redisSrvType) {
+  const server_pool& pool = getPool(redisSrvType);
+  if (!pool.auto_eject_) {
+    return true;
+  }
+  const std::int32_t failures = std::atomic_ref(svc_node->failure_count_).load();
+  if (static_cast<std::uint32_t>(failures) < pool.failure_limit_) {
+    return true;
+  }
+  const std::time_t retry_time = std::atomic_ref(svc_node->next_retry_time_).load();
+  if (retry_time <= std::time(nullptr)) {
+    RUVO_LOG(WARN, "ruvo_redis::is_server_valid | server, ip:%s port:%d start retry",
+             ip_of(*svc_node), port_of(*svc_node));
+    clear_failures(*svc_node);
+    return true;
+  }
+  RUVO_LOG(WARN,
+           "ruvo_redis::is_server_valid | server,ip:%s port:%d invalid, failure count:%d, retry "
+           "after %ld seconds",
+           ip_of(*svc_node), port_of(*svc_node), failures,
+           static_cast<long>(retry_time - std::time(nullptr)));
+  return false;
+}
+
+void ruvo_redis::update_server_ok(server_node* svc_node) { clear_failures(*svc_node); }
+
+// Pushes the retry time forward on every failure, so that a server is left alone for the whole
+// time-out after its latest one.
+void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType redisSrvType) {
+  const std::int32_t failures = std::atomic_ref(svc_node->failure_count_).fetch_add(1) + 1;
+  RUVO_LOG(DEBUG, "ruvo_redis::update_server_failed | server, ip:%s port:%d failure count:%d",
+           ip_of(*svc_node), port_of(*svc_node), failures);
+  std::atomic_ref(svc_node->next_retry_time_)
+      .store(std::time(nullptr) + getPool(redisSrvType).retry_timeout_);
+}
+
+// Counts in the temporary pool's number of connections, which sizes the servers of every pool.
+conn_node* ruvo_redis::get_conn(server_node& svc_node, RedisServerType /*redisSrvType*/) {
+  const std::uint32_t conn_num = t_pool_.conn_num_;
+  const std::uint64_t turn = next_turn(svc_node.conn_count_);
+  const auto index = static_cast<std::uint32_t>(conn_num > 0 ? turn % conn_num : 0);
+  RUVO_LOG(DEBUG, "ruvo_redis::get_conn | connection index: %u/%u", index, conn_num);
+  if (index >= svc_node.context_arr_.size()) {
+    RUVO_LOG(WARN, "ruvo_redis::get_conn | no connection %u on server %s port:%d", index,
+             ip_of(svc_node), port_of(svc_node));
+    return nullptr;
+  }
+  return &svc_node.context_arr_[index];
+}
+
+redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
+  const char* ip = addr.ip_.c_str();
+  const int port = static_cast<int>(addr.port_);
+  RUVO_LOG(WARN, "ruvo_redis::reset_connection | reset connection,ip:%s port:%d", ip, port);
+  context_ptr fresh = open_connection(addr, conn_timeout_tv_);
+  if (is_broken(fresh.get())) {
+    RUVO_LOG(ERROR,
+             "ruvo_redis::reset_connection | reconnect to server %s port:%d failed, error code is "
+             "%s.",
+             ip, port, error_text(fresh.get()));
+    return nullptr;
+  }
+  const std::optional<int> timeout = set_socket_timeout(*fresh, socket_timeout_tv_);
+  // The persistent pool's password opens the servers of every pool: deployed sites share one.
+  if (!authenticate(*fresh, addr, p_pool_.redis_password_)) {
+    return nullptr;
+  }
+  if (timeout.value_or(REDIS_OK) != REDIS_OK) {
+    RUVO_LOG(ERROR, "ruvo_redis::reset_connection | redisSetTimeOut err, ret:%d", *timeout);
+  } else if (timeout) {
+    RUVO_LOG(DEBUG, "ruvo_redis::reset_connection | redisSetTimeOut time_out:%d (ms), success",
+             static_cast<int>(socket_timeout_tv_.tv_sec * 1000 +
+                              socket_timeout_tv_.tv_usec / 1000));
+  }
+  redisFree(conn.context_);
+  conn.context_ = fresh.release();
+  return conn.context_;
+}

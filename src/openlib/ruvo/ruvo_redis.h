@@ -1,0 +1,125 @@
+// The client behind the exported functions: one class, told in several files by subject.
+//
+//   startup.cpp    configuration, default addresses, the order in which pools are built
+//   pools.cpp      building and closing a pool; the counted shut-down
+//   routing.cpp    choice of server and connection, failure state, rebuilding a connection
+//   execution.cpp  the walk over servers, and the typed path that sorts its reply into a code
+//   strings.cpp    the operations on string keys (data_operation.cpp: what operations share)
+//
+// Threads: operations from any number of threads; init and fini must not overlap them. See
+// server_pool.h for what guards what.
+#ifndef RUVO_RUVO_REDIS_H
+#define RUVO_RUVO_REDIS_H
+
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+
+#include "busin_config.h"
+#include "exchange.h"
+#include "ruvo.h"
+#include "server_pool.h"
+
+struct data_operation;
+
+// The reader that start-up loads the library's configuration with.
+extern vop_config ruvo_cfg;
+
+class ruvo_redis {
+ public:
+  ruvo_redis() = default;
+  ~ruvo_redis();
+  ruvo_redis(const ruvo_redis&) = delete;
+  ruvo_redis& operator=(const ruvo_redis&) = delete;
+
+  // ---- Start-up and configuration ----
+  int init(const char* config);
+  int init_config(const char* config);
+  std::string getDefaultAddr(RedisServerType type) const;
+  std::string get_cfg() const;
+
+  // ---- Pools ----
+  int init_server_pool(const std::string& addrs, server_pool& pool, RedisServerType type);
+  int fini_server_pool(server_pool& pool);
+  int fini();
+
+  // ---- Routing ----
+  const server_pool& getPool(RedisServerType type) const;
+  // A usable server of the pool, or null: the next in turn when `svc_index` is negative, else the
+  // first from that position on.
+  server_node* get_server_node(RedisServerType redisSrvType, int svc_index);
+  // The slot whose turn it is, or null when the server does not have it.
+  conn_node* get_conn(server_node& svc_node, RedisServerType redisSrvType);
+  bool is_server_valid(server_node* svc_node, RedisServerType redisSrvType);
+  void update_server_ok(server_node* svc_node);
+  void update_server_failed(server_node* svc_node, RedisServerType redisSrvType);
+  // Replaces a slot's context by a new one, or returns null and leaves the old one in place.
+  // REQUIRES: the slot's lock is held.
+  redisContext* reset_connection(conn_node& conn, server_addr& addr);
+
+  // ---- Execution ----
+  // Runs a command on a pool. On RUVO_OK with `need_reply`, hands over the reply to the caller, who
+  // frees it; leaves `reply` alone in every other case.
+  int do_exec_command(const char* key, redisReply*& reply, bool need_reply,
+                      RedisServerType redisSrvType, const char* format, ...);
+
+  // ---- String keys ----
+  int insert_key(const char* key, const char* data, unsigned long len, int time_out,
+                 RedisServerType redisSrvType, const char* server_addr);
+  int append_key(const char* key, const char* data, unsigned long len,
+                 RedisServerType redisSrvType, const char* server_addr);
+  int increase_key(const char* key, long long* value, RedisServerType redisSrvType,
+                   const char* server_addr);
+  int query_key(const char* key, const char** data, unsigned long* len,
+                RedisServerType redisSrvType, const char* server_addr);
+  int exists_key(const char* key, RedisServerType redisSrvType, const char* server_addr);
+  int delete_key(const char* key, RedisServerType redisSrvType, const char* server_addr);
+  int expire_key(const char* key, unsigned int time_out, RedisServerType redisSrvType,
+                 const char* server_addr);
+  int persist_key(const char* key, RedisServerType redisSrvType, const char* server_addr);
+  int free_result(const char* data);
+
+ private:
+  // The two users of the walk over servers; execution.cpp tells what differs.
+  enum class walk_path { typed, raw };
+  // How a walk ended.
+  enum class walk_end { replied, no_server_at_start, no_server_left, came_round, lock_failed };
+
+  void read_timeouts();
+  void choose_addresses();
+  int build_pools();
+
+  server_pool& pool_of(RedisServerType type);
+
+  walk_end walk(walk_path path, const char* key, RedisServerType redisSrvType, const char* format,
+                va_list args, reply_ptr& reply);
+  reply_ptr visit(walk_path path, const char* key, conn_node& conn, server_node& server,
+                  RedisServerType redisSrvType, const char* format, va_list args);
+  server_node* next_server(walk_path path, const server_node& server,
+                           RedisServerType redisSrvType);
+  std::size_t visit_limit(walk_path path, RedisServerType redisSrvType) const;
+  int exec_command(const char* key, reply_ptr* reply, RedisServerType redisSrvType,
+                   const char* format, va_list args);
+
+  // The road of every data operation up to its reply, see data_operation.h.
+  int run(const data_operation& operation, std::initializer_list<const void*> required,
+          reply_ptr* reply, RedisServerType redisSrvType, const char* key, const char* format, ...);
+
+  std::atomic<bool> initialized_{false};
+  std::atomic<std::int64_t> init_count_{0};
+  std::string t_server_addrs_;
+  std::string p_server_addrs_;
+  std::string personality_server_addrs_;
+  server_pool t_pool_;
+  server_pool p_pool_;
+  server_pool personality_pool_;
+  timeval conn_timeout_tv_{-1, 0};    // seconds -1: no limit
+  timeval socket_timeout_tv_{-1, 0};  // likewise
+};
+
+#endif

@@ -1,0 +1,49 @@
+// The model of a server pool: a list of servers, each with its connection slots and failure state.
+//
+// The lists do not change between start-up and shut-down and are read without a lock. The counters
+// and the failure state are plain fields that all threads share: they are touched through atomic
+// references only. A slot's context is touched only by the thread that holds the slot's lock.
+#ifndef RUVO_SERVER_POOL_H
+#define RUVO_SERVER_POOL_H
+
+#include <ace/Thread_Mutex.h>
+#include <hiredis/hiredis.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+struct server_addr {
+  std::string ip_;  // address or host name, as the configuration has it
+  std::uint32_t port_ = 0;
+};
+
+// A connection slot. Owns both; its server's pool frees them.
+struct conn_node {
+  redisContext* context_ = nullptr;  // null or in error state: rebuilt when it is used
+  ACE_Thread_Mutex* lock_ = nullptr;
+};
+
+struct server_node {
+  std::vector<conn_node> context_arr_;
+  server_addr addr_;
+  std::int32_t failure_count_ = 0;  // failures since the last reconnection or retry
+  std::time_t next_retry_time_ = 0; // when an ejected server may be tried again; 0: not set
+  std::size_t index_ = 0;           // position in the pool
+  std::int64_t conn_count_ = 0;     // whose turn it is among the slots
+};
+
+struct server_pool {
+  std::vector<server_node> servers_;
+  std::uint32_t server_num_ = 0;    // addresses in the configured list
+  std::uint32_t conn_num_ = 1;      // connections to each server
+  bool auto_eject_ = true;          // leave failing servers alone for a while
+  std::uint32_t failure_limit_ = 5; // failures that eject a server
+  std::int32_t retry_timeout_ = 30; // seconds that an ejected server is left alone
+  std::int64_t server_count_ = 0;   // whose turn it is among the servers
+  std::string redis_password_;      // empty: none
+};
+
+#endif
