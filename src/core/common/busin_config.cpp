@@ -34,6 +34,16 @@ void delete_all(std::vector<T*>& owner) {
   owner.clear();
 }
 
+// The first section of that name answers for all.
+const cfg_section* find_section(const std::vector<cfg_section*>& sections, const char* name) {
+  for (const cfg_section* section : sections) {
+    if (strcasecmp(section->get_sec_name(), name) == 0) {
+      return section;
+    }
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 vop_config* Busin_Conf_Instance() { return &vop_config_; }
@@ -74,9 +84,7 @@ int cfg_section::insert_attr_val(const char* attr, const char* val) {
 
 vop_config::vop_config() : cfg_file_time_(0) {}
 
-vop_config::~vop_config() { delete_sections(); }
-
-void vop_config::delete_sections() { delete_all(sec_arr_); }
+vop_config::~vop_config() { delete_all(sec_arr_); }
 
 int vop_config::open(const char* config_path) {
   if (config_path == nullptr) {
@@ -91,7 +99,7 @@ int vop_config::open(const char* config_path) {
   if (!file) {
     return -1;
   }
-  delete_sections();
+  delete_all(sec_arr_);
   std::array<char, line_buffer_size> line{};
   while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
     parse_line(line.data());
@@ -112,7 +120,7 @@ int vop_config::open(const std::string& config_string, bool isCfgContent) {
     std::fflush(stdout);
     return -1;
   }
-  delete_sections();
+  delete_all(sec_arr_);
   for (const std::string& line : lines) {
     parse_line(line);
   }
@@ -120,7 +128,7 @@ int vop_config::open(const std::string& config_string, bool isCfgContent) {
 }
 
 int vop_config::close() {
-  delete_sections();
+  delete_all(sec_arr_);
   cfg_path_.clear();
   return 0;
 }
@@ -153,7 +161,7 @@ int vop_config::enum_sec_key(const char* sec_name, std::vector<std::string>& key
     return -1;
   }
   key_arr.clear();
-  const cfg_section* section = find_section(sec_name);
+  const cfg_section* section = find_section(sec_arr_, sec_name);
   return section != nullptr ? section->enum_key(key_arr) : -1;
 }
 
@@ -161,7 +169,7 @@ const char* vop_config::get_str_val(const char* sec_name, const char* key) const
   if (is_empty(sec_name)) {
     return nullptr;
   }
-  const cfg_section* section = find_section(sec_name);
+  const cfg_section* section = find_section(sec_arr_, sec_name);
   return section != nullptr ? section->get_str_val(key) : nullptr;
 }
 
@@ -183,15 +191,6 @@ int vop_config::get_int_val(const char* sec_name, const char* key, int def_val) 
   const char* value = get_str_val(sec_name, key);
   // Narrowed to the low 32 bits, as atoi does it here: a number that is too large wraps.
   return value != nullptr ? static_cast<int>(std::strtol(value, nullptr, 10)) : def_val;
-}
-
-const cfg_section* vop_config::find_section(const char* sec_name) const {
-  for (const cfg_section* section : sec_arr_) {
-    if (strcasecmp(section->get_sec_name(), sec_name) == 0) {
-      return section;
-    }
-  }
-  return nullptr;
 }
 
 bool vop_config::is_sec(const char* buf, std::string& sec_name) {

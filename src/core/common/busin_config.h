@@ -114,8 +114,6 @@ class RUVO_CONFIG_API vop_config {
  private:
   static bool is_sec(const char* buf, std::string& sec_name);
   bool parse_line(const std::string& line_str);
-  const cfg_section* find_section(const char* sec_name) const;
-  void delete_sections();
 
   std::string cfg_path_;
   std::string cfg_content_;  // reserved: part of the layout that other modules were built with

@@ -1,5 +1,9 @@
 #include "connection.h"
 
+#include <netinet/in.h>
+
+#include <limits>
+
 #include "log_line.h"
 
 namespace {
@@ -9,6 +13,9 @@ bool sets_limit(const timeval& timeout) { return timeout.tv_sec > 0 || timeout.t
 }  // namespace
 
 context_ptr open_connection(const server_addr& addr, const timeval& timeout) {
+  if (addr.port_ > std::numeric_limits<in_port_t>::max()) {
+    return nullptr;  // the resolver would take it modulo 65536, and connect to somebody else
+  }
   const char* ip = addr.ip_.c_str();
   const int port = static_cast<int>(addr.port_);
   return context_ptr(sets_limit(timeout) ? redisConnectWithTimeout(ip, port, timeout)

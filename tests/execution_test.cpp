@@ -1,0 +1,321 @@
+// The walk over servers, its ends, and the codes that replies become.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+
+#include "host.h"
+#include "key_format.h"
+#include "redis_server.h"
+#include "ruvo_redis.h"
+#include "scripted_server.h"
+
+namespace {
+const pthread_mutex_t* broken_mutex = nullptr;
+}
+
+// ACE_OS::mutex_lock
+extern "C" int __real__ZN6ACE_OS10mutex_lockEP15pthread_mutex_t(pthread_mutex_t* mutex);
+extern "C" int __wrap__ZN6ACE_OS10mutex_lockEP15pthread_mutex_t(pthread_mutex_t* mutex) {
+  return mutex == broken_mutex ? -1 : __real__ZN6ACE_OS10mutex_lockEP15pthread_mutex_t(mutex);
+}
+
+namespace {
+
+constexpr auto WARN = BaseLib::Logger::WARN;
+constexpr auto ERROR = BaseLib::Logger::ERROR;
+
+class Execution : public testing::Test {
+ protected:
+  void start(const std::string& addrs, const std::string& server_settings = "",
+             const std::string& socket_timeout = "1000") {
+    const HostConfig config("connect_timeout = 1000\nsocket_timeout = " + socket_timeout +
+                                "\ntemp_server = " + addrs + "\npersist_server = " + addrs +
+                                "\npersonality_server = " + addrs,
+                            server_settings);
+    testing::internal::CaptureStdout();
+    client_.init(config.path());
+    testing::internal::GetCapturedStdout();
+    ruvo_cfg.close();
+    log_.clear();
+  }
+  int get(const char* key, RedisServerType type = eTempServer) {
+    redisReply* reply = nullptr;
+    const int ret = client_.do_exec_command(key, reply, true, type, "GET %s", key);
+    text_ = reply != nullptr && reply->str != nullptr ? reply->str : "";
+    freeReplyObject(reply);
+    return ret;
+  }
+  const server_node& server(std::size_t position) const {
+    return client_.getPool(eTempServer).servers_.at(position);
+  }
+
+  ruvo_redis client_;
+  LogCapture log_;
+  std::string text_;  // of the last reply
+};
+
+std::string down() { return "127.0.0.1:" + std::to_string(free_port()); }
+
+TEST_F(Execution, RepliesBecomeCodes) {
+  struct {
+    const char* reply;
+    int code;
+    bool handed_over;
+  } const cases[] = {
+      {"+OK\r\n", 0, true},          {"$3\r\nabc\r\n", 0, true}, {":7\r\n", 0, true},
+      {"*1\r\n$1\r\na\r\n", 0, true}, {"$-1\r\n", 10402, false},  {"-ERR no\r\n", -1, false},
+  };
+  for (const auto& one : cases) {
+    const ScriptedServer redis{std::string(one.reply)};
+    ruvo_redis client;
+    server_pool& pool = const_cast<server_pool&>(client.getPool(eTempServer));
+    ASSERT_EQ(client.init_server_pool(redis.addr(), pool, eTempServer), 0);
+    redisReply untouched{};
+    redisReply* reply = &untouched;
+    EXPECT_EQ(client.do_exec_command("k", reply, true, eTempServer, "GET k"), one.code);
+    EXPECT_EQ(reply != &untouched, one.handed_over) << one.reply;
+    if (one.handed_over) {
+      freeReplyObject(reply);
+    }
+    reply = &untouched;
+    EXPECT_EQ(client.do_exec_command("k", reply, false, eTempServer, "GET k"), one.code);
+    EXPECT_EQ(reply, &untouched);
+  }
+  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::do_exec_command | exec key:k failed, redis reply str:ERR no."), 2);
+}
+
+TEST_F(Execution, ANilReplyNamesItsPool) {
+  const ScriptedServer redis{std::string("$-1\r\n")};
+  start(redis.addr());
+  const auto line = [](const std::string& word) {
+    return "ruvo_redis::do_exec_command | redis key:k, persistence:" + word + ", redis reply is nil";
+  };
+  for (const int type : {1, 2, 3, -1}) {
+    EXPECT_EQ(get("k", static_cast<RedisServerType>(type)), 10402);
+  }
+  EXPECT_EQ(log_.count(WARN, line("true")), 4);
+  EXPECT_EQ(get("k", static_cast<RedisServerType>(0)), 10402);
+  EXPECT_EQ(log_.count(WARN, line("false")), 1);
+  EXPECT_EQ(get(nullptr), 10107);
+  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::do_exec_command | key is NULL"), 1);
+}
+
+TEST_F(Execution, RebuildsABrokenConnectionAndSendsAgain) {
+  RedisServer redis;
+  start(redis.addr(), "p_server_failure_limit = 9");
+  ASSERT_EQ(client_.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0);
+  client_.update_server_failed(const_cast<server_node*>(&server(0)), eTempServer);
+  redis.restart();
+  EXPECT_EQ(get("k"), 10402);  // answered, by a server that has forgotten
+  EXPECT_EQ(server(0).failure_count_, 0);
+  EXPECT_EQ(server(0).next_retry_time_, 0);
+  EXPECT_EQ(log_.count_containing("ruvo_redis::do_exec_command | key:k, connection err,try reset,"),
+            1);
+  log_.clear();
+  EXPECT_EQ(get("k"), 10402);
+  EXPECT_EQ(log_.count_containing("reset"), 0);
+}
+
+TEST_F(Execution, EveryWayToBreakAConnectionLeadsToTheNextServer) {
+  struct {
+    const char* what;
+    ScriptedServer::Script script;
+  } const cases[] = {
+      {"closes", [](Peer& peer) { peer.read_command(); }},
+      {"closes within a reply",
+       [](Peer& peer) {
+         peer.read_command();
+         peer.send("$100\r\nhalf");
+       }},
+      {"sends garbage",
+       [](Peer& peer) {
+         peer.read_command();
+         peer.send("HTTP/1.1 400 Bad Request\r\n\r\n");
+         peer.hang();
+       }},
+      {"hangs", [](Peer& peer) { peer.hang(); }},
+  };
+  const RedisServer good;
+  for (const auto& one : cases) {
+    const ScriptedServer bad(one.script);
+    ruvo_redis client;
+    const HostConfig config("socket_timeout = 60\ntemp_server = " + bad.addr() + "," + good.addr() +
+                            "\npersist_server = " + good.addr());
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(client.init(config.path()), 0);
+    testing::internal::GetCapturedStdout();
+    log_.clear();
+    EXPECT_EQ(client.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0) << one.what;
+    EXPECT_EQ(bad.connections(), 2) << one.what;  // one rebuild, one resend
+    EXPECT_EQ(log_.count_containing("ruvo_redis::reset_connection | reset connection"), 1);
+    // The rebuild succeeded, so no failure is counted, although the second send failed as well.
+    EXPECT_EQ(client.getPool(eTempServer).servers_[0].failure_count_, 0) << one.what;
+  }
+}
+
+TEST_F(Execution, AWalkEndsWhereItBegan) {
+  start(down() + "," + down());
+  EXPECT_EQ(get("100%% %s"), -1);
+  for (const std::size_t position : {0U, 1U}) {
+    EXPECT_EQ(server(position).failure_count_, 1);
+    EXPECT_EQ(log_.count(ERROR,
+                         "ruvo_redis::do_exec_command | key:100%% %s, null reply and reset "
+                         "connection to server 127.0.0.1 port:" +
+                             std::to_string(server(position).addr_.port_) + " failed."),
+              1);
+  }
+  EXPECT_EQ(log_.count(WARN, "ruvo_redis::do_exec_command | can not find an available server"), 1);
+  EXPECT_EQ(log_.count(ERROR, "100% (null)"), 1);
+}
+
+TEST_F(Execution, AWalkEndsWhenNoServerIsLeft) {
+  start(down(), "p_server_failure_limit = 1");
+  EXPECT_EQ(get("first"), -1);  // ejects the only server
+  EXPECT_EQ(log_.count(ERROR, "first"), 1);
+  EXPECT_EQ(get("second"), -1);  // finds none to begin with
+  EXPECT_EQ(log_.count(ERROR, "second"), 1);
+  EXPECT_EQ(log_.count_containing("can not find an available server"), 0);
+}
+
+TEST_F(Execution, AWalkVisitsEachServerTwiceAtMost) {
+  // The first server is ejected by its first failure, so that the walk never comes round to it; the
+  // second accepts and closes for ever, which counts as no failure.
+  const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
+  start(down() + "," + closes.addr(), "p_server_failure_limit = 1");
+  EXPECT_EQ(get("k"), -1);
+  EXPECT_EQ(closes.connections(), 3 + 3);  // one for each pool; visits 2 to 4 rebuild once each
+  EXPECT_EQ(log_.count(WARN, "ruvo_redis::do_exec_command | can not find an available server"), 1);
+  EXPECT_EQ(log_.count(ERROR, "k"), 1);
+}
+
+TEST_F(Execution, AServerWithoutSlotsCountsAsFailedAndIsPassedBy) {
+  const RedisServer guarded({"--requirepass", "other"});
+  const RedisServer open;
+  ASSERT_EQ(ruvo_cfg.open("[server]\np_password = wrong", true), 0);
+  // The open server refuses a password as well, so it joins the pool without one.
+  server_pool& pool = const_cast<server_pool&>(client_.getPool(eTempServer));
+  ASSERT_EQ(client_.init_server_pool(guarded.addr(), pool, eTempServer), 0);
+  ASSERT_EQ(ruvo_cfg.open("[server]", true), 0);
+  ASSERT_EQ(client_.init_server_pool(open.addr(), pool, eTempServer), 0);
+  ASSERT_EQ(pool.servers_.size(), 2U);
+  EXPECT_EQ(get("k"), 10402);
+  EXPECT_EQ(pool.servers_[0].failure_count_, 1);
+  EXPECT_EQ(log_.count_containing("ruvo_redis::get_conn | no connection 0 on server"), 1);
+}
+
+TEST_F(Execution, ASlotWithoutAContextIsRebuiltSilently) {
+  const RedisServer redis;
+  start(redis.addr());
+  auto& slot = const_cast<conn_node&>(server(0).context_arr_[0]);
+  redisFree(std::exchange(slot.context_, nullptr));
+  EXPECT_EQ(get("k"), 10402);
+  EXPECT_EQ(log_.count_containing("connection err"), 0);
+  EXPECT_EQ(log_.count_containing("reset connection"), 1);
+}
+
+TEST_F(Execution, AServerThatWasDownAtStartIsConnectedOnFirstUse) {
+  RedisServer redis;
+  redis.kill();
+  start(redis.addr());
+  redis.restart();
+  EXPECT_EQ(get("k"), 10402);
+}
+
+TEST_F(Execution, AFailedLockFailsTheCallSilently) {
+  const RedisServer redis;
+  start(redis.addr());
+  broken_mutex = &server(0).context_arr_[0].lock_->lock();
+  EXPECT_EQ(get("k"), -1);
+  broken_mutex = nullptr;
+  for (const LogCapture::Line& line : log_.take()) {
+    EXPECT_LT(line.level, WARN) << line;
+  }
+  EXPECT_EQ(server(0).failure_count_, 0);
+  EXPECT_EQ(get("k"), 10402);
+}
+
+TEST_F(Execution, HangsNoLongerThanItsTimeOuts) {
+  const ScriptedServer hangs([](Peer& peer) { peer.hang(); });
+  start(hangs.addr(), "", "50");
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(get("k"), -1);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+// ---- Signals ----
+
+TEST_F(Execution, AStaleConnectionRaisesNoSignal) {
+  RedisServer redis;
+  start(redis.addr());
+  sigset_t pipe_only;
+  sigemptyset(&pipe_only);
+  sigaddset(&pipe_only, SIGPIPE);
+  for (const bool host_blocks : {false, true}) {
+    pthread_sigmask(host_blocks ? SIG_BLOCK : SIG_UNBLOCK, &pipe_only, nullptr);
+    for (const bool pending : {false, true}) {
+      if (pending && !host_blocks) {
+        continue;
+      }
+      if (pending) {
+        pthread_kill(pthread_self(), SIGPIPE);
+      }
+      redis.restart();
+      // Larger than one write: the second one meets the reset connection.
+      const std::string large(8000000, 'x');
+      EXPECT_EQ(client_.insert_key("k", large.data(), large.size(), -1, eTempServer, nullptr), 0);
+      sigset_t after;
+      pthread_sigmask(SIG_BLOCK, nullptr, &after);
+      EXPECT_EQ(sigismember(&after, SIGPIPE), host_blocks);
+      sigpending(&after);
+      EXPECT_EQ(sigismember(&after, SIGPIPE), pending);
+    }
+  }
+  const timespec at_once{};
+  sigtimedwait(&pipe_only, nullptr, &at_once);
+  pthread_sigmask(SIG_UNBLOCK, &pipe_only, nullptr);
+}
+
+// ---- Keys as formats ----
+
+TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
+  const std::string full(1023, 'x');
+  const std::string spaces(1022, ' ');
+  std::string nothing_much;
+  for (int i = 0; i < 5000; ++i) {
+    nothing_much += "%n";
+  }
+  struct {
+    std::string key;
+    std::string text;
+  } const cases[] = {
+      {"plain", "plain"},
+      {"", ""},
+      {"100%%", "100%"},
+      {"%s|%d|%i|%u|%c", "(null)|0|0|0|"},
+      {"a%nb%hhn%5lln", "ab"},
+      {"%5d|%-5d|%05d|%+d|%.3d|%#x", "    0|0    |00000|+0|000|0"},
+      {"%lld %zu %jd %hhx", "0 0 0 0"},
+      {"%f %.1Lf %e %g", "0.000000 0.0 0.000000e+00 0"},
+      {"%p|%10s|%.3s|%.6s|%ls", "(nil)|    (null)||(null)|(null)"},
+      {"%2$d %1$s", "0 (null)"},
+      {"%*d|%.*f|%-*d", "0|0|0"},
+      {"%y %w d", "%y %w d"},
+      {"ends in %", "ends in "},
+      {"%99999999999d", spaces + " "},
+      {"%.99999999999f", "0." + std::string(1021, '0')},
+      {full + "yyy", full},
+      {full.substr(3) + "%s", full.substr(3) + "(nu"},
+      {nothing_much, ""},
+      {"%-----------------------5d|", "0    |"},
+  };
+  for (const auto& one : cases) {
+    std::array<char, log_buffer_size> text{};
+    expand_key_format(one.key.c_str(), text);
+    EXPECT_EQ(std::string(text.data()), one.text) << one.key.substr(0, 40);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+#include "logger.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using BaseLib::Logger;
+
+std::mutex mutex;
+std::vector<std::pair<Logger::LogLevel, std::string>> lines;
+
+void collect(Logger::LogLevel level, const char* line, std::size_t length) {
+  const std::scoped_lock lock(mutex);
+  lines.emplace_back(level, std::string(line, length));
+}
+
+class StreamLog : public testing::Test {
+ protected:
+  void SetUp() override {
+    lines.clear();
+    Logger::setOutput(collect);
+  }
+  void TearDown() override { Logger::setOutput(nullptr); }
+};
+
+TEST_F(StreamLog, BuildsTheWholeLine) {
+  errno = EPIPE;
+  Logger("/a/b/server.cpp", 42, Logger::WARN).stream() << "pid " << 7;
+  EXPECT_EQ(errno, EPIPE);
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0].first, Logger::WARN);
+  const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )" + std::to_string(gettid()) +
+                         R"( WARN server\.cpp:42 pid 7\n)");
+  EXPECT_TRUE(std::regex_match(lines[0].second, shape)) << lines[0].second;
+}
+
+TEST_F(StreamLog, NamesEveryLevel) {
+  const std::vector<std::string> names{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+  for (std::size_t level = 0; level < names.size(); ++level) {
+    Logger("plain.cpp", 1, static_cast<Logger::LogLevel>(level)).stream() << "x";
+    EXPECT_NE(lines.back().second.find(" " + names[level] + " plain.cpp:1 x\n"), std::string::npos);
+  }
+}
+
+TEST_F(StreamLog, ThresholdStartsAtInfoAndIsOnlyKept) {
+  EXPECT_EQ(Logger::logLevel(), Logger::INFO);
+  Logger::setLogLevel(Logger::ERROR);
+  EXPECT_EQ(Logger::logLevel(), Logger::ERROR);
+  Logger("a.cpp", 1, Logger::DEBUG).stream() << "written all the same";
+  EXPECT_EQ(lines.size(), 1U);
+  Logger::setLogLevel(Logger::INFO);
+}
+
+TEST_F(StreamLog, LinesOfManyThreadsDoNotMix) {
+  {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 8; ++t) {
+      threads.emplace_back([t] {
+        for (int i = 0; i < 100; ++i) {
+          Logger("t.cpp", t, Logger::INFO).stream() << "thread " << t << " line " << i;
+        }
+      });
+    }
+  }
+  ASSERT_EQ(lines.size(), 800U);
+  const std::regex shape(R"([^\n]* INFO t\.cpp:(\d) thread \1 line \d+\n)");
+  for (const auto& line : lines) {
+    EXPECT_TRUE(std::regex_match(line.second, shape)) << line.second;
+  }
+}
+
+TEST(StreamLogDefault, WritesToStandardError) {
+  Logger::setOutput(nullptr);
+  testing::internal::CaptureStderr();
+  Logger("a.cpp", 3, Logger::FATAL).stream() << "still here";
+  const std::string written = testing::internal::GetCapturedStderr();
+  EXPECT_NE(written.find(" FATAL a.cpp:3 still here\n"), std::string::npos);
+}
+
+}  // namespace
