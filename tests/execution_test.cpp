@@ -6,10 +6,9 @@
 #include <chrono>
 #include <csignal>
 
-#include "host.h"
+#include "client.h"
 #include "key_format.h"
 #include "redis_server.h"
-#include "ruvo_redis.h"
 #include "scripted_server.h"
 
 namespace {
@@ -35,10 +34,7 @@ class Execution : public testing::Test {
                                 "\ntemp_server = " + addrs + "\npersist_server = " + addrs +
                                 "\npersonality_server = " + addrs,
                             server_settings);
-    testing::internal::CaptureStdout();
-    client_.init(config.path());
-    testing::internal::GetCapturedStdout();
-    ruvo_cfg.close();
+    init_client(client_, config);
     log_.clear();
   }
   int get(const char* key, RedisServerType type = eTempServer) {
@@ -48,9 +44,7 @@ class Execution : public testing::Test {
     freeReplyObject(reply);
     return ret;
   }
-  const server_node& server(std::size_t position) const {
-    return client_.getPool(eTempServer).servers_.at(position);
-  }
+  server_node& server(std::size_t position) { return pool_in(client_).servers_.at(position); }
 
   ruvo_redis client_;
   LogCapture log_;
@@ -65,13 +59,13 @@ TEST_F(Execution, RepliesBecomeCodes) {
     int code;
     bool handed_over;
   } const cases[] = {
-      {"+OK\r\n", 0, true},          {"$3\r\nabc\r\n", 0, true}, {":7\r\n", 0, true},
+      {"+OK\r\n", 0, true},           {"$3\r\nabc\r\n", 0, true}, {":7\r\n", 0, true},
       {"*1\r\n$1\r\na\r\n", 0, true}, {"$-1\r\n", 10402, false},  {"-ERR no\r\n", -1, false},
   };
   for (const auto& one : cases) {
     const ScriptedServer redis{std::string(one.reply)};
     ruvo_redis client;
-    server_pool& pool = const_cast<server_pool&>(client.getPool(eTempServer));
+    server_pool& pool = pool_in(client);
     ASSERT_EQ(client.init_server_pool(redis.addr(), pool, eTempServer), 0);
     redisReply untouched{};
     redisReply* reply = &untouched;
@@ -84,14 +78,17 @@ TEST_F(Execution, RepliesBecomeCodes) {
     EXPECT_EQ(client.do_exec_command("k", reply, false, eTempServer, "GET k"), one.code);
     EXPECT_EQ(reply, &untouched);
   }
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::do_exec_command | exec key:k failed, redis reply str:ERR no."), 2);
+  EXPECT_EQ(
+      log_.count(ERROR, "ruvo_redis::do_exec_command | exec key:k failed, redis reply str:ERR no."),
+      2);
 }
 
 TEST_F(Execution, ANilReplyNamesItsPool) {
   const ScriptedServer redis{std::string("$-1\r\n")};
   start(redis.addr());
   const auto line = [](const std::string& word) {
-    return "ruvo_redis::do_exec_command | redis key:k, persistence:" + word + ", redis reply is nil";
+    return "ruvo_redis::do_exec_command | redis key:k, persistence:" + word +
+           ", redis reply is nil";
   };
   for (const int type : {1, 2, 3, -1}) {
     EXPECT_EQ(get("k", static_cast<RedisServerType>(type)), 10402);
@@ -107,7 +104,7 @@ TEST_F(Execution, RebuildsABrokenConnectionAndSendsAgain) {
   RedisServer redis;
   start(redis.addr(), "p_server_failure_limit = 9");
   ASSERT_EQ(client_.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0);
-  client_.update_server_failed(const_cast<server_node*>(&server(0)), eTempServer);
+  client_.update_server_failed(&server(0), eTempServer);
   redis.restart();
   EXPECT_EQ(get("k"), 10402);  // answered, by a server that has forgotten
   EXPECT_EQ(server(0).failure_count_, 0);
@@ -144,9 +141,7 @@ TEST_F(Execution, EveryWayToBreakAConnectionLeadsToTheNextServer) {
     ruvo_redis client;
     const HostConfig config("socket_timeout = 60\ntemp_server = " + bad.addr() + "," + good.addr() +
                             "\npersist_server = " + good.addr());
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(client.init(config.path()), 0);
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(init_client(client, config), 0);
     log_.clear();
     EXPECT_EQ(client.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0) << one.what;
     EXPECT_EQ(bad.connections(), 2) << one.what;  // one rebuild, one resend
@@ -196,7 +191,7 @@ TEST_F(Execution, AServerWithoutSlotsCountsAsFailedAndIsPassedBy) {
   const RedisServer open;
   ASSERT_EQ(ruvo_cfg.open("[server]\np_password = wrong", true), 0);
   // The open server refuses a password as well, so it joins the pool without one.
-  server_pool& pool = const_cast<server_pool&>(client_.getPool(eTempServer));
+  server_pool& pool = pool_in(client_);
   ASSERT_EQ(client_.init_server_pool(guarded.addr(), pool, eTempServer), 0);
   ASSERT_EQ(ruvo_cfg.open("[server]", true), 0);
   ASSERT_EQ(client_.init_server_pool(open.addr(), pool, eTempServer), 0);
@@ -209,7 +204,7 @@ TEST_F(Execution, AServerWithoutSlotsCountsAsFailedAndIsPassedBy) {
 TEST_F(Execution, ASlotWithoutAContextIsRebuiltSilently) {
   const RedisServer redis;
   start(redis.addr());
-  auto& slot = const_cast<conn_node&>(server(0).context_arr_[0]);
+  conn_node& slot = server(0).context_arr_[0];
   redisFree(std::exchange(slot.context_, nullptr));
   EXPECT_EQ(get("k"), 10402);
   EXPECT_EQ(log_.count_containing("connection err"), 0);

@@ -2,51 +2,23 @@
 #include <gtest/gtest.h>
 #include <ruvo/ruvo.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <future>
-#include <new>
 #include <thread>
 
+#include "failing_memory.h"
 #include "host.h"
+#include "quiet_console.h"
 #include "redis_server.h"
 #include "scripted_server.h"
-
-// ---- The process's allocation functions, counted and made to fail ----
-
-namespace {
-
-thread_local int allocations = 0;
-thread_local bool no_memory = false;
-
-void* allocate(std::size_t size) {
-  ++allocations;
-  return no_memory ? nullptr : std::malloc(size > 0 ? size : 1);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (void* memory = allocate(size)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
 // Initialises the library in this process, quietly.
 int init(const char* config) {
-  testing::internal::CaptureStdout();
-  const int ret = RUVO_Init(config);
-  testing::internal::GetCapturedStdout();
-  return ret;
+  const QuietConsole quiet;
+  return RUVO_Init(config);
 }
 
 TEST(Memory, WithoutAnInstanceEveryCallSaysSo) {
@@ -177,8 +149,8 @@ TEST(Threads, ManyShareFewConnectionsWhileServersComeAndGo) {
 }
 
 TEST(Results, EveryCodeHasAText) {
-  for (const int code : {0, 1, 2, 3, -1, -2, 10102, 10106, 10107, 10109, 10111, 10112, 10113, 10115,
-                         10402, 10405}) {
+  for (const int code :
+       {0, 1, 2, 3, -1, -2, 10102, 10106, 10107, 10109, 10111, 10112, 10113, 10115, 10402, 10405}) {
     EXPECT_STRNE(ruvo_result_text(code), ruvo_result_text(4)) << code;
   }
 }

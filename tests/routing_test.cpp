@@ -1,9 +1,8 @@
 // Choice of server and connection, ejection and retry, rebuilding. The clock is the test's.
 #include <gtest/gtest.h>
 
-#include "host.h"
+#include "client.h"
 #include "redis_server.h"
-#include "ruvo_redis.h"
 #include "scripted_server.h"
 
 namespace {
@@ -31,10 +30,7 @@ class Routing : public testing::Test {
     const std::string down = "127.0.0.1:" + std::to_string(free_port());
     const HostConfig config(all_pools_at(addrs.empty() ? down + "," + down + "," + down : addrs),
                             server_settings);
-    testing::internal::CaptureStdout();
-    client_.init(config.path());
-    testing::internal::GetCapturedStdout();
-    ruvo_cfg.close();
+    init_client(client_, config);
     log_.clear();
   }
   // The positions of the next servers in turn; -1 where there is none.
@@ -131,7 +127,7 @@ TEST_F(Routing, GivesUpWhenAllServersAreEjected) {
   EXPECT_EQ(log_.count_containing("ruvo_redis::is_server_valid | server,ip:"), 3);
   EXPECT_EQ(log_.count(INFO, "ruvo_redis::get_server_node | all servers invalid"), 1);
   EXPECT_EQ(turns(1, -1, ePersistServer), positions{0});  // each pool has servers of its own
-  client_.update_server_ok(const_cast<server_node*>(&client_.getPool(eTempServer).servers_[2]));
+  client_.update_server_ok(&pool_in(client_).servers_[2]);
   EXPECT_EQ(turns(1), positions{2});
 }
 
@@ -151,10 +147,10 @@ TEST_F(Routing, LimitsOfEjection) {
     ruvo_redis client;
     const std::string down = "127.0.0.1:" + std::to_string(free_port());
     ASSERT_EQ(ruvo_cfg.open(std::string("[server]\n") + one.settings, true), 0);
-    server_pool& pool = const_cast<server_pool&>(client.getPool(eTempServer));
+    server_pool& pool = pool_in(client);
     client.init_server_pool(down + "," + down, pool, eTempServer);
     for (int i = 0; i < one.failures; ++i) {
-      client.update_server_failed(&pool.servers_[0], eTempServer);
+      client.update_server_failed(pool.servers_.data(), eTempServer);
     }
     EXPECT_EQ(client.get_server_node(eTempServer, 0)->index_, static_cast<std::size_t>(one.found))
         << one.settings;
@@ -185,16 +181,17 @@ TEST_F(Routing, RebuildsAConnectionWithThePersistentPoolsPassword) {
     }
   });
   start("p_password = temporary\nt_password = persistent", server.addr());
-  auto& node = const_cast<server_node&>(client_.getPool(ePersonalityServer).servers_[0]);
+  server_node& node = pool_in(client_, ePersonalityServer).servers_[0];
   conn_node& conn = node.context_arr_[0];
   const redisContext* fresh = client_.reset_connection(conn, node.addr_);
   ASSERT_NE(fresh, nullptr);
   EXPECT_EQ(fresh, conn.context_);
   EXPECT_EQ(log_.count_containing("ruvo_redis::reset_connection | reset connection,ip:127.0.0.1"),
             1);
-  EXPECT_EQ(log_.count(DEBUG,
-                       "ruvo_redis::reset_connection | redisSetTimeOut time_out:1000 (ms), success"),
-            1);
+  EXPECT_EQ(
+      log_.count(DEBUG,
+                 "ruvo_redis::reset_connection | redisSetTimeOut time_out:1000 (ms), success"),
+      1);
   const std::scoped_lock lock(mutex);
   EXPECT_EQ(passwords, (std::vector<std::string>{"temporary", "persistent", "persistent"}));
 }
@@ -209,9 +206,9 @@ TEST_F(Routing, AFailedRebuildKeepsTheOldContextAndLeaksNothing) {
       peer.answer_all("+OK\r\n");
     }
   });
-  start("t_password = secret", refuses.addr() + "," + goes.addr() + ",127.0.0.1:" +
-                                   std::to_string(free_port()));
-  auto& servers = const_cast<server_pool&>(client_.getPool(eTempServer)).servers_;
+  start("t_password = secret",
+        refuses.addr() + "," + goes.addr() + ",127.0.0.1:" + std::to_string(free_port()));
+  auto& servers = pool_in(client_).servers_;
   const int descriptors = open_descriptors();
   for (int i = 0; i < 1000; ++i) {
     for (server_node& server : servers) {

@@ -84,9 +84,10 @@ TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
     std::string common;
     int result;
   } const cases[] = {
-      {pools(up, up, up), 0},     {pools(down, up, up), 1},     {pools(up, down, up), 2},
-      {pools(down, "", ""), 3},   {pools("no port", up, up), 1}, {pools(up, up, down), 0},
-      {pools(up, up, ""), 0},     {pools(up + "," + down, up, up), 0},
+      {pools(up, up, up), 0},        {pools(down, up, up), 1},
+      {pools(up, down, up), 2},      {pools(down, "", ""), 3},
+      {pools("no port", up, up), 1}, {pools(up, up, down), 0},
+      {pools(up, up, ""), 0},        {pools(up + "," + down, up, up), 0},
   };
   for (const auto& one : cases) {
     const HostConfig config(one.common);
@@ -112,8 +113,8 @@ TEST_F(Startup, TellsItsStoryToLogAndConsole) {
   }
   EXPECT_EQ(log_.count(ERROR, "t_par_val: " + redis.addr() + "\n"), 1);
   EXPECT_EQ(log_.count(ERROR, "p_par_val: " + redis.addr() + "\n"), 1);
-  EXPECT_EQ(log_.count(INFO, "ruvo_redis::init | " + both + ", persist_server addr = " +
-                                 redis.addr() + "."),
+  EXPECT_EQ(log_.count(INFO, "ruvo_redis::init | " + both +
+                                 ", persist_server addr = " + redis.addr() + "."),
             1);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | invalid server addr:bad"), 1);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | personality server pool init failed, 10109"), 1);
@@ -239,9 +240,8 @@ TEST_F(Startup, ReadsTheSettingsOfEachPool) {
 
 TEST_F(Startup, MalformedListsFailTheirPoolWhole) {
   const RedisServer redis;
-  for (const std::string& addrs :
-       {std::string("host"), redis.addr() + ",", redis.addr() + ":1", redis.addr() + ",a:1:2",
-        std::string(" , "), std::string("")}) {
+  for (const std::string& addrs : {std::string("host"), redis.addr() + ",", redis.addr() + ":1",
+                                   redis.addr() + ",a:1:2", std::string(" , "), std::string("")}) {
     ruvo_redis client;
     server_pool pool;
     EXPECT_EQ(client.init_server_pool(addrs, pool, eTempServer), RUVO_ERR_ADDRESS_LIST) << addrs;

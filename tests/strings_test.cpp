@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "host.h"
+#include "quiet_console.h"
 #include "redis_server.h"
 #include "scripted_server.h"
 
@@ -19,9 +20,8 @@ constexpr auto ERROR = BaseLib::Logger::ERROR;
 class Session {
  public:
   explicit Session(const std::string& addrs) : config_(all_pools_at(addrs)) {
-    testing::internal::CaptureStdout();
+    const QuietConsole quiet;
     EXPECT_EQ(RUVO_Init(config_.path()), RUVO_OK);
-    testing::internal::GetCapturedStdout();
   }
   ~Session() { RUVO_Fini(); }
   Session(const Session&) = delete;
@@ -82,8 +82,9 @@ TEST_F(Strings, StoreAndFetchAnyBytes) {
   EXPECT_EQ(query(""), "empty key");
   EXPECT_EQ(insert("key with blanks %s", "x", -1, 77), RUVO_OK);
   EXPECT_EQ(query("key with blanks %s", ePersonalityServer), "x");
-  EXPECT_EQ(log_.count(DEBUG, "ruvo_redis::insert_key | key key with blanks %s successfully inserted."),
-            1);
+  EXPECT_EQ(
+      log_.count(DEBUG, "ruvo_redis::insert_key | key key with blanks %s successfully inserted."),
+      1);
   EXPECT_EQ(log_.count(DEBUG, "ruvo_redis::query_key | querying key k succeeded."), 5);
 }
 
@@ -142,7 +143,10 @@ TEST_F(Strings, ACounterLivesUntilMidnight) {
   };
   EXPECT_EQ(increase("n"), 1);
   EXPECT_NEAR(static_cast<double>(ttl("n")), to_midnight(), 2);
-  EXPECT_EQ(log_.count(DEBUG, "ruvo_redis::increase_key | key n successfully increased, current value is 1."), 1);
+  EXPECT_EQ(
+      log_.count(DEBUG,
+                 "ruvo_redis::increase_key | key n successfully increased, current value is 1."),
+      1);
   EXPECT_EQ(RUVO_ExpireKey("n", 7, eTempServer, nullptr), RUVO_OK);
   EXPECT_EQ(increase("n"), 2);
   EXPECT_LE(ttl("n"), 7);
@@ -201,8 +205,8 @@ TEST(StringsWithoutStart, AreRefusedByName) {
   EXPECT_EQ(RUVO_FreeResult("k"), RUVO_ERR_NOT_INITIALIZED);
   for (const char* name : {"insert_key", "append_key", "increase_key", "query_key", "exists_key",
                            "delete_key", "expire_key", "persist_key", "free_result"}) {
-    EXPECT_EQ(
-        log.count(ERROR, std::string("ruvo_redis::") + name + " | redis is not initialized"), 1);
+    EXPECT_EQ(log.count(ERROR, std::string("ruvo_redis::") + name + " | redis is not initialized"),
+              1);
   }
 }
 

@@ -74,8 +74,12 @@ TEST(Trim, BothForms) {
     char trim_char;
     std::string trimmed;
   } const cases[] = {
-      {"", ' ', ""},           {" \t\r\n", ' ', ""},     {" a b ", ' ', "a b"},
-      {"\t a \t", '\t', " a "}, {"\x80 \xFF", ' ', "\x80 \xFF"}, {"xxaxx", 'x', "a"},
+      {"", ' ', ""},
+      {" \t\r\n", ' ', ""},
+      {" a b ", ' ', "a b"},
+      {"\t a \t", '\t', " a "},
+      {"\x80 \xFF", ' ', "\x80 \xFF"},
+      {"xxaxx", 'x', "a"},
   };
   for (const auto& one : cases) {
     std::string text = one.text;
@@ -83,7 +87,7 @@ TEST(Trim, BothForms) {
     EXPECT_EQ(text, one.trimmed);
     std::string buffer = one.text;
     sp::trim_str(buffer.data(), one.trim_char);
-    EXPECT_EQ(std::string(buffer.c_str()), one.trimmed);
+    EXPECT_STREQ(buffer.c_str(), one.trimmed.c_str());
   }
 }
 
@@ -93,16 +97,22 @@ TEST(Paths, Parent) {
   std::filesystem::create_directory(inner);
   const std::string file = dir.write("inner/file", "");
   const std::string bin = sp::get_bin_path();
-  const std::string above_bin = std::filesystem::path(bin).parent_path().parent_path().string() + "/";
+  const std::string above_bin =
+      std::filesystem::path(bin).parent_path().parent_path().string() + "/";
   struct {
     std::string path;
     std::string parent;
   } const cases[] = {
-      {"/opt/app/bin/", "/opt/app/"}, {"/", "/"},
-      {"a/", "a/"},                   {"plain", "plain"},
-      {inner, dir.path("")},          {inner + "/", dir.path("")},
-      {file, dir.path("")},           {R"(\\host\share\x)", "/host/"},
-      {"//a///b/c", "//a/"},          {".", above_bin},
+      {"/opt/app/bin/", "/opt/app/"},
+      {"/", "/"},
+      {"a/", "a/"},
+      {"plain", "plain"},
+      {inner, dir.path("")},
+      {inner + "/", dir.path("")},
+      {file, dir.path("")},
+      {R"(\\host\share\x)", "/host/"},
+      {"//a///b/c", "//a/"},
+      {".", above_bin},
   };
   for (const auto& one : cases) {
     EXPECT_EQ(sp::parent_path(one.path.c_str()), one.parent) << one.path;

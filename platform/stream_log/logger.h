@@ -7,8 +7,8 @@
 //
 //   2024-05-01 12:30:15.123456 4711 INFO server.cpp:42 started, pid 4711
 //
-// (local time, thread id, level, file and line, text). By default it goes to standard error with one
-// write(2). A host that logs elsewhere sets an output once:
+// (local time, thread id, level, file and line, text). By default it goes to standard error with
+// one write(2). A host that logs elsewhere sets an output once:
 //
 //   void to_syslog(BaseLib::Logger::LogLevel level, const char* line, std::size_t length) {
 //     syslog(level >= BaseLib::Logger::ERROR ? LOG_ERR : LOG_INFO, "%.*s", int(length), line);
@@ -19,8 +19,8 @@
 // Or it brings its own libstream_log.so.1: a library built from this header that defines what is
 // declared here and not defined inline.
 //
-// The constructor does not look at the threshold: who logs tests logLevel() first and does not build
-// a line that nobody will see. No level ends the process, FATAL included.
+// The constructor does not look at the threshold: who logs tests logLevel() first and does not
+// build a line that nobody will see. No level ends the process, FATAL included.
 //
 // Threads: setLogLevel, setOutput and the writing of lines are safe from any number of threads. An
 // output is called from every thread that logs, possibly from several at once. A Logger object

@@ -127,20 +127,22 @@ inline int split_str(const char* str, str_arr& subs_array, const char* spliter, 
 }
 
 // Copies at most `maxcnt` - 1 bytes of `src` to `dst` and always terminates; a null `src` gives an
-// empty text. Where both are the same buffer, it is only terminated at its last byte. Returns `dst`.
+// empty text. Where both are the same buffer, it is only terminated at its last byte. Returns
+// `dst`.
 inline char* strsncpy(char* dst, const char* src, std::size_t maxcnt) {
   if (dst == nullptr || maxcnt == 0) return dst;
   if (dst == src) {
     dst[maxcnt - 1] = '\0';
     return dst;
   }
-  dst[0] = '\0';
-  if (src != nullptr) std::strncat(dst, src, maxcnt - 1);
+  const std::size_t length = src != nullptr ? strnlen(src, maxcnt - 1) : 0;
+  if (length > 0) std::memcpy(dst, src, length);
+  dst[length] = '\0';
   return dst;
 }
 
-// The directory of the running executable, with a trailing "/"; empty when the system does not tell,
-// which is said on standard error. The handle is not used.
+// The directory of the running executable, with a trailing "/"; empty when the system does not
+// tell, which is said on standard error. The handle is not used.
 inline std::string get_bin_path(IU_HANDLE hmod = nullptr) {
   (void)hmod;
   char buffer[detail::max_path_length] = {};
@@ -161,8 +163,8 @@ inline std::string parent_path(const char* path) {
   if (path == nullptr || std::strcmp(path, ".") == 0) {
     directory = get_bin_path();
   } else {
-    directory = detail::normalise_separators(
-        std::string(path, strnlen(path, detail::max_path_length)));
+    directory =
+        detail::normalise_separators(std::string(path, strnlen(path, detail::max_path_length)));
     if (!directory.empty() && directory[directory.size() - 1] != '/' &&
         detail::is_directory(directory)) {
       directory += '/';

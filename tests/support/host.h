@@ -22,7 +22,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<Line> take();                          // all lines since the last call
+  std::vector<Line> take();  // all lines since the last call
   int count(BaseLib::Logger::LogLevel level, const std::string& text) const;  // whole texts
   int count_containing(const std::string& part) const;
   void clear() { take(); }

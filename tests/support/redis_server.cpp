@@ -42,9 +42,9 @@ RedisServer::RedisServer(std::vector<std::string> options) : options_(std::move(
 RedisServer::~RedisServer() { kill(); }
 
 bool RedisServer::start() {
-  std::vector<std::string> words{"redis-server", "--port", std::to_string(port_),
-                                 "--bind", "127.0.0.1", "--save", "",
-                                 "--appendonly", "no", "--logfile", ""};
+  std::vector<std::string> words{
+      "redis-server", "--port", std::to_string(port_), "--bind", "127.0.0.1", "--save", "",
+      "--appendonly", "no",     "--logfile",           ""};
   words.insert(words.end(), options_.begin(), options_.end());
   std::vector<char*> argv;
   for (std::string& word : words) {

@@ -133,8 +133,8 @@ int vop_config::close() {
   return 0;
 }
 
-// Works on the shared reader whatever object it is called on: modules of the process hold readers of
-// their own and use this one call to refresh the shared one.
+// Works on the shared reader whatever object it is called on: modules of the process hold readers
+// of their own and use this one call to refresh the shared one.
 int vop_config::cfg_reload(const char* config_path) {  // NOLINT(readability-convert-member-*)
   vop_config* shared = Busin_Conf_Instance();
   shared->cfg_path_.clear();

@@ -2,8 +2,8 @@
 //
 //   # comment                     Lines that begin with "#" or ";" are comments; there are no
 //   ; comment                     trailing ones.
-//   [common]                      A header is a line that begins with "[" and whose first "]" is its
-//   connect_timeout = 100         last byte; the name is what stands between, blanks included.
+//   [common]                      A header is a line that begins with "[" and whose first "]" is
+//   its connect_timeout = 100         last byte; the name is what stands between, blanks included.
 //   url = a=b                     The first "=" splits key and value; both are trimmed. Quotes are
 //   empty =                       part of the text. Lines that fit no rule are skipped.
 //
@@ -75,8 +75,8 @@ class RUVO_CONFIG_API vop_config {
   int open(const char* config_path);
 
   // With `isCfgContent`, loads the text itself in place of everything loaded before; the recorded
-  // path and file time stay. Without it, takes the text as a path. Returns 0, or -1 when the text is
-  // empty (said on standard output; what was loaded then stays).
+  // path and file time stay. Without it, takes the text as a path. Returns 0, or -1 when the text
+  // is empty (said on standard output; what was loaded then stays).
   int open(const std::string& config_string, bool isCfgContent);
 
   // Drops everything that is loaded. Returns 0.
@@ -100,8 +100,8 @@ class RUVO_CONFIG_API vop_config {
   // is then left alone).
   int enum_sec_key(const char* sec_name, std::vector<std::string>& key_arr) const;
 
-  // The value, or null when section or key is absent, null or empty, or the value is empty. The text
-  // belongs to the reader and is valid until the next open, close or cfg_reload.
+  // The value, or null when section or key is absent, null or empty, or the value is empty. The
+  // text belongs to the reader and is valid until the next open, close or cfg_reload.
   const char* get_str_val(const char* sec_name, const char* key) const;
 
   // "1" or "true" and "0" or "false" in any letter case; `def_val` for everything else.

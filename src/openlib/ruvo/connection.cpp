@@ -8,6 +8,11 @@
 
 namespace {
 
+// Bytes of its reading buffer that a connection keeps for its next reply. By default hiredis gives
+// the buffer back after every reply of more than 16 KiB and grows it anew for the next one, which
+// costs more than the reply itself.
+constexpr std::size_t kept_reply_buffer = std::size_t{1} << 20U;
+
 bool sets_limit(const timeval& timeout) { return timeout.tv_sec > 0 || timeout.tv_usec > 0; }
 
 }  // namespace
@@ -18,8 +23,12 @@ context_ptr open_connection(const server_addr& addr, const timeval& timeout) {
   }
   const char* ip = addr.ip_.c_str();
   const int port = static_cast<int>(addr.port_);
-  return context_ptr(sets_limit(timeout) ? redisConnectWithTimeout(ip, port, timeout)
-                                         : redisConnect(ip, port));
+  context_ptr context(sets_limit(timeout) ? redisConnectWithTimeout(ip, port, timeout)
+                                          : redisConnect(ip, port));
+  if (context && context->reader != nullptr) {
+    context->reader->maxbuf = kept_reply_buffer;
+  }
+  return context;
 }
 
 std::optional<int> set_socket_timeout(redisContext& context, const timeval& timeout) {

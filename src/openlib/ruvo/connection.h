@@ -10,7 +10,8 @@
 #include "exchange.h"
 #include "server_pool.h"
 
-// A new connection, within `timeout` where that sets a limit. Null or in error state when it failed.
+// A new connection, within `timeout` where that sets a limit. Null or in error state when it
+// failed.
 context_ptr open_connection(const server_addr& addr, const timeval& timeout);
 
 // A slot's context may be missing altogether; that is treated like one in error state.
@@ -26,8 +27,9 @@ inline const char* error_text(const redisContext* context) {
 // Limits each read and write on the socket; hiredis' result, or nothing when no limit is set.
 std::optional<int> set_socket_timeout(redisContext& context, const timeval& timeout);
 
-// Sends the password, if there is one. False when the connection is to be given up; the log says why
-// if the server did. The socket time-out is to be set before: a server may accept and never answer.
+// Sends the password, if there is one. False when the connection is to be given up; the log says
+// why if the server did. The socket time-out is to be set before: a server may accept and never
+// answer.
 bool authenticate(redisContext& context, const server_addr& addr, const std::string& password);
 
 #endif

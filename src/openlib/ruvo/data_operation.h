@@ -17,8 +17,8 @@ enum class reply_policy {
 };
 
 struct data_operation {
-  const char* origin;     // class and method that its log lines begin with
-  const char* null_text;  // what the log says when a required pointer is null
+  const char* origin;                  // class and method that its log lines begin with
+  const char* null_text;               // what the log says when a required pointer is null
   const char* failed_origin = origin;  // some name another method here: log filters match them
   BaseLib::Logger::LogLevel absent_level = BaseLib::Logger::ERROR;  // at which a nil reply is told
   reply_policy policy = reply_policy::strict;
@@ -29,8 +29,8 @@ constexpr reply_ptr* no_reply = nullptr;  // to run(): the operation wants only 
 // Is the reply of this type? If not, the log says so.
 bool has_type(const data_operation& operation, const reply_ptr& reply, int type, const char* key);
 
-// Stores the bytes of a reply in a buffer for the caller, see RUVO_QueryKey. RUVO_ERR_NO_MEMORY when
-// there is none.
+// Stores the bytes of a reply in a buffer for the caller, see RUVO_QueryKey. RUVO_ERR_NO_MEMORY
+// when there is none.
 int copy_out(const redisReply& reply, const char** data, unsigned long* len);
 
 #endif

@@ -7,8 +7,8 @@ namespace {
 
 // Keeps the SIGPIPE of a write to a closed socket away from the host: hiredis writes with write(2),
 // which cannot be told not to raise it. The signal is blocked in this thread, and one that the
-// exchange raised is consumed before the mask is put back. One that was pending before is the host's
-// and stays.
+// exchange raised is consumed before the mask is put back. One that was pending before is the
+// host's and stays.
 class sigpipe_block {
  public:
   sigpipe_block() {

@@ -44,9 +44,9 @@ reply_ptr ruvo_redis::visit(walk_path path, const char* key, conn_node& conn, se
   return send_vcommand(*fresh, format, args);
 }
 
-// The typed path goes on with the next position of the same pool. The raw path takes the position as
-// the number of a pool, and that pool's next server in turn: deployed systems rely on raw commands
-// reaching the other pools.
+// The typed path goes on with the next position of the same pool. The raw path takes the position
+// as the number of a pool, and that pool's next server in turn: deployed systems rely on raw
+// commands reaching the other pools.
 server_node* ruvo_redis::next_server(walk_path path, const server_node& server,
                                      RedisServerType redisSrvType) {
   const int next = static_cast<int>(server.index_) + 1;
@@ -57,18 +57,17 @@ server_node* ruvo_redis::next_server(walk_path path, const server_node& server,
 // Bounds the walk: one that crosses pools can turn for ever, and a typed one could be held for a
 // whole retry time-out by a server that accepts connections and never answers.
 std::size_t ruvo_redis::visit_limit(walk_path path, RedisServerType redisSrvType) const {
-  const std::size_t servers = path == walk_path::raw ? t_pool_.servers_.size() +
-                                                           p_pool_.servers_.size() +
-                                                           personality_pool_.servers_.size()
-                                                     : getPool(redisSrvType).servers_.size();
+  const std::size_t servers =
+      path == walk_path::raw
+          ? t_pool_.servers_.size() + p_pool_.servers_.size() + personality_pool_.servers_.size()
+          : getPool(redisSrvType).servers_.size();
   return visits_per_server * servers;
 }
 
-// Visits servers until one replies. Each visit holds the lock of one connection, also while the next
-// server is chosen, and lets it go before the next is taken.
-ruvo_redis::walk_end ruvo_redis::walk(walk_path path, const char* key,
-                                      RedisServerType redisSrvType, const char* format,
-                                      va_list args, reply_ptr& reply) {
+// Visits servers until one replies. Each visit holds the lock of one connection, also while the
+// next server is chosen, and lets it go before the next is taken.
+ruvo_redis::walk_end ruvo_redis::walk(walk_path path, const char* key, RedisServerType redisSrvType,
+                                      const char* format, va_list args, reply_ptr& reply) {
   server_node* server = get_server_node(redisSrvType, -1);
   if (server == nullptr) {
     return walk_end::no_server_at_start;
@@ -125,9 +124,8 @@ int ruvo_redis::exec_command(const char* key, reply_ptr* reply, RedisServerType 
   }
   if (received->type == REDIS_REPLY_NIL) {
     // Every pool counts as persistent here, only the number 0 does not; log filters expect it.
-    RUVO_LOG(WARN,
-             "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil", key,
-             static_cast<int>(redisSrvType) != 0 ? "true" : "false");
+    RUVO_LOG(WARN, "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil",
+             key, static_cast<int>(redisSrvType) != 0 ? "true" : "false");
     return RUVO_ERR_NOT_FOUND;
   }
   if (reply != nullptr) {
@@ -141,8 +139,7 @@ int ruvo_redis::do_exec_command(const char* key, redisReply*& reply, bool need_r
   reply_ptr received;
   va_list args;
   va_start(args, format);
-  const int ret =
-      exec_command(key, need_reply ? &received : nullptr, redisSrvType, format, args);
+  const int ret = exec_command(key, need_reply ? &received : nullptr, redisSrvType, format, args);
   va_end(args);
   if (received) {
     reply = received.release();

@@ -6,12 +6,12 @@
 
 namespace {
 
-// One directive, taken apart. Positions ("%2$d") and length modifiers ("%lld") are read and dropped:
-// every argument is zero, which prints alike at any position and in any size.
+// One directive, taken apart. Positions ("%2$d") and length modifiers ("%lld") are read and
+// dropped: every argument is zero, which prints alike at any position and in any size.
 struct directive {
   std::array<char, 8> flags{};  // each flag once
   int width = 0;
-  int precision = -1;  // -1: none given
+  int precision = -1;      // -1: none given
   char conversion = '\0';  // '\0': the key ends within the directive
 };
 
@@ -90,12 +90,29 @@ int print_zero(const directive& what, char* out, std::size_t room) {
   }
   add("%c", what.conversion);
   switch (what.conversion) {
-    case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'b': case 'B':
-    case 'c': case 'C':
+    case 'd':
+    case 'i':
+    case 'o':
+    case 'u':
+    case 'x':
+    case 'X':
+    case 'b':
+    case 'B':
+    case 'c':
+    case 'C':
       return std::snprintf(out, room, format.data(), 0);
-    case 'a': case 'A': case 'e': case 'E': case 'f': case 'F': case 'g': case 'G':
+    case 'a':
+    case 'A':
+    case 'e':
+    case 'E':
+    case 'f':
+    case 'F':
+    case 'g':
+    case 'G':
       return std::snprintf(out, room, format.data(), 0.0);
-    case 's': case 'S': case 'p':
+    case 's':
+    case 'S':
+    case 'p':
       return std::snprintf(out, room, format.data(), static_cast<const void*>(nullptr));
     case 'm':
       return std::snprintf(out, room, format.data());

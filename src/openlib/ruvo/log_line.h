@@ -3,7 +3,8 @@
 //   RUVO_LOG(WARN, "ruvo_redis::reset_connection | reset connection,ip:%s port:%d", ip, port);
 //
 // The threshold is tested first: a line that nobody will see costs that test, and its arguments are
-// not looked at. A line that passes is formatted into a fixed buffer, where it is cut at 1023 bytes.
+// not looked at. A line that passes is formatted into a fixed buffer, where it is cut at 1023
+// bytes.
 #ifndef RUVO_LOG_LINE_H
 #define RUVO_LOG_LINE_H
 
@@ -13,11 +14,11 @@ inline bool is_logged(BaseLib::Logger::LogLevel level) {
   return BaseLib::Logger::logLevel() <= level;
 }
 
-#define RUVO_LOG_AT(level, ...)                                \
-  do {                                                         \
-    if (is_logged(level)) {                                    \
-      write_log_line(__FILE__, __LINE__, level, __VA_ARGS__);  \
-    }                                                          \
+#define RUVO_LOG_AT(level, ...)                               \
+  do {                                                        \
+    if (is_logged(level)) {                                   \
+      write_log_line(__FILE__, __LINE__, level, __VA_ARGS__); \
+    }                                                         \
   } while (false)
 
 #define RUVO_LOG(level, ...) RUVO_LOG_AT(BaseLib::Logger::level, __VA_ARGS__)

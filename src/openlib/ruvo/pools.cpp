@@ -58,8 +58,8 @@ void read_settings(server_pool& pool, RedisServerType type) {
                keys.connect_num, conn_num, pool.conn_num_);
     }
     pool.auto_eject_ = ruvo_cfg.get_bool_val(section, keys.auto_eject, pool.auto_eject_);
-    pool.failure_limit_ = static_cast<std::uint32_t>(ruvo_cfg.get_int_val(
-        section, keys.failure_limit, static_cast<int>(pool.failure_limit_)));
+    pool.failure_limit_ = static_cast<std::uint32_t>(
+        ruvo_cfg.get_int_val(section, keys.failure_limit, static_cast<int>(pool.failure_limit_)));
     pool.retry_timeout_ = ruvo_cfg.get_int_val(section, keys.retry_timeout, pool.retry_timeout_);
     if (const char* password = ruvo_cfg.get_str_val(section, keys.password)) {
       pool.redis_password_ = password;
@@ -173,8 +173,8 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
 int ruvo_redis::fini_server_pool(server_pool& pool) {
   for (server_node& server : pool.servers_) {
     close_slots(server);
-    RUVO_LOG(INFO, "ruvo_redis::fini | disconnect redis node %s port:%d.",
-             server.addr_.ip_.c_str(), static_cast<int>(server.addr_.port_));
+    RUVO_LOG(INFO, "ruvo_redis::fini | disconnect redis node %s port:%d.", server.addr_.ip_.c_str(),
+             static_cast<int>(server.addr_.port_));
   }
   pool.servers_.clear();
   return RUVO_OK;

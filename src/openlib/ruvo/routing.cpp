@@ -65,8 +65,8 @@ server_node* ruvo_redis::get_server_node(RedisServerType redisSrvType, int svc_i
         break;
       }
       candidate = &pool.servers_[next];
-      RUVO_LOG(DEBUG, "ruvo_redis::get_server_node | try next server:%s,port:%d",
-               ip_of(*candidate), port_of(*candidate));
+      RUVO_LOG(DEBUG, "ruvo_redis::get_server_node | try next server:%s,port:%d", ip_of(*candidate),
+               port_of(*candidate));
     }
   }
   RUVO_LOG(INFO, "ruvo_redis::get_server_node | all servers invalid");
@@ -143,9 +143,9 @@ redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
   if (timeout.value_or(REDIS_OK) != REDIS_OK) {
     RUVO_LOG(ERROR, "ruvo_redis::reset_connection | redisSetTimeOut err, ret:%d", *timeout);
   } else if (timeout) {
-    RUVO_LOG(DEBUG, "ruvo_redis::reset_connection | redisSetTimeOut time_out:%d (ms), success",
-             static_cast<int>(socket_timeout_tv_.tv_sec * 1000 +
-                              socket_timeout_tv_.tv_usec / 1000));
+    RUVO_LOG(
+        DEBUG, "ruvo_redis::reset_connection | redisSetTimeOut time_out:%d (ms), success",
+        static_cast<int>(socket_timeout_tv_.tv_sec * 1000 + socket_timeout_tv_.tv_usec / 1000));
   }
   redisFree(conn.context_);
   conn.context_ = fresh.release();

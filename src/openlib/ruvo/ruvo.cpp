@@ -63,8 +63,7 @@ int RUVO_AppendKey(const char* key, const char* data, unsigned long len, int red
   return forward_code(&ruvo_redis::append_key, key, data, len, pool(redisSrvType), server_addr);
 }
 
-int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvType,
-                     const char* server_addr) {
+int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvType, const char* server_addr) {
   return forward_code(&ruvo_redis::increase_key, key, value, pool(redisSrvType), server_addr);
 }
 

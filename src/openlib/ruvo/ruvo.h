@@ -22,11 +22,11 @@
 // requests go to them in turn.
 //
 // PARAMETERS. `key` is a zero-terminated text. Values, fields and members with a length (in bytes)
-// may hold any bytes, zero bytes included. `redisSrvType` is a RedisServerType; it is never refused:
-// 2 and 3 name their pools, every other number the temporary one. `server_addr` is not used: pass
-// NULL. Time-outs of keys are in seconds. What a pointer parameter points to stays the caller's and
-// is not kept beyond the call; memory that the library hands out is released with RUVO_FreeResult
-// or RUVO_FreeReplyObject, as the function says.
+// may hold any bytes, zero bytes included. `redisSrvType` is a RedisServerType; it is never
+// refused: 2 and 3 name their pools, every other number the temporary one. `server_addr` is not
+// used: pass NULL. Time-outs of keys are in seconds. What a pointer parameter points to stays the
+// caller's and is not kept beyond the call; memory that the library hands out is released with
+// RUVO_FreeResult or RUVO_FreeReplyObject, as the function says.
 //
 // RESULTS. An int result is one of the RUVO_ codes below. Besides the codes that a function names,
 // every data operation may return
@@ -59,8 +59,8 @@
 // SIGNALS AND EXCEPTIONS. A connection that its server has closed does not raise SIGPIPE in the
 // host. No function throws.
 //
-// LOG. What goes wrong is written through BaseLib::Logger (stream_log/logger.h). At level DEBUG some
-// operations print the caller's field, value or member as a zero-terminated text, whatever its
+// LOG. What goes wrong is written through BaseLib::Logger (stream_log/logger.h). At level DEBUG
+// some operations print the caller's field, value or member as a zero-terminated text, whatever its
 // length: in a process that logs at DEBUG such buffers must be terminated.
 #ifndef RUVO_RUVO_H
 #define RUVO_RUVO_H
@@ -81,51 +81,68 @@ enum RedisServerType : int {
 #else
 enum RedisServerType {
 #endif
-  eTempServer = 1,       // for what may be lost
-  ePersistServer = 2,    // for what must stay
-  ePersonalityServer = 3 // for what belongs to a single user
+  eTempServer = 1,        // for what may be lost
+  ePersistServer = 2,     // for what must stay
+  ePersonalityServer = 3  // for what belongs to a single user
 };
 
 enum RuvoResult {
   RUVO_OK = 0,
-  RUVO_ABSENT = 1,                  // RUVO_ExistsKey, RUVO_HashFieldExist: it is not there
-  RUVO_INIT_TEMP_POOL_FAILED = 1,   // RUVO_Init: all but the temporary pool is up
-  RUVO_INIT_PERSIST_POOL_FAILED = 2,// RUVO_Init: all but the persistent pool is up
-  RUVO_INIT_BOTH_POOLS_FAILED = 3,  // RUVO_Init: neither pool is up
-  RUVO_ERR_FAILED = -1,             // no usable server, an error reply, an unexpected reply
-  RUVO_NOTHING_DONE = -2,           // nothing popped, in range, added or found
-  RUVO_ERR_NO_CONFIG = 10102,       // no configuration path given
-  RUVO_ERR_NO_REDIS_CONFIG = 10106, // the local configuration names no redis_cfg_path
-  RUVO_ERR_NULL_ARGUMENT = 10107,   // a required pointer is null
-  RUVO_ERR_ADDRESS_LIST = 10109,    // an address list is empty or malformed (in the log only)
-  RUVO_ERR_NOT_INITIALIZED = 10111, // the library is not initialised
-  RUVO_ERR_NO_REPLY = 10112,        // a command succeeded without a reply
-  RUVO_ERR_NO_MEMORY = 10113,       // memory or a mutex could not be obtained
-  RUVO_ERR_CONFIG_FILE = 10115,     // the local configuration file cannot be opened
-  RUVO_ERR_NOT_FOUND = 10402,       // Redis answered nil: the key or field is absent
-  RUVO_ERR_NO_CONNECTION = 10405    // a pool has no good connection (in the log only)
+  RUVO_ABSENT = 1,                    // RUVO_ExistsKey, RUVO_HashFieldExist: it is not there
+  RUVO_INIT_TEMP_POOL_FAILED = 1,     // RUVO_Init: all but the temporary pool is up
+  RUVO_INIT_PERSIST_POOL_FAILED = 2,  // RUVO_Init: all but the persistent pool is up
+  RUVO_INIT_BOTH_POOLS_FAILED = 3,    // RUVO_Init: neither pool is up
+  RUVO_ERR_FAILED = -1,               // no usable server, an error reply, an unexpected reply
+  RUVO_NOTHING_DONE = -2,             // nothing popped, in range, added or found
+  RUVO_ERR_NO_CONFIG = 10102,         // no configuration path given
+  RUVO_ERR_NO_REDIS_CONFIG = 10106,   // the local configuration names no redis_cfg_path
+  RUVO_ERR_NULL_ARGUMENT = 10107,     // a required pointer is null
+  RUVO_ERR_ADDRESS_LIST = 10109,      // an address list is empty or malformed (in the log only)
+  RUVO_ERR_NOT_INITIALIZED = 10111,   // the library is not initialised
+  RUVO_ERR_NO_REPLY = 10112,          // a command succeeded without a reply
+  RUVO_ERR_NO_MEMORY = 10113,         // memory or a mutex could not be obtained
+  RUVO_ERR_CONFIG_FILE = 10115,       // the local configuration file cannot be opened
+  RUVO_ERR_NOT_FOUND = 10402,         // Redis answered nil: the key or field is absent
+  RUVO_ERR_NO_CONNECTION = 10405      // a pool has no good connection (in the log only)
 };
 
 // A short English text for a result code; never null, static.
 static inline const char* ruvo_result_text(int code) {
   switch (code) {
-    case RUVO_OK: return "success";
-    case RUVO_ABSENT: return "absent, or the temporary pool failed";
-    case RUVO_INIT_PERSIST_POOL_FAILED: return "the persistent pool failed";
-    case RUVO_INIT_BOTH_POOLS_FAILED: return "the temporary and the persistent pool failed";
-    case RUVO_ERR_FAILED: return "failed";
-    case RUVO_NOTHING_DONE: return "nothing to do";
-    case RUVO_ERR_NO_CONFIG: return "no configuration path given";
-    case RUVO_ERR_NO_REDIS_CONFIG: return "the configuration names no redis_cfg_path";
-    case RUVO_ERR_NULL_ARGUMENT: return "a required argument is null";
-    case RUVO_ERR_ADDRESS_LIST: return "an address list is empty or malformed";
-    case RUVO_ERR_NOT_INITIALIZED: return "not initialised";
-    case RUVO_ERR_NO_REPLY: return "no reply";
-    case RUVO_ERR_NO_MEMORY: return "out of memory";
-    case RUVO_ERR_CONFIG_FILE: return "the configuration file cannot be opened";
-    case RUVO_ERR_NOT_FOUND: return "not found";
-    case RUVO_ERR_NO_CONNECTION: return "no good connection";
-    default: return "unknown result";
+    case RUVO_OK:
+      return "success";
+    case RUVO_ABSENT:
+      return "absent, or the temporary pool failed";
+    case RUVO_INIT_PERSIST_POOL_FAILED:
+      return "the persistent pool failed";
+    case RUVO_INIT_BOTH_POOLS_FAILED:
+      return "the temporary and the persistent pool failed";
+    case RUVO_ERR_FAILED:
+      return "failed";
+    case RUVO_NOTHING_DONE:
+      return "nothing to do";
+    case RUVO_ERR_NO_CONFIG:
+      return "no configuration path given";
+    case RUVO_ERR_NO_REDIS_CONFIG:
+      return "the configuration names no redis_cfg_path";
+    case RUVO_ERR_NULL_ARGUMENT:
+      return "a required argument is null";
+    case RUVO_ERR_ADDRESS_LIST:
+      return "an address list is empty or malformed";
+    case RUVO_ERR_NOT_INITIALIZED:
+      return "not initialised";
+    case RUVO_ERR_NO_REPLY:
+      return "no reply";
+    case RUVO_ERR_NO_MEMORY:
+      return "out of memory";
+    case RUVO_ERR_CONFIG_FILE:
+      return "the configuration file cannot be opened";
+    case RUVO_ERR_NOT_FOUND:
+      return "not found";
+    case RUVO_ERR_NO_CONNECTION:
+      return "no good connection";
+    default:
+      return "unknown result";
   }
 }
 
@@ -141,8 +158,8 @@ extern "C" {
 // Calls are counted: a call while the library is ready only adds to the count and returns RUVO_OK,
 // and every one of them wants its RUVO_Fini. So does a call while another thread's RUVO_Init runs;
 // it returns RUVO_OK at once, before the library is ready. A start-up that failed is final for the
-// process: every later RUVO_Init returns RUVO_OK without trying again, and operations keep answering
-// RUVO_ERR_NOT_INITIALIZED.
+// process: every later RUVO_Init returns RUVO_OK without trying again, and operations keep
+// answering RUVO_ERR_NOT_INITIALIZED.
 //
 //   RUVO_OK                        ready (the personality pool's outcome shows in the log only)
 //   RUVO_INIT_TEMP_POOL_FAILED     ready, but the temporary pool has no good connection
@@ -166,8 +183,8 @@ RUVO_API int RUVO_Fini(void);
 
 // ---- String keys ----
 
-// Stores `len` bytes under `key`, in place of what was there. `time_out` of -1: for ever; a positive
-// one: for so many seconds. Redis refuses any other (RUVO_ERR_FAILED). `data` is required.
+// Stores `len` bytes under `key`, in place of what was there. `time_out` of -1: for ever; a
+// positive one: for so many seconds. Redis refuses any other (RUVO_ERR_FAILED). `data` is required.
 //   RUVO_OK
 RUVO_API int RUVO_InsertKey(const char* key, const char* data, unsigned long len, int time_out,
                             int redisSrvType, const char* server_addr);
@@ -177,8 +194,9 @@ RUVO_API int RUVO_InsertKey(const char* key, const char* data, unsigned long len
 RUVO_API int RUVO_AppendKey(const char* key, const char* data, unsigned long len, int redisSrvType,
                             const char* server_addr);
 
-// Adds 1 to the number under `key` (absent counts as 0) and stores the sum through `value`. A counter
-// that comes to 1 is set to expire at the next local midnight: this is a counter for the day.
+// Adds 1 to the number under `key` (absent counts as 0) and stores the sum through `value`. A
+// counter that comes to 1 is set to expire at the next local midnight: this is a counter for the
+// day.
 //   RUVO_OK
 RUVO_API int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvType,
                               const char* server_addr);
@@ -216,16 +234,16 @@ RUVO_API int RUVO_PersistKey(const char* key, int redisSrvType, const char* serv
 
 // ---- Hashes ----
 
-// Sets a field of a hash. With a `time_out` other than -1 the whole hash is then set to expire after
-// so many seconds (0 and below: at once), in a command of its own whose outcome does not change the
-// result. `field` and `value` are required.
+// Sets a field of a hash. With a `time_out` other than -1 the whole hash is then set to expire
+// after so many seconds (0 and below: at once), in a command of its own whose outcome does not
+// change the result. `field` and `value` are required.
 //   RUVO_OK
 RUVO_API int RUVO_HashSet(const char* key, const char* field, unsigned long f_len,
                           const char* value, unsigned long v_len, int time_out, int redisSrvType,
                           const char* server_addr);
 
-// Reads a field: `*value` is a buffer of exactly `*v_len` bytes, not zero-terminated and never null,
-// that the caller releases with RUVO_FreeResult. `field` is required.
+// Reads a field: `*value` is a buffer of exactly `*v_len` bytes, not zero-terminated and never
+// null, that the caller releases with RUVO_FreeResult. `field` is required.
 //   RUVO_OK
 //   RUVO_ERR_NOT_FOUND  no such key or field; both results are left alone
 //   RUVO_ERR_NO_MEMORY  no buffer; `*value` is null
@@ -266,7 +284,8 @@ RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long
 // `format` is a hiredis command template: arguments are separated by blanks, and each of %s (text),
 // %b (pointer and size_t length), %d, %u, %ld, %lld and so on takes an argument.
 //
-//   redisReply* reply = (redisReply*)RUVO_ExecRedisCmd(eTempServer, "GETRANGE %s %d %d", key, 0, 3);
+//   redisReply* reply = (redisReply*)RUVO_ExecRedisCmd(eTempServer, "GETRANGE %s %d %d", key, 0,
+//   3);
 //
 // Commands that are sent one by one may go to different servers and connections: what needs a
 // connection of its own (MULTI, SUBSCRIBE, WATCH, SELECT) does not belong here, nor does a command
@@ -290,16 +309,16 @@ RUVO_API int RUVO_LRem(const char* key, int count, const char* value, int redisS
                        const char* server_addr);
 
 // Puts an element at the head of a list and stores the new length through `count`. With a positive
-// `timeout` the whole list is then set to expire after so many seconds, in a command of its own whose
-// result is the result of the call. `value` is required.
+// `timeout` the whole list is then set to expire after so many seconds, in a command of its own
+// whose result is the result of the call. `value` is required.
 //   RUVO_OK
 RUVO_API int RUVO_LPush(const char* key, const char* value, size_t length, int timeout,
                         long long* count, int redisSrvType, const char* server_addr);
 
 #ifdef __cplusplus
 // The three functions that take types of the standard library: caller and library must use the same
-// one. A C caller runs these commands with RUVO_ExecRedisCmd. The containers are emptied first, also
-// when the call fails.
+// one. A C caller runs these commands with RUVO_ExecRedisCmd. The containers are emptied first,
+// also when the call fails.
 
 // Takes the element at the tail of a list.
 //   RUVO_OK             `value` holds it
@@ -308,8 +327,8 @@ RUVO_API int RUVO_LPush(const char* key, const char* value, size_t length, int t
 RUVO_API int RUVO_RPop(const char* key, std::string& value, int redisSrvType,
                        const char* server_addr);
 
-// Reads the elements from `start` to `end`, both included, 0 the head; negative positions count from
-// the tail, -1 being the last. Empty elements are left out.
+// Reads the elements from `start` to `end`, both included, 0 the head; negative positions count
+// from the tail, -1 being the last. Empty elements are left out.
 //   RUVO_OK            `value` holds them in order
 //   RUVO_NOTHING_DONE  there are none
 RUVO_API int RUVO_LRange(const char* key, int start, int end, std::vector<std::string>& value,

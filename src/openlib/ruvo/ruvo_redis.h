@@ -71,8 +71,8 @@ class ruvo_redis {
   // ---- String keys ----
   int insert_key(const char* key, const char* data, unsigned long len, int time_out,
                  RedisServerType redisSrvType, const char* server_addr);
-  int append_key(const char* key, const char* data, unsigned long len,
-                 RedisServerType redisSrvType, const char* server_addr);
+  int append_key(const char* key, const char* data, unsigned long len, RedisServerType redisSrvType,
+                 const char* server_addr);
   int increase_key(const char* key, long long* value, RedisServerType redisSrvType,
                    const char* server_addr);
   int query_key(const char* key, const char** data, unsigned long* len,
@@ -100,8 +100,7 @@ class ruvo_redis {
                 va_list args, reply_ptr& reply);
   reply_ptr visit(walk_path path, const char* key, conn_node& conn, server_node& server,
                   RedisServerType redisSrvType, const char* format, va_list args);
-  server_node* next_server(walk_path path, const server_node& server,
-                           RedisServerType redisSrvType);
+  server_node* next_server(walk_path path, const server_node& server, RedisServerType redisSrvType);
   std::size_t visit_limit(walk_path path, RedisServerType redisSrvType) const;
   int exec_command(const char* key, reply_ptr* reply, RedisServerType redisSrvType,
                    const char* format, va_list args);

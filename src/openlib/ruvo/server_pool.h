@@ -29,21 +29,21 @@ struct conn_node {
 struct server_node {
   std::vector<conn_node> context_arr_;
   server_addr addr_;
-  std::int32_t failure_count_ = 0;  // failures since the last reconnection or retry
-  std::time_t next_retry_time_ = 0; // when an ejected server may be tried again; 0: not set
-  std::size_t index_ = 0;           // position in the pool
-  std::int64_t conn_count_ = 0;     // whose turn it is among the slots
+  std::int32_t failure_count_ = 0;   // failures since the last reconnection or retry
+  std::time_t next_retry_time_ = 0;  // when an ejected server may be tried again; 0: not set
+  std::size_t index_ = 0;            // position in the pool
+  std::int64_t conn_count_ = 0;      // whose turn it is among the slots
 };
 
 struct server_pool {
   std::vector<server_node> servers_;
-  std::uint32_t server_num_ = 0;    // addresses in the configured list
-  std::uint32_t conn_num_ = 1;      // connections to each server
-  bool auto_eject_ = true;          // leave failing servers alone for a while
-  std::uint32_t failure_limit_ = 5; // failures that eject a server
-  std::int32_t retry_timeout_ = 30; // seconds that an ejected server is left alone
-  std::int64_t server_count_ = 0;   // whose turn it is among the servers
-  std::string redis_password_;      // empty: none
+  std::uint32_t server_num_ = 0;     // addresses in the configured list
+  std::uint32_t conn_num_ = 1;       // connections to each server
+  bool auto_eject_ = true;           // leave failing servers alone for a while
+  std::uint32_t failure_limit_ = 5;  // failures that eject a server
+  std::int32_t retry_timeout_ = 30;  // seconds that an ejected server is left alone
+  std::int64_t server_count_ = 0;    // whose turn it is among the servers
+  std::string redis_password_;       // empty: none
 };
 
 #endif

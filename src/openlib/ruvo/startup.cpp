@@ -38,7 +38,7 @@ timeval to_timeval(int milliseconds) {
   if (milliseconds < 1) {
     return {-1, 0};
   }
-  return {milliseconds / 1000, (milliseconds % 1000) * 1000};
+  return {milliseconds / 1000, (milliseconds % 1000) * 1000L};
 }
 
 // The IPv4 addresses that this host's own name resolves to, as dotted text; empty when unknown.

@@ -24,11 +24,10 @@ int ruvo_redis::insert_key(const char* key, const char* data, unsigned long len,
                            RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::insert_key",
                                             .null_text = null_pointer};
-  const int ret = time_out == no_time_out
-                      ? run(operation, {key, data}, no_reply, redisSrvType, key, "SET %s %b", key,
-                            data, len)
-                      : run(operation, {key, data}, no_reply, redisSrvType, key, "SETEX %s %d %b",
-                            key, time_out, data, len);
+  const int ret = time_out == no_time_out ? run(operation, {key, data}, no_reply, redisSrvType, key,
+                                                "SET %s %b", key, data, len)
+                                          : run(operation, {key, data}, no_reply, redisSrvType, key,
+                                                "SETEX %s %d %b", key, time_out, data, len);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::insert_key | key %s successfully inserted.", key);
   }
@@ -39,8 +38,8 @@ int ruvo_redis::append_key(const char* key, const char* data, unsigned long len,
                            RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::append_key",
                                             .null_text = null_pointer};
-  const int ret = run(operation, {key, data}, no_reply, redisSrvType, key, "APPEND %s %b", key,
-                      data, len);
+  const int ret =
+      run(operation, {key, data}, no_reply, redisSrvType, key, "APPEND %s %b", key, data, len);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::append_key | APPEND  %s successfully.", key);
   }
@@ -63,7 +62,8 @@ int ruvo_redis::increase_key(const char* key, long long* value, RedisServerType 
     if (value != nullptr) {
       *value = reply->integer;
     }
-    RUVO_LOG(DEBUG, "ruvo_redis::increase_key | key %s successfully increased, current value is %lld.",
+    RUVO_LOG(DEBUG,
+             "ruvo_redis::increase_key | key %s successfully increased, current value is %lld.",
              key, reply->integer);
     // A new counter lives until midnight. That it could not be told so does not undo the count.
     if (reply->integer == 1) {
@@ -138,8 +138,7 @@ int ruvo_redis::expire_key(const char* key, unsigned int time_out, RedisServerTy
                            const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::expire_key",
                                             .null_text = null_key};
-  const int ret =
-      run(operation, {key}, no_reply, redisSrvType, key, "EXPIRE %s %u", key, time_out);
+  const int ret = run(operation, {key}, no_reply, redisSrvType, key, "EXPIRE %s %u", key, time_out);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::expire_key | EXPIRE  %s %u successfully.", key, time_out);
   }

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs the release build into a folder of its own and builds programs against it from outside the
+# tree: one through the CMake package, one in C through pkg-config. Both are run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+cmake --install build/release --prefix "$prefix" >/dev/null
+
+missing=0
+for file in include/ruvo/{ruvo,busin_config,sutils}.h include/stream_log/logger.h \
+  lib/libruvo.so.1 lib/libstream_log.so.1 lib/cmake/ruvo/ruvoConfig.cmake \
+  lib/pkgconfig/{ruvo,stream_log}.pc; do
+  [ -e "$prefix/$file" ] || { echo "not installed: $file" >&2; missing=1; }
+done
+[ "$missing" -eq 0 ]
+
+cp -r tests/consumer "$work/consumer"
+cmake -S "$work/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/build" >/dev/null
+"$work/build/consumer"
+
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+# shellcheck disable=SC2046  # pkg-config prints words
+cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$work/consumer/consumer.c" -o "$work/consumer_c" \
+  $(pkg-config --cflags --libs ruvo) -Wl,-rpath,"$prefix/lib" -Wl,-rpath-link,"$prefix/lib"
+"$work/consumer_c"
+echo "the installed package works"
