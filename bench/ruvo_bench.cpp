@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -59,13 +60,20 @@ void bare(redisContext& context, int type, const char* format, Args... args) {
   freeReplyObject(reply);
 }
 
-void query(const char* key) {
+template <typename... Args>
+void raw(int type, const char* format, Args... args) {
+  auto* reply = static_cast<redisReply*>(RUVO_ExecRedisCmd(eTempServer, format, args...));
+  require(reply != nullptr && reply->type == type);
+  benchmark::DoNotOptimize(reply->str);
+  RUVO_FreeReplyObject(reply);
+}
+
+// A value that the library has copied out.
+struct Buffer {
+  ~Buffer() { RUVO_FreeResult(data); }
   const char* data = nullptr;
   unsigned long len = 0;
-  require(RUVO_QueryKey(key, &data, &len, eTempServer, nullptr) == RUVO_OK);
-  benchmark::DoNotOptimize(data);
-  RUVO_FreeResult(data);
-}
+};
 
 struct Pair {
   std::string name;
@@ -73,35 +81,116 @@ struct Pair {
   std::function<void(redisContext&)> through_hiredis;
 };
 
+constexpr int pool = eTempServer;
+constexpr std::array<std::size_t, 2> value_sizes{100, 100000};
+constexpr int list_length = 1000;
+const std::string element(20, 'e');
+
+std::string value_key(std::size_t size) { return "value" + std::to_string(size); }
+
+void require_ok(int result) { require(result == RUVO_OK); }
+
 std::vector<Pair> pairs() {
   std::vector<Pair> all;
-  for (const std::size_t size : {100U, 100000U}) {
+  for (const std::size_t size : value_sizes) {
     const auto value = std::make_shared<std::string>(size, 'x');
-    const std::string key = "value" + std::to_string(size);
+    const std::string key = value_key(size);
     const std::string bytes = "/" + std::to_string(size) + "B";
-    all.push_back({"SET" + bytes,
-                   [=] {
-                     require(RUVO_InsertKey(key.c_str(), value->data(), value->size(), -1,
-                                            eTempServer, nullptr) == RUVO_OK);
-                   },
-                   [=](redisContext& context) {
-                     bare(context, REDIS_REPLY_STATUS, "SET %s %b", key.c_str(), value->data(),
-                          value->size());
-                   }});
     all.push_back(
-        {"GET" + bytes, [=] { query(key.c_str()); },
+        {"SET" + bytes,
+         [=] { require_ok(RUVO_InsertKey(key.c_str(), value->data(), size, -1, pool, nullptr)); },
+         [=](redisContext& context) {
+           bare(context, REDIS_REPLY_STATUS, "SET %s %b", key.c_str(), value->data(), size);
+         }});
+    all.push_back(
+        {"GET" + bytes,
+         [=] {
+           Buffer value_read;
+           require_ok(RUVO_QueryKey(key.c_str(), &value_read.data, &value_read.len, pool, nullptr));
+         },
+         [=](redisContext& context) { bare(context, REDIS_REPLY_STRING, "GET %s", key.c_str()); }});
+    all.push_back(
+        {"raw GET" + bytes, [=] { raw(REDIS_REPLY_STRING, "GET %s", key.c_str()); },
          [=](redisContext& context) { bare(context, REDIS_REPLY_STRING, "GET %s", key.c_str()); }});
   }
+  all.push_back({"HSET",
+                 [] {
+                   require_ok(RUVO_HashSet("hash", "field", 5, element.data(), element.size(), -1,
+                                           pool, nullptr));
+                 },
+                 [](redisContext& context) {
+                   bare(context, REDIS_REPLY_INTEGER, "HSET hash %b %b", "field", std::size_t{5},
+                        element.data(), element.size());
+                 }});
+  all.push_back({"HGET",
+                 [] {
+                   Buffer value;
+                   require_ok(
+                       RUVO_HashGet("hash", "field", 5, &value.data, &value.len, pool, nullptr));
+                 },
+                 [](redisContext& context) {
+                   bare(context, REDIS_REPLY_STRING, "HGET hash %b", "field", std::size_t{5});
+                 }});
+  // One after the other, so that the list stays as short as it is.
+  all.push_back(
+      {"LPUSH+RPOP",
+       [] {
+         long long count = 0;
+         std::string popped;
+         require_ok(RUVO_LPush("queue", element.data(), element.size(), 0, &count, pool, nullptr));
+         require_ok(RUVO_RPop("queue", popped, pool, nullptr));
+       },
+       [](redisContext& context) {
+         bare(context, REDIS_REPLY_INTEGER, "LPUSH queue %b", element.data(), element.size());
+         bare(context, REDIS_REPLY_STRING, "RPOP queue");
+       }});
+  all.push_back({"SADD",
+                 [] {
+                   require(RUVO_SAdd("set", element.data(), element.size(), pool, nullptr) ==
+                           RUVO_NOTHING_DONE);
+                 },
+                 [](redisContext& context) {
+                   bare(context, REDIS_REPLY_INTEGER, "SADD set %b", element.data(),
+                        element.size());
+                 }});
+  all.push_back(
+      {"SISMEMBER",
+       [] { require_ok(RUVO_SIsmember("set", element.data(), element.size(), pool, nullptr)); },
+       [](redisContext& context) {
+         bare(context, REDIS_REPLY_INTEGER, "SISMEMBER set %b", element.data(), element.size());
+       }});
+  // The library hands out strings; the bare side leaves the elements in the reply.
+  all.push_back(
+      {"LRANGE/1000",
+       [] {
+         std::vector<std::string> elements;
+         require_ok(RUVO_LRange("list", 0, -1, elements, pool, nullptr));
+         require(elements.size() == list_length);
+       },
+       [](redisContext& context) { bare(context, REDIS_REPLY_ARRAY, "LRANGE list 0 -1"); }});
+  all.push_back(
+      {"SMEMBERS/1000",
+       [] {
+         std::vector<std::string> members;
+         require_ok(RUVO_SMembers("members", members, pool, nullptr));
+         require(members.size() == list_length);
+       },
+       [](redisContext& context) { bare(context, REDIS_REPLY_ARRAY, "SMEMBERS members"); }});
   return all;
 }
 
-// Fills Redis with what the reading operations expect.
+// Fills Redis with what the operations expect to find.
 void fill() {
   const Context context = connect();
-  for (const std::size_t size : {100U, 100000U}) {
+  for (const std::size_t size : value_sizes) {
     const std::string value(size, 'x');
-    bare(*context, REDIS_REPLY_STATUS, "SET value%u %b", static_cast<unsigned>(size), value.data(),
-         value.size());
+    bare(*context, REDIS_REPLY_STATUS, "SET %s %b", value_key(size).c_str(), value.data(), size);
+  }
+  bare(*context, REDIS_REPLY_INTEGER, "HSET hash field %s", element.c_str());
+  bare(*context, REDIS_REPLY_INTEGER, "SADD set %s", element.c_str());
+  for (int i = 0; i < list_length; ++i) {
+    bare(*context, REDIS_REPLY_INTEGER, "RPUSH list %s%d", element.c_str(), i);
+    bare(*context, REDIS_REPLY_INTEGER, "SADD members %s%d", element.c_str(), i);
   }
 }
 

@@ -15,7 +15,7 @@ target_compile_options(
             $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
             $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
             $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
-            # A log line names its source file, not where the file lay on the building machine.
+            # No path of the building machine in the binary.
             -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 if(RUVO_SANITIZE)
   target_compile_options(ruvo_build_flags INTERFACE -fsanitize=${RUVO_SANITIZE}

@@ -2,14 +2,18 @@
 // one, and check every value that they read. Prints a line a second and a summary at the end.
 //
 //   session_host --config conf/sruvo.conf --seconds 12 --threads 8 --log session_host.log
+#include <hiredis/hiredis.h>
 #include <ruvo/ruvo.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <exception>
+#include <numeric>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,33 +24,57 @@ namespace {
 
 constexpr int sessions_per_thread = 50;
 constexpr int session_seconds = 60;
+constexpr int most_friends = 5;
+constexpr int raw_tries = 10;
+
+enum Family { strings, hashes, lists, sets, raw, family_count };
+constexpr std::array<const char*, family_count> family_names{"string keys", "hashes", "lists",
+                                                             "sets", "raw commands"};
 
 struct Totals {
-  std::atomic<std::int64_t> operations{0};
+  std::array<std::atomic<std::int64_t>, family_count> operations{};
   std::atomic<std::int64_t> values_checked{0};
-  std::atomic<std::int64_t> counted_twice{0};
+  std::atomic<std::int64_t> run_twice{0};
+  std::atomic<std::int64_t> asked_again{0};
   std::atomic<std::int64_t> failed{0};
+
+  std::int64_t all_operations() const {
+    return std::accumulate(operations.begin(), operations.end(), std::int64_t{0});
+  }
 };
 
-// One thread's work. Its keys are its own, so it knows what every one of them must hold.
+// One thread's work on one pool. Its keys are its own, so it knows what each of them must hold.
+//
+// A connection that breaks between a command and its reply has the command sent again. What is not
+// the same when done twice (counting, pushing) may then have been done twice, and never less than
+// once; the checks allow for that and count it.
 class Worker {
  public:
-  Worker(int number, Totals& totals) : name_(std::to_string(number)), totals_(totals) {}
+  Worker(int thread, int pool, Totals& totals)
+      : name_(std::to_string(thread)), pool_(pool), totals_(totals) {}
 
-  void run(const std::atomic<bool>& stop) {
-    for (int round = 0; !stop; ++round) {
-      keep_session(round);
-      count_visit();
-      if (round % 10 == 0) {
-        update_profile(round);
-      }
+  // What another run left behind does not count.
+  void start_afresh() {
+    for (const char* kind : {"visits", "profile", "queue", "friends"}) {
+      expect(strings, "delete", RUVO_DeleteKey(key(kind).c_str(), pool_, nullptr));
     }
   }
 
+  void work(int round) {
+    keep_session(round);
+    count_visit();
+    update_profile(round);
+    queue_message(round);
+    tag_friends(round);
+    ask_anything(round);
+  }
+
  private:
+  std::string key(const char* kind) const { return std::string(kind) + ':' + name_; }
+
   // Every call goes through here: a result that is not the expected one is a failed operation.
-  bool expect(const char* what, int result, int expected = RUVO_OK) {
-    ++totals_.operations;
+  bool expect(Family family, const char* what, int result, int expected = RUVO_OK) {
+    ++totals_.operations[family];
     if (result == expected) {
       return true;
     }
@@ -63,84 +91,205 @@ class Worker {
     }
   }
 
-  void read_back(const std::string& key, const std::string& expected, int pool) {
-    const char* data = nullptr;
-    unsigned long len = 0;
-    if (expect("query", RUVO_QueryKey(key.c_str(), &data, &len, pool, nullptr))) {
-      check(key.c_str(), std::string(data, len) == expected);
-      RUVO_FreeResult(data);
-    }
+  // A counter must have moved by `step`, or by twice as much when the command ran twice.
+  void check_moved(const char* what, long long& known, long long now, long long step) {
+    const bool twice = now == known + 2 * step;
+    check(what, now == known + step || twice);
+    totals_.run_twice += twice ? 1 : 0;
+    known = now;
   }
 
-  // Text that tells whose it is and how old, of a length that varies.
-  std::string text_for(const std::string& key, int round) const {
-    std::string text = key + " round " + std::to_string(round) + ' ';
-    text.append(static_cast<std::size_t>(round * 37 % 900), static_cast<char>('a' + round % 26));
+  // Compares a buffer of the library and gives it back.
+  void check_and_free(const char* what, const char* data, unsigned long len,
+                      const std::string& expected) {
+    check(what, std::string(data, len) == expected);
+    RUVO_FreeResult(data);
+  }
+
+  // Bytes that tell whose they are and how old, zero bytes among them, of a length that varies.
+  std::string text_for(const char* kind, int round) const {
+    std::string text = key(kind) + " round " + std::to_string(round) + '\0';
+    text.append(static_cast<std::size_t>(round * 37 % 900), static_cast<char>(round));
     return text;
   }
 
+  // String keys.
   void keep_session(int round) {
-    const std::string key = "session:" + name_ + ':' + std::to_string(round % sessions_per_thread);
-    const std::string text = text_for(key, round);
-    if (expect("insert", RUVO_InsertKey(key.c_str(), text.data(), text.size(), session_seconds,
-                                        eTempServer, nullptr))) {
-      read_back(key, text, eTempServer);
-      expect("expire", RUVO_ExpireKey(key.c_str(), 2 * session_seconds, eTempServer, nullptr));
+    const std::string session = key("session") + ':' + std::to_string(round % sessions_per_thread);
+    const std::string text = text_for("session", round);
+    if (!expect(strings, "insert",
+                RUVO_InsertKey(session.c_str(), text.data(), text.size(), session_seconds, pool_,
+                               nullptr))) {
+      return;
     }
+    const char* data = nullptr;
+    unsigned long len = 0;
+    if (expect(strings, "query", RUVO_QueryKey(session.c_str(), &data, &len, pool_, nullptr))) {
+      check_and_free("session", data, len, text);
+    }
+    expect(strings, "expire", RUVO_ExpireKey(session.c_str(), 2 * session_seconds, pool_, nullptr));
+    expect(strings, "exists", RUVO_ExistsKey(session.c_str(), pool_, nullptr));
   }
 
-  // A connection that breaks between the count and its reply has the command sent again, which
-  // counts twice. It must never count less than once.
   void count_visit() {
-    const std::string key = "visits:" + name_;
     long long visits = 0;
-    if (expect("increase", RUVO_IncreaseKey(key.c_str(), &visits, eTempServer, nullptr))) {
-      const long long extra = visits - visits_ - 1;
-      check(key.c_str(), visits_ == 0 || extra == 0 || extra == 1);
-      totals_.counted_twice += visits_ != 0 && extra == 1 ? 1 : 0;
-      visits_ = visits;
+    if (expect(strings, "increase",
+               RUVO_IncreaseKey(key("visits").c_str(), &visits, pool_, nullptr))) {
+      check_moved("visits", visits_, visits, 1);
     }
   }
 
+  // Hashes.
   void update_profile(int round) {
-    const std::string key = "profile:" + name_;
-    const std::string text = text_for(key, round);
-    if (expect("insert", RUVO_InsertKey(key.c_str(), text.data(), text.size(), -1, ePersistServer,
-                                        nullptr))) {
-      read_back(key, text, ePersistServer);
-      expect("exists", RUVO_ExistsKey(key.c_str(), ePersistServer, nullptr));
-      expect("persist", RUVO_PersistKey(key.c_str(), ePersistServer, nullptr));
+    const std::string profile = key("profile");
+    const std::string field = "field" + std::to_string(round % 3);
+    const std::string text = text_for("profile", round);
+    if (expect(hashes, "set",
+               RUVO_HashSet(profile.c_str(), field.data(), field.size(), text.data(), text.size(),
+                            -1, pool_, nullptr))) {
+      const char* data = nullptr;
+      unsigned long len = 0;
+      if (expect(hashes, "get",
+                 RUVO_HashGet(profile.c_str(), field.data(), field.size(), &data, &len, pool_,
+                              nullptr))) {
+        check_and_free("profile", data, len, text);
+      }
     }
-    if (round % 100 == 0) {
-      expect("delete", RUVO_DeleteKey(key.c_str(), ePersistServer, nullptr));
-      expect("exists", RUVO_ExistsKey(key.c_str(), ePersistServer, nullptr), RUVO_ABSENT);
+    long long points = 0;
+    if (expect(hashes, "increment",
+               RUVO_HashIncrBy(profile.c_str(), "points", 6, 10, &points, pool_, nullptr))) {
+      check_moved("points", points_, points, 10);
+    }
+    expect(hashes, "exists", RUVO_HashFieldExist(profile.c_str(), "none", 4, pool_, nullptr),
+           RUVO_ABSENT);
+  }
+
+  // Lists: a queue that is filled and drained again.
+  void queue_message(int round) {
+    const std::string queue = key("queue");
+    const std::string text = text_for("queue", round);
+    long long length = 0;
+    if (!expect(lists, "push",
+                RUVO_LPush(queue.c_str(), text.data(), text.size(), 0, &length, pool_, nullptr))) {
+      return;
+    }
+    long long pushed = 0;
+    check_moved("queue length", pushed, length, 1);
+    std::vector<std::string> waiting;
+    if (expect(lists, "range", RUVO_LRange(queue.c_str(), 0, -1, waiting, pool_, nullptr))) {
+      check("queue", waiting == std::vector<std::string>(static_cast<std::size_t>(length), text));
+    }
+    // A pop that runs twice takes the second message along, or finds none: then its first run had
+    // it.
+    std::string message;
+    const int popped = RUVO_RPop(queue.c_str(), message, pool_, nullptr);
+    if (popped == RUVO_ERR_NOT_FOUND) {
+      ++totals_.run_twice;
+      ++totals_.operations[lists];
+    } else if (expect(lists, "pop", popped)) {
+      check("message", message == text);
+    }
+    if (length > 1) {
+      expect(strings, "delete", RUVO_DeleteKey(queue.c_str(), pool_, nullptr));
+    }
+  }
+
+  // Sets.
+  void tag_friends(int round) {
+    const std::string friends = key("friends");
+    const std::string name = "friend" + std::to_string(round % most_friends);
+    const bool is_new = friends_.insert(name).second;
+    const int added = RUVO_SAdd(friends.c_str(), name.data(), name.size(), pool_, nullptr);
+    if (is_new && added == RUVO_NOTHING_DONE) {  // ran twice, and the second run found it there
+      ++totals_.run_twice;
+      ++totals_.operations[sets];
+    } else {
+      expect(sets, "add", added, is_new ? RUVO_OK : RUVO_NOTHING_DONE);
+    }
+    expect(sets, "is member",
+           RUVO_SIsmember(friends.c_str(), name.data(), name.size(), pool_, nullptr));
+    std::vector<std::string> members;
+    if (expect(sets, "members", RUVO_SMembers(friends.c_str(), members, pool_, nullptr))) {
+      check("friends", std::set<std::string>(members.begin(), members.end()) == friends_);
+    }
+    if (round % most_friends == most_friends - 1) {
+      expect(sets, "remove", RUVO_SRem(friends.c_str(), name.data(), name.size(), pool_, nullptr));
+      friends_.erase(name);
+    }
+  }
+
+  // Any command: the reply is hiredis' own.
+  void ask_anything(int round) {
+    const std::string note = key("note");
+    const std::string text = text_for("note", round);
+    expect_reply("SETEX", REDIS_REPLY_STATUS, "OK", "SETEX %s %d %b", note.c_str(), session_seconds,
+                 text.data(), text.size());
+    expect_reply("GETRANGE", REDIS_REPLY_STRING, text, "GETRANGE %s %d %d", note.c_str(), 0, -1);
+  }
+
+  // When a server fails, a raw command may find its way back to that very server and give up, where
+  // a typed one walks on: its caller asks again.
+  template <typename... Args>
+  void expect_reply(const char* what, int type, const std::string& text, const char* format,
+                    Args... args) {
+    redisReply* reply = nullptr;
+    for (int tries = 0; reply == nullptr && tries < raw_tries; ++tries) {
+      reply = static_cast<redisReply*>(RUVO_ExecRedisCmd(pool_, format, args...));
+      totals_.asked_again += tries > 0 ? 1 : 0;
+    }
+    if (expect(raw, what, reply != nullptr ? RUVO_OK : RUVO_ERR_FAILED)) {
+      check(what, reply->type == type && std::string(reply->str, reply->len) == text);
+      RUVO_FreeReplyObject(reply);
     }
   }
 
   std::string name_;
+  int pool_;
   Totals& totals_;
   long long visits_ = 0;
+  long long points_ = 0;
+  std::set<std::string> friends_;
 };
+
+// A thread: all three pools, round after round.
+void work(int thread, Totals& totals, const std::atomic<bool>& stop) {
+  std::array workers{Worker(thread, eTempServer, totals), Worker(thread, ePersistServer, totals),
+                     Worker(thread, ePersonalityServer, totals)};
+  for (Worker& worker : workers) {
+    worker.start_afresh();
+  }
+  for (int round = 0; !stop; ++round) {
+    for (Worker& worker : workers) {
+      worker.work(round);
+    }
+  }
+}
 
 void print_progress(int second, const Totals& totals) {
   const ServerEvents events = server_events();
   std::printf("%3d s  %9" PRId64 " operations  %9" PRId64 " values checked  %" PRId64
               " failed  %ld reconnections  %ld ejections\n",
-              second, totals.operations.load(), totals.values_checked.load(), totals.failed.load(),
+              second, totals.all_operations(), totals.values_checked.load(), totals.failed.load(),
               events.rebuilds, events.ejections);
   std::fflush(stdout);
 }
 
 void print_summary(const Totals& totals) {
   const ServerEvents events = server_events();
-  std::printf("\noperations done      %" PRId64 "\nvalues checked       %" PRId64
-              "\nfailed operations    %" PRId64 "\ncounted twice        %" PRId64
-              " (resent after a broken connection)\n"
+  std::printf("\noperations done      %" PRId64 "\n", totals.all_operations());
+  for (std::size_t family = 0; family < family_names.size(); ++family) {
+    std::printf("  %-18s %" PRId64 "\n", family_names[family], totals.operations[family].load());
+  }
+  std::printf("values checked       %" PRId64 "\nfailed operations    %" PRId64
+              "\nrun twice            %" PRId64
+              " (sent again after a broken connection)\n"
+              "asked again          %" PRId64
+              " (raw commands without a reply)\n"
               "reconnections        %ld (and %ld attempts that failed)\n"
               "ejections            %ld (and %ld retries)\n",
-              totals.operations.load(), totals.values_checked.load(), totals.failed.load(),
-              totals.counted_twice.load(), events.rebuilds, events.failed_rebuilds,
-              events.ejections, events.retries);
+              totals.values_checked.load(), totals.failed.load(), totals.run_twice.load(),
+              totals.asked_again.load(), events.rebuilds, events.failed_rebuilds, events.ejections,
+              events.retries);
 }
 
 int run(int argc, char** argv) {
@@ -175,7 +324,7 @@ int run(int argc, char** argv) {
     std::vector<std::jthread> threads;
     threads.reserve(static_cast<std::size_t>(thread_count));
     for (int number = 0; number < thread_count; ++number) {
-      threads.emplace_back([number, &totals, &stop] { Worker(number, totals).run(stop); });
+      threads.emplace_back([number, &totals, &stop] { work(number, totals, stop); });
     }
     for (int second = 1; second <= seconds; ++second) {
       std::this_thread::sleep_for(std::chrono::seconds(1));

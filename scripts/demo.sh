@@ -78,7 +78,7 @@ for pool in "${pools[@]}"; do
   start_redis "$pool-redis" "$redis"
   start_proxy "$pool-proxy-1" "$first" "$redis" "${ports[3]}"
   start_proxy "$pool-proxy-2" "$second" "$redis" "${ports[4]}"
-  [ "$pool" = temp ] && victim=("$pool-proxy-2" "$second" "$redis" "${ports[4]}")
+  [ "$pool" = temp ] && victim=("$pool-proxy-1" "$first" "$redis" "${ports[3]}")
   addrs[$pool]=127.0.0.1:$first,127.0.0.1:$second
   ports=("${ports[@]:5}")
 done
@@ -112,7 +112,7 @@ host=$!
 sleep $((seconds / 3))
 echo "--- SIGKILL to ${victim[0]}, one of the temporary pool's two servers"
 kill -KILL "${pid_of[${victim[0]}]}"
-wait "${pid_of[${victim[0]}]}" 2>/dev/null || true
+{ wait "${pid_of[${victim[0]}]}" || true; } 2>/dev/null  # bash would tell of the kill
 sleep $((seconds / 3))
 echo "--- ${victim[0]} starts again"
 start_proxy "${victim[@]}"

@@ -1,8 +1,10 @@
 #include "logger.h"
 
+#include <pthread.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -26,7 +28,7 @@ std::atomic<Logger::Output> current_output{write_to_stderr};
 const char* level_name(Logger::LogLevel level) {
   static constexpr std::array names{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
   const auto index = static_cast<std::size_t>(level);
-  return index < names.size() ? names[index] : "UNKNOWN";
+  return names[std::min(index, names.size() - 1)];
 }
 
 // "YYYY-MM-DD hh:mm:ss.uuuuuu TID LEVEL file:line "
@@ -57,12 +59,16 @@ Logger::Logger(SourceFile file, int line, LogLevel level)
 
 Logger::~Logger() {
   const int saved_errno = errno;  // a log line must not change what its caller is about to look at
+  // Nor end the process when its thread is cancelled while it is written.
+  int cancel_state = PTHREAD_CANCEL_ENABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   try {
     const std::string text = line_head(level_, file_.name(), line_) + stream_.str() + '\n';
     current_output.load(std::memory_order_acquire)(level_, text.data(), text.size());
   } catch (...) {
     // No memory for the line: it is dropped, the host goes on.
   }
+  pthread_setcancelstate(cancel_state, nullptr);
   errno = saved_errno;
 }
 

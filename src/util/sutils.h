@@ -136,7 +136,7 @@ inline char* strsncpy(char* dst, const char* src, std::size_t maxcnt) {
     return dst;
   }
   const std::size_t length = src != nullptr ? strnlen(src, maxcnt - 1) : 0;
-  if (length > 0) std::memcpy(dst, src, length);
+  if (length > 0) std::memmove(dst, src, length);
   dst[length] = '\0';
   return dst;
 }

@@ -1,5 +1,5 @@
-// The process's allocation functions, counted and made to fail. A test that links failing_memory.cpp
-// has them in place of the standard ones, in the library as well.
+// The process's allocation functions, counted and made to fail. A test that links
+// failing_memory.cpp has them in place of the standard ones, in the library as well.
 #ifndef RUVO_TESTS_FAILING_MEMORY_H
 #define RUVO_TESTS_FAILING_MEMORY_H
 

@@ -91,7 +91,7 @@ int vop_config::open(const char* config_path) {
     return -1;
   }
   // A copy: the caller may have the path from a value of this very reader, which is about to go.
-  const std::string path(config_path);
+  std::string path(config_path);
   if (!cfg_path_.empty() && cfg_path_ == path) {
     return 0;
   }
@@ -99,13 +99,14 @@ int vop_config::open(const char* config_path) {
   if (!file) {
     return -1;
   }
-  delete_all(sec_arr_);
+  vop_config loaded;  // takes the old sections along when it goes, and only then
   std::array<char, line_buffer_size> line{};
   while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
-    parse_line(line.data());
+    loaded.parse_line(line.data());
   }
-  cfg_path_ = path;
-  cfg_file_time_ = file_mtime(path.c_str());
+  sec_arr_.swap(loaded.sec_arr_);
+  cfg_path_.swap(path);
+  cfg_file_time_ = file_mtime(cfg_path_.c_str());
   return 0;
 }
 
@@ -120,10 +121,11 @@ int vop_config::open(const std::string& config_string, bool isCfgContent) {
     std::fflush(stdout);
     return -1;
   }
-  delete_all(sec_arr_);
+  vop_config loaded;
   for (const std::string& line : lines) {
-    parse_line(line);
+    loaded.parse_line(line);
   }
+  sec_arr_.swap(loaded.sec_arr_);
   return 0;
 }
 

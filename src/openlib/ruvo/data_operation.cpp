@@ -1,21 +1,28 @@
 #include "data_operation.h"
 
-#include <algorithm>
 #include <cstring>
 #include <new>
 
 #include "ruvo_redis.h"
 
-int ruvo_redis::run(const data_operation& operation, std::initializer_list<const void*> required,
-                    reply_ptr* reply, RedisServerType redisSrvType, const char* key,
-                    const char* format, ...) {
+int ruvo_redis::run(const data_operation& operation,
+                    std::initializer_list<required_argument> required, reply_ptr* reply,
+                    RedisServerType redisSrvType, const char* key, const char* format, ...) {
   if (!initialized_.load(std::memory_order_acquire)) {
     RUVO_LOG(ERROR, "%s | redis is not initialized", operation.origin);
     return RUVO_ERR_NOT_INITIALIZED;
   }
-  if (std::find(required.begin(), required.end(), nullptr) != required.end()) {
-    RUVO_LOG(ERROR, "%s | %s", operation.origin, operation.null_text);
-    return RUVO_ERR_NULL_ARGUMENT;
+  for (const required_argument& argument : required) {
+    if (argument.pointer == nullptr) {
+      RUVO_LOG(ERROR, "%s | %s", operation.origin, operation.null_text);
+      return RUVO_ERR_NULL_ARGUMENT;
+    }
+  }
+  for (const required_argument& argument : required) {
+    if (argument.length > max_argument_length) {
+      RUVO_LOG(ERROR, "%s | too long for redis: %zu bytes", operation.origin, argument.length);
+      return RUVO_ERR_FAILED;
+    }
   }
   va_list args;
   va_start(args, format);
@@ -30,6 +37,9 @@ int ruvo_redis::run(const data_operation& operation, std::initializer_list<const
   if (reply != no_reply && !*reply && operation.policy == reply_policy::strict) {
     RUVO_LOG(ERROR, "%s | reply is NULL", operation.origin);
     return RUVO_ERR_NO_REPLY;
+  }
+  if (operation.reply_type != any_type && !has_type(operation, *reply, operation.reply_type, key)) {
+    return RUVO_ERR_FAILED;
   }
   return RUVO_OK;
 }
@@ -48,13 +58,35 @@ bool has_type(const data_operation& operation, const reply_ptr& reply, int type,
 
 int copy_out(const redisReply& reply, const char** data, unsigned long* len) {
   const auto size = static_cast<std::size_t>(reply.len);
+  if (len != nullptr) {
+    *len = size;
+  }
+  if (data == nullptr) {
+    return RUVO_OK;
+  }
   char* const buffer = new (std::nothrow) char[size];
-  *len = size;
   *data = buffer;
   if (buffer == nullptr) {
     RUVO_LOG(ERROR, "ruvo_redis::query_key | overflow.");  // whoever asked: filters know this text
     return RUVO_ERR_NO_MEMORY;
   }
   std::memcpy(buffer, reply.str, size);
+  return RUVO_OK;
+}
+
+int collect(const data_operation& operation, const redisReply& reply,
+            std::vector<std::string>& values, const char* key) {
+  if (reply.element == nullptr || reply.elements == 0) {
+    RUVO_LOG(DEBUG, "%s | failed, key:%s", operation.origin, key);
+    return RUVO_NOTHING_DONE;
+  }
+  values.reserve(reply.elements);
+  for (std::size_t i = 0; i < reply.elements; ++i) {
+    const redisReply* element = reply.element[i];
+    if (element != nullptr && element->type == REDIS_REPLY_STRING && has_text(*element)) {
+      values.emplace_back(element->str, element->len);
+    }
+  }
+  RUVO_LOG(DEBUG, "%s | success, key:%s", operation.origin, key);
   return RUVO_OK;
 }

@@ -134,6 +134,7 @@ void expand_key_format(const char* key, std::array<char, log_buffer_size>& text)
     used += length;
   };
   int directives = 0;
+  bool unknown_before = false;
   while (*key != '\0' && used < room && directives < log_buffer_size) {
     const std::size_t plain = std::strcspn(key, "%");
     append(key, plain);
@@ -145,7 +146,9 @@ void expand_key_format(const char* key, std::array<char, log_buffer_size>& text)
     const directive what = read_directive(key);
     ++directives;
     if (what.conversion == '\0') {
-      break;  // printf gives up here as well
+      // printf drops what is no whole directive, unless it has met an unknown one before.
+      append(start, unknown_before ? static_cast<std::size_t>(key - start) : 0);
+      break;
     }
     if (what.conversion == '%') {
       append("%", 1);
@@ -154,7 +157,8 @@ void expand_key_format(const char* key, std::array<char, log_buffer_size>& text)
       if (wanted >= 0) {
         used = std::min(used + static_cast<std::size_t>(wanted), room);
       } else {
-        append(start, static_cast<std::size_t>(key - start));  // no directive: stays as it is
+        append(start, static_cast<std::size_t>(key - start));
+        unknown_before = true;
       }
     }
   }

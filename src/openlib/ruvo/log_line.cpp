@@ -23,7 +23,7 @@ void write_log_line(const char* file, int line, BaseLib::Logger::LogLevel level,
   }
 }
 
-// Deployed log filters look for the bare key at this level, so the text has nothing around it.
+// Deployed systems rely on the bare key at this level, so the text has nothing around it.
 void log_key_as_format(const char* key) noexcept {
   if (is_logged(BaseLib::Logger::ERROR)) {
     std::array<char, log_buffer_size> text;

@@ -5,6 +5,8 @@
 #include <ace/Singleton.h>
 #include <pthread.h>
 
+#include <functional>
+
 #include "ruvo_redis.h"
 
 namespace {
@@ -33,7 +35,7 @@ Result forward(Result failure, Method method, Args... args) noexcept {
   const cancellation_block block;
   try {
     ruvo_redis* redis = instance();
-    return redis != nullptr ? (redis->*method)(args...) : failure;
+    return redis != nullptr ? std::invoke(method, *redis, args...) : failure;
   } catch (...) {
     return failure;
   }
@@ -42,6 +44,16 @@ Result forward(Result failure, Method method, Args... args) noexcept {
 template <typename Method, typename... Args>
 int forward_code(Method method, Args... args) noexcept {
   return forward<int>(RUVO_ERR_NO_MEMORY, method, args...);
+}
+
+// The same for a method that fills a container of the caller, which is empty when memory ran out.
+template <typename Method, typename Container, typename... Args>
+int forward_filling(Container& container, Method method, Args... args) noexcept {
+  const int ret = forward_code(method, args...);
+  if (ret == RUVO_ERR_NO_MEMORY) {
+    container.clear();
+  }
+  return ret;
 }
 
 RedisServerType pool(int redisSrvType) { return static_cast<RedisServerType>(redisSrvType); }
@@ -89,4 +101,106 @@ int RUVO_ExpireKey(const char* key, unsigned int time_out, int redisSrvType,
 
 int RUVO_PersistKey(const char* key, int redisSrvType, const char* server_addr) {
   return forward_code(&ruvo_redis::persist_key, key, pool(redisSrvType), server_addr);
+}
+
+int RUVO_HashSet(const char* key, const char* field, unsigned long f_len, const char* value,
+                 unsigned long v_len, int time_out, int redisSrvType, const char* server_addr) {
+  return forward_code(&ruvo_redis::hash_set, key, field, f_len, value, v_len, time_out,
+                      pool(redisSrvType), server_addr);
+}
+
+int RUVO_HashGet(const char* key, const char* field, unsigned long f_len, const char** value,
+                 unsigned long* v_len, int redisSrvType, const char* server_addr) {
+  return forward_code(&ruvo_redis::hash_get, key, field, f_len, value, v_len, pool(redisSrvType),
+                      server_addr);
+}
+
+int RUVO_HashFieldExist(const char* key, const char* field, unsigned long f_len, int redisSrvType,
+                        const char* server_addr) {
+  return forward_code(&ruvo_redis::hash_field_exist, key, field, f_len, pool(redisSrvType),
+                      server_addr);
+}
+
+int RUVO_HashIncrBy(const char* key, const char* field, unsigned long f_len, long long increment,
+                    long long* result, int redisSrvType, const char* server_addr) {
+  return forward_code(&ruvo_redis::hash_incr_by, key, field, f_len, increment, result,
+                      pool(redisSrvType), server_addr);
+}
+
+int RUVO_HashFieldsNum(const char* key, long long* fields_num, int redisSrvType,
+                       const char* server_addr) {
+  return forward_code(&ruvo_redis::hash_fields_num, key, fields_num, pool(redisSrvType),
+                      server_addr);
+}
+
+int RUVO_HashDelField(const char* key, const char* field, unsigned long f_len, int redisSrvType,
+                      const char* server_addr) {
+  return forward_code(&ruvo_redis::hash_del_field, key, field, f_len, pool(redisSrvType),
+                      server_addr);
+}
+
+void* RUVO_ExecRedisCmd(int redisSrvType, const char* format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  void* reply = RUVO_ExecRedisvCmd(redisSrvType, format, ap);
+  va_end(ap);
+  return reply;
+}
+
+void* RUVO_ExecRedisvCmd(int redisSrvType, const char* format, va_list ap) {
+  return forward<void*>(nullptr, &ruvo_redis::exec_redis_cmd, format, ap, pool(redisSrvType));
+}
+
+void RUVO_FreeReplyObject(void* reply) {
+  forward(RUVO_OK, [reply](ruvo_redis& redis) {
+    redis.free_reply_object(reply);
+    return RUVO_OK;
+  });
+}
+
+int RUVO_LRem(const char* key, int count, const char* value, int redisSrvType,
+              const char* server_addr) {
+  return forward_code(&ruvo_redis::list_rem, key, count, value, pool(redisSrvType), server_addr);
+}
+
+int RUVO_LPush(const char* key, const char* value, size_t length, int timeout, long long* count,
+               int redisSrvType, const char* server_addr) {
+  return forward_code(&ruvo_redis::list_push, key, value, length, timeout, count,
+                      pool(redisSrvType), server_addr);
+}
+
+int RUVO_RPop(const char* key, std::string& value, int redisSrvType, const char* server_addr) {
+  return forward_filling(value, &ruvo_redis::list_rpop, key, std::ref(value), pool(redisSrvType),
+                         server_addr);
+}
+
+int RUVO_LRange(const char* key, int start, int end, std::vector<std::string>& value,
+                int redisSrvType, const char* server_addr) {
+  return forward_filling(value, &ruvo_redis::list_range, key, start, end, std::ref(value),
+                         pool(redisSrvType), server_addr);
+}
+
+int RUVO_LTrim(const char* key, int start, int end, int redisSrvType, const char* server_addr) {
+  return forward_code(&ruvo_redis::list_trim, key, start, end, pool(redisSrvType), server_addr);
+}
+
+int RUVO_SAdd(const char* key, const char* data, size_t len, int redisSrvType,
+              const char* server_addr) {
+  return forward_code(&ruvo_redis::set_add, key, data, len, pool(redisSrvType), server_addr);
+}
+
+int RUVO_SRem(const char* key, const char* data, size_t len, int redisSrvType,
+              const char* server_addr) {
+  return forward_code(&ruvo_redis::set_rem, key, data, len, pool(redisSrvType), server_addr);
+}
+
+int RUVO_SIsmember(const char* key, const char* data, size_t len, int redisSrvType,
+                   const char* server_addr) {
+  return forward_code(&ruvo_redis::set_ismember, key, data, len, pool(redisSrvType), server_addr);
+}
+
+int RUVO_SMembers(const char* key, std::vector<std::string>& value, int redisSrvType,
+                  const char* server_addr) {
+  return forward_filling(value, &ruvo_redis::set_members, key, std::ref(value), pool(redisSrvType),
+                         server_addr);
 }

@@ -36,7 +36,9 @@
 //                             then not stored
 //   RUVO_ERR_FAILED           no server could be reached, or Redis answered with an error (a wrong
 //                             type of key, say) or with something unexpected; the log tells
-//   RUVO_ERR_NO_MEMORY        memory ran out
+//   RUVO_ERR_NO_MEMORY        memory ran out in the library itself
+//   RUVO_ERR_NO_REPLY         a command succeeded without a reply, which Redis does not do
+// A value, field or member of more than 512 MiB, Redis' own limit, is refused with RUVO_ERR_FAILED.
 // Result parameters are written on RUVO_OK only, except where a function says otherwise.
 //
 // THREADS. All operations may be called from any number of threads at once. RUVO_Init and RUVO_Fini
@@ -46,15 +48,18 @@
 // BLOCKING. A call waits for the connection that its turn gives it, then for the network: for each
 // attempt at most `connect_timeout` for connecting and `socket_timeout` for each read and write
 // (milliseconds, from the configuration; less than 1 means without limit). A command is sent, and
-// after a broken connection sent once more over a new one, before the next server is tried; at most
-// two visits are made to each server. A call thus ends within
-//   visits x (connect_timeout + 6 x socket_timeout)
+// after a broken connection sent once more over a new one, before the next server is tried. A
+// command makes at most twice as many visits as its pool has servers (a raw command: as the three
+// pools have together), and so ends within
+//   2 x servers x (connect_timeout + 6 x socket_timeout)
 // for replies that arrive in one piece, plus the time that other threads hold its connections.
-// Server names, as opposed to addresses, add the time of the system's resolver.
+// RUVO_IncreaseKey, RUVO_HashSet and RUVO_LPush may run two commands. Server names, as opposed to
+// addresses, add the time of the system's resolver. A signal whose handler runs in the waiting
+// thread lets that wait begin anew: keep periodic signals away from threads that call.
 //
-// A RESEND MAY RUN A COMMAND TWICE: when a connection breaks after the server has run a command and
-// before its reply has arrived, the command is sent again. For increments, pushes and appends that
-// counts twice.
+// A COMMAND MAY RUN MORE THAN ONCE: when a connection breaks, or socket_timeout passes, after the
+// server has run a command and before its reply has arrived, the command is sent again, up to twice
+// for each visit. Increments, pushes and appends then count more than once.
 //
 // SIGNALS AND EXCEPTIONS. A connection that its server has closed does not raise SIGPIPE in the
 // host. No function throws.
@@ -89,21 +94,21 @@ enum RedisServerType {
 enum RuvoResult {
   RUVO_OK = 0,
   RUVO_ABSENT = 1,                    // RUVO_ExistsKey, RUVO_HashFieldExist: it is not there
-  RUVO_INIT_TEMP_POOL_FAILED = 1,     // RUVO_Init: all but the temporary pool is up
-  RUVO_INIT_PERSIST_POOL_FAILED = 2,  // RUVO_Init: all but the persistent pool is up
+  RUVO_INIT_TEMP_POOL_FAILED = 1,     // RUVO_Init: persistent pool up, temporary not
+  RUVO_INIT_PERSIST_POOL_FAILED = 2,  // RUVO_Init: temporary pool up, persistent not
   RUVO_INIT_BOTH_POOLS_FAILED = 3,    // RUVO_Init: neither pool is up
   RUVO_ERR_FAILED = -1,               // no usable server, an error reply, an unexpected reply
   RUVO_NOTHING_DONE = -2,             // nothing popped, in range, added or found
   RUVO_ERR_NO_CONFIG = 10102,         // no configuration path given
   RUVO_ERR_NO_REDIS_CONFIG = 10106,   // the local configuration names no redis_cfg_path
   RUVO_ERR_NULL_ARGUMENT = 10107,     // a required pointer is null
-  RUVO_ERR_ADDRESS_LIST = 10109,      // an address list is empty or malformed (in the log only)
+  RUVO_ERR_ADDRESS_LIST = 10109,      // an address list is empty or malformed
   RUVO_ERR_NOT_INITIALIZED = 10111,   // the library is not initialised
   RUVO_ERR_NO_REPLY = 10112,          // a command succeeded without a reply
   RUVO_ERR_NO_MEMORY = 10113,         // memory or a mutex could not be obtained
   RUVO_ERR_CONFIG_FILE = 10115,       // the local configuration file cannot be opened
   RUVO_ERR_NOT_FOUND = 10402,         // Redis answered nil: the key or field is absent
-  RUVO_ERR_NO_CONNECTION = 10405      // a pool has no good connection (in the log only)
+  RUVO_ERR_NO_CONNECTION = 10405      // a pool has no good connection
 };
 
 // A short English text for a result code; never null, static.
@@ -162,8 +167,8 @@ extern "C" {
 // answering RUVO_ERR_NOT_INITIALIZED.
 //
 //   RUVO_OK                        ready (the personality pool's outcome shows in the log only)
-//   RUVO_INIT_TEMP_POOL_FAILED     ready, but the temporary pool has no good connection
-//   RUVO_INIT_PERSIST_POOL_FAILED  ready, but the persistent pool has no good connection
+//   RUVO_INIT_TEMP_POOL_FAILED     ready, but for the temporary pool
+//   RUVO_INIT_PERSIST_POOL_FAILED  ready, but for the persistent pool
 //   RUVO_INIT_BOTH_POOLS_FAILED    not ready
 //   RUVO_ERR_NO_CONFIG             `config` is null or empty
 //   RUVO_ERR_CONFIG_FILE           the local configuration file cannot be opened
@@ -171,13 +176,19 @@ extern "C" {
 //   RUVO_ERR_FAILED                the file that redis_cfg_path names cannot be opened
 //   RUVO_ERR_NO_MEMORY             memory ran out
 //
-// A pool whose servers are down at start-up still holds them: they are connected when first used.
+// A pool fails when its address list is empty or malformed, or when it has no good connection and
+// at least one could not be opened. Servers that are down at start-up stay in the pool and are
+// connected when first used. Connections that are refused for their password are given up for good
+// and do not fail the pool: the log tells.
+//
 // Prints a few progress lines to standard output. Blocks for each connection in turn: at most
-// connect_timeout, and with a password 2 x socket_timeout more.
+// connect_timeout, and with a password 2 x socket_timeout more; for a pool without addresses in the
+// configuration also for the resolution of the host's own name.
 RUVO_API int RUVO_Init(const char* config);
 
 // Takes back one counted RUVO_Init; the last one closes all connections. The library can then be
-// initialised again. Raw replies must be released before. Does not wait for the network.
+// initialised again. Buffers and raw replies that the library has handed out must be released
+// before. Does not wait for the network.
 //   RUVO_OK, RUVO_ERR_NOT_INITIALIZED
 RUVO_API int RUVO_Fini(void);
 
@@ -203,7 +214,7 @@ RUVO_API int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvTyp
 
 // Reads a value: `*data` is a buffer of exactly `*len` bytes, not zero-terminated and never null,
 // that the caller releases with RUVO_FreeResult (an empty value has one too). Both pointers are
-// required.
+// required. Should Redis answer with something that is no text, the results are left alone.
 //   RUVO_OK
 //   RUVO_ERR_NOT_FOUND  no such key; both results are left alone
 //   RUVO_ERR_NO_MEMORY  no buffer; `*data` is null
@@ -287,9 +298,15 @@ RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long
 //   redisReply* reply = (redisReply*)RUVO_ExecRedisCmd(eTempServer, "GETRANGE %s %d %d", key, 0,
 //   3);
 //
+// When a server fails, the command goes on to the pool whose number is that server's position in
+// its list counted from 1 (another number than 1 to 3: the temporary pool), WHICHEVER POOL WAS
+// ASKED FOR. Where the pools hold different data, check what you get, or use a typed function,
+// which stays in its pool. It also gives up sooner: a null reply while a server fails is worth
+// another call.
+//
 // Commands that are sent one by one may go to different servers and connections: what needs a
 // connection of its own (MULTI, SUBSCRIBE, WATCH, SELECT) does not belong here, nor does a command
-// that waits longer than socket_timeout (BLPOP).
+// that waits longer than socket_timeout (BLPOP). Arguments of more than 512 MiB must not be given.
 RUVO_API void* RUVO_ExecRedisCmd(int redisSrvType, const char* format, ...);
 
 // The same with the arguments in a list, which is left as it was.

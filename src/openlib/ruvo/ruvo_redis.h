@@ -4,7 +4,9 @@
 //   pools.cpp      building and closing a pool; the counted shut-down
 //   routing.cpp    choice of server and connection, failure state, rebuilding a connection
 //   execution.cpp  the walk over servers, and the typed path that sorts its reply into a code
-//   strings.cpp    the operations on string keys (data_operation.cpp: what operations share)
+//   strings.cpp, hashes.cpp, lists.cpp, sets.cpp
+//                  the data operations (data_operation.cpp: what they share)
+//   raw.cpp        any command, its reply handed over as it is
 //
 // Threads: operations from any number of threads; init and fini must not overlap them. See
 // server_pool.h for what guards what.
@@ -19,6 +21,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "busin_config.h"
 #include "exchange.h"
@@ -26,6 +29,7 @@
 #include "server_pool.h"
 
 struct data_operation;
+struct required_argument;
 
 // The reader that start-up loads the library's configuration with.
 extern vop_config ruvo_cfg;
@@ -84,6 +88,49 @@ class ruvo_redis {
   int persist_key(const char* key, RedisServerType redisSrvType, const char* server_addr);
   int free_result(const char* data);
 
+  // ---- Hashes ----
+  int hash_set(const char* key, const char* field, unsigned long f_len, const char* value,
+               unsigned long v_len, int time_out, RedisServerType redisSrvType,
+               const char* server_addr);
+  int hash_get(const char* key, const char* field, unsigned long f_len, const char** value,
+               unsigned long* v_len, RedisServerType redisSrvType, const char* server_addr);
+  int hash_field_exist(const char* key, const char* field, unsigned long f_len,
+                       RedisServerType redisSrvType, const char* server_addr);
+  int hash_incr_by(const char* key, const char* field, unsigned long f_len, long long increment,
+                   long long* result, RedisServerType redisSrvType, const char* server_addr);
+  int hash_fields_num(const char* key, long long* fields_num, RedisServerType redisSrvType,
+                      const char* server_addr);
+  int hash_del_field(const char* key, const char* field, unsigned long f_len,
+                     RedisServerType redisSrvType, const char* server_addr);
+
+  // ---- Lists ----
+  int list_rem(const char* key, int count, const char* value, RedisServerType redisSrvType,
+               const char* server_addr);
+  int list_push(const char* key, const char* value, std::size_t length, int timeout,
+                long long* count, RedisServerType redisSrvType, const char* server_addr);
+  int list_rpop(const char* key, std::string& value, RedisServerType redisSrvType,
+                const char* server_addr);
+  int list_range(const char* key, int start, int end, std::vector<std::string>& value,
+                 RedisServerType redisSrvType, const char* server_addr);
+  int list_trim(const char* key, int start, int end, RedisServerType redisSrvType,
+                const char* server_addr);
+
+  // ---- Sets ----
+  int set_add(const char* key, const char* value, std::size_t len, RedisServerType redisSrvType,
+              const char* server_addr);
+  int set_rem(const char* key, const char* value, std::size_t len, RedisServerType redisSrvType,
+              const char* server_addr);
+  int set_ismember(const char* key, const char* value, std::size_t len,
+                   RedisServerType redisSrvType, const char* server_addr);
+  int set_members(const char* key, std::vector<std::string>& value, RedisServerType redisSrvType,
+                  const char* server_addr);
+
+  // ---- Any command ----
+  // The reply, which the caller hands to free_reply_object; null on failure. `ap` is left as it
+  // was.
+  void* exec_redis_cmd(const char* format, va_list ap, RedisServerType redisSrvType);
+  void free_reply_object(void* reply);
+
  private:
   // The two users of the walk over servers; execution.cpp tells what differs.
   enum class walk_path { typed, raw };
@@ -106,7 +153,7 @@ class ruvo_redis {
                    const char* format, va_list args);
 
   // The road of every data operation up to its reply, see data_operation.h.
-  int run(const data_operation& operation, std::initializer_list<const void*> required,
+  int run(const data_operation& operation, std::initializer_list<required_argument> required,
           reply_ptr* reply, RedisServerType redisSrvType, const char* key, const char* format, ...);
 
   std::atomic<bool> initialized_{false};

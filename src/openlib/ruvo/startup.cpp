@@ -26,10 +26,12 @@ constexpr const char* section = "common";
 __attribute__((format(printf, 1, 2))) void print_progress(const char* format, ...) {
   va_list args;
   va_start(args, format);
+  flockfile(stdout);  // text and newline stay together, whoever else prints
   std::vprintf(format, args);
-  va_end(args);
   std::putchar('\n');
   std::fflush(stdout);
+  funlockfile(stdout);
+  va_end(args);
 }
 
 const char* or_null_text(const char* text) { return text != nullptr ? text : "(null)"; }
@@ -122,7 +124,8 @@ void ruvo_redis::read_timeouts() {
 }
 
 void ruvo_redis::choose_addresses() {
-  // The two diagnostic lines are errors on purpose: operators look for them in logs of that level.
+  // The two diagnostic lines are errors on purpose: deployed systems rely on seeing them whatever
+  // the level they log at.
   const char* temp_server = ruvo_cfg.get_str_val(section, "temp_server");
   RUVO_LOG(ERROR, "t_par_val: %s\n", or_null_text(temp_server));
   const char* persist_server = ruvo_cfg.get_str_val(section, "persist_server");
@@ -156,7 +159,7 @@ int ruvo_redis::build_pools() {
                  RUVO_INIT_TEMP_POOL_FAILED},
       pool_start{ePersistServer, p_server_addrs_, p_pool_, "persist", "persist", "persist",
                  RUVO_INIT_PERSIST_POOL_FAILED},
-      // Watchdogs count two "persist ... success" lines in a healthy start: the last name stays.
+      // The last name is the persistent pool's: deployed systems rely on the text as it is.
       pool_start{ePersonalityServer, personality_server_addrs_, personality_pool_, "personality",
                  "personality", "persist", 0},
   };

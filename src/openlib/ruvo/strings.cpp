@@ -8,7 +8,6 @@ namespace {
 
 constexpr int no_time_out = -1;
 constexpr const char* null_pointer = "invalid param value : null pointer.";
-constexpr const char* null_key = "key is NULL";
 
 // Seconds until the next local midnight: 1 to 86400.
 long seconds_to_midnight() {
@@ -24,10 +23,11 @@ int ruvo_redis::insert_key(const char* key, const char* data, unsigned long len,
                            RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::insert_key",
                                             .null_text = null_pointer};
-  const int ret = time_out == no_time_out ? run(operation, {key, data}, no_reply, redisSrvType, key,
-                                                "SET %s %b", key, data, len)
-                                          : run(operation, {key, data}, no_reply, redisSrvType, key,
-                                                "SETEX %s %d %b", key, time_out, data, len);
+  const int ret = time_out == no_time_out
+                      ? run(operation, {key, {data, len}}, no_reply, redisSrvType, key, "SET %s %b",
+                            key, data, len)
+                      : run(operation, {key, {data, len}}, no_reply, redisSrvType, key,
+                            "SETEX %s %d %b", key, time_out, data, len);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::insert_key | key %s successfully inserted.", key);
   }
@@ -38,8 +38,8 @@ int ruvo_redis::append_key(const char* key, const char* data, unsigned long len,
                            RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::append_key",
                                             .null_text = null_pointer};
-  const int ret =
-      run(operation, {key, data}, no_reply, redisSrvType, key, "APPEND %s %b", key, data, len);
+  const int ret = run(operation, {key, {data, len}}, no_reply, redisSrvType, key, "APPEND %s %b",
+                      key, data, len);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::append_key | APPEND  %s successfully.", key);
   }
@@ -59,9 +59,7 @@ int ruvo_redis::increase_key(const char* key, long long* value, RedisServerType 
   }
   RUVO_LOG(DEBUG, "ruvo_redis::increase_key | GET  %s successfully.", key);
   if (has_type(operation, reply, REDIS_REPLY_INTEGER, key)) {
-    if (value != nullptr) {
-      *value = reply->integer;
-    }
+    store(value, reply->integer);
     RUVO_LOG(DEBUG,
              "ruvo_redis::increase_key | key %s successfully increased, current value is %lld.",
              key, reply->integer);

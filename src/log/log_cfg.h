@@ -1,0 +1,45 @@
+// Configuration of log sinks. Parts for hosts: the library itself creates none of them.
+#ifndef RUVO_LOG_CFG_H
+#define RUVO_LOG_CFG_H
+
+#include <string>
+#include <vector>
+
+#include "log_mutex.h"  // LOG_HANDLE
+
+// What a sink may be given to keep for its user. What a configuration offers is its own affair.
+class Log_Cfg {
+ public:
+  virtual ~Log_Cfg() = 0;
+};
+
+inline Log_Cfg::~Log_Cfg() {}
+
+// Base of the holders that keep their values in memory.
+class Log_Cfg_Heap {
+ public:
+  virtual ~Log_Cfg_Heap() {}
+};
+
+// A holder in the manner of a registry: a root, a file, named values. Its operations are declared
+// only: a host that wants them defines them.
+class Log_Cfg_Heap_Reg : public Log_Cfg_Heap {
+ public:
+  Log_Cfg_Heap_Reg() : handle_(nullptr), ini_(false) {}
+  // Closes nothing: the handle is its user's.
+  ~Log_Cfg_Heap_Reg() override { handle_ = nullptr; }
+
+  int open(const char* root, const char* file);
+  int close();
+  int get_string_value(const char* name, std::string& value);
+  int enum_values(std::vector<std::string>& names);
+  int get_string_arr(const char* name, std::vector<std::string>& values);
+
+ protected:
+  std::string root_;
+  std::string file_;
+  LOG_HANDLE handle_;
+  bool ini_;
+};
+
+#endif

@@ -1,0 +1,48 @@
+// Any command: the reply itself is handed over, and released later.
+#include <cstring>
+
+#include "log_line.h"
+#include "ruvo_redis.h"
+
+namespace {
+
+constexpr const char* no_key = "temp";  // what the log shows where a typed command shows its key
+
+}  // namespace
+
+void* ruvo_redis::exec_redis_cmd(const char* format, va_list ap, RedisServerType redisSrvType) {
+  if (!initialized_.load(std::memory_order_acquire)) {
+    // The name is another method's; log filters match it so.
+    RUVO_LOG(ERROR, "ruvo_redis::hash_del_field | redis is not initialized");
+    return nullptr;
+  }
+  if (format == nullptr) {
+    RUVO_LOG(ERROR, "ruvo_redis::exec_redis_cmd | format is NULL");
+    return nullptr;
+  }
+  // Redis passes over a command without words: it would be waited for in vain, on every server.
+  if (format[std::strspn(format, " ")] == '\0') {
+    RUVO_LOG(ERROR, "ruvo_redis::exec_redis_cmd | format is empty");
+    return nullptr;
+  }
+  RUVO_LOG(INFO, "ruvo_redis::exec_redis_cmd | %s redis server type:%d", format,
+           static_cast<int>(redisSrvType));
+  reply_ptr reply;
+  if (walk(walk_path::raw, no_key, redisSrvType, format, ap, reply) ==
+      walk_end::no_server_at_start) {
+    RUVO_LOG(ERROR, "%s", no_key);
+  }
+  return reply.release();
+}
+
+void ruvo_redis::free_reply_object(void* reply) {
+  if (!initialized_.load(std::memory_order_acquire)) {
+    RUVO_LOG(ERROR, "ruvo_redis::free_reply_object | redis is not initialized");
+    return;
+  }
+  if (reply == nullptr) {
+    RUVO_LOG(ERROR, "ruvo_redis::free_reply_object | reply is NULL");
+    return;
+  }
+  freeReplyObject(reply);
+}
