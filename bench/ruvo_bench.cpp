@@ -8,10 +8,8 @@
 // The library gets two connections for each thread: with fewer, threads often find the one whose
 // turn it is in use by another.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <hiredis/hiredis.h>
 #include <ruvo/ruvo.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -24,7 +22,7 @@
 #include <vector>
 
 #include "host.h"
-#include "redis_server.h"
+#include "servers.h"
 
 namespace {
 
@@ -202,14 +200,8 @@ void start_library(const benchmark::State& state) {
   config = std::make_unique<HostConfig>(
       all_pools_at(redis->addr()),
       "p_connect_num = " + std::to_string(connections_per_thread * state.threads()));
-  const int console = dup(STDOUT_FILENO);  // the progress lines do not belong into the table
-  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  dup2(null, STDOUT_FILENO);
-  const int ret = RUVO_Init(config->path());
-  dup2(console, STDOUT_FILENO);
-  close(null);
-  close(console);
-  require(ret == RUVO_OK);
+  const QuietConsole quiet;  // the progress lines do not belong into the table
+  require_ok(RUVO_Init(config->path()));
 }
 
 void stop_library(const benchmark::State&) { RUVO_Fini(); }

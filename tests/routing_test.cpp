@@ -2,8 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "client.h"
-#include "redis_server.h"
-#include "scripted_server.h"
+#include "servers.h"
 
 namespace {
 std::time_t now = 1000000;
@@ -27,7 +26,7 @@ constexpr auto ERROR = BaseLib::Logger::ERROR;
 class Routing : public testing::Test {
  protected:
   void start(const std::string& server_settings, const std::string& addrs = "") {
-    const std::string down = "127.0.0.1:" + std::to_string(free_port());
+    const std::string down = down_.addr();
     const HostConfig config(all_pools_at(addrs.empty() ? down + "," + down + "," + down : addrs),
                             server_settings);
     init_client(client_, config);
@@ -50,6 +49,7 @@ class Routing : public testing::Test {
     }
   }
 
+  DownServer down_;
   ruvo_redis client_;
   LogCapture log_;
 };
@@ -68,7 +68,7 @@ TEST_F(Routing, TakesServersInTurnOrFromAPosition) {
 
 TEST_F(Routing, CountersGiveTurns0To10001AndWrap) {
   start("p_connect_num = 7");
-  const auto count_to_wrap = [this](auto&& next, int divisor) {
+  const auto count_to_wrap = [](auto&& next, int divisor) {
     for (int turn = 0; turn <= 10001; ++turn) {
       ASSERT_EQ(next(), turn % divisor) << turn;
     }
@@ -145,7 +145,7 @@ TEST_F(Routing, LimitsOfEjection) {
   };
   for (const auto& one : cases) {
     ruvo_redis client;
-    const std::string down = "127.0.0.1:" + std::to_string(free_port());
+    const std::string down = down_.addr();
     ASSERT_EQ(ruvo_cfg.open(std::string("[server]\n") + one.settings, true), 0);
     server_pool& pool = pool_in(client);
     client.init_server_pool(down + "," + down, pool, eTempServer);
@@ -206,8 +206,7 @@ TEST_F(Routing, AFailedRebuildKeepsTheOldContextAndLeaksNothing) {
       peer.answer_all("+OK\r\n");
     }
   });
-  start("t_password = secret",
-        refuses.addr() + "," + goes.addr() + ",127.0.0.1:" + std::to_string(free_port()));
+  start("t_password = secret", refuses.addr() + "," + goes.addr() + "," + down_.addr());
   auto& servers = pool_in(client_).servers_;
   const int descriptors = open_descriptors();
   for (int i = 0; i < 1000; ++i) {

@@ -3,7 +3,6 @@
 #define RUVO_TESTS_CLIENT_H
 
 #include "host.h"
-#include "quiet_console.h"
 #include "ruvo_redis.h"
 
 // The library itself shows its pools to readers only; tests also change them.

@@ -1,9 +1,11 @@
-#include "failing_memory.h"
-
+// The process's allocation functions, counted and made to fail. A test that is linked with them has
+// them in place of the standard ones, in the library as well.
 #include <cstdlib>
 #include <new>
 
-thread_local int allocations = 0;
+extern thread_local int allocations;
+extern thread_local bool no_memory;
+thread_local int allocations = 0;  // made in this thread
 thread_local bool no_memory = false;
 
 namespace {

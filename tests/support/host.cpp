@@ -1,8 +1,10 @@
 #include "host.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
@@ -83,6 +85,19 @@ HostConfig::HostConfig(const std::string& common, const std::string& server) {
 std::string all_pools_at(const std::string& addrs) {
   return "connect_timeout = 1000\nsocket_timeout = 1000\ntemp_server = " + addrs +
          "\npersist_server = " + addrs + "\npersonality_server = " + addrs;
+}
+
+QuietConsole::QuietConsole() : console_(dup(STDOUT_FILENO)) {
+  std::fflush(stdout);
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(null, STDOUT_FILENO);
+  close(null);
+}
+
+QuietConsole::~QuietConsole() {
+  std::fflush(stdout);
+  dup2(console_, STDOUT_FILENO);
+  close(console_);
 }
 
 int open_descriptors() {

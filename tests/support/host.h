@@ -60,6 +60,18 @@ class HostConfig {
 // Lines for section `common`: all three pools at the given servers, and short time-outs.
 std::string all_pools_at(const std::string& addrs);
 
+// Keeps the progress lines of start-up out of the output while it lives.
+class QuietConsole {
+ public:
+  QuietConsole();
+  ~QuietConsole();
+  QuietConsole(const QuietConsole&) = delete;
+  QuietConsole& operator=(const QuietConsole&) = delete;
+
+ private:
+  int console_;
+};
+
 int open_descriptors();
 
 #endif

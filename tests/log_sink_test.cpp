@@ -1,0 +1,99 @@
+// The sink and the locks that hosts may use for their logs.
+#include <gtest/gtest.h>
+#include <ruvo/log_io.h>
+
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "host.h"
+
+namespace {
+
+class LogSink : public testing::Test {
+ protected:
+  std::string content(const std::string& name = "log") {
+    sink_.flush();
+    std::stringstream all;
+    all << std::ifstream(dir_.path(name)).rdbuf();
+    return all.str();
+  }
+
+  TempDir dir_;
+  Log_IO_FILE sink_;
+  std::string path_ = dir_.path("log");
+};
+
+TEST_F(LogSink, EveryModeAppendsAndTheFirstEndsAnOpenLine) {
+  const char* expected[] = {"old\nnew", "oldnew", "oldnew", "oldnew"};
+  for (int mode = 0; mode < 4; ++mode) {
+    dir_.write("log", "old");
+    ASSERT_EQ(sink_.open(path_.c_str(), nullptr, mode, 0), 0);
+    EXPECT_GE(sink_.write("new"), 0);
+    EXPECT_EQ(content(), expected[mode]) << mode;
+  }
+  dir_.write("log", "old\n");
+  ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);  // closes the former file
+  EXPECT_EQ(sink_.write("a\0b", std::size_t{3}), 3);
+  EXPECT_EQ(sink_.size(), 7);
+  EXPECT_EQ(content(), std::string("old\na\0b", 7));
+  ASSERT_EQ(sink_.open(dir_.path("wide").c_str(), nullptr, 7, 0), 0);
+  EXPECT_GE(sink_.write(L"wide"), 0);
+  EXPECT_EQ(content("wide"), "wide");
+  EXPECT_EQ(sink_.open(dir_.path("none/log").c_str(), nullptr, 0, 0), ENOENT);
+}
+
+TEST_F(LogSink, EmptiesAndBacksUp) {
+  ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);
+  sink_.write("buffered");
+  EXPECT_EQ(sink_.empty(), 0);
+  EXPECT_EQ(content(), "");
+  sink_.write("kept");
+  EXPECT_EQ(sink_.backup(dir_.path("LOG").c_str()), 0);  // its own name: left alone
+  EXPECT_EQ(content(), "kept");
+  EXPECT_EQ(sink_.backup(dir_.path("copy").c_str()), 0);
+  EXPECT_EQ(content("copy") + "|" + content(), "kept|");
+  sink_.write("stays");
+  EXPECT_EQ(sink_.backup(std::string(600, 'x').c_str()), -1);
+  EXPECT_EQ(content(), "stays");
+}
+
+TEST_F(LogSink, AClosedSinkDoesNothing) {
+  EXPECT_EQ(sink_.write("x") + sink_.write(L"x") + sink_.write("x", std::size_t{1}), 0);
+  EXPECT_EQ(sink_.flush() + sink_.size() + sink_.close(), 0);
+  EXPECT_EQ(sink_.empty(), -1);
+  EXPECT_EQ(sink_.handle(), nullptr);
+  EXPECT_FALSE(sink_.donot_delete());
+  Log_Thread_Mutex lock;
+  Log_Cfg_Heap_Reg registry;
+  sink_.mutex(&lock);
+  sink_.config(nullptr);
+  EXPECT_EQ(sink_.mutex(), &lock);
+  EXPECT_EQ(sink_.config(), nullptr);
+}
+
+TEST(LogMutex, LocksBetweenThreads) {
+  Log_Unix_Process_Mutex lock;
+  EXPECT_EQ(lock.open("ignored") + lock.open("again"), 0);
+  EXPECT_EQ(lock.name(), nullptr);
+  int count = 0;
+  {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&] {
+        for (int i = 0; i < 1000; ++i) {
+          lock.acquire(0);
+          ++count;
+          lock.release();
+        }
+      });
+    }
+  }
+  EXPECT_EQ(count, 4000);
+  EXPECT_EQ(lock.close(true) + lock.close(false), 0);
+  Log_Win32_Process_Mutex nothing;
+  EXPECT_EQ(nothing.open("x") + nothing.acquire(1) + nothing.release() + nothing.close(true), 0);
+  EXPECT_STREQ(nothing.name(), "");
+}
+
+}  // namespace

@@ -1,0 +1,387 @@
+// The data operations and raw commands, through the exports.
+#include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <ruvo/ruvo.h>
+
+#include <climits>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "host.h"
+#include "servers.h"
+
+namespace {
+
+constexpr auto DEBUG = BaseLib::Logger::DEBUG;
+constexpr auto INFO = BaseLib::Logger::INFO;
+constexpr auto WARN = BaseLib::Logger::WARN;
+constexpr auto ERROR = BaseLib::Logger::ERROR;
+constexpr int T = eTempServer;
+
+// A host that is initialised with these lines for section `common`.
+class Session {
+ public:
+  explicit Session(const std::string& common) : config_(common) {
+    const QuietConsole quiet;
+    EXPECT_EQ(RUVO_Init(config_.path()), RUVO_OK);
+  }
+  ~Session() { RUVO_Fini(); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+ private:
+  HostConfig config_;
+};
+
+// Where the calls below leave their results.
+long long number = 0;
+const char* data = nullptr;
+unsigned long len = 0;
+std::string text;
+std::vector<std::string> texts;
+
+using Call = std::function<int()>;
+
+// ---- What is sent, and what each reply becomes: against a server that answers as it is told ----
+
+TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
+  const Call insert = [] { return RUVO_InsertKey("k", "v", 1, -1, T, "ignored"); };
+  const Call insert_timed = [] { return RUVO_InsertKey("k", "v", 1, 30, T, nullptr); };
+  const Call append = [] { return RUVO_AppendKey("k", "v", 1, T, nullptr); };
+  const Call increase = [] { return RUVO_IncreaseKey("k", &number, T, nullptr); };
+  const Call query = [] { return RUVO_QueryKey("k", &data, &len, T, nullptr); };
+  const Call exists = [] { return RUVO_ExistsKey("k", T, nullptr); };
+  const Call erase = [] { return RUVO_DeleteKey("k", T, nullptr); };
+  const Call expire = [] { return RUVO_ExpireKey("k", 4000000000U, T, nullptr); };
+  const Call persist = [] { return RUVO_PersistKey("k", T, nullptr); };
+  const Call hset = [] { return RUVO_HashSet("k", "f", 1, "v", 1, -1, T, nullptr); };
+  const Call hset_timed = [] { return RUVO_HashSet("k", "f", 1, "v", 1, 0, T, nullptr); };
+  const Call hget = [] { return RUVO_HashGet("k", "f", 1, &data, &len, T, nullptr); };
+  const Call hexists = [] { return RUVO_HashFieldExist("k", "f", 1, T, nullptr); };
+  const Call hincr = [] { return RUVO_HashIncrBy("k", "f", 1, -3, &number, T, nullptr); };
+  const Call hlen = [] { return RUVO_HashFieldsNum("k", &number, T, nullptr); };
+  const Call hdel = [] { return RUVO_HashDelField("k", "f", 1, T, nullptr); };
+  const Call lrem = [] { return RUVO_LRem("k", -1, "v", T, nullptr); };
+  const Call push = [] { return RUVO_LPush("k", "v", 1, 0, &number, T, nullptr); };
+  const Call push_timed = [] { return RUVO_LPush("k", "v", 1, 30, &number, T, nullptr); };
+  const Call pop = [] { return RUVO_RPop("k", text, T, nullptr); };
+  const Call range = [] { return RUVO_LRange("k", 0, -1, texts, T, nullptr); };
+  const Call trim = [] { return RUVO_LTrim("k", 1, -2, T, nullptr); };
+  const Call sadd = [] { return RUVO_SAdd("k", "v", 1, T, nullptr); };
+  const Call srem = [] { return RUVO_SRem("k", "v", 1, T, nullptr); };
+  const Call sismember = [] { return RUVO_SIsmember("k", "v", 1, T, nullptr); };
+  const Call smembers = [] { return RUVO_SMembers("k", texts, T, nullptr); };
+  const std::string some = "*5\r\n$1\r\na\r\n$0\r\n\r\n:1\r\n$-1\r\n$2\r\nb\n\r\n";
+  struct {
+    Call call;
+    std::string reply;
+    int result;
+    std::string sent;
+    LogCapture::Line line;  // the text without "ruvo_redis::"
+    // clang-format off
+  } const cases[] = {
+      {insert, "+OK", 0, "SET k v", {DEBUG, "insert_key | key k successfully inserted."}},
+      {insert, "-no", -1, "SET k v", {ERROR, "insert_key | do_exec_command failed, ret:-1"}},
+      {insert_timed, "+OK", 0, "SETEX k 30 v", {INFO, "insert_key | do_exec_command success!"}},
+      {append, ":1", 0, "APPEND k v", {DEBUG, "append_key | APPEND  k successfully."}},
+      {increase, ":7", 0, "INCR k", {DEBUG, "increase_key | GET  k successfully."}},
+      {increase, "+x", 0, "INCR k", {WARN, "increase_key | key:k, unexpected reply type:5"}},
+      {query, "$1\r\nv", 0, "GET k", {DEBUG, "query_key | querying key k succeeded."}},
+      {query, ":1", 0, "GET k", {WARN, "query_key | key:k, unexpected reply type:3"}},
+      {query, "$-1", 10402, "GET k", {INFO, "query_key | do_exec_command failed, ret:10402"}},
+      {query, "-no", -1, "GET k", {ERROR, "query_key | do_exec_command failed, ret:-1"}},
+      {exists, ":1", 0, "EXISTS k", {DEBUG, "exists_key | key:k is exist."}},
+      {exists, ":0", 1, "EXISTS k", {DEBUG, "exists_key | key:k not exist."}},
+      {exists, ":2", -1, "EXISTS k", {ERROR, "exists_key | reply->interger:2"}},
+      {exists, "*0", -1, "EXISTS k", {WARN, "exists_key | key:k, unexpected reply type:2"}},
+      {erase, ":0", 0, "DEL k", {DEBUG, "delete_key | DEL  k successfully."}},
+      {expire, ":0", 0, "EXPIRE k 4000000000", {DEBUG, "expire_key | EXPIRE  k 4000000000 successfully."}},
+      {persist, ":0", 0, "PERSIST k", {DEBUG, "persist_key | PERSIST  k successfully."}},
+      {hset, ":1", 0, "HSET k f v", {DEBUG, "hash_set | key k, field:f, value:v time_out:-1, successfully inserted."}},
+      {hset, "-no", -1, "HSET k f v", {ERROR, "hash_set | do_exec_command failed, ret:-1"}},
+      {hset_timed, ":1", 0, "HSET k f v EXPIRE k 0", {INFO, "hash_set | do_exec_command success!"}},
+      {hget, "$1\r\nv", 0, "HGET k f", {INFO, "hash_get | do_exec_command success!"}},
+      {hget, ":1", -1, "HGET k f", {ERROR, "hash_get | unexpected redis type:3"}},
+      {hget, "$-1", 10402, "HGET k f", {ERROR, "hash_get | do_exec_command failed, ret:10402"}},
+      {hexists, ":1", 0, "HEXISTS k f", {INFO, "hash_field_exist | field exist"}},
+      {hexists, ":0", 1, "HEXISTS k f", {INFO, "hash_field_exist | field not exist"}},
+      {hexists, ":2", -1, "HEXISTS k f", {ERROR, "hash_field_exist | unknown reply value:2"}},
+      {hexists, "+x", -1, "HEXISTS k f", {ERROR, "hash_field_exist | unexpected redis type:5"}},
+      {hincr, ":4", 0, "HINCRBY k f -3", {DEBUG, "hash_incr_by | HINCRBY key k, field:f success, after incr, value is 4"}},
+      {hincr, "+x", -1, "HINCRBY k f -3", {ERROR, "hash_incr_by | unexpected redis type:5"}},
+      {hlen, ":0", 0, "HLEN k", {DEBUG, "hash_fields_num | key:k not exist."}},
+      {hlen, "*0", -1, "HLEN k", {ERROR, "hash_fields_num | unexpected redis type:2"}},
+      {hdel, ":0", 0, "HDEL k f", {INFO, "hash_del_field | do_exec_command success!"}},
+      {lrem, ":2", 0, "LREM k -1 v", {DEBUG, "list_rem | lrem key:k success, num:2."}},
+      {lrem, ":0", -2, "LREM k -1 v", {DEBUG, "list_rem | key:k not exist."}},
+      {lrem, "+x", -1, "LREM k -1 v", {ERROR, "list_rem | unexpected redis type:5"}},
+      {push, ":3", 0, "LPUSH k v", {DEBUG, "list_push | list_push key:k, value:v success, count is 3"}},
+      {push, "+x", -1, "LPUSH k v", {ERROR, "list_push | unexpected redis type:5"}},
+      {push_timed, "+x", 0, "LPUSH k v EXPIRE k 30", {DEBUG, "expire_key | EXPIRE  k 30 successfully."}},
+      {push_timed, "-no", -1, "LPUSH k v", {ERROR, "list_push | do_exec_command failed, ret:-1"}},
+      {pop, "$1\r\nv", 0, "RPOP k", {DEBUG, "list_rpop | key:k, value:v."}},
+      {pop, "$0\r\n", -2, "RPOP k", {DEBUG, "list_rpop | failed, key:k"}},
+      {pop, "$-1", 10402, "RPOP k", {ERROR, "list_rpop | do_exec_command failed, ret:10402"}},
+      {pop, ":1", -1, "RPOP k", {ERROR, "list_rpop | unexpected redis type:3"}},
+      {range, some, 0, "LRANGE k 0 -1", {DEBUG, "list_range | success, key:k"}},
+      {range, "*0", -2, "LRANGE k 0 -1", {DEBUG, "list_range | failed, key:k"}},
+      {range, ":1", -1, "LRANGE k 0 -1", {ERROR, "list_range | unexpected redis type:3"}},
+      {trim, "+OK", 0, "LTRIM k 1 -2", {DEBUG, "list_trim | success, key:k"}},
+      {trim, "+odd", 0, "LTRIM k 1 -2", {INFO, "list_trim | do_exec_command success!"}},
+      {trim, "+", -2, "LTRIM k 1 -2", {DEBUG, "list_trim | failed, key:k"}},
+      {trim, ":1", -1, "LTRIM k 1 -2", {ERROR, "list_trim | unexpected redis type:3"}},
+      {sadd, ":1", 0, "SADD k v", {DEBUG, "set_add | set_add key:k, value:v success, count is 1"}},
+      {sadd, ":0", -2, "SADD k v", {DEBUG, "set_add | value:v exists in key:k"}},
+      {sadd, "+x", -1, "SADD k v", {ERROR, "set_add | unexpected redis type:5"}},
+      {srem, ":0", 0, "SREM k v", {DEBUG, "set_rem | set_rem key:k, value:v success, count is 0"}},
+      {srem, "+x", -1, "SREM k v", {ERROR, "set_rem | unexpected redis type:5"}},
+      {sismember, ":1", 0, "SISMEMBER k v", {DEBUG, "set_ismember | value:v is a member of key:k"}},
+      {sismember, ":2", -2, "SISMEMBER k v", {DEBUG, "set_ismember | value:v is not a member of key:k"}},
+      {sismember, "+x", -1, "SISMEMBER k v", {ERROR, "set_ismember | unexpected redis type:5"}},
+      {smembers, some, 0, "SMEMBERS k", {DEBUG, "set_members | success, key:k"}},
+      {smembers, "*0", -2, "SMEMBERS k", {DEBUG, "set_members | failed, key:k"}},
+      {smembers, ":1", -1, "SMEMBERS k", {ERROR, "set_members | unexpected redis type:3"}},
+  };
+  // clang-format on
+  std::mutex mutex;
+  std::string reply;  // both guarded by mutex
+  std::string sent;
+  const ScriptedServer server([&](Peer& peer) {
+    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+      const std::scoped_lock lock(mutex);
+      for (const std::string& word : words) {
+        sent += (sent.empty() ? "" : " ") + word;
+      }
+      peer.send(reply + "\r\n");
+    }
+  });
+  const Session session(all_pools_at(server.addr()));
+  LogCapture log;
+  for (const auto& one : cases) {
+    {
+      const std::scoped_lock lock(mutex);
+      reply = one.reply == some ? some.substr(0, some.size() - 2) : one.reply;
+      sent.clear();
+    }
+    log.clear();
+    number = -9;
+    data = nullptr;
+    texts = {"old"};
+    text = "old";
+    EXPECT_EQ(one.call(), one.result) << one.line;
+    EXPECT_EQ(log.count(one.line.level, "ruvo_redis::" + one.line.text), 1) << one.line;
+    const std::scoped_lock lock(mutex);
+    EXPECT_EQ(sent, one.sent);
+    if (data != nullptr) {
+      EXPECT_EQ(std::string(data, len), "v");
+      EXPECT_EQ(RUVO_FreeResult(data), 0);
+    }
+    EXPECT_EQ(number, one.reply[0] == ':' && number != -9 ? std::stoll(one.reply.substr(1)) : -9);
+    if (one.sent.starts_with("RPOP")) {
+      EXPECT_EQ(text, one.result == 0 ? "v" : "");
+    }
+    if (one.sent.starts_with("LRANGE") || one.sent.starts_with("SMEMBERS")) {
+      EXPECT_EQ(texts,
+                one.result == 0 ? (std::vector<std::string>{"a", "b\n"}) : decltype(texts){});
+    }
+  }
+}
+
+// ---- What is refused before anything is sent ----
+
+TEST(Operations, RefuseByName) {
+  const char* none = nullptr;
+  // clang-format off
+  const struct {
+    std::string line;
+    Call call;
+  } cases[] = {
+      {"insert_key | invalid param value : null pointer.", [=] { return RUVO_InsertKey(none, "v", 1, -1, T, none); }},
+      {"insert_key | invalid param value : null pointer.", [=] { return RUVO_InsertKey("k", none, 1, 5, T, none); }},
+      {"append_key | invalid param value : null pointer.", [=] { return RUVO_AppendKey("k", none, 1, T, none); }},
+      {"query_key | invalid param value : null pointer.", [=] { return RUVO_QueryKey("k", nullptr, &len, T, none); }},
+      {"query_key | invalid param value : null pointer.", [=] { return RUVO_QueryKey("k", &data, nullptr, T, none); }},
+      {"increase_key | key is NULL", [=] { return RUVO_IncreaseKey(none, &number, T, none); }},
+      {"exists_key | key is NULL", [=] { return RUVO_ExistsKey(none, T, none); }},
+      {"delete_key | key is NULL", [=] { return RUVO_DeleteKey(none, T, none); }},
+      {"expire_key | key is NULL", [=] { return RUVO_ExpireKey(none, 1, T, none); }},
+      {"persist_key | key is NULL", [=] { return RUVO_PersistKey(none, T, none); }},
+      {"hash_set | key or field or value is NULL", [=] { return RUVO_HashSet("k", "f", 1, none, 1, 5, T, none); }},
+      {"hash_get | key or field is NULL", [=] { return RUVO_HashGet("k", none, 1, &data, &len, T, none); }},
+      {"hash_field_exist | key or field is NULL", [=] { return RUVO_HashFieldExist(none, "f", 1, T, none); }},
+      {"hash_incr_by | key or field is NULL", [=] { return RUVO_HashIncrBy("k", none, 1, 1, &number, T, none); }},
+      {"hash_fields_num | key is NULL", [=] { return RUVO_HashFieldsNum(none, &number, T, none); }},
+      {"hash_del_field | key or field is NULL", [=] { return RUVO_HashDelField("k", none, 1, T, none); }},
+      {"list_rem | key is NULL", [=] { return RUVO_LRem(none, 0, "v", T, none); }},
+      {"list_rem | key or value is NULL", [=] { return RUVO_LRem("k", 0, none, T, none); }},
+      {"list_push | key or value is NULL", [=] { return RUVO_LPush("k", none, 1, 5, &number, T, none); }},
+      {"list_rpop | key is NULL", [=] { return RUVO_RPop(none, text, T, none); }},
+      {"list_range | key is NULL", [=] { return RUVO_LRange(none, 0, 1, texts, T, none); }},
+      {"list_trim | key is NULL", [=] { return RUVO_LTrim(none, 0, 1, T, none); }},
+      {"set_add | key or value is NULL", [=] { return RUVO_SAdd("k", none, 1, T, none); }},
+      {"set_rem | key or value is NULL", [=] { return RUVO_SRem(none, "v", 1, T, none); }},
+      {"set_ismember | key or value is NULL", [=] { return RUVO_SIsmember("k", none, 1, T, none); }},
+      {"set_members | key is NULL", [=] { return RUVO_SMembers(none, texts, T, none); }},
+  };
+  // clang-format on
+  const RedisServer redis;
+  LogCapture log;
+  for (const bool initialised : {false, true}) {
+    const std::unique_ptr<Session> session(
+        initialised ? std::make_unique<Session>(all_pools_at(redis.addr())) : nullptr);
+    for (const auto& one : cases) {
+      log.clear();
+      text = "old";
+      texts = {"old"};
+      EXPECT_EQ(one.call(), initialised ? RUVO_ERR_NULL_ARGUMENT : RUVO_ERR_NOT_INITIALIZED);
+      const std::string name = one.line.substr(0, one.line.find(' '));
+      const std::string line = initialised ? one.line : name + " | redis is not initialized";
+      EXPECT_EQ(log.take(), (std::vector<LogCapture::Line>{{ERROR, "ruvo_redis::" + line}}));
+      EXPECT_TRUE(!name.starts_with("list_rpop") || text.empty());
+      EXPECT_TRUE(!(name == "list_range" || name == "set_members") || texts.empty());
+    }
+    EXPECT_EQ(RUVO_FreeResult(nullptr), initialised ? RUVO_OK : RUVO_ERR_NOT_INITIALIZED);
+    EXPECT_EQ(RUVO_InsertKey("k", "v", ULONG_MAX, -1, T, nullptr),
+              initialised ? RUVO_ERR_FAILED : RUVO_ERR_NOT_INITIALIZED);
+  }
+  EXPECT_EQ(log.count_containing("insert_key | too long for redis: 18446744073709551615 bytes"), 1);
+}
+
+// ---- Against a real Redis ----
+
+class OnRedis : public testing::Test {
+ protected:
+  static std::string query(const char* key, int pool = T) {
+    const int ret = RUVO_QueryKey(key, &data, &len, pool, nullptr);
+    if (ret != RUVO_OK) {
+      return std::to_string(ret);
+    }
+    std::string value(data, len);
+    EXPECT_EQ(RUVO_FreeResult(data), RUVO_OK);
+    return value;
+  }
+  double ttl(const std::string& key) const { return std::stod(redis_.ask("ttl " + key)); }
+
+  RedisServer redis_;
+  Session session_{all_pools_at(redis_.addr())};
+  LogCapture log_{WARN};
+};
+
+TEST_F(OnRedis, BytesGoInAndComeBackWhole) {
+  std::string every_byte;
+  for (int byte = 0; byte < 256; ++byte) {
+    every_byte += static_cast<char>(byte);
+  }
+  for (const std::string& value :
+       {std::string(), std::string(1, '\0'), every_byte, std::string(64U << 20U, '\xFF')}) {
+    const std::string field = value.substr(0, 1000);
+    EXPECT_EQ(RUVO_InsertKey("s", value.data(), value.size(), -1, T, nullptr), 0);
+    EXPECT_TRUE(query("s") == value) << value.size();
+    EXPECT_EQ(
+        RUVO_HashSet("h", field.data(), field.size(), value.data(), value.size(), -1, T, nullptr),
+        0);
+    EXPECT_EQ(RUVO_HashGet("h", field.data(), field.size(), &data, &len, T, nullptr), 0);
+    EXPECT_TRUE(std::string(data, len) == value);
+    RUVO_FreeResult(data);
+    EXPECT_EQ(RUVO_LPush("l", value.data(), value.size(), 0, nullptr, T, nullptr), 0);
+    EXPECT_EQ(RUVO_LRange("l", 0, 0, texts, T, nullptr), 0);
+    EXPECT_TRUE(texts == (value.empty() ? decltype(texts){} : decltype(texts){value}));
+    EXPECT_EQ(RUVO_RPop("l", text, T, nullptr), value.empty() ? RUVO_NOTHING_DONE : RUVO_OK);
+    EXPECT_TRUE(text == value);
+    EXPECT_EQ(RUVO_SAdd("set", value.data(), value.size(), T, nullptr), 0);
+    EXPECT_EQ(RUVO_SIsmember("set", value.data(), value.size(), T, nullptr), 0);
+    EXPECT_EQ(RUVO_SMembers("set", texts, T, nullptr), 0);
+    EXPECT_TRUE(texts == (value.empty() ? decltype(texts){} : decltype(texts){value}));
+    EXPECT_EQ(RUVO_SRem("set", value.data(), value.size(), T, nullptr), 0);
+  }
+  EXPECT_EQ(RUVO_InsertKey("", "empty key", 9, -1, T, nullptr), 0);
+  EXPECT_EQ(query(""), "empty key");
+  EXPECT_EQ(RUVO_HashGet("h", "", 0, nullptr, nullptr, T, nullptr), 0);
+  EXPECT_EQ(RUVO_HashFieldsNum("h", nullptr, T, nullptr), 0);
+}
+
+TEST_F(OnRedis, TimeOutsAndWrongTypes) {
+  EXPECT_EQ(RUVO_InsertKey("k", "v", 1, 100, T, nullptr), 0);
+  EXPECT_NEAR(ttl("k"), 100, 2);
+  EXPECT_EQ(RUVO_PersistKey("k", T, nullptr), 0);
+  EXPECT_EQ(ttl("k"), -1);
+  EXPECT_EQ(RUVO_InsertKey("k", "v", 1, 0, T, nullptr), RUVO_ERR_FAILED);
+  EXPECT_EQ(RUVO_HashSet("h", "f", 1, "v", 1, 100, T, nullptr), 0);
+  EXPECT_NEAR(ttl("h"), 100, 2);
+  EXPECT_EQ(RUVO_HashSet("h", "f", 1, "v", 1, 0, T, nullptr), 0);
+  EXPECT_EQ(ttl("h"), -2);
+  EXPECT_EQ(RUVO_LPush("l", "v", 1, 100, &number, T, nullptr), 0);
+  EXPECT_NEAR(ttl("l"), 100, 2);
+  number = 5;
+  EXPECT_EQ(RUVO_HashIncrBy("k", "f", 1, 1, &number, T, nullptr), RUVO_ERR_FAILED);
+  EXPECT_EQ(RUVO_IncreaseKey("k", &number, T, nullptr), RUVO_ERR_FAILED);
+  EXPECT_EQ(number, 5);
+  EXPECT_EQ(log_.count(ERROR, "exists_key::increase_key | do_exec_command failed, ret:-1"), 1);
+  EXPECT_EQ(RUVO_ExistsKey("k", T, nullptr), 0);
+}
+
+TEST_F(OnRedis, ACounterLivesUntilLocalMidnight) {
+  // A time zone where it is about noon now, so that local and universal time differ.
+  const std::time_t now = std::time(nullptr);
+  setenv("TZ", ("XXX" + std::to_string(now / 3600 % 24 - 12)).c_str(), 1);
+  tzset();
+  const double to_midnight = 12.0 * 3600 - static_cast<double>(now % 3600);
+  EXPECT_EQ(RUVO_IncreaseKey("n", &number, T, nullptr), 0);
+  EXPECT_EQ(number, 1);
+  EXPECT_NEAR(ttl("n"), to_midnight, 5);
+  RUVO_ExpireKey("n", 7, T, nullptr);
+  EXPECT_EQ(RUVO_IncreaseKey("n", &number, T, nullptr), 0);
+  EXPECT_EQ(number, 2);
+  EXPECT_LE(ttl("n"), 7);
+  RUVO_InsertKey("n", "0", 1, -1, T, nullptr);
+  EXPECT_EQ(RUVO_IncreaseKey("n", nullptr, T, nullptr), 0);
+  EXPECT_NEAR(ttl("n"), to_midnight, 5);
+}
+
+TEST_F(OnRedis, RawCommandsHandTheReplyOver) {
+  const auto run = [](const char* format, auto... args) {
+    auto* reply = static_cast<redisReply*>(RUVO_ExecRedisCmd(ePersistServer, format, args...));
+    const int type = reply != nullptr ? reply->type : -1;
+    if (reply != nullptr) {
+      RUVO_FreeReplyObject(reply);
+    }
+    return type;
+  };
+  EXPECT_EQ(run("PING"), REDIS_REPLY_STATUS);
+  EXPECT_EQ(run("SET %s %b", "k", "a\0b", std::size_t{3}), REDIS_REPLY_STATUS);
+  EXPECT_EQ(run("STRLEN %s", "k"), REDIS_REPLY_INTEGER);
+  EXPECT_EQ(run("GET none"), REDIS_REPLY_NIL);
+  EXPECT_EQ(run("LLEN k"), REDIS_REPLY_ERROR);
+  EXPECT_EQ(run("KEYS *"), REDIS_REPLY_ARRAY);
+  EXPECT_TRUE(log_.take().empty());
+  EXPECT_EQ(run(nullptr), -1);
+  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::exec_redis_cmd | format is NULL"), 1);
+  EXPECT_EQ(run(" "), -1);
+  EXPECT_EQ(run("GET %y"), -1);  // hiredis does not understand it
+  EXPECT_EQ(run("GET k"), REDIS_REPLY_STRING);
+  RUVO_FreeReplyObject(nullptr);
+  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::free_reply_object | reply is NULL"), 1);
+}
+
+TEST(Operations, PoolsAreApartAndUnknownNumbersMeanTheTemporaryOne) {
+  const RedisServer temp;
+  const RedisServer persist;
+  const RedisServer personality;
+  const Session session("temp_server=" + temp.addr() + "\npersist_server=" + persist.addr() +
+                        "\npersonality_server=" + personality.addr());
+  for (const int pool : {1, 2, 3, 0, 4, -1}) {
+    EXPECT_EQ(RUVO_AppendKey("k", "x", 1, pool, nullptr), 0);
+  }
+  EXPECT_EQ(temp.ask("get k") + "," + persist.ask("get k") + "," + personality.ask("get k"),
+            "xxxx,x,x");
+  const LogCapture log;
+  RUVO_Fini();
+  EXPECT_EQ(RUVO_ExecRedisCmd(T, "PING"), nullptr);
+  EXPECT_EQ(log.count(ERROR, "ruvo_redis::hash_del_field | redis is not initialized"), 1);
+  RUVO_FreeReplyObject(nullptr);
+  EXPECT_EQ(log.count(ERROR, "ruvo_redis::free_reply_object | redis is not initialized"), 1);
+}
+
+}  // namespace
