@@ -62,38 +62,24 @@ TEST_F(LogSink, AClosedSinkDoesNothing) {
   EXPECT_EQ(sink_.write("x") + sink_.write(L"x") + sink_.write("x", std::size_t{1}), 0);
   EXPECT_EQ(sink_.flush() + sink_.size() + sink_.close(), 0);
   EXPECT_EQ(sink_.empty(), -1);
-  EXPECT_EQ(sink_.handle(), nullptr);
-  EXPECT_FALSE(sink_.donot_delete());
-  Log_Thread_Mutex lock;
-  Log_Cfg_Heap_Reg registry;
-  sink_.mutex(&lock);
-  sink_.config(nullptr);
-  EXPECT_EQ(sink_.mutex(), &lock);
-  EXPECT_EQ(sink_.config(), nullptr);
 }
 
 TEST(LogMutex, LocksBetweenThreads) {
   Log_Unix_Process_Mutex lock;
   EXPECT_EQ(lock.open("ignored") + lock.open("again"), 0);
-  EXPECT_EQ(lock.name(), nullptr);
   int count = 0;
-  {
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < 4; ++t) {
-      threads.emplace_back([&] {
-        for (int i = 0; i < 1000; ++i) {
-          lock.acquire(0);
-          ++count;
-          lock.release();
-        }
-      });
+  const auto work = [&] {
+    for (int i = 0; i < 1000; ++i) {
+      lock.acquire(0);
+      ++count;
+      lock.release();
     }
-  }
-  EXPECT_EQ(count, 4000);
+  };
+  std::thread one(work);
+  work();
+  one.join();
+  EXPECT_EQ(count, 2000);
   EXPECT_EQ(lock.close(true) + lock.close(false), 0);
-  Log_Win32_Process_Mutex nothing;
-  EXPECT_EQ(nothing.open("x") + nothing.acquire(1) + nothing.release() + nothing.close(true), 0);
-  EXPECT_STREQ(nothing.name(), "");
 }
 
 }  // namespace

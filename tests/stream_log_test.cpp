@@ -35,8 +35,8 @@ TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
     Logger("/a/b/server.cpp", 42, static_cast<Logger::LogLevel>(level)).stream() << "pid " << 7;
     EXPECT_EQ(errno, EPIPE);
     EXPECT_EQ(lines.back().first, static_cast<Logger::LogLevel>(level));
-    const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )" + std::to_string(gettid()) +
-                           " " + names[level] + R"( server\.cpp:42 pid 7\n)");
+    const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )" + std::to_string(gettid()) + " " + names[level] +
+                           R"( server\.cpp:42 pid 7\n)");
     EXPECT_TRUE(std::regex_match(lines.back().second, shape)) << lines.back().second;
   }
   Logger::setLogLevel(Logger::ERROR);
@@ -46,28 +46,23 @@ TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
 
 TEST_F(StreamLog, LinesOfManyThreadsDoNotMix) {
   lines.clear();
-  {
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < 8; ++t) {
-      threads.emplace_back([t] {
-        for (int i = 0; i < 100; ++i) {
-          Logger("t.cpp", t, Logger::INFO).stream() << "thread " << t << " line " << i;
-        }
-      });
-    }
-  }
+  const auto work = [] {
+    for (int i = 0; i < 400; ++i) { Logger("t.cpp", i, Logger::INFO).stream() << "line " << i; }
+  };
+  std::thread one(work);
+  std::thread other(work);
+  one.join();
+  other.join();
   ASSERT_EQ(lines.size(), 800U);
-  const std::regex shape(R"([^\n]* INFO t\.cpp:(\d) thread \1 line \d+\n)");
   for (const auto& line : lines) {
-    EXPECT_TRUE(std::regex_match(line.second, shape)) << line.second;
+    EXPECT_TRUE(std::regex_match(line.second, std::regex(R"([^\n]* INFO t\.cpp:(\d+) line \1\n)")));
   }
 }
 
 TEST(StreamLogDefault, WritesToStandardError) {
   testing::internal::CaptureStderr();
   Logger("plain.cpp", 3, Logger::FATAL).stream() << "still here";
-  const std::string written = testing::internal::GetCapturedStderr();
-  EXPECT_NE(written.find(" FATAL plain.cpp:3 still here\n"), std::string::npos);
+  EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(" FATAL plain.cpp:3 still here\n"));
 }
 
 }  // namespace

@@ -18,9 +18,7 @@ void* allocate(std::size_t size) {
 }  // namespace
 
 void* operator new(std::size_t size) {
-  if (void* memory = allocate(size)) {
-    return memory;
-  }
+  if (void* memory = allocate(size)) { return memory; }
   throw std::bad_alloc();
 }
 void* operator new[](std::size_t size) { return operator new(size); }

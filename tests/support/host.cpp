@@ -20,9 +20,7 @@ std::vector<LogCapture::Line> lines;  // guarded by mutex
 // Drops "date time thread level place ", five words, and the newline at the end.
 void capture(BaseLib::Logger::LogLevel level, const char* line, std::size_t length) {
   std::string text(line, length - 1);
-  for (int word = 0; word < 5; ++word) {
-    text.erase(0, text.find(' ') + 1);
-  }
+  for (int word = 0; word < 5; ++word) { text.erase(0, text.find(' ') + 1); }
   const std::scoped_lock lock(mutex);
   lines.push_back({level, std::move(text)});
 }
@@ -52,9 +50,8 @@ int LogCapture::count(BaseLib::Logger::LogLevel level, const std::string& text) 
 
 int LogCapture::count_containing(const std::string& part) const {
   const std::scoped_lock lock(mutex);
-  return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const Line& line) {
-    return line.text.find(part) != std::string::npos;
-  }));
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(),
+                                        [&](const Line& line) { return line.text.find(part) != std::string::npos; }));
 }
 
 std::ostream& operator<<(std::ostream& out, const LogCapture::Line& line) {
@@ -63,9 +60,7 @@ std::ostream& operator<<(std::ostream& out, const LogCapture::Line& line) {
 
 TempDir::TempDir() {
   std::string name = std::filesystem::temp_directory_path() / "ruvo-test-XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) {
-    throw std::runtime_error("no temporary folder");
-  }
+  if (mkdtemp(name.data()) == nullptr) { throw std::runtime_error("no temporary folder"); }
   path_ = name;
 }
 
@@ -77,14 +72,13 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
 }
 
 HostConfig::HostConfig(const std::string& common, const std::string& server) {
-  const std::string redis_conf =
-      dir_.write("redis.conf", "[common]\n" + common + "\n[server]\n" + server + "\n");
+  const std::string redis_conf = dir_.write("redis.conf", "[common]\n" + common + "\n[server]\n" + server + "\n");
   path_ = dir_.write("sruvo.conf", "[redis_cfg]\nredis_cfg_path = " + redis_conf + "\n");
 }
 
 std::string all_pools_at(const std::string& addrs) {
-  return "connect_timeout = 1000\nsocket_timeout = 1000\ntemp_server = " + addrs +
-         "\npersist_server = " + addrs + "\npersonality_server = " + addrs;
+  return "connect_timeout = 1000\nsocket_timeout = 1000\ntemp_server = " + addrs + "\npersist_server = " + addrs +
+         "\npersonality_server = " + addrs;
 }
 
 QuietConsole::QuietConsole() : console_(dup(STDOUT_FILENO)) {

@@ -7,9 +7,10 @@
 #include <vector>
 
 #include "logger.h"
+#include "no_copy.h"
 
 // Collects the log while it lives; one at a time.
-class LogCapture {
+class LogCapture : NoCopy {
  public:
   struct Line {
     BaseLib::Logger::LogLevel level;
@@ -19,10 +20,8 @@ class LogCapture {
 
   explicit LogCapture(BaseLib::Logger::LogLevel threshold = BaseLib::Logger::DEBUG);
   ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<Line> take();  // all lines since the last call
+  std::vector<Line> take();                                                   // all lines since the last call
   int count(BaseLib::Logger::LogLevel level, const std::string& text) const;  // whole texts
   int count_containing(const std::string& part) const;
   void clear() { take(); }
@@ -31,12 +30,10 @@ class LogCapture {
 std::ostream& operator<<(std::ostream& out, const LogCapture::Line& line);
 
 // A folder that goes when the object does.
-class TempDir {
+class TempDir : NoCopy {
  public:
   TempDir();
   ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
 
   // Writes a file and returns its path.
   std::string write(const std::string& name, const std::string& content) const;
@@ -61,12 +58,10 @@ class HostConfig {
 std::string all_pools_at(const std::string& addrs);
 
 // Keeps the progress lines of start-up out of the output while it lives.
-class QuietConsole {
+class QuietConsole : NoCopy {
  public:
   QuietConsole();
   ~QuietConsole();
-  QuietConsole(const QuietConsole&) = delete;
-  QuietConsole& operator=(const QuietConsole&) = delete;
 
  private:
   int console_;

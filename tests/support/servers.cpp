@@ -28,9 +28,7 @@ DownServer::~DownServer() { close(fd_); }
 RedisServer::RedisServer(std::string options) : options_(std::move(options)) {
   for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the port first
     port_ = DownServer().port();
-    if (start()) {
-      return;
-    }
+    if (start()) { return; }
   }
   throw std::runtime_error("redis-server does not start");
 }
@@ -38,17 +36,15 @@ RedisServer::RedisServer(std::string options) : options_(std::move(options)) {
 bool RedisServer::start() {
   // The shell becomes the server, so that its number is the server's; a test that crashes takes the
   // server along.
-  output_ = popen(("cd /tmp && echo $$ && exec setpriv --pdeathsig KILL redis-server --port " +
-                   std::to_string(port_) + " --bind 127.0.0.1 --save '' " + options_)
+  output_ = popen(("cd /tmp && echo $$ && exec setpriv --pdeathsig KILL redis-server --port " + std::to_string(port_) +
+                   " --bind 127.0.0.1 --save '' " + options_)
                       .c_str(),
                   "re");
   std::array<char, 512> line{};
   if (output_ != nullptr && fgets(line.data(), line.size(), output_) != nullptr) {
     pid_ = static_cast<pid_t>(std::strtol(line.data(), nullptr, 10));
     while (fgets(line.data(), line.size(), output_) != nullptr) {
-      if (std::strstr(line.data(), "Ready to accept") != nullptr) {
-        return true;
-      }
+      if (std::strstr(line.data(), "Ready to accept") != nullptr) { return true; }
     }
   }
   kill();
@@ -64,9 +60,7 @@ void RedisServer::kill() {
 
 void RedisServer::restart() {
   kill();
-  if (!start()) {
-    throw std::runtime_error("redis-server does not start again");
-  }
+  if (!start()) { throw std::runtime_error("redis-server does not start again"); }
 }
 
 std::string RedisServer::ask(const std::string& command) const {
@@ -89,29 +83,21 @@ std::vector<std::string> Peer::read_command() {
   for (long left = read_number('*'); left > 0; --left) {
     const long length = read_number('$');
     std::string word(static_cast<std::size_t>(length < 0 ? 0 : length) + 2, '\0');
-    if (length < 0 || fread(word.data(), 1, word.size(), input_) != word.size()) {
-      return {};
-    }
+    if (length < 0 || fread(word.data(), 1, word.size(), input_) != word.size()) { return {}; }
     word.resize(word.size() - 2);
     words.push_back(std::move(word));
   }
   return words;
 }
 
-void Peer::send(const std::string& bytes) const {
-  ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-}
+void Peer::send(const std::string& bytes) const { ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
 void Peer::answer_all(const std::string& bytes) {
-  while (!read_command().empty()) {
-    send(bytes);
-  }
+  while (!read_command().empty()) { send(bytes); }
 }
 
 ScriptedServer::ScriptedServer(Script script) : script_(std::move(script)) {
-  if (listen(fd_, 64) != 0) {
-    throw std::runtime_error("scripted server cannot listen");
-  }
+  if (listen(fd_, 64) != 0) { throw std::runtime_error("scripted server cannot listen"); }
   acceptor_ = std::jthread([this] { accept_all(); });
 }
 
@@ -120,9 +106,7 @@ ScriptedServer::~ScriptedServer() {
   acceptor_.join();
   {
     const std::scoped_lock lock(mutex_);
-    for (const int fd : open_) {
-      shutdown(fd, SHUT_RDWR);
-    }
+    for (const int fd : open_) { shutdown(fd, SHUT_RDWR); }
   }
   threads_.clear();
 }

@@ -12,13 +12,13 @@
 #include <thread>
 #include <vector>
 
+#include "no_copy.h"
+
 // A port that refuses connections for as long as the object lives, and is nobody else's.
-class DownServer {
+class DownServer : NoCopy {
  public:
   DownServer();
   ~DownServer();
-  DownServer(const DownServer&) = delete;
-  DownServer& operator=(const DownServer&) = delete;
   int port() const { return port_; }
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
 
@@ -28,12 +28,10 @@ class DownServer {
 };
 
 // A redis-server that keeps nothing on disk.
-class RedisServer {
+class RedisServer : NoCopy {
  public:
   explicit RedisServer(std::string options = "");
   ~RedisServer() { kill(); }
-  RedisServer(const RedisServer&) = delete;
-  RedisServer& operator=(const RedisServer&) = delete;
   int port() const { return port_; }
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill();     // with SIGKILL, as a crash would end it
@@ -51,12 +49,10 @@ class RedisServer {
 };
 
 // One connection, seen from a scripted server.
-class Peer {
+class Peer : NoCopy {
  public:
   Peer(int fd, int number) : fd_(fd), number_(number), input_(fdopen(fd, "r")) {}
   ~Peer() { fclose(input_); }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
 
   int number() const { return number_; }  // 0 for the first connection to the server
   // The words of the next command, or nothing when the client has gone.
@@ -78,11 +74,8 @@ class ScriptedServer : public DownServer {
  public:
   using Script = std::function<void(Peer&)>;
   explicit ScriptedServer(Script script);
-  explicit ScriptedServer(const std::string& reply)
-      : ScriptedServer([reply](Peer& peer) { peer.answer_all(reply); }) {}
+  explicit ScriptedServer(const std::string& reply) : ScriptedServer([reply](Peer& peer) { peer.answer_all(reply); }) {}
   ~ScriptedServer();
-  ScriptedServer(const ScriptedServer&) = delete;
-  ScriptedServer& operator=(const ScriptedServer&) = delete;
   int connections() const { return connections_; }
 
  private:
