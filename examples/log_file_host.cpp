@@ -7,7 +7,7 @@
 #include <stream_log/logger.h>
 
 #include <cstdio>
-#include <cstring>
+#include <system_error>
 
 namespace {
 
@@ -38,7 +38,8 @@ int main(int argc, char** argv) {
   }
   lock.open(nullptr);
   if (const int error = sink.open(argv[1], &lock, 0, 0)) {
-    std::fprintf(stderr, "log_file_host: %s: %s\n", argv[1], std::strerror(error));
+    std::fprintf(stderr, "log_file_host: %s: %s\n", argv[1],
+                 std::generic_category().message(error).c_str());
     return 1;
   }
   BaseLib::Logger::setOutput(to_file);

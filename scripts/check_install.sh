@@ -12,7 +12,7 @@ cmake --install build/release --prefix "$prefix" >/dev/null
 missing=0
 for file in include/ruvo/{ruvo,busin_config,sutils}.h include/stream_log/logger.h \
   lib/libruvo.so.1 lib/libstream_log.so.1 lib/cmake/ruvo/ruvoConfig.cmake \
-  lib/pkgconfig/{ruvo,stream_log}.pc; do
+  lib/pkgconfig/{ruvo,stream_log}.pc include/ruvo/log_{io,mutex,cfg}.h; do
   [ -e "$prefix/$file" ] || { echo "not installed: $file" >&2; missing=1; }
 done
 [ "$missing" -eq 0 ]

@@ -34,7 +34,10 @@ int ruvo_redis::run(const data_operation& operation,
     return ret;
   }
   RUVO_LOG(INFO, "%s | do_exec_command success!", operation.origin);
-  if (reply != no_reply && !*reply && operation.policy == reply_policy::strict) {
+  if (reply == no_reply) {
+    return RUVO_OK;
+  }
+  if (!*reply && operation.policy == reply_policy::strict) {
     RUVO_LOG(ERROR, "%s | reply is NULL", operation.origin);
     return RUVO_ERR_NO_REPLY;
   }
