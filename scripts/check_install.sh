@@ -17,14 +17,14 @@ for file in include/ruvo/{ruvo,busin_config,sutils}.h include/stream_log/logger.
 done
 [ "$missing" -eq 0 ]
 
-cp -r tests/consumer "$work/consumer"
-cmake -S "$work/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cp -r examples/installed_package "$work/program"
+cmake -S "$work/program" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/build" >/dev/null
-"$work/build/consumer"
+"$work/build/program"
 
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 # shellcheck disable=SC2046  # pkg-config prints words
-cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$work/consumer/consumer.c" -o "$work/consumer_c" \
+cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$work/program/program.c" -o "$work/program_c" \
   $(pkg-config --cflags --libs ruvo) -Wl,-rpath,"$prefix/lib" -Wl,-rpath-link,"$prefix/lib"
-"$work/consumer_c"
+"$work/program_c"
 echo "the installed package works"

@@ -13,7 +13,7 @@ declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev"
   [run]="redis-server nutcracker"
   [test]="redis-server libgtest-dev libbenchmark-dev binutils"
-  [check]="git clang-format clang-tidy"
+  [check]="git clang clang-format clang-tidy"
 )
 groups=("$@")
 [ ${#groups[@]} -gt 0 ] || groups=(build run test check)

@@ -324,7 +324,7 @@ TEST_F(OnRedis, RawCommandsHandTheReplyOver) {
     return type;
   };
   EXPECT_EQ(run("PING"), REDIS_REPLY_STATUS);
-  EXPECT_EQ(run("SET %s %b", "k", "a\0b", std::size_t{3}), REDIS_REPLY_STATUS);
+  EXPECT_EQ(run("SET %s %b", "k", "a\0b", std::size_t{3}), REDIS_REPLY_STATUS);  // NOLINT: the zero byte is meant
   EXPECT_EQ(run("STRLEN %s", "k"), REDIS_REPLY_INTEGER);
   EXPECT_EQ(run("GET none"), REDIS_REPLY_NIL);
   EXPECT_EQ(run("LLEN k"), REDIS_REPLY_ERROR);
