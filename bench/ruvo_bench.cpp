@@ -10,6 +10,7 @@
 #include <benchmark/benchmark.h>
 #include <hiredis/hiredis.h>
 #include <ruvo/ruvo.h>
+#include <stream_log/logger.h>
 
 #include <algorithm>
 #include <array>
@@ -21,8 +22,7 @@
 #include <string>
 #include <vector>
 
-#include "host.h"
-#include "servers.h"
+#include "sandbox.h"
 
 namespace {
 

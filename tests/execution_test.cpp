@@ -55,23 +55,6 @@ class Execution : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(Execution, HandsOverOnlyAReplyThatIsAskedForAndGood) {
-  const std::pair<std::string, int> cases[] = {{"*1\r\n$1\r\na\r\n", 0}, {"$-1\r\n", 10402}, {"-ERR no\r\n", -1}};
-  for (const auto& [answer, code] : cases) {
-    const ScriptedServer redis(answer);
-    ruvo_redis client;
-    ASSERT_EQ(client.init_server_pool(redis.addr(), pool_in(client), eTempServer), 0);
-    for (const bool need_reply : {true, false}) {
-      redisReply untouched{};
-      redisReply* reply = &untouched;
-      EXPECT_EQ(client.do_exec_command("k", reply, need_reply, eTempServer, "GET k"), code);
-      EXPECT_EQ(reply != &untouched, need_reply && code == 0) << answer;
-      freeReplyObject(reply != &untouched ? reply : nullptr);
-    }
-  }
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::do_exec_command | exec key:k failed, redis reply str:ERR no."), 2);
-}
-
 TEST_F(Execution, ANilReplyNamesItsPool) {
   const ScriptedServer redis{std::string("$-1\r\n")};
   start(redis.addr());
@@ -82,6 +65,10 @@ TEST_F(Execution, ANilReplyNamesItsPool) {
   EXPECT_EQ(log_.count(WARN, line("true")), 4);
   EXPECT_EQ(get("k", static_cast<RedisServerType>(0)), 10402);
   EXPECT_EQ(log_.count(WARN, line("false")), 1);
+  redisReply untouched{};
+  redisReply* reply = &untouched;
+  EXPECT_EQ(client_.do_exec_command("k", reply, true, eTempServer, "GET k"), 10402);
+  EXPECT_EQ(reply, &untouched);
   EXPECT_EQ(get(nullptr), 10107);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::do_exec_command | key is NULL"), 1);
 }
@@ -263,11 +250,8 @@ TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
   const std::string spaces(1022, ' ');
   std::string nothing_much;
   for (int i = 0; i < 5000; ++i) { nothing_much += "%n"; }
-  struct {
-    std::string key;
-    std::string text;
-  } const cases[] = {
-      // clang-format off
+  // clang-format off
+  struct { std::string key; std::string text; } const cases[] = {
       {"plain", "plain"}, {"", ""}, {"100%%", "100%"}, {"%s|%d|%i|%u|%c", "(null)|0|0|0|"}, {"a%nb%hhn%5lln", "ab"},
       {"%5d|%-5d|%05d|%+d|%.3d|%#x", "    0|0    |00000|+0|000|0"}, {"%lld %zu %jd %hhx", "0 0 0 0"},
       {"%f %.1Lf %e %g", "0.000000 0.0 0.000000e+00 0"}, {"%p|%10s|%.3s|%.6s|%ls", "(nil)|    (null)||(null)|(null)"},
@@ -275,8 +259,8 @@ TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
       {":%49:%39", ":%49:%39"}, {"%99999999999d", spaces + " "}, {"%.99999999999f", "0." + std::string(1021, '0')},
       {full + "yyy", full}, {full.substr(3) + "%s", full.substr(3) + "(nu"}, {nothing_much, ""},
       {"%-----------------------5d|", "0    |"},
-      // clang-format on
   };
+  // clang-format on
   for (const auto& one : cases) {
     std::array<char, log_buffer_size> text{};
     expand_key_format(one.key.c_str(), text);

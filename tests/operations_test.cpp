@@ -74,14 +74,8 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   const Call smembers = [] { return RUVO_SMembers("k", texts, T, nullptr); };
   // clang-format on
   const std::string some = "*5\r\n$1\r\na\r\n$0\r\n\r\n:1\r\n$-1\r\n$2\r\nb\n\r\n";
-  struct {
-    Call call;
-    std::string reply;
-    int result;
-    std::string sent;
-    LogCapture::Line line;  // the text without "ruvo_redis::"
-    // clang-format off
-  } const cases[] = {
+  // clang-format off
+  struct { Call call; std::string reply; int result; std::string sent; LogCapture::Line line; } const cases[] = {
       {insert, "+OK", 0, "SET k v", {DEBUG, "insert_key | key k successfully inserted."}},
       {insert, "-no", -1, "SET k v", {ERROR, "insert_key | do_exec_command failed, ret:-1"}},
       {insert_timed, "+OK", 0, "SETEX k 30 v", {INFO, "insert_key | do_exec_command success!"}},
@@ -182,10 +176,7 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
 TEST(Operations, RefuseByName) {
   const char* none = nullptr;
   // clang-format off
-  const struct {
-    std::string line;
-    Call call;
-  } cases[] = {
+  const struct { std::string line; Call call; } cases[] = {
       {"insert_key | invalid param value : null pointer.", [=] { return RUVO_InsertKey(none, "v", 1, -1, T, none); }},
       {"insert_key | invalid param value : null pointer.", [=] { return RUVO_InsertKey("k", none, 1, 5, T, none); }},
       {"append_key | invalid param value : null pointer.", [=] { return RUVO_AppendKey("k", none, 1, T, none); }},

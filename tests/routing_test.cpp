@@ -100,17 +100,13 @@ TEST_F(Routing, GivesUpWhenAllServersAreEjectedOrThereIsNone) {
 }
 
 TEST_F(Routing, LimitsOfEjection) {
-  struct {
-    const char* settings;
-    int failures;
-    std::size_t found;  // from position 0 right after the failures
-  } const cases[] = {
-      {"p_auto_eject_server = false\np_server_failure_limit = 1", 9, 0},
-      {"p_server_failure_limit = -1", 9, 0},
-      {"p_server_failure_limit = 1\np_server_retry_timeout = 0", 9, 0},
-      {"p_server_failure_limit = 0", 0, 0},
+  // clang-format off
+  struct { const char* settings; int failures; std::size_t found; } const cases[] = {
+      {"p_auto_eject_server = false\np_server_failure_limit = 1", 9, 0}, {"p_server_failure_limit = -1", 9, 0},
+      {"p_server_failure_limit = 1\np_server_retry_timeout = 0", 9, 0}, {"p_server_failure_limit = 0", 0, 0},
       {"p_server_failure_limit = 0", 1, 1},
   };
+  // clang-format on
   for (const auto& one : cases) {
     ruvo_redis client;
     server_pool& pool = pool_in(client);

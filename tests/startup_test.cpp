@@ -66,18 +66,12 @@ TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
   const DownServer none;
   const std::string up = redis.addr();
   const std::string down = none.addr();
-  struct {
-    std::string common;
-    int result;
-  } const cases[] = {
-      {pools(up, up, up), 0},
-      {pools(down, up, up), 1},
-      {pools(up, down, up), 2},
-      {pools(down, "", ""), 3},
-      {pools("bad", up, up), 1},
-      {pools(up, up, down), 0},
-      {pools(up + "," + down, up, ""), 0},
+  // clang-format off
+  struct { std::string common; int result; } const cases[] = {
+      {pools(up, up, up), 0}, {pools(down, up, up), 1}, {pools(up, down, up), 2}, {pools(down, "", ""), 3},
+      {pools("bad", up, up), 1}, {pools(up, up, down), 0}, {pools(up + "," + down, up, ""), 0},
   };
+  // clang-format on
   for (const auto& one : cases) {
     const HostConfig config(one.common);
     ruvo_redis client;
@@ -119,17 +113,15 @@ TEST_F(Startup, BadConfigurationIsNamedAndFinal) {
   const std::string empty = dir.write("empty", "");
   const std::string dangling = dir.write("dangling", "[redis_cfg]\nredis_cfg_path=/none/x\n");
   const std::string missing = dir.path("missing");
-  struct {
-    const char* config;
-    int result;
-    std::string printed;
-  } const cases[] = {
+  // clang-format off
+  struct { const char* config; int result; std::string printed; } const cases[] = {
       {nullptr, 10102, "ruvo_worker::init | no local config file\n"},
       {"", 10102, "ruvo_worker::init | no local config file\n"},
       {missing.c_str(), 10115, "::init_config | cannot open config file:" + missing + "\n"},
       {empty.c_str(), 10106, "ruvo_redis::init_config redis_cfg_path = (null)\n"},
       {dangling.c_str(), -1, "ruvo_redis::init_config redis_cfg_path = /none/x\n"},
   };
+  // clang-format on
   for (const auto& one : cases) {
     progress();
     log_.clear();

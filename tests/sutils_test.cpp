@@ -29,18 +29,6 @@ TEST(Split, AppendsAndLimitsAPieceBeforeItTrims) {
   EXPECT_TRUE(pieces == (sp::str_arr{"before", std::string(limit, 'x'), y, "c"}));
 }
 
-TEST(Trim, BothForms) {
-  for (const auto& [text, trim_char, trimmed] : std::vector<std::tuple<std::string, char, std::string>>{
-           {"", ' ', ""}, {" \r\n", ' ', ""}, {"\t a \t", '\t', " a "}, {"\x80 \xFF ", ' ', "\x80 \xFF"}}) {
-    std::string string = text;
-    std::string buffer = text;
-    sp::trim_str(string, trim_char);
-    sp::trim_str(buffer.data(), trim_char);
-    EXPECT_EQ(string, trimmed);
-    EXPECT_STREQ(buffer.c_str(), trimmed.c_str());
-  }
-}
-
 TEST(Paths, ParentAndBoundedCopy) {
   const std::string bin = sp::get_bin_path();
   EXPECT_EQ(bin, std::filesystem::read_symlink("/proc/self/exe").parent_path().string() + "/");

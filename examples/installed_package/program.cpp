@@ -25,7 +25,8 @@ int main() {
   bool good = check(RUVO_Fini() == RUVO_ERR_NOT_INITIALIZED, "Fini before Init");
   good &= check(error_lines == 1, "the library writes through the host's output");
   vop_config config;
-  good &= check(config.open("[s]\nk = 7", true) == 0 && config.get_int_val("s", "k", 0) == 7, "the reader reads");
+  good &= check(config.open("[s]\nk = 7", true) == 0 && config.get_int_val("s", "k", 0) == 7,
+                "the reader reads");
   good &= check(Busin_Conf_Instance() != nullptr, "the shared reader is there");
   sp::str_arr pieces;
   sp::split_str("a,b", pieces, ",");

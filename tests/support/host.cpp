@@ -1,15 +1,9 @@
 #include "host.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
+#include <filesystem>
 #include <mutex>
 #include <ostream>
-#include <stdexcept>
 #include <utility>
 
 namespace {
@@ -56,42 +50,6 @@ int LogCapture::count_containing(const std::string& part) const {
 
 std::ostream& operator<<(std::ostream& out, const LogCapture::Line& line) {
   return out << line.level << " \"" << line.text << '"';
-}
-
-TempDir::TempDir() {
-  std::string name = std::filesystem::temp_directory_path() / "ruvo-test-XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) { throw std::runtime_error("no temporary folder"); }
-  path_ = name;
-}
-
-TempDir::~TempDir() { std::filesystem::remove_all(path_); }
-
-std::string TempDir::write(const std::string& name, const std::string& content) const {
-  std::ofstream(path(name), std::ios::binary) << content;
-  return path(name);
-}
-
-HostConfig::HostConfig(const std::string& common, const std::string& server) {
-  const std::string redis_conf = dir_.write("redis.conf", "[common]\n" + common + "\n[server]\n" + server + "\n");
-  path_ = dir_.write("sruvo.conf", "[redis_cfg]\nredis_cfg_path = " + redis_conf + "\n");
-}
-
-std::string all_pools_at(const std::string& addrs) {
-  return "connect_timeout = 1000\nsocket_timeout = 1000\ntemp_server = " + addrs + "\npersist_server = " + addrs +
-         "\npersonality_server = " + addrs;
-}
-
-QuietConsole::QuietConsole() : console_(dup(STDOUT_FILENO)) {
-  std::fflush(stdout);
-  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  dup2(null, STDOUT_FILENO);
-  close(null);
-}
-
-QuietConsole::~QuietConsole() {
-  std::fflush(stdout);
-  dup2(console_, STDOUT_FILENO);
-  close(console_);
 }
 
 int open_descriptors() {

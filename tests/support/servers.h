@@ -12,41 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "no_copy.h"
-
-// A port that refuses connections for as long as the object lives, and is nobody else's.
-class DownServer : NoCopy {
- public:
-  DownServer();
-  ~DownServer();
-  int port() const { return port_; }
-  std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
-
- protected:
-  int fd_;
-  int port_;
-};
-
-// A redis-server that keeps nothing on disk.
-class RedisServer : NoCopy {
- public:
-  explicit RedisServer(std::string options = "");
-  ~RedisServer() { kill(); }
-  int port() const { return port_; }
-  std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
-  void kill();     // with SIGKILL, as a crash would end it
-  void restart();  // on the same port
-  // What redis-cli prints for a command, without the newline.
-  std::string ask(const std::string& command) const;
-
- private:
-  bool start();
-
-  std::string options_;
-  int port_ = 0;
-  pid_t pid_ = -1;
-  FILE* output_ = nullptr;
-};
+#include "sandbox.h"
 
 // One connection, seen from a scripted server.
 class Peer : NoCopy {

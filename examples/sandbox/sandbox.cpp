@@ -1,0 +1,119 @@
+#include "sandbox.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+TempDir::TempDir() {
+  std::string name = std::filesystem::temp_directory_path() / "ruvo-test-XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) {
+    throw std::runtime_error("no temporary folder");
+  }
+  path_ = name;
+}
+
+TempDir::~TempDir() { std::filesystem::remove_all(path_); }
+
+std::string TempDir::write(const std::string& name, const std::string& content) const {
+  std::ofstream(path(name), std::ios::binary) << content;
+  return path(name);
+}
+
+HostConfig::HostConfig(const std::string& common, const std::string& server) {
+  const std::string redis_conf =
+      dir_.write("redis.conf", "[common]\n" + common + "\n[server]\n" + server + "\n");
+  path_ = dir_.write("sruvo.conf", "[redis_cfg]\nredis_cfg_path = " + redis_conf + "\n");
+}
+
+std::string all_pools_at(const std::string& addrs) {
+  return "connect_timeout = 1000\nsocket_timeout = 1000\ntemp_server = " + addrs +
+         "\npersist_server = " + addrs + "\npersonality_server = " + addrs;
+}
+
+QuietConsole::QuietConsole() : console_(dup(STDOUT_FILENO)) {
+  std::fflush(stdout);
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(null, STDOUT_FILENO);
+  close(null);
+}
+
+QuietConsole::~QuietConsole() {
+  std::fflush(stdout);
+  dup2(console_, STDOUT_FILENO);
+  close(console_);
+}
+
+DownServer::DownServer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), port_(0) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(addr);
+  auto* generic = reinterpret_cast<sockaddr*>(&addr);
+  if (bind(fd_, generic, length) != 0 || getsockname(fd_, generic, &length) != 0) {
+    throw std::runtime_error("no free port");
+  }
+  port_ = ntohs(addr.sin_port);
+}
+
+DownServer::~DownServer() { close(fd_); }
+
+RedisServer::RedisServer(std::string options) : options_(std::move(options)) {
+  for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the port first
+    port_ = DownServer().port();
+    if (start()) {
+      return;
+    }
+  }
+  throw std::runtime_error("redis-server does not start");
+}
+
+bool RedisServer::start() {
+  // The shell becomes the server, so that its number is the server's; a test that crashes takes the
+  // server along.
+  output_ = popen(("cd /tmp && echo $$ && exec setpriv --pdeathsig KILL redis-server --port " +
+                   std::to_string(port_) + " --bind 127.0.0.1 --save '' " + options_)
+                      .c_str(),
+                  "re");
+  std::array<char, 512> line{};
+  if (output_ != nullptr && fgets(line.data(), line.size(), output_) != nullptr) {
+    pid_ = static_cast<pid_t>(std::strtol(line.data(), nullptr, 10));
+    while (fgets(line.data(), line.size(), output_) != nullptr) {
+      if (std::strstr(line.data(), "Ready to accept") != nullptr) {
+        return true;
+      }
+    }
+  }
+  kill();
+  return false;
+}
+
+void RedisServer::kill() {
+  if (pid_ > 0) {
+    ::kill(std::exchange(pid_, -1), SIGKILL);
+    pclose(output_);
+  }
+}
+
+void RedisServer::restart() {
+  kill();
+  if (!start()) {
+    throw std::runtime_error("redis-server does not start again");
+  }
+}
+
+std::string RedisServer::ask(const std::string& command) const {
+  FILE* pipe = popen(("redis-cli -p " + std::to_string(port_) + " " + command).c_str(), "re");
+  std::array<char, 4096> answer{};
+  const std::size_t length = fread(answer.data(), 1, answer.size(), pipe);
+  pclose(pipe);
+  return std::string(answer.data(), length > 0 ? length - 1 : 0);
+}

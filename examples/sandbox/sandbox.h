@@ -1,0 +1,91 @@
+// Throwaway surroundings for the library: a Redis on loopback, the two configuration files, a quiet
+// console. The examples, the benchmark and the tests run in them. What fails throws
+// std::runtime_error; all of it is gone when the objects are.
+#ifndef RUVO_EXAMPLES_SANDBOX_H
+#define RUVO_EXAMPLES_SANDBOX_H
+
+#include <sys/types.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+struct NoCopy {
+  NoCopy() = default;
+  NoCopy(const NoCopy&) = delete;
+  NoCopy& operator=(const NoCopy&) = delete;
+};
+
+// A folder that goes when the object does.
+class TempDir : NoCopy {
+ public:
+  TempDir();
+  ~TempDir();
+
+  // Writes a file and returns its path.
+  std::string write(const std::string& name, const std::string& content) const;
+  std::string path(const std::string& name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// The two configuration files of a host. `common` and `server` are lines for those sections.
+class HostConfig {
+ public:
+  explicit HostConfig(const std::string& common, const std::string& server = "");
+  const char* path() const { return path_.c_str(); }
+
+ private:
+  TempDir dir_;
+  std::string path_;
+};
+
+// Lines for section `common`: all three pools at the given servers, and short time-outs.
+std::string all_pools_at(const std::string& addrs);
+
+// Keeps the progress lines of start-up out of the output while it lives.
+class QuietConsole : NoCopy {
+ public:
+  QuietConsole();
+  ~QuietConsole();
+
+ private:
+  int console_;
+};
+
+// A port that refuses connections for as long as the object lives, and is nobody else's.
+class DownServer : NoCopy {
+ public:
+  DownServer();
+  ~DownServer();
+  int port() const { return port_; }
+  std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
+
+ protected:
+  int fd_;
+  int port_;
+};
+
+// A redis-server that keeps nothing on disk.
+class RedisServer : NoCopy {
+ public:
+  explicit RedisServer(std::string options = "");
+  ~RedisServer() { kill(); }
+  int port() const { return port_; }
+  std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
+  void kill();     // with SIGKILL, as a crash would end it
+  void restart();  // on the same port
+  // What redis-cli prints for a command, without the newline.
+  std::string ask(const std::string& command) const;
+
+ private:
+  bool start();
+
+  std::string options_;
+  int port_ = 0;
+  pid_t pid_ = -1;
+  FILE* output_ = nullptr;
+};
+
+#endif
