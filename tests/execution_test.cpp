@@ -38,10 +38,10 @@ class Execution : public testing::Test {
     return ret;
   }
   // The text of the reply to a raw command, or "null".
-  std::string raw(RedisServerType type, ...) {
+  std::string raw(int type, ...) {
     va_list none;
     va_start(none, type);
-    auto* reply = static_cast<redisReply*>(client_.exec_redis_cmd("PING", none, type));
+    auto* reply = static_cast<redisReply*>(client_.exec_redis_cmd("PING", none, static_cast<RedisServerType>(type)));
     va_end(none);
     std::string text = reply != nullptr ? reply->str : "null";
     freeReplyObject(reply);

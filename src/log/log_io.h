@@ -80,7 +80,7 @@ class Log_IO_FILE : public Log_IO {
     (void)rev;
     close();
     errno = 0;
-    const int descriptor = ::open(fn, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0664);
+    const int descriptor = ::open(fn, O_RDWR | O_CREAT | O_APPEND, 0664);
     if (descriptor <= 0) {
       return refuse(descriptor);
     }
@@ -204,7 +204,13 @@ class Log_IO_FILE : public Log_IO {
     return errno;
   }
 
-  bool to_end() { return file_ != nullptr && std::fseek(file_, 0, SEEK_END) == 0; }
+  // What cannot be sought in, a pipe say, is at its end.
+  bool to_end() {
+    if (file_ != nullptr) {
+      std::fseek(file_, 0, SEEK_END);
+    }
+    return file_ != nullptr;
+  }
 
   // What is still buffered goes to the file first, so that it does not land behind the truncation.
   int truncate() {
