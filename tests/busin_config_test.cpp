@@ -28,9 +28,10 @@ class Reader : public testing::TestWithParam<bool> {
 INSTANTIATE_TEST_SUITE_P(FromFileAndText, Reader, testing::Bool());
 
 TEST_P(Reader, FollowsEveryRuleOfTheForm) {
-  load(
-      "dropped = 1\r\n[common]\r\n  port =  80 \r\na=1\nA=2\n# c=1\n ; d=1\nmode = fast # comment\nurl = a=b\nquoted = \" x \"\nempty =\n= none\nno equals\n[a]b]\n[redis] ; main\nafter = here\n[ db ]\nx=1\n[]\ny=2\n[a=b]\nz=3\n[COMMON]\nport = 81\nlate = 1\n\xEF\xBB\xBF[bom]\nin = a=b\n");
   // clang-format off
+  load("dropped = 1\r\n[common]\r\n  port =  80 \r\na=1\nA=2\n# c=1\n ; d=1\nmode = fast # comment\nurl = a=b\n"
+       "quoted = \" x \"\nempty =\n= none\nno equals\n[a]b]\n[redis] ; main\nafter = here\n[ db ]\nx=1\n"
+       "[]\ny=2\n[a=b]\nz=3\n[COMMON]\nport = 81\nlate = 1\n\xEF\xBB\xBF[bom]\nin = a=b\n");
   struct { const char* section; const char* key; const char* value; } const cases[] = {
       {"common", "dropped", "(null)"}, {"common", "port", "80"}, {"Common", "PORT", "80"}, {"common", "a", "1"},
       {"common", "A", "1"}, {"common", "c", "(null)"}, {"common", "d", "(null)"}, {"common", "# c", "(null)"},

@@ -100,7 +100,9 @@ TEST_F(Startup, TellsItsStoryToLogAndConsole) {
   };
   const std::string printed =
       "ruvo_redis::init | init config, ret = 0\nruvo_redis::init | temp_server addr = " + up +
-      "p_server_addrs_ = " + up + "\nruvo_redis::init | tempsever init_server_pool ret = 0\nruvo_redis::init | persist init_server_pool ret = 0\nruvo_redis::init | personality init_server_pool ret = 10109\nret_sum = 0\n";
+      "p_server_addrs_ = " + up + "\nruvo_redis::init | tempsever init_server_pool ret = 0\n"
+      "ruvo_redis::init | persist init_server_pool ret = 0\n"
+      "ruvo_redis::init | personality init_server_pool ret = 10109\nret_sum = 0\n";
   // clang-format on
   for (const LogCapture::Line& line : story) { EXPECT_EQ(log_.count(line.level, line.text), 1) << line; }
   EXPECT_EQ(log_.count_containing("| server: conn_num:1, auto_eject:true, failure_limit:5, retry_"), 2);
@@ -168,9 +170,10 @@ TEST_F(Startup, ReadsTheSettingsOfEachPool) {
   const RedisServer redis;
   std::stringstream port;
   port << "0x" << std::hex << redis.port();
-  const HostConfig config(
-      all_pools_at(redis.addr() + ", 127.0.0.1 : " + port.str()),
-      "p_connect_num=3\nt_connect_num=1\nps_connect_num=-2\np_auto_eject_server=0\np_server_failure_limit=11\nt_server_failure_limit=12\nps_server_failure_limit=13\np_server_retry_timeout=21\nt_server_retry_timeout=22\nps_server_retry_timeout=23");
+  const HostConfig config(all_pools_at(redis.addr() + ", 127.0.0.1 : " + port.str()),
+                          "p_connect_num=3\nt_connect_num=1\nps_connect_num=-2\np_auto_eject_server=0\n"
+                          "p_server_failure_limit=11\nt_server_failure_limit=12\nps_server_failure_limit=13\n"
+                          "p_server_retry_timeout=21\nt_server_retry_timeout=22\nps_server_retry_timeout=23");
   ruvo_redis client;
   ASSERT_EQ(client.init(config.path()), 0);
   for (const RedisServerType type : all_types) {
