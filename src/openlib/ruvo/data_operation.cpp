@@ -70,7 +70,7 @@ int copy_out(const redisReply& reply, const char** data, unsigned long* len) {
   char* const buffer = new (std::nothrow) char[size];
   *data = buffer;
   if (buffer == nullptr) {
-    RUVO_LOG(ERROR, "ruvo_redis::query_key | overflow.");  // whoever asked: filters know this text
+    RUVO_LOG(ERROR, "ruvo_redis::query_key | overflow.");  // one text, whoever asked
     return RUVO_ERR_NO_MEMORY;
   }
   std::memcpy(buffer, reply.str, size);

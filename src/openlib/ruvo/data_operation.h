@@ -37,7 +37,7 @@ constexpr std::size_t max_argument_length = std::size_t{512} << 20U;
 struct data_operation {
   const char* origin;                  // class and method that its log lines begin with
   const char* null_text;               // what the log says when a required pointer is null
-  const char* failed_origin = origin;  // some name another method here: log filters match them
+  const char* failed_origin = origin;  // some name another method: deployed systems rely on it
   BaseLib::Logger::LogLevel absent_level = BaseLib::Logger::ERROR;  // at which a nil reply is told
   reply_policy policy = reply_policy::strict;
   int reply_type = any_type;  // another one ends a strict operation with RUVO_ERR_FAILED

@@ -123,7 +123,8 @@ int ruvo_redis::exec_command(const char* key, reply_ptr* reply, RedisServerType 
     return RUVO_ERR_FAILED;
   }
   if (received->type == REDIS_REPLY_NIL) {
-    // Every pool counts as persistent here, only the number 0 does not; log filters expect it.
+    // Every pool counts as persistent here, only the number 0 does not; deployed systems rely on
+    // it.
     RUVO_LOG(WARN, "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil",
              key, static_cast<int>(redisSrvType) != 0 ? "true" : "false");
     return RUVO_ERR_NOT_FOUND;

@@ -12,7 +12,7 @@ constexpr const char* no_key = "temp";  // what the log shows where a typed comm
 
 void* ruvo_redis::exec_redis_cmd(const char* format, va_list ap, RedisServerType redisSrvType) {
   if (!initialized_.load(std::memory_order_acquire)) {
-    // The name is another method's; log filters match it so.
+    // The name is another method's; deployed systems rely on it.
     RUVO_LOG(ERROR, "ruvo_redis::hash_del_field | redis is not initialized");
     return nullptr;
   }
