@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <utime.h>
 
-#include <fstream>
-
 #include "host.h"
 
 namespace {

@@ -109,9 +109,8 @@ TEST_F(Execution, EveryWayToBreakAConnectionLeadsToTheNextServer) {
   for (const auto& way : ways) {
     const ScriptedServer bad(way);
     ruvo_redis client;
-    const HostConfig config("connect_timeout = 1000\nsocket_timeout = 200\ntemp_server = " + bad.addr() + "," +
-                            good.addr() + "\npersist_server = " + good.addr() +
-                            "\npersonality_server = " + good.addr());
+    const HostConfig config("connect_timeout = 1000\nsocket_timeout = 200\n" +
+                            pools_at(bad.addr() + "," + good.addr(), good.addr(), good.addr()));
     ASSERT_EQ(init_client(client, config), 0);
     log_.clear();
     EXPECT_EQ(client.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0);
@@ -164,9 +163,9 @@ TEST_F(Execution, ARawWalkGoesOnInThePoolOfTheNextNumber) {
   const ScriptedServer temp{std::string("+temp\r\n")};
   const ScriptedServer persist{std::string("+persist\r\n")};
   const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
-  const HostConfig config("connect_timeout = 1000\nsocket_timeout = 1000\ntemp_server = " + down_.addr() + "," +
-                          temp.addr() + "\npersist_server = " + persist.addr() + "," + closes.addr() +
-                          "\npersonality_server = " + down_.addr() + "," + also_down_.addr());
+  const HostConfig config(pools_at(down_.addr() + "," + temp.addr(), persist.addr() + "," + closes.addr(),
+                                   down_.addr() + "," + also_down_.addr()) +
+                          "connect_timeout = 1000\nsocket_timeout = 1000");
   init_client(client_, config);
   log_.clear();
   // Position 0 failed: the temporary pool, whose turn is its first server, at the same position.

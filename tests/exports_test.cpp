@@ -80,8 +80,7 @@ TEST(Threads, ACancelledThreadFinishesItsCall) {
     peer.hang();
   });
   const DownServer down;
-  const HostConfig config("socket_timeout = 10000\ntemp_server = " + redis.addr() +
-                          "\npersist_server = " + down.addr() + "\npersonality_server = " + down.addr());
+  const HostConfig config("socket_timeout = 10000\n" + pools_at(redis.addr(), down.addr(), down.addr()));
   const LogCapture log;
   EXPECT_EQ(init(config.path()), RUVO_INIT_PERSIST_POOL_FAILED);
   std::atomic<int> result{-100};
@@ -136,6 +135,12 @@ TEST(Threads, ManyShareFewConnectionsThatBreakAndEachGetsItsOwnReply) {
   EXPECT_EQ(wrong, 0);
   EXPECT_GE(log.count_containing("reset connection"), 5);
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+}
+
+TEST(Library, EveryResultHasAText) {
+  for (const int code : {0, 1, 2, 3, -1, -2, 10102, 10106, 10107, 10109, 10111, 10112, 10113, 10115, 10402, 10405}) {
+    EXPECT_STRNE(ruvo_result_text(code), ruvo_result_text(4)) << code;
+  }
 }
 
 }  // namespace

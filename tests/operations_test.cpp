@@ -50,10 +50,8 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   const Call insert_timed = [] { return RUVO_InsertKey("k", "v", 1, 30, T, nullptr); };
   const Call append = [] { return RUVO_AppendKey("k", "v", 1, T, nullptr); };
   const Call increase = [] { return RUVO_IncreaseKey("k", &number, T, nullptr); };
-  const Call query = [] { return RUVO_QueryKey("k", &data, &len, T, nullptr); };
-  const Call exists = [] { return RUVO_ExistsKey("k", T, nullptr); };
-  const Call erase = [] { return RUVO_DeleteKey("k", T, nullptr); };
-  const Call expire = [] { return RUVO_ExpireKey("k", 4000000000U, T, nullptr); };
+  const Call query = [] { return RUVO_QueryKey("k", &data, &len, T, nullptr); }; const Call exists = [] { return RUVO_ExistsKey("k", T, nullptr); };
+  const Call erase = [] { return RUVO_DeleteKey("k", T, nullptr); }; const Call expire = [] { return RUVO_ExpireKey("k", 4000000000U, T, nullptr); };
   const Call persist = [] { return RUVO_PersistKey("k", T, nullptr); };
   const Call hset = [] { return RUVO_HashSet("k", "f", 1, "v", 1, -1, T, nullptr); };
   const Call hset_timed = [] { return RUVO_HashSet("k", "f", 1, "v", 1, 0, T, nullptr); };
@@ -61,16 +59,12 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   const Call hexists = [] { return RUVO_HashFieldExist("k", "f", 1, T, nullptr); };
   const Call hincr = [] { return RUVO_HashIncrBy("k", "f", 1, -3, &number, T, nullptr); };
   const Call hlen = [] { return RUVO_HashFieldsNum("k", &number, T, nullptr); };
-  const Call hdel = [] { return RUVO_HashDelField("k", "f", 1, T, nullptr); };
-  const Call lrem = [] { return RUVO_LRem("k", -1, "v", T, nullptr); };
+  const Call hdel = [] { return RUVO_HashDelField("k", "f", 1, T, nullptr); }; const Call lrem = [] { return RUVO_LRem("k", -1, "v", T, nullptr); };
   const Call push = [] { return RUVO_LPush("k", "v", 1, 0, &number, T, nullptr); };
   const Call push_timed = [] { return RUVO_LPush("k", "v", 1, 30, &number, T, nullptr); };
-  const Call pop = [] { return RUVO_RPop("k", text, T, nullptr); };
-  const Call range = [] { return RUVO_LRange("k", 0, -1, texts, T, nullptr); };
-  const Call trim = [] { return RUVO_LTrim("k", 1, -2, T, nullptr); };
-  const Call sadd = [] { return RUVO_SAdd("k", "v", 1, T, nullptr); };
-  const Call srem = [] { return RUVO_SRem("k", "v", 1, T, nullptr); };
-  const Call sismember = [] { return RUVO_SIsmember("k", "v", 1, T, nullptr); };
+  const Call pop = [] { return RUVO_RPop("k", text, T, nullptr); }; const Call range = [] { return RUVO_LRange("k", 0, -1, texts, T, nullptr); };
+  const Call trim = [] { return RUVO_LTrim("k", 1, -2, T, nullptr); }; const Call sadd = [] { return RUVO_SAdd("k", "v", 1, T, nullptr); };
+  const Call srem = [] { return RUVO_SRem("k", "v", 1, T, nullptr); }; const Call sismember = [] { return RUVO_SIsmember("k", "v", 1, T, nullptr); };
   const Call smembers = [] { return RUVO_SMembers("k", texts, T, nullptr); };
   // clang-format on
   const std::string some = "*5\r\n$1\r\na\r\n$0\r\n\r\n:1\r\n$-1\r\n$2\r\nb\n\r\n";
@@ -104,11 +98,13 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
       {hexists, ":2", -1, "HEXISTS k f", {ERROR, "hash_field_exist | unknown reply value:2"}},
       {hexists, "+x", -1, "HEXISTS k f", {ERROR, "hash_field_exist | unexpected redis type:5"}},
       {hincr, ":4", 0, "HINCRBY k f -3", {DEBUG, "hash_incr_by | HINCRBY key k, field:f success, after incr, value is 4"}},
+      {hincr, "+x", -1, "HINCRBY k f -3", {ERROR, "hash_incr_by | unexpected redis type:5"}},
       {hlen, ":0", 0, "HLEN k", {DEBUG, "hash_fields_num | key:k not exist."}},
       {hlen, "*0", -1, "HLEN k", {ERROR, "hash_fields_num | unexpected redis type:2"}},
       {hdel, ":0", 0, "HDEL k f", {INFO, "hash_del_field | do_exec_command success!"}},
       {lrem, ":2", 0, "LREM k -1 v", {DEBUG, "list_rem | lrem key:k success, num:2."}},
       {lrem, ":0", -2, "LREM k -1 v", {DEBUG, "list_rem | key:k not exist."}},
+      {lrem, "+x", -1, "LREM k -1 v", {ERROR, "list_rem | unexpected redis type:5"}},
       {push, ":3", 0, "LPUSH k v", {DEBUG, "list_push | list_push key:k, value:v success, count is 3"}},
       {push, "+x", -1, "LPUSH k v", {ERROR, "list_push | unexpected redis type:5"}},
       {push_timed, "+x", 0, "LPUSH k v EXPIRE k 30", {DEBUG, "expire_key | EXPIRE  k 30 successfully."}},
@@ -116,14 +112,19 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
       {pop, "$1\r\nv", 0, "RPOP k", {DEBUG, "list_rpop | key:k, value:v."}},
       {pop, "$0\r\n", -2, "RPOP k", {DEBUG, "list_rpop | failed, key:k"}},
       {pop, "$-1", 10402, "RPOP k", {ERROR, "list_rpop | do_exec_command failed, ret:10402"}},
+      {pop, ":1", -1, "RPOP k", {ERROR, "list_rpop | unexpected redis type:3"}},
       {range, some, 0, "LRANGE k 0 -1", {DEBUG, "list_range | success, key:k"}},
       {range, "*0", -2, "LRANGE k 0 -1", {DEBUG, "list_range | failed, key:k"}},
+      {range, ":1", -1, "LRANGE k 0 -1", {ERROR, "list_range | unexpected redis type:3"}},
       {trim, "+OK", 0, "LTRIM k 1 -2", {DEBUG, "list_trim | success, key:k"}},
       {trim, "+odd", 0, "LTRIM k 1 -2", {INFO, "list_trim | do_exec_command success!"}},
       {trim, "+", -2, "LTRIM k 1 -2", {DEBUG, "list_trim | failed, key:k"}},
+      {trim, ":1", -1, "LTRIM k 1 -2", {ERROR, "list_trim | unexpected redis type:3"}},
       {sadd, ":1", 0, "SADD k v", {DEBUG, "set_add | set_add key:k, value:v success, count is 1"}},
       {sadd, ":0", -2, "SADD k v", {DEBUG, "set_add | value:v exists in key:k"}},
+      {sadd, "+x", -1, "SADD k v", {ERROR, "set_add | unexpected redis type:5"}},
       {srem, ":0", 0, "SREM k v", {DEBUG, "set_rem | set_rem key:k, value:v success, count is 0"}},
+      {srem, "+x", -1, "SREM k v", {ERROR, "set_rem | unexpected redis type:5"}},
       {sismember, ":1", 0, "SISMEMBER k v", {DEBUG, "set_ismember | value:v is a member of key:k"}},
       {sismember, ":2", -2, "SISMEMBER k v", {DEBUG, "set_ismember | value:v is not a member of key:k"}},
       {sismember, "+x", -1, "SISMEMBER k v", {ERROR, "set_ismember | unexpected redis type:5"}},
@@ -133,8 +134,7 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   };
   // clang-format on
   std::mutex mutex;
-  std::string reply;  // both guarded by mutex
-  std::string sent;
+  std::string reply, sent;  // guarded by mutex
   const ScriptedServer server([&](Peer& peer) {
     for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
       const std::scoped_lock lock(mutex);
@@ -334,8 +334,7 @@ TEST(Operations, PoolsAreApartAndUnknownNumbersMeanTheTemporaryOne) {
   const RedisServer temp;
   const RedisServer persist;
   const RedisServer personality;
-  const Session session("temp_server=" + temp.addr() + "\npersist_server=" + persist.addr() +
-                        "\npersonality_server=" + personality.addr());
+  const Session session(pools_at(temp.addr(), persist.addr(), personality.addr()));
   for (const int pool : {1, 2, 3, 0, 4, -1}) { EXPECT_EQ(RUVO_AppendKey("k", "x", 1, pool, nullptr), 0); }
   EXPECT_EQ(temp.ask("get k") + "," + persist.ask("get k") + "," + personality.ask("get k"), "xxxx,x,x");
   const LogCapture log;

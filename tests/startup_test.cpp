@@ -57,10 +57,6 @@ class Startup : public testing::Test {
   LogCapture log_;
 };
 
-std::string pools(const std::string& temp, const std::string& persist, const std::string& personality) {
-  return "temp_server = " + temp + "\npersist_server = " + persist + "\npersonality_server = " + personality + "\n";
-}
-
 TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
   const RedisServer redis;
   const DownServer none;
@@ -68,8 +64,8 @@ TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
   const std::string down = none.addr();
   // clang-format off
   struct { std::string common; int result; } const cases[] = {
-      {pools(up, up, up), 0}, {pools(down, up, up), 1}, {pools(up, down, up), 2}, {pools(down, "", ""), 3},
-      {pools("bad", up, up), 1}, {pools(up, up, down), 0}, {pools(up + "," + down, up, ""), 0},
+      {pools_at(up, up, up), 0}, {pools_at(down, up, up), 1}, {pools_at(up, down, up), 2}, {pools_at(down, "", ""), 3},
+      {pools_at("bad", up, up), 1}, {pools_at(up, up, down), 0}, {pools_at(up + "," + down, up, ""), 0},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -83,7 +79,7 @@ TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
 TEST_F(Startup, TellsItsStoryToLogAndConsole) {
   const RedisServer redis;
   const std::string up = redis.addr();
-  const HostConfig config(pools(up, up, "bad") + "connect_timeout = 2500");
+  const HostConfig config(pools_at(up, up, "bad") + "connect_timeout = 2500");
   ruvo_redis client;
   ASSERT_EQ(client.init(config.path()), 0);
   client.fini();
@@ -201,7 +197,7 @@ TEST_F(Startup, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
   }
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | addr is empty"), 1);
   EXPECT_EQ(log_.count_containing("ruvo_redis::init_server_pool | invalid server addr:"), 5);
-  const HostConfig config(pools(down + ",127.0.0.1:99999,:1", down, ""), "p_connect_num = 2");
+  const HostConfig config(pools_at(down + ",127.0.0.1:99999,:1", down, ""), "p_connect_num = 2");
   ruvo_redis client;
   EXPECT_EQ(client.init(config.path()), 3);
   for (const server_node& server : client.getPool(eTempServer).servers_) { EXPECT_EQ(server.context_arr_.size(), 2U); }
@@ -217,7 +213,7 @@ TEST_F(Startup, AuthenticatesAndDropsWhatIsRefused) {
   const ScriptedServer silent([](Peer& peer) { peer.hang(); });
   const int descriptors = open_descriptors();
   {
-    const HostConfig config(pools(redis.addr(), redis.addr(), silent.addr()) + "socket_timeout = 50",
+    const HostConfig config(pools_at(redis.addr(), redis.addr(), silent.addr()) + "socket_timeout = 50",
                             "p_password = s3cret\nt_password = wrong\nps_password = any");
     ruvo_redis client;
     ASSERT_EQ(client.init(config.path()), 0);  // a refused password is no failed connection

@@ -29,6 +29,15 @@ TEST(Split, AppendsAndLimitsAPieceBeforeItTrims) {
   EXPECT_TRUE(pieces == (sp::str_arr{"before", std::string(limit, 'x'), y, "c"}));
 }
 
+TEST(Trim, KnowsItsCharacterAndSparesHighBytes) {
+  char buffer[] = "\t a \xFF\t";
+  std::string text(buffer);
+  sp::trim_str(buffer, '\t');
+  sp::trim_str(text);
+  EXPECT_STREQ(buffer, " a \xFF");
+  EXPECT_EQ(text, "a \xFF");
+}
+
 TEST(Paths, ParentAndBoundedCopy) {
   const std::string bin = sp::get_bin_path();
   EXPECT_EQ(bin, std::filesystem::read_symlink("/proc/self/exe").parent_path().string() + "/");

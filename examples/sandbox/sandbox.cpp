@@ -34,9 +34,14 @@ HostConfig::HostConfig(const std::string& common, const std::string& server) {
   path_ = dir_.write("sruvo.conf", "[redis_cfg]\nredis_cfg_path = " + redis_conf + "\n");
 }
 
+std::string pools_at(const std::string& temp, const std::string& persist,
+                     const std::string& personality) {
+  return "temp_server = " + temp + "\npersist_server = " + persist +
+         "\npersonality_server = " + personality + "\n";
+}
+
 std::string all_pools_at(const std::string& addrs) {
-  return "connect_timeout = 1000\nsocket_timeout = 1000\ntemp_server = " + addrs +
-         "\npersist_server = " + addrs + "\npersonality_server = " + addrs;
+  return "connect_timeout = 1000\nsocket_timeout = 1000\n" + pools_at(addrs, addrs, addrs);
 }
 
 QuietConsole::QuietConsole() : console_(dup(STDOUT_FILENO)) {

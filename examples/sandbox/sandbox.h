@@ -41,7 +41,11 @@ class HostConfig {
   std::string path_;
 };
 
-// Lines for section `common`: all three pools at the given servers, and short time-outs.
+// Lines for section `common`: the servers of each pool.
+std::string pools_at(const std::string& temp, const std::string& persist,
+                     const std::string& personality);
+
+// All three pools at the same servers, and time-outs of a second.
 std::string all_pools_at(const std::string& addrs);
 
 // Keeps the progress lines of start-up out of the output while it lives.

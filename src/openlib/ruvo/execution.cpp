@@ -17,11 +17,16 @@ constexpr std::size_t visits_per_server = 2;
 
 }  // namespace
 
+// The method that the walk's log lines name.
+const char* ruvo_redis::method_of(walk_path path) {
+  return path == walk_path::raw ? "exec_redis_cmd" : "do_exec_command";
+}
+
 // A visit: one send, and on a broken connection one rebuild and one more send. Null when the server
 // gave no reply. REQUIRES: the slot's lock is held.
 reply_ptr ruvo_redis::visit(walk_path path, const char* key, conn_node& conn, server_node& server,
                             RedisServerType redisSrvType, const char* format, va_list args) {
-  const char* method = path == walk_path::raw ? "exec_redis_cmd" : "do_exec_command";
+  const char* method = method_of(path);
   if (!is_broken(conn.context_)) {
     if (reply_ptr reply = send_vcommand(*conn.context_, format, args)) {
       return reply;
@@ -92,8 +97,7 @@ ruvo_redis::walk_end ruvo_redis::walk(walk_path path, const char* key, RedisServ
       return walk_end::no_server_left;
     }
     if (server->index_ == first || --visits_left == 0) {
-      RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server",
-               path == walk_path::raw ? "exec_redis_cmd" : "do_exec_command");
+      RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server", method_of(path));
       return walk_end::came_round;
     }
   }
@@ -123,7 +127,7 @@ int ruvo_redis::exec_command(const char* key, reply_ptr* reply, RedisServerType 
     return RUVO_ERR_FAILED;
   }
   if (received->type == REDIS_REPLY_NIL) {
-    // Every pool counts as persistent here, only the number 0 does not; deployed systems rely on
+    // Every pool counts as persistent here, only the number 0 does not: deployed systems rely on
     // it.
     RUVO_LOG(WARN, "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil",
              key, static_cast<int>(redisSrvType) != 0 ? "true" : "false");

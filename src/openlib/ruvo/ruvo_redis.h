@@ -145,6 +145,7 @@ class ruvo_redis {
 
   walk_end walk(walk_path path, const char* key, RedisServerType redisSrvType, const char* format,
                 va_list args, reply_ptr& reply);
+  static const char* method_of(walk_path path);
   reply_ptr visit(walk_path path, const char* key, conn_node& conn, server_node& server,
                   RedisServerType redisSrvType, const char* format, va_list args);
   server_node* next_server(walk_path path, const server_node& server, RedisServerType redisSrvType);
