@@ -134,7 +134,8 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   };
   // clang-format on
   std::mutex mutex;
-  std::string reply, sent;  // guarded by mutex
+  std::string reply;  // both guarded by mutex
+  std::string sent;
   const ScriptedServer server([&](Peer& peer) {
     for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
       const std::scoped_lock lock(mutex);
