@@ -1,9 +1,254 @@
 // ruvo_cli: the library from the command line, for operators.
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <nlohmann/json.hpp>
 
-int main(int argc, char** argv) {
+#include "commands.h"
+#include "console.h"
+#include "library_log.h"
+#include "operations.h"
+
+namespace {
+
+constexpr std::array level_names{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+
+// The position of a name that the command line was checked for.
+template <std::size_t count>
+int index_of(const std::array<const char*, count>& names, const std::string& name) {
+  return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
+}
+
+// What the command line said.
+struct CommandLine {
+  Options options;
+  LogOptions log;
+  Arguments arguments;
+  std::string value_file;
+  bool no_newline = false;
+  std::vector<std::string> words;
+  WatchOptions watch;
+  LoadOptions load;
+  std::function<ExitStatus()> command;
+};
+
+std::string read_all(std::istream& input, const std::string& name) {
+  std::string content{std::istreambuf_iterator<char>(input), {}};
+  if (!input) {
+    throw Failure(unreadable_input, "cannot read " + name);
+  }
+  return content;
+}
+
+std::string read_value(const std::string& path) {
+  if (path == "-") {
+    return read_all(std::cin, "standard input");
+  }
+  std::ifstream file(path, std::ios::binary);
+  return read_all(file, path);
+}
+
+const char* text_of(int result) {
+  return result == RUVO_ABSENT ? "absent" : ruvo_result_text(result);
+}
+
+// Shows an answer, and what the log had to say of a failure.
+ExitStatus finish(const CommandLine& line, const std::string& name, const Answer& answer) {
+  const ExitStatus status = status_of_operation(answer.result);
+  if (line.options.json) {
+    nlohmann::json json{{"command", name},
+                        {"pool", pool_name(line.options.pool)},
+                        {"result", answer.result},
+                        {"text", text_of(answer.result)}};
+    if (answer.value) {
+      json["value"] = to_json(*answer.value);
+    }
+    print_json(json);
+  } else if (answer.value && (status == succeeded || name == "raw")) {
+    print(to_text(*answer.value) + (line.no_newline ? "" : "\n"));
+  }
+  if (status >= failed) {
+    std::fprintf(stderr, "ruvo_cli: %s: %s (%d)\n", name.c_str(), text_of(answer.result),
+                 answer.result);
+    show_kept_lines();
+  } else if (status != succeeded && !line.options.json) {
+    std::fprintf(stderr, "ruvo_cli: %s: %s\n", name.c_str(), text_of(answer.result));
+  }
+  return status;
+}
+
+ExitStatus run_operation(CommandLine& line, const Operation& operation) {
+  if (!line.value_file.empty()) {
+    line.arguments.value = read_value(line.value_file);
+  }
+  line.arguments.pool = line.options.pool;
+  const Library library(line.options.config);
+  library.require_ready();
+  return finish(line, operation.name, operation.run(line.arguments));
+}
+
+ExitStatus run_raw_command(CommandLine& line) {
+  const Library library(line.options.config);
+  library.require_ready();
+  return finish(line, "raw", run_raw(line.options.pool, line.words));
+}
+
+// A value stands on the command line or in a file.
+void add_value(CLI::App& command, CommandLine& line) {
+  CLI::Option* value = command.add_option("VALUE", line.arguments.value, "The value");
+  CLI::Option* file = command.add_option("--value-file", line.value_file,
+                                         "File with the value, - for standard input");
+  value->excludes(file);
+  command.callback([value, file] {
+    if (value->empty() && file->empty()) {
+      throw CLI::RequiredError("VALUE or --value-file");
+    }
+  });
+}
+
+void add_parameter(CLI::App& command, CommandLine& line, Parameter parameter) {
+  Arguments& arguments = line.arguments;
+  switch (parameter) {
+    case Parameter::key:
+      command.add_option("KEY", arguments.key, "The key")->required();
+      break;
+    case Parameter::field:
+      command.add_option("FIELD", arguments.field, "The field")->required();
+      break;
+    case Parameter::value:
+      add_value(command, line);
+      break;
+    case Parameter::ttl:
+      command.add_option("--ttl", arguments.ttl, "Seconds until the key expires")
+          ->check(CLI::PositiveNumber);
+      break;
+    case Parameter::seconds:
+      command.add_option("SECONDS", arguments.seconds, "Seconds from now")->required();
+      break;
+    case Parameter::increment:
+      command.add_option("INCREMENT", arguments.increment, "What to add")->required();
+      break;
+    case Parameter::count:
+      command
+          .add_option("COUNT", arguments.count,
+                      "How many: from the head, negative from the tail, 0 all")
+          ->required();
+      break;
+    case Parameter::start:
+      command.add_option("START", arguments.start, "First position; -1 is the last element")
+          ->required();
+      break;
+    case Parameter::end:
+      command.add_option("END", arguments.end, "Last position")->required();
+      break;
+  }
+}
+
+CLI::App& add_command(CLI::App& app, CommandLine& line, const std::string& name,
+                      const std::string& help, const std::string& group,
+                      std::function<ExitStatus()> run) {
+  CLI::App& command = *app.add_subcommand(name, help)->group(group)->fallthrough();
+  command.preparse_callback([&line, run = std::move(run)](std::size_t) { line.command = run; });
+  return command;
+}
+
+void add_operations(CLI::App& app, CommandLine& line) {
+  static constexpr std::array groups{"String keys", "Hashes", "Lists", "Sets"};
+  for (const Operation& operation : all_operations()) {
+    CLI::App& command = add_command(app, line, operation.name, operation.help,
+                                    groups[static_cast<std::size_t>(operation.family)],
+                                    [&line, &operation] { return run_operation(line, operation); });
+    for (const Parameter parameter : operation.parameters) {
+      add_parameter(command, line, parameter);
+    }
+    command.add_flag("-n,--no-newline", line.no_newline, "No newline behind the value");
+  }
+  CLI::App& raw = add_command(app, line, "raw", "Run any command and print its reply",
+                              "Any command", [&line] { return run_raw_command(line); });
+  raw.add_option("WORD", line.words, "The command and its arguments")->required();
+  raw.add_flag("-n,--no-newline", line.no_newline, "No newline behind the reply");
+}
+
+void add_programs(CLI::App& app, CommandLine& line) {
+  static const char* const group = "Servers";
+  add_command(app, line, "check", "Start up and tell of pools, servers and connections", group,
+              [&line] { return check(line.options); });
+  CLI::App& watching = add_command(app, line, "watch", "Tell of a pool's servers once a second",
+                                   group, [&line] { return watch(line.options, line.watch); });
+  watching.add_option("--rounds", line.watch.rounds, "Stop after so many; 0: never")
+      ->check(CLI::NonNegativeNumber);
+  CLI::App& loading = add_command(app, line, "load", "Put a load on a pool and measure it", group,
+                                  [&line] { return load(line.options, line.load); });
+  loading.add_option("--threads", line.load.threads, "Threads that call")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
+  loading.add_option("--seconds", line.load.seconds, "How long")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 86400));
+  loading.add_option("--mix", line.load.mix, "Operations and their weights")->capture_default_str();
+  loading.add_option("--keys", line.load.keys, "Keys to spread over")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 10000000));
+  loading.add_option("--value-size", line.load.value_size, "Bytes of a value")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 512 << 20));
+}
+
+int run(int argc, char** argv) {
+  CommandLine line;
+  std::string pool = "temp";
+  std::string level;
   CLI::App app("Redis through libruvo, from the command line", "ruvo_cli");
   app.set_version_flag("--version", "ruvo_cli " RUVO_VERSION);
-  CLI11_PARSE(app, argc, argv);
-  return 0;
+  app.footer(exit_status_help());
+  app.require_subcommand(1);
+  app.add_option("--config", line.options.config, "Local configuration file")->required();
+  app.add_option("--pool", pool, "The pool of servers")
+      ->capture_default_str()
+      ->check(CLI::IsMember(std::vector<std::string>(pool_names.begin(), pool_names.end())));
+  app.add_option("--log-level", level, "Show the library's log from this level on")
+      ->check(CLI::IsMember(std::vector<std::string>(level_names.begin(), level_names.end())));
+  app.add_option("--log-file", line.log.file, "Append the library's log to this file");
+  app.add_flag("--json", line.options.json, "Print JSON");
+  add_programs(app, line);
+  add_operations(app, line);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& help_or_version) {
+    return app.exit(help_or_version);
+  } catch (const CLI::ParseError& error) {
+    if (line.command == nullptr && !app.remaining().empty()) {
+      throw Failure(wrong_usage, "no such command: " + app.remaining().front());
+    }
+    throw Failure(wrong_usage, error.what());
+  }
+  line.options.pool = index_of(pool_names, pool) + 1;
+  if (!level.empty()) {
+    line.log.level = static_cast<LogLevel>(index_of(level_names, level));
+  }
+  open_log(line.log);
+  take_output();
+  return line.command();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const Failure& failure) {
+    std::fprintf(stderr, "ruvo_cli: %s\n", failure.what());
+    if (failure.status() != wrong_usage) {
+      show_kept_lines();
+    }
+    return failure.status();
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "ruvo_cli: %s\n", failure.what());
+    return no_memory;
+  }
 }

@@ -1,0 +1,29 @@
+// The commands that are more than one operation.
+#ifndef RUVO_TOOLS_COMMANDS_H
+#define RUVO_TOOLS_COMMANDS_H
+
+#include <map>
+#include <string>
+
+#include "library.h"
+
+// A start-up as a table: pools, servers, connections.
+ExitStatus check(const Options& options);
+
+// The state of a pool's servers, once a second: until a signal, or for so many rounds.
+struct WatchOptions {
+  int rounds = 0;  // 0: no end
+};
+ExitStatus watch(const Options& options, const WatchOptions& watch_options);
+
+// A load on a pool, with what it came to.
+struct LoadOptions {
+  int threads = 4;
+  int seconds = 10;
+  std::string mix = "get=80,set=20";  // operation=weight
+  int keys = 1000;
+  int value_size = 100;  // bytes
+};
+ExitStatus load(const Options& options, const LoadOptions& load_options);
+
+#endif

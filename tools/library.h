@@ -1,0 +1,44 @@
+// The library's life in the tool, and what every command is given.
+#ifndef RUVO_TOOLS_LIBRARY_H
+#define RUVO_TOOLS_LIBRARY_H
+
+#include <ruvo/ruvo.h>
+
+#include <array>
+#include <string>
+
+#include "exit_status.h"
+
+// What the options before the command say.
+struct Options {
+  std::string config;
+  int pool = eTempServer;
+  bool json = false;
+};
+
+// By RedisServerType, from 1.
+inline constexpr std::array pool_names{"temp", "persist", "personality"};
+inline const char* pool_name(int pool) {
+  return pool_names.at(static_cast<std::size_t>(pool - 1));
+}
+
+// A result of RUVO_Init in words.
+const char* start_text(int result);
+
+// Starts the library, and ends it when the object goes.
+class Library {
+ public:
+  explicit Library(const std::string& config);
+  ~Library();
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+
+  int result() const { return result_; }
+  bool is_ready() const;
+  void require_ready() const;  // throws Failure
+
+ private:
+  int result_;
+};
+
+#endif

@@ -1,0 +1,104 @@
+#include "library_log.h"
+
+#include <ruvo/log_io.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+#include "exit_status.h"
+
+namespace {
+
+constexpr LogLevel quiet_level = BaseLib::Logger::WARN;  // kept back when no level is asked for
+constexpr std::size_t most_kept_lines = 20;
+
+// All guarded by `mutex`.
+std::mutex mutex;
+LogOptions options;
+Log_IO_FILE sink;
+std::deque<std::string> kept_lines;
+LogLevel listener_level = BaseLib::Logger::FATAL;
+LogListener listener;
+
+bool is_shown() { return options.level.has_value() || !options.file.empty(); }
+LogLevel shown_level() { return options.level.value_or(quiet_level); }
+
+// Drops "date time thread level place ", five words, and the newlines at the end.
+std::string text_of(std::string_view line) {
+  for (int word = 0; word < 5; ++word) {
+    line.remove_prefix(std::min(line.size(), line.find(' ') + 1));
+  }
+  return std::string(line.substr(0, line.find_last_not_of('\n') + 1));
+}
+
+// The library writes a few lines at the level of errors that tell of nothing wrong.
+bool is_error(std::string_view line) {
+  const auto tells = [line](std::string_view part) { return line.find(part) != line.npos; };
+  return !tells(" t_par_val: ") && !tells(" p_par_val: ") && !tells("::init_config redis_cfg_path");
+}
+
+void take_line(LogLevel level, const char* line, std::size_t length) {
+  const std::scoped_lock lock(mutex);
+  if (listener && level >= listener_level) {
+    listener(level, text_of(std::string_view(line, length)));
+  }
+  if (level < shown_level()) {
+    return;
+  }
+  if (!options.file.empty()) {
+    sink.write(line, length);
+    sink.flush();
+  } else if (is_shown()) {
+    std::fwrite(line, 1, length, stderr);
+  } else if (is_error(std::string_view(line, length))) {
+    kept_lines.emplace_back(line, length);
+    if (kept_lines.size() > most_kept_lines) {
+      kept_lines.pop_front();
+    }
+  }
+}
+
+// Lines that nobody wants are not even built.
+void set_threshold() {
+  BaseLib::Logger::setLogLevel(listener ? std::min(shown_level(), listener_level) : shown_level());
+}
+
+}  // namespace
+
+void open_log(const LogOptions& wanted) {
+  const std::scoped_lock lock(mutex);
+  options = wanted;
+  if (!options.file.empty()) {
+    if (const int error = sink.open(options.file.c_str(), nullptr, 0, 0)) {
+      throw Failure(unwritable_output,
+                    "cannot write the log " + options.file + ": " + std::strerror(error));
+    }
+  }
+  BaseLib::Logger::setOutput(take_line);
+  set_threshold();
+}
+
+void show_kept_lines() {
+  const std::scoped_lock lock(mutex);
+  for (const std::string& line : kept_lines) {
+    std::fwrite(line.data(), 1, line.size(), stderr);
+  }
+}
+
+LogListening::LogListening(LogLevel level, LogListener wanted) {
+  const std::scoped_lock lock(mutex);
+  listener_level = level;
+  listener = std::move(wanted);
+  set_threshold();
+}
+
+LogListening::~LogListening() {
+  const std::scoped_lock lock(mutex);
+  listener = nullptr;
+  set_threshold();
+}

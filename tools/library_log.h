@@ -1,0 +1,38 @@
+// The library's log in the tool: shown, written to a file, or kept back until something fails. What
+// the library did is known from its lines alone, so commands can listen to them too.
+#ifndef RUVO_TOOLS_LIBRARY_LOG_H
+#define RUVO_TOOLS_LIBRARY_LOG_H
+
+#include <stream_log/logger.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+
+using LogLevel = BaseLib::Logger::LogLevel;
+
+// Is given the text of every line, without time, place and newline. Called from any thread that
+// calls the library, one at a time.
+using LogListener = std::function<void(LogLevel level, const std::string& text)>;
+
+struct LogOptions {
+  std::optional<LogLevel> level;  // show lines from here on; none: only when something fails
+  std::string file;               // empty: standard error
+};
+
+// Takes over the library's log. Throws Failure when the file cannot be opened.
+void open_log(const LogOptions& options);
+
+// Shows what was kept back on standard error: the latest warnings and errors.
+void show_kept_lines();
+
+// Listens to lines from `level` on while it lives; one at a time.
+class LogListening {
+ public:
+  LogListening(LogLevel level, LogListener listener);
+  ~LogListening();
+  LogListening(const LogListening&) = delete;
+  LogListening& operator=(const LogListening&) = delete;
+};
+
+#endif

@@ -1,0 +1,53 @@
+// Every operation of the library as a command: its name, its parameters and the call behind it.
+#ifndef RUVO_TOOLS_OPERATIONS_H
+#define RUVO_TOOLS_OPERATIONS_H
+
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "value.h"
+
+// What the command line may give. Each operation uses some of it.
+struct Arguments {
+  int pool = 0;
+  std::string key;
+  std::string field;
+  std::string value;
+  std::optional<int> ttl;  // seconds
+  unsigned int seconds = 0;
+  long long increment = 0;
+  int count = 0;
+  int start = 0;
+  int end = 0;
+};
+
+enum class Parameter { key, field, value, ttl, seconds, increment, count, start, end };
+
+struct Answer {
+  Answer(int code) : result(code) {}  // NOLINT(google-explicit-constructor): most are just a code
+  Answer(int code, Value answered) : result(code), value(std::move(answered)) {}
+
+  int result;                  // the library's result code
+  std::optional<Value> value;  // what it found, where it found something
+};
+
+enum class Family { string, hash, list, set };
+
+struct Operation {
+  const char* name;
+  const char* help;
+  Family family;
+  std::vector<Parameter> parameters;  // in the order of the command line
+  Answer (*run)(const Arguments&);
+};
+
+std::span<const Operation> all_operations();
+const Operation* find_operation(const std::string& name);
+
+// Any command, word by word. Throws Failure when there are too many words.
+Answer run_raw(int pool, const std::vector<std::string>& words);
+
+#endif
