@@ -12,5 +12,5 @@ if [ "${1:-}" = --fix ]; then
 fi
 clang-format --dry-run --Werror "${sources[@]}"
 # The files that the build compiles; headers are looked at where they are included.
-mapfile -t compiled < <(git ls-files 'src/*.cpp' 'platform/*.cpp' 'examples/*.cpp' 'tests/*_test.cpp' 'tests/support/*.cpp')
+mapfile -t compiled < <(git ls-files 'src/*.cpp' 'platform/*.cpp' 'tools/*.cpp' 'examples/*.cpp' 'tests/*_test.cpp' 'tests/support/*.cpp')
 printf '%s\n' "${compiled[@]}" | xargs -P "$(nproc)" -n 4 clang-tidy -p build/release --quiet

@@ -10,7 +10,7 @@
 set -euo pipefail
 
 declare -A packages=(
-  [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev"
+  [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev libffi-dev"
   [run]="redis-server nutcracker"
   [test]="redis-server libgtest-dev libbenchmark-dev binutils"
   [check]="git clang clang-format clang-tidy"

@@ -8,9 +8,9 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 #include "exit_status.h"
 
@@ -27,7 +27,8 @@ sigset_t end_signals() {
 }
 
 [[noreturn]] void fail(const char* what) {
-  throw Failure(unwritable_output, std::string(what) + ": " + std::strerror(errno));
+  throw Failure(unwritable_output,
+                std::string(what) + ": " + std::generic_category().message(errno));
 }
 
 }  // namespace

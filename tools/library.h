@@ -18,9 +18,7 @@ struct Options {
 
 // By RedisServerType, from 1.
 inline constexpr std::array pool_names{"temp", "persist", "personality"};
-inline const char* pool_name(int pool) {
-  return pool_names.at(static_cast<std::size_t>(pool - 1));
-}
+inline const char* pool_name(int pool) { return pool_names.at(static_cast<std::size_t>(pool - 1)); }
 
 // A result of RUVO_Init in words.
 const char* start_text(int result);

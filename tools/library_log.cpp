@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "exit_status.h"
@@ -38,7 +38,9 @@ std::string text_of(std::string_view line) {
 
 // The library writes a few lines at the level of errors that tell of nothing wrong.
 bool is_error(std::string_view line) {
-  const auto tells = [line](std::string_view part) { return line.find(part) != line.npos; };
+  const auto tells = [line](std::string_view part) {
+    return line.find(part) != std::string_view::npos;
+  };
   return !tells(" t_par_val: ") && !tells(" p_par_val: ") && !tells("::init_config redis_cfg_path");
 }
 
@@ -75,8 +77,8 @@ void open_log(const LogOptions& wanted) {
   options = wanted;
   if (!options.file.empty()) {
     if (const int error = sink.open(options.file.c_str(), nullptr, 0, 0)) {
-      throw Failure(unwritable_output,
-                    "cannot write the log " + options.file + ": " + std::strerror(error));
+      throw Failure(unwritable_output, "cannot write the log " + options.file + ": " +
+                                           std::generic_category().message(error));
     }
   }
   BaseLib::Logger::setOutput(take_line);

@@ -21,7 +21,7 @@ struct LogOptions {
 };
 
 // Takes over the library's log. Throws Failure when the file cannot be opened.
-void open_log(const LogOptions& options);
+void open_log(const LogOptions& wanted);
 
 // Shows what was kept back on standard error: the latest warnings and errors.
 void show_kept_lines();
@@ -29,7 +29,7 @@ void show_kept_lines();
 // Listens to lines from `level` on while it lives; one at a time.
 class LogListening {
  public:
-  LogListening(LogLevel level, LogListener listener);
+  LogListening(LogLevel level, LogListener wanted);
   ~LogListening();
   LogListening(const LogListening&) = delete;
   LogListening& operator=(const LogListening&) = delete;

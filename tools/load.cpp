@@ -1,8 +1,8 @@
 // The command `load`: threads that run a mix of operations, and how fast and how evenly that went.
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <bit>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
@@ -203,9 +203,8 @@ Outcome run(const Options& options, const LoadOptions& load_options, const Mix& 
   {
     std::vector<std::jthread> running;
     for (std::size_t i = 0; i < threads; ++i) {
-      running.emplace_back([&, i] {
-        work(options, load_options, mix, static_cast<unsigned>(i), workers[i], stop);
-      });
+      running.emplace_back(
+          [&, i] { work(options, load_options, mix, static_cast<unsigned>(i), workers[i], stop); });
     }
     std::uint64_t before = 0;
     for (int second = 1; second <= load_options.seconds && !wait_for_end(1000); ++second) {

@@ -66,7 +66,7 @@ ExitStatus finish(const CommandLine& line, const std::string& name, const Answer
                         {"result", answer.result},
                         {"text", text_of(answer.result)}};
     if (answer.value) {
-      json["value"] = to_json(*answer.value);
+      json["value"] = to_printable(*answer.value);
     }
     print_json(json);
   } else if (answer.value && (status == succeeded || name == "raw")) {

@@ -12,122 +12,200 @@ using P = Parameter;
 struct Buffer {
   ~Buffer() { RUVO_FreeResult(data); }
   Answer answer(int result) const {
-    return data != nullptr ? Answer(result, {std::string(data, len)}) : Answer(result);
+    return data != nullptr ? Answer(result, std::string(data, len)) : Answer(result);
   }
   const char* data = nullptr;
   unsigned long len = 0;
 };
 
 Answer with_number(int result, long long number) {
-  return result == RUVO_OK ? Answer(result, {number}) : Answer(result);
+  return result == RUVO_OK ? Answer(result, number) : Answer(result);
 }
 
 Answer with_texts(int result, const std::vector<std::string>& texts) {
-  return result == RUVO_OK ? Answer(result, to_value(texts)) : Answer(result);
+  return result == RUVO_OK ? Answer(result, texts) : Answer(result);
 }
 
 const std::vector<Operation>& table() {
   static const std::vector<Operation> operations{
-      {"set", "Store a value", Family::string, {P::key, P::value, P::ttl}, [](const Arguments& a) -> Answer {
-         return RUVO_InsertKey(a.key.c_str(), a.value.data(), a.value.size(),
-                                      a.ttl.value_or(-1), a.pool, nullptr);
+      {"set",
+       "Store a value",
+       Family::string,
+       {P::key, P::value, P::ttl},
+       [](const Arguments& a) -> Answer {
+         return RUVO_InsertKey(a.key.c_str(), a.value.data(), a.value.size(), a.ttl.value_or(-1),
+                               a.pool, nullptr);
        }},
-      {"append", "Append to a value", Family::string, {P::key, P::value}, [](const Arguments& a) -> Answer {
+      {"append",
+       "Append to a value",
+       Family::string,
+       {P::key, P::value},
+       [](const Arguments& a) -> Answer {
          return RUVO_AppendKey(a.key.c_str(), a.value.data(), a.value.size(), a.pool, nullptr);
        }},
-      {"incr", "Add 1 to today's counter and print it", Family::string, {P::key},
+      {"incr",
+       "Add 1 to today's counter and print it",
+       Family::string,
+       {P::key},
        [](const Arguments& a) -> Answer {
          long long number = 0;
          const int result = RUVO_IncreaseKey(a.key.c_str(), &number, a.pool, nullptr);
          return with_number(result, number);
        }},
-      {"get", "Print a value", Family::string, {P::key}, [](const Arguments& a) -> Answer {
+      {"get",
+       "Print a value",
+       Family::string,
+       {P::key},
+       [](const Arguments& a) -> Answer {
          Buffer buffer;
          return buffer.answer(
              RUVO_QueryKey(a.key.c_str(), &buffer.data, &buffer.len, a.pool, nullptr));
        }},
-      {"exists", "Is there such a key?", Family::string, {P::key}, [](const Arguments& a) -> Answer {
-         return RUVO_ExistsKey(a.key.c_str(), a.pool, nullptr);
-       }},
-      {"del", "Delete a key", Family::string, {P::key}, [](const Arguments& a) -> Answer {
-         return RUVO_DeleteKey(a.key.c_str(), a.pool, nullptr);
-       }},
-      {"expire", "Let a key expire", Family::string, {P::key, P::seconds}, [](const Arguments& a) -> Answer {
+      {"exists",
+       "Is there such a key?",
+       Family::string,
+       {P::key},
+       [](const Arguments& a) -> Answer { return RUVO_ExistsKey(a.key.c_str(), a.pool, nullptr); }},
+      {"del",
+       "Delete a key",
+       Family::string,
+       {P::key},
+       [](const Arguments& a) -> Answer { return RUVO_DeleteKey(a.key.c_str(), a.pool, nullptr); }},
+      {"expire",
+       "Let a key expire",
+       Family::string,
+       {P::key, P::seconds},
+       [](const Arguments& a) -> Answer {
          return RUVO_ExpireKey(a.key.c_str(), a.seconds, a.pool, nullptr);
        }},
-      {"persist", "Take a key's time-out away", Family::string, {P::key}, [](const Arguments& a) -> Answer {
+      {"persist",
+       "Take a key's time-out away",
+       Family::string,
+       {P::key},
+       [](const Arguments& a) -> Answer {
          return RUVO_PersistKey(a.key.c_str(), a.pool, nullptr);
        }},
 
-      {"hset", "Set a field of a hash", Family::hash, {P::key, P::field, P::value, P::ttl},
+      {"hset",
+       "Set a field of a hash",
+       Family::hash,
+       {P::key, P::field, P::value, P::ttl},
        [](const Arguments& a) -> Answer {
          return RUVO_HashSet(a.key.c_str(), a.field.data(), a.field.size(), a.value.data(),
-                                    a.value.size(), a.ttl.value_or(-1), a.pool, nullptr);
+                             a.value.size(), a.ttl.value_or(-1), a.pool, nullptr);
        }},
-      {"hget", "Print a field", Family::hash, {P::key, P::field}, [](const Arguments& a) -> Answer {
+      {"hget",
+       "Print a field",
+       Family::hash,
+       {P::key, P::field},
+       [](const Arguments& a) -> Answer {
          Buffer buffer;
          return buffer.answer(RUVO_HashGet(a.key.c_str(), a.field.data(), a.field.size(),
                                            &buffer.data, &buffer.len, a.pool, nullptr));
        }},
-      {"hexists", "Is there such a field?", Family::hash, {P::key, P::field},
+      {"hexists",
+       "Is there such a field?",
+       Family::hash,
+       {P::key, P::field},
        [](const Arguments& a) -> Answer {
-         return RUVO_HashFieldExist(a.key.c_str(), a.field.data(), a.field.size(), a.pool,
-                                           nullptr);
+         return RUVO_HashFieldExist(a.key.c_str(), a.field.data(), a.field.size(), a.pool, nullptr);
        }},
-      {"hincrby", "Add to a field and print the sum", Family::hash,
-       {P::key, P::field, P::increment}, [](const Arguments& a) -> Answer {
+      {"hincrby",
+       "Add to a field and print the sum",
+       Family::hash,
+       {P::key, P::field, P::increment},
+       [](const Arguments& a) -> Answer {
          long long number = 0;
          const int result = RUVO_HashIncrBy(a.key.c_str(), a.field.data(), a.field.size(),
                                             a.increment, &number, a.pool, nullptr);
          return with_number(result, number);
        }},
-      {"hlen", "Print the number of fields", Family::hash, {P::key}, [](const Arguments& a) -> Answer {
+      {"hlen",
+       "Print the number of fields",
+       Family::hash,
+       {P::key},
+       [](const Arguments& a) -> Answer {
          long long number = 0;
          const int result = RUVO_HashFieldsNum(a.key.c_str(), &number, a.pool, nullptr);
          return with_number(result, number);
        }},
-      {"hdel", "Delete a field", Family::hash, {P::key, P::field}, [](const Arguments& a) -> Answer {
+      {"hdel",
+       "Delete a field",
+       Family::hash,
+       {P::key, P::field},
+       [](const Arguments& a) -> Answer {
          return RUVO_HashDelField(a.key.c_str(), a.field.data(), a.field.size(), a.pool, nullptr);
        }},
 
-      {"lpush", "Put an element at the head of a list and print its length", Family::list,
-       {P::key, P::value, P::ttl}, [](const Arguments& a) -> Answer {
+      {"lpush",
+       "Put an element at the head of a list and print its length",
+       Family::list,
+       {P::key, P::value, P::ttl},
+       [](const Arguments& a) -> Answer {
          long long number = 0;
          const int result = RUVO_LPush(a.key.c_str(), a.value.data(), a.value.size(),
                                        a.ttl.value_or(0), &number, a.pool, nullptr);
          return with_number(result, number);
        }},
-      {"rpop", "Take the element at the tail and print it", Family::list, {P::key},
+      {"rpop",
+       "Take the element at the tail and print it",
+       Family::list,
+       {P::key},
        [](const Arguments& a) -> Answer {
          std::string text;
          const int result = RUVO_RPop(a.key.c_str(), text, a.pool, nullptr);
-         return result == RUVO_OK ? Answer(result, {text}) : Answer(result);
+         return result == RUVO_OK ? Answer(result, text) : Answer(result);
        }},
-      {"lrange", "Print the elements from START to END", Family::list, {P::key, P::start, P::end},
+      {"lrange",
+       "Print the elements from START to END",
+       Family::list,
+       {P::key, P::start, P::end},
        [](const Arguments& a) -> Answer {
          std::vector<std::string> texts;
          const int result = RUVO_LRange(a.key.c_str(), a.start, a.end, texts, a.pool, nullptr);
          return with_texts(result, texts);
        }},
-      {"ltrim", "Cut a list down to START to END", Family::list, {P::key, P::start, P::end},
+      {"ltrim",
+       "Cut a list down to START to END",
+       Family::list,
+       {P::key, P::start, P::end},
        [](const Arguments& a) -> Answer {
          return RUVO_LTrim(a.key.c_str(), a.start, a.end, a.pool, nullptr);
        }},
-      {"lrem", "Remove elements equal to a value", Family::list, {P::key, P::count, P::value},
+      {"lrem",
+       "Remove elements equal to a value",
+       Family::list,
+       {P::key, P::count, P::value},
        [](const Arguments& a) -> Answer {
          return RUVO_LRem(a.key.c_str(), a.count, a.value.c_str(), a.pool, nullptr);
        }},
 
-      {"sadd", "Add a member to a set", Family::set, {P::key, P::value}, [](const Arguments& a) -> Answer {
+      {"sadd",
+       "Add a member to a set",
+       Family::set,
+       {P::key, P::value},
+       [](const Arguments& a) -> Answer {
          return RUVO_SAdd(a.key.c_str(), a.value.data(), a.value.size(), a.pool, nullptr);
        }},
-      {"srem", "Remove a member", Family::set, {P::key, P::value}, [](const Arguments& a) -> Answer {
+      {"srem",
+       "Remove a member",
+       Family::set,
+       {P::key, P::value},
+       [](const Arguments& a) -> Answer {
          return RUVO_SRem(a.key.c_str(), a.value.data(), a.value.size(), a.pool, nullptr);
        }},
-      {"sismember", "Is it a member?", Family::set, {P::key, P::value}, [](const Arguments& a) -> Answer {
+      {"sismember",
+       "Is it a member?",
+       Family::set,
+       {P::key, P::value},
+       [](const Arguments& a) -> Answer {
          return RUVO_SIsmember(a.key.c_str(), a.value.data(), a.value.size(), a.pool, nullptr);
        }},
-      {"smembers", "Print all members", Family::set, {P::key}, [](const Arguments& a) -> Answer {
+      {"smembers",
+       "Print all members",
+       Family::set,
+       {P::key},
+       [](const Arguments& a) -> Answer {
          std::vector<std::string> texts;
          const int result = RUVO_SMembers(a.key.c_str(), texts, a.pool, nullptr);
          return with_texts(result, texts);

@@ -28,10 +28,10 @@ enum class Parameter { key, field, value, ttl, seconds, increment, count, start,
 
 struct Answer {
   Answer(int code) : result(code) {}  // NOLINT(google-explicit-constructor): most are just a code
-  Answer(int code, Value answered) : result(code), value(std::move(answered)) {}
+  Answer(int code, nlohmann::json answered) : result(code), value(std::move(answered)) {}
 
-  int result;                  // the library's result code
-  std::optional<Value> value;  // what it found, where it found something
+  int result;                           // the library's result code
+  std::optional<nlohmann::json> value;  // what it found, where it found something
 };
 
 enum class Family { string, hash, list, set };
@@ -47,7 +47,7 @@ struct Operation {
 std::span<const Operation> all_operations();
 const Operation* find_operation(const std::string& name);
 
-// Any command, word by word. Throws Failure when there are too many words.
+// Any command, word by word.
 Answer run_raw(int pool, const std::vector<std::string>& words);
 
 #endif

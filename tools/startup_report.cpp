@@ -133,9 +133,9 @@ StartupReport StartupReader::report() const {
     PoolReport& pool = report.pools[i];
     const char* configured = config.get_str_val("common", keys[i].addresses);
     pool.is_configured = configured != nullptr;
-    pool.addresses = configured != nullptr           ? configured
+    pool.addresses = configured != nullptr        ? configured
                      : i < main_addresses_.size() ? main_addresses_[i]
-                                                     : "";
+                                                  : "";
     pool.auto_eject = config.get_bool_val("server", keys[i].auto_eject, true);
     auto outcome = outcomes_[i].begin();
     for (const std::string& addr : split(pool.addresses)) {

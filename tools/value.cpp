@@ -5,11 +5,6 @@
 
 namespace {
 
-template <typename... Cases>
-struct overloaded : Cases... {
-  using Cases::operator()...;
-};
-
 std::string to_hex(const std::string& bytes) {
   std::string hex;
   for (const char byte : bytes) {
@@ -20,68 +15,67 @@ std::string to_hex(const std::string& bytes) {
   return hex;
 }
 
+bool is_printable(const nlohmann::json& text) {
+  try {
+    static_cast<void>(text.dump());
+    return true;
+  } catch (const nlohmann::json::type_error&) {
+    return false;
+  }
+}
+
 }  // namespace
 
-Value to_value(const redisReply& reply) {
+// Replies nest, and so does what is made of them; hiredis bounds how deep.
+// NOLINTBEGIN(misc-no-recursion)
+
+nlohmann::json to_value(const redisReply& reply) {
   switch (reply.type) {
     case REDIS_REPLY_NIL:
-      return {};
+      return nullptr;
     case REDIS_REPLY_INTEGER:
-      return {reply.integer};
+      return reply.integer;
     case REDIS_REPLY_ARRAY: {
-      Value::Array elements;
+      auto elements = nlohmann::json::array();
       for (std::size_t i = 0; i < reply.elements; ++i) {
         elements.push_back(to_value(*reply.element[i]));
       }
-      return {elements};
+      return elements;
     }
     default:
-      return {std::string(reply.str, reply.len)};
+      return std::string(reply.str, static_cast<std::size_t>(reply.len));
   }
 }
 
-Value to_value(const std::vector<std::string>& texts) {
-  Value::Array elements;
-  for (const std::string& text : texts) {
-    elements.push_back({text});
+std::string to_text(const nlohmann::json& value) {
+  if (value.is_null()) {
+    return "(nil)";
   }
-  return {elements};
-}
-
-std::string to_text(const Value& value) {
-  return std::visit(overloaded{[](std::nullptr_t) { return std::string("(nil)"); },
-                               [](long long number) { return std::to_string(number); },
-                               [](const std::string& text) { return text; },
-                               [](const Value::Array& elements) {
-                                 std::string lines;
-                                 for (const Value& element : elements) {
-                                   lines += (&element == elements.data() ? "" : "\n") + to_text(element);
-                                 }
-                                 return lines;
-                               }},
-                    value.content);
-}
-
-nlohmann::json to_json(const std::string& text) {
-  nlohmann::json json = text;
-  try {
-    static_cast<void>(json.dump());
-  } catch (const nlohmann::json::type_error&) {
-    json = {{"hex", to_hex(text)}};
+  if (value.is_string()) {
+    return value.get<std::string>();
   }
-  return json;
+  if (!value.is_array()) {
+    return value.dump();
+  }
+  std::string lines;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    lines += (i > 0 ? "\n" : "") + to_text(value[i]);
+  }
+  return lines;
 }
 
-nlohmann::json to_json(const Value& value) {
-  return std::visit(overloaded{[](std::nullptr_t) { return nlohmann::json(); },
-                               [](long long number) { return nlohmann::json(number); },
-                               [](const std::string& text) { return to_json(text); },
-                               [](const Value::Array& elements) {
-                                 nlohmann::json json = nlohmann::json::array();
-                                 for (const Value& element : elements) {
-                                   json.push_back(to_json(element));
-                                 }
-                                 return json;
-                               }},
-                    value.content);
+nlohmann::json to_printable(const nlohmann::json& value) {
+  if (value.is_string() && !is_printable(value)) {
+    return {{"hex", to_hex(value.get<std::string>())}};
+  }
+  if (!value.is_array()) {
+    return value;
+  }
+  auto elements = nlohmann::json::array();
+  for (const auto& element : value) {
+    elements.push_back(to_printable(element));
+  }
+  return elements;
 }
+
+// NOLINTEND(misc-no-recursion)

@@ -1,4 +1,5 @@
-// A value as Redis has them, and how the tool prints it.
+// Values as Redis answers with them, held as JSON whose strings may be any bytes, and how the tool
+// prints them.
 #ifndef RUVO_TOOLS_VALUE_H
 #define RUVO_TOOLS_VALUE_H
 
@@ -6,23 +7,15 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
-#include <variant>
-#include <vector>
 
-struct Value {
-  using Array = std::vector<Value>;
-  std::variant<std::nullptr_t, long long, std::string, Array> content = nullptr;
-};
-
-Value to_value(const redisReply& reply);
-Value to_value(const std::vector<std::string>& texts);
+nlohmann::json to_value(const redisReply& reply);
 
 // Text: numbers and texts as they are, nothing as "(nil)", the elements of an array one to a line,
 // those of inner arrays too. Without a newline at the end.
-std::string to_text(const Value& value);
+std::string to_text(const nlohmann::json& value);
 
-// JSON: a text that is not UTF-8 becomes {"hex": "00ff..."}, so that no byte is lost.
-nlohmann::json to_json(const Value& value);
-nlohmann::json to_json(const std::string& text);
+// A value that can be printed as JSON: a text that is not UTF-8 becomes {"hex": "00ff..."}, so that
+// no byte is lost.
+nlohmann::json to_printable(const nlohmann::json& value);
 
 #endif

@@ -129,9 +129,9 @@ std::string line_of(const Options& options, const Server& server) {
 }
 
 nlohmann::json json_of(const Options& options, const Server& server) {
-  return {{"time", time_text()},          {"pool", pool_name(options.pool)},
-          {"server", server.addr},        {"state", text_of(server.state)},
-          {"reads", server.reads},        {"failures", server.failures},
+  return {{"time", time_text()},           {"pool", pool_name(options.pool)},
+          {"server", server.addr},         {"state", text_of(server.state)},
+          {"reads", server.reads},         {"failures", server.failures},
           {"ejections", server.ejections}, {"retries", server.retries}};
 }
 
