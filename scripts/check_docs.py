@@ -67,10 +67,10 @@ class Block:
         self.file = named[1] if named else None
 
 
-def read_blocks(path):
+def read_blocks(document):
     """The fenced blocks of a document."""
     blocks, fence, in_list, after_blank = [], None, False, True
-    for number, line in enumerate(path.read_text().splitlines(), 1):
+    for number, line in enumerate((TREE / document).read_text().splitlines(), 1):
         mark = re.match(r"( *)```(.*)$", line)
         if fence is not None:
             if mark and not mark[2].strip():
@@ -84,12 +84,12 @@ def read_blocks(path):
             if re.match(r" *([-*+]|\d+[.)]) ", line):
                 in_list = True
             elif after_blank and line.startswith(("    ", "\t")) and not in_list:
-                raise Refused(f"{number}: indented code: make it a fenced block")
+                raise Refused(f"{document}:{number}: indented code: make it a fenced block")
             elif after_blank and not line.startswith(" "):
                 in_list = False
         after_blank = not line.strip()
     if fence is not None:
-        raise Refused(f"{fence[0]}: the block has no end")
+        raise Refused(f"{document}:{fence[0]}: the block has no end")
     return blocks
 
 
@@ -232,34 +232,33 @@ class Sandbox:
             self.command([program])
 
 
-def problem_of(document, blocks):
-    """What is wrong with a document before anything runs; empty when nothing is."""
+def refuse_mistakes(document, blocks):
+    """Refuses what is wrong with a document before anything runs."""
     for block in blocks:
         if block.kind not in {"sh", "ini", "yaml", "cmake", "text", *COMPILERS}:
-            return f"{block.line}: nothing is known of a block of '{block.kind}'"
+            raise Refused(f"{document}:{block.line}: nothing is known of a block of '{block.kind}'")
         if block.kind in {"ini", "yaml", "cmake"} and not block.file:
-            return f"{block.line}: the first line does not name the file"
+            raise Refused(f"{document}:{block.line}: the first line does not name the file")
     files = [block.file for block in blocks if block.file]
     if len(files) != len(set(files)):
-        return "0: a file is written twice"
-    missing = MUST_HOLD.get(document, set()) - {block.kind for block in blocks}
-    return f"0: shows no block of: {', '.join(sorted(missing))}" if missing else ""
+        raise Refused(f"{document}: a file is written twice")
+    if missing := MUST_HOLD.get(document, set()) - {block.kind for block in blocks}:
+        raise Refused(f"{document}: shows no block of: {', '.join(sorted(missing))}")
 
 
 def check(document, folder):
     """Runs a document's blocks; how many passed and how many failed."""
     try:
-        blocks = read_blocks(TREE / document)
-        if problem := problem_of(document, blocks):
-            raise Refused(problem)
+        blocks = read_blocks(document)
+        refuse_mistakes(document, blocks)
         sandbox = Sandbox(folder)
-        first = [block for block in read_blocks(TREE / "README.md") if block.kind == "ini"]
+        first = [block for block in read_blocks("README.md") if block.kind == "ini"]
         for block in first + blocks:
             if block.file:
                 sandbox.write(block)
         sandbox.start_redis()
     except Refused as refused:
-        print(f"FAIL {document}:{refused}")
+        print(f"FAIL {refused}")
         return 0, 1
     passed = failed = 0
     for block in blocks:
