@@ -1,0 +1,313 @@
+#!/usr/bin/env python3
+"""Runs what README.md and docs/*.md show, so that it works as it is written.
+
+    scripts/check_docs.py [DOCUMENT...]      (no argument: all of them)
+
+Wants the release build in build/release. Each document gets a working folder of its own, a copy of
+the tracked files, with the library "installed in /usr/local" below it and a Redis on loopback. Its
+fenced blocks are handled in order, by their info string:
+
+    sh         run with bash -euo pipefail
+    ini, yaml  written to the file that the first line names, as "# redis.conf"
+    cpp, c     complete files: compiled with warnings as errors, and run if they have a main
+    cmake      a CMakeLists.txt, whose first line names it: configured and built
+    text       output and pictures: left alone
+
+Any other block is refused, and so is code that is only indented. Files with a name in their first
+line ("// host.cpp") are all written before the first command runs. README's configuration files are
+there for every document.
+"""
+import ctypes
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+TREE = Path(__file__).resolve().parent.parent
+BLOCK_LIMIT = 900  # seconds
+
+# Commands that are shown and not run here.
+NOT_RUN = {
+    "scripts/test.sh": ".ci/run has run it",
+    "scripts/test.sh asan": ".ci/run has run it",
+    "scripts/test.sh tsan": ".ci/run has run it",
+    ".ci/run": "it runs this script",
+    "ldconfig": "it writes the machine's own cache; LD_LIBRARY_PATH stands in for it",
+}
+
+# What a document must show, so that a block that is mistyped away is missed.
+MUST_HOLD = {
+    "README.md": {"sh", "ini", "cpp", "cmake"},
+    "docs/configuration.md": {"sh", "ini", "yaml"},
+    "docs/operations.md": {"sh", "cpp"},
+}
+
+# pkg-config's name for what an #include asks for.
+PACKAGES = {"<ruvo/": "ruvo", "<stream_log/": "stream_log", "<spdlog/": "spdlog"}
+
+WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wshadow", "-Werror"]
+COMPILERS = {"cpp": ["c++", "-std=c++20"], "c": ["cc", "-std=c99"]}
+FILE_NAME = re.compile(r"(?:#|//) ([\w./-]+\.\w+)$")
+
+
+class Refused(Exception):
+    pass
+
+
+class Block:
+    def __init__(self, line, kind, text):
+        self.line, self.kind, self.text = line, kind, text
+        named = FILE_NAME.match(text.split("\n", 1)[0])
+        self.file = named[1] if named else None
+
+
+def read_blocks(document):
+    """The fenced blocks of a document."""
+    blocks, fence, in_list, after_blank = [], None, False, True
+    for number, line in enumerate((TREE / document).read_text().splitlines(), 1):
+        mark = re.match(r"( *)```(.*)$", line)
+        if fence is not None:
+            if mark and not mark[2].strip():
+                blocks.append(Block(*fence, "\n".join(body) + "\n"))
+                fence = None
+            else:
+                body.append(line.removeprefix(indent))
+        elif mark:
+            fence, body, indent = (number, mark[2].strip()), [], mark[1]
+        elif line.strip():
+            if re.match(r" *([-*+]|\d+[.)]) ", line):
+                in_list = True
+            elif after_blank and line.startswith(("    ", "\t")) and not in_list:
+                raise Refused(f"{document}:{number}: indented code: make it a fenced block")
+            elif after_blank and not line.startswith(" "):
+                in_list = False
+        after_blank = not line.strip()
+    if fence is not None:
+        raise Refused(f"{document}:{fence[0]}: the block has no end")
+    return blocks
+
+
+class Ports:
+    """Documents show the usual ports; here each stands for one that the kernel hands out. This is
+    the one place where what is run differs from what is shown."""
+
+    SHOWN = re.compile(r"(127\.0\.0\.\d+:|(?<!\S)(?:-p|-s|--port) )(\d{4,5})\b")
+
+    def __init__(self):
+        self.held = {}
+
+    def port(self, shown):
+        if shown not in self.held:
+            # Bound and not listening: nobody else is given it, a server that sets SO_REUSEADDR may
+            # still take it, and until then a connection is refused.
+            holder = socket.socket()
+            holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            holder.bind(("127.0.0.1", 0))
+            self.held[shown] = holder
+        return str(self.held[shown].getsockname()[1])
+
+    def replace(self, text):
+        return self.SHOWN.sub(lambda match: match[1] + self.port(match[2]), text)
+
+
+def descendants(pid):
+    for task in Path(f"/proc/{pid}/task").glob("*/children"):
+        for child in task.read_text().split():
+            yield int(child)
+            yield from descendants(child)
+
+
+def end_processes():
+    """Ends what this script has started and what that has left behind: as a subreaper it is the
+    parent of daemons too."""
+    for sent in (signal.SIGTERM, signal.SIGKILL):
+        deadline = time.monotonic() + 5
+        for pid in list(descendants(os.getpid())):
+            try:
+                os.kill(pid, sent)
+            except ProcessLookupError:
+                pass
+        while time.monotonic() < deadline:
+            try:
+                if os.waitpid(-1, os.WNOHANG) == (0, 0):
+                    time.sleep(0.02)
+            except ChildProcessError:
+                return
+
+
+class Sandbox:
+    def __init__(self, folder):
+        self.tree = folder / "tree"
+        self.output = folder / "output"
+        self.ports = Ports()
+        root = folder / "root"
+        prefix = root / "usr/local"
+        self.env = os.environ | {
+            "DESTDIR": str(root),
+            "PATH": f"{prefix}/bin:{os.environ['PATH']}",
+            "LD_LIBRARY_PATH": f"{prefix}/lib",
+            "PKG_CONFIG_PATH": f"{prefix}/lib/pkgconfig",
+            "CMAKE_PREFIX_PATH": str(prefix),
+            "DEMO_SECONDS": "6",
+            "BENCHMARK_FILTER": "SISMEMBER",  # all of them take minutes
+            # Where ccache is installed, what one block has built is not built again by the next.
+            "CCACHE_BASEDIR": str(folder),
+            "CCACHE_NOHASHDIR": "1",
+        }
+        for name in self.command(["git", "ls-files", "-z"], TREE).split("\0"):
+            if (TREE / name).is_file():
+                (self.tree / name).parent.mkdir(parents=True, exist_ok=True)
+                shutil.copy2(TREE / name, self.tree / name)
+        self.command(["cmake", "--install", "build/release", "--prefix", "/usr/local"], TREE)
+
+    def command(self, words, folder=None):
+        """Runs a command and returns what it wrote. The output goes through a file: a server that a
+        block leaves in the background would keep a pipe open."""
+        with self.output.open("w+") as output:
+            try:
+                result = subprocess.run(words, cwd=folder or self.tree, env=self.env, text=True,
+                                        stdin=subprocess.DEVNULL, stdout=output,
+                                        stderr=subprocess.STDOUT, timeout=BLOCK_LIMIT)
+            except subprocess.TimeoutExpired as error:
+                raise Refused(f"not done after {BLOCK_LIMIT} seconds") from error
+            output.seek(0)
+            text = output.read()
+        if result.returncode != 0:
+            raise Refused(f"{text}exit status {result.returncode}")
+        return text
+
+    def start_redis(self):
+        port = self.ports.port("6379")
+        subprocess.Popen(["redis-server", "--port", port, "--bind", "127.0.0.1", "127.0.0.2",
+                          "--save", "", "--appendonly", "no"],
+                         cwd=self.tree, stdout=subprocess.DEVNULL)
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline:
+            try:
+                return socket.create_connection(("127.0.0.1", int(port))).close()
+            except ConnectionRefusedError:
+                time.sleep(0.02)
+        raise Refused("no redis-server")
+
+    def write(self, block):
+        path = self.tree / block.file
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(self.ports.replace(block.text))
+        return path
+
+    def run(self, block):
+        if block.kind == "sh":
+            self.run_shell(block)
+        elif block.kind in COMPILERS:
+            self.run_program(block)
+        elif block.kind == "cmake":
+            folder = str((self.tree / block.file).parent)
+            self.command(["cmake", "-G", "Ninja", "-S", folder, "-B", f"{folder}/checked"])
+            self.command(["cmake", "--build", f"{folder}/checked"])
+
+    def run_shell(self, block):
+        lines = []
+        for line in block.text.splitlines():
+            reason = NOT_RUN.get(line.split("#")[0].strip())
+            lines.append(f": # {reason}" if reason else line)
+        script = self.ports.replace("\n".join(lines))
+        self.command(["bash", "-euo", "pipefail", "-c", script])
+
+    def run_program(self, block):
+        source = self.output.with_suffix("." + block.kind)
+        source.write_text(self.ports.replace(block.text))
+        program = str(self.output.with_suffix(".program"))
+        packages = [name for text, name in PACKAGES.items() if text in block.text]
+        flags = self.command(["pkg-config", "--cflags", "--libs", *packages]).split() if packages else []
+        has_main = re.search(r"^int main\(", block.text, re.MULTILINE)
+        self.command([*COMPILERS[block.kind], *WARNINGS, *([] if has_main else ["-c"]), str(source),
+                      "-o", program, *flags])
+        if has_main:
+            self.command([program])
+
+
+def refuse_mistakes(document, blocks):
+    """Refuses what is wrong with a document before anything runs."""
+    for block in blocks:
+        if block.kind not in {"sh", "ini", "yaml", "cmake", "text", *COMPILERS}:
+            raise Refused(f"{document}:{block.line}: nothing is known of a block of '{block.kind}'")
+        if block.kind in {"ini", "yaml", "cmake"} and not block.file:
+            raise Refused(f"{document}:{block.line}: the first line does not name the file")
+    files = [block.file for block in blocks if block.file]
+    if len(files) != len(set(files)):
+        raise Refused(f"{document}: a file is written twice")
+    if missing := MUST_HOLD.get(document, set()) - {block.kind for block in blocks}:
+        raise Refused(f"{document}: shows no block of: {', '.join(sorted(missing))}")
+
+
+def refuse_missing_lines(document):
+    """Refuses an operations guide without a WARN or ERROR line of the library: the longest text
+    between two directives of each must stand in it."""
+    logged = re.compile(r'(?:RUVO_LOG\((?:WARN|ERROR),|null_\w+ =) *\n? *((?:"[^"]*"\s*)+)')
+    guide = (TREE / document).read_text()
+    for source in sorted(TREE.glob("src/**/*.cpp")) + sorted(TREE.glob("src/**/*.h")):
+        for match in logged.finditer(source.read_text()):
+            line = "".join(re.findall(r'"([^"]*)"', match[1])).split("| ")[-1]
+            text = max(re.split(r"%[a-z]+|\\n", line), key=len).strip(" ,.:")
+            if text not in guide:
+                raise Refused(f"{document}: the line '{line}' of {source.name} is missing")
+
+
+def check(document, folder):
+    """Runs a document's blocks; how many passed and how many failed."""
+    try:
+        blocks = read_blocks(document)
+        refuse_mistakes(document, blocks)
+        if document == "docs/operations.md":
+            refuse_missing_lines(document)
+        sandbox = Sandbox(folder)
+        first = [block for block in read_blocks("README.md") if block.kind == "ini"]
+        for block in first + blocks:
+            if block.file:
+                sandbox.write(block)
+        sandbox.start_redis()
+    except Refused as refused:
+        print(f"FAIL {refused}")
+        return 0, 1
+    passed = failed = 0
+    for block in blocks:
+        if block.kind == "text":
+            continue
+        begin = time.monotonic()
+        try:
+            sandbox.run(block)
+            verdict, said = "PASS", ""
+            passed += 1
+        except Refused as refused:
+            verdict, said = "FAIL", f"\n{refused}"
+            failed += 1
+        seconds = time.monotonic() - begin
+        print(f"{verdict} {document}:{block.line} {block.kind} ({seconds:.1f} s){said}", flush=True)
+    return passed, failed
+
+
+def main():
+    documents = sys.argv[1:] or ["README.md", *sorted(f"docs/{p.name}" for p in TREE.glob("docs/*.md"))]
+    set_child_subreaper = 36
+    ctypes.CDLL(None).prctl(set_child_subreaper, 1, 0, 0, 0)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    passed = failed = 0
+    for document in documents:
+        with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as folder:
+            try:
+                more = check(document, Path(folder))
+            finally:
+                end_processes()
+        passed, failed = passed + more[0], failed + more[1]
+    print(f"documents: {len(documents)}, blocks: {passed} passed, {failed} failed")
+    return 1 if failed or not passed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
