@@ -6,14 +6,14 @@
 #   build  compiler, build tools, hiredis and ACE
 #   run    Redis and the proxy that the demo starts
 #   test   GoogleTest and Google Benchmark
-#   check  format and tidy checks
+#   check  format and tidy checks, API reference, manual pages, Debian packages
 set -euo pipefail
 
 declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev"
   [run]="redis-server nutcracker"
   [test]="redis-server libgtest-dev libbenchmark-dev binutils"
-  [check]="git clang clang-format clang-tidy"
+  [check]="git clang clang-format clang-tidy doxygen mandoc dpkg-dev file binutils debootstrap"
 )
 groups=("$@")
 [ ${#groups[@]} -gt 0 ] || groups=(build run test check)
