@@ -5,8 +5,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+rm -f build/package/*.deb   # of another version, say
 cmake --workflow --preset package >/dev/null
-mapfile -t debs < <(ls -t build/package/*.deb | head -n 3)
+debs=(build/package/*.deb)
 for deb in "${debs[@]}"; do
   echo "${deb##*/}: $(dpkg-deb -f "$deb" Depends)"
 done
@@ -14,8 +15,9 @@ done
 work=$(mktemp -d)
 root=$work/root
 finish() {
-  # debootstrap leaves nothing mounted unless it is interrupted.
-  for mounted in $(awk -v root="$root/" 'index($2, root) == 1 {print $2}' /proc/mounts | sort -r); do
+  cd /
+  # Besides the tmpfs, what an interrupted debootstrap leaves mounted.
+  for mounted in $(awk -v work="$work/" 'index($2, work) == 1 {print $2}' /proc/mounts | sort -r); do
     umount "$mounted" || umount -l "$mounted"
   done
   rm -rf --one-file-system "$work"
@@ -33,6 +35,9 @@ make_root() {
   mirror=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME)' 'Created-By: Packages' |
     awk -v suite="$suite" '$2 == suite {print $1; exit}')
   [ -n "$mirror" ] || { reason="apt has no source for '$suite'"; return 1; }
+  # In memory where that may be: dpkg syncs every file, and a busy disk takes minutes to delete them.
+  mkdir "$root"
+  mount -t tmpfs -o size=2g tmpfs "$root" 2>"$work/mount.log" || true
   if ! debootstrap --variant=minbase "$suite" "$root" "$mirror" >"$work/debootstrap.log" 2>&1; then
     reason="debootstrap failed: $(tail -n 1 "$work/debootstrap.log")"
     return 1
@@ -63,7 +68,7 @@ SH
 
 if make_root; then
   cp "${debs[@]}" "$root/root/"
-  apt_install $(printf './root/%s ' "${debs[@]##*/}")
+  apt_install "${debs[@]/#*\//./root/}"
   chroot "$root" ruvo_cli --version >/dev/null   # with what the packages depend on, and nothing else
   apt_install g++ cmake make pkg-config
   cp "$work/consume.sh" "$root/root/"
