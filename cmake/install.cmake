@@ -2,8 +2,11 @@ include(CMakePackageConfigHelpers)
 
 set(package_dir ${RUVO_INSTALL_LIBDIR}/cmake/ruvo)
 
-install(TARGETS ruvo stream_log EXPORT ruvo-targets LIBRARY DESTINATION ${RUVO_INSTALL_LIBDIR})
-install(EXPORT ruvo-targets NAMESPACE ruvo:: FILE ruvoTargets.cmake DESTINATION ${package_dir})
+# Every rule names its component: runtime, devel or tools. Each is a package, see packages.cmake.
+install(TARGETS ruvo stream_log EXPORT ruvo-targets
+        LIBRARY DESTINATION ${RUVO_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT devel)
+install(EXPORT ruvo-targets NAMESPACE ruvo:: FILE ruvoTargets.cmake DESTINATION ${package_dir}
+        COMPONENT devel)
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/ruvoConfig.cmake.in
                               ${PROJECT_BINARY_DIR}/ruvoConfig.cmake
@@ -11,11 +14,21 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/ruvoConfig.cmake.in
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/ruvoConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/ruvoConfig.cmake ${PROJECT_BINARY_DIR}/ruvoConfigVersion.cmake
-        DESTINATION ${package_dir})
+        DESTINATION ${package_dir} COMPONENT devel)
 
 # The prefix is reckoned from where the file lies, so that an installed tree can be moved.
 foreach(package IN ITEMS ruvo stream_log)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${package}.pc.in
                  ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${RUVO_INSTALL_LIBDIR}/pkgconfig)
+  install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${RUVO_INSTALL_LIBDIR}/pkgconfig
+          COMPONENT devel)
 endforeach()
+
+# The examples are sources to read and to start from; installed_package is a project of its own.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ COMPONENT devel
+        DESTINATION ${RUVO_INSTALL_DOCDIR}/libruvo-dev/examples
+        FILES_MATCHING PATTERN "*.cpp" PATTERN "*.c" PATTERN "*.h"
+                       PATTERN "installed_package/CMakeLists.txt")
+# A sample, not a configuration: the servers in it are nobody's.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/conf/ COMPONENT tools
+        DESTINATION ${RUVO_INSTALL_DOCDIR}/ruvo-tools/examples)

@@ -6,14 +6,15 @@
 #   build  compiler, build tools, hiredis and ACE
 #   run    Redis and the proxy that the demo starts
 #   test   GoogleTest and Google Benchmark
-#   check  format and tidy checks, what the guides show
+#   check  format and tidy checks, reference, manual pages, packages, what the guides show
 set -euo pipefail
 
 declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev libffi-dev"
   [run]="redis-server nutcracker"
   [test]="redis-server libgtest-dev libbenchmark-dev binutils"
-  [check]="git clang clang-format clang-tidy python3 libspdlog-dev"
+  [check]="git clang clang-format clang-tidy doxygen mandoc dpkg-dev file binutils debootstrap
+           python3 libspdlog-dev"
 )
 groups=("$@")
 [ ${#groups[@]} -gt 0 ] || groups=(build run test check)

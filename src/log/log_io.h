@@ -1,15 +1,16 @@
-// Sinks for log records. Parts for hosts: the library itself creates none of them.
-//
-//   Log_Thread_Mutex lock;
-//   Log_IO_FILE sink;
-//   lock.open(nullptr);
-//   if (sink.open("/var/log/app.log", &lock, 0, 0) != 0) { ... }
-//
-//   lock.acquire(0);                  // a sink takes no lock by itself: its user does
-//   sink.write("a record\n");
-//   lock.release();
-//
-// Threads: one at a time on the same sink.
+/// @file
+/// Sinks for log records. Parts for hosts: the library itself creates none of them.
+///
+///     Log_Thread_Mutex lock;
+///     Log_IO_FILE sink;
+///     lock.open(nullptr);
+///     if (sink.open("/var/log/app.log", &lock, 0, 0) != 0) { ... }
+///
+///     lock.acquire(0);                  // a sink takes no lock by itself: its user does
+///     sink.write("a record\n");
+///     lock.release();
+///
+/// Threads: one at a time on the same sink.
 #ifndef RUVO_LOG_IO_H
 #define RUVO_LOG_IO_H
 
@@ -33,49 +34,57 @@
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
+/// A sink for log records. It is not deleted through a Log_IO.
 class Log_IO {
  public:
-  // Opens the sink `fn`; a sink that is open is closed first. `lock` is kept for the sink's user
-  // and stays his. Returns 0, or an error number.
+  /// Opens the sink `fn`; a sink that is open is closed first. `lock` is kept for the sink's user
+  /// and stays his. Returns 0, or an error number.
   virtual int open(const char* fn, Log_Mutex* lock, int mode, int rev) = 0;
+  /// Closes the sink, if it is open.
   virtual int close() = 0;
-  // Append a text without its terminator, or bytes.
+  /// Appends a text without its terminator.
   virtual int write(const char* msg) = 0;
+  /// Appends a wide text without its terminator.
   virtual int write(const wchar_t* msg) = 0;
+  /// Appends bytes.
   virtual int write(const void* data, std::size_t size) = 0;
-  // Drops everything that was written.
+  /// Drops everything that was written.
   virtual int empty() = 0;
+  /// Hands to the system what is still buffered.
   virtual int flush() = 0;
-  // Bytes in the sink.
+  /// Bytes in the sink.
   virtual long size() = 0;
-  // Copies the contents to `bname` and drops them here.
+  /// Copies the contents to `bname` and drops them here.
   virtual int backup(const char* bname) = 0;
-  // The system's object behind the sink, or null.
+  /// The system's object behind the sink, or null.
   virtual LOG_HANDLE handle() = 0;
-  // The lock and the configuration that the sink keeps for its user; never used by the sink itself.
+  /// The lock that the sink keeps for its user; never used by the sink itself.
   virtual Log_Mutex* mutex() = 0;
+  /// Gives the sink another lock to keep.
   virtual void mutex(Log_Mutex* mtx) = 0;
+  /// The configuration that the sink keeps for its user; never used by the sink itself.
   virtual Log_Cfg* config() = 0;
+  /// Gives the sink another configuration to keep.
   virtual void config(Log_Cfg* cfg) = 0;
-  // Is the sink somebody else's to delete?
+  /// Is the sink somebody else's to delete?
   virtual bool donot_delete() = 0;
 
  protected:
   ~Log_IO() = default;
 };
 
-// A file that grows at its end. When none is open, every operation does nothing and returns 0;
-// empty and backup return -1.
+/// A file that grows at its end. When none is open, every operation does nothing and returns 0;
+/// empty and backup return -1.
 class Log_IO_FILE : public Log_IO {
  public:
   Log_IO_FILE() : file_(nullptr), lock_(nullptr), cfg_(nullptr) {}
   Log_IO_FILE(const Log_IO_FILE&) = delete;
   Log_IO_FILE& operator=(const Log_IO_FILE&) = delete;
 
-  // `mode` 0: text, and a file that does not end with a newline is given one first, so that records
-  // begin on a line of their own; 1: binary; 2, 3: text and binary that are only written. Every
-  // mode appends and creates what is missing (permissions 0664); none empties the file. `rev` is
-  // ignored.
+  /// `mode` 0: text, and a file that does not end with a newline is given one first, so that
+  /// records begin on a line of their own; 1: binary; 2, 3: text and binary that are only written.
+  /// Every mode appends and creates what is missing (permissions 0664); none empties the file.
+  /// `rev` is ignored.
   int open(const char* fn, Log_Mutex* lock, int mode, int rev) override {
     (void)rev;
     close();
@@ -111,14 +120,14 @@ class Log_IO_FILE : public Log_IO {
     return 0;
   }
 
-  // The result of fputs.
+  /// The result of fputs.
   int write(const char* msg) override { return to_end() ? std::fputs(msg, file_) : 0; }
 
-  // The result of fputws. A file that has taken narrow text takes no wide text until it is opened
-  // again, and the other way round: that is how streams are.
+  /// The result of fputws. A file that has taken narrow text takes no wide text until it is opened
+  /// again, and the other way round: that is how streams are.
   int write(const wchar_t* msg) override { return to_end() ? std::fputws(msg, file_) : 0; }
 
-  // The number of bytes written.
+  /// The number of bytes written.
   int write(const void* data, std::size_t size) override {
     return to_end() ? static_cast<int>(std::fwrite(data, 1, size, file_)) : 0;
   }
@@ -146,9 +155,9 @@ class Log_IO_FILE : public Log_IO {
     return end;
   }
 
-  // Copies with the shell's cp; the names are not quoted, so they must be plain. Its own name, in
-  // any letter case, is left alone (0). Returns the truncation's result; -1 when names do not fit
-  // into a command of 511 bytes.
+  /// Copies with the shell's cp; the names are not quoted, so they must be plain. Its own name, in
+  /// any letter case, is left alone (0). Returns the truncation's result; -1 when names do not fit
+  /// into a command of 511 bytes.
   int backup(const char* bname) override {
     if (strcasecmp(bname, fn_.c_str()) == 0) {
       return 0;
@@ -172,14 +181,14 @@ class Log_IO_FILE : public Log_IO {
   void config(Log_Cfg* cfg) override { cfg_ = cfg; }
   bool donot_delete() override { return false; }
 
-  // Closes the file. Lock and configuration are not the sink's to delete.
+  /// Closes the file. Lock and configuration are not the sink's to delete.
   virtual ~Log_IO_FILE() { Log_IO_FILE::close(); }
 
  protected:
-  FILE* file_;
-  std::string fn_;
-  Log_Mutex* lock_;
-  Log_Cfg* cfg_;
+  FILE* file_;       ///< null while no file is open
+  std::string fn_;   ///< the name that the file was opened with
+  Log_Mutex* lock_;  ///< its user's, as is the configuration
+  Log_Cfg* cfg_;     ///< see Log_IO::config
 
  private:
   static const char* stream_mode(int mode) {
@@ -195,7 +204,7 @@ class Log_IO_FILE : public Log_IO {
     }
   }
 
-  // Descriptor 0 counts as a failure as well; a host without standard input gets it.
+  /// Descriptor 0 counts as a failure as well; a host without standard input gets it.
   static int refuse(int descriptor) {
     if (descriptor == 0) {
       ::close(descriptor);
@@ -204,7 +213,7 @@ class Log_IO_FILE : public Log_IO {
     return errno;
   }
 
-  // What cannot be sought in, a pipe say, is at its end.
+  /// What cannot be sought in, a pipe say, is at its end.
   bool to_end() {
     if (file_ != nullptr) {
       std::fseek(file_, 0, SEEK_END);
@@ -212,7 +221,7 @@ class Log_IO_FILE : public Log_IO {
     return file_ != nullptr;
   }
 
-  // What is still buffered goes to the file first, so that it does not land behind the truncation.
+  /// What is still buffered goes to the file first, so that it does not land behind the truncation.
   int truncate() {
     flush();
     return ftruncate(fileno(file_), 0);

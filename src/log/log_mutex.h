@@ -1,10 +1,11 @@
-// Locks for log sinks. Parts for hosts: the library itself creates none of them.
-//
-//   Log_Thread_Mutex lock;
-//   lock.open(nullptr);
-//   lock.acquire(0);
-//   ...
-//   lock.release();
+/// @file
+/// Locks for log sinks. Parts for hosts: the library itself creates none of them.
+///
+///     Log_Thread_Mutex lock;
+///     lock.open(nullptr);
+///     lock.acquire(0);
+///     ...
+///     lock.release();
 #ifndef RUVO_LOG_MUTEX_H
 #define RUVO_LOG_MUTEX_H
 
@@ -13,7 +14,7 @@
 #include <cerrno>
 #include <new>
 
-// An object of the system, in whatever form it has there.
+/// An object of the system, in whatever form it has there.
 typedef void* LOG_HANDLE;
 
 // The classes are what other modules were built with, where the slots of the virtual table are
@@ -21,24 +22,26 @@ typedef void* LOG_HANDLE;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
+/// A lock. It is not deleted through a Log_Mutex.
 class Log_Mutex {
  public:
-  // Makes the lock ready. Returns 0, or an error number.
+  /// Makes the lock ready. Returns 0, or an error number.
   virtual int open(const char* name) = 0;
-  // Gives up what open obtained. Returns 0. REQUIRES: nobody holds the lock.
+  /// Gives up what open obtained. Returns 0. REQUIRES: nobody holds the lock.
   virtual int close(bool call_delete) = 0;
-  // Takes the lock. Returns 0. REQUIRES: the lock is open.
+  /// Takes the lock. Returns 0. REQUIRES: the lock is open.
   virtual int acquire(int time_out) = 0;
-  // Lets it go. Returns 0. REQUIRES: this thread holds it.
+  /// Lets it go. Returns 0. REQUIRES: this thread holds it.
   virtual int release() = 0;
-  // The name that the lock was opened with, where the kind keeps it.
+  /// The name that the lock was opened with, where the kind keeps it.
   virtual const char* name() = 0;
 
  protected:
   ~Log_Mutex() = default;
 };
 
-// Between the threads of a process. Waits without limit: `time_out` is ignored, and so is the name.
+/// Between the threads of a process. Waits without limit: `time_out` is ignored, and so is the
+/// name.
 class Log_Thread_Mutex : public Log_Mutex {
  public:
   Log_Thread_Mutex() : mutex_(nullptr) {}
@@ -86,16 +89,16 @@ class Log_Thread_Mutex : public Log_Mutex {
   const char* name() override { return nullptr; }
 
  protected:
-  LOG_HANDLE mutex_;  // a pthread_mutex_t of its own, or null
+  LOG_HANDLE mutex_;  ///< a pthread_mutex_t of its own, or null
 
  private:
   pthread_mutex_t* mutex() { return static_cast<pthread_mutex_t*>(mutex_); }
 };
 
-// Despite its name exactly a Log_Thread_Mutex: it does not reach other processes.
+/// Despite its name exactly a Log_Thread_Mutex: it does not reach other processes.
 class Log_Unix_Process_Mutex : public Log_Thread_Mutex {};
 
-// Does nothing on this platform: every operation returns 0.
+/// Does nothing on this platform: every operation returns 0.
 class Log_Win32_Process_Mutex : public Log_Mutex {
  public:
   Log_Win32_Process_Mutex() : mutex_(nullptr), name_() {}
@@ -116,8 +119,8 @@ class Log_Win32_Process_Mutex : public Log_Mutex {
   const char* name() override { return name_; }
 
  protected:
-  LOG_HANDLE mutex_;
-  char name_[252];
+  LOG_HANDLE mutex_;  ///< null
+  char name_[252];    ///< empty
 };
 
 #pragma GCC diagnostic pop

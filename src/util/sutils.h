@@ -1,9 +1,10 @@
-// Small helpers for text and paths (namespace sp). Header only.
-//
-// A blank byte is a byte whose unsigned value is at most 0x20. Bytes of 0x80 and above are never
-// blank, so trimming cannot cut a multi-byte character.
-//
-// Threads: every function is free of shared state.
+/// @file
+/// Small helpers for text and paths (namespace sp). Header only.
+///
+/// A blank byte is a byte whose unsigned value is at most 0x20. Bytes of 0x80 and above are never
+/// blank, so trimming cannot cut a multi-byte character.
+///
+/// Threads: every function is free of shared state.
 #ifndef RUVO_SUTILS_H
 #define RUVO_SUTILS_H
 
@@ -17,11 +18,13 @@
 #include <string>
 #include <vector>
 
+/// Helpers for text and paths.
 namespace sp {
 
+/// The pieces of a text.
 typedef std::vector<std::string> str_arr;
 
-// A module handle, of no use on this platform.
+/// A module handle, of no use on this platform.
 typedef void* IU_HANDLE;
 
 namespace detail {
@@ -68,8 +71,8 @@ inline bool is_directory(const std::string& path) {
 
 }  // namespace detail
 
-// Removes from both ends the bytes below 0x20 and those equal to `trim_char`; with a space that is
-// every blank byte. `trim_gb` is accepted and ignored.
+/// Removes from both ends the bytes below 0x20 and those equal to `trim_char`; with a space that is
+/// every blank byte. `trim_gb` is accepted and ignored.
 inline void trim_str(std::string& str, char trim_char = ' ', bool trim_gb = false) {
   (void)trim_gb;
   std::size_t start = 0;
@@ -79,7 +82,7 @@ inline void trim_str(std::string& str, char trim_char = ' ', bool trim_gb = fals
   str.erase(0, start);
 }
 
-// The same in place on a zero-terminated buffer. A null pointer is left alone.
+/// The same in place on a zero-terminated buffer. A null pointer is left alone.
 inline void trim_str(char* pstr, char trim_char = ' ', bool trim_gb = false) {
   (void)trim_gb;
   if (pstr == nullptr) return;
@@ -90,22 +93,22 @@ inline void trim_str(char* pstr, char trim_char = ' ', bool trim_gb = false) {
   pstr[end - start] = '\0';
 }
 
-// Is this byte a quote character?
+/// Is this byte a quote character?
 inline bool is_quote(char c) { return c == '"' || c == '\''; }
 
-// Does a full-width character (GB 2312, row 3) start at `pstr`?
+/// Does a full-width character (GB 2312, row 3) start at `pstr`?
 inline bool is_quanjiao(const char* pstr) {
   return pstr != nullptr && static_cast<unsigned char>(pstr[0]) == 0xA3 &&
          static_cast<unsigned char>(pstr[1]) >= 0xA1;
 }
 
-// Cuts `str` at every byte that stands in `spliter`, trims each piece and appends it to
-// `subs_array`, which is not emptied first. Empty pieces are kept: n separators give n + 1 pieces.
-// An empty or null `str` appends nothing. A piece is cut at 2,097,151 bytes before it is trimmed;
-// what lies beyond is dropped.
-//
-// The option set that is supported is the default one; other settings are accepted and ignored.
-// Returns 0.
+/// Cuts `str` at every byte that stands in `spliter`, trims each piece and appends it to
+/// `subs_array`, which is not emptied first. Empty pieces are kept: n separators give n + 1 pieces.
+/// An empty or null `str` appends nothing. A piece is cut at 2,097,151 bytes before it is trimmed;
+/// what lies beyond is dropped.
+///
+/// The option set that is supported is the default one; other settings are accepted and ignored.
+/// Returns 0.
 inline int split_str(const char* str, str_arr& subs_array, const char* spliter, bool trim = true,
                      bool ignore_blank = false, bool supp_quote = false, bool trim_quote = true,
                      bool supp_quanjiao = false) {
@@ -126,9 +129,9 @@ inline int split_str(const char* str, str_arr& subs_array, const char* spliter, 
   }
 }
 
-// Copies at most `maxcnt` - 1 bytes of `src` to `dst` and always terminates; a null `src` gives an
-// empty text. Where both are the same buffer, it is only terminated at its last byte. Returns
-// `dst`.
+/// Copies at most `maxcnt` - 1 bytes of `src` to `dst` and always terminates; a null `src` gives an
+/// empty text. Where both are the same buffer, it is only terminated at its last byte. Returns
+/// `dst`.
 inline char* strsncpy(char* dst, const char* src, std::size_t maxcnt) {
   if (dst == nullptr || maxcnt == 0) return dst;
   if (dst == src) {
@@ -141,8 +144,8 @@ inline char* strsncpy(char* dst, const char* src, std::size_t maxcnt) {
   return dst;
 }
 
-// The directory of the running executable, with a trailing "/"; empty when the system does not
-// tell, which is said on standard error. The handle is not used.
+/// The directory of the running executable, with a trailing "/"; empty when the system does not
+/// tell, which is said on standard error. The handle is not used.
 inline std::string get_bin_path(IU_HANDLE hmod = nullptr) {
   (void)hmod;
   char buffer[detail::max_path_length] = {};
@@ -155,9 +158,9 @@ inline std::string get_bin_path(IU_HANDLE hmod = nullptr) {
       detail::normalise_separators(std::string(buffer, strnlen(buffer, sizeof(buffer)))));
 }
 
-// The parent directory of `path`, with a trailing "/": "/opt/app/" for the directory /opt/app/bin/,
-// and the parent of a file's directory for a file. Null or "." stands for the directory of the
-// running executable. A path without a directory, and "/", come back as they are.
+/// The parent directory of `path`, with a trailing "/": "/opt/app/" for the directory
+/// /opt/app/bin/, and the parent of a file's directory for a file. Null or "." stands for the
+/// directory of the running executable. A path without a directory, and "/", come back as they are.
 inline std::string parent_path(const char* path) {
   std::string directory;
   if (path == nullptr || std::strcmp(path, ".") == 0) {

@@ -1,0 +1,48 @@
+# The manual pages, the change log, and the API reference with Doxygen (target `reference`, where Doxygen is there).
+
+# The pages bear the version and the date of the newest entry in the change log.
+set(change_log ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
+file(STRINGS ${change_log} release LIMIT_COUNT 1 REGEX "^## \\[[0-9.]+\\] - [0-9-]+$")
+string(REGEX REPLACE ".* - ([0-9]+)-([0-9]+)-0?([0-9]+)$" "\\1;\\2;\\3" release "${release}")
+list(POP_FRONT release RUVO_YEAR month RUVO_DAY)
+set(months January February March April May June July August September October November December)
+math(EXPR month "${month} - 1")
+list(GET months ${month} RUVO_MONTH)
+
+# Leaves <file>.gz beside a file in the build folder: documents are installed as Debian has them.
+function(compress file)
+  execute_process(COMMAND gzip --best --no-name --keep --force ${file} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
+function(manual_page page section component)
+  set(text ${PROJECT_BINARY_DIR}/man/${page}.${section})
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/man/${page}.${section}.in ${text} @ONLY)
+  compress(${text})
+  install(FILES ${text}.gz DESTINATION ${RUVO_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+endfunction()
+
+manual_page(libruvo 3 devel)
+manual_page(ruvo.conf 5 tools)
+if(RUVO_BUILD_TOOLS)
+  manual_page(ruvo_cli 1 tools)
+endif()
+
+# Each package has the change log.
+configure_file(${change_log} ${PROJECT_BINARY_DIR}/changelog COPYONLY)
+compress(${PROJECT_BINARY_DIR}/changelog)
+foreach(package IN ITEMS libruvo1:runtime libruvo-dev:devel ruvo-tools:tools)
+  string(REPLACE ":" ";" package ${package})
+  list(POP_FRONT package name component)
+  install(FILES ${PROJECT_BINARY_DIR}/changelog.gz COMPONENT ${component}
+          DESTINATION ${RUVO_INSTALL_DOCDIR}/${name})
+endforeach()
+
+find_package(Doxygen QUIET)
+if(DOXYGEN_FOUND)
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
+  add_custom_target(
+    reference
+    COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile
+    COMMENT "API reference: ${PROJECT_BINARY_DIR}/reference/index.html"
+    VERBATIM)
+endif()

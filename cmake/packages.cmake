@@ -1,0 +1,63 @@
+# The Debian packages: libruvo1, libruvo-dev and ruvo-tools, one for each component of the install
+# rules. `cmake --workflow --preset package` leaves them in build/package.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+# Folders are everybody's to read, whatever the builder's umask.
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_COMPONENTS_ALL runtime devel)
+if(RUVO_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "libruvo developers <libruvo@localhost>")
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# A program that is linked with the library gets its dependency from these, by the way of
+# dpkg-shlibdeps; they concern libruvo1, which alone has libraries.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# Each description below begins with its own summary.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(about "libruvo gives multi-threaded server processes a flat function interface to
+Redis: string keys, hashes, lists, sets and any other command, on three pools
+of servers.")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libruvo1)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Redis for multi-threaded server processes
+${about}
+
+This package has the shared library and its stream logger.")
+
+set(CPACK_DEBIAN_DEVEL_PACKAGE_NAME libruvo-dev)
+set(CPACK_DEBIAN_DEVEL_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION})")
+# Raw commands hand over replies of hiredis, whose header a program then needs.
+set(CPACK_DEBIAN_DEVEL_PACKAGE_RECOMMENDS libhiredis-dev)
+set(CPACK_DEBIAN_DEVEL_DESCRIPTION "Redis for multi-threaded server processes (development files)
+${about}
+
+This package has the headers, the files for CMake and pkg-config, examples and
+the manual page libruvo(3).")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ruvo-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+# dpkg-shlibdeps finds the project's own libraries here, but not the package that they are in.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src
+                                                ${PROJECT_BINARY_DIR}/platform/stream_log)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libruvo1 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Redis through libruvo, from the command line
+${about}
+
+This package has ruvo_cli, which checks a configuration, runs operations,
+watches servers and measures them under load, its manual pages, and a sample
+configuration.")
+
+include(CPack)
