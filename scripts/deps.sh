@@ -5,14 +5,14 @@
 #
 #   build  compiler, build tools, hiredis and ACE
 #   run    Redis and the proxy that the demo starts
-#   test   GoogleTest and Google Benchmark
+#   test   Redis, the proxy, GoogleTest and Google Benchmark
 #   check  format and tidy checks
 set -euo pipefail
 
 declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev"
   [run]="redis-server nutcracker"
-  [test]="redis-server libgtest-dev libbenchmark-dev binutils"
+  [test]="redis-server nutcracker libgtest-dev libbenchmark-dev binutils"
   [check]="git clang clang-format clang-tidy"
 )
 groups=("$@")
