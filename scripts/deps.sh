@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Installs from Debian what this machine lacks; does nothing when all is there.
 #
-#   scripts/deps.sh [build] [run] [test] [check]     (no argument: all groups)
+#   scripts/deps.sh [build] [run] [test] [check] [plot]     (no argument: all groups)
 #
 #   build  compiler, build tools, hiredis and ACE
 #   run    Redis and the proxy that the demo starts
 #   test   Redis, the proxy, GoogleTest and Google Benchmark
 #   check  format and tidy checks
+#   plot   the pictures of docs/scaling.md
 set -euo pipefail
 
 declare -A packages=(
@@ -14,9 +15,10 @@ declare -A packages=(
   [run]="redis-server nutcracker"
   [test]="redis-server nutcracker libgtest-dev libbenchmark-dev binutils"
   [check]="git clang clang-format clang-tidy"
+  [plot]="gnuplot-nox"
 )
 groups=("$@")
-[ ${#groups[@]} -gt 0 ] || groups=(build run test check)
+[ ${#groups[@]} -gt 0 ] || groups=(build run test check plot)
 
 missing=()
 for group in "${groups[@]}"; do
