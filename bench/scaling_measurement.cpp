@@ -23,7 +23,7 @@ using Clock = std::chrono::steady_clock;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
 constexpr std::chrono::milliseconds way(5);
-constexpr std::chrono::seconds duration(2);
+constexpr std::chrono::seconds duration(1);
 constexpr std::array<std::size_t, 3> thread_counts{1, 4, 16};
 constexpr std::array<std::size_t, 4> connection_counts{1, 4, 8, 32};
 

@@ -6,9 +6,10 @@
 //   scaling_simulation --threads 16 --servers 1    one point; --help lists its parameters
 //
 // The threads of a host take the next server and that server's next connection in turn, and wait
-// for the connection's lock, first come, first served. The request travels half the round trip,
-// waits for the server's single thread, is served, and its reply travels back; then the lock is
-// free and the thread, after some work of its own, calls again. Nothing fails.
+// for the connection's lock. The request travels half the round trip, waits for the server's single
+// thread, is served, and its reply travels back; then the lock is free and the thread, after some
+// work of its own, calls again. A freed lock wakes the thread that has waited longest, and whoever
+// comes before that one is awake gets it first, as with the mutexes of the system. Nothing fails.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -25,8 +26,8 @@
 namespace {
 
 constexpr std::uint64_t seed = 1;
-constexpr std::size_t requests_measured = 100000;
-constexpr std::size_t requests_before = 20000;  // until the queues have found their lengths
+constexpr std::size_t requests_measured = 200000;
+constexpr std::size_t requests_before = 50000;  // until the queues have found their lengths
 
 // What the pictures go through.
 constexpr std::array<std::size_t, 3> thread_counts{4, 16, 64};
@@ -41,8 +42,9 @@ struct Point {
   std::size_t connections = 16;  // of each host, to each server
   std::size_t servers = 2;
   double round_trip = 200;  // microseconds; so are the next two
-  double service = 10;      // the mean; the times are distributed exponentially
-  double host_work = 10;    // between a reply and the next call
+  double service = 10;    // the mean; the times are distributed exponentially, and so are wake_up's
+  double host_work = 10;  // between a reply and the next call
+  double wake_up = 50;    // from a freed lock to the thread that waited for it
 };
 
 struct Result {
@@ -76,7 +78,7 @@ class Simulation {
   }
 
  private:
-  enum class Step { call, arrive, served, reply };
+  enum class Step { call, woken, arrive, served, reply };
   struct Event {
     double time;
     std::uint64_t number;  // orders what happens at the same time
@@ -91,7 +93,11 @@ class Simulation {
     std::size_t connection = 0;
     std::size_t server = 0;
   };
-  using Line = std::deque<std::size_t>;  // of threads; the first has the connection or the server
+  using Line = std::deque<std::size_t>;  // of threads
+  struct Connection {
+    bool locked = false;
+    Line waiting;
+  };
 
   void schedule(double delay, Step step, std::size_t thread) {
     events_.push({now_ + delay, event_count_++, step, thread});
@@ -105,33 +111,33 @@ class Simulation {
 
   void take(const Event& event) {
     Thread& thread = threads_[event.thread];
-    const double half_way = point_.round_trip / 2;
     switch (event.step) {
       case Step::call:
         choose(event.thread);
-        if (join(connections_[thread.connection], event.thread)) {
-          schedule(half_way, Step::arrive, event.thread);
-        }
+        lock(event.thread);
+        break;
+      case Step::woken:
+        lock(event.thread);
         break;
       case Step::arrive:
-        if (join(servers_[thread.server], event.thread)) {
+        servers_[thread.server].push_back(event.thread);
+        if (servers_[thread.server].size() == 1) {
           schedule(random_time(point_.service), Step::served, event.thread);
         }
         break;
       case Step::served:
-        schedule(half_way, Step::reply, event.thread);
-        if (const std::size_t* next = leave(servers_[thread.server])) {
-          schedule(random_time(point_.service), Step::served, *next);
+        servers_[thread.server].pop_front();
+        if (!servers_[thread.server].empty()) {
+          schedule(random_time(point_.service), Step::served, servers_[thread.server].front());
         }
+        schedule(point_.round_trip / 2, Step::reply, event.thread);
         break;
       case Step::reply:
         latencies_.push_back(now_ - thread.called);
         if (latencies_.size() == requests_before) {
           measured_from_ = now_;
         }
-        if (const std::size_t* next = leave(connections_[thread.connection])) {
-          schedule(half_way, Step::arrive, *next);
-        }
+        unlock(connections_[thread.connection]);
         schedule(point_.host_work, Step::call, event.thread);
         break;
     }
@@ -146,16 +152,22 @@ class Simulation {
     thread.connection = door * point_.connections + connection_turns_[door]++ % point_.connections;
   }
 
-  // True when nobody stands before the thread.
-  static bool join(Line& line, std::size_t thread) {
-    line.push_back(thread);
-    return line.size() == 1;
+  void lock(std::size_t thread) {
+    Connection& connection = connections_[threads_[thread].connection];
+    if (connection.locked) {
+      connection.waiting.push_back(thread);
+      return;
+    }
+    connection.locked = true;
+    schedule(point_.round_trip / 2, Step::arrive, thread);
   }
 
-  // Who comes next, or null.
-  static const std::size_t* leave(Line& line) {
-    line.pop_front();
-    return line.empty() ? nullptr : &line.front();
+  void unlock(Connection& connection) {
+    connection.locked = false;
+    if (!connection.waiting.empty()) {
+      schedule(random_time(point_.wake_up), Step::woken, connection.waiting.front());
+      connection.waiting.pop_front();
+    }
   }
 
   Result evaluate() {
@@ -179,8 +191,8 @@ class Simulation {
   std::vector<Thread> threads_;
   std::vector<std::size_t> server_turns_;      // by host
   std::vector<std::size_t> connection_turns_;  // by host and server
-  std::vector<Line> connections_;              // by host, server and number
-  std::vector<Line> servers_;
+  std::vector<Connection> connections_;        // by host, server and number
+  std::vector<Line> servers_;                  // the first of a line is being served
   std::vector<double> latencies_;
 };
 
@@ -226,6 +238,8 @@ int run(int argc, char** argv) {
   add("--round-trip", point.round_trip, "Network time of a request and its reply", microseconds);
   add("--service", point.service, "Mean time in the server", microseconds);
   add("--host-work", point.host_work, "Time between a reply and the next call", microseconds);
+  add("--wake-up", point.wake_up, "Mean time that a thread takes to wake up for a lock",
+      microseconds);
   CLI11_PARSE(app, argc, argv);
 
   std::printf(
