@@ -80,7 +80,7 @@ start_proxy() {  # name
 $1:
   listen: 127.0.0.1:${port_of[$1]}
   redis: true
-  hash: fnv1a_64
+  hash: murmur
   distribution: ketama
   timeout: 1500
   servers:

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int key_count = 60;  // the chance that one shard gets none is below 1 in 10^17
+constexpr int key_count = 60;
 constexpr int raw_tries = 10;
 
 // What a call gave, as one text: the result code, then each value.

@@ -89,7 +89,7 @@ Proxy::Proxy(const std::vector<std::string>& shards) {
 bool Proxy::start(const std::vector<std::string>& shards) {
   port_ = DownServer().port();
   std::string pool = "pool:\n  listen: " + addr() +
-                     "\n  redis: true\n  hash: fnv1a_64\n  distribution: ketama\n  timeout: 1000\n  servers:\n";
+                     "\n  redis: true\n  hash: murmur\n  distribution: ketama\n  timeout: 1000\n  servers:\n";
   for (const std::string& shard : shards) { pool += "    - " + shard + ":1\n"; }
   process_.start("nutcracker --conf-file=" + dir_.write("proxy.yml", pool) +
                  " --stats-addr=127.0.0.1 --stats-port=" + std::to_string(DownServer().port()) + " 2>&1");
