@@ -2,12 +2,30 @@
 # Shows the library at work: builds it, starts throwaway servers on loopback, runs a host with eight
 # threads on them, kills one of a pool's two servers under its feet and brings it back.
 #
-# Each pool is one Redis behind two proxies: the servers of a pool are doors to the same data, so the
-# host sees the proxies, and it is a proxy that dies.
+#   scripts/demo.sh [--shards N]     DEMO_SECONDS=N in the environment: how long the host runs (12)
+#
+# The servers of a pool are doors to the same data: two proxies before N Redis servers, the shards,
+# that share the keys out between them. The host sees the proxies, and it is a proxy that dies first:
+# no operation fails. With two shards or more, a shard dies next. Nothing stands in for it, so the
+# operations on its keys fail until it is back; it has kept its data.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+wrong_usage() { echo "demo.sh: $1" >&2; exit 64; }
+
+shards=1
+while [ $# -gt 0 ]; do
+  [ "$1" = --shards ] || wrong_usage "unknown argument '$1'; usage: scripts/demo.sh [--shards N]"
+  [[ ${2:-} =~ ^[1-9]$ ]] || wrong_usage "--shards takes a number from 1 to 9, not '${2:-}'"
+  shards=$2
+  shift 2
+done
+# Each victim is killed after a pause and comes back after another; then the host has three seconds.
+pauses=$((shards > 1 ? 4 : 2))
 seconds=${DEMO_SECONDS:-12}
+[[ $seconds =~ ^[1-9][0-9]{0,3}$ && $seconds -ge $((pauses + 3)) ]] ||
+  wrong_usage "DEMO_SECONDS must be a number from $((pauses + 3)) to 9999, not '$seconds'"
+pause=$(((seconds - 3) / pauses))
 connections=16
 
 scripts/deps.sh build run
@@ -46,42 +64,59 @@ answers() {
   return 1
 }
 
-start_redis() {  # name port
-  redis-server --port "$2" --bind 127.0.0.1 --save '' --appendonly no --dir "$work" \
-    >"$work/$1.log" 2>&1 &
+# A shard writes each change to a file before it answers, and reads the file when it starts.
+start_shard() {  # name
+  mkdir -p "$work/$1"
+  redis-server --port "${port_of[$1]}" --bind 127.0.0.1 --save '' --appendonly yes --dir "$work/$1" \
+    >>"$work/$1.log" 2>&1 &
   pid_of[$1]=$!
-  answers "$2"
+  answers "${port_of[$1]}"
 }
 
-start_proxy() {  # name port redis-port statistics-port
-  cat >"$work/$1.yml" <<YML
+# The proxies of a pool list the same shards in the same order, and so agree where each key is.
+start_proxy() {  # name
+  {
+    cat <<YML
 $1:
-  listen: 127.0.0.1:$2
+  listen: 127.0.0.1:${port_of[$1]}
   redis: true
-  hash: fnv1a_64
+  hash: murmur
   distribution: ketama
-  timeout: 2000
+  timeout: 1500
   servers:
-    - 127.0.0.1:$3:1
 YML
-  nutcracker -c "$work/$1.yml" -a 127.0.0.1 -s "$4" -p "$work/$1.pid" -o "$work/$1.log" \
-    >/dev/null 2>&1 &
+    for number in $(seq "$shards"); do
+      echo "    - 127.0.0.1:${port_of[${1%-proxy-*}-shard-$number]}:1"
+    done
+  } >"$work/$1.yml"
+  nutcracker -c "$work/$1.yml" -a 127.0.0.1 -s "${port_of[$1-statistics]}" -p "$work/$1.pid" \
+    -o "$work/$1.log" >/dev/null 2>&1 &
   pid_of[$1]=$!
-  answers "$2"
+  answers "${port_of[$1]}"
 }
 
+kill_hard() {  # name
+  echo "--- SIGKILL to $1"
+  kill -KILL "${pid_of[$1]}"
+  { wait "${pid_of[$1]}" || true; } 2>/dev/null  # bash would tell of the kill
+}
+
+declare -A port_of
 pools=(temp persist personality)
-mapfile -t ports < <(free_ports $((5 * ${#pools[@]})))
-declare -A addrs
+names=()
 for pool in "${pools[@]}"; do
-  redis=${ports[0]} first=${ports[1]} second=${ports[2]}
-  start_redis "$pool-redis" "$redis"
-  start_proxy "$pool-proxy-1" "$first" "$redis" "${ports[3]}"
-  start_proxy "$pool-proxy-2" "$second" "$redis" "${ports[4]}"
-  [ "$pool" = temp ] && victim=("$pool-proxy-1" "$first" "$redis" "${ports[3]}")
-  addrs[$pool]=127.0.0.1:$first,127.0.0.1:$second
-  ports=("${ports[@]:5}")
+  for number in $(seq "$shards"); do names+=("$pool-shard-$number"); done
+  for number in 1 2; do names+=("$pool-proxy-$number" "$pool-proxy-$number-statistics"); done
 done
+mapfile -t ports < <(free_ports ${#names[@]})
+for i in "${!names[@]}"; do port_of[${names[i]}]=${ports[i]}; done
+for name in "${names[@]}"; do
+  case $name in
+    *-shard-?) start_shard "$name" ;;
+    *-proxy-?) start_proxy "$name" ;;
+  esac
+done
+doors_of() { echo "127.0.0.1:${port_of[$1-proxy-1]},127.0.0.1:${port_of[$1-proxy-2]}"; }
 
 cat >"$work/sruvo.conf" <<CONF
 [redis_cfg]
@@ -91,9 +126,9 @@ cat >"$work/redis.conf" <<CONF
 [common]
 connect_timeout = 200
 socket_timeout = 2000
-temp_server = ${addrs[temp]}
-persist_server = ${addrs[persist]}
-personality_server = ${addrs[personality]}
+temp_server = $(doors_of temp)
+persist_server = $(doors_of persist)
+personality_server = $(doors_of personality)
 
 [server]
 p_connect_num = $connections
@@ -103,28 +138,38 @@ t_server_retry_timeout = 2
 ps_server_retry_timeout = 2
 CONF
 
+outage=()
+[ "$shards" -eq 1 ] || outage=(--outage-expected)
 echo
-echo "--- session_host: 8 threads, $seconds seconds; each pool is one Redis behind two proxies"
+echo "--- session_host: 8 threads, $seconds seconds; each pool: $shards Redis behind two proxies"
 build/demo/examples/session_host --config "$work/sruvo.conf" --log "$work/session_host.log" \
-  --seconds "$seconds" --threads 8 &
-host=$!
+  --seconds "$seconds" --threads 8 "${outage[@]}" &
+pid_of[session_host]=$!
 
-sleep $((seconds / 3))
-echo "--- SIGKILL to ${victim[0]}, one of the temporary pool's two servers"
-kill -KILL "${pid_of[${victim[0]}]}"
-{ wait "${pid_of[${victim[0]}]}" || true; } 2>/dev/null  # bash would tell of the kill
-sleep $((seconds / 3))
-echo "--- ${victim[0]} starts again"
-start_proxy "${victim[@]}"
+sleep "$pause"
+kill_hard temp-proxy-1
+sleep "$pause"
+echo "--- temp-proxy-1 starts again"
+start_proxy temp-proxy-1
+if [ "$shards" -gt 1 ]; then
+  sleep "$pause"
+  redis-cli -p "${port_of[temp-shard-1]}" set before-the-kill kept >/dev/null
+  kill_hard temp-shard-1
+  sleep "$pause"
+  echo "--- temp-shard-1 starts again, with its data"
+  start_shard temp-shard-1
+  [ "$(redis-cli -p "${port_of[temp-shard-1]}" get before-the-kill)" = kept ]
+fi
 
 result=0
-wait "$host" || result=$?
+wait "${pid_of[session_host]}" || result=$?
+unset "pid_of[session_host]"
 echo
 echo "--- what the log told, by kind"
 sed -E 's/^[^ ]+ [^ ]+ [0-9]+ ([A-Z]+) [^ ]+ /\1 /; s/(key|session|visits|profile):[^ ,]+/\1:.../g;
         s/[0-9]+ seconds/N seconds/; s/failure count:[0-9]+/failure count:N/' \
   "$work/session_host.log" | sort | uniq -c | sort -rn | head -n 12
 if [ "$result" -ne 0 ]; then
-  echo "the host reported failed operations" >&2
+  echo "demo.sh: the host reported failed operations or wrong values" >&2
 fi
 exit "$result"

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -71,6 +72,39 @@ DownServer::DownServer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), 
 
 DownServer::~DownServer() { close(fd_); }
 
+void ServerProcess::start(const std::string& command) {
+  kill();
+  // The shell becomes the program, so that its number is the program's.
+  output_ = popen(("cd /tmp && echo $$ && exec setpriv --pdeathsig KILL " + command).c_str(), "re");
+  std::array<char, 32> line{};
+  if (output_ == nullptr || fgets(line.data(), line.size(), output_) == nullptr) {
+    throw std::runtime_error("cannot start " + command);
+  }
+  pid_ = static_cast<pid_t>(std::strtol(line.data(), nullptr, 10));
+}
+
+void ServerProcess::kill() {
+  if (pid_ > 0) {
+    ::kill(std::exchange(pid_, -1), SIGKILL);
+    pclose(output_);
+  }
+}
+
+bool ServerProcess::says(const char* text) {
+  std::array<char, 512> line{};
+  while (fgets(line.data(), line.size(), output_) != nullptr) {
+    if (std::strstr(line.data(), text) != nullptr) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool ServerProcess::ended_within(int milliseconds) {
+  pollfd output{fileno(output_), 0, 0};  // the end of its output is told without being asked for
+  return poll(&output, 1, milliseconds) > 0;
+}
+
 RedisServer::RedisServer(std::string options) : options_(std::move(options)) {
   for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the port first
     port_ = DownServer().port();
@@ -82,34 +116,12 @@ RedisServer::RedisServer(std::string options) : options_(std::move(options)) {
 }
 
 bool RedisServer::start() {
-  // The shell becomes the server, so that its number is the server's; a test that crashes takes the
-  // server along.
-  output_ = popen(("cd /tmp && echo $$ && exec setpriv --pdeathsig KILL redis-server --port " +
-                   std::to_string(port_) + " --bind 127.0.0.1 --save '' " + options_)
-                      .c_str(),
-                  "re");
-  std::array<char, 512> line{};
-  if (output_ != nullptr && fgets(line.data(), line.size(), output_) != nullptr) {
-    pid_ = static_cast<pid_t>(std::strtol(line.data(), nullptr, 10));
-    while (fgets(line.data(), line.size(), output_) != nullptr) {
-      if (std::strstr(line.data(), "Ready to accept") != nullptr) {
-        return true;
-      }
-    }
-  }
-  kill();
-  return false;
-}
-
-void RedisServer::kill() {
-  if (pid_ > 0) {
-    ::kill(std::exchange(pid_, -1), SIGKILL);
-    pclose(output_);
-  }
+  process_.start("redis-server --port " + std::to_string(port_) + " --bind 127.0.0.1 --save '' " +
+                 options_);
+  return process_.says("Ready to accept");
 }
 
 void RedisServer::restart() {
-  kill();
   if (!start()) {
     throw std::runtime_error("redis-server does not start again");
   }

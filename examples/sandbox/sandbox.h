@@ -71,14 +71,28 @@ class DownServer : NoCopy {
   int port_;
 };
 
+// A program that runs beside this one: its output is read here, and it ends with the object, or
+// with this process should that crash.
+class ServerProcess : NoCopy {
+ public:
+  ~ServerProcess() { kill(); }
+  void start(const std::string& command);
+  void kill();                          // with SIGKILL, as a crash would end it
+  bool says(const char* text);          // waits for a line with this text; false when it has ended
+  bool ended_within(int milliseconds);  // waits for its end
+
+ private:
+  pid_t pid_ = -1;
+  FILE* output_ = nullptr;
+};
+
 // A redis-server that keeps nothing on disk.
 class RedisServer : NoCopy {
  public:
   explicit RedisServer(std::string options = "");
-  ~RedisServer() { kill(); }
   int port() const { return port_; }
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
-  void kill();     // with SIGKILL, as a crash would end it
+  void kill() { process_.kill(); }
   void restart();  // on the same port
   // What redis-cli prints for a command, without the newline.
   std::string ask(const std::string& command) const;
@@ -88,8 +102,7 @@ class RedisServer : NoCopy {
 
   std::string options_;
   int port_ = 0;
-  pid_t pid_ = -1;
-  FILE* output_ = nullptr;
+  ServerProcess process_;
 };
 
 #endif

@@ -1,5 +1,6 @@
 #include "servers.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -61,4 +62,39 @@ void ScriptedServer::accept_all() {
       open_.erase(fd);
     });
   }
+}
+
+namespace {
+
+bool accepts_connections(int port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<std::uint16_t>(port));
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool accepted = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+  close(fd);
+  return accepted;
+}
+
+}  // namespace
+
+Proxy::Proxy(const std::vector<std::string>& shards) {
+  for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the ports first
+    if (start(shards)) { return; }
+  }
+  throw std::runtime_error("nutcracker does not start");
+}
+
+bool Proxy::start(const std::vector<std::string>& shards) {
+  port_ = DownServer().port();
+  std::string pool = "pool:\n  listen: " + addr() +
+                     "\n  redis: true\n  hash: murmur\n  distribution: ketama\n  timeout: 1000\n  servers:\n";
+  for (const std::string& shard : shards) { pool += "    - " + shard + ":1\n"; }
+  process_.start("nutcracker --conf-file=" + dir_.write("proxy.yml", pool) +
+                 " --stats-addr=127.0.0.1 --stats-port=" + std::to_string(DownServer().port()) + " 2>&1");
+  while (!process_.ended_within(10)) {  // it says nothing when it is ready
+    if (accepts_connections(port_)) { return true; }
+  }
+  return false;
 }

@@ -1,5 +1,5 @@
 // Servers of the test's own, all on loopback ports that the kernel handed out: a real Redis, one
-// that follows a script, and one that is down.
+// that follows a script, one that is down, and a proxy.
 #ifndef RUVO_TESTS_SERVERS_H
 #define RUVO_TESTS_SERVERS_H
 
@@ -53,6 +53,22 @@ class ScriptedServer : public DownServer {
   std::set<int> open_;  // guarded by mutex_
   std::vector<std::jthread> threads_;
   std::jthread acceptor_;
+};
+
+// A nutcracker that shares the keys out between Redis servers. Proxies of the same list agree where
+// each key is.
+class Proxy : NoCopy {
+ public:
+  explicit Proxy(const std::vector<std::string>& shards);
+  std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
+  void kill() { process_.kill(); }
+
+ private:
+  bool start(const std::vector<std::string>& shards);
+
+  TempDir dir_;
+  int port_ = 0;
+  ServerProcess process_;
 };
 
 #endif

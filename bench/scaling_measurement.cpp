@@ -1,0 +1,116 @@
+// The library itself in the setting of scaling_simulation.cpp, to hold the model against: threads
+// that read one key, for several numbers of threads and connections, as CSV. Two kinds of server: a
+// Redis on loopback, and one that answers each request after a pause, as one behind a long way
+// would.
+#include <ruvo/ruvo.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <latch>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "host.h"
+#include "servers.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Microseconds = std::chrono::duration<double, std::micro>;
+
+constexpr std::chrono::milliseconds way(5);
+constexpr std::chrono::seconds duration(1);
+constexpr std::array<std::size_t, 3> thread_counts{1, 4, 16};
+constexpr std::array<std::size_t, 4> connection_counts{1, 4, 8, 32};
+
+// Reads until the time is over; gives the latencies in microseconds.
+void read_key(std::vector<double>& latencies, std::latch& all_ready) {
+  all_ready.arrive_and_wait();
+  const auto end = Clock::now() + duration;
+  for (auto called = Clock::now(); called < end; called = Clock::now()) {
+    const char* data = nullptr;
+    unsigned long len = 0;
+    if (RUVO_QueryKey("key", &data, &len, eTempServer, nullptr) != RUVO_OK) {
+      latencies.clear();  // told by the caller: a thread has no other way to say it
+      return;
+    }
+    RUVO_FreeResult(data);
+    latencies.push_back(Microseconds(Clock::now() - called).count());
+  }
+}
+
+void measure(const char* series, const std::string& addr, std::size_t threads,
+             std::size_t connections) {
+  const HostConfig config(all_pools_at(addr), "p_connect_num = " + std::to_string(connections));
+  {
+    const QuietConsole quiet;
+    if (RUVO_Init(config.path()) != RUVO_OK) {
+      throw std::runtime_error("RUVO_Init failed");
+    }
+  }
+  std::vector<std::vector<double>> of_threads(threads);
+  {
+    std::latch all_ready(static_cast<std::ptrdiff_t>(threads));
+    std::vector<std::jthread> running;
+    running.reserve(threads);
+    for (auto& latencies : of_threads) {
+      running.emplace_back([&latencies, &all_ready] { read_key(latencies, all_ready); });
+    }
+    running.clear();  // joins
+  }
+  RUVO_Fini();
+
+  std::vector<double> all;
+  for (const auto& latencies : of_threads) {
+    if (latencies.empty()) {
+      throw std::runtime_error("a read failed");
+    }
+    all.insert(all.end(), latencies.begin(), latencies.end());
+  }
+  std::sort(all.begin(), all.end());
+  double sum = 0;
+  for (const double latency : all) {
+    sum += latency;
+  }
+  const auto count = static_cast<double>(all.size());
+  std::printf("%s,1,%zu,%zu,1,%.0f,%.1f,%.1f,%.1f\n", series, threads, connections,
+              count / std::chrono::duration<double>(duration).count(), sum / count,
+              all[all.size() / 2], all[all.size() * 99 / 100]);
+  std::fflush(stdout);
+}
+
+void run() {
+  BaseLib::Logger::setLogLevel(BaseLib::Logger::FATAL);
+  const RedisServer redis;
+  redis.ask("set key value");
+  const ScriptedServer far_away([](Peer& peer) {
+    while (!peer.read_command().empty()) {
+      std::this_thread::sleep_for(way);
+      peer.send("$5\r\nvalue\r\n");
+    }
+  });
+  std::printf(
+      "series,hosts,threads,connections,servers,requests_per_second,mean_us,p50_us,p99_us\n");
+  for (const std::size_t threads : thread_counts) {
+    for (const std::size_t connections : connection_counts) {
+      measure("loopback", redis.addr(), threads, connections);
+      measure("far away", far_away.addr(), threads, connections);
+    }
+  }
+}
+
+}  // namespace
+
+int main() {
+  try {
+    run();
+    return 0;
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "scaling_measurement: %s\n", failure.what());
+    return 2;
+  }
+}
