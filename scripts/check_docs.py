@@ -154,7 +154,7 @@ class Sandbox:
             "LD_LIBRARY_PATH": f"{prefix}/lib",
             "PKG_CONFIG_PATH": f"{prefix}/lib/pkgconfig",
             "CMAKE_PREFIX_PATH": str(prefix),
-            "DEMO_SECONDS": "6",
+            "DEMO_SECONDS": "7",
             "BENCHMARK_FILTER": "SISMEMBER",  # all of them take minutes
             # Where ccache is installed, what one block has built is not built again by the next.
             "CCACHE_BASEDIR": str(folder),

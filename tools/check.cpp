@@ -1,5 +1,6 @@
 // The command `check`: a start-up, told as a table.
 #include <algorithm>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -21,7 +22,7 @@ std::string join(const std::vector<std::string>& parts, const char* between) {
 }
 
 bool is_up(const PoolReport& pool) {
-  return pool.result == RUVO_OK &&
+  return pool.result == RUVO_OK && pool.answers &&
          std::any_of(pool.servers.begin(), pool.servers.end(),
                      [](const ServerReport& server) { return server.up > 0; });
 }
@@ -38,6 +39,9 @@ std::string state_of(const PoolReport& pool) {
   if (*pool.result != RUVO_OK) {
     return std::string(ruvo_result_text(*pool.result)) + " (" + std::to_string(*pool.result) + ")";
   }
+  if (!pool.answers) {
+    return "no answer to commands";
+  }
   return is_whole(pool) ? "up" : is_up(pool) ? "up in part" : "no connection";
 }
 
@@ -50,9 +54,11 @@ std::string limit_text(int milliseconds) {
 }
 
 std::string ejection_text(const PoolReport& pool) {
-  return pool.auto_eject ? "after " + std::to_string(pool.failure_limit) + " failures, for " +
-                               std::to_string(pool.retry_seconds) + " s"
-                         : "never";
+  if (!pool.auto_eject || pool.failure_limit > std::numeric_limits<int>::max()) {
+    return "never";
+  }
+  return format("after %lu failures, for %d s", pool.failure_limit,
+                std::max(pool.retry_seconds, 0));
 }
 
 std::string down_text(const ServerReport& server) {
@@ -128,6 +134,7 @@ json report_json(const Options& options, const StartupReport& report, int result
     }
     pools.push_back({{"pool", pool.name},
                      {"state", state_of(pool)},
+                     {"answers", pool.answers},
                      {"addresses", source_of(pool)},
                      {"connections", pool.connections},
                      {"auto_eject", pool.auto_eject},
@@ -160,7 +167,10 @@ ExitStatus status_of(const StartupReport& report, int result) {
 }  // namespace
 
 ExitStatus check(const Options& options) {
-  const auto [library, report] = start_with_report(options.config);
+  auto [library, report] = start_with_report(options.config);
+  if (library->is_ready()) {
+    ask_pools(report);
+  }
   if (options.json) {
     print_json(report_json(options, report, library->result()));
   } else {

@@ -2,7 +2,6 @@
 #ifndef RUVO_TOOLS_COMMANDS_H
 #define RUVO_TOOLS_COMMANDS_H
 
-#include <map>
 #include <string>
 
 #include "library.h"

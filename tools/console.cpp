@@ -1,9 +1,10 @@
 #include "console.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -17,14 +18,7 @@
 namespace {
 
 std::FILE* output = stdout;
-
-sigset_t end_signals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  return signals;
-}
+volatile std::sig_atomic_t end_wanted = 0;
 
 [[noreturn]] void fail(const char* what) {
   throw Failure(unwritable_output,
@@ -32,6 +26,16 @@ sigset_t end_signals() {
 }
 
 }  // namespace
+
+void hold_standard_streams() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) == -1) {
+      // Gets the lowest number, this one, and is of no use: to read from or write to it is an
+      // error.
+      open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // NOLINT: stays open
+    }
+  }
+}
 
 void take_output() {
   const int kept = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -45,12 +49,17 @@ void take_output() {
 }
 
 std::string format(const char* pattern, ...) {
-  std::array<char, 512> text{};
   va_list args;
   va_start(args, pattern);
-  std::vsnprintf(text.data(), text.size(), pattern, args);
+  va_list again;
+  va_copy(again, args);
+  const int length = std::vsnprintf(nullptr, 0, pattern, args);
+  std::string text(static_cast<std::size_t>(std::max(length, 0)) + 1, '\0');
+  std::vsnprintf(text.data(), text.size(), pattern, again);
+  va_end(again);
   va_end(args);
-  return text.data();
+  text.pop_back();
+  return text;
 }
 
 void print(const std::string& text) {
@@ -59,17 +68,39 @@ void print(const std::string& text) {
   }
 }
 
-void print_json(const nlohmann::json& json) { print(json.dump() + "\n"); }
+void print_json(const nlohmann::json& json) {
+  // Values have been made printable; what is left to replace stands in addresses and paths.
+  print(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+}
 
-bool is_terminal() { return isatty(fileno(output)) == 1; }
+bool is_terminal(std::size_t lines) {
+  winsize size{};
+  return isatty(fileno(output)) == 1 && ioctl(fileno(output), TIOCGWINSZ, &size) == 0 &&
+         lines < size.ws_row;
+}
+
+void catch_end_signals() {
+  struct sigaction action {};
+  action.sa_handler = [](int) { end_wanted = 1; };
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
 
 void block_end_signals() {
-  const sigset_t signals = end_signals();
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+bool is_end_wanted() { return end_wanted != 0; }
+
 bool wait_for_end(int milliseconds) {
-  const sigset_t signals = end_signals();
   const timespec limit{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
-  return sigtimedwait(&signals, nullptr, &limit) != -1;
+  if (!is_end_wanted()) {
+    nanosleep(&limit, nullptr);  // a signal ends it
+  }
+  return is_end_wanted();
 }

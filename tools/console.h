@@ -5,7 +5,11 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-// From now on standard output is the tool's. Call it before the library is started.
+// Fills the places of standard streams that are closed, so that no connection gets one of their
+// numbers and with it what is meant for them. To be called before anything is opened.
+void hold_standard_streams();
+
+// From now on standard output is the tool's.
 void take_output();
 
 // As printf would print it.
@@ -15,12 +19,14 @@ std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)
 void print(const std::string& text);
 void print_json(const nlohmann::json& json);  // on a line of its own
 
-// Does a person look at the output?
-bool is_terminal();
+// Is the output a terminal with more than so many lines?
+bool is_terminal(std::size_t lines);
 
-// Waits for the next second, or less when somebody wants the tool to end (SIGINT or SIGTERM): true.
-// block_end_signals() must have been called before any thread was started.
+// SIGINT and SIGTERM ask the tool to end, and it does so in its own time; a second one ends it at
+// once. Threads that are to be left alone by them block them.
+void catch_end_signals();
 void block_end_signals();
-bool wait_for_end(int milliseconds);
+bool is_end_wanted();
+bool wait_for_end(int milliseconds);  // until then, or for so long; is it wanted?
 
 #endif

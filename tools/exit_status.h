@@ -17,6 +17,7 @@ enum ExitStatus {
   // As sysexits.h has them.
   wrong_usage = 64,
   unreadable_input = 66,
+  internal_error = 70,
   unwritable_output = 74
 };
 

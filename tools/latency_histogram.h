@@ -54,7 +54,8 @@ class LatencyHistogram {
   // Records from `from` to below `to`, both powers of two.
   std::uint64_t count_between(std::uint64_t from, std::uint64_t to) const {
     std::uint64_t count = 0;
-    for (std::size_t i = index_of(from); i < index_of(to); ++i) {
+    const std::size_t end = to >> most_bits != 0 ? counts_.size() : index_of(to);
+    for (std::size_t i = index_of(from); i < end; ++i) {
       count += counts_[i];
     }
     return count;

@@ -21,6 +21,7 @@ constexpr std::size_t most_kept_lines = 20;
 std::mutex mutex;
 LogOptions options;
 Log_IO_FILE sink;
+bool is_log_written = true;
 std::deque<std::string> kept_lines;
 LogLevel listener_level = BaseLib::Logger::FATAL;
 LogListener listener;
@@ -36,14 +37,6 @@ std::string text_of(std::string_view line) {
   return std::string(line.substr(0, line.find_last_not_of('\n') + 1));
 }
 
-// The library writes a few lines at the level of errors that tell of nothing wrong.
-bool is_error(std::string_view line) {
-  const auto tells = [line](std::string_view part) {
-    return line.find(part) != std::string_view::npos;
-  };
-  return !tells(" t_par_val: ") && !tells(" p_par_val: ") && !tells("::init_config redis_cfg_path");
-}
-
 void take_line(LogLevel level, const char* line, std::size_t length) {
   const std::scoped_lock lock(mutex);
   if (listener && level >= listener_level) {
@@ -53,11 +46,10 @@ void take_line(LogLevel level, const char* line, std::size_t length) {
     return;
   }
   if (!options.file.empty()) {
-    sink.write(line, length);
-    sink.flush();
+    is_log_written &= sink.write(line, length) == static_cast<int>(length) && sink.flush() == 0;
   } else if (is_shown()) {
     std::fwrite(line, 1, length, stderr);
-  } else if (is_error(std::string_view(line, length))) {
+  } else if (tells_of_trouble(text_of(std::string_view(line, length)))) {
     kept_lines.emplace_back(line, length);
     if (kept_lines.size() > most_kept_lines) {
       kept_lines.pop_front();
@@ -83,6 +75,18 @@ void open_log(const LogOptions& wanted) {
   }
   BaseLib::Logger::setOutput(take_line);
   set_threshold();
+}
+
+bool tells_of_trouble(const std::string& text) {
+  return !text.starts_with("t_par_val: ") && !text.starts_with("p_par_val: ") &&
+         !text.starts_with("ruvo_redis::init_config redis_cfg_path");
+}
+
+void require_log_written() {
+  const std::scoped_lock lock(mutex);
+  if (!is_log_written) {
+    throw Failure(unwritable_output, "cannot write the log " + options.file);
+  }
 }
 
 void show_kept_lines() {

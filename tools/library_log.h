@@ -23,6 +23,12 @@ struct LogOptions {
 // Takes over the library's log. Throws Failure when the file cannot be opened.
 void open_log(const LogOptions& wanted);
 
+// The library writes a few lines at the level of errors that tell of nothing wrong.
+bool tells_of_trouble(const std::string& text);
+
+// Throws Failure when the file has not taken every line.
+void require_log_written();
+
 // Shows what was kept back on standard error: the latest warnings and errors.
 void show_kept_lines();
 

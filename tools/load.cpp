@@ -1,31 +1,38 @@
 // The command `load`: threads that run a mix of operations, and how fast and how evenly that went.
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
 #include <chrono>
 #include <cinttypes>
-#include <cstdio>
-#include <memory>
+#include <deque>
 #include <nlohmann/json.hpp>
+#include <numeric>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
+#include <stop_token>
 #include <thread>
 #include <vector>
 
 #include "commands.h"
 #include "console.h"
 #include "latency_histogram.h"
+#include "numbers.h"
 #include "operations.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int key_lifetime_s = 3600;  // should the tool not come to delete its keys
+// For keys that a killed tool leaves behind. What the mix makes anew, or persistent, has no end.
+constexpr int key_lifetime_s = 3600;
+constexpr std::chrono::milliseconds pause_after_failure{1};
 constexpr std::array percents{50.0, 90.0, 99.0, 99.9};
+constexpr int most_weight = 1000000;
 constexpr int bar_width = 50;
-constexpr std::array family_names{"string", "hash", "list", "set"};
+constexpr std::array family_names{"string", "counter", "hash", "list", "set"};
 
 struct Mix {
   std::vector<const Operation*> operations;
@@ -40,14 +47,15 @@ Mix parse_mix(const std::string& text) {
   for (std::string part; std::getline(parts, part, ',');) {
     const std::size_t equals = part.find('=');
     const Operation* operation = find_operation(part.substr(0, equals));
-    int weight = 0;
-    char rest = '\0';
-    if (operation == nullptr || equals == std::string::npos ||
-        std::sscanf(part.c_str() + equals + 1, "%d%c", &weight, &rest) != 1 || weight < 1) {
+    const std::optional<int> weight =
+        equals != std::string::npos
+            ? parse_number(std::string_view(part).substr(equals + 1), 1, most_weight)
+            : std::nullopt;
+    if (operation == nullptr || !weight) {
       throw Failure(wrong_usage, "load: not OPERATION=WEIGHT in the mix: '" + part + "'");
     }
     mix.operations.push_back(operation);
-    mix.weights.push_back(weight);
+    mix.weights.push_back(*weight);
     mix.families.insert(operation->family);
   }
   if (mix.operations.empty()) {
@@ -63,66 +71,106 @@ std::string key_of(Family family, int number) {
 
 bool has_failed(int result) { return status_of_operation(result) >= failed; }
 
-struct Worker {
-  LatencyHistogram latencies;
-  std::atomic<std::uint64_t> done{0};
-  std::atomic<std::uint64_t> failed{0};
-};
-
 Arguments arguments_for(const Options& options, const LoadOptions& load_options) {
   Arguments arguments;
   arguments.pool = options.pool;
-  arguments.field = "field";
   arguments.value.assign(static_cast<std::size_t>(load_options.value_size), 'x');
-  arguments.ttl = key_lifetime_s;
   arguments.seconds = key_lifetime_s;
   arguments.increment = 1;
   arguments.end = -1;
   return arguments;
 }
 
-void work(const Options& options, const LoadOptions& load_options, const Mix& mix, unsigned seed,
-          Worker& worker, const std::atomic<bool>& stop) {
-  std::mt19937 random(seed);
-  std::discrete_distribution<std::size_t> choose(mix.weights.begin(), mix.weights.end());
-  std::uniform_int_distribution<int> choose_key(0, load_options.keys - 1);
-  Arguments arguments = arguments_for(options, load_options);
-  while (!stop.load(std::memory_order_relaxed)) {
-    const Operation& operation = *mix.operations[choose(random)];
-    arguments.key = key_of(operation.family, choose_key(random));
-    const Clock::time_point begin = Clock::now();
-    const int result = operation.run(arguments).result;
-    worker.latencies.record(static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - begin).count()));
-    worker.done.fetch_add(1, std::memory_order_relaxed);
-    worker.failed.fetch_add(has_failed(result) ? 1 : 0, std::memory_order_relaxed);
-  }
+// Counts in fields of their own: the others hold what is no number.
+const char* field_of(const Operation& operation) {
+  const auto& parameters = operation.parameters;
+  return std::find(parameters.begin(), parameters.end(), Parameter::increment) != parameters.end()
+             ? "count"
+             : "field";
 }
 
-template <typename Action>
-void for_all_keys(const LoadOptions& load_options, const Mix& mix, Action action) {
-  for (const Family family : mix.families) {
-    for (int number = 0; number < load_options.keys; ++number) {
-      action(family, key_of(family, number));
+// Stores keys for the mix to work on, and deletes them when it goes.
+class LoadKeys {
+ public:
+  LoadKeys(const Options& options, const LoadOptions& load_options, const Mix& mix)
+      : options_(options), load_options_(load_options), mix_(mix) {
+    constexpr std::array stores{"set", "incr", "hset", "lpush", "sadd"};  // by family
+    Arguments arguments = arguments_for(options, load_options);
+    for_all([&](Family family, const std::string& key) {
+      const Operation& store = *find_operation(stores.at(static_cast<std::size_t>(family)));
+      arguments.key = key;
+      arguments.field = field_of(store);
+      store.run(arguments);
+      RUVO_ExpireKey(key.c_str(), key_lifetime_s, options.pool, nullptr);
+      return !is_end_wanted();
+    });
+  }
+  ~LoadKeys() {
+    for_all([this](Family, const std::string& key) {
+      return RUVO_DeleteKey(key.c_str(), options_.pool, nullptr) == RUVO_OK;
+    });
+  }
+  LoadKeys(const LoadKeys&) = delete;
+  LoadKeys& operator=(const LoadKeys&) = delete;
+
+ private:
+  // Until the action says that it is enough.
+  template <typename Action>
+  void for_all(Action action) const {
+    for (const Family family : mix_.families) {
+      for (int number = 0; number < load_options_.keys; ++number) {
+        if (!action(family, key_of(family, number))) {
+          return;
+        }
+      }
     }
   }
-}
 
-// Keys for reads to find.
-void store_keys(const Options& options, const LoadOptions& load_options, const Mix& mix) {
-  constexpr std::array stores{"set", "hset", "lpush", "sadd"};  // by family
-  Arguments arguments = arguments_for(options, load_options);
-  for_all_keys(load_options, mix, [&](Family family, const std::string& key) {
-    arguments.key = key;
-    find_operation(stores.at(static_cast<std::size_t>(family)))->run(arguments);
-  });
-}
+  const Options& options_;
+  const LoadOptions& load_options_;
+  const Mix& mix_;
+};
 
-void delete_keys(const Options& options, const LoadOptions& load_options, const Mix& mix) {
-  for_all_keys(load_options, mix, [&options](Family, const std::string& key) {
-    RUVO_DeleteKey(key.c_str(), options.pool, nullptr);
-  });
-}
+// One thread's work, and what it counts: the operations that succeeded, and how long they took.
+class Worker {
+ public:
+  Worker(const Options& options, const LoadOptions& load_options, const Mix& mix, unsigned seed)
+      : mix_(mix),
+        arguments_(arguments_for(options, load_options)),
+        random_(seed),
+        choose_operation_(mix.weights.begin(), mix.weights.end()),
+        choose_key_(0, load_options.keys - 1) {}
+
+  void work(const std::stop_token& stop) {
+    block_end_signals();
+    while (!stop.stop_requested()) {
+      const Operation& operation = *mix_.operations[choose_operation_(random_)];
+      arguments_.key = key_of(operation.family, choose_key_(random_));
+      arguments_.field = field_of(operation);
+      const Clock::time_point begin = Clock::now();
+      const int result = operation.run(arguments_).result;
+      if (has_failed(result)) {
+        failed.fetch_add(1, std::memory_order_relaxed);
+        std::this_thread::sleep_for(pause_after_failure);
+      } else {
+        latencies.record(static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - begin).count()));
+        done.fetch_add(1, std::memory_order_relaxed);
+      }
+    }
+  }
+
+  std::atomic<std::uint64_t> done{0};
+  std::atomic<std::uint64_t> failed{0};
+  LatencyHistogram latencies;  // to be read when the thread has ended
+
+ private:
+  const Mix& mix_;
+  Arguments arguments_;
+  std::mt19937 random_;
+  std::discrete_distribution<std::size_t> choose_operation_;
+  std::uniform_int_distribution<int> choose_key_;
+};
 
 struct Outcome {
   double seconds = 0;
@@ -188,23 +236,22 @@ nlohmann::json json_of(const Outcome& outcome) {
 }
 
 Outcome run(const Options& options, const LoadOptions& load_options, const Mix& mix) {
-  const auto threads = static_cast<std::size_t>(load_options.threads);
-  const auto workers = std::make_unique<Worker[]>(threads);
-  const auto sum = [&](std::atomic<std::uint64_t> Worker::*counter) {
-    std::uint64_t all = 0;
-    for (std::size_t i = 0; i < threads; ++i) {
-      all += (workers[i].*counter).load(std::memory_order_relaxed);
-    }
-    return all;
+  std::deque<Worker> workers;
+  for (int i = 0; i < load_options.threads; ++i) {
+    workers.emplace_back(options, load_options, mix, static_cast<unsigned>(i));
+  }
+  const auto sum = [&workers](std::atomic<std::uint64_t> Worker::*counter) {
+    return std::accumulate(workers.begin(), workers.end(), std::uint64_t{0},
+                           [counter](std::uint64_t all, const Worker& worker) {
+                             return all + (worker.*counter).load(std::memory_order_relaxed);
+                           });
   };
   Outcome outcome;
-  std::atomic<bool> stop{false};
   const Clock::time_point begin = Clock::now();
   {
-    std::vector<std::jthread> running;
-    for (std::size_t i = 0; i < threads; ++i) {
-      running.emplace_back(
-          [&, i] { work(options, load_options, mix, static_cast<unsigned>(i), workers[i], stop); });
+    std::vector<std::jthread> threads;
+    for (Worker& worker : workers) {
+      threads.emplace_back([&worker](const std::stop_token& stop) { worker.work(stop); });
     }
     std::uint64_t before = 0;
     for (int second = 1; second <= load_options.seconds && !wait_for_end(1000); ++second) {
@@ -216,12 +263,11 @@ Outcome run(const Options& options, const LoadOptions& load_options, const Mix& 
       }
       before = done;
     }
-    stop = true;
   }
   outcome.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
   outcome.failed = sum(&Worker::failed);
-  for (std::size_t i = 0; i < threads; ++i) {
-    outcome.latencies.add(workers[i].latencies);
+  for (const Worker& worker : workers) {
+    outcome.latencies.add(worker.latencies);
   }
   return outcome;
 }
@@ -230,12 +276,11 @@ Outcome run(const Options& options, const LoadOptions& load_options, const Mix& 
 
 ExitStatus load(const Options& options, const LoadOptions& load_options) {
   const Mix mix = parse_mix(load_options.mix);
-  block_end_signals();
   const Library library(options.config);
   library.require_ready();
-  store_keys(options, load_options, mix);
+  catch_end_signals();
+  const LoadKeys keys(options, load_options, mix);
   const Outcome outcome = run(options, load_options, mix);
-  delete_keys(options, load_options, mix);
   if (options.json) {
     print_json(json_of(outcome));
   } else {

@@ -2,16 +2,22 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <functional>
-#include <iostream>
-#include <iterator>
+#include <limits>
+#include <memory>
+#include <new>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+#include <system_error>
 
 #include "commands.h"
 #include "console.h"
 #include "library_log.h"
+#include "numbers.h"
 #include "operations.h"
 
 namespace {
@@ -29,7 +35,7 @@ struct CommandLine {
   Options options;
   LogOptions log;
   Arguments arguments;
-  std::string value_file;
+  std::optional<std::string> value_file;
   bool no_newline = false;
   std::vector<std::string> words;
   WatchOptions watch;
@@ -37,20 +43,20 @@ struct CommandLine {
   std::function<ExitStatus()> command;
 };
 
-std::string read_all(std::istream& input, const std::string& name) {
-  std::string content{std::istreambuf_iterator<char>(input), {}};
-  if (!input) {
-    throw Failure(unreadable_input, "cannot read " + name);
+std::string read_value(const std::string& path) {
+  const bool is_standard_input = path == "-";
+  const std::unique_ptr<std::FILE, decltype(&std::fclose)> file(
+      is_standard_input ? stdin : std::fopen(path.c_str(), "rb"), std::fclose);
+  std::string content;
+  std::array<char, 65536> part{};
+  while (file && std::feof(file.get()) == 0 && std::ferror(file.get()) == 0) {
+    content.append(part.data(), std::fread(part.data(), 1, part.size(), file.get()));
+  }
+  if (!file || std::ferror(file.get()) != 0) {
+    throw Failure(unreadable_input, "cannot read " + (is_standard_input ? "standard input" : path) +
+                                        ": " + std::generic_category().message(errno));
   }
   return content;
-}
-
-std::string read_value(const std::string& path) {
-  if (path == "-") {
-    return read_all(std::cin, "standard input");
-  }
-  std::ifstream file(path, std::ios::binary);
-  return read_all(file, path);
 }
 
 const char* text_of(int result) {
@@ -83,8 +89,8 @@ ExitStatus finish(const CommandLine& line, const std::string& name, const Answer
 }
 
 ExitStatus run_operation(CommandLine& line, const Operation& operation) {
-  if (!line.value_file.empty()) {
-    line.arguments.value = read_value(line.value_file);
+  if (line.value_file) {
+    line.arguments.value = read_value(*line.value_file);
   }
   line.arguments.pool = line.options.pool;
   const Library library(line.options.config);
@@ -111,6 +117,32 @@ void add_value(CLI::App& command, CommandLine& line) {
   });
 }
 
+// A whole number in base 10.
+template <typename Number, typename Target>
+CLI::Option* add_number(CLI::App& command, const std::string& name, Target& target,
+                        const std::string& help, Number least, Number most) {
+  return command
+      .add_option_function<std::string>(
+          name,
+          [name, &target, least, most](const std::string& text) {
+            const std::optional<Number> number = parse_number(text, least, most);
+            if (!number) {
+              throw CLI::ValidationError(name, "not a whole number from " + std::to_string(least) +
+                                                   " to " + std::to_string(most) + ": " + text);
+            }
+            target = *number;
+          },
+          help)
+      ->type_name("NUMBER");
+}
+
+template <typename Number>
+CLI::Option* add_number(CLI::App& command, const std::string& name, Number& target,
+                        const std::string& help) {
+  return add_number(command, name, target, help, std::numeric_limits<Number>::min(),
+                    std::numeric_limits<Number>::max());
+}
+
 void add_parameter(CLI::App& command, CommandLine& line, Parameter parameter) {
   Arguments& arguments = line.arguments;
   switch (parameter) {
@@ -124,27 +156,26 @@ void add_parameter(CLI::App& command, CommandLine& line, Parameter parameter) {
       add_value(command, line);
       break;
     case Parameter::ttl:
-      command.add_option("--ttl", arguments.ttl, "Seconds until the key expires")
-          ->check(CLI::PositiveNumber);
+      add_number(command, "--ttl", arguments.ttl, "Seconds until the key expires", 1,
+                 std::numeric_limits<int>::max());
       break;
     case Parameter::seconds:
-      command.add_option("SECONDS", arguments.seconds, "Seconds from now")->required();
+      add_number(command, "SECONDS", arguments.seconds, "Seconds from now")->required();
       break;
     case Parameter::increment:
-      command.add_option("INCREMENT", arguments.increment, "What to add")->required();
+      add_number(command, "INCREMENT", arguments.increment, "What to add")->required();
       break;
     case Parameter::count:
-      command
-          .add_option("COUNT", arguments.count,
-                      "How many: from the head, negative from the tail, 0 all")
+      add_number(command, "COUNT", arguments.count,
+                 "How many: from the head, negative from the tail, 0 all")
           ->required();
       break;
     case Parameter::start:
-      command.add_option("START", arguments.start, "First position; -1 is the last element")
+      add_number(command, "START", arguments.start, "First position; -1 is the last element")
           ->required();
       break;
     case Parameter::end:
-      command.add_option("END", arguments.end, "Last position")->required();
+      add_number(command, "END", arguments.end, "Last position")->required();
       break;
   }
 }
@@ -158,7 +189,7 @@ CLI::App& add_command(CLI::App& app, CommandLine& line, const std::string& name,
 }
 
 void add_operations(CLI::App& app, CommandLine& line) {
-  static constexpr std::array groups{"String keys", "Hashes", "Lists", "Sets"};
+  static constexpr std::array groups{"String keys", "String keys", "Hashes", "Lists", "Sets"};
   for (const Operation& operation : all_operations()) {
     CLI::App& command = add_command(app, line, operation.name, operation.help,
                                     groups[static_cast<std::size_t>(operation.family)],
@@ -168,10 +199,18 @@ void add_operations(CLI::App& app, CommandLine& line) {
     }
     command.add_flag("-n,--no-newline", line.no_newline, "No newline behind the value");
   }
-  CLI::App& raw = add_command(app, line, "raw", "Run any command and print its reply",
-                              "Any command", [&line] { return run_raw_command(line); });
-  raw.add_option("WORD", line.words, "The command and its arguments")->required();
+  CLI::App& raw =
+      add_command(app, line, "raw", "Run any command, word by word, and print its reply",
+                  "Any command", [&line] { return run_raw_command(line); });
+  // The words are taken as they stand: none of them is an option, here or of the tool.
+  raw.fallthrough(false)->prefix_command();
   raw.add_flag("-n,--no-newline", line.no_newline, "No newline behind the reply");
+  raw.callback([&raw, &line] {
+    line.words = raw.remaining();
+    if (line.words.empty()) {
+      throw CLI::RequiredError("WORD");
+    }
+  });
 }
 
 void add_programs(CLI::App& app, CommandLine& line) {
@@ -180,23 +219,15 @@ void add_programs(CLI::App& app, CommandLine& line) {
               [&line] { return check(line.options); });
   CLI::App& watching = add_command(app, line, "watch", "Tell of a pool's servers once a second",
                                    group, [&line] { return watch(line.options, line.watch); });
-  watching.add_option("--rounds", line.watch.rounds, "Stop after so many; 0: never")
-      ->check(CLI::NonNegativeNumber);
+  add_number(watching, "--rounds", line.watch.rounds, "Stop after so many; 0, the default: never",
+             0, std::numeric_limits<int>::max());
   CLI::App& loading = add_command(app, line, "load", "Put a load on a pool and measure it", group,
                                   [&line] { return load(line.options, line.load); });
-  loading.add_option("--threads", line.load.threads, "Threads that call")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1000));
-  loading.add_option("--seconds", line.load.seconds, "How long")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 86400));
+  add_number(loading, "--threads", line.load.threads, "Threads that call (4)", 1, 1000);
+  add_number(loading, "--seconds", line.load.seconds, "How long (10)", 1, 86400);
   loading.add_option("--mix", line.load.mix, "Operations and their weights")->capture_default_str();
-  loading.add_option("--keys", line.load.keys, "Keys to spread over")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 10000000));
-  loading.add_option("--value-size", line.load.value_size, "Bytes of a value")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 512 << 20));
+  add_number(loading, "--keys", line.load.keys, "Keys to spread over (1000)", 1, 10000000);
+  add_number(loading, "--value-size", line.load.value_size, "Bytes of a value (100)", 0, 512 << 20);
 }
 
 int run(int argc, char** argv) {
@@ -220,7 +251,10 @@ int run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& help_or_version) {
-    return app.exit(help_or_version);
+    std::ostringstream text;
+    app.exit(help_or_version, text, text);
+    print(text.str());
+    return succeeded;
   } catch (const CLI::ParseError& error) {
     if (line.command == nullptr && !app.remaining().empty()) {
       throw Failure(wrong_usage, "no such command: " + app.remaining().front());
@@ -233,12 +267,16 @@ int run(int argc, char** argv) {
   }
   open_log(line.log);
   take_output();
-  return line.command();
+  const ExitStatus status = line.command();
+  require_log_written();
+  return status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  hold_standard_streams();
+  std::signal(SIGPIPE, SIG_IGN);  // an output that nobody reads is an error that is told
   try {
     return run(argc, argv);
   } catch (const Failure& failure) {
@@ -247,8 +285,11 @@ int main(int argc, char** argv) {
       show_kept_lines();
     }
     return failure.status();
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "ruvo_cli: out of memory\n");
+    return no_memory;
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "ruvo_cli: %s\n", failure.what());
-    return no_memory;
+    return internal_error;
   }
 }

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "exit_status.h"
+
 namespace {
 
 using P = Parameter;
@@ -45,7 +47,7 @@ const std::vector<Operation>& table() {
        }},
       {"incr",
        "Add 1 to today's counter and print it",
-       Family::string,
+       Family::counter,
        {P::key},
        [](const Arguments& a) -> Answer {
          long long number = 0;
@@ -177,6 +179,9 @@ const std::vector<Operation>& table() {
        Family::list,
        {P::key, P::count, P::value},
        [](const Arguments& a) -> Answer {
+         if (a.value.find('\0') != std::string::npos) {
+           throw Failure(wrong_usage, "lrem: the value must not hold a zero byte");
+         }
          return RUVO_LRem(a.key.c_str(), a.count, a.value.c_str(), a.pool, nullptr);
        }},
 

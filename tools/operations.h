@@ -34,7 +34,8 @@ struct Answer {
   std::optional<nlohmann::json> value;  // what it found, where it found something
 };
 
-enum class Family { string, hash, list, set };
+// Operations of one family can share a key.
+enum class Family { string, counter, hash, list, set };
 
 struct Operation {
   const char* name;
@@ -44,6 +45,7 @@ struct Operation {
   Answer (*run)(const Arguments&);
 };
 
+// Throws Failure when the library could not take the arguments as they are.
 std::span<const Operation> all_operations();
 const Operation* find_operation(const std::string& name);
 

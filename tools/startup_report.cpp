@@ -3,6 +3,8 @@
 #include <ruvo/busin_config.h>
 #include <ruvo/sutils.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <regex>
 #include <utility>
@@ -12,6 +14,8 @@
 namespace {
 
 const std::string builder = "ruvo_redis::init_server_pool \\| ";
+
+constexpr const char* probe_key = "ruvo_cli:check";
 
 // What hiredis says of a failed connection, in an operator's words.
 std::string reason_of(const std::string& error) {
@@ -31,7 +35,8 @@ std::vector<std::string> split(const std::string& addresses) {
     sp::str_arr parts;
     sp::split_str(piece.c_str(), parts, ":");
     if (parts.size() == 2) {
-      piece = parts[0] + ":" + std::to_string(std::strtol(parts[1].c_str(), nullptr, 0));
+      const auto port = static_cast<std::uint32_t>(std::strtol(parts[1].c_str(), nullptr, 0));
+      piece = parts[0] + ":" + std::to_string(static_cast<int>(port));  // as the log has it
     }
   }
   return pieces;
@@ -87,7 +92,8 @@ void StartupReader::read(LogLevel level, const std::string& text) {
   static const std::regex not_connected(
       builder + "connect to node (.*) port:(-?\\d+) failed, error code : (.*)\\.");
   static const std::regex wrong_password(
-      builder + "failed to authenticate redis, .*redis_ip = (.*), redis_port = (-?\\d+), .*");
+      builder +
+      "failed to authenticate redis, .*?redis_ip = (.*?), redis_port = (-?\\d+), passwd = .*");
   static const std::regex pool_ended(
       "ruvo_redis::init \\| .* server pool init (?:success|failed, (-?\\d+))");
 
@@ -99,15 +105,17 @@ void StartupReader::read(LogLevel level, const std::string& text) {
   } else if (std::regex_match(text, found, timeouts)) {
     report_.connect_timeout_ms = number(1);
     report_.socket_timeout_ms = number(2);
-  } else if (std::regex_match(text, found, addresses)) {
-    main_addresses_ = {found[1], found[2]};
+  } else if (text.starts_with("ruvo_redis::init | temp_server addr = ")) {
     builds_pools_ = true;
+    if (std::regex_match(text, found, addresses)) {  // else it was too long for a line of the log
+      main_addresses_ = {found[1], found[2]};
+    }
   } else if (pool_ == report_.pools.size()) {
     return;
   } else if (std::regex_match(text, found, settings)) {
     PoolReport& pool = report_.pools[pool_];
     pool.connections = number(1);
-    pool.failure_limit = number(2);
+    pool.failure_limit = std::strtoul(found.str(2).c_str(), nullptr, 10);
     pool.retry_seconds = number(3);
   } else if (std::regex_match(text, found, connected)) {
     outcomes_[pool_].push_back({addr(), ""});
@@ -117,7 +125,7 @@ void StartupReader::read(LogLevel level, const std::string& text) {
     outcomes_[pool_].push_back({addr(), "wrong password"});
   } else if (std::regex_match(text, found, pool_ended)) {
     report_.pools[pool_++].result = number(1);
-  } else if (level >= BaseLib::Logger::ERROR && text.find("_par_val: ") == std::string::npos) {
+  } else if (level >= BaseLib::Logger::ERROR && tells_of_trouble(text)) {
     (builds_pools_ ? report_.pools[pool_].told : report_.told).push_back(text);
   }
 }
@@ -151,6 +159,13 @@ StartupReport StartupReader::report() const {
       }
       pool.servers.push_back(server);
     }
+    for (; outcome != outcomes_[i].end(); ++outcome) {  // of a list that is not known in full
+      if (pool.servers.empty() || pool.servers.back().addr != outcome->addr) {
+        pool.servers.emplace_back().addr = outcome->addr;
+      }
+      ServerReport& server = pool.servers.back();
+      ++(outcome->reason.empty() ? server.up : server.down[outcome->reason]);
+    }
     if (pool.result.value_or(0) != 0 && outcomes_[i].empty()) {
       pool.servers.clear();  // the list was refused before any connection was tried
     }
@@ -164,4 +179,25 @@ ReportedStart start_with_report(const std::string& config) {
   const StartupReader reader;
   auto library = std::make_unique<Library>(config);
   return {std::move(library), reader.report()};
+}
+
+// The library walks on from a server that does not answer, so an error comes from what did answer.
+void ask_pools(StartupReport& report) {
+  for (std::size_t i = 0; i < report.pools.size(); ++i) {
+    PoolReport& pool = report.pools[i];
+    if (std::all_of(pool.servers.begin(), pool.servers.end(),
+                    [](const ServerReport& server) { return server.up == 0; })) {
+      continue;
+    }
+    const LogListening listening(BaseLib::Logger::ERROR,
+                                 [&pool](LogLevel, const std::string& text) {
+                                   if (text.find("redis reply str:") != std::string::npos) {
+                                     pool.told.push_back(text);
+                                   }
+                                 });
+    for (std::size_t turn = 0; turn < pool.servers.size(); ++turn) {
+      const int result = RUVO_ExistsKey(probe_key, static_cast<int>(i) + 1, nullptr);
+      pool.answers &= result == RUVO_OK || result == RUVO_ABSENT;
+    }
+  }
 }

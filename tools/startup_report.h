@@ -25,9 +25,10 @@ struct PoolReport {
   std::vector<std::string> told;  // errors that belong to no server, in the library's words
   int connections = 0;            // to each server
   bool auto_eject = true;
-  int failure_limit = 0;
+  unsigned long failure_limit = 0;
   int retry_seconds = 0;
   std::vector<ServerReport> servers;
+  bool answers = true;  // to a command; see ask_pools
 };
 
 struct StartupReport {
@@ -43,5 +44,9 @@ struct ReportedStart {
   StartupReport report;
 };
 ReportedStart start_with_report(const std::string& config);
+
+// Puts a command to every server of every pool in its turn, for connections may be up where
+// commands are refused: a missing password, or something else that listens there.
+void ask_pools(StartupReport& report);
 
 #endif

@@ -2,7 +2,6 @@
 // library logs on the way, how each of them is.
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -18,7 +17,7 @@ namespace {
 constexpr int round_ms = 1000;
 constexpr const char* probe_key = "ruvo_cli:watch";
 
-enum class State { unknown, up, failing, ejected, retried };
+enum class State { unknown, up, failing, ejected };
 
 const char* text_of(State state) {
   switch (state) {
@@ -28,8 +27,6 @@ const char* text_of(State state) {
       return "failing";
     case State::ejected:
       return "ejected";
-    case State::retried:
-      return "retried";
     default:
       return "unknown";
   }
@@ -38,26 +35,43 @@ const char* text_of(State state) {
 struct Server {
   std::string addr;
   State state = State::unknown;
-  long reads = 0;      // that it answered
-  long failures = 0;   // visits without a reply
-  long ejections = 0;  // times that the library began to leave it alone
-  long retries = 0;    // and tried it again
+  bool is_retried = false;  // in this round
+  long reads = 0;           // that it answered
+  long failures = 0;        // visits without a reply
+  long ejections = 0;       // times that the library began to leave it alone
+  long retries = 0;         // and tried it again
 };
+
+// A server that stands twice in the list has two turns and one line.
+std::vector<Server> servers_of(const PoolReport& pool) {
+  std::vector<Server> servers;
+  for (const ServerReport& report : pool.servers) {
+    if (std::none_of(servers.begin(), servers.end(),
+                     [&report](const Server& one) { return one.addr == report.addr; })) {
+      servers.push_back({.addr = report.addr});
+    }
+  }
+  return servers;
+}
 
 // Follows the library from server to server. A line names the server that it looks at, another says
 // that it takes a connection to it; what comes before the next server's line tells how that went.
 class ServerWatch {
  public:
-  explicit ServerWatch(std::vector<Server> servers)
-      : servers_(std::move(servers)),
+  explicit ServerWatch(const PoolReport& pool)
+      : turns_(pool.servers.size()),
+        servers_(servers_of(pool)),
         listening_(BaseLib::Logger::DEBUG,
                    [this](LogLevel, const std::string& text) { read(text); }) {}
 
   const std::vector<Server>& servers() const { return servers_; }
 
-  // One read for each server, so that each has its turn.
+  // As many reads as the list is long, so that each server has its turn.
   void probe(int pool) {
-    for (std::size_t i = 0; i < servers_.size(); ++i) {
+    for (Server& server : servers_) {
+      server.is_retried = false;
+    }
+    for (std::size_t i = 0; i < turns_; ++i) {
       RUVO_ExistsKey(probe_key, pool, nullptr);
       leave();
     }
@@ -82,7 +96,7 @@ class ServerWatch {
     }
     const auto tells = [&text](const char* part) { return text.find(part) != std::string::npos; };
     if (tells(" start retry")) {
-      candidate_->state = State::retried;
+      candidate_->is_retried = true;
       ++candidate_->retries;
     } else if (tells(" invalid, failure count:")) {
       candidate_->ejections += candidate_->state != State::ejected ? 1 : 0;
@@ -106,6 +120,7 @@ class ServerWatch {
     candidate_ = nullptr;
   }
 
+  std::size_t turns_;
   std::vector<Server> servers_;
   Server* candidate_ = nullptr;
   bool is_visited_ = false;
@@ -121,57 +136,53 @@ std::string time_text() {
   return text.data();
 }
 
+std::string state_text(const Server& server) {
+  return (server.is_retried ? "retried, " : "") + std::string(text_of(server.state));
+}
+
 std::string line_of(const Options& options, const Server& server) {
-  return format("%s  %s  %s  %-7s  reads %ld  failures %ld  ejections %ld  retries %ld\n",
+  return format("%s  %s  %s  %-16s  reads %ld  failures %ld  ejections %ld  retries %ld\n",
                 time_text().c_str(), pool_name(options.pool), server.addr.c_str(),
-                text_of(server.state), server.reads, server.failures, server.ejections,
+                state_text(server).c_str(), server.reads, server.failures, server.ejections,
                 server.retries);
 }
 
 nlohmann::json json_of(const Options& options, const Server& server) {
-  return {{"time", time_text()},           {"pool", pool_name(options.pool)},
-          {"server", server.addr},         {"state", text_of(server.state)},
-          {"reads", server.reads},         {"failures", server.failures},
-          {"ejections", server.ejections}, {"retries", server.retries}};
+  return {{"time", time_text()},          {"pool", pool_name(options.pool)},
+          {"server", server.addr},        {"state", text_of(server.state)},
+          {"retried", server.is_retried}, {"reads", server.reads},
+          {"failures", server.failures},  {"ejections", server.ejections},
+          {"retries", server.retries}};
 }
 
-// On a terminal the lines of a round stand in place of the last round's.
+// In place of the last round's lines where that is wanted; each stays one line of the terminal.
 void show(const Options& options, const std::vector<Server>& servers, bool in_place) {
-  std::string text = in_place ? "\033[" + std::to_string(servers.size()) + "A" : "";
+  std::string text = in_place ? format("\033[%zuA\033[?7l", servers.size()) : "";
   for (const Server& server : servers) {
-    text += in_place ? "\033[K" : "";
-    text += options.json ? json_of(options, server).dump() + "\n" : line_of(options, server);
-  }
-  print(text);
-}
-
-// Once each: a server that stands twice in the list has two turns and one line.
-std::vector<Server> servers_of(const PoolReport& pool) {
-  std::vector<Server> servers;
-  for (const ServerReport& report : pool.servers) {
-    if (std::none_of(servers.begin(), servers.end(),
-                     [&report](const Server& one) { return one.addr == report.addr; })) {
-      servers.push_back({.addr = report.addr});
+    if (options.json) {
+      print_json(json_of(options, server));
+      continue;
     }
+    text += (in_place ? "\033[K" : "") + line_of(options, server);
   }
-  return servers;
+  print(text + (in_place ? "\033[?7h" : ""));
 }
 
 }  // namespace
 
 ExitStatus watch(const Options& options, const WatchOptions& watch_options) {
-  block_end_signals();
   const auto [library, report] = start_with_report(options.config);
   library->require_ready();
-  std::vector<Server> servers =
-      servers_of(report.pools.at(static_cast<std::size_t>(options.pool - 1)));
-  if (servers.empty()) {
+  const PoolReport& pool = report.pools.at(static_cast<std::size_t>(options.pool - 1));
+  if (pool.servers.empty()) {
     throw Failure(pools_down, std::string("pool ") + pool_name(options.pool) + " has no servers");
   }
-  ServerWatch all(std::move(servers));
+  catch_end_signals();
+  ServerWatch all(pool);
+  const bool in_place = !options.json && is_terminal(all.servers().size());
   for (int round = 0;; ++round) {
     all.probe(options.pool);
-    show(options, all.servers(), round > 0 && is_terminal() && !options.json);
+    show(options, all.servers(), in_place && round > 0);
     if (round + 1 == watch_options.rounds || wait_for_end(round_ms)) {
       return succeeded;
     }
