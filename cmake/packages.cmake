@@ -52,7 +52,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 # dpkg-shlibdeps finds the project's own libraries here, but not the package that they are in.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src
                                                 ${PROJECT_BINARY_DIR}/platform/stream_log)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libruvo1 (>= ${PROJECT_VERSION})")
+# The tool reads the library's log lines, so it goes with the version that it was built with.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Redis through libruvo, from the command line
 ${about}
 

@@ -281,7 +281,7 @@ int main(int argc, char** argv) {
     return run(argc, argv);
   } catch (const Failure& failure) {
     std::fprintf(stderr, "ruvo_cli: %s\n", failure.what());
-    if (failure.status() != wrong_usage) {
+    if (failure.status() < wrong_usage) {
       show_kept_lines();
     }
     return failure.status();
