@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <deque>
 #include <mutex>
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "exit_status.h"
 
@@ -21,7 +21,7 @@ constexpr std::size_t most_kept_lines = 20;
 std::mutex mutex;
 LogOptions options;
 Log_IO_FILE sink;
-std::deque<std::string> kept_lines;
+std::vector<std::string> kept_lines;
 LogLevel listener_level = BaseLib::Logger::FATAL;
 LogListener listener;
 
@@ -56,11 +56,11 @@ void take_line(LogLevel level, const char* line, std::size_t length) {
     sink.write(line, length);
     sink.flush();
   } else if (is_shown()) {
-    std::fwrite(line, 1, length, stderr);
+    static_cast<void>(std::fwrite(line, 1, length, stderr));
   } else if (is_error(std::string_view(line, length))) {
     kept_lines.emplace_back(line, length);
     if (kept_lines.size() > most_kept_lines) {
-      kept_lines.pop_front();
+      kept_lines.erase(kept_lines.begin());
     }
   }
 }
@@ -88,7 +88,7 @@ void open_log(const LogOptions& wanted) {
 void show_kept_lines() {
   const std::scoped_lock lock(mutex);
   for (const std::string& line : kept_lines) {
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
   }
 }
 

@@ -2,6 +2,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <charconv>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -41,9 +42,9 @@ Mix parse_mix(const std::string& text) {
     const std::size_t equals = part.find('=');
     const Operation* operation = find_operation(part.substr(0, equals));
     int weight = 0;
-    char rest = '\0';
+    const char* end = part.data() + part.size();
     if (operation == nullptr || equals == std::string::npos ||
-        std::sscanf(part.c_str() + equals + 1, "%d%c", &weight, &rest) != 1 || weight < 1) {
+        std::from_chars(part.data() + equals + 1, end, weight).ptr != end || weight < 1) {
       throw Failure(wrong_usage, "load: not OPERATION=WEIGHT in the mix: '" + part + "'");
     }
     mix.operations.push_back(operation);

@@ -3,15 +3,13 @@
 #include <ruvo/busin_config.h>
 #include <ruvo/sutils.h>
 
-#include <cstdlib>
+#include <charconv>
 #include <regex>
 #include <utility>
 
 #include "library_log.h"
 
 namespace {
-
-const std::string builder = "ruvo_redis::init_server_pool \\| ";
 
 // What hiredis says of a failed connection, in an operator's words.
 std::string reason_of(const std::string& error) {
@@ -76,6 +74,7 @@ StartupReader::StartupReader()
 }
 
 void StartupReader::read(LogLevel level, const std::string& text) {
+  static const std::string builder = "ruvo_redis::init_server_pool \\| ";
   static const std::regex redis_config("ruvo_redis::init_config redis_cfg_path = (.*)");
   static const std::regex timeouts(
       ".*get timeout cfg, connect_timeout:(-?\\d+) \\(ms\\), socket_timeout:(-?\\d+) \\(ms\\)");
@@ -92,7 +91,12 @@ void StartupReader::read(LogLevel level, const std::string& text) {
       "ruvo_redis::init \\| .* server pool init (?:success|failed, (-?\\d+))");
 
   std::smatch found;
-  const auto number = [&found](std::size_t group) { return std::atoi(found.str(group).c_str()); };
+  const auto number = [&found](std::size_t group) {
+    int value = 0;  // of a group that is not there, too
+    const std::string digits = found.str(group);
+    std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    return value;
+  };
   const auto addr = [&found] { return found.str(1) + ":" + found.str(2); };
   if (std::regex_match(text, found, redis_config)) {
     report_.redis_config = found[1];
