@@ -249,7 +249,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 2;
@@ -290,4 +290,7 @@ int main(int argc, char** argv) {
   reporter.print_ratios();
   redis.reset();
   return 0;
+} catch (const std::exception& failure) {
+  std::fprintf(stderr, "ruvo_bench: %s\n", failure.what());
+  return 1;
 }
