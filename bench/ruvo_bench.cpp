@@ -20,6 +20,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "sandbox.h"
@@ -82,7 +83,7 @@ struct Pair {
 constexpr int pool = eTempServer;
 constexpr std::array<std::size_t, 2> value_sizes{100, 100000};
 constexpr int list_length = 1000;
-const std::string element(20, 'e');
+constexpr std::string_view element = "eeeeeeeeeeeeeeeeeeee";
 
 std::string value_key(std::size_t size) { return "value" + std::to_string(size); }
 
@@ -184,11 +185,11 @@ void fill() {
     const std::string value(size, 'x');
     bare(*context, REDIS_REPLY_STATUS, "SET %s %b", value_key(size).c_str(), value.data(), size);
   }
-  bare(*context, REDIS_REPLY_INTEGER, "HSET hash field %s", element.c_str());
-  bare(*context, REDIS_REPLY_INTEGER, "SADD set %s", element.c_str());
+  bare(*context, REDIS_REPLY_INTEGER, "HSET hash field %s", element.data());
+  bare(*context, REDIS_REPLY_INTEGER, "SADD set %s", element.data());
   for (int i = 0; i < list_length; ++i) {
-    bare(*context, REDIS_REPLY_INTEGER, "RPUSH list %s%d", element.c_str(), i);
-    bare(*context, REDIS_REPLY_INTEGER, "SADD members %s%d", element.c_str(), i);
+    bare(*context, REDIS_REPLY_INTEGER, "RPUSH list %s%d", element.data(), i);
+    bare(*context, REDIS_REPLY_INTEGER, "SADD members %s%d", element.data(), i);
   }
 }
 
@@ -248,7 +249,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 2;
@@ -289,4 +290,7 @@ int main(int argc, char** argv) {
   reporter.print_ratios();
   redis.reset();
   return 0;
+} catch (const std::exception& failure) {
+  std::fprintf(stderr, "ruvo_bench: %s\n", failure.what());
+  return 1;
 }

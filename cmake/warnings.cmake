@@ -24,5 +24,5 @@ if(RUVO_SANITIZE)
   target_link_options(ruvo_build_flags INTERFACE -fsanitize=${RUVO_SANITIZE})
 else()
   # Sanitizers leave symbols for their own library to fill in.
-  target_link_options(ruvo_build_flags INTERFACE -Wl,-z,defs -Wl,-z,relro -Wl,-z,now)
+  target_link_options(ruvo_build_flags INTERFACE -Wl,-z,defs)
 endif()

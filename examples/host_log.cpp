@@ -42,7 +42,7 @@ void count(std::string_view line) {
 void write(BaseLib::Logger::LogLevel, const char* line, std::size_t length) {
   const std::scoped_lock lock(mutex);
   count(std::string_view(line, length));
-  std::fwrite(line, 1, length, file);
+  static_cast<void>(std::fwrite(line, 1, length, file));
 }
 
 }  // namespace
@@ -58,7 +58,7 @@ bool open_log(const std::string& path) {
 
 void close_log() {
   BaseLib::Logger::setOutput(nullptr);
-  std::fclose(file);
+  static_cast<void>(std::fclose(file));
 }
 
 ServerEvents server_events() {

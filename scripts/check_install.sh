@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the release build into a folder of its own and builds programs against it from outside the
+# Installs the release build into a folder of its own, looks at its hardening, and builds programs against it from outside the
 # tree: one through the CMake package, one in C through pkg-config. Both are run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,6 +16,7 @@ for file in include/ruvo/{ruvo,busin_config,sutils}.h include/stream_log/logger.
   [ -e "$prefix/$file" ] || { echo "not installed: $file" >&2; missing=1; }
 done
 [ "$missing" -eq 0 ]
+scripts/check_hardening.sh "$prefix"/lib/lib{ruvo,stream_log}.so.1 "$prefix/bin/ruvo_cli"
 
 cp -r examples/installed_package "$work/program"
 cmake -S "$work/program" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null

@@ -14,10 +14,12 @@ const pthread_mutex_t* broken_mutex = nullptr;
 }
 
 // ACE_OS::mutex_lock
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names, see --wrap
 extern "C" int __real__ZN6ACE_OS10mutex_lockEP15pthread_mutex_t(pthread_mutex_t* mutex);
 extern "C" int __wrap__ZN6ACE_OS10mutex_lockEP15pthread_mutex_t(pthread_mutex_t* mutex) {
   return mutex == broken_mutex ? -1 : __real__ZN6ACE_OS10mutex_lockEP15pthread_mutex_t(mutex);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

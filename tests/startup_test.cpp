@@ -16,10 +16,12 @@ const char* host_name = nullptr;  // null: the host does not know
 std::array<unsigned char, 4> host_ip{};
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name, see --wrap
 extern "C" int __wrap_gethostname(char* name, std::size_t length) {
   return host_name == nullptr ? -1 : std::snprintf(name, length, "%s", host_name) < 0;
 }
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name, see --wrap
 extern "C" int __wrap_gethostbyname_r(const char*, hostent* entry, char*, std::size_t size, hostent** found, int*) {
   static char* addrs[] = {reinterpret_cast<char*>(host_ip.data()), nullptr};
   entry->h_addrtype = AF_INET;

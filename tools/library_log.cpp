@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <deque>
 #include <mutex>
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "exit_status.h"
 
@@ -22,7 +22,7 @@ std::mutex mutex;
 LogOptions options;
 Log_IO_FILE sink;
 bool is_log_written = true;
-std::deque<std::string> kept_lines;
+std::vector<std::string> kept_lines;
 LogLevel listener_level = BaseLib::Logger::FATAL;
 LogListener listener;
 
@@ -48,11 +48,11 @@ void take_line(LogLevel level, const char* line, std::size_t length) {
   if (!options.file.empty()) {
     is_log_written &= sink.write(line, length) == static_cast<int>(length) && sink.flush() == 0;
   } else if (is_shown()) {
-    std::fwrite(line, 1, length, stderr);
+    static_cast<void>(std::fwrite(line, 1, length, stderr));
   } else if (tells_of_trouble(text_of(std::string_view(line, length)))) {
     kept_lines.emplace_back(line, length);
     if (kept_lines.size() > most_kept_lines) {
-      kept_lines.pop_front();
+      kept_lines.erase(kept_lines.begin());
     }
   }
 }
@@ -92,7 +92,7 @@ void require_log_written() {
 void show_kept_lines() {
   const std::scoped_lock lock(mutex);
   for (const std::string& line : kept_lines) {
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
   }
 }
 

@@ -4,6 +4,7 @@
 #include <ruvo/sutils.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <regex>
@@ -12,8 +13,6 @@
 #include "library_log.h"
 
 namespace {
-
-const std::string builder = "ruvo_redis::init_server_pool \\| ";
 
 constexpr const char* probe_key = "ruvo_cli:check";
 
@@ -81,6 +80,7 @@ StartupReader::StartupReader()
 }
 
 void StartupReader::read(LogLevel level, const std::string& text) {
+  static const std::string builder = "ruvo_redis::init_server_pool \\| ";
   static const std::regex redis_config("ruvo_redis::init_config redis_cfg_path = (.*)");
   static const std::regex timeouts(
       ".*get timeout cfg, connect_timeout:(-?\\d+) \\(ms\\), socket_timeout:(-?\\d+) \\(ms\\)");
@@ -98,7 +98,12 @@ void StartupReader::read(LogLevel level, const std::string& text) {
       "ruvo_redis::init \\| .* server pool init (?:success|failed, (-?\\d+))");
 
   std::smatch found;
-  const auto number = [&found](std::size_t group) { return std::atoi(found.str(group).c_str()); };
+  const auto number = [&found](std::size_t group) {
+    int value = 0;  // of a group that is not there, too
+    const std::string digits = found.str(group);
+    std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    return value;
+  };
   const auto addr = [&found] { return found.str(1) + ":" + found.str(2); };
   if (std::regex_match(text, found, redis_config)) {
     report_.redis_config = found[1];

@@ -132,8 +132,7 @@ std::string time_text() {
   tm local{};
   localtime_r(&now, &local);
   std::array<char, 16> text{};
-  std::strftime(text.data(), text.size(), "%H:%M:%S", &local);
-  return text.data();
+  return {text.data(), std::strftime(text.data(), text.size(), "%H:%M:%S", &local)};
 }
 
 std::string state_text(const Server& server) {

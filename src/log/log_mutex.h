@@ -44,7 +44,7 @@ class Log_Mutex {
 /// name.
 class Log_Thread_Mutex : public Log_Mutex {
  public:
-  Log_Thread_Mutex() : mutex_(nullptr) {}
+  Log_Thread_Mutex() noexcept : mutex_(nullptr) {}
   ~Log_Thread_Mutex() { Log_Thread_Mutex::close(false); }
   Log_Thread_Mutex(const Log_Thread_Mutex&) = delete;
   Log_Thread_Mutex& operator=(const Log_Thread_Mutex&) = delete;

@@ -18,7 +18,7 @@
 class Peer : NoCopy {
  public:
   Peer(int fd, int number) : fd_(fd), number_(number), input_(fdopen(fd, "r")) {}
-  ~Peer() { fclose(input_); }
+  ~Peer() { (void)fclose(input_); }
 
   int number() const { return number_; }  // 0 for the first connection to the server
   // The words of the next command, or nothing when the client has gone.

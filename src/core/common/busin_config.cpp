@@ -82,7 +82,7 @@ int cfg_section::insert_attr_val(const char* attr, const char* val) {
   return 0;
 }
 
-vop_config::vop_config() : cfg_file_time_(0) {}
+vop_config::vop_config() noexcept : cfg_file_time_(0) {}
 
 vop_config::~vop_config() { delete_all(sec_arr_); }
 

@@ -75,7 +75,7 @@ class RUVO_CONFIG_API cfg_section {
 /// A reader for sectioned configuration files, see the head of this file. Owns the sections.
 class RUVO_CONFIG_API vop_config {
  public:
-  vop_config();
+  vop_config() noexcept;
   virtual ~vop_config();
   vop_config(const vop_config&) = delete;
   vop_config& operator=(const vop_config&) = delete;

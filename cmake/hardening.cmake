@@ -1,0 +1,20 @@
+# What is shipped is hardened; scripts/check_hardening.sh looks at the result. Not with sanitizers, which
+# check more and stand in front of the same functions, nor with Debug, where -D_FORTIFY_SOURCE has no
+# optimiser to work with.
+#
+# -fcf-protection is left out: the linker keeps its mark only where every object has it, and the start-up
+# objects of Debian 12's C library have not, so that no process would ever switch it on.
+include(CheckPIESupported)
+check_pie_supported()
+
+if(NOT RUVO_SANITIZE)
+  set(optimised $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
+  target_compile_options(
+    ruvo_build_flags
+    # Undefined first: a distribution's flags may have set another level.
+    INTERFACE $<${optimised}:-U_FORTIFY_SOURCE>
+              $<${optimised}:-D_FORTIFY_SOURCE=2>
+              $<${optimised}:-fstack-protector-strong>
+              $<${optimised}:-fstack-clash-protection>)
+  target_link_options(ruvo_build_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+endif()

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Are the libraries and programs named, as installed, hardened as cmake/hardening.cmake says? The one
+# flag that cannot be seen is -fstack-clash-protection: it changes only functions with frames of a page and
+# more, and there may be none.
+#
+#   scripts/check_hardening.sh FILE...
+set -euo pipefail
+
+failed=0
+# refuse FILE TEXT: says it of the file
+refuse() {
+  echo "$1: $2" >&2
+  failed=1
+}
+
+for file in "$@"; do
+  dynamic=$(readelf -dW "$file")
+  segments=$(readelf -lW "$file")
+  imports=$(nm -D --undefined-only "$file")
+  grep -q 'FLAGS_1.*NOW' <<<"$dynamic" || refuse "$file" "binds late (-z now)"
+  grep -q 'GNU_RELRO' <<<"$segments" || refuse "$file" "relocations stay writable (-z relro)"
+  grep -q 'GNU_STACK .* RW ' <<<"$segments" || refuse "$file" "executable stack (-z noexecstack)"
+  grep -qE '__[a-z]+_chk(@|$)' <<<"$imports" || refuse "$file" "unchecked calls (-D_FORTIFY_SOURCE=2)"
+  grep -q '__stack_chk_fail' <<<"$imports" || refuse "$file" "no stack protector"
+  ! grep -q 'TEXTREL' <<<"$dynamic" || refuse "$file" "relocations in the code"
+  if grep 'INTERP' <<<"$segments" >/dev/null && ! grep -q 'FLAGS_1.*PIE' <<<"$dynamic"; then
+    refuse "$file" "a program at a fixed address (-pie)"
+  fi
+  # Folders where libraries are searched: relative to the file's own, or none.
+  paths=$(sed -nE 's/.*\((RPATH|RUNPATH)\).*\[(.*)\]/\2/p' <<<"$dynamic" | tr ':' '\n')
+  if grep -vE '^\$ORIGIN(/|$)' <<<"$paths" | grep . ; then
+    refuse "$file" "searches libraries outside its own tree"
+  fi
+done
+[ "$failed" -eq 0 ]
+echo "hardened: ${*##*/}"
