@@ -6,7 +6,7 @@
 #   build  compiler, build tools, hiredis and ACE
 #   run    Redis and the proxy that the demo starts
 #   test   Redis, the proxy, GoogleTest and Google Benchmark
-#   check  format and tidy checks, reference, manual pages, packages, what the guides show
+#   check  format and tidy checks, fuzzing, reference, manual pages, packages, what the guides show
 #   plot   the pictures of docs/scaling.md
 set -euo pipefail
 
@@ -14,7 +14,7 @@ declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev libffi-dev"
   [run]="redis-server nutcracker"
   [test]="redis-server nutcracker libgtest-dev libbenchmark-dev binutils"
-  [check]="git clang clang-format clang-tidy doxygen mandoc dpkg-dev file binutils debootstrap
+  [check]="git clang libclang-rt-14-dev clang-format clang-tidy doxygen mandoc dpkg-dev file binutils debootstrap
            python3 libspdlog-dev"
   [plot]="gnuplot-nox"
 )
