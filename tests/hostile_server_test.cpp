@@ -62,37 +62,27 @@ class Damage {
                                                      " 1",
                                                      std::string(3000, '9')};
     const std::size_t at = below(bytes.size() + 1);
-    switch (below(8)) {
-      case 0:
-        bytes.resize(at);
-        break;
-      case 1:
-        if (const auto digit = bytes.find_first_of("0123456789", at); digit != std::string::npos) {
-          bytes.replace(digit, 1, lengths[below(lengths.size())]);
-        }
-        break;
-      case 2:
-        if (at < bytes.size()) { bytes[at] = static_cast<char>(below(256)); }
-        break;
-      case 3:
-        bytes.insert(at, 1 + below(9), '\0');
-        break;
-      case 4:
-        bytes.insert(at, bytes);
-        break;
-      case 5:
-        for (std::size_t depth = 1 + below(12); depth > 0; --depth) { bytes.insert(0, "*1\r\n"); }
-        break;
-      case 6:
-        bytes.insert(at, std::string(1, "+-:$*\r\n"[below(7)]));
-        break;
-      default:
-        bytes.insert(at, std::string(below(200000), "x%\n\xFF"[below(4)]));
+    const std::size_t way = below(8);
+    if (way == 0) { bytes.resize(at); }
+    if (way == 1) {
+      const std::size_t digit = bytes.find_first_of("0123456789", at);
+      if (digit != std::string::npos) { bytes.replace(digit, 1, lengths[below(lengths.size())]); }
     }
+    if (way == 2 && at < bytes.size()) { bytes[at] = static_cast<char>(below(256)); }
+    if (way == 3) { bytes.insert(at, 1 + below(9), '\0'); }
+    if (way == 4) { bytes.insert(at, bytes); }
+    for (std::size_t depth = way == 5 ? 1 + below(12) : 0; depth > 0; --depth) { bytes.insert(0, "*1\r\n"); }
+    if (way == 6) { bytes.insert(at, 1, "+-:$*\r\n"[below(7)]); }
+    if (way == 7) { bytes.insert(at, below(200000), "x%\n\xFF"[below(4)]); }
   }
 
   std::mt19937_64 random_;
 };
+
+int init(const HostConfig& config) {
+  const QuietConsole quiet;
+  return RUVO_Init(config.path());
+}
 
 TEST(HostileServer, CannotHarmItsCallers) {
   const char* given = std::getenv("RUVO_TEST_SEED");
@@ -115,10 +105,7 @@ TEST(HostileServer, CannotHarmItsCallers) {
     const HostConfig config("connect_timeout = 1000\nsocket_timeout = 20\n" +
                             pools_at(server.addr(), server.addr(), server.addr()));
     LogCapture log;  // every line is written
-    {
-      const QuietConsole quiet;
-      ASSERT_EQ(RUVO_Init(config.path()), RUVO_OK);
-    }
+    ASSERT_EQ(init(config), RUVO_OK);
     // Two commands of two visits (a raw one six), and a time-out for each piece of a reply.
     const milliseconds bound = 6 * milliseconds(1000 + 4 * 6 * 20);
     for (std::uint64_t number = seed; number < seed + 50; ++number) {
@@ -130,8 +117,8 @@ TEST(HostileServer, CannotHarmItsCallers) {
         const auto begin = std::chrono::steady_clock::now();
         const int ret = operations[i].call("k");
         const auto took = std::chrono::steady_clock::now() - begin;
-        EXPECT_TRUE(operations[i].may_return(ret)) << operations[i].name << ": " << ret << ", seed " << number;
-        EXPECT_LT(took, bound) << operations[i].name << ", seed " << number;
+        EXPECT_TRUE(operations[i].may_return(ret) && took < bound)
+            << operations[i].name << ": " << ret << " " << number;
         log.clear();
       }
     }
@@ -148,10 +135,7 @@ TEST(HostileServer, AnnouncesMoreThanThereIsMemoryOrTimeFor) {
     peer.send(nest);
   });
   const HostConfig config(all_pools_at(server.addr()));
-  {
-    const QuietConsole quiet;
-    ASSERT_EQ(RUVO_Init(config.path()), RUVO_OK);
-  }
+  ASSERT_EQ(init(config), RUVO_OK);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(RUVO_DeleteKey("k", eTempServer, nullptr), RUVO_ERR_FAILED);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(14));
