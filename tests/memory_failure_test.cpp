@@ -1,10 +1,7 @@
-// One allocation after the other fails, through a start-up, every operation and a shut-down.
+// One allocation after the other fails: in a start-up, in every operation, in a shut-down.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cstdio>
-#include <set>
 
 #include "every_operation.h"
 #include "failing_memory.h"
@@ -13,59 +10,78 @@
 
 namespace {
 
-enum Outcome { met = 0, not_met = 1, wrong = 2 };
+class MemoryFailure : public testing::Test {
+ protected:
+  MemoryFailure() {
+    BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char*, std::size_t) {});
+    BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // lines are built, and may have no memory
+    // The process takes what it takes once.
+    EXPECT_EQ(start(), RUVO_OK);
+    for (const Operation& one : operations) { one.call(one.name); }
+    EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+  }
+  int start() {
+    const QuietConsole quiet;
+    return RUVO_Init(config_.path());
+  }
+  // Calls while the allocation with this number fails. Stores the result; false when it met no failure.
+  template <typename Call>
+  static bool fails(int number, int& result, Call call) {
+    allocations = 0;
+    failing_allocation = number;
+    result = call();
+    failing_allocation = -1;
+    return allocations > number;
+  }
 
-// Says on standard error what is wrong.
-Outcome pass(const char* config, int failing) {
-  bool good = true;
-  const auto expect = [&](bool holds, const char* what, int value) {
-    if (!holds) { std::fprintf(stderr, "allocation %d: %s: %d\n", failing, what, value); }
-    good = good && holds;
-  };
-  const QuietConsole quiet;
+  RedisServer redis_;
+  HostConfig config_{all_pools_at(redis_.addr())};
+};
+
+TEST_F(MemoryFailure, InAStartUp) {
   const int descriptors = open_descriptors();
   const int live = live_allocations;
-  allocations = 0;
-  failing_allocation = failing;
-  const int started = RUVO_Init(config);
-  const bool ready = started >= RUVO_OK && started < RUVO_INIT_BOTH_POOLS_FAILED;
-  for (const Operation& one : operations) {
-    const int ret = one.call(one.name);
-    expect(ready ? one.may_return(ret) || ret == RUVO_ERR_NO_MEMORY : ret == one.unready(), one.name, ret);
+  int status = 0;
+  for (int number = 0; status == 0; ++number) {  // each in a process of its own: one that failed is final
+    const pid_t child = fork();
+    if (child == 0) {
+      int ret = 0;
+      const bool met = fails(number, ret, [this] { return start(); });
+      const bool ready = ret >= RUVO_OK && ret < RUVO_INIT_BOTH_POOLS_FAILED;
+      bool good = ready || ret == RUVO_INIT_BOTH_POOLS_FAILED || ret == RUVO_ERR_NO_MEMORY ||
+                  ret == RUVO_ERR_CONFIG_FILE || ret == RUVO_ERR_FAILED;
+      for (const Operation& one : operations) {
+        const int called = one.call(one.name);
+        good = good && (ready ? one.may_return(called) : called == one.unready());
+      }
+      good = good && RUVO_Fini() == (ready ? RUVO_OK : RUVO_ERR_NOT_INITIALIZED);
+      good = good && (!ready || live_allocations == live) && open_descriptors() == descriptors;
+      _exit(!good ? 2 : met ? 0 : 1);
+    }
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2) << "allocation " << number << ": " << status;
   }
-  const int ended = RUVO_Fini();
-  const Outcome outcome = allocations > failing ? met : not_met;
-  failing_allocation = -1;
-  expect(ready || std::set<int>{RUVO_INIT_BOTH_POOLS_FAILED, RUVO_ERR_NO_MEMORY, RUVO_ERR_CONFIG_FILE, RUVO_ERR_FAILED}
-                      .contains(started),
-         "RUVO_Init", started);
-  expect(ended == (ready ? RUVO_OK : RUVO_ERR_NOT_INITIALIZED), "RUVO_Fini", ended);
-  expect(open_descriptors() == descriptors, "descriptors", open_descriptors() - descriptors);
-  // A start-up that failed is final, and keeps what it has read.
-  if (ready) { expect(live_allocations == live, "allocations left", live_allocations - live); }
-  return good ? outcome : wrong;
 }
 
-TEST(MemoryFailure, OneAllocationAfterTheOther) {
-  const RedisServer redis;
-  const HostConfig config(all_pools_at(redis.addr()));
-  BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char*, std::size_t) {});
-  BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // lines are built, and may have no memory
-  {
-    const QuietConsole quiet;
-    ASSERT_EQ(RUVO_Init(config.path()), RUVO_OK);  // the process takes what it takes once
-    for (const Operation& operation : operations) { operation.call(operation.name); }
-    ASSERT_EQ(RUVO_Fini(), RUVO_OK);
+TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
+  const int descriptors = open_descriptors();
+  const int live = live_allocations;
+  int ret = 0;
+  ASSERT_EQ(start(), RUVO_OK);
+  for (const Operation& one : operations) {
+    bool met = true;
+    for (int number = 0; met; ++number) {
+      met = fails(number, ret, [&] { return one.call(one.name); });
+      EXPECT_TRUE(one.may_return(ret) || ret == RUVO_ERR_NO_MEMORY) << one.name << " " << number << ": " << ret;
+    }
+    EXPECT_NE(ret, RUVO_ERR_FAILED) << one.name;  // once there is memory again, it goes on
   }
-  int failing = 0;
-  for (int status = met; status != not_met; ++failing) {  // a process for each, since a failed start-up is final
-    const pid_t child = fork();
-    if (child == 0) { _exit(pass(config.path(), failing)); }
-    waitpid(child, &status, 0);
-    status = WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-    ASSERT_LT(status, wrong) << "allocation " << failing;
+  for (int number = 0; fails(number, ret, RUVO_Fini); ++number) {
+    EXPECT_EQ(ret, RUVO_OK);
+    ASSERT_EQ(start(), RUVO_OK);
   }
-  EXPECT_GT(failing, 100);
+  EXPECT_EQ(open_descriptors(), descriptors);
+  EXPECT_EQ(live_allocations, live);
 }
 
 }  // namespace
