@@ -14,21 +14,19 @@ namespace {
 
 using std::chrono::milliseconds;
 
+// clang-format off
+const std::vector<std::string> sound = {
+    "+OK\r\n", "-ERR no\r\n", ":1\r\n", ":0\r\n", "$5\r\nhello\r\n", "$0\r\n\r\n", "$-1\r\n", "*-1\r\n", "*0\r\n",
+    "*3\r\n$1\r\na\r\n:7\r\n$-1\r\n", "*2\r\n*2\r\n$1\r\na\r\n+b\r\n*1\r\n*1\r\n:3\r\n"};
+const std::vector<std::string> lengths = {
+    "", "-1", "-2", "+5", "00", "7", "0x10", "1e3", "65536", "1000000", "2147483647", "4294967297", "-2147483649",
+    "9223372036854775807", "-9223372036854775808", "99999999999999999999", " 1", std::string(3000, '9')};
+// clang-format on
+
 // One damaged reply, and how it is sent. The same number makes the same one.
 class Damage {
  public:
   explicit Damage(std::uint64_t number) : random_(number) {
-    static const std::vector<std::string> sound = {"+OK\r\n",
-                                                   "-ERR no\r\n",
-                                                   ":1\r\n",
-                                                   ":0\r\n",
-                                                   "$5\r\nhello\r\n",
-                                                   "$0\r\n\r\n",
-                                                   "$-1\r\n",
-                                                   "*-1\r\n",
-                                                   "*0\r\n",
-                                                   "*3\r\n$1\r\na\r\n:7\r\n$-1\r\n",
-                                                   "*2\r\n*2\r\n$1\r\na\r\n+b\r\n*1\r\n*1\r\n:3\r\n"};
     bytes = sound[below(sound.size())];
     for (std::size_t count = below(4); count > 0; --count) { damage(); }
     pieces = 1 + below(4);
@@ -43,24 +41,6 @@ class Damage {
   std::size_t below(std::size_t limit) { return random_() % limit; }
 
   void damage() {
-    static const std::vector<std::string> lengths = {"",
-                                                     "-1",
-                                                     "-2",
-                                                     "+5",
-                                                     "00",
-                                                     "7",
-                                                     "0x10",
-                                                     "1e3",
-                                                     "65536",
-                                                     "1000000",
-                                                     "2147483647",
-                                                     "4294967297",
-                                                     "-2147483649",
-                                                     "9223372036854775807",
-                                                     "-9223372036854775808",
-                                                     "99999999999999999999",
-                                                     " 1",
-                                                     std::string(3000, '9')};
     const std::size_t at = below(bytes.size() + 1);
     const std::size_t way = below(8);
     if (way == 0) { bytes.resize(at); }
