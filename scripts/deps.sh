@@ -6,7 +6,7 @@
 #   build  compiler, build tools, hiredis and ACE
 #   run    Redis and the proxy that the demo starts
 #   test   Redis, the proxy, GoogleTest and Google Benchmark
-#   check  format, tidy and static checks, reference, manual pages, packages, what the guides show
+#   check  format, tidy and static checks, fuzzing, reference, manual pages, packages, what the guides show
 #   plot   the pictures of docs/scaling.md
 set -euo pipefail
 
@@ -14,8 +14,8 @@ declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev libffi-dev"
   [run]="redis-server nutcracker"
   [test]="redis-server nutcracker libgtest-dev libbenchmark-dev binutils"
-  [check]="git clang clang-format clang-tidy cppcheck doxygen mandoc dpkg-dev file binutils debootstrap
-           python3 libspdlog-dev"
+  [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck doxygen mandoc dpkg-dev file binutils
+           debootstrap python3 libspdlog-dev"
   [plot]="gnuplot-nox"
 )
 groups=("$@")

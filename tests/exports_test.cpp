@@ -7,11 +7,9 @@
 #include <future>
 #include <thread>
 
+#include "failing_memory.h"
 #include "host.h"
 #include "servers.h"
-
-extern thread_local int allocations;  // failing_memory.cpp
-extern thread_local bool no_memory;
 
 namespace {
 

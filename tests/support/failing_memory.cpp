@@ -3,16 +3,24 @@
 #include <cstdlib>
 #include <new>
 
-extern thread_local int allocations;
-extern thread_local bool no_memory;
-thread_local int allocations = 0;  // made in this thread
+#include "failing_memory.h"
+
+thread_local int allocations = 0;
+thread_local int live_allocations = 0;
+thread_local int failing_allocation = -1;
 thread_local bool no_memory = false;
 
 namespace {
 
 void* allocate(std::size_t size) {
-  ++allocations;
-  return no_memory ? nullptr : std::malloc(size > 0 ? size : 1);
+  if (allocations++ == failing_allocation || no_memory) { return nullptr; }
+  ++live_allocations;
+  return std::malloc(size > 0 ? size : 1);
+}
+
+void release(void* memory) {
+  live_allocations -= memory != nullptr ? 1 : 0;
+  std::free(memory);
 }
 
 }  // namespace
@@ -24,7 +32,7 @@ void* operator new(std::size_t size) {
 void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept { release(memory); }
+void operator delete(void* memory, std::size_t) noexcept { release(memory); }
+void operator delete[](void* memory) noexcept { release(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { release(memory); }

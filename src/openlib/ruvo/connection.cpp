@@ -13,6 +13,24 @@ namespace {
 // costs more than the reply itself.
 constexpr std::size_t kept_reply_buffer = std::size_t{1} << 20U;
 
+// Elements of one array that are believed. hiredis makes room for as many as a reply announces and
+// walks over all of them when it gives the reply up: the 13 bytes "*2147483647" of a faulty server
+// would take 16 GiB of addresses and hold the caller for 20 seconds, a nest of them for minutes.
+constexpr int max_array_elements = 1 << 24;
+
+// Lets the reader refuse larger arrays, as if there were no memory for them.
+void limit_arrays(redisReader& reader) {
+  static const redisReplyObjectFunctions standard = *reader.fn;
+  static redisReplyObjectFunctions limited = [] {
+    redisReplyObjectFunctions functions = standard;
+    functions.createArray = [](const redisReadTask* task, int elements) -> void* {
+      return elements <= max_array_elements ? standard.createArray(task, elements) : nullptr;
+    };
+    return functions;
+  }();
+  reader.fn = &limited;
+}
+
 bool sets_limit(const timeval& timeout) { return timeout.tv_sec > 0 || timeout.tv_usec > 0; }
 
 }  // namespace
@@ -27,6 +45,7 @@ context_ptr open_connection(const server_addr& addr, const timeval& timeout) {
                                           : redisConnect(ip, port));
   if (context && context->reader != nullptr) {
     context->reader->maxbuf = kept_reply_buffer;
+    limit_arrays(*context->reader);
   }
   return context;
 }

@@ -100,11 +100,7 @@ void close_slots(server_node& server) {
 
 }  // namespace
 
-ruvo_redis::~ruvo_redis() {
-  fini_server_pool(t_pool_);
-  fini_server_pool(p_pool_);
-  fini_server_pool(personality_pool_);
-}
+ruvo_redis::~ruvo_redis() { close_pools(); }
 
 int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
                                  RedisServerType type) {
@@ -180,15 +176,19 @@ int ruvo_redis::fini_server_pool(server_pool& pool) {
   return RUVO_OK;
 }
 
+void ruvo_redis::close_pools() {
+  fini_server_pool(t_pool_);
+  fini_server_pool(p_pool_);
+  fini_server_pool(personality_pool_);
+}
+
 int ruvo_redis::fini() {
   if (!initialized_.load(std::memory_order_acquire)) {
     RUVO_LOG(ERROR, "ruvo_redis::fini | redis is not initialized");
     return RUVO_ERR_NOT_INITIALIZED;
   }
   if (init_count_.fetch_sub(1) == 1) {
-    fini_server_pool(t_pool_);
-    fini_server_pool(p_pool_);
-    fini_server_pool(personality_pool_);
+    close_pools();
     ruvo_cfg.close();
     initialized_.store(false, std::memory_order_release);
     RUVO_LOG(INFO, "ruvo_redis::fini | ruvo fini succeed");

@@ -41,7 +41,8 @@
 /// - RUVO_ERR_NO_REPLY: a command succeeded without a reply, which Redis does not do
 ///
 /// A value, field or member of more than 512 MiB, Redis' own limit, is refused with
-/// RUVO_ERR_FAILED. Result parameters are written on RUVO_OK only, except where a function says
+/// RUVO_ERR_FAILED. A reply that announces an array of more than 16,777,216 elements counts as a
+/// broken connection. Result parameters are written on RUVO_OK only, except where a function says
 /// otherwise.
 ///
 /// THREADS. All operations may be called from any number of threads at once. RUVO_Init and

@@ -140,6 +140,7 @@ class ruvo_redis {
   void read_timeouts();
   void choose_addresses();
   int build_pools();
+  void close_pools();
 
   server_pool& pool_of(RedisServerType type);
 

@@ -110,7 +110,12 @@ int ruvo_redis::init(const char* config) {
 
   read_timeouts();
   choose_addresses();
-  return build_pools();
+  try {
+    return build_pools();
+  } catch (...) {
+    close_pools();  // the start-up is final: nobody could use or close them later
+    throw;
+  }
 }
 
 void ruvo_redis::read_timeouts() {

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Feeds the configuration reader, the text helpers and the expansion of keys with inputs that
+# libFuzzer makes up. An input that fails is left in build/fuzz; run the target with it to see it again:
+#
+#   build/fuzz/tests/fuzz/config_fuzz build/fuzz/config_fuzz-crash-...
+#
+#   scripts/fuzz.sh [seconds]     for all targets together; 60 unless told
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-60}
+targets=(config_fuzz text_fuzz key_fuzz)
+
+scripts/deps.sh build check
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+corpus=$(mktemp -d)  # what is found goes there, so that the tree stays as it is
+trap 'rm -rf "$corpus"' EXIT
+cp -r tests/fuzz/corpus/. "$corpus"
+for target in "${targets[@]}"; do
+  log=build/fuzz/$target.log
+  build/fuzz/tests/fuzz/"$target" -max_total_time=$((seconds / ${#targets[@]})) -max_len=4096 -timeout=10 \
+    -print_final_stats=1 -artifact_prefix="build/fuzz/$target-" "$corpus/$target" >"$log" 2>&1 \
+    || { cat "$log"; exit 1; }
+  echo "$target: $(sed -n 's/^stat::number_of_executed_units: *//p' "$log") inputs, none fails"
+done

@@ -1,0 +1,132 @@
+// Keys, settings and configuration files that nobody should use.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "client.h"
+#include "servers.h"
+
+namespace {
+
+// Every conversion with every odd modifier, and what else a key may be made of.
+std::vector<std::string> hostile_keys() {
+  std::vector<std::string> keys{"", std::string(65536, 'k')};
+  for (const char* directive : {"%n", "%s%n", "%*d", "%2147483648d", "%99$s", "%", "%%"}) {
+    std::string& key = keys.emplace_back();
+    while (key.size() < 65536) { key += directive; }
+  }
+  for (const char* modifier :
+       {"", "*", "*.*", "-*", "99999999999", "-+ #08.99999", "7$", "*7$", "hhn%", "ll", "L", "I"}) {
+    for (const char conversion : std::string("diouxXeEfFgGaAcCsSpnmbB%y\n\x01\xFF")) {
+      keys.push_back(std::string("%") + modifier + conversion + "|");
+    }
+  }
+  for (int byte = 1; byte < 256; ++byte) { keys.emplace_back(2, static_cast<char>(byte)); }
+  return keys;
+}
+
+TEST(HostileInput, KeysAreStoredWholeAndTheirLogLinesAreBounded) {
+  const RedisServer redis;
+  const DownServer down;
+  LogCapture log;
+  ruvo_redis client;
+  const HostConfig config(pools_at(redis.addr(), down.addr(), ""), "t_auto_eject_server = 0");
+  ASSERT_EQ(init_client(client, config), RUVO_INIT_PERSIST_POOL_FAILED);
+  for (const std::string& key : hostile_keys()) {
+    const char* data = nullptr;
+    unsigned long len = 0;
+    log.clear();
+    ASSERT_EQ(client.insert_key(key.c_str(), key.data(), key.size(), -1, eTempServer, nullptr), RUVO_OK);
+    ASSERT_EQ(client.query_key(key.c_str(), &data, &len, eTempServer, nullptr), RUVO_OK);
+    EXPECT_EQ(std::string(data, len), key);
+    client.free_result(data);
+    EXPECT_EQ(client.query_key(key.c_str(), &data, &len, ePersistServer, nullptr), RUVO_ERR_FAILED);
+    for (const LogCapture::Line& line : log.take()) { EXPECT_LT(line.text.size(), 1024U); }
+  }
+}
+
+TEST(HostileInput, SettingsAtAndBeyondTheirLimits) {
+  const RedisServer redis;
+  const std::string up = redis.addr();
+  const DownServer down;
+  std::string many = down.addr();
+  while (many.size() < 2000) { many += "," + down.addr(); }
+  const std::string far = "99999999999999999999";
+  // clang-format off
+  struct { std::string temp; std::string common; std::string server; int started; int called; } const cases[] = {
+      {up, "connect_timeout = 2147483647\nsocket_timeout = 2147483647", "", 0, 0},
+      {up, "connect_timeout = 2147483648\nsocket_timeout = -2147483648", "", 0, 0}, {up, "connect_timeout = " + far, "", 0, 0},
+      {up, "socket_timeout = 999", "p_connect_num = 300", 0, 0}, {up, "", "p_connect_num = 2147483648", 0, 0},
+      {up, "", "p_connect_num = " + far, 0, 0}, {up, "", "p_connect_num = 0", 0, -1}, {up, "", "p_connect_num = 4294967296", 0, -1},
+      {up + "," + down.addr(), "", "p_server_failure_limit = 2147483648\np_server_retry_timeout = 2147483647", 0, 0},
+      {up + "," + down.addr(), "", "p_server_failure_limit = -1\np_server_retry_timeout = -2147483648", 0, 0},
+      {many, "", "", 1, -1}, {many.substr(0, many.rfind(',') + 1) + up, "", "", 0, 0}, {std::string(2000, ':'), "", "", 1, -1},
+      {"127.0.0.1:0", "", "", 1, -1}, {"127.0.0.1:65536", "", "", 1, -1}, {"127.0.0.1:-1", "", "", 1, -1}, {"127.0.0.1:" + far, "", "", 1, -1},
+      {"127.0.0.1:%n%s", "", "", 1, -1},
+  };
+  // clang-format on
+  const LogCapture log;
+  for (const auto& one : cases) {
+    const HostConfig config(pools_at(one.temp, up, up) + one.common, one.server);
+    ruvo_redis client;
+    EXPECT_EQ(init_client(client, config), one.started) << one.temp << one.common << one.server;
+    EXPECT_EQ(client.insert_key("k", "v", 1, -1, eTempServer, nullptr), one.called)
+        << one.temp << one.common << one.server;
+  }
+}
+
+TEST(HostileInput, FilesThatAreNone) {
+  const RedisServer redis;
+  const TempDir dir;
+  const LogCapture log(BaseLib::Logger::FATAL);
+  const auto start = [](const std::string& path) {
+    const QuietConsole quiet;
+    ruvo_redis client;
+    const int ret = client.init(path.c_str());
+    ruvo_cfg.close();
+    return ret;
+  };
+  // One file that is both.
+  const auto content = [&](const std::string& path) {
+    return "\n[redis_cfg]\nredis_cfg_path = " + path + "\n[common]\n" + all_pools_at(redis.addr());
+  };
+  EXPECT_EQ(start(dir.path("")), RUVO_ERR_NO_REDIS_CONFIG);  // a folder reads as an empty file
+  EXPECT_EQ(start("/dev/null"), RUVO_ERR_NO_REDIS_CONFIG);
+  EXPECT_EQ(start(dir.path(std::string(5000, 'n'))), RUVO_ERR_CONFIG_FILE);
+
+  const std::string unreadable = dir.write("unreadable", content(dir.path("unreadable")));
+  ASSERT_EQ(chmod(unreadable.c_str(), 0), 0);
+  const bool is_root = geteuid() == 0;
+  ASSERT_EQ(is_root ? seteuid(65534) : 0, 0);  // root reads everything
+  EXPECT_EQ(start(unreadable), RUVO_ERR_CONFIG_FILE);
+  ASSERT_EQ(is_root ? seteuid(0) : 0, 0);
+
+  const std::string fifo = dir.path("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  {
+    const std::jthread writer([&] { std::ofstream(fifo) << content(fifo); });
+    EXPECT_EQ(start(fifo), RUVO_OK);
+  }
+  const std::string large = dir.path("large");
+  const std::string noise = std::string(60000, '#') + "\n" + std::string(5000, 'x') + "\n no section\n";
+  {
+    std::ofstream file(large);
+    for (std::size_t bytes = 0; bytes < 100U << 20U; bytes += noise.size()) { file << noise; }
+    file << content(large);
+  }
+  rusage before{};
+  rusage after{};
+  getrusage(RUSAGE_SELF, &before);
+  EXPECT_EQ(start(large), RUVO_OK);
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LT(after.ru_utime.tv_sec - before.ru_utime.tv_sec, 30);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these keep what is released
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 10000) << "KiB";
+#endif
+}
+
+}  // namespace

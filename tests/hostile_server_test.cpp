@@ -1,0 +1,126 @@
+// A server that answers with damaged replies: every call comes back in time, with a result that it
+// may have, and leaves nothing behind (which AddressSanitizer sees).
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <random>
+
+#include "every_operation.h"
+#include "host.h"
+#include "servers.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// clang-format off
+const std::vector<std::string> sound = {
+    "+OK\r\n", "-ERR no\r\n", ":1\r\n", ":0\r\n", "$5\r\nhello\r\n", "$0\r\n\r\n", "$-1\r\n", "*-1\r\n", "*0\r\n",
+    "*3\r\n$1\r\na\r\n:7\r\n$-1\r\n", "*2\r\n*2\r\n$1\r\na\r\n+b\r\n*1\r\n*1\r\n:3\r\n"};
+const std::vector<std::string> lengths = {
+    "", "-1", "-2", "+5", "00", "7", "0x10", "1e3", "65536", "1000000", "2147483647", "4294967297", "-2147483649",
+    "9223372036854775807", "-9223372036854775808", "99999999999999999999", " 1", std::string(3000, '9')};
+// clang-format on
+
+// One damaged reply, and how it is sent. The same number makes the same one.
+class Damage {
+ public:
+  explicit Damage(std::uint64_t number) : random_(number) {
+    bytes = sound[below(sound.size())];
+    for (std::size_t count = below(4); count > 0; --count) { damage(); }
+    pieces = 1 + below(4);
+    closes = below(6) != 0;  // else the client waits for the rest
+  }
+
+  std::string bytes;
+  std::size_t pieces = 1;
+  bool closes = true;
+
+ private:
+  std::size_t below(std::size_t limit) { return random_() % limit; }
+
+  void damage() {
+    const std::size_t at = below(bytes.size() + 1);
+    const std::size_t way = below(8);
+    if (way == 0) { bytes.resize(at); }
+    if (way == 1) {
+      const std::size_t digit = bytes.find_first_of("0123456789", at);
+      if (digit != std::string::npos) { bytes.replace(digit, 1, lengths[below(lengths.size())]); }
+    }
+    if (way == 2 && at < bytes.size()) { bytes[at] = static_cast<char>(below(256)); }
+    if (way == 3) { bytes.insert(at, 1 + below(9), '\0'); }
+    if (way == 4) { bytes.insert(at, bytes); }
+    for (std::size_t depth = way == 5 ? 1 + below(12) : 0; depth > 0; --depth) { bytes.insert(0, "*1\r\n"); }
+    if (way == 6) { bytes.insert(at, 1, "+-:$*\r\n"[below(7)]); }
+    if (way == 7) { bytes.insert(at, below(200000), "x%\n\xFF"[below(4)]); }
+  }
+
+  std::mt19937_64 random_;
+};
+
+int init(const HostConfig& config) {
+  const QuietConsole quiet;
+  return RUVO_Init(config.path());
+}
+
+TEST(HostileServer, CannotHarmItsCallers) {
+  const char* given = std::getenv("RUVO_TEST_SEED");
+  const std::uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device()();
+  std::cout << "to replay: RUVO_TEST_SEED=" << seed << '\n';  // a crash leaves no other trace
+  const int descriptors = open_descriptors();
+  {
+    std::mutex mutex;
+    Damage now(seed);  // guarded by mutex
+    const ScriptedServer server([&](Peer& peer) {
+      for (bool closes = false; !closes && !peer.read_command().empty();) {
+        std::unique_lock lock(mutex);
+        const Damage mine = now;
+        lock.unlock();
+        const std::size_t size = mine.bytes.size() / mine.pieces + 1;
+        for (std::size_t at = 0; at < mine.bytes.size(); at += size) { peer.send(mine.bytes.substr(at, size)); }
+        closes = mine.closes;
+      }
+    });
+    const HostConfig config("connect_timeout = 1000\nsocket_timeout = 20\n" +
+                            pools_at(server.addr(), server.addr(), server.addr()));
+    LogCapture log;  // every line is written
+    ASSERT_EQ(init(config), RUVO_OK);
+    // Two commands of two visits (a raw one six), and a time-out for each piece of a reply.
+    const milliseconds bound = 6 * milliseconds(1000 + 4 * 6 * 20);
+    for (std::uint64_t number = seed; number < seed + 50; ++number) {
+      for (std::size_t i = 0; i < operations.size(); ++i) {
+        {
+          const std::scoped_lock lock(mutex);
+          now = Damage(number * operations.size() + i);
+        }
+        const auto begin = std::chrono::steady_clock::now();
+        const int ret = operations[i].call("k");
+        const auto took = std::chrono::steady_clock::now() - begin;
+        EXPECT_TRUE(operations[i].may_return(ret) && took < bound)
+            << operations[i].name << ": " << ret << " " << number;
+        log.clear();
+      }
+    }
+    EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+  }
+  EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(HostileServer, AnnouncesMoreThanThereIsMemoryOrTimeFor) {
+  std::string nest;
+  for (int depth = 0; depth < 7; ++depth) { nest += "*2147483647\r\n"; }
+  const ScriptedServer server([&](Peer& peer) {
+    peer.read_command();
+    peer.send(nest);
+  });
+  const HostConfig config(all_pools_at(server.addr()));
+  const LogCapture silence(BaseLib::Logger::FATAL);
+  ASSERT_EQ(init(config), RUVO_OK);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(RUVO_DeleteKey("k", eTempServer, nullptr), RUVO_ERR_FAILED);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+  RUVO_Fini();
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+// One allocation after the other fails: in a start-up, in every operation, in a shut-down.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "every_operation.h"
+#include "failing_memory.h"
+#include "host.h"
+#include "servers.h"
+
+namespace {
+
+class MemoryFailure : public testing::Test {
+ protected:
+  MemoryFailure() {
+    BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char*, std::size_t) {});
+    BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // lines are built, and may have no memory
+    // The process takes what it takes once.
+    EXPECT_EQ(start(), RUVO_OK);
+    for (const Operation& one : operations) { one.call(one.name); }
+    EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+  }
+  int start() {
+    const QuietConsole quiet;
+    return RUVO_Init(config_.path());
+  }
+  // Calls while the allocation with this number fails. Stores the result; false when it met no failure.
+  template <typename Call>
+  static bool fails(int number, int& result, Call call) {
+    allocations = 0;
+    failing_allocation = number;
+    result = call();
+    failing_allocation = -1;
+    return allocations > number;
+  }
+
+  RedisServer redis_;
+  HostConfig config_{all_pools_at(redis_.addr())};
+};
+
+TEST_F(MemoryFailure, InAStartUp) {
+  const int descriptors = open_descriptors();
+  const int live = live_allocations;
+  int status = 0;
+  for (int number = 0; status == 0; ++number) {  // each in a process of its own: one that failed is final
+    const pid_t child = fork();
+    if (child == 0) {
+      int ret = 0;
+      const bool met = fails(number, ret, [this] { return start(); });
+      const bool ready = ret >= RUVO_OK && ret < RUVO_INIT_BOTH_POOLS_FAILED;
+      bool good = ready || ret == RUVO_INIT_BOTH_POOLS_FAILED || ret == RUVO_ERR_NO_MEMORY ||
+                  ret == RUVO_ERR_CONFIG_FILE || ret == RUVO_ERR_FAILED;
+      for (const Operation& one : operations) {
+        const int called = one.call(one.name);
+        good = good && (ready ? one.may_return(called) : called == one.unready());
+      }
+      good = good && RUVO_Fini() == (ready ? RUVO_OK : RUVO_ERR_NOT_INITIALIZED);
+      good = good && (!ready || live_allocations == live) && open_descriptors() == descriptors;
+      _exit(!good ? 2 : met ? 0 : 1);
+    }
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2) << "allocation " << number << ": " << status;
+  }
+}
+
+TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
+  const int descriptors = open_descriptors();
+  const int live = live_allocations;
+  int ret = 0;
+  ASSERT_EQ(start(), RUVO_OK);
+  for (const Operation& one : operations) {
+    bool met = true;
+    for (int number = 0; met; ++number) {
+      met = fails(number, ret, [&] { return one.call(one.name); });
+      EXPECT_TRUE(one.may_return(ret) || ret == RUVO_ERR_NO_MEMORY) << one.name << " " << number << ": " << ret;
+    }
+    EXPECT_NE(ret, RUVO_ERR_FAILED) << one.name;  // once there is memory again, it goes on
+  }
+  for (int number = 0; fails(number, ret, RUVO_Fini); ++number) {
+    EXPECT_EQ(ret, RUVO_OK);
+    ASSERT_EQ(start(), RUVO_OK);
+  }
+  EXPECT_EQ(open_descriptors(), descriptors);
+  EXPECT_EQ(live_allocations, live);
+}
+
+}  // namespace

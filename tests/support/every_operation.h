@@ -1,0 +1,74 @@
+// One call of every operation, for tests that put all of them through the same.
+#ifndef RUVO_TESTS_EVERY_OPERATION_H
+#define RUVO_TESTS_EVERY_OPERATION_H
+
+#include <ruvo/ruvo.h>
+
+#include <array>
+
+struct Operation {
+  const char* name;
+  int (*call)(const char* key);
+  int other_result;  // what it may return besides 0, -1 and 10402; 0: nothing
+
+  bool may_return(int code) const {
+    return code == RUVO_OK || code == RUVO_ERR_FAILED || code == RUVO_ERR_NOT_FOUND || code == other_result;
+  }
+  int unready() const;  // what it returns while the library is not ready; a raw command a null reply
+};
+
+// What a call hands out is given back; what it fills is empty unless it succeeds.
+template <typename Call>
+int discard(Call call) {
+  const char* data = nullptr;
+  unsigned long len = 0;
+  const int ret = call(&data, &len);
+  RUVO_FreeResult(data);
+  return ret;
+}
+
+template <typename Container, typename Call>
+int fill(Call call) {
+  Container value;
+  const int ret = call(value);
+  return ret == RUVO_OK || value.empty() ? ret : 99;
+}
+
+inline int raw_command(const char* key) {
+  void* reply = RUVO_ExecRedisCmd(eTempServer, "GET %s", key);
+  if (reply != nullptr) { RUVO_FreeReplyObject(reply); }
+  return reply != nullptr ? RUVO_OK : RUVO_ERR_FAILED;
+}
+
+inline int Operation::unready() const { return call == raw_command ? RUVO_ERR_FAILED : RUVO_ERR_NOT_INITIALIZED; }
+
+// clang-format off
+inline const std::array operations{
+    Operation{"InsertKey", [](const char* key) { return RUVO_InsertKey(key, "v", 1, 30, eTempServer, nullptr); }, 0},
+    Operation{"AppendKey", [](const char* key) { return RUVO_AppendKey(key, "v", 1, eTempServer, nullptr); }, 0},
+    Operation{"IncreaseKey", [](const char* key) { long long n = 0; return RUVO_IncreaseKey(key, &n, eTempServer, nullptr); }, 0},
+    Operation{"QueryKey", [](const char* key) { return discard([key](auto... to) { return RUVO_QueryKey(key, to..., eTempServer, nullptr); }); }, 0},
+    Operation{"ExistsKey", [](const char* key) { return RUVO_ExistsKey(key, eTempServer, nullptr); }, RUVO_ABSENT},
+    Operation{"DeleteKey", [](const char* key) { return RUVO_DeleteKey(key, eTempServer, nullptr); }, 0},
+    Operation{"ExpireKey", [](const char* key) { return RUVO_ExpireKey(key, 30, eTempServer, nullptr); }, 0},
+    Operation{"PersistKey", [](const char* key) { return RUVO_PersistKey(key, eTempServer, nullptr); }, 0},
+    Operation{"HashSet", [](const char* key) { return RUVO_HashSet(key, "f", 1, "1", 1, 30, eTempServer, nullptr); }, 0},
+    Operation{"HashGet", [](const char* key) { return discard([key](auto... to) { return RUVO_HashGet(key, "f", 1, to..., eTempServer, nullptr); }); }, 0},
+    Operation{"HashFieldExist", [](const char* key) { return RUVO_HashFieldExist(key, "f", 1, eTempServer, nullptr); }, RUVO_ABSENT},
+    Operation{"HashIncrBy", [](const char* key) { long long n = 0; return RUVO_HashIncrBy(key, "f", 1, 2, &n, eTempServer, nullptr); }, 0},
+    Operation{"HashFieldsNum", [](const char* key) { long long n = 0; return RUVO_HashFieldsNum(key, &n, eTempServer, nullptr); }, 0},
+    Operation{"HashDelField", [](const char* key) { return RUVO_HashDelField(key, "f", 1, eTempServer, nullptr); }, 0},
+    Operation{"LPush", [](const char* key) { long long n = 0; return RUVO_LPush(key, "v", 1, 30, &n, eTempServer, nullptr); }, 0},
+    Operation{"LRange", [](const char* key) { return fill<std::vector<std::string>>([key](auto& value) { return RUVO_LRange(key, 0, -1, value, eTempServer, nullptr); }); }, RUVO_NOTHING_DONE},
+    Operation{"LTrim", [](const char* key) { return RUVO_LTrim(key, 0, -1, eTempServer, nullptr); }, RUVO_NOTHING_DONE},
+    Operation{"RPop", [](const char* key) { return fill<std::string>([key](auto& value) { return RUVO_RPop(key, value, eTempServer, nullptr); }); }, RUVO_NOTHING_DONE},
+    Operation{"LRem", [](const char* key) { return RUVO_LRem(key, 0, "v", eTempServer, nullptr); }, RUVO_NOTHING_DONE},
+    Operation{"SAdd", [](const char* key) { return RUVO_SAdd(key, "v", 1, eTempServer, nullptr); }, RUVO_NOTHING_DONE},
+    Operation{"SIsmember", [](const char* key) { return RUVO_SIsmember(key, "v", 1, eTempServer, nullptr); }, RUVO_NOTHING_DONE},
+    Operation{"SMembers", [](const char* key) { return fill<std::vector<std::string>>([key](auto& value) { return RUVO_SMembers(key, value, eTempServer, nullptr); }); }, RUVO_NOTHING_DONE},
+    Operation{"SRem", [](const char* key) { return RUVO_SRem(key, "v", 1, eTempServer, nullptr); }, 0},
+    Operation{"ExecRedisCmd", raw_command, 0},
+};
+// clang-format on
+
+#endif
