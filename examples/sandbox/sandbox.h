@@ -77,7 +77,8 @@ class ServerProcess : NoCopy {
  public:
   ~ServerProcess() { kill(); }
   void start(const std::string& command);
-  void kill();                          // with SIGKILL, as a crash would end it
+  void kill();  // with SIGKILL, as a crash would end it
+  void signal(int number) const;
   bool says(const char* text);          // waits for a line with this text; false when it has ended
   bool ended_within(int milliseconds);  // waits for its end
 
