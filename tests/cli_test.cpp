@@ -54,11 +54,13 @@ TEST(Cli, RunsEveryOperation) {
       {"set k v", 0, ""},
       {"get k", 0, "v\n"},
       {"get k -n", 0, "v"},
-      {"--json get k", 0, R"({"command":"get","pool":"temp","result":0,"text":"success","value":"v"})"
-                          "\n"},
+      {"--json get k", 0,
+       R"({"command":"get","pool":"temp","result":0,"text":"success","value":"v"})"
+       "\n"},
       {"get none", 1, "ruvo_cli: get: not found\n"},
-      {"get none --json", 1, R"({"command":"get","pool":"temp","result":10402,"text":"not found"})"
-                             "\n"},
+      {"get none --json", 1,
+       R"({"command":"get","pool":"temp","result":10402,"text":"not found"})"
+       "\n"},
       {"append k w", 0, ""},
       {"exists k", 0, ""},
       {"exists none", 1, "ruvo_cli: exists: absent\n"},
@@ -158,23 +160,35 @@ TEST(Cli, CheckTellsOfPoolsServersAndConnections) {
     int status;
     std::vector<std::string> told;
   } const cases[] = {
-      {all_pools_at(redis.addr()), "p_connect_num = 2\nt_auto_eject_server = 0\nps_server_retry_timeout = 7", 0,
+      {all_pools_at(redis.addr()),
+       "p_connect_num = 2\nt_auto_eject_server = 0\nps_server_retry_timeout = 7",
+       0,
        {"result         0, success", "temp         up     configured  2 to each server  after 5 failures, for 30 s",
         "persist      up     configured  2 to each server  never",
         "personality  up     configured  2 to each server  after 5 failures, for 7 s",
         "persist      " + redis.addr() + "  2/2\n"}},
-      {pools_at(redis.addr() + "," + down.addr(), redis.addr(), redis.addr()), "p_connect_num = 3", 7,
+      {pools_at(redis.addr() + "," + down.addr(), redis.addr(), redis.addr()),
+       "p_connect_num = 3",
+       7,
        {"temp         up in part", down.addr() + "  0/3  3 refused"}},
       {pools_at(down.addr(), redis.addr(), redis.addr()), "", 5, {"result         1, the temporary pool failed"}},
-      {pools_at("", redis.addr(), "here"), "", 5, {"personality  an address list is empty or malformed (10109)", "invalid server addr:here"}},
-      {pools_at(guarded.addr(), redis.addr(), silent.addr()) + "socket_timeout = 100", "p_password = wrong\nps_password = x", 5,
-       {"temp         no connection", guarded.addr() + "  0/1  1 wrong password", silent.addr() + "  0/1  1 password not answered"}},
+      {pools_at("", redis.addr(), "here"),
+       "",
+       5,
+       {"personality  an address list is empty or malformed (10109)", "invalid server addr:here"}},
+      {pools_at(guarded.addr(), redis.addr(), silent.addr()) + "socket_timeout = 100",
+       "p_password = wrong\nps_password = x",
+       5,
+       {"temp         no connection", guarded.addr() + "  0/1  1 wrong password",
+        silent.addr() + "  0/1  1 password not answered"}},
   };
   for (const auto& one : cases) {
     const Tool tool(one.common, one.server);
     const Ended run = tool.run("check");
     EXPECT_EQ(run.status, one.status) << run.output;
-    for (const std::string& part : one.told) { EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output; }
+    for (const std::string& part : one.told) {
+      EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output;
+    }
     EXPECT_EQ(tool.run("check --json").output.substr(0, 2), "{\"");
   }
 }
@@ -182,10 +196,12 @@ TEST(Cli, CheckTellsOfPoolsServersAndConnections) {
 TEST(Cli, WatchFollowsAServerFromFailingToEjectedToRetried) {
   const RedisServer redis;
   const DownServer down;
-  const Tool tool(all_pools_at(redis.addr() + "," + down.addr()), "p_server_failure_limit = 1\np_server_retry_timeout = 2");
+  const Tool tool(all_pools_at(redis.addr() + "," + down.addr()),
+                  "p_server_failure_limit = 1\np_server_retry_timeout = 2");
   const Ended run = tool.run("watch --rounds 4");
   EXPECT_EQ(run.status, 0);
-  EXPECT_NE(run.output.find(redis.addr() + "  up       reads 8  failures 0  ejections 0  retries 0"), std::string::npos) << run.output;
+  EXPECT_NE(run.output.find(redis.addr() + "  up       reads 8  failures 0  ejections 0  retries 0"), std::string::npos)
+      << run.output;
   for (const std::string state : {"failing", "ejected", "failing  reads 0  failures 2  ejections 1  retries 1"}) {
     EXPECT_NE(run.output.find(down.addr() + "  " + state), std::string::npos) << state << "\n" << run.output;
   }

@@ -15,7 +15,7 @@ constexpr std::size_t pool_count = 3;
 struct Settings {
   int connect_timeout_ms = 400;
   int socket_timeout_ms = 400;
-  int retry_timeout_s = 1;
+  int retry_timeout_s = 2;
   int connections = 8;  // to each server
   bool password = false;
 };
