@@ -94,6 +94,7 @@ class RedisServer : NoCopy {
   int port() const { return port_; }
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill() { process_.kill(); }
+  void signal(int number) const { process_.signal(number); }
   void restart();  // on the same port
   // What redis-cli prints for a command, without the newline.
   std::string ask(const std::string& command) const;

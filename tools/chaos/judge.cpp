@@ -20,6 +20,10 @@ void raise_to(std::atomic<Clock::rep>& highest, Clock::rep value) {
   }
 }
 
+milliseconds visit_bound(const Settings& settings) {
+  return milliseconds(settings.connect_timeout_ms + 6 * settings.socket_timeout_ms);
+}
+
 void print(const char* verdict, const Call& call, double seconds, const Walk& walk) {
   std::ostringstream line;
   line << verdict << ": " << call.what << ", pool " << call.pool << ", after " << seconds << " s;";
@@ -46,7 +50,8 @@ std::atomic<Judge::Ticks>& Judge::my_begin() {
   return begins_.at(mine % begins_.size());
 }
 
-// A visit takes at most C + 6 S. Threads that share a connection wait for each other.
+// As the operations guide derives it: a visit takes at most C + 6 S, and threads that share a
+// connection wait for each other.
 Clock::duration Judge::bound(const Call& call) const {
   const Settings& settings = site_.settings;
   const auto pool = static_cast<std::size_t>(call.pool - 1);
@@ -54,8 +59,7 @@ Clock::duration Judge::bound(const Call& call) const {
       call.family == raw ? site_.all_servers() : site_.pools.at(pool).size();
   const int sharers = (threads_ + settings.connections - 1) / settings.connections;
   const int commands = std::string_view(call.what) == "increase" ? 2 : 1;
-  return milliseconds(settings.connect_timeout_ms + 6 * settings.socket_timeout_ms) *
-         static_cast<int>(servers) * visits_per_server * commands * sharers;
+  return visit_bound(settings) * static_cast<int>(servers) * visits_per_server * commands * sharers;
 }
 
 std::string Judge::explain_bound() const {
@@ -128,8 +132,14 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   const auto is_in = [](const std::vector<std::string>& list, const std::string& server) {
     return std::find(list.begin(), list.end(), server) != list.end();
   };
+  // A server is ejected for failures in a fault, and for no longer than the settings say.
+  const Settings& settings = site_.settings;
+  const Clock::duration ejection =
+      std::chrono::seconds(settings.retry_timeout_s) + visit_bound(settings);
   for (const auto& server : servers) {
-    if (!is_in(walk.rebuilds, server->addr()) && !is_in(walk.passed_over, server->addr())) {
+    if (!is_in(walk.rebuilds, server->addr()) &&
+        !(is_in(walk.passed_over, server->addr()) &&
+          faults_.touches(server->addr(), from - ejection, to))) {
       return unexplained;
     }
   }
