@@ -1,9 +1,12 @@
 // The walk over servers, its ends, and the codes that replies become.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <array>
 #include <csignal>
+#include <cstdlib>
+#include <thread>
 
 #include "client.h"
 #include "key_format.h"
@@ -242,6 +245,39 @@ TEST_F(Execution, AStaleConnectionRaisesNoSignal) {
   const timespec at_once{};
   sigtimedwait(&pipe_only, nullptr, &at_once);
   pthread_sigmask(SIG_UNBLOCK, &pipe_only, nullptr);
+}
+
+volatile std::sig_atomic_t raised = 0;
+
+// Calls, and its server vanishes after each answer; then writes to a pipe that nobody reads.
+[[noreturn]] void lose_the_server_a_hundred_times() {
+  std::atomic<int> gone{0};
+  const ScriptedServer vanishes([&](Peer& peer) {
+    peer.read_command();
+    peer.send("+OK\r\n");
+    peer.vanish();
+    gone = peer.number();
+  });
+  ruvo_redis client;
+  init_client(client, HostConfig(all_pools_at(vanishes.addr())));
+  const LogCapture log;
+  for (int call = 0; call <= 100; ++call) {
+    const int connections = vanishes.connections();
+    if (client.insert_key("k", "v", 1, -1, eTempServer, nullptr) != 0) { std::_Exit(1); }
+    while (gone < (call == 0 ? 0 : connections)) { std::this_thread::yield(); }
+  }
+  if (log.count_containing("err:Broken pipe") != 100 || raised != 0) { std::_Exit(2); }
+  std::fputs("lived", stderr);
+  std::array<int, 2> ends{};
+  if (pipe(ends.data()) != 0 || close(ends[0]) != 0 || write(ends[1], "x", 1) != -1) { std::_Exit(3); }
+  std::_Exit(raised == 1 ? 0 : 4);
+}
+
+TEST(HostSignals, AHostLivesThroughLostServersAndGetsItsOwnSigpipe) {
+  EXPECT_EXIT((std::signal(SIGPIPE, SIG_DFL), lose_the_server_a_hundred_times()), testing::KilledBySignal(SIGPIPE),
+              "lived");
+  EXPECT_EXIT((std::signal(SIGPIPE, [](int) { raised = raised + 1; }), lose_the_server_a_hundred_times()),
+              testing::ExitedWithCode(0), "lived");
 }
 
 // ---- Keys as formats ----

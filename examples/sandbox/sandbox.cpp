@@ -64,6 +64,9 @@ DownServer::DownServer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), 
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof(addr);
   auto* generic = reinterpret_cast<sockaddr*>(&addr);
+  // A program that is told the port may listen there while this one keeps it from everybody else.
+  const int yes = 1;
+  setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
   if (bind(fd_, generic, length) != 0 || getsockname(fd_, generic, &length) != 0) {
     throw std::runtime_error("no free port");
   }
@@ -90,6 +93,8 @@ void ServerProcess::kill() {
     pclose(output_);
   }
 }
+
+void ServerProcess::signal(int number) const { ::kill(pid_, number); }
 
 bool ServerProcess::says(const char* text) {
   std::array<char, 512> line{};

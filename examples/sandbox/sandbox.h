@@ -77,7 +77,8 @@ class ServerProcess : NoCopy {
  public:
   ~ServerProcess() { kill(); }
   void start(const std::string& command);
-  void kill();                          // with SIGKILL, as a crash would end it
+  void kill();  // with SIGKILL, as a crash would end it
+  void signal(int number) const;
   bool says(const char* text);          // waits for a line with this text; false when it has ended
   bool ended_within(int milliseconds);  // waits for its end
 
@@ -93,6 +94,7 @@ class RedisServer : NoCopy {
   int port() const { return port_; }
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill() { process_.kill(); }
+  void signal(int number) const { process_.signal(number); }
   void restart();  // on the same port
   // What redis-cli prints for a command, without the newline.
   std::string ask(const std::string& command) const;

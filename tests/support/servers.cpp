@@ -1,6 +1,7 @@
 #include "servers.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,6 +34,26 @@ void Peer::send(const std::string& bytes) const { ::send(fd_, bytes.data(), byte
 
 void Peer::answer_all(const std::string& bytes) {
   while (!read_command().empty()) { send(bytes); }
+}
+
+void Peer::drip(const std::string& bytes, std::chrono::milliseconds pause) const {
+  for (const char byte : bytes) {
+    send({byte});
+    std::this_thread::sleep_for(pause);
+  }
+}
+
+void Peer::reset() const {
+  const linger at_once{1, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+  const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  dup3(null, fd_, O_CLOEXEC);  // closes the connection and keeps its number taken
+  close(null);
+}
+
+void Peer::vanish() const {
+  shutdown(fd_, SHUT_WR);
+  reset();
 }
 
 ScriptedServer::ScriptedServer(Script script) : script_(std::move(script)) {

@@ -4,6 +4,7 @@
 #define RUVO_TESTS_SERVERS_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <mutex>
@@ -24,8 +25,11 @@ class Peer : NoCopy {
   // The words of the next command, or nothing when the client has gone.
   std::vector<std::string> read_command();
   void send(const std::string& bytes) const;
-  void answer_all(const std::string& bytes);  // every command that comes
-  void hang() { answer_all(""); }             // until the client gives up
+  void answer_all(const std::string& bytes);                                   // every command that comes
+  void hang() { answer_all(""); }                                              // until the client gives up
+  void drip(const std::string& bytes, std::chrono::milliseconds pause) const;  // one at a time
+  void reset() const;   // as a crashed machine does: what was sent may be lost
+  void vanish() const;  // closes, then resets: the client's next write raises SIGPIPE
 
  private:
   long read_number(char mark);

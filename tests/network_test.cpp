@@ -1,0 +1,161 @@
+// A network that fails in every way: what a call returns then, and how long it takes.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "client.h"
+#include "servers.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr milliseconds C(100);                                                   // connect_timeout
+constexpr milliseconds S(100);                                                   // socket_timeout
+constexpr milliseconds bound(int servers) { return 2 * servers * (C + 6 * S); }  // of a typed command
+constexpr milliseconds raw_bound(int servers) { return bound(servers + 2); }     // visits all three pools
+
+const std::string value(60, 'v');
+const std::string reply = "$60\r\n" + value + "\r\n";
+
+// Answers each command with this script.
+template <typename Answer>
+ScriptedServer::Script each(Answer answer) {
+  return [answer](Peer& peer) {
+    while (!peer.read_command().empty()) { answer(peer); }
+  };
+}
+
+// A machine that takes no more connections: its system drops the packets.
+class FullServer : public DownServer {
+ public:
+  FullServer() {
+    listen(fd_, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<std::uint16_t>(port()));
+    for (int& fd : waiting_) {
+      fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+      connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    }
+  }
+  ~FullServer() {
+    for (const int fd : waiting_) { close(fd); }
+  }
+
+ private:
+  std::array<int, 2> waiting_{};
+};
+
+struct Row {
+  const char* what;
+  ScriptedServer::Script server;
+  int alone;             // the result where there is no other server; with a good one it is 0
+  milliseconds least;    // what a visit costs by the operations guide
+  bool in_bound = true;  // long replies may take up to S for each piece: no bound holds
+};
+
+class Network : public testing::Test {
+ protected:
+  // One typed call; its time is checked here.
+  int query(milliseconds least, milliseconds most) {
+    const char* data = nullptr;
+    unsigned long len = 0;
+    const Clock::time_point begin = Clock::now();
+    const int ret = client_->query_key("k", &data, &len, eTempServer, nullptr);
+    EXPECT_GE(Clock::now() - begin, least);
+    EXPECT_LE(Clock::now() - begin, most);
+    if (ret == 0) { EXPECT_EQ(std::string(data, len), value); }
+    delete[] data;
+    return ret;
+  }
+  // The same for a raw one; does it get a reply?
+  bool query_raw(milliseconds most, ...) {
+    va_list none;
+    va_start(none, most);
+    const Clock::time_point begin = Clock::now();
+    const reply_ptr got(static_cast<redisReply*>(client_->exec_redis_cmd("GET k", none, eTempServer)));
+    va_end(none);
+    EXPECT_LE(Clock::now() - begin, most);
+    if (got) { EXPECT_EQ(std::string(got->str, got->len), value); }
+    return got != nullptr;
+  }
+  int start(const std::string& addrs) {
+    client_ = std::make_unique<ruvo_redis>();
+    return init_client(*client_, HostConfig("connect_timeout = 100\nsocket_timeout = 100\n" +
+                                            pools_at(addrs, good_.addr(), good_.addr())));
+  }
+
+  ScriptedServer good_{reply};
+  std::unique_ptr<ruvo_redis> client_;
+  LogCapture log_;
+};
+
+TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
+  const Row rows[] = {
+      {"is slow", each([](Peer& peer) { std::this_thread::sleep_for(S / 2), peer.send(reply); }), 0, S / 2},
+      {"is slower than the time-out", each([](Peer& peer) { std::this_thread::sleep_for(3 * S), peer.send(reply); }),
+       -1, 2 * S},
+      {"drips, in time", each([](Peer& peer) { peer.drip(reply, milliseconds(5)); }), 0, milliseconds(5) * 60},
+      {"drips for longer than the bound", each([](Peer& peer) { peer.drip(reply, milliseconds(25)); }), 0, bound(1),
+       false},
+      {"drips, too slowly", each([](Peer& peer) { peer.drip(reply.substr(0, 2), 3 * S); }), -1, 2 * S},
+      {"cuts the reply", [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)); }, -1, {}},
+      {"resets in the reply",
+       [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)), peer.reset(); },
+       -1,
+       {}},
+      {"resets before the reply", [](Peer& peer) { peer.read_command(), peer.reset(); }, -1, {}},
+      {"resets at once", [](Peer& peer) { peer.reset(); }, -1, {}},
+      {"swallows everything", [](Peer& peer) { peer.hang(); }, -1, 2 * S},
+  };
+  constexpr milliseconds no_bound = std::chrono::hours(1);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    const ScriptedServer faulty(row.server);
+    start(faulty.addr());
+    EXPECT_EQ(query(row.least, row.in_bound ? bound(1) : no_bound), row.alone);
+    EXPECT_EQ(query_raw(row.in_bound ? raw_bound(1) : no_bound), row.alone == 0);
+    if (row.in_bound) {
+      start(faulty.addr() + "," + good_.addr());
+      EXPECT_EQ(query(row.least, bound(2)), 0);
+      EXPECT_EQ(query({}, bound(2)), 0);  // the good server's turn
+      // The temporary pool again, and the good server's turn there.
+      EXPECT_TRUE(query_raw(raw_bound(2)));
+    }
+  }
+  EXPECT_EQ(log_.count_containing("invalid, failure count"), 0);  // all of them take connections
+}
+
+TEST_F(Network, AMachineThatTakesNoConnectionIsGivenUpAndEjected) {
+  const FullServer full;
+  EXPECT_EQ(start(full.addr()), 1);
+  EXPECT_EQ(query(C, bound(1)), -1);
+  EXPECT_FALSE(query_raw(raw_bound(1)));
+  EXPECT_EQ(start(full.addr() + "," + good_.addr()), 0);
+  for (int failure = 0; failure < 5; ++failure) {
+    EXPECT_EQ(query(C, bound(2)), 0);
+    EXPECT_EQ(query({}, bound(2)), 0);  // the good server's turn
+  }
+  log_.clear();
+  EXPECT_EQ(query({}, bound(2)), 0);
+  EXPECT_EQ(log_.count_containing("invalid, failure count:5"), 1);
+}
+
+// Nothing in a host can take it back: the command waits in the server's system.
+TEST_F(Network, AServerThatHungCarriesOutWhatHasLongFailed) {
+  const RedisServer redis;
+  start(redis.addr());
+  redis.signal(SIGSTOP);
+  EXPECT_EQ(client_->insert_key("k", "late", 4, -1, eTempServer, nullptr), -1);
+  redis.signal(SIGCONT);
+  EXPECT_EQ(redis.ask("get k"), "late");
+}
+
+}  // namespace

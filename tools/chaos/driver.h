@@ -1,0 +1,66 @@
+// Strikes one server of each pool at a time, after a plan that a seed determines, and remembers
+// when.
+#ifndef RUVO_TOOLS_CHAOS_DRIVER_H
+#define RUVO_TOOLS_CHAOS_DRIVER_H
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "site.h"
+
+using Clock = std::chrono::steady_clock;
+
+// When each server was at fault. Asked by the threads that call, written by the driver.
+class FaultRecord {
+ public:
+  void begin(const std::string& server);
+  void end(const std::string& server);
+  // Was it at fault at any time in between?
+  bool touches(const std::string& server, Clock::time_point from, Clock::time_point to) const;
+
+ private:
+  struct Span {
+    std::string server;
+    Clock::time_point from;
+    Clock::time_point to;  // the greatest there is while it lasts
+  };
+
+  mutable std::mutex mutex_;
+  std::vector<Span> spans_;  // guarded by mutex_; the latest last
+};
+
+class Driver {
+ public:
+  Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record);
+
+  // Does what is due, and returns when the next thing is. To be called from the thread that has
+  // started the servers.
+  Clock::time_point step();
+  void mend_all();  // what is at fault; step() begins nothing afterwards
+  const std::array<long, fault_count>& done() const { return done_; }
+
+ private:
+  struct Pool {
+    std::mt19937_64 plan;
+    Clock::time_point next;
+    Victim* struck = nullptr;
+    Fault fault = killed;
+  };
+
+  void strike(std::size_t number, Pool& pool);
+  void mend(Pool& pool);
+  static void plan_next(Pool& pool);
+
+  Site& site_;
+  std::vector<Fault> faults_;
+  FaultRecord& record_;
+  Clock::time_point start_ = Clock::now();
+  std::array<Pool, pool_count> pools_;
+  std::array<long, fault_count> done_{};
+};
+
+#endif

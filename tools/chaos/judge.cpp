@@ -1,0 +1,152 @@
+#include "judge.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+#include <string_view>
+
+using std::chrono::milliseconds;
+
+const std::array<const char*, failure_count> failure_names{
+    "the other server still ejected", "each server struck during the call", "visits used up",
+    "raw command came round", "NOT ALLOWED"};
+
+namespace {
+
+constexpr int visits_per_server = 2;
+
+void raise_to(std::atomic<Clock::rep>& highest, Clock::rep value) {
+  for (Clock::rep known = highest; known < value && !highest.compare_exchange_weak(known, value);) {
+  }
+}
+
+milliseconds visit_bound(const Settings& settings) {
+  return milliseconds(settings.connect_timeout_ms + 6 * settings.socket_timeout_ms);
+}
+
+void print(const char* verdict, const Call& call, double seconds, const Walk& walk) {
+  std::ostringstream line;
+  line << verdict << ": " << call.what << ", pool " << call.pool << ", after " << seconds << " s;";
+  for (const std::string& server : walk.rebuilds) {
+    line << " tried " << server;
+  }
+  for (const std::string& server : walk.passed_over) {
+    line << " passed over " << server;
+  }
+  std::puts(line.str().c_str());
+}
+
+}  // namespace
+
+Judge::Judge(const Site& site, const FaultRecord& faults, int threads)
+    : site_(site), faults_(faults), threads_(threads), begins_(static_cast<std::size_t>(threads)) {}
+
+double Judge::seconds(Ticks time) {
+  return std::chrono::duration<double>(Clock::duration(time)).count();
+}
+
+std::atomic<Judge::Ticks>& Judge::my_begin() {
+  thread_local const std::size_t mine = next_thread_++;
+  return begins_.at(mine % begins_.size());
+}
+
+// As the operations guide derives it: a visit takes at most C + 6 S, and threads that share a
+// connection wait for each other.
+Clock::duration Judge::bound(const Call& call) const {
+  const Settings& settings = site_.settings;
+  const auto pool = static_cast<std::size_t>(call.pool - 1);
+  const std::size_t servers =
+      call.family == raw ? site_.all_servers() : site_.pools.at(pool).size();
+  const int sharers = (threads_ + settings.connections - 1) / settings.connections;
+  const int commands = std::string_view(call.what) == "increase" ? 2 : 1;
+  return visit_bound(settings) * static_cast<int>(servers) * visits_per_server * commands * sharers;
+}
+
+std::string Judge::explain_bound() const {
+  const double typed = std::chrono::duration<double>(bound({strings, "", 1})).count();
+  const double any = std::chrono::duration<double>(bound({raw, "", 1})).count();
+  std::ostringstream text;
+  text << typed << " s for a typed command, " << any
+       << " s for a raw one: 2 visits x servers x (C + 6 S) x threads that share a connection, C = "
+       << site_.settings.connect_timeout_ms << " ms, S = " << site_.settings.socket_timeout_ms
+       << " ms, " << threads_ << " threads on " << site_.settings.connections << " connections";
+  return text.str();
+}
+
+bool Judge::finds_hang() const {
+  const Ticks longest = std::max(bound({strings, "increase", 1}), bound({raw, "", 1})).count();
+  return has_call_from_before(Clock::now() - Clock::duration(longest));
+}
+
+bool Judge::has_call_from_before(Clock::time_point time) const {
+  return std::any_of(begins_.begin(), begins_.end(), [time](const std::atomic<Ticks>& begin) {
+    const Ticks begun = begin;
+    return begun != 0 && begun < time.time_since_epoch().count();
+  });
+}
+
+void Judge::call_begins(const Call& /*call*/) {
+  begin_walk();
+  my_begin() = Clock::now().time_since_epoch().count();
+}
+
+void Judge::call_ended(const Call& call, int result) {
+  const Ticks begun = my_begin().exchange(0);
+  const Clock::time_point from{Clock::duration(begun)};
+  const Clock::time_point to = Clock::now();
+  end_walk();
+  const Walk& walk = current_walk();
+  const Ticks taken = (to - from).count();
+  raise_to(call.family == raw ? longest_raw_ : longest_typed_, taken);
+  if (to - from > bound(call)) {
+    ++too_long_;
+    print("TOO LONG", call, seconds(taken), walk);
+  }
+  for (const std::string& server : walk.failed) {
+    if (!faults_.touches(server, from, to)) {
+      ++failed_without_fault_;
+      print("NO CONNECTION TO A SERVER THAT IS UP", call, seconds(taken), walk);
+    }
+  }
+  if (result == RUVO_ERR_FAILED) {
+    const Failure why = explain(call, walk, from, to);
+    ++failures_[why];
+    if (why == unexplained) {
+      print("FAILED WITHOUT REASON", call, seconds(taken), walk);
+    }
+  }
+}
+
+Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point from,
+                       Clock::time_point to) const {
+  const bool tried_struck_ones_only =
+      std::all_of(walk.rebuilds.begin(), walk.rebuilds.end(),
+                  [&](const std::string& server) { return faults_.touches(server, from, to); });
+  if (!tried_struck_ones_only) {
+    return unexplained;
+  }
+  if (call.family == raw && !walk.rebuilds.empty()) {
+    return raw_came_round;
+  }
+  const auto& servers = site_.pools.at(static_cast<std::size_t>(call.pool - 1));
+  const auto is_in = [](const std::vector<std::string>& list, const std::string& server) {
+    return std::find(list.begin(), list.end(), server) != list.end();
+  };
+  // A server is ejected for failures in a fault, and for no longer than the settings say.
+  const Settings& settings = site_.settings;
+  const Clock::duration ejection =
+      std::chrono::seconds(settings.retry_timeout_s) + visit_bound(settings);
+  for (const auto& server : servers) {
+    if (!is_in(walk.rebuilds, server->addr()) &&
+        !(is_in(walk.passed_over, server->addr()) &&
+          faults_.touches(server->addr(), from - ejection, to))) {
+      return unexplained;
+    }
+  }
+  if (walk.rebuilds.size() >= visits_per_server * servers.size()) {
+    return visits_used_up;
+  }
+  return walk.passed_over.empty() ? each_was_struck : still_ejected;
+}
+
+bool Judge::may_have_strayed() const { return !current_walk().rebuilds.empty(); }

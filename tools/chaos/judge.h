@@ -1,0 +1,74 @@
+// Looks at every call: was it in time, and was it allowed to fail?
+#ifndef RUVO_TOOLS_CHAOS_JUDGE_H
+#define RUVO_TOOLS_CHAOS_JUDGE_H
+
+#include <array>
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "driver.h"
+#include "walk_log.h"
+#include "workload.h"
+
+// Why a call failed. The rules of the walk allow all but the last.
+enum Failure {
+  // The walk came to a server that was up and still ejected for its last failure: it is passed over
+  // until its retry time has come.
+  still_ejected,
+  // Each server of the pool was struck while the call went on: the second one when the call had
+  // already waited for the first.
+  each_was_struck,
+  // The walk made the two visits for each server that bound it, and no server replied.
+  visits_used_up,
+  // A raw command leaves its pool when its server fails: for the pool whose number is the position
+  // of that server, counted from 1. It gives up as soon as it meets a server at the position where
+  // it began, though another may be up.
+  raw_came_round,
+  unexplained,
+  failure_count
+};
+extern const std::array<const char*, failure_count> failure_names;
+
+class Judge : public CallObserver {
+ public:
+  Judge(const Site& site, const FaultRecord& faults, int threads);
+
+  void call_begins(const Call& call) override;
+  void call_ended(const Call& call, int result) override;
+  bool may_have_strayed() const override;
+
+  // The longest that a call may take, and how that comes about.
+  Clock::duration bound(const Call& call) const;
+  std::string explain_bound() const;
+  // A call that is under way and has taken longer than any may.
+  bool finds_hang() const;
+  // Is a call still under way that began before this?
+  bool has_call_from_before(Clock::time_point time) const;
+
+  long failures(Failure why) const { return failures_[why]; }
+  long too_long() const { return too_long_; }
+  long failed_without_fault() const { return failed_without_fault_; }
+  double longest_typed() const { return seconds(longest_typed_); }
+  double longest_raw() const { return seconds(longest_raw_); }
+
+ private:
+  using Ticks = Clock::rep;
+  static double seconds(Ticks time);
+  std::atomic<Ticks>& my_begin();
+  Failure explain(const Call& call, const Walk& walk, Clock::time_point from,
+                  Clock::time_point to) const;
+
+  const Site& site_;
+  const FaultRecord& faults_;
+  int threads_;
+  std::vector<std::atomic<Ticks>> begins_;  // for each thread, 0 between calls
+  std::atomic<std::size_t> next_thread_{0};
+  std::array<std::atomic<long>, failure_count> failures_{};
+  std::atomic<long> too_long_{0};
+  std::atomic<long> failed_without_fault_{0};
+  std::atomic<Ticks> longest_typed_{0};
+  std::atomic<Ticks> longest_raw_{0};
+};
+
+#endif

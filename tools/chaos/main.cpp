@@ -1,0 +1,316 @@
+// ruvo_chaos: a host under faults, see --help.
+#include <ruvo/ruvo.h>
+
+#include <CLI/CLI.hpp>
+#include <cinttypes>
+#include <cstdio>
+#include <exception>
+#include <random>
+#include <thread>
+
+#include "door.h"
+#include "judge.h"
+#include "resources.h"
+
+namespace {
+
+constexpr std::chrono::seconds warm_up(1);
+constexpr std::chrono::seconds calm(1);
+constexpr std::chrono::seconds progress_interval(5);
+constexpr std::chrono::milliseconds longest_sleep(100);
+constexpr long allocated_tolerance = 256L * 1024;      // the C library's caches of the main thread
+constexpr long resident_tolerance = 8L * 1024 * 1024;  // pages that it keeps for itself
+// As often as the library may send a command: twice in each of two visits to each of two servers.
+constexpr int most_runs = 8;
+
+constexpr const char* description =
+    "Keeps a host at work while its servers fail, and checks that it can trust the library with "
+    "its\n"
+    "life: threads use all families of operations on the three pools and check every value, while "
+    "a\n"
+    "driver strikes one server of each pool at a time (kill and start again, stop and continue, "
+    "pause,\n"
+    "reset connections) on a plan that --seed determines.\n"
+    "\n"
+    "Without --config it starts servers of its own on loopback: for each pool a Redis and two "
+    "doors\n"
+    "to it (small forwarders, which are what is struck). They are gone when it ends.\n"
+    "\n"
+    "With --config it works on an operator's servers. THEY MUST BE THROWAWAY ONES: it writes keys "
+    "of\n"
+    "its own in all pools, and a server that loses data or carries out commands late makes values\n"
+    "wrong. With --fault-command it takes one server of each pool down at a time and brings it "
+    "back:\n"
+    "COMMAND down IP:PORT, COMMAND up IP:PORT; the servers of a pool must be doors to the same "
+    "data.\n"
+    "\n"
+    "Exit status: 0 all held, 1 something did not, 2 it could not run.";
+
+struct Options {
+  std::uint64_t seed = std::random_device()();
+  int seconds = 60;
+  int threads = 16;
+  Settings settings;
+  std::string config;
+  std::string fault_command;
+  std::string log;
+  int door = 0;
+  int redis = 0;
+};
+
+// The threads of the host: all three pools, round after round, until the object goes.
+class Host {
+ public:
+  Host(int threads, Totals& totals, CallObserver& observer) {
+    for (int number = 0; number < threads; ++number) {
+      threads_.emplace_back([number, &totals, &observer](const std::stop_token& stop) {
+        std::array workers{Worker(number, eTempServer, totals, observer),
+                           Worker(number, ePersistServer, totals, observer),
+                           Worker(number, ePersonalityServer, totals, observer)};
+        for (int round = 0; !stop.stop_requested(); ++round) {
+          for (Worker& worker : workers) {
+            worker.work(round);
+          }
+        }
+      });
+    }
+  }
+  ~Host() {
+    for (std::jthread& thread : threads_) {
+      thread.request_stop();
+    }
+  }
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+ private:
+  std::vector<std::jthread> threads_;
+};
+
+class Library {
+ public:
+  explicit Library(const Site& site) {
+    const QuietConsole quiet;
+    if (const int ret = RUVO_Init(site.config.c_str())) {
+      throw std::runtime_error(std::string("RUVO_Init: ") + ruvo_result_text(ret));
+    }
+  }
+  ~Library() { RUVO_Fini(); }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+};
+
+void end_if_hung(const Judge& judge) {
+  if (judge.finds_hang()) {
+    std::puts("HANG: a call has taken longer than any may");
+    std::fflush(stdout);
+    std::_Exit(1);
+  }
+}
+
+void wait_until(Clock::time_point end, const Judge& judge) {
+  for (Clock::time_point now; (now = Clock::now()) < end; end_if_hung(judge)) {
+    std::this_thread::sleep_until(std::min(end, now + longest_sleep));
+  }
+}
+
+void run_driver(const Options& options, Driver& driver, const Judge& judge, const Totals& totals) {
+  const Clock::time_point begin = Clock::now();
+  const Clock::time_point end = begin + std::chrono::seconds(options.seconds);
+  Clock::time_point progress = begin + progress_interval;
+  while (Clock::now() < end) {
+    wait_until(std::min({driver.step(), end, progress}), judge);
+    if (Clock::now() >= progress) {
+      std::printf("%8.2f s  %" PRId64 " operations, %" PRId64 " values checked, %" PRId64
+                  " wrong, %" PRId64 " failed\n",
+                  std::chrono::duration<double>(Clock::now() - begin).count(),
+                  totals.all_operations(), totals.values_checked.load(), totals.wrong_values.load(),
+                  totals.failed.load());
+      progress += progress_interval;
+    }
+    std::fflush(stdout);
+  }
+  driver.mend_all();
+}
+
+// Until the calls that began in a fault have ended and every ejected server has been tried again.
+void settle(const Site& site, const Judge& judge) {
+  const Clock::time_point mended = Clock::now();
+  const Clock::time_point last =
+      mended + std::chrono::seconds(site.settings.retry_timeout_s) + judge.bound({raw, "", 1});
+  while ((judge.has_call_from_before(mended) || !ejections().present.empty()) &&
+         Clock::now() < last) {
+    wait_until(Clock::now() + longest_sleep, judge);
+  }
+}
+
+class Verdict {
+ public:
+  void expect(bool held, const char* what) {
+    std::printf("%-7s%s\n", held ? "held" : "BROKEN", what);
+    all_held_ = all_held_ && held;
+  }
+  int exit_status() const { return all_held_ ? 0 : 1; }
+
+ private:
+  bool all_held_ = true;
+};
+
+void print_report(const Totals& totals, const Judge& judge, const Driver& driver) {
+  std::printf("\noperations               %" PRId64 "\n", totals.all_operations());
+  for (std::size_t family = 0; family < family_names.size(); ++family) {
+    std::printf("  %-22s %" PRId64 "\n", family_names[family], totals.operations[family].load());
+  }
+  std::printf("values checked           %" PRId64 "\nwrong values             %" PRId64
+              "\nran more than once       %" PRId64 "\nraw commands asked again %" PRId64
+              "\nfaults                  ",
+              totals.values_checked.load(), totals.wrong_values.load(), totals.run_twice.load(),
+              totals.asked_again.load());
+  for (std::size_t fault = 0; fault < fault_names.size(); ++fault) {
+    std::printf(" %ld %s", driver.done()[fault], fault_names[fault]);
+  }
+  std::puts("\nfailed calls");
+  for (std::size_t why = 0; why < failure_names.size(); ++why) {
+    std::printf("  %-36s %ld\n", failure_names[why], judge.failures(static_cast<Failure>(why)));
+  }
+  const Ejections seen = ejections();
+  std::printf(
+      "ejections                %ld, retries %ld, ended by a rebuilt connection %ld\n"
+      "longest call             %.3f s typed, %.3f s raw\nbound                    %s\n",
+      seen.ejections, seen.retries, seen.ended_by_rebuild, judge.longest_typed(),
+      judge.longest_raw(), judge.explain_bound().c_str());
+}
+
+void print_resources(const char* when, const Resources& held) {
+  std::printf("%-24s %ld descriptors, %ld KiB allocated, %ld KiB resident\n", when,
+              held.descriptors, held.allocated / 1024, held.resident / 1024);
+}
+
+int run_chaos(const Options& options, Site& site) {
+  std::printf("ruvo_chaos --seed %" PRIu64 " --seconds %d --threads %d%s\n", options.seed,
+              options.seconds, options.threads, options.settings.password ? " --password" : "");
+  Verdict verdict;
+  FaultRecord faults;
+  {
+    // What the first use of threads, library and log leaves behind is not a leak.
+    Totals totals;
+    Judge judge(site, faults, options.threads);
+    const Library library(site);
+    {
+      const Host host(options.threads, totals, judge);
+      wait_until(Clock::now() + warm_up, judge);
+    }
+    verdict.expect(totals.failed + totals.wrong_values == 0 && totals.all_operations() > 0,
+                   "nothing fails and no value is wrong without faults");
+  }
+  const Resources before = resources_in_use();
+  Totals totals;
+  totals.outage_expected = true;
+  totals.most_runs = most_runs;
+  Judge judge(site, faults, options.threads);
+  std::vector<Fault> kinds;
+  if (options.config.empty()) {
+    kinds = {killed, stopped, paused, reset};
+  } else if (!options.fault_command.empty()) {
+    kinds = {killed};
+  }
+  Driver driver(site, options.seed, kinds, faults);
+  std::int64_t failed_late = 0;
+  std::int64_t done_late = 0;
+  {
+    const Library library(site);
+    const Host host(options.threads, totals, judge);
+    run_driver(options, driver, judge, totals);
+    settle(site, judge);
+    failed_late = totals.failed;
+    done_late = totals.all_operations();
+    wait_until(Clock::now() + calm, judge);
+    failed_late = totals.failed - failed_late;
+    done_late = totals.all_operations() - done_late;
+  }
+  const Resources after = resources_in_use();
+  print_report(totals, judge, driver);
+  print_resources("before", before);
+  print_resources("after", after);
+  std::puts("");
+  verdict.expect(totals.wrong_values == 0 && totals.values_checked > 0, "no wrong value");
+  verdict.expect(judge.too_long() == 0, "every call within its bound");
+  verdict.expect(judge.failures(unexplained) == 0,
+                 "no failed call while another server was up, but where the walk's rules allow it");
+  verdict.expect(judge.failed_without_fault() == 0, "no server given up while it was up");
+  verdict.expect(ejections().present.empty(), "every ejection followed by a retry");
+  verdict.expect(failed_late == 0 && done_late > 0, "all well again after the last fault");
+  verdict.expect(after.descriptors == before.descriptors, "descriptors as at the start");
+  verdict.expect(after.allocated <= before.allocated + allocated_tolerance,
+                 "allocated memory as at the start, within 256 KiB");
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they keep what is freed
+  verdict.expect(after.resident <= before.resident + resident_tolerance,
+                 "resident memory as at the start, within 8 MiB");
+#endif
+  return verdict.exit_status();
+}
+
+void add_options(CLI::App& app, Options& options) {
+  app.add_option("--seed", options.seed, "Number that the plan of faults comes from [random]");
+  app.add_option("--seconds", options.seconds, "How long to strike")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 7 * 86400));
+  app.add_option("--threads", options.threads, "Threads of the host")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
+  app.add_option("--log", options.log, "File for the library's WARN and ERROR lines");
+  auto* config = app.add_option("--config", options.config,
+                                "Local configuration file of a host on throwaway servers");
+  app.add_option("--fault-command", options.fault_command,
+                 "Program that takes a configured server down and up")
+      ->needs(config);
+  const auto add_setting = [&](const char* name, int& value, const char* text) {
+    app.add_option(name, value, std::string(text) + " of its own servers")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 60000))
+        ->excludes(config);
+  };
+  add_setting("--connect-timeout", options.settings.connect_timeout_ms, "connect_timeout (ms)");
+  add_setting("--socket-timeout", options.settings.socket_timeout_ms, "socket_timeout (ms)");
+  add_setting("--retry-timeout", options.settings.retry_timeout_s, "..._server_retry_timeout (s)");
+  add_setting("--connections", options.settings.connections, "Connections to each");
+  app.add_flag("--password", options.settings.password,
+               "Its own servers want a password: those that hang are ejected as well")
+      ->excludes(config);
+  app.add_option("--door", options.door)->group("");  // what a door is started with
+  app.add_option("--redis", options.redis)->group("");
+}
+
+int run(int argc, char** argv) {
+  Options options;
+  CLI::App app(description);
+  add_options(app, options);
+  CLI11_PARSE(app, argc, argv);
+  if (options.door != 0) {
+    return run_door(options.door, options.redis);
+  }
+  if (!open_walk_log(options.log)) {
+    throw std::runtime_error("cannot write " + options.log);
+  }
+  int result = 0;
+  if (options.config.empty()) {
+    OwnServers servers(options.settings);
+    result = run_chaos(options, servers.site());
+  } else {
+    Site site = configured_site(options.config, options.fault_command);
+    result = run_chaos(options, site);
+  }
+  close_walk_log();
+  return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "ruvo_chaos: %s\n", failure.what());
+    return 2;
+  }
+}

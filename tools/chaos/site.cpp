@@ -1,0 +1,160 @@
+#include "site.h"
+
+#include <ruvo/busin_config.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+
+#include "door.h"
+
+namespace {
+
+constexpr const char* password = "chaos";
+
+// A door on a port that nobody else gets while it is down.
+class OwnDoor : public Victim {
+ public:
+  OwnDoor(std::unique_ptr<DownServer> port, int redis_port)
+      : Victim(port->addr()),
+        port_(std::move(port)),
+        command_(std::filesystem::read_symlink("/proc/self/exe").string() + " --door " +
+                 std::to_string(port_->port()) + " --redis " + std::to_string(redis_port)) {
+    start();
+  }
+
+  void strike(Fault fault) override {
+    switch (fault) {
+      case killed:
+        return process_.kill();
+      case stopped:
+        return process_.signal(SIGSTOP);
+      case paused:
+        return signal(SIGUSR1, door_has_paused);
+      default:
+        return signal(SIGHUP, door_has_dropped);
+    }
+  }
+
+  void mend(Fault fault) override {
+    switch (fault) {
+      case killed:
+        return start();
+      case stopped:
+        return signal(SIGCONT, door_has_dropped);
+      case paused:
+        return signal(SIGUSR2, door_has_dropped);
+      default:
+        return;
+    }
+  }
+
+ private:
+  void start() {
+    process_.start(command_);
+    wait_for(door_is_ready);
+  }
+  void signal(int number, const char* answer) {
+    process_.signal(number);
+    wait_for(answer);
+  }
+  void wait_for(const char* answer) {
+    if (!process_.says(answer)) {
+      throw std::runtime_error("a door has ended: " + addr());
+    }
+  }
+
+  std::unique_ptr<DownServer> port_;
+  std::string command_;
+  ServerProcess process_;
+};
+
+class CommandVictim : public Victim {
+ public:
+  CommandVictim(std::string addr, std::string command)
+      : Victim(std::move(addr)), command_(std::move(command)) {}
+  void strike(Fault /*fault*/) override { run("down"); }
+  void mend(Fault /*fault*/) override { run("up"); }
+
+ private:
+  void run(const std::string& what) const {
+    const std::string line = command_ + ' ' + what + ' ' + addr();
+    if (std::system(line.c_str()) != 0) {  // NOLINT: the operator's own command line
+      throw std::runtime_error("failed: " + line);
+    }
+  }
+
+  std::string command_;
+};
+
+std::string server_settings(const Settings& settings) {
+  std::ostringstream lines;
+  lines << "p_connect_num = " << settings.connections << '\n';
+  for (const char* pool : {"p", "t", "ps"}) {
+    lines << pool << "_server_retry_timeout = " << settings.retry_timeout_s << '\n';
+    if (settings.password) {
+      lines << pool << "_password = " << password << '\n';
+    }
+  }
+  return lines.str();
+}
+
+}  // namespace
+
+OwnServers::OwnServers(const Settings& settings) {
+  site_.settings = settings;
+  std::array<std::string, pool_count> addrs;
+  for (std::size_t pool = 0; pool < pool_count; ++pool) {
+    redis_[pool] = std::make_unique<RedisServer>(
+        settings.password ? std::string("--requirepass ") + password : "");
+    for (int door = 0; door < 2; ++door) {
+      site_.pools[pool].push_back(
+          std::make_unique<OwnDoor>(std::make_unique<DownServer>(), redis_[pool]->port()));
+      addrs[pool] += (door > 0 ? "," : "") + site_.pools[pool].back()->addr();
+    }
+  }
+  config_.emplace("connect_timeout = " + std::to_string(settings.connect_timeout_ms) +
+                      "\nsocket_timeout = " + std::to_string(settings.socket_timeout_ms) + '\n' +
+                      pools_at(addrs[0], addrs[1], addrs[2]),
+                  server_settings(settings));
+  site_.config = config_->path();
+}
+
+Site configured_site(const std::string& config, const std::string& command) {
+  vop_config reader;
+  const char* path = nullptr;
+  if (reader.open(config.c_str()) != 0 ||
+      (path = reader.get_str_val("redis_cfg", "redis_cfg_path")) == nullptr ||
+      reader.open(std::string(path).c_str()) != 0) {
+    throw std::runtime_error("cannot read the configuration " + config);
+  }
+  Site site;
+  site.config = config;
+  site.settings.connect_timeout_ms = reader.get_int_val("common", "connect_timeout", 100);
+  site.settings.socket_timeout_ms = reader.get_int_val("common", "socket_timeout", 100);
+  site.settings.connections = reader.get_int_val("server", "p_connect_num", 1);
+  if (site.settings.connect_timeout_ms < 1 || site.settings.socket_timeout_ms < 1 ||
+      site.settings.connections < 1) {
+    throw std::runtime_error("connect_timeout, socket_timeout and p_connect_num must be above 0");
+  }
+  site.settings.retry_timeout_s = 0;
+  for (const char* key :
+       {"p_server_retry_timeout", "t_server_retry_timeout", "ps_server_retry_timeout"}) {
+    site.settings.retry_timeout_s =
+        std::max(site.settings.retry_timeout_s, reader.get_int_val("server", key, 30));
+  }
+  const std::array keys{"temp_server", "persist_server", "personality_server"};
+  for (std::size_t pool = 0; pool < pool_count; ++pool) {
+    const char* addrs = reader.get_str_val("common", keys[pool]);
+    std::istringstream list(addrs != nullptr ? addrs : "");
+    for (std::string addr; std::getline(list, addr, ',');) {
+      site.pools[pool].push_back(std::make_unique<CommandVictim>(addr, command));
+    }
+    if (site.pools[pool].empty()) {
+      throw std::runtime_error(std::string("the configuration names no ") + keys[pool]);
+    }
+  }
+  return site;
+}

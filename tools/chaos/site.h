@@ -1,0 +1,63 @@
+// The servers that a run works on: its own throwaway ones, or an operator's.
+#ifndef RUVO_TOOLS_CHAOS_SITE_H
+#define RUVO_TOOLS_CHAOS_SITE_H
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox.h"
+
+constexpr std::size_t pool_count = 3;
+
+struct Settings {
+  int connect_timeout_ms = 400;
+  int socket_timeout_ms = 400;
+  int retry_timeout_s = 2;
+  int connections = 8;  // to each server
+  bool password = false;
+};
+
+enum Fault { killed, stopped, paused, reset, fault_count };
+constexpr std::array<const char*, fault_count> fault_names{"kill", "stop", "pause", "reset"};
+
+// A server of a pool, as far as the run can do something to it.
+class Victim : NoCopy {
+ public:
+  explicit Victim(std::string addr) : addr_(std::move(addr)) {}
+  virtual ~Victim() = default;
+  const std::string& addr() const { return addr_; }
+  // Both return when it has happened, and throw std::runtime_error when it cannot be done.
+  virtual void strike(Fault fault) = 0;
+  virtual void mend(Fault fault) = 0;
+
+ private:
+  std::string addr_;
+};
+
+struct Site {
+  std::string config;
+  Settings settings;
+  std::array<std::vector<std::unique_ptr<Victim>>, pool_count> pools;
+  std::size_t all_servers() const { return pools[0].size() + pools[1].size() + pools[2].size(); }
+};
+
+// A Redis for each pool and two doors before it. Starts processes that end with the calling thread.
+class OwnServers {
+ public:
+  explicit OwnServers(const Settings& settings);
+  Site& site() { return site_; }
+
+ private:
+  std::array<std::unique_ptr<RedisServer>, pool_count> redis_;
+  std::optional<HostConfig> config_;
+  Site site_;
+};
+
+// What a host's configuration names. `command`, when it is not empty, is run to take a server down
+// and to bring it back: "COMMAND down 127.0.0.1:7001", "COMMAND up 127.0.0.1:7001".
+Site configured_site(const std::string& config, const std::string& command);
+
+#endif

@@ -1,0 +1,34 @@
+// What the library's log tells of walks over servers: of the call that a thread is in, and of the
+// ejections of all. Servers are named "ip:port".
+#ifndef RUVO_TOOLS_CHAOS_WALK_LOG_H
+#define RUVO_TOOLS_CHAOS_WALK_LOG_H
+
+#include <set>
+#include <string>
+#include <vector>
+
+struct Walk {
+  std::vector<std::string> rebuilds;     // broken connections that were to be rebuilt
+  std::vector<std::string> failed;       // those of them that could not be
+  std::vector<std::string> passed_over;  // servers that were ejected
+};
+
+struct Ejections {
+  long ejections = 0;
+  long retries = 0;
+  long ended_by_rebuild = 0;      // a visit that was under way found the server well again
+  std::set<std::string> present;  // servers that are ejected
+};
+
+// From now on the log is read here, and written to `path` unless that is empty. False when it
+// cannot be written.
+bool open_walk_log(const std::string& path);
+void close_walk_log();
+
+void begin_walk();           // of this thread
+const Walk& current_walk();  // of this thread
+void end_walk();
+
+Ejections ejections();
+
+#endif
