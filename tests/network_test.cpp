@@ -42,7 +42,7 @@ class FullServer : public DownServer {
     addr.sin_port = htons(static_cast<std::uint16_t>(port()));
     for (int& fd : waiting_) {
       fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+      [[maybe_unused]] const int pending = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     }
   }
   ~FullServer() {
@@ -56,8 +56,8 @@ class FullServer : public DownServer {
 struct Row {
   const char* what;
   ScriptedServer::Script server;
-  int alone;             // the result where there is no other server; with a good one it is 0
   milliseconds least;    // what a visit costs by the operations guide
+  int alone;             // the result where there is no other server; with a good one it is 0
   bool in_bound = true;  // long replies may take up to S for each piece: no bound holds
 };
 
@@ -99,21 +99,21 @@ class Network : public testing::Test {
 
 TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
   const Row rows[] = {
-      {"is slow", each([](Peer& peer) { std::this_thread::sleep_for(S / 2), peer.send(reply); }), 0, S / 2},
+      {"is slow", each([](Peer& peer) { std::this_thread::sleep_for(S / 2), peer.send(reply); }), S / 2, 0},
       {"is slower than the time-out", each([](Peer& peer) { std::this_thread::sleep_for(3 * S), peer.send(reply); }),
-       -1, 2 * S},
-      {"drips, in time", each([](Peer& peer) { peer.drip(reply, milliseconds(5)); }), 0, milliseconds(5) * 60},
-      {"drips for longer than the bound", each([](Peer& peer) { peer.drip(reply, milliseconds(25)); }), 0, bound(1),
+       2 * S, -1},
+      {"drips, in time", each([](Peer& peer) { peer.drip(reply, milliseconds(5)); }), milliseconds(5) * 60, 0},
+      {"drips for longer than the bound", each([](Peer& peer) { peer.drip(reply, milliseconds(25)); }), bound(1), 0,
        false},
-      {"drips, too slowly", each([](Peer& peer) { peer.drip(reply.substr(0, 2), 3 * S); }), -1, 2 * S},
-      {"cuts the reply", [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)); }, -1, {}},
+      {"drips, too slowly", each([](Peer& peer) { peer.drip(reply.substr(0, 2), 3 * S); }), 2 * S, -1},
+      {"cuts the reply", [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)); }, {}, -1},
       {"resets in the reply",
        [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)), peer.reset(); },
-       -1,
-       {}},
-      {"resets before the reply", [](Peer& peer) { peer.read_command(), peer.reset(); }, -1, {}},
-      {"resets at once", [](Peer& peer) { peer.reset(); }, -1, {}},
-      {"swallows everything", [](Peer& peer) { peer.hang(); }, -1, 2 * S},
+       {},
+       -1},
+      {"resets before the reply", [](Peer& peer) { peer.read_command(), peer.reset(); }, {}, -1},
+      {"resets at once", [](Peer& peer) { peer.reset(); }, {}, -1},
+      {"swallows everything", [](Peer& peer) { peer.hang(); }, 2 * S, -1},
   };
   constexpr milliseconds no_bound = std::chrono::hours(1);
   for (const Row& row : rows) {

@@ -54,7 +54,10 @@ void Worker::start_afresh() {
   on_track_ = true;
 }
 
-std::string Worker::key(const char* kind) const { return std::string(kind) + ':' + name_; }
+// The pool is part of it: pools may share a server, and a raw command may reach another pool.
+std::string Worker::key(const char* kind) const {
+  return std::string(kind) + ':' + std::to_string(pool_) + ':' + name_;
+}
 
 // Bytes that tell whose they are and how old, zero bytes among them, of a length that varies.
 std::string Worker::text_for(const char* kind, int round) const {
@@ -237,9 +240,9 @@ void Worker::tag_friends(int round) {
 }
 
 // Any command: the reply is hiredis' own. One whose server fails may go on in another pool, so what
-// it found there is asked for again; the key names its pool, lest the notes of two pools mix.
+// it found there is asked for again.
 void Worker::ask_anything(int round) {
-  const std::string note = key("note") + ':' + std::to_string(pool_);
+  const std::string note = key("note");
   const std::string text = text_for("note", round);
   for (int tries = 0; tries < raw_tries; ++tries) {
     bool strayed = false;

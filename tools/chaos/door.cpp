@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -78,7 +79,7 @@ class Door {
     const sockaddr_in addr = loopback(port);
     if (bind(listener_, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0 ||
         listen(listener_, waiting_connections) != 0) {
-      std::perror("door");
+      std::fprintf(stderr, "door: %s\n", std::generic_category().message(errno).c_str());
       return false;
     }
     continued_ = eventfd(0, EFD_CLOEXEC);
@@ -89,7 +90,7 @@ class Door {
     for (const int signal : {SIGUSR1, SIGUSR2, SIGHUP}) {
       sigaddset(&commands, signal);
     }
-    sigprocmask(SIG_BLOCK, &commands, nullptr);
+    pthread_sigmask(SIG_BLOCK, &commands, nullptr);
     commands_ = signalfd(-1, &commands, SFD_CLOEXEC);
     struct sigaction action {};
     action.sa_handler = cut_all;
