@@ -20,14 +20,16 @@ build/bench/bench/ruvo_bench --csv "$folder/performance.csv" "$@"
 cd "$folder"
 gnuplot <<'PLOT'
 set datafile separator ","
-set terminal svg size 900,400 font "sans,13" background "white"
+set datafile missing NaN
+set terminal svg size 900,450 font "sans,13" background "white"
 set grid
 set logscale x 2
 set xrange [0.9:70]
 set xtics (1, 2, 4, 16, 64)
 set xlabel "threads"
 sides = "library hiredis pool"
-titles = "'the library' 'bare hiredis, a connection for each thread' 'hand-written pool'"
+titles = "'library' 'bare hiredis' 'hand-written pool'"
+set key below
 # One operation at 100 B by one side, with so many connections (0: as many as threads); others are no
 # numbers and are left out.
 of(name, side, connections, value) = strcol(1) eq name && column(2) == 100 && strcol(5) eq "WARN" \
@@ -35,7 +37,6 @@ of(name, side, connections, value) = strcol(1) eq name && column(2) == 100 && st
 
 set output "performance_throughput.svg"
 set multiplot layout 1,2 title "GET of 100 B, calls per second, thousands: median and quartiles"
-set key bottom right font ",11"
 set yrange [0:*]
 do for [connections in "0 4"] {
   set title (connections eq "0" ? "as many connections as threads" : "4 connections")
@@ -47,9 +48,8 @@ unset multiplot
 
 set output "performance_latency.svg"
 set multiplot layout 1,2 title "Latency of GET and SET of 100 B, microseconds, as many connections as threads"
-set key top left font ",11"
 set logscale y
-set yrange [*:*]
+set yrange [10:*]
 do for [name in "GET SET"] {
   set title name . ": median, and 99th percentile (dashed)"
   plot for [i = 1:3] "performance.csv" using 3:(of(name, word(sides, i), 0, column(15))) \
