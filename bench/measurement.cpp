@@ -109,7 +109,7 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
     log.emplace();
   }
   const Library library(redis.addr(), one.connections);
-  BareConnections bare(redis.port(), one.threads);
+  BareConnections bare(redis.port(), one.threads, pace.bare_time_out);
   HandWrittenPool pool(redis.port(), one.connections);
   const Operation& operation = *one.operation;
 

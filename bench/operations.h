@@ -21,7 +21,10 @@ struct ContextDeleter {
 };
 using Context = std::unique_ptr<redisContext, ContextDeleter>;
 
-Context connect_to(int port);
+// A read or write on the connection ends after this time; a loaded machine does not reach it.
+constexpr int time_out_seconds = 10;
+enum class TimeOut { none, set };
+Context connect_to(int port, TimeOut time_out = TimeOut::none);
 
 // What a call promises its caller beside the result code: the library hands values out as copies.
 enum class HandsOut { nothing, buffer, text, texts };

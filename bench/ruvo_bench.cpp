@@ -38,6 +38,7 @@ struct Options {
   std::vector<std::size_t> connections;
   std::size_t rounds = 41;
   std::size_t slice_ms = 15;
+  bool bare_time_outs = false;
   std::string csv;
 };
 
@@ -276,6 +277,8 @@ int run(int argc, char** argv) {
   app.add_option("--slice", options.slice_ms, "Milliseconds of a slice")
       ->check(CLI::Range(1, 10000))
       ->capture_default_str();
+  app.add_flag("--bare-time-outs", options.bare_time_outs,
+               "Give bare hiredis the time-outs that the library and the pool have");
   app.add_option("--csv", options.csv, "File for all figures");
   CLI11_PARSE(app, argc, argv);
 
@@ -283,7 +286,8 @@ int run(int argc, char** argv) {
   const RedisServer redis;
   Operations operations(redis);
   Csv csv(options.csv);
-  const Pace pace{options.rounds, std::chrono::milliseconds(options.slice_ms)};
+  const Pace pace{options.rounds, std::chrono::milliseconds(options.slice_ms),
+                  options.bare_time_outs ? TimeOut::set : TimeOut::none};
   std::printf(
       "medians of %zu rounds, slices of %zu ms; [quartiles]; "
       "CPU us: of the library more than of hiredis, for each call\n",

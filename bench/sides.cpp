@@ -17,15 +17,16 @@ void to_file(BaseLib::Logger::LogLevel, const char* line, std::size_t length) {
 
 }  // namespace
 
-BareConnections::BareConnections(int port, std::size_t threads) : contexts_(threads) {
+BareConnections::BareConnections(int port, std::size_t threads, TimeOut time_out)
+    : contexts_(threads) {
   for (Context& context : contexts_) {
-    context = connect_to(port);
+    context = connect_to(port, time_out);
   }
 }
 
 HandWrittenPool::HandWrittenPool(int port, std::size_t connections) : connections_(connections) {
   for (Connection& connection : connections_) {
-    connection.context = connect_to(port);
+    connection.context = connect_to(port, TimeOut::set);
   }
 }
 
@@ -41,9 +42,9 @@ void HandWrittenPool::run(const Operation& operation) {
   }
 }
 
-// Time-outs that a loaded machine does not reach: a command that is sent again is another one.
 Library::Library(const std::string& addr, std::size_t connections)
-    : config_("connect_timeout = 10000\nsocket_timeout = 10000\n" + pools_at(addr, addr, addr),
+    : config_("connect_timeout = 10000\nsocket_timeout = " +
+                  std::to_string(time_out_seconds * 1000) + "\n" + pools_at(addr, addr, addr),
               "p_connect_num = " + std::to_string(connections)) {
   using BaseLib::Logger;
   const QuietConsole quiet;

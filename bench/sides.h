@@ -16,10 +16,10 @@ inline constexpr std::array sides{Side::library, Side::hiredis, Side::pool};
 inline constexpr std::array side_names{"library", "hiredis", "pool"};
 
 // The limit: hiredis alone, on a connection that no other thread uses. The result stays in the
-// reply.
+// reply. Without time-outs, as hiredis begins.
 class BareConnections : NoCopy {
  public:
-  BareConnections(int port, std::size_t threads);
+  BareConnections(int port, std::size_t threads, TimeOut time_out);
   void run(const Operation& operation, std::size_t thread) {
     run_bare(operation, *contexts_[thread]);
   }
@@ -29,7 +29,8 @@ class BareConnections : NoCopy {
 };
 
 // The floor: the plainest pool that one could write by hand. Connections in turn, each behind a
-// mutex; a value is copied out for the caller after the mutex is free again, as the library does.
+// mutex; a value is copied out for the caller after the mutex is free again, as the library does,
+// and the sockets have time-outs, as the library's. It does not mend what breaks.
 class HandWrittenPool : NoCopy {
  public:
   HandWrittenPool(int port, std::size_t connections);
