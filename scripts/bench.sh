@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Measures the library beside bare hiredis and a hand-written pool, and draws what it found.
+# bench/tables.py makes the tables of docs/performance.md of it.
 #
 #   scripts/bench.sh [FOLDER] [OPTION...]
 #       FOLDER   where performance.csv and the pictures go (build/plots); docs for those of the guide
