@@ -2,10 +2,10 @@
 // Redis that the benchmark starts. Each round gives each side a short slice of time; the ratios are
 // taken round by round, and the table shows their median and quartiles.
 //
-//   ruvo_bench                    what the aims ask for, in some minutes
-//   ruvo_bench --full             every operation, thread count, connect number and size: half an
-//   hour and more ruvo_bench --operation GET --bytes 100 --threads 4 --connections 4      --help
-//   lists the rest
+//   ruvo_bench             what the aims ask for, in some minutes
+//   ruvo_bench --full      every operation, thread count, connect number and size
+//   ruvo_bench --operation GET --bytes 100 --threads 4 --connections 4
+//   ruvo_bench --help      lists the rest
 #include <stream_log/logger.h>
 
 #include <CLI/CLI.hpp>
