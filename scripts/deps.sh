@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs from Debian what this machine lacks; does nothing when all is there.
 #
-#   scripts/deps.sh [build] [run] [test] [check] [plot]     (no argument: all groups)
+#   scripts/deps.sh [build] [run] [test] [bench] [check] [plot]     (no argument: all groups)
 #
 #   build  compiler, build tools, hiredis and ACE
 #   run    Redis and the proxy that the demo starts
-#   test   Redis, the proxy, GoogleTest and Google Benchmark
+#   test   Redis, the proxy, GoogleTest
+#   bench  Redis, valgrind and gnuplot, for the benchmark, its pictures and the count of instructions
 #   check  format, tidy and static checks, fuzzing, reference, manual pages, packages, what the guides show
 #   plot   the pictures of docs/scaling.md
 set -euo pipefail
@@ -13,13 +14,14 @@ set -euo pipefail
 declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev libffi-dev"
   [run]="redis-server nutcracker"
-  [test]="redis-server nutcracker libgtest-dev libbenchmark-dev binutils"
+  [test]="redis-server nutcracker libgtest-dev binutils"
+  [bench]="redis-server valgrind gnuplot-nox python3"
   [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck doxygen mandoc dpkg-dev file binutils
            debootstrap python3 libspdlog-dev"
   [plot]="gnuplot-nox"
 )
 groups=("$@")
-[ ${#groups[@]} -gt 0 ] || groups=(build run test check plot)
+[ ${#groups[@]} -gt 0 ] || groups=(build run test bench check plot)
 
 missing=()
 for group in "${groups[@]}"; do

@@ -1,0 +1,158 @@
+#!/usr/bin/env python3
+"""Tells whose the instructions of a call are, from the dumps of call_script under callgrind.
+
+    bench/instructions.py FOLDER [--record] [--functions OPERATION]
+
+FOLDER holds the dumps. Prints a table and compares the library's share with bench/instructions.txt;
+ends with status 1 when one has grown by more than the margin. --record writes that file instead,
+--functions lists the library's functions in one operation too.
+"""
+import argparse
+import re
+import sys
+from collections import Counter
+from pathlib import Path
+
+CALLS = 100  # of each operation, as call_script makes them
+MARGIN = 0.05
+RECORD = Path(__file__).with_name("instructions.txt")
+
+# The objects, by the beginnings of their names. What is left is the C library: libc with the
+# threads, libstdc++, the loader.
+OWNERS = {"libruvo": "library", "libstream_log": "library", "libACE": "ACE",
+          "libhiredis": "hiredis", "call_script": "program"}
+
+
+def owner_of(path):
+    name = Path(path).name
+    return next((owner for begin, owner in OWNERS.items() if name.startswith(begin)), "C library")
+
+
+def read_dump(path):
+    """What a dump counts: its name, the instructions of each owner, and those of the library's
+    functions. Those of the C library are put down to who called it."""
+    names = {}
+
+    def named(kind, text):
+        match = re.match(r"\((\d+)\)(?: (.*))?$", text)
+        if match[2]:
+            names[kind, match[1]] = match[2]
+        return names[kind, match[1]]
+
+    operation = None
+    owner = function = called = None
+    expects_inclusive = False
+    counts, functions = Counter(), Counter()
+    for line in path.read_text().splitlines():
+        if match := re.match(r"desc: Trigger: Client Request: (.*)", line):
+            operation = match[1]
+        elif line.startswith("ob="):
+            owner = owner_of(named("ob", line[3:]))
+        elif line.startswith("fn="):
+            function = named("fn", line[3:])
+            called = owner
+        elif line.startswith("cob="):
+            called = owner_of(named("ob", line[4:]))
+        elif line.startswith("cfn="):
+            named("fn", line[4:])
+        elif line.startswith("calls="):
+            expects_inclusive = True
+        elif re.match(r"[+*\d-]", line):
+            cost = int(line.split()[1])
+            if expects_inclusive:
+                if called == "C library" and owner != "C library":
+                    counts["C library for " + owner] += cost
+                called = owner
+                expects_inclusive = False
+            else:
+                counts[owner] += cost
+                if owner == "library":
+                    functions[function] += cost
+    return operation, counts, functions
+
+
+def read_dumps(folder):
+    """The dumps by side and operation."""
+    dumps = {}
+    for path in folder.glob("dump.*"):
+        operation, counts, functions = read_dump(path)
+        if operation:
+            side, name = operation.split(" ", 1)
+            dumps[side, name] = (int(path.suffix[1:]), counts, functions)
+    return dict(sorted(dumps.items(), key=lambda dump: dump[1][0]))
+
+
+def shares(counts):
+    """For each call: the library's code, that of others which it calls, hiredis with what it calls."""
+    own = counts["library"]
+    called = counts["ACE"] + counts["C library for library"] + counts["C library for ACE"]
+    hiredis = counts["hiredis"] + counts["C library for hiredis"]
+    return tuple(round(count / CALLS) for count in (own, called, hiredis))
+
+
+def print_table(dumps):
+    print(f"{'instructions for each call':28}{'library':>9}{'it calls':>9}{'hiredis':>9}"
+          f"{'bare hiredis':>14}{'added':>8}")
+    for (side, name), (_, counts, _) in dumps.items():
+        if side == "hiredis":
+            continue
+        own, called, hiredis = shares(counts)
+        bare = shares(dumps["hiredis", name][1])[2]
+        title = name if side == "library" else f"{name}, log at {side}"
+        print(f"{title:28}{own:9}{called:9}{hiredis:9}{bare:14}{own + called + hiredis - bare:8}")
+
+
+def print_functions(functions):
+    for function, cost in functions.most_common():
+        if cost >= CALLS:
+            print(f"{cost / CALLS:9.0f}  {function}")
+
+
+def recorded():
+    lines = [line.rsplit(None, 2) for line in RECORD.read_text().splitlines()
+             if line and not line.startswith("#")]
+    return {name: (int(own), int(called)) for name, own, called in lines}
+
+
+def compare(found):
+    """What has grown, as lines."""
+    before = recorded()
+    for name, now in found.items():
+        if name not in before:
+            yield f"{name}: not in {RECORD.name}"
+            continue
+        for what, count, limit in zip(("the library's code", "what it calls"), now, before[name]):
+            if count > limit * (1 + MARGIN):
+                yield f"{name}: {what} takes {count} instructions, {limit} are recorded"
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("folder", type=Path)
+    parser.add_argument("--record", action="store_true")
+    parser.add_argument("--functions", metavar="OPERATION")
+    options = parser.parse_args()
+
+    dumps = read_dumps(options.folder)
+    print_table(dumps)
+    if options.functions:
+        print(f"\nthe library's functions in {options.functions}")
+        print_functions(dumps["library", options.functions][2])
+    found = {name: shares(counts)[:2] for (side, name), (_, counts, _) in dumps.items()
+             if side == "library"}
+    if not found:
+        sys.exit("no dumps")
+    if options.record:
+        lines = [f"{name:12} {own:6} {called:6}" for name, (own, called) in found.items()]
+        RECORD.write_text("# Instructions for each call, at 100 B, log at WARN: the library's own code,"
+                          "\n# and ACE and the C library when it calls them. Written by"
+                          "\n# scripts/count_instructions.sh --record.\n" + "\n".join(lines) + "\n")
+        return
+    if grown := list(compare(found)):
+        print("\n".join(["", *grown]))
+        sys.exit(f"more than {MARGIN:.0%}; if it must be: scripts/count_instructions.sh --record")
+    print(f"none has grown by more than {MARGIN:.0%} over {RECORD.name}")
+
+
+if __name__ == "__main__":
+    main()

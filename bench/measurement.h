@@ -1,0 +1,47 @@
+// Measures one case: an operation at a number of threads and connections, on each side in turn.
+#ifndef RUVO_BENCH_MEASUREMENT_H
+#define RUVO_BENCH_MEASUREMENT_H
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+#include "latency_histogram.h"
+#include "operations.h"
+#include "sides.h"
+
+struct Case {
+  const Operation* operation;
+  std::size_t threads;
+  std::size_t connections;  // of the library and the hand-written pool; hiredis has one per thread
+  bool info_log = false;  // the library logs at INFO to a file; otherwise at WARN, which is silent
+};
+
+struct Pace {
+  std::size_t rounds;
+  std::chrono::milliseconds slice;  // of each side in each round
+  TimeOut bare_time_out;            // whether hiredis gets the time-outs of the others
+};
+
+// A middle value and the quarters that lie below and above.
+struct Spread {
+  double median = 0;
+  double lower = 0;
+  double upper = 0;
+};
+Spread spread_of(std::vector<double> values);
+
+struct SideResult {
+  Spread calls_per_second;
+  Spread cpu_us;             // of the calling threads, user and system, for each call
+  Spread ratio;              // the library's rate over this side's, of each round
+  Spread cpu_us_less;        // the library's processor time less this side's, of each round
+  LatencyHistogram latency;  // all rounds, nanoseconds
+};
+
+using Result = std::array<SideResult, sides.size()>;
+
+Result measure(const Case& one, const RedisServer& redis, const Pace& pace);
+
+#endif

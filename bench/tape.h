@@ -1,0 +1,33 @@
+// Takes the network away from a program: what a server has answered once is answered again from
+// memory, without a system call. What is left is the time and the instructions of user space, and
+// each run has the same.
+//
+// It stands in for read(2), write(2) and send(2) of the whole program, shared libraries included.
+// Use it in a single thread.
+#ifndef RUVO_BENCH_TAPE_H
+#define RUVO_BENCH_TAPE_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+class Tape {
+ public:
+  // What is read from now on is kept, a reply for each command that is sent.
+  void record();
+  // From now on commands are swallowed, and the replies come in turn, over and over.
+  void play();
+  // From now on everything goes to the system again.
+  static void stop();
+
+  void sent();
+  void received(const char* bytes, std::size_t length);
+  std::size_t next(char* buffer, std::size_t size);
+
+ private:
+  std::vector<std::string> replies_;
+  std::size_t reply_ = 0;
+  std::size_t position_ = 0;  // in the reply
+};
+
+#endif
