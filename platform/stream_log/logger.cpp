@@ -8,9 +8,10 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
+#include <cstring>
 #include <ctime>
-#include <string>
+#include <string_view>
 
 namespace BaseLib {
 namespace {
@@ -25,37 +26,76 @@ void write_to_stderr(Logger::LogLevel, const char* line, std::size_t length) {
 
 std::atomic<Logger::Output> current_output{write_to_stderr};
 
-const char* level_name(Logger::LogLevel level) {
-  static constexpr std::array names{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+std::string_view level_name(Logger::LogLevel level) {
+  static constexpr std::array<std::string_view, 6> names{"TRACE", "DEBUG", "INFO",
+                                                         "WARN",  "ERROR", "FATAL"};
   const auto index = static_cast<std::size_t>(level);
   return names[std::min(index, names.size() - 1)];
 }
 
-// "YYYY-MM-DD hh:mm:ss.uuuuuu TID LEVEL file:line "
-std::string line_head(Logger::LogLevel level, const char* file, int line) {
-  timeval now{};
-  gettimeofday(&now, nullptr);
-  tm local{};
-  localtime_r(&now.tv_sec, &local);
-  std::array<char, 32> date{};
-  const std::size_t date_length =
-      std::strftime(date.data(), date.size(), "%Y-%m-%d %H:%M:%S", &local);
-  std::array<char, 64> rest{};
-  const int rest_length =
-      std::snprintf(rest.data(), rest.size(), ".%06ld %d %s ", static_cast<long>(now.tv_usec),
-                    static_cast<int>(gettid()), level_name(level));
-  return std::string(date.data(), date_length)
-      .append(rest.data(), static_cast<std::size_t>(rest_length))
-      .append(file)
-      .append(":")
-      .append(std::to_string(line))
-      .append(" ");
+constexpr std::size_t date_space = 32;
+
+// "YYYY-MM-DD hh:mm:ss", local time. Changes once a second, and each thread keeps its own: making
+// it costs more than the rest of the head.
+std::string_view date_text(std::time_t second) {
+  struct Date {
+    std::time_t second = -1;
+    std::array<char, date_space> text{};
+    std::size_t length = 0;
+  };
+  thread_local Date date;
+  if (date.second != second) {
+    tm local{};
+    localtime_r(&second, &local);
+    date.length = std::strftime(date.text.data(), date.text.size(), "%Y-%m-%d %H:%M:%S", &local);
+    date.second = second;
+  }
+  return {date.text.data(), date.length};
 }
+
+// A text that is put together from pieces, in a place that holds the longest.
+class Head {
+ public:
+  Head& add(std::string_view text) {
+    end_ = std::copy(text.begin(), text.end(), end_);
+    return *this;
+  }
+  Head& add(long number) {
+    end_ = std::to_chars(end_, text_.data() + text_.size(), number).ptr;
+    return *this;
+  }
+  Head& add_microseconds(long number) {
+    for (long unit = 100000; unit > 0; unit /= 10) {
+      *end_++ = static_cast<char>('0' + number / unit % 10);
+    }
+    return *this;
+  }
+  void write_to(std::ostream& stream) const { stream.write(text_.data(), end_ - text_.data()); }
+
+ private:
+  std::array<char, date_space + 64> text_{};
+  char* end_ = text_.data();
+};
 
 }  // namespace
 
-Logger::Logger(SourceFile file, int line, LogLevel level)
-    : file_(file), line_(line), level_(level) {}
+// The head of the line: "YYYY-MM-DD hh:mm:ss.uuuuuu TID LEVEL file:line ".
+Logger::Logger(SourceFile file, int line, LogLevel level) : level_(level) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  Head()
+      .add(date_text(now.tv_sec))
+      .add(".")
+      .add_microseconds(now.tv_usec)
+      .add(" ")
+      .add(static_cast<long>(gettid()))
+      .add(" ")
+      .add(level_name(level))
+      .add(" ")
+      .write_to(stream_);
+  stream_.write(file.name(), static_cast<std::streamsize>(std::strlen(file.name())));
+  Head().add(":").add(static_cast<long>(line)).add(" ").write_to(stream_);
+}
 
 Logger::~Logger() {
   const int saved_errno = errno;  // a log line must not change what its caller is about to look at
@@ -63,8 +103,11 @@ Logger::~Logger() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   try {
-    const std::string text = line_head(level_, file_.name(), line_) + stream_.str() + '\n';
-    current_output.load(std::memory_order_acquire)(level_, text.data(), text.size());
+    stream_.clear();  // whatever the host has put into it
+    if (stream_.put('\n').put('\0')) {
+      const std::string_view line = stream_.view();
+      current_output.load(std::memory_order_acquire)(level_, line.data(), line.size() - 1);
+    }
   } catch (...) {
     // No memory for the line: it is dropped, the host goes on.
   }

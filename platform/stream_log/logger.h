@@ -84,10 +84,8 @@ class __attribute__((visibility("default"))) Logger {
   static void setOutput(Output output);
 
  private:
-  SourceFile file_;
-  int line_;
   LogLevel level_;
-  std::ostringstream stream_;
+  std::ostringstream stream_;  // the line: its head from the beginning, then the text
 };
 
 }  // namespace BaseLib

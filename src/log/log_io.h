@@ -15,6 +15,7 @@
 #define RUVO_LOG_IO_H
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -213,12 +214,20 @@ class Log_IO_FILE : public Log_IO {
     return errno;
   }
 
-  /// What cannot be sought in, a pipe say, is at its end.
+  /// The file appends, so a stream that is being written to is at its end; one that was read from,
+  /// by way of handle(), is sought there. What cannot be sought in, a pipe say, is at its end.
+  /// Either way what was written before goes to the file first: in a single write of its own, so
+  /// that the records of several processes do not mix.
   bool to_end() {
-    if (file_ != nullptr) {
+    if (file_ == nullptr) {
+      return false;
+    }
+    if (__fwriting(file_) != 0) {
+      std::fflush(file_);  // a seek would also read the file anew, for four system calls more
+    } else {
       std::fseek(file_, 0, SEEK_END);
     }
-    return file_ != nullptr;
+    return true;
   }
 
   /// What is still buffered goes to the file first, so that it does not land behind the truncation.

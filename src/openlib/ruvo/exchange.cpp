@@ -17,8 +17,8 @@ void set_error(redisContext& context, int type, const char* text) {
   context.errstr[sizeof(context.errstr) - 1] = '\0';
 }
 
-// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed, and
-// in a host with the default disposition that ends the process. So the library writes itself: a
+// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed,
+// and in a host with the default disposition that ends the process. So the library writes itself: a
 // send(2) can be told not to raise the signal, which costs nothing, where blocking and consuming it
 // would cost two system calls for each command.
 bool send_whole(redisContext& context, const char* bytes, std::size_t length) {
