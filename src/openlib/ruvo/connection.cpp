@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <limits>
+#include <utility>
 
 #include "log_line.h"
 
@@ -23,8 +24,11 @@ void limit_arrays(redisReader& reader) {
   static const redisReplyObjectFunctions standard = *reader.fn;
   static redisReplyObjectFunctions limited = [] {
     redisReplyObjectFunctions functions = standard;
-    functions.createArray = [](const redisReadTask* task, int elements) -> void* {
-      return elements <= max_array_elements ? standard.createArray(task, elements) : nullptr;
+    // The type of the number differs between versions of hiredis.
+    functions.createArray = [](const redisReadTask* task, auto elements) -> void* {
+      return std::cmp_less_equal(elements, max_array_elements)
+                 ? standard.createArray(task, elements)
+                 : nullptr;
     };
     return functions;
   }();
