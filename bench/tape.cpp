@@ -63,6 +63,7 @@ std::size_t Tape::next(char* buffer, std::size_t size) {
 }
 
 // In place of the C library's own: exported, so that the shared libraries find these.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 __attribute__((visibility("default"))) ssize_t read(int fd, void* buffer, size_t size) {
@@ -86,3 +87,4 @@ __attribute__((visibility("default"))) ssize_t send(int fd, const void* buffer, 
                          [=] { return syscall(SYS_sendto, fd, buffer, size, flags, nullptr, 0); });
 }
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

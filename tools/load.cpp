@@ -250,6 +250,7 @@ Outcome run(const Options& options, const LoadOptions& load_options, const Mix& 
   const Clock::time_point begin = Clock::now();
   {
     std::vector<std::jthread> threads;
+    threads.reserve(workers.size());
     for (Worker& worker : workers) {
       threads.emplace_back([&worker](const std::stop_token& stop) { worker.work(stop); });
     }

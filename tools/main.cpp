@@ -276,7 +276,8 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   hold_standard_streams();
-  std::signal(SIGPIPE, SIG_IGN);  // an output that nobody reads is an error that is told
+  static_cast<void>(
+      std::signal(SIGPIPE, SIG_IGN));  // an output that nobody reads is an error that is told
   try {
     return run(argc, argv);
   } catch (const Failure& failure) {

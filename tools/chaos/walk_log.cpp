@@ -38,7 +38,7 @@ void take_line(BaseLib::Logger::LogLevel /*level*/, const char* text, std::size_
   const std::string_view line(text, length);
   const std::scoped_lock lock(mutex);
   if (file != nullptr) {
-    std::fwrite(text, 1, length, file);
+    static_cast<void>(std::fwrite(text, 1, length, file));
   }
   if (std::string server = server_in(line, "| reset connection,ip:", ""); !server.empty()) {
     walk.rebuilds.push_back(std::move(server));
@@ -68,7 +68,7 @@ bool open_walk_log(const std::string& path) {
 void close_walk_log() {
   BaseLib::Logger::setOutput(nullptr);
   if (file != nullptr) {
-    std::fclose(file);
+    static_cast<void>(std::fclose(file));
   }
 }
 
