@@ -40,6 +40,7 @@ struct Options {
   std::size_t rounds = 41;
   std::size_t slice_ms = 15;
   bool bare_time_outs = false;
+  bool info_log = false;
   std::string csv;
 };
 
@@ -88,8 +89,13 @@ std::vector<Part> parts_of(const Options& options) {
     const auto or_else = [](const auto& given, std::vector<std::size_t> otherwise) {
       return given.empty() ? otherwise : given;
     };
-    return {{"as asked for", options.operations, or_else(options.bytes, {100}),
-             or_else(options.threads, {1}), or_else(options.connections, {as_many_as_threads})}};
+    return {{"as asked for",
+             options.operations,
+             or_else(options.bytes, {100}),
+             or_else(options.threads, {1}),
+             or_else(options.connections, {as_many_as_threads}),
+             {},
+             options.info_log}};
   }
   return {
       {.title = "one thread, every operation",
@@ -278,6 +284,7 @@ int run(int argc, char** argv) {
   app.add_option("--slice", options.slice_ms, "Milliseconds of a slice")
       ->check(CLI::Range(1, 10000))
       ->capture_default_str();
+  app.add_flag("--info", options.info_log, "With the log at INFO, to a file");
   app.add_flag("--bare-time-outs", options.bare_time_outs,
                "Give bare hiredis the time-outs that the library and the pool have");
   app.add_option("--csv", options.csv, "File for all figures");
