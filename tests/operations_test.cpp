@@ -243,7 +243,9 @@ class OnRedis : public testing::Test {
   double ttl(const std::string& key) const { return std::stod(redis_.ask("ttl " + key)); }
 
   RedisServer redis_;
-  Session session_{all_pools_at(redis_.addr())};
+  // Long enough for large values on a busy machine.
+  Session session_{"connect_timeout = 10000\nsocket_timeout = 60000\n" +
+                   pools_at(redis_.addr(), redis_.addr(), redis_.addr())};
   LogCapture log_{WARN};
 };
 
