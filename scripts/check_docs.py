@@ -3,9 +3,9 @@
 
     scripts/check_docs.py [DOCUMENT...]      (no argument: all of them)
 
-Wants the release build in build/release. Each document gets a working folder of its own, a copy of
-the tracked files, with the library "installed in /usr/local" below it and a Redis on loopback. Its
-fenced blocks are handled in order, by their info string:
+Wants the release build in build/release. The documents share a working folder, a copy of the tracked
+files, with the library "installed in /usr/local" below it; each gets a Redis on loopback. Its fenced
+blocks are handled in order, by their info string:
 
     sh         run with bash -euo pipefail
     ini, yaml  written to the file that the first line names, as "# redis.conf"
@@ -39,7 +39,12 @@ NOT_RUN = {
     "scripts/test.sh tsan": ".ci/run has run it",
     "scripts/demo.sh": ".ci/run runs it",
     "scripts/demo.sh --shards 3": ".ci/run runs it",
+    "scripts/bench.sh": ".ci/run runs it",
     "scripts/count_instructions.sh": ".ci/run runs it",
+    "cmake --preset release -DRUVO_BUILD_TESTS=OFF": "the release build is what this script begins with",
+    "cmake --build --preset release": "the same",
+    "cmake --install build/release --prefix /usr/local": "so is this",
+    "cmake --workflow --preset package": "scripts/check_packages.sh runs it",
     ".ci/run": "it runs this script",
     "ldconfig": "it writes the machine's own cache; LD_LIBRARY_PATH stands in for it",
 }
@@ -262,14 +267,13 @@ def refuse_missing_lines(document):
                 raise Refused(f"{document}: the line '{line}' of {source.name} is missing")
 
 
-def check(document, folder):
+def check(document, sandbox):
     """Runs a document's blocks; how many passed and how many failed."""
     try:
         blocks = read_blocks(document)
         refuse_mistakes(document, blocks)
         if document == "docs/operations.md":
             refuse_missing_lines(document)
-        sandbox = Sandbox(folder)
         first = [block for block in read_blocks("README.md") if block.kind == "ini"]
         for block in first + blocks:
             if block.file:
@@ -301,13 +305,14 @@ def main():
     ctypes.CDLL(None).prctl(set_child_subreaper, 1, 0, 0, 0)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     passed = failed = 0
-    for document in documents:
-        with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as folder:
+    with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as folder:
+        sandbox = Sandbox(Path(folder))
+        for document in documents:
             try:
-                more = check(document, Path(folder))
+                more = check(document, sandbox)
             finally:
                 end_processes()
-        passed, failed = passed + more[0], failed + more[1]
+            passed, failed = passed + more[0], failed + more[1]
     print(f"documents: {len(documents)}, blocks: {passed} passed, {failed} failed")
     return 1 if failed or not passed else 0
 
