@@ -81,6 +81,7 @@ class Head {
 
 // The head of the line: "YYYY-MM-DD hh:mm:ss.uuuuuu TID LEVEL file:line ".
 Logger::Logger(SourceFile file, int line, LogLevel level) : level_(level) {
+  const int saved_errno = errno;  // the text that follows may be about it
   timeval now{};
   gettimeofday(&now, nullptr);
   Head()
@@ -95,6 +96,7 @@ Logger::Logger(SourceFile file, int line, LogLevel level) : level_(level) {
       .write_to(stream_);
   stream_.write(file.name(), static_cast<std::streamsize>(std::strlen(file.name())));
   Head().add(":").add(static_cast<long>(line)).add(" ").write_to(stream_);
+  errno = saved_errno;
 }
 
 Logger::~Logger() {
