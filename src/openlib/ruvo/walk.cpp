@@ -75,8 +75,7 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
     return walk_end::no_server_at_start;
   }
   const std::size_t first = server->index_;
-  std::size_t visits_left = visits_per_server * route.servers_in_reach(redis, command.pool);
-  for (;;) {
+  for (std::size_t visits = 1;; ++visits) {
     std::optional<ACE_Guard<ACE_Thread_Mutex>> guard;
     if (conn_node* conn = redis.get_conn(*server, command.pool)) {
       guard.emplace(*conn->lock_);
@@ -94,7 +93,8 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
     if (server == nullptr) {
       return walk_end::no_server_left;
     }
-    if (server->index_ == first || --visits_left == 0) {
+    const std::size_t bound = visits_per_server * route.servers_in_reach(redis, command.pool);
+    if (server->index_ == first || visits == bound) {
       RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server", command.method);
       return walk_end::all_tried;
     }
