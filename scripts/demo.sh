@@ -29,7 +29,7 @@ pause=$(((seconds - 3) / pauses))
 connections=16
 
 scripts/deps.sh build run
-cmake --preset release -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_TOOLS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
+cmake -G Ninja -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_TOOLS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
 cmake --build build/demo
 
 work=$(mktemp -d)
