@@ -120,9 +120,9 @@ doors_of() { echo "127.0.0.1:${port_of[$1-proxy-1]},127.0.0.1:${port_of[$1-proxy
 
 cat >"$work/sruvo.conf" <<CONF
 [redis_cfg]
-redis_cfg_path = $work/redis.conf
+redis_cfg_path = $work/ruvo_redis.conf
 CONF
-cat >"$work/redis.conf" <<CONF
+cat >"$work/ruvo_redis.conf" <<CONF
 [common]
 connect_timeout = 200
 socket_timeout = 2000
