@@ -45,6 +45,7 @@ NOT_RUN = {
     "cmake --build --preset release": "the same",
     "cmake --install build/release --prefix /usr/local": "so is this",
     "cmake --workflow --preset package": "scripts/check_packages.sh runs it",
+    "apt install ./build/package/*.deb": "it runs this too",
     ".ci/run": "it runs this script",
     "ldconfig": "it writes the machine's own cache; LD_LIBRARY_PATH stands in for it",
 }
