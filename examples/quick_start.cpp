@@ -1,21 +1,14 @@
-// The smallest host, complete: starts a Redis of its own to talk to, stores a value and reads it
-// back. Needs no arguments, no configuration and no server.
+// The smallest host, complete: stores a value and reads it back.
+//
+//   quick_start [LOCAL-CONFIGURATION]     (sruvo.conf)
 #include <ruvo/ruvo.h>
 #include <stream_log/logger.h>
 
 #include <cstdio>
-#include <exception>
 
-#include "sandbox.h"
-
-namespace {
-
-int run() {
-  const RedisServer redis;
-  const HostConfig config(all_pools_at(redis.addr()));
+int main(int argc, char** argv) {
   BaseLib::Logger::setLogLevel(BaseLib::Logger::WARN);
-
-  if (const int ret = RUVO_Init(config.path())) {
+  if (const int ret = RUVO_Init(argc > 1 ? argv[1] : "sruvo.conf")) {
     std::printf("RUVO_Init: %s\n", ruvo_result_text(ret));
     return 1;
   }
@@ -28,15 +21,4 @@ int run() {
     RUVO_FreeResult(data);
   }
   return RUVO_Fini();
-}
-
-}  // namespace
-
-int main() {
-  try {
-    return run();
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "quick_start: %s\n", failure.what());
-    return 2;
-  }
 }

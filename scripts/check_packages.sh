@@ -75,10 +75,8 @@ link=-Wl,-rpath-link,$1/usr/lib/$(cc -print-multiarch)
 cmake -G Ninja -S "$examples/installed_package" -B "$2/build"
 cmake --build "$2/build"
 "$2/build/program"
-if [ -e "$examples/CMakeLists.txt" ]; then
-  cmake -G Ninja -S "$examples" -B "$2/examples"
-  cmake --build "$2/examples"
-fi
+cmake -G Ninja -S "$examples" -B "$2/hosts"
+cmake --build "$2/hosts"
 cc -std=c99 -Wall -Werror "$examples/installed_package/program.c" -o "$2/program_c" \
   $(pkg-config --cflags --libs ruvo) "$link"
 "$2/program_c"
@@ -99,7 +97,7 @@ if make_root; then
   git ls-files -z --cached --others --exclude-standard |
     tar --null --files-from=- --ignore-failed-read -c 2>/dev/null | tar -C "$roots/builder/root/libruvo" -x
   commands=$(readme_commands)
-  [[ $commands == *"apt install"* ]] || { echo "README.md does not show how to install the packages" >&2; exit 1; }
+  [[ $commands == *"apt install"* ]] || { echo "README.md does not show how to install packages" >&2; exit 1; }
   echo "in a fresh Debian:" $'\n'"$commands"
   within builder bash -euo pipefail -c "$commands"
   rm -rf build/package/*.deb
@@ -111,7 +109,8 @@ if make_root; then
   # Without what they need they are refused, not made wrong.
   for needed in file:file dpkg-dev:dpkg-shlibdeps; do
     within builder dpkg --remove --force-depends "${needed%:*}"
-    if within builder cmake --preset package 2>"$work/refusal" || ! grep -q "without ${needed#*:}:" "$work/refusal"; then
+    if within builder cmake --preset package 2>"$work/refusal" ||
+      ! grep -q "without ${needed#*:}:" "$work/refusal"; then
       echo "the build of the packages does not say that ${needed%:*} is missing" >&2
       exit 1
     fi
@@ -147,6 +146,6 @@ fi
 for deb in build/package/*.deb; do
   depends=$(dpkg-deb -f "$deb" Depends)
   echo "${deb##*/}: $depends"
-  [[ $deb == */libruvo-dev_* || $depends == *libc6* ]] || { echo "${deb##*/} lacks its dependencies" >&2; exit 1; }
+  [[ $deb == */libruvo-dev_* || $depends == *libc6* ]] || { echo "${deb##*/} lacks dependencies" >&2; exit 1; }
 done
 echo "the packages work $where"

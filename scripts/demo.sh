@@ -29,7 +29,7 @@ pause=$(((seconds - 3) / pauses))
 connections=16
 
 scripts/deps.sh build run
-cmake --preset release -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_TOOLS=OFF -B build/demo >/dev/null
+cmake -G Ninja -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_TOOLS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
 cmake --build build/demo
 
 work=$(mktemp -d)
@@ -142,7 +142,7 @@ outage=()
 [ "$shards" -eq 1 ] || outage=(--outage-expected)
 echo
 echo "--- session_host: 8 threads, $seconds seconds; each pool: $shards Redis behind two proxies"
-build/demo/examples/session_host --config "$work/sruvo.conf" --log "$work/session_host.log" \
+build/demo/sandbox/session_host --config "$work/sruvo.conf" --log "$work/session_host.log" \
   --seconds "$seconds" --threads 8 "${outage[@]}" &
 pid_of[session_host]=$!
 
