@@ -1,4 +1,5 @@
-# The manual pages, the change log, and the API reference with Doxygen (target `reference`, where Doxygen is there).
+# The manual pages, the guides, the change log, and the API reference with Doxygen (target `reference`,
+# where Doxygen is there).
 
 # The pages bear the version and the date of the newest entry in the change log.
 set(change_log ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
@@ -25,7 +26,23 @@ manual_page(libruvo 3 devel)
 manual_page(ruvo.conf 5 tools)
 if(RUVO_BUILD_TOOLS)
   manual_page(ruvo_cli 1 tools)
+  manual_page(ruvo_chaos 1 tools)
 endif()
+
+# The guides, for those who operate hosts. What they point to beside themselves lies elsewhere when installed.
+set(guides_dir ${RUVO_INSTALL_DOCDIR}/ruvo-tools/docs)
+file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${guides})
+foreach(guide IN LISTS guides)
+  file(READ ${guide} text)
+  string(REPLACE "](../conf)" "](../examples)" text "${text}")
+  string(REPLACE "](../examples/" "](../../libruvo-dev/examples/" text "${text}")
+  cmake_path(GET guide FILENAME name)
+  file(WRITE ${PROJECT_BINARY_DIR}/docs/${name} "${text}")
+  install(FILES ${PROJECT_BINARY_DIR}/docs/${name} DESTINATION ${guides_dir} COMPONENT tools)
+endforeach()
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/figures DESTINATION ${guides_dir} COMPONENT tools
+        FILES_MATCHING PATTERN "*.svg")
 
 # Each package has the change log.
 configure_file(${change_log} ${PROJECT_BINARY_DIR}/changelog COPYONLY)

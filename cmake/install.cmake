@@ -17,6 +17,9 @@ install(FILES ${PROJECT_BINARY_DIR}/ruvoConfig.cmake ${PROJECT_BINARY_DIR}/ruvoC
         DESTINATION ${package_dir} COMPONENT devel)
 
 # The prefix is reckoned from where the file lies, so that an installed tree can be moved.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
+           BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${RUVO_INSTALL_LIBDIR}/pkgconfig
+           OUTPUT_VARIABLE prefix_from_pc)
 foreach(package IN ITEMS ruvo stream_log)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${package}.pc.in
                  ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)

@@ -1,5 +1,17 @@
 # The Debian packages: libruvo1, libruvo-dev and ruvo-tools, one for each component of the install
 # rules. `cmake --workflow --preset package` leaves them in build/package.
+
+# What is missing is told here: without dpkg-shlibdeps cpack makes packages that depend on nothing, and
+# without `file` it ends after everything has been built.
+foreach(program IN ITEMS dpkg-shlibdeps file)
+  find_program(program_path ${program} NO_CACHE)
+  if(NOT program_path)
+    message(FATAL_ERROR "Debian packages cannot be made without ${program}: install dpkg-dev and file, as "
+                        "`scripts/deps.sh build package` does")
+  endif()
+  unset(program_path)
+endforeach()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
@@ -43,8 +55,8 @@ set(CPACK_DEBIAN_DEVEL_PACKAGE_RECOMMENDS libhiredis-dev)
 set(CPACK_DEBIAN_DEVEL_DESCRIPTION "Redis for multi-threaded server processes (development files)
 ${about}
 
-This package has the headers, the files for CMake and pkg-config, examples and
-the manual page libruvo(3).")
+This package has the headers, the files for CMake and pkg-config, the examples
+and the manual page libruvo(3).")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ruvo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)
@@ -52,15 +64,17 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 # dpkg-shlibdeps finds the project's own libraries here, but not the package that they are in.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src
                                                 ${PROJECT_BINARY_DIR}/platform/stream_log)
-# The tool reads the library's log lines, so it goes with the version that it was built with.
+# The tools read the library's log lines, so they go with the version that they were built with.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION})")
-# ruvo_chaos starts one, unless it is given servers.
+# ruvo_chaos starts Redis servers, unless it is given some.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS redis-server)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Redis through libruvo, from the command line
 ${about}
 
 This package has ruvo_cli, which checks a configuration, runs operations,
 watches servers and measures them under load, ruvo_chaos, a host under faults
-that judges every call, the manual pages, and a sample configuration.")
+that judges every call, their manual pages and ruvo.conf(5), the guides
+(settings, failures and lines of the log, speed, growth), and a sample
+configuration.")
 
 include(CPack)

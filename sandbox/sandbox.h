@@ -31,7 +31,7 @@ class TempDir : NoCopy {
 };
 
 // The two configuration files of a host. `common` and `server` are lines for those sections; what
-// RUVO_SANDBOX_COMMON in the environment holds comes before the former, so that the same tests run
+// RUVO_SANDBOX_COMMON in the environment holds follows the former, so that the same tests run
 // with and without an option.
 class HostConfig {
  public:

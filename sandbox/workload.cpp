@@ -56,7 +56,7 @@ void Worker::start_afresh() {
 
 // The pool is part of it: pools may share a server, and a raw command may reach another pool.
 std::string Worker::key(const char* kind) const {
-  return std::string(kind) + ':' + std::to_string(pool_) + ':' + name_;
+  return std::string(workload_prefix) + kind + ':' + std::to_string(pool_) + ':' + name_;
 }
 
 // Bytes that tell whose they are and how old, zero bytes among them, of a length that varies.

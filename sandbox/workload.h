@@ -11,10 +11,14 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 enum Family { strings, hashes, lists, sets, raw, family_count };
 constexpr std::array<const char*, family_count> family_names{"string keys", "hashes", "lists",
                                                              "sets", "raw commands"};
+
+// What all keys of the work begin with, so that they are nobody else's.
+constexpr std::string_view workload_prefix = "ruvo_workload:";
 
 struct Totals {
   bool outage_expected = false;  // failed operations are counted, and end a worker's round

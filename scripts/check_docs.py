@@ -8,7 +8,7 @@ files, with the library "installed in /usr/local" below it; each gets a Redis on
 blocks are handled in order, by their info string:
 
     sh         run with bash -euo pipefail
-    ini, yaml  written to the file that the first line names, as "# redis.conf"
+    ini, yaml  written to the file that the first line names, as "# ruvo_redis.conf"
     cpp, c     complete files: compiled with warnings as errors, and run if they have a main
     cmake      a CMakeLists.txt, whose first line names it: configured and built
     text       output and pictures: left alone
@@ -45,6 +45,7 @@ NOT_RUN = {
     "cmake --build build/plain": "the same",
     "cmake --install build/plain --prefix /usr/local": "so is this",
     "cmake --workflow --preset package": "scripts/check_packages.sh runs it",
+    "apt install ./build/package/*.deb": "it runs this too",
     ".ci/run": "it runs this script",
     "ldconfig": "it writes the machine's own cache; LD_LIBRARY_PATH stands in for it",
 }

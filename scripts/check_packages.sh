@@ -1,19 +1,13 @@
 #!/usr/bin/env bash
-# Builds the Debian packages, installs them with apt into a fresh Debian of its own (debootstrap), and
-# builds and runs a program there against the installed package. Where that cannot be done, it says
-# why and unpacks the packages into a folder instead.
+# Builds the Debian packages with README's own commands in a fresh Debian (debootstrap), builds and runs
+# programs there against what is installed, and installs and purges the packages in a second one that has
+# nothing else. Where there can be no fresh Debian it says why, builds the packages here and unpacks them
+# into a folder instead.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-rm -f build/package/*.deb   # of another version, say
-cmake --workflow --preset package >/dev/null
-debs=(build/package/*.deb)
-for deb in "${debs[@]}"; do
-  echo "${deb##*/}: $(dpkg-deb -f "$deb" Depends)"
-done
-
 work=$(mktemp -d)
-root=$work/root
+roots=$work/roots
 finish() {
   cd /
   # Besides the tmpfs, what an interrupted debootstrap leaves mounted.
@@ -25,9 +19,9 @@ finish() {
 trap finish EXIT
 trap 'exit 130' INT TERM
 
-# Sets `reason` where there is to be no chroot.
+# Makes $roots/bare; sets `reason` where that cannot be.
 make_root() {
-  local suite mirror
+  local suite mirror bare=$roots/bare
   [ "$(id -u)" -eq 0 ] || { reason="not root"; return 1; }
   command -v debootstrap >/dev/null || { reason="no debootstrap"; return 1; }
   suite=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
@@ -36,56 +30,122 @@ make_root() {
     awk -v suite="$suite" '$2 == suite {print $1; exit}')
   [ -n "$mirror" ] || { reason="apt has no source for '$suite'"; return 1; }
   # In memory where that may be: dpkg syncs every file, and a busy disk takes minutes to delete them.
-  mkdir "$root"
-  mount -t tmpfs -o size=2g tmpfs "$root" 2>"$work/mount.log" || true
-  if ! debootstrap --variant=minbase "$suite" "$root" "$mirror" >"$work/debootstrap.log" 2>&1; then
+  mkdir "$roots"
+  mount -t tmpfs -o size=4g tmpfs "$roots" 2>"$work/mount.log" || true
+  if ! debootstrap --variant=minbase "$suite" "$bare" "$mirror" >"$work/debootstrap.log" 2>&1; then
     reason="debootstrap failed: $(tail -n 1 "$work/debootstrap.log")"
     return 1
   fi
+  # Nobody answers questions there, and no server is started.
+  echo 'APT::Get::Assume-Yes "true"; APT::Install-Recommends "false";' \
+    >"$bare/etc/apt/apt.conf.d/90check"
+  printf '#!/bin/sh\nexit 101\n' >"$bare/usr/sbin/policy-rc.d"
+  chmod +x "$bare/usr/sbin/policy-rc.d"
 }
 
-apt_install() {
-  chroot "$root" env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -q -y --no-install-recommends "$@" >"$work/apt.log" 2>&1 ||
-    { tail -n 20 "$work/apt.log" >&2; return 1; }
+# Runs a command in a root, in /root/libruvo where that is there; shows the end of its output if it fails.
+within() {
+  local root=$roots/$1
+  shift
+  chroot "$root" env -u TMPDIR DEBIAN_FRONTEND=noninteractive \
+    sh -c 'cd /root/libruvo 2>/dev/null || cd /root; exec "$@"' sh "$@" >"$work/log" 2>&1 ||
+    { tail -n 20 "$work/log" >&2; return 1; }
 }
 
-# Builds and runs the programs of examples/installed_package as the package has them; what differs
-# between the two ways stands in the environment.
+# The block of README that makes the packages.
+readme_commands() {
+  awk '/^ *```sh$/ {shown = 1; block = ""; next}
+       /^ *```/    {if (shown && block ~ /--preset package/) printf "%s", block; shown = 0; next}
+       shown       {sub(/^ +/, ""); block = block $0 "\n"}' README.md
+}
+
+# Every file but what apt, dpkg and the loader keep for themselves.
+files_of() {
+  (cd "$roots/$1" &&
+    find . -xdev \( -path ./var/cache -o -path ./var/log -o -path ./var/lib/apt -o -path ./root \) -prune \
+      -o ! -path './var/lib/dpkg/*-old' -print | sort)
+}
+
+# Builds and runs what the package has as examples, against the package. $1: where it is unpacked, $2: a
+# folder to work in.
 cat >"$work/consume.sh" <<'SH'
 set -eu
 examples=$1/usr/share/doc/libruvo-dev/examples
-cmake -S "$examples/installed_package" -B "$2/build" >/dev/null
-cmake --build "$2/build" >/dev/null
+link=-Wl,-rpath-link,$1/usr/lib/$(cc -print-multiarch)
+cmake -G Ninja -S "$examples/installed_package" -B "$2/build"
+cmake --build "$2/build"
 "$2/build/program"
+cmake -G Ninja -S "$examples" -B "$2/hosts"
+cmake --build "$2/hosts"
 cc -std=c99 -Wall -Werror "$examples/installed_package/program.c" -o "$2/program_c" \
-  $(pkg-config --cflags --libs ruvo) -Wl,-rpath-link,"$1/usr/lib"
+  $(pkg-config --cflags --libs ruvo) "$link"
 "$2/program_c"
 c++ "$examples/log_file_host.cpp" -o "$2/log_file_host" \
-  $(pkg-config --cflags --libs ruvo stream_log) -Wl,-rpath-link,"$1/usr/lib"
+  $(pkg-config --cflags --libs ruvo stream_log) "$link"
 "$1/usr/bin/ruvo_cli" --version
+
+# What the guides point to is there.
+cd "$1/usr/share/doc/ruvo-tools/docs"
+grep -Eo ']\([^):]+\)' ./*.md | sed -E 's/^([^:]*):]\(([^)#]*).*/\1 \2/' | while read -r guide target; do
+  [ -z "$target" ] || [ -e "$target" ] || { echo "$guide: no $target" >&2; exit 1; }
+done
 SH
 
 if make_root; then
-  cp "${debs[@]}" "$root/root/"
-  apt_install "${debs[@]/#*\//./root/}"
-  chroot "$root" ruvo_cli --version >/dev/null   # with what the packages depend on, and nothing else
-  apt_install g++ cmake make pkg-config
-  cp "$work/consume.sh" "$root/root/"
-  chroot "$root" sh /root/consume.sh "" /root
-  chroot "$root" apt-get purge -q -y libruvo1 >/dev/null 2>&1
-  if left=$(find "$root/usr" -name '*ruvo*' | grep .); then
-    echo "left behind by the packages: $left" >&2
-    exit 1
-  fi
-  echo "the packages work in a fresh $(. /etc/os-release && echo "$PRETTY_NAME")"
+  cp -a "$roots/bare" "$roots/builder"
+  mkdir "$roots/builder/root/libruvo"
+  git ls-files -z --cached --others --exclude-standard |
+    tar --null --files-from=- --ignore-failed-read -c 2>/dev/null | tar -C "$roots/builder/root/libruvo" -x
+  commands=$(readme_commands)
+  [[ $commands == *"apt install"* ]] || { echo "README.md does not show how to install packages" >&2; exit 1; }
+  echo "in a fresh Debian:" $'\n'"$commands"
+  within builder bash -euo pipefail -c "$commands"
+  rm -rf build/package/*.deb
+  mkdir -p build/package
+  cp "$roots"/builder/root/libruvo/build/package/*.deb build/package/
+  cp "$work/consume.sh" "$roots/builder/root/"
+  within builder sh /root/consume.sh "" /root
+
+  # Without what they need they are refused, not made wrong.
+  for needed in file:file dpkg-dev:dpkg-shlibdeps; do
+    within builder dpkg --remove --force-depends "${needed%:*}"
+    if within builder cmake --preset package 2>"$work/refusal" ||
+      ! grep -q "without ${needed#*:}:" "$work/refusal"; then
+      echo "the build of the packages does not say that ${needed%:*} is missing" >&2
+      exit 1
+    fi
+  done
+
+  files_of bare >"$work/before"
+  mkdir "$roots/bare/root/debs"
+  cp build/package/*.deb "$roots/bare/root/debs/"
+  within bare apt-get update
+  within bare sh -c 'apt-get install /root/debs/*.deb'
+  for tool in ruvo_cli ruvo_chaos; do
+    within bare "$tool" --help   # with what the packages depend on, and nothing else
+  done
+  within bare apt-get purge --auto-remove libruvo1 libruvo-dev ruvo-tools
+  files_of bare >"$work/after"
+  diff "$work/before" "$work/after" >&2 || { echo "left behind by the packages" >&2; exit 1; }
+  where="in a fresh $(. /etc/os-release && echo "$PRETTY_NAME")"
 else
-  echo "no fresh system to install into ($reason): unpacking instead"
+  echo "no fresh system ($reason): building here and unpacking"
+  rm -f build/package/*.deb   # of another version, say
+  cmake --workflow --preset package >/dev/null
   root=$work/unpacked
-  for deb in "${debs[@]}"; do
+  for deb in build/package/*.deb; do
     dpkg-deb -x "$deb" "$root"
   done
-  export CMAKE_PREFIX_PATH=$root/usr PKG_CONFIG_PATH=$root/usr/lib/pkgconfig LD_LIBRARY_PATH=$root/usr/lib
-  sh "$work/consume.sh" "$root" "$work"
-  echo "the packages work unpacked"
+  libraries=$root/usr/lib/$(cc -print-multiarch)
+  export CMAKE_PREFIX_PATH=$root/usr PKG_CONFIG_PATH=$libraries/pkgconfig LD_LIBRARY_PATH=$libraries
+  sh "$work/consume.sh" "$root" "$work" >/dev/null
+  where=unpacked
 fi
+
+# Nothing but libruvo-dev may do without dependencies from Debian.
+for deb in build/package/*.deb; do
+  depends=$(dpkg-deb -f "$deb" Depends)
+  echo "${deb##*/}: $depends"
+  [[ $deb == */libruvo-dev_* || $depends == *libc6* ]] || { echo "${deb##*/} lacks dependencies" >&2; exit 1; }
+done
+echo "the packages work $where"

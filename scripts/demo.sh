@@ -122,9 +122,9 @@ doors_of() { echo "127.0.0.1:${port_of[$1-proxy-1]},127.0.0.1:${port_of[$1-proxy
 
 cat >"$work/sruvo.conf" <<CONF
 [redis_cfg]
-redis_cfg_path = $work/redis.conf
+redis_cfg_path = $work/ruvo_redis.conf
 CONF
-cat >"$work/redis.conf" <<CONF
+cat >"$work/ruvo_redis.conf" <<CONF
 [common]
 connect_timeout = 200
 socket_timeout = 2000
@@ -168,7 +168,7 @@ wait "${pid_of[session_host]}" || result=$?
 unset "pid_of[session_host]"
 echo
 echo "--- what the log told, by kind"
-sed -E 's/^[^ ]+ [^ ]+ [0-9]+ ([A-Z]+) [^ ]+ /\1 /; s/(key|session|visits|profile):[^ ,]+/\1:.../g;
+sed -E 's/^[^ ]+ [^ ]+ [0-9]+ ([A-Z]+) [^ ]+ /\1 /; s/(key|ruvo_workload):[^ ,]+/\1:.../g;
         s/[0-9]+ seconds/N seconds/; s/failure count:[0-9]+/failure count:N/' \
   "$work/session_host.log" | sort | uniq -c | sort -rn | head -n 12
 if [ "$result" -ne 0 ]; then

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "door.h"
+#include "foreign_keys.h"
 #include "judge.h"
 #include "resources.h"
 #include "run_main.h"
@@ -38,8 +39,13 @@ constexpr const char* description =
     "\n"
     "With --config it works on an operator's servers. THEY MUST BE THROWAWAY ONES: it writes keys "
     "of\n"
-    "its own in all pools, and a server that loses data or carries out commands late makes values\n"
-    "wrong. With --fault-command it takes one server of each pool down at a time and brings it "
+    "its own in all pools (ruvo_workload:...) and leaves them there, and a server that loses data "
+    "or\n"
+    "carries out commands late makes values wrong. A server that holds any other key, or does not "
+    "let\n"
+    "that be seen, as a proxy does not, is refused, unless --throwaway says that it may be "
+    "broken.\n"
+    "With --fault-command it takes one server of each pool down at a time and brings it "
     "back:\n"
     "COMMAND down IP:PORT, COMMAND up IP:PORT; the servers of a pool must be doors to the same "
     "data.\n"
@@ -52,6 +58,7 @@ struct Options {
   int threads = 16;
   Settings settings;
   std::string config;
+  bool throwaway = false;
   std::string fault_command;
   std::string log;
   int door = 0;
@@ -261,6 +268,9 @@ void add_options(CLI::App& app, Options& options) {
   app.add_option("--log", options.log, "File for the library's WARN and ERROR lines");
   auto* config = app.add_option("--config", options.config,
                                 "Local configuration file of a host on throwaway servers");
+  app.add_flag("--throwaway", options.throwaway,
+               "Work on the servers of --config whatever keys they hold: nobody misses them")
+      ->needs(config);
   app.add_option("--fault-command", options.fault_command,
                  "Program that takes a configured server down and up")
       ->needs(config);
@@ -298,6 +308,9 @@ int run(int argc, char** argv) {
     result = run_chaos(options, servers.site());
   } else {
     Site site = configured_site(options.config, options.fault_command);
+    if (!options.throwaway) {
+      refuse_foreign_keys(site);
+    }
     result = run_chaos(options, site);
   }
   close_walk_log();

@@ -1,6 +1,7 @@
 #include "site.h"
 
 #include <ruvo/busin_config.h>
+#include <ruvo/sutils.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -146,15 +147,19 @@ Site configured_site(const std::string& config, const std::string& command) {
         std::max(site.settings.retry_timeout_s, reader.get_int_val("server", key, 30));
   }
   const std::array keys{"temp_server", "persist_server", "personality_server"};
+  const std::array passwords{"p_password", "t_password", "ps_password"};
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
     const char* addrs = reader.get_str_val("common", keys[pool]);
-    std::istringstream list(addrs != nullptr ? addrs : "");
-    for (std::string addr; std::getline(list, addr, ',');) {
+    sp::str_arr list;
+    sp::split_str(addrs != nullptr ? addrs : "", list, ",");
+    for (const std::string& addr : list) {
       site.pools[pool].push_back(std::make_unique<CommandVictim>(addr, command));
     }
     if (site.pools[pool].empty()) {
       throw std::runtime_error(std::string("the configuration names no ") + keys[pool]);
     }
+    const char* password = reader.get_str_val("server", passwords[pool]);
+    site.passwords[pool] = password != nullptr ? password : "";
   }
   return site;
 }

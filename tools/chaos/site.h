@@ -41,6 +41,7 @@ struct Site {
   std::string config;
   Settings settings;
   std::array<std::vector<std::unique_ptr<Victim>>, pool_count> pools;
+  std::array<std::string, pool_count> passwords;  // an operator's, empty for none
   std::size_t all_servers() const { return pools[0].size() + pools[1].size() + pools[2].size(); }
 };
 

@@ -113,9 +113,10 @@ std::span<waiting_call*> connection_turn::fill_batch() {
   batch_[0] = &call_;
   batch_size_ = 1;
   woken_ = 1;
-  if (!call_.goes_alone()) {
-    take_line();
+  if (call_.goes_alone()) {
+    return std::span(batch_).first(1);
   }
+  take_line();
   std::size_t bytes = call_.wire->length();
   while (first_ != nullptr && batch_size_ < batch_.size() && !first_->goes_alone()) {
     bytes += first_->wire->length();

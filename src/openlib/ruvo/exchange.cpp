@@ -23,9 +23,6 @@ wire_command::wire_command(const char* format, va_list args) {
   char* bytes = nullptr;
   length_ = redisvFormatCommand(&bytes, format, copy);
   va_end(copy);
-  if (length_ == 0) {
-    length_ = -1;  // what hiredis may say when memory runs out: nothing to send, nothing to wait for
-  }
   bytes_.reset(length_ < 0 ? nullptr : bytes);
 }
 

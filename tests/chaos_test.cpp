@@ -1,0 +1,65 @@
+// ruvo_chaos on an operator's servers. What it does on its own is run by CTest itself.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+
+#include "servers.h"
+
+namespace {
+
+struct Ended {
+  int status;
+  std::string output;
+};
+
+Ended chaos_on(const std::string& addr, const std::string& options, const std::string& server = "") {
+  const HostConfig config(all_pools_at(addr), server);
+  const std::string command =
+      std::string(RUVO_CHAOS) + " --seconds 1 --threads 1 --config " + config.path() + " " + options + " 2>&1";
+  // NOLINTNEXTLINE(cert-env33-c): the tool that is tested
+  FILE* pipe = popen(command.c_str(), "re");
+  std::string output;
+  std::array<char, 4096> part{};
+  for (std::size_t length = 1; length > 0; output.append(part.data(), length)) {
+    length = fread(part.data(), 1, part.size(), pipe);
+  }
+  const int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+void expect_refusal(const Ended& run, const std::string& why) {
+  EXPECT_EQ(run.status, 2) << run.output;
+  EXPECT_NE(run.output.find(why), std::string::npos) << run.output;
+}
+
+TEST(Chaos, RefusesServersThatHoldOtherKeys) {
+  const RedisServer redis;
+  redis.ask("SET somebody:1 x");
+  expect_refusal(chaos_on(redis.addr(), ""), "somebody:1");
+  EXPECT_EQ(redis.ask("DBSIZE"), "1");
+  const Ended told = chaos_on(redis.addr(), "--throwaway");
+  EXPECT_EQ(told.status, 0) << told.output;
+
+  redis.ask("DEL somebody:1");
+  EXPECT_NE(redis.ask("DBSIZE"), "0");  // its own, of the run before
+  const Ended own = chaos_on(redis.addr(), "");
+  EXPECT_EQ(own.status, 0) << own.output;
+
+  redis.ask("-n 3 SET somebody:1 x");
+  expect_refusal(chaos_on(redis.addr(), ""), "db3");
+}
+
+TEST(Chaos, RefusesServersThatDoNotShowTheirKeys) {
+  const DownServer down;
+  expect_refusal(chaos_on(down.addr(), ""), "Connection refused");
+  const ScriptedServer unable("-ERR unknown command\r\n");
+  expect_refusal(chaos_on(unable.addr(), ""), "ERR unknown command");
+  const ScriptedServer closes([](Peer& peer) { peer.read_command(); });  // as nutcracker does
+  expect_refusal(chaos_on(closes.addr(), ""), "does not let its keys be seen");
+  const RedisServer locked("--requirepass right");
+  expect_refusal(chaos_on(locked.addr(), "", "p_password = wrong"), "WRONGPASS");
+}
+
+}  // namespace

@@ -1,0 +1,110 @@
+#include "foreign_keys.h"
+
+#include <hiredis/hiredis.h>
+
+#include <cstdlib>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string_view>
+
+#include "workload.h"
+
+namespace {
+
+using Reply = std::unique_ptr<redisReply, decltype(&freeReplyObject)>;
+
+timeval from_ms(int milliseconds) { return {milliseconds / 1000, milliseconds % 1000 * 1000L}; }
+
+std::string_view text_of(const redisReply& reply) { return {reply.str, reply.len}; }
+
+// One server, seen by itself. What it does not tell throws.
+class Server {
+ public:
+  Server(const std::string& addr, const Settings& settings, const std::string& password)
+      : addr_(addr), context_(connect(addr, settings), redisFree) {
+    if (context_ == nullptr || context_->err != 0) {
+      hides_its_keys(context_ == nullptr ? "no memory" : context_->errstr);
+    }
+    redisSetTimeout(context_.get(), from_ms(settings.socket_timeout_ms));
+    if (!password.empty()) {
+      ask(REDIS_REPLY_STATUS, "AUTH %s", password.c_str());
+    }
+  }
+
+  void refuse_foreign_keys() {
+    const Reply keyspace = ask(REDIS_REPLY_STRING, "INFO keyspace");
+    const std::string_view databases = text_of(*keyspace);  // "# Keyspace\r\ndb0:keys=2,..."
+    for (std::size_t at = 0; (at = databases.find("\ndb", at)) != std::string_view::npos; ++at) {
+      const std::string_view name = databases.substr(at + 1, databases.find(':', at) - at - 1);
+      if (name != "db0") {  // where the library works
+        refuse("holds keys in " + std::string(name));
+      }
+    }
+    std::string cursor = "0";
+    do {
+      const Reply scanned = ask(REDIS_REPLY_ARRAY, "SCAN %s COUNT 1000", cursor.c_str());
+      if (scanned->elements != 2 || scanned->element[1]->type != REDIS_REPLY_ARRAY) {
+        hides_its_keys("an unexpected reply");
+      }
+      const redisReply& keys = *scanned->element[1];
+      for (std::size_t i = 0; i < keys.elements; ++i) {
+        const std::string_view key = text_of(*keys.element[i]);
+        if (key.substr(0, workload_prefix.size()) != workload_prefix) {
+          refuse("holds a key that is not of ruvo_chaos: " + std::string(key));
+        }
+      }
+      cursor = text_of(*scanned->element[0]);
+    } while (cursor != "0");
+  }
+
+ private:
+  static redisContext* connect(const std::string& addr, const Settings& settings) {
+    const std::size_t colon = addr.rfind(':');
+    if (colon == std::string::npos) {
+      throw std::runtime_error("not ip:port: " + addr);
+    }
+    return redisConnectWithTimeout(addr.substr(0, colon).c_str(),
+                                   static_cast<int>(std::strtol(&addr[colon + 1], nullptr, 10)),
+                                   from_ms(settings.connect_timeout_ms));
+  }
+
+  template <typename... Args>
+  Reply ask(int type, const char* format, Args... args) {
+    Reply reply(static_cast<redisReply*>(redisCommand(context_.get(), format, args...)),
+                freeReplyObject);
+    if (reply == nullptr) {
+      hides_its_keys(context_->errstr);
+    }
+    if (reply->type != type) {
+      hides_its_keys(reply->type == REDIS_REPLY_ERROR ? reply->str : "an unexpected reply");
+    }
+    return reply;
+  }
+
+  [[noreturn]] void hides_its_keys(const std::string& why) const {
+    refuse("does not let its keys be seen: " + why);
+  }
+  [[noreturn]] void refuse(const std::string& why) const {
+    throw std::runtime_error(
+        addr_ + ' ' + why +
+        "\nThe servers of --config must be throwaway ones; if they are, say so with "
+        "--throwaway");
+  }
+
+  std::string addr_;
+  std::unique_ptr<redisContext, decltype(&redisFree)> context_;
+};
+
+}  // namespace
+
+void refuse_foreign_keys(const Site& site) {
+  std::set<std::string> seen;  // pools may share servers
+  for (std::size_t pool = 0; pool < pool_count; ++pool) {
+    for (const auto& victim : site.pools[pool]) {
+      if (seen.insert(victim->addr()).second) {
+        Server(victim->addr(), site.settings, site.passwords[pool]).refuse_foreign_keys();
+      }
+    }
+  }
+}
