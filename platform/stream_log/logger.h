@@ -18,6 +18,8 @@
 ///     ...
 ///     BaseLib::Logger::setOutput(to_syslog);
 ///
+/// A host in C does the same with stream_log_set_output and stream_log_set_level.
+///
 /// Or it brings its own libstream_log.so.1: a library built from this header that defines what is
 /// declared here and not defined inline.
 ///
@@ -29,6 +31,45 @@
 /// itself belongs to one thread.
 #ifndef STREAM_LOG_LOGGER_H
 #define STREAM_LOG_LOGGER_H
+
+#include <stddef.h>
+
+/// The levels by number, the same as BaseLib::Logger's.
+enum StreamLogLevel {
+  STREAM_LOG_TRACE = 0,  ///< of no use but to developers
+  STREAM_LOG_DEBUG = 1,  ///< each step of a call
+  STREAM_LOG_INFO = 2,   ///< each call
+  STREAM_LOG_WARN = 3,   ///< something went wrong, and was dealt with
+  STREAM_LOG_ERROR = 4,  ///< something went wrong
+  STREAM_LOG_FATAL = 5   ///< the host cannot go on
+};
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// @name For hosts in C
+/// The same threshold and output as BaseLib::Logger's. Safe from any number of threads; they do not
+/// block.
+/// @{
+
+/// The threshold: lines of a lower level are not written.
+__attribute__((visibility("default"))) int stream_log_level(void);
+
+/// Sets the threshold; a number below or above the levels stands for the lowest or highest of them.
+__attribute__((visibility("default"))) void stream_log_set_level(int level);
+
+/// Where lines go from now on; null: back to standard error. `line` has `length` bytes, the last of
+/// them a newline, followed by a zero byte. The text is the logger's and is gone when the output
+/// returns. It is called from every thread that logs, possibly from several at once.
+__attribute__((visibility("default"))) void stream_log_set_output(void (*output)(int level,
+                                                                                 const char* line,
+                                                                                 size_t length));
+
+/// @}
+
+#ifdef __cplusplus
+}
 
 #include <cstddef>
 #include <cstring>
@@ -89,5 +130,7 @@ class __attribute__((visibility("default"))) Logger {
 };
 
 }  // namespace BaseLib
+
+#endif  // __cplusplus
 
 #endif

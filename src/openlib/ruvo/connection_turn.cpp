@@ -119,6 +119,10 @@ std::span<waiting_call*> connection_turn::fill_batch() {
   take_line();
   std::size_t bytes = call_.wire->length();
   while (first_ != nullptr && batch_size_ < batch_.size() && !first_->goes_alone()) {
+    if (first_->is_late()) {
+      wake(*std::exchange(first_, first_->neighbour), call_fate::served);
+      continue;
+    }
     bytes += first_->wire->length();
     if (bytes > max_batch_bytes) {
       break;

@@ -30,6 +30,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -45,13 +46,19 @@ constexpr std::size_t max_batch_commands = 128;
 struct waiting_call {
   enum class call_fate : std::uint32_t { waits, leads, served };
 
+  using time_point = std::chrono::steady_clock::time_point;
+
   bool goes_alone() const { return wire->refused() || wire->length() > max_batch_bytes; }
+  bool is_late() const {
+    return not_after != time_point::max() && std::chrono::steady_clock::now() >= not_after;
+  }
   void note_error(const redisContext& context);
 
   const wire_command* wire = nullptr;
   reply_ptr reply;
   bool sent = false;                          // over a connection that
   std::uint64_t sent_after = 0;               //   had been rebuilt so often
+  time_point not_after = time_point::max();   // left out of batches then
   bool rebuild_failed = false;                // by the thread that led
   int error = 0;                              // of the broken connection; 0: it told of none
   decltype(redisContext::errstr) error_text;  // of that error

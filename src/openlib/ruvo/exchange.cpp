@@ -6,16 +6,11 @@
 #include <cerrno>
 #include <cstring>
 
-namespace {
-
-// Leaves an error on the context as hiredis does, which the walk and its log lines read there.
 void set_error(redisContext& context, int type, const char* text) {
   context.err = type;
   std::strncpy(context.errstr, text, sizeof(context.errstr) - 1);
   context.errstr[sizeof(context.errstr) - 1] = '\0';
 }
-
-}  // namespace
 
 wire_command::wire_command(const char* format, va_list args) {
   va_list copy;

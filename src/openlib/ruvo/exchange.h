@@ -56,6 +56,8 @@ bool send_whole(redisContext& context, std::span<iovec> bytes);
 reply_ptr received_reply(redisContext& context);
 // The next reply, waited for; null when the connection broke.
 reply_ptr wait_for_reply(redisContext& context);
+// Leaves an error on the context as hiredis does, which the walk and its log lines read there.
+void set_error(redisContext& context, int type, const char* text);
 // After the reply to the last command: bytes that are left were asked for by nobody, and every
 // later reply would go to the wrong caller. The connection is then broken.
 void break_if_out_of_step(redisContext& context);

@@ -7,6 +7,7 @@
 //   strings.cpp, hashes.cpp, lists.cpp, sets.cpp
 //                  the data operations (data_operation.cpp: what they share)
 //   raw.cpp        any command, its reply handed over as it is
+//   forking.cpp    what the child of a fork makes of its parent's connections
 //
 // Threads: operations from any number of threads; init and fini must not overlap them. See
 // server_pool.h for what guards what.
@@ -67,6 +68,10 @@ class ruvo_redis {
   redisContext* reset_connection(conn_node& conn, server_addr& addr);
 
   const client_options& options() const { return options_; }
+
+  // ---- Forking ----
+  // In the child of a fork: every connection is the parent's, and is rebuilt when it is used.
+  void disown_connections() noexcept;
 
   // ---- Execution ----
   // Runs a command on a pool. On RUVO_OK with `need_reply`, hands over the reply to the caller, who
@@ -140,6 +145,8 @@ class ruvo_redis {
   void read_timeouts();
   void choose_addresses();
   int build_pools();
+  void watch_forks();
+  void forget_forks();
   void close_pools();
 
   // Runs a command on a pool; see do_exec_command. A null `reply` asks for the code only.

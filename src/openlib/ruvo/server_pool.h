@@ -30,6 +30,7 @@ struct alignas(64) conn_node {
   ACE_Thread_Mutex* lock_ = nullptr;
   waiting_call* line_ = nullptr;  // who uses the slot and who waits for it
   std::uint64_t rebuilds_ = 0;    // how often the context was replaced; guarded by the lock
+  bool is_torn_ = false;          // the context was in use when the process forked
 };
 
 struct server_node {
