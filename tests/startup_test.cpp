@@ -3,6 +3,7 @@
 #include <netdb.h>
 
 #include <array>
+#include <atomic>
 #include <iostream>
 #include <sstream>
 
@@ -212,27 +213,39 @@ TEST_F(Startup, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
 
 TEST_F(Startup, AuthenticatesAndDropsWhatIsRefused) {
   const RedisServer redis("--requirepass s3cret");
-  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
+  std::atomic<bool> answers{false};
+  const ScriptedServer silent([&](Peer& peer) { answers ? peer.answer_all("+OK\r\n") : peer.hang(); });
+  const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
   const int descriptors = open_descriptors();
   {
-    const HostConfig config(pools_at(redis.addr(), redis.addr(), silent.addr()) + "socket_timeout = 50",
-                            "p_password = s3cret\nt_password = wrong\nps_password = any");
+    const HostConfig config(
+        pools_at(redis.addr(), redis.addr(), silent.addr() + "," + closes.addr()) + "socket_timeout = 50",
+        "p_password = s3cret\nt_password = wrong\nps_password = any");
     ruvo_redis client;
     ASSERT_EQ(client.init(config.path()), 0);  // a refused password is no failed connection
-    for (const RedisServerType type : all_types) {
-      EXPECT_EQ(client.getPool(type).servers_[0].context_arr_.size(), type == eTempServer ? 1U : 0U);
-    }
+    EXPECT_EQ(client.getPool(eTempServer).servers_[0].context_arr_.size(), 1U);
+    EXPECT_EQ(client.getPool(ePersistServer).servers_[0].context_arr_.size(), 0U);
+    EXPECT_EQ(client.getPool(ePersonalityServer).servers_[0].context_arr_.size(), 1U);
+    EXPECT_EQ(client.getPool(ePersonalityServer).servers_[1].context_arr_.size(), 0U);
     EXPECT_EQ(
         log_.count(
             ERROR,
             "ruvo_redis::init_server_pool | failed to authenticate redis, error passwd, redis_ip = 127.0.0.1, redis_port = " +
                 std::to_string(redis.port()) + ", passwd = wrong"),
         1);
+    EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
+                                    std::to_string(silent.port()) +
+                                    " failed, error code : Resource temporarily unavailable."),
+              1);
+    EXPECT_EQ(log_.count_containing("connect to node"), 1);
+    EXPECT_EQ(log_.count_containing("personality server pool init failed, 10405"), 1);
     EXPECT_EQ(client.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0);
     EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersistServer, nullptr), -1);
+    answers = true;  // the slot is still there, and rebuilt on its first use
+    EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersonalityServer, nullptr), 0);
   }
   // Only the scripted server's side of a closed connection may still be open for a moment.
-  EXPECT_LE(open_descriptors(), descriptors + 1);
+  EXPECT_LE(open_descriptors(), descriptors + 2);
 }
 
 TEST_F(Startup, DefaultsFollowTheHostsNetworkAndTheExecutable) {
