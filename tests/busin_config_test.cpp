@@ -15,9 +15,12 @@ std::string text_of(const char* value) { return value != nullptr ? value : "(nul
 class Reader : public testing::TestWithParam<bool> {
  protected:
   void load(const std::string& text) {
-    ASSERT_EQ(GetParam() ? config_.open(text, true) : config_.open(dir_.write("c", text).c_str()), 0);
+    ASSERT_EQ(GetParam() ? config_.open(text, true) : config_.open(dir_.write("c", text).c_str()),
+              0);
   }
-  std::string value(const char* section, const char* key) const { return text_of(config_.get_str_val(section, key)); }
+  std::string value(const char* section, const char* key) const {
+    return text_of(config_.get_str_val(section, key));
+  }
 
   TempDir dir_;
   vop_config config_;
@@ -68,7 +71,8 @@ TEST_P(Reader, ConvertsNumbersAndFlags) {
     ASSERT_EQ(config.open(std::string("[s]\nk = ") + one.text, true), 0);
     EXPECT_EQ(config.get_int_val("s", "k", -7), one.number) << one.text;
     for (const bool fallback : {true, false}) {
-      EXPECT_EQ(config.get_bool_val("s", "k", fallback), one.flag == -1 ? fallback : one.flag == 1) << one.text;
+      EXPECT_EQ(config.get_bool_val("s", "k", fallback), one.flag == -1 ? fallback : one.flag == 1)
+          << one.text;
     }
   }
 }

@@ -46,7 +46,8 @@ class Execution : public testing::Test {
   std::string raw(int type, ...) {
     va_list none;
     va_start(none, type);
-    auto* reply = static_cast<redisReply*>(client_.exec_redis_cmd("PING", none, static_cast<RedisServerType>(type)));
+    auto* reply = static_cast<redisReply*>(
+        client_.exec_redis_cmd("PING", none, static_cast<RedisServerType>(type)));
     va_end(none);
     std::string text = reply != nullptr ? reply->str : "null";
     freeReplyObject(reply);
@@ -64,9 +65,12 @@ TEST_F(Execution, ANilReplyNamesItsPool) {
   const ScriptedServer redis{std::string("$-1\r\n")};
   start(redis.addr());
   const auto line = [](const std::string& word) {
-    return "ruvo_redis::do_exec_command | redis key:k, persistence:" + word + ", redis reply is nil";
+    return "ruvo_redis::do_exec_command | redis key:k, persistence:" + word +
+           ", redis reply is nil";
   };
-  for (const int type : {1, 2, 3, -1}) { EXPECT_EQ(get("k", static_cast<RedisServerType>(type)), 10402); }
+  for (const int type : {1, 2, 3, -1}) {
+    EXPECT_EQ(get("k", static_cast<RedisServerType>(type)), 10402);
+  }
   EXPECT_EQ(log_.count(WARN, line("true")), 4);
   EXPECT_EQ(get("k", static_cast<RedisServerType>(0)), 10402);
   EXPECT_EQ(log_.count(WARN, line("false")), 1);
@@ -89,7 +93,8 @@ TEST_F(Execution, RebuildsABrokenConnectionAndSendsAgain) {
       EXPECT_EQ(get("k"), 10402);
       EXPECT_EQ(server(position).failure_count_ + server(position).next_retry_time_, 0);
     }
-    EXPECT_EQ(log_.count_containing("ruvo_redis::do_exec_command | key:k, connection err,try reset,"), 2);
+    EXPECT_EQ(
+        log_.count_containing("ruvo_redis::do_exec_command | key:k, connection err,try reset,"), 2);
     log_.clear();
     EXPECT_EQ(get("k") + get("k"), 2 * 10402);
     EXPECT_EQ(log_.count_containing("reset"), 0);
@@ -129,17 +134,18 @@ TEST_F(Execution, EveryWayToBreakAConnectionLeadsToTheNextServer) {
 TEST_F(Execution, AWalkEndsWhereItBegan) {
   start(down_.addr() + "," + also_down_.addr() + "," + down_.addr());
   EXPECT_EQ(get("100%% %s"), -1);
-  for (const std::size_t position : {0U, 1U, 2U}) { EXPECT_EQ(server(position).failure_count_, 1); }
-  EXPECT_EQ(
-      log_.count(WARN,
-                 "ruvo_redis::do_exec_command | key:100%% %s, connection err,try reset,ret:1, err:Connection refused"),
-      3);
-  EXPECT_EQ(
-      log_.count(
-          ERROR,
-          "ruvo_redis::do_exec_command | key:100%% %s, null reply and reset connection to server 127.0.0.1 port:" +
-              std::to_string(also_down_.port()) + " failed."),
-      1);
+  for (const std::size_t position : {0U, 1U, 2U}) {
+    EXPECT_EQ(server(position).failure_count_, 1);
+  }
+  EXPECT_EQ(log_.count(WARN,
+                       "ruvo_redis::do_exec_command | key:100%% %s, connection err,try "
+                       "reset,ret:1, err:Connection refused"),
+            3);
+  EXPECT_EQ(log_.count(ERROR,
+                       "ruvo_redis::do_exec_command | key:100%% %s, null reply and reset "
+                       "connection to server 127.0.0.1 port:" +
+                           std::to_string(also_down_.port()) + " failed."),
+            1);
   EXPECT_EQ(log_.count(WARN, "ruvo_redis::do_exec_command | can not find an available server"), 1);
   EXPECT_EQ(log_.count(ERROR, "100% (null)"), 1);
 }
@@ -168,7 +174,8 @@ TEST_F(Execution, ARawWalkGoesOnInThePoolOfTheNextNumber) {
   const ScriptedServer temp{std::string("+temp\r\n")};
   const ScriptedServer persist{std::string("+persist\r\n")};
   const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
-  const HostConfig config(pools_at(down_.addr() + "," + temp.addr(), persist.addr() + "," + closes.addr(),
+  const HostConfig config(pools_at(down_.addr() + "," + temp.addr(),
+                                   persist.addr() + "," + closes.addr(),
                                    down_.addr() + "," + also_down_.addr()) +
                           "connect_timeout = 1000\nsocket_timeout = 1000");
   init_client(client_, config);
@@ -178,10 +185,12 @@ TEST_F(Execution, ARawWalkGoesOnInThePoolOfTheNextNumber) {
   EXPECT_EQ(log_.count(WARN, "ruvo_redis::exec_redis_cmd | can not find an available server"), 1);
   // Position 1 failed: the persistent pool, whose turn is its first server.
   EXPECT_EQ(raw(ePersonalityServer), "persist");
-  EXPECT_EQ(
-      log_.count(WARN, "ruvo_redis::exec_redis_cmd | key:temp, connection err,try reset,ret:1, err:Connection refused"),
-      2);
-  EXPECT_EQ(log_.count_containing("ruvo_redis::exec_redis_cmd | key:temp, null reply and reset"), 2);
+  EXPECT_EQ(log_.count(WARN,
+                       "ruvo_redis::exec_redis_cmd | key:temp, connection err,try reset,ret:1, "
+                       "err:Connection refused"),
+            2);
+  EXPECT_EQ(log_.count_containing("ruvo_redis::exec_redis_cmd | key:temp, null reply and reset"),
+            2);
   EXPECT_EQ(raw(eTempServer), "temp");
   // Persistent pool, second server: closes; position 1 leads to the persistent pool, turn 2.
   EXPECT_EQ(raw(ePersistServer), "persist");
@@ -214,7 +223,9 @@ TEST_F(Execution, AFailedLockFailsTheCallSilently) {
   EXPECT_EQ(get("k"), -1);
   EXPECT_EQ(raw(eTempServer), "null");
   broken_mutex = nullptr;
-  for (const LogCapture::Line& line : log_.take()) { EXPECT_LT(line.level, WARN) << line; }
+  for (const LogCapture::Line& line : log_.take()) {
+    EXPECT_LT(line.level, WARN) << line;
+  }
   EXPECT_EQ(server(0).failure_count_, 0);
 }
 
@@ -229,8 +240,12 @@ TEST_F(Execution, AStaleConnectionRaisesNoSignal) {
   for (const bool host_blocks : {false, true}) {
     pthread_sigmask(host_blocks ? SIG_BLOCK : SIG_UNBLOCK, &pipe_only, nullptr);
     for (const bool pending : {false, true}) {
-      if (pending && !host_blocks) { continue; }
-      if (pending) { pthread_kill(pthread_self(), SIGPIPE); }
+      if (pending && !host_blocks) {
+        continue;
+      }
+      if (pending) {
+        pthread_kill(pthread_self(), SIGPIPE);
+      }
       redis.restart();
       // Larger than one write: the second one meets the reset connection.
       const std::string large(8000000, 'x');
@@ -263,22 +278,31 @@ volatile std::sig_atomic_t raised = 0;
   const LogCapture log;
   for (int call = 0; call <= 100; ++call) {
     const int connections = vanishes.connections();
-    if (client.insert_key("k", "v", 1, -1, eTempServer, nullptr) != 0) { std::_Exit(1); }
-    while (gone < (call == 0 ? 0 : connections)) { std::this_thread::yield(); }
+    if (client.insert_key("k", "v", 1, -1, eTempServer, nullptr) != 0) {
+      std::_Exit(1);
+    }
+    while (gone < (call == 0 ? 0 : connections)) {
+      std::this_thread::yield();
+    }
   }
   // Where the news of the end is late, a read finds it out instead of a write.
-  if (log.count_containing("err:Broken pipe") < 50 || raised != 0) { std::_Exit(2); }
+  if (log.count_containing("err:Broken pipe") < 50 || raised != 0) {
+    std::_Exit(2);
+  }
   std::fputs("lived", stderr);
   std::array<int, 2> ends{};
-  if (pipe(ends.data()) != 0 || close(ends[0]) != 0 || write(ends[1], "x", 1) != -1) { std::_Exit(3); }
+  if (pipe(ends.data()) != 0 || close(ends[0]) != 0 || write(ends[1], "x", 1) != -1) {
+    std::_Exit(3);
+  }
   std::_Exit(raised == 1 ? 0 : 4);
 }
 
 TEST(HostSignals, AHostLivesThroughLostServersAndGetsItsOwnSigpipe) {
-  EXPECT_EXIT((std::signal(SIGPIPE, SIG_DFL), lose_the_server_a_hundred_times()), testing::KilledBySignal(SIGPIPE),
-              "lived");
-  EXPECT_EXIT((std::signal(SIGPIPE, [](int) { raised = raised + 1; }), lose_the_server_a_hundred_times()),
-              testing::ExitedWithCode(0), "lived");
+  EXPECT_EXIT((std::signal(SIGPIPE, SIG_DFL), lose_the_server_a_hundred_times()),
+              testing::KilledBySignal(SIGPIPE), "lived");
+  EXPECT_EXIT(
+      (std::signal(SIGPIPE, [](int) { raised = raised + 1; }), lose_the_server_a_hundred_times()),
+      testing::ExitedWithCode(0), "lived");
 }
 
 // ---- Keys as formats ----
@@ -287,7 +311,9 @@ TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
   const std::string full(1023, 'x');
   const std::string spaces(1022, ' ');
   std::string nothing_much;
-  for (int i = 0; i < 5000; ++i) { nothing_much += "%n"; }
+  for (int i = 0; i < 5000; ++i) {
+    nothing_much += "%n";
+  }
   // clang-format off
   struct { std::string key; std::string text; } const cases[] = {
       {"plain", "plain"}, {"", ""}, {"100%%", "100%"}, {"%s|%d|%i|%u|%c", "(null)|0|0|0|"}, {"a%nb%hhn%5lln", "ab"},

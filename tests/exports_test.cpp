@@ -68,7 +68,9 @@ TEST(Threads, ACancelledThreadFinishesItsCall) {
   std::promise<void> received;
   std::promise<void> cancelled;
   const ScriptedServer redis([&](Peer& peer) {
-    if (peer.number() > 0) { return; }
+    if (peer.number() > 0) {
+      return;
+    }
     peer.read_command();
     received.set_value();
     cancelled.get_future().wait();
@@ -78,7 +80,8 @@ TEST(Threads, ACancelledThreadFinishesItsCall) {
     peer.hang();
   });
   const DownServer down;
-  const HostConfig config("socket_timeout = 10000\n" + pools_at(redis.addr(), down.addr(), down.addr()));
+  const HostConfig config("socket_timeout = 10000\n" +
+                          pools_at(redis.addr(), down.addr(), down.addr()));
   const LogCapture log;
   EXPECT_EQ(init(config.path()), RUVO_INIT_PERSIST_POOL_FAILED);
   std::atomic<int> result{-100};
@@ -119,14 +122,17 @@ TEST(Threads, ManyShareFewConnectionsThatBreakAndEachGetsItsOwnReply) {
         for (const char* data = nullptr; !stop; ++calls) {
           unsigned long len = 0;
           wrong += RUVO_InsertKey(own.c_str(), own.data(), own.size(), -1, t % 4, nullptr);
-          wrong += RUVO_QueryKey(own.c_str(), &data, &len, t % 4, nullptr) != RUVO_OK || std::string(data, len) != own;
+          wrong += RUVO_QueryKey(own.c_str(), &data, &len, t % 4, nullptr) != RUVO_OK ||
+                   std::string(data, len) != own;
           RUVO_FreeResult(data);
         }
       });
     }
     for (int round = 0; round < 5; ++round) {
       redis.ask("client kill type normal");
-      for (const int target = calls + 200; calls < target;) { std::this_thread::yield(); }
+      for (const int target = calls + 200; calls < target;) {
+        std::this_thread::yield();
+      }
     }
     stop = true;
   }
@@ -136,7 +142,8 @@ TEST(Threads, ManyShareFewConnectionsThatBreakAndEachGetsItsOwnReply) {
 }
 
 TEST(Library, EveryResultHasAText) {
-  for (const int code : {0, 1, 2, 3, -1, -2, 10102, 10106, 10107, 10109, 10111, 10112, 10113, 10115, 10402, 10405}) {
+  for (const int code :
+       {0, 1, 2, 3, -1, -2, 10102, 10106, 10107, 10109, 10111, 10112, 10113, 10115, 10402, 10405}) {
     EXPECT_STRNE(ruvo_result_text(code), ruvo_result_text(4)) << code;
   }
 }

@@ -17,7 +17,9 @@ std::vector<std::string> hostile_keys() {
   std::vector<std::string> keys{"", std::string(65536, 'k')};
   for (const char* directive : {"%n", "%s%n", "%*d", "%2147483648d", "%99$s", "%", "%%"}) {
     std::string& key = keys.emplace_back();
-    while (key.size() < 65536) { key += directive; }
+    while (key.size() < 65536) {
+      key += directive;
+    }
   }
   for (const char* modifier :
        {"", "*", "*.*", "-*", "99999999999", "-+ #08.99999", "7$", "*7$", "hhn%", "ll", "L", "I"}) {
@@ -25,7 +27,9 @@ std::vector<std::string> hostile_keys() {
       keys.push_back(std::string("%") + modifier + conversion + "|");
     }
   }
-  for (int byte = 1; byte < 256; ++byte) { keys.emplace_back(2, static_cast<char>(byte)); }
+  for (int byte = 1; byte < 256; ++byte) {
+    keys.emplace_back(2, static_cast<char>(byte));
+  }
   return keys;
 }
 
@@ -40,12 +44,15 @@ TEST(HostileInput, KeysAreStoredWholeAndTheirLogLinesAreBounded) {
     const char* data = nullptr;
     unsigned long len = 0;
     log.clear();
-    ASSERT_EQ(client.insert_key(key.c_str(), key.data(), key.size(), -1, eTempServer, nullptr), RUVO_OK);
+    ASSERT_EQ(client.insert_key(key.c_str(), key.data(), key.size(), -1, eTempServer, nullptr),
+              RUVO_OK);
     ASSERT_EQ(client.query_key(key.c_str(), &data, &len, eTempServer, nullptr), RUVO_OK);
     EXPECT_EQ(std::string(data, len), key);
     client.free_result(data);
     EXPECT_EQ(client.query_key(key.c_str(), &data, &len, ePersistServer, nullptr), RUVO_ERR_FAILED);
-    for (const LogCapture::Line& line : log.take()) { EXPECT_LT(line.text.size(), 1024U); }
+    for (const LogCapture::Line& line : log.take()) {
+      EXPECT_LT(line.text.size(), 1024U);
+    }
   }
 }
 
@@ -54,7 +61,9 @@ TEST(HostileInput, SettingsAtAndBeyondTheirLimits) {
   const std::string up = redis.addr();
   const DownServer down;
   std::string many = down.addr();
-  while (many.size() < 2000) { many += "," + down.addr(); }
+  while (many.size() < 2000) {
+    many += "," + down.addr();
+  }
   const std::string far = "99999999999999999999";
   // clang-format off
   struct { std::string temp; std::string common; std::string server; int started; int called; } const cases[] = {
@@ -112,10 +121,13 @@ TEST(HostileInput, FilesThatAreNone) {
     EXPECT_EQ(start(fifo), RUVO_OK);
   }
   const std::string large = dir.path("large");
-  const std::string noise = std::string(60000, '#') + "\n" + std::string(5000, 'x') + "\n no section\n";
+  const std::string noise =
+      std::string(60000, '#') + "\n" + std::string(5000, 'x') + "\n no section\n";
   {
     std::ofstream file(large);
-    for (std::size_t bytes = 0; bytes < 100U << 20U; bytes += noise.size()) { file << noise; }
+    for (std::size_t bytes = 0; bytes < 100U << 20U; bytes += noise.size()) {
+      file << noise;
+    }
     file << content(large);
   }
   rusage before{};

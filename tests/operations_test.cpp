@@ -139,7 +139,9 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   const ScriptedServer server([&](Peer& peer) {
     for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
       const std::scoped_lock lock(mutex);
-      for (const std::string& word : words) { sent += (sent.empty() ? "" : " ") + word; }
+      for (const std::string& word : words) {
+        sent += (sent.empty() ? "" : " ") + word;
+      }
       peer.send(reply + "\r\n");
     }
   });
@@ -165,9 +167,12 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
       EXPECT_EQ(RUVO_FreeResult(data), 0);
     }
     EXPECT_EQ(number, one.reply[0] == ':' && number != -9 ? std::stoll(one.reply.substr(1)) : -9);
-    if (one.sent.starts_with("RPOP")) { EXPECT_EQ(text, one.result == 0 ? "v" : ""); }
+    if (one.sent.starts_with("RPOP")) {
+      EXPECT_EQ(text, one.result == 0 ? "v" : "");
+    }
     if (one.sent.starts_with("LRANGE") || one.sent.starts_with("SMEMBERS")) {
-      EXPECT_EQ(texts, one.result == 0 ? (std::vector<std::string>{"a", "b\n"}) : decltype(texts){});
+      EXPECT_EQ(texts,
+                one.result == 0 ? (std::vector<std::string>{"a", "b\n"}) : decltype(texts){});
     }
   }
 }
@@ -209,8 +214,8 @@ TEST(Operations, RefuseByName) {
   const RedisServer redis;
   LogCapture log;
   for (const bool initialised : {false, true}) {
-    const std::unique_ptr<Session> session(initialised ? std::make_unique<Session>(all_pools_at(redis.addr()))
-                                                       : nullptr);
+    const std::unique_ptr<Session> session(
+        initialised ? std::make_unique<Session>(all_pools_at(redis.addr())) : nullptr);
     for (const auto& one : cases) {
       log.clear();
       text = "old";
@@ -235,7 +240,9 @@ class OnRedis : public testing::Test {
  protected:
   static std::string query(const char* key, int pool = T) {
     const int ret = RUVO_QueryKey(key, &data, &len, pool, nullptr);
-    if (ret != RUVO_OK) { return std::to_string(ret); }
+    if (ret != RUVO_OK) {
+      return std::to_string(ret);
+    }
     std::string value(data, len);
     EXPECT_EQ(RUVO_FreeResult(data), RUVO_OK);
     return value;
@@ -251,12 +258,17 @@ class OnRedis : public testing::Test {
 
 TEST_F(OnRedis, BytesGoInAndComeBackWhole) {
   std::string every_byte;
-  for (int byte = 0; byte < 256; ++byte) { every_byte += static_cast<char>(byte); }
-  for (const std::string& value : {std::string(), std::string(1, '\0'), every_byte, std::string(64U << 20U, '\xFF')}) {
+  for (int byte = 0; byte < 256; ++byte) {
+    every_byte += static_cast<char>(byte);
+  }
+  for (const std::string& value :
+       {std::string(), std::string(1, '\0'), every_byte, std::string(64U << 20U, '\xFF')}) {
     const std::string field = value.substr(0, 1000);
     EXPECT_EQ(RUVO_InsertKey("s", value.data(), value.size(), -1, T, nullptr), 0);
     EXPECT_TRUE(query("s") == value) << value.size();
-    EXPECT_EQ(RUVO_HashSet("h", field.data(), field.size(), value.data(), value.size(), -1, T, nullptr), 0);
+    EXPECT_EQ(
+        RUVO_HashSet("h", field.data(), field.size(), value.data(), value.size(), -1, T, nullptr),
+        0);
     EXPECT_EQ(RUVO_HashGet("h", field.data(), field.size(), &data, &len, T, nullptr), 0);
     EXPECT_TRUE(std::string(data, len) == value);
     RUVO_FreeResult(data);
@@ -314,11 +326,14 @@ TEST_F(OnRedis, RawCommandsHandTheReplyOver) {
   const auto run = [](const char* format, auto... args) {
     auto* reply = static_cast<redisReply*>(RUVO_ExecRedisCmd(ePersistServer, format, args...));
     const int type = reply != nullptr ? reply->type : -1;
-    if (reply != nullptr) { RUVO_FreeReplyObject(reply); }
+    if (reply != nullptr) {
+      RUVO_FreeReplyObject(reply);
+    }
     return type;
   };
   EXPECT_EQ(run("PING"), REDIS_REPLY_STATUS);
-  EXPECT_EQ(run("SET %s %b", "k", "a\0b", std::size_t{3}), REDIS_REPLY_STATUS);  // NOLINT: the zero byte is meant
+  EXPECT_EQ(run("SET %s %b", "k", "a\0b", std::size_t{3}),
+            REDIS_REPLY_STATUS);  // NOLINT: the zero byte is meant
   EXPECT_EQ(run("STRLEN %s", "k"), REDIS_REPLY_INTEGER);
   EXPECT_EQ(run("GET none"), REDIS_REPLY_NIL);
   EXPECT_EQ(run("LLEN k"), REDIS_REPLY_ERROR);
@@ -338,8 +353,11 @@ TEST(Operations, PoolsAreApartAndUnknownNumbersMeanTheTemporaryOne) {
   const RedisServer persist;
   const RedisServer personality;
   const Session session(pools_at(temp.addr(), persist.addr(), personality.addr()));
-  for (const int pool : {1, 2, 3, 0, 4, -1}) { EXPECT_EQ(RUVO_AppendKey("k", "x", 1, pool, nullptr), 0); }
-  EXPECT_EQ(temp.ask("get k") + "," + persist.ask("get k") + "," + personality.ask("get k"), "xxxx,x,x");
+  for (const int pool : {1, 2, 3, 0, 4, -1}) {
+    EXPECT_EQ(RUVO_AppendKey("k", "x", 1, pool, nullptr), 0);
+  }
+  EXPECT_EQ(temp.ask("get k") + "," + persist.ask("get k") + "," + personality.ask("get k"),
+            "xxxx,x,x");
   const LogCapture log;
   RUVO_Fini();
   EXPECT_EQ(RUVO_ExecRedisCmd(T, "PING"), nullptr);

@@ -1,5 +1,5 @@
-// Every operation through two proxies before two shards: each result and each value, on keys of both
-// shards, and again after one of the proxies has died.
+// Every operation through two proxies before two shards: each result and each value, on keys of
+// both shards, and again after one of the proxies has died.
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 #include <ruvo/ruvo.h>
@@ -21,11 +21,15 @@ std::string told(int result, long long value) { return told(result) + ' ' + std:
 std::string told(int result, std::vector<std::string> values) {
   std::sort(values.begin(), values.end());  // a set has no order; the lists here are sorted
   std::string all = told(result);
-  for (const std::string& value : values) { all += ' ' + value; }
+  for (const std::string& value : values) {
+    all += ' ' + value;
+  }
   return all;
 }
 std::string told_and_free(int result, const char* data, unsigned long len) {
-  if (result != RUVO_OK) { return told(result); }
+  if (result != RUVO_OK) {
+    return told(result);
+  }
   std::string all = told(result) + ' ' + std::string(data, len);
   RUVO_FreeResult(data);
   return all;
@@ -33,7 +37,9 @@ std::string told_and_free(int result, const char* data, unsigned long len) {
 std::string told_and_free(void* raw_reply) {
   auto* reply = static_cast<redisReply*>(raw_reply);
   std::string all = std::to_string(reply->type) + ' ' + (reply->str != nullptr ? reply->str : "");
-  if (reply->type == REDIS_REPLY_INTEGER) { all += std::to_string(reply->integer); }
+  if (reply->type == REDIS_REPLY_INTEGER) {
+    all += std::to_string(reply->integer);
+  }
   RUVO_FreeReplyObject(reply);
   return all;
 }
@@ -42,7 +48,9 @@ std::string told_and_free(void* raw_reply) {
 template <typename Ask>
 std::string told_raw(Ask ask) {
   void* reply = nullptr;
-  for (int tries = 0; reply == nullptr && tries < raw_tries; ++tries) { reply = ask(); }
+  for (int tries = 0; reply == nullptr && tries < raw_tries; ++tries) {
+    reply = ask();
+  }
   return reply != nullptr ? told_and_free(reply) : "no reply";
 }
 
@@ -107,7 +115,9 @@ void run_every_operation(const std::string& name, int pool) {
       {"leave a value behind", told(RUVO_InsertKey(k, "v", 1, -1, pool, nullptr)), "0"},
   };
   // clang-format on
-  for (const auto& row : rows) { EXPECT_EQ(row.got, row.expected) << row.what << ' ' << name; }
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.got, row.expected) << row.what << ' ' << name;
+  }
 }
 
 class OnProxies : public testing::TestWithParam<std::size_t> {};
@@ -118,13 +128,16 @@ TEST_P(OnProxies, EveryOperationWorksAndOutlivesAProxy) {
   const RedisServer second;
   const std::vector<std::string> shards{first.addr(), second.addr()};
   std::array<Proxy, 2> proxies{Proxy(shards), Proxy(shards)};
-  const HostConfig config(all_pools_at(proxies[0].addr() + ',' + proxies[1].addr()), "p_connect_num = 2");
+  const HostConfig config(all_pools_at(proxies[0].addr() + ',' + proxies[1].addr()),
+                          "p_connect_num = 2");
   {
     const QuietConsole quiet;
     ASSERT_EQ(RUVO_Init(config.path()), RUVO_OK);
   }
   const auto run_on_all_keys = [&] {
-    for (int i = 0; i < key_count; ++i) { run_every_operation("key" + std::to_string(i), 1 + i % 3); }
+    for (int i = 0; i < key_count; ++i) {
+      run_every_operation("key" + std::to_string(i), 1 + i % 3);
+    }
     const int on_first = std::stoi(first.ask("dbsize"));
     const int on_second = std::stoi(second.ask("dbsize"));
     EXPECT_GT(std::min(on_first, on_second), 0);

@@ -23,7 +23,8 @@ extern "C" int __wrap_gethostname(char* name, std::size_t length) {
 }
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name, see --wrap
-extern "C" int __wrap_gethostbyname_r(const char*, hostent* entry, char*, std::size_t size, hostent** found, int*) {
+extern "C" int __wrap_gethostbyname_r(const char*, hostent* entry, char*, std::size_t size,
+                                      hostent** found, int*) {
   static char* addrs[] = {reinterpret_cast<char*>(host_ip.data()), nullptr};
   entry->h_addrtype = AF_INET;
   entry->h_addr_list = addrs;
@@ -103,8 +104,11 @@ TEST_F(Startup, TellsItsStoryToLogAndConsole) {
       "ruvo_redis::init | persist init_server_pool ret = 0\n"
       "ruvo_redis::init | personality init_server_pool ret = 10109\nret_sum = 0\n";
   // clang-format on
-  for (const LogCapture::Line& line : story) { EXPECT_EQ(log_.count(line.level, line.text), 1) << line; }
-  EXPECT_EQ(log_.count_containing("| server: conn_num:1, auto_eject:true, failure_limit:5, retry_"), 2);
+  for (const LogCapture::Line& line : story) {
+    EXPECT_EQ(log_.count(line.level, line.text), 1) << line;
+  }
+  EXPECT_EQ(log_.count_containing("| server: conn_num:1, auto_eject:true, failure_limit:5, retry_"),
+            2);
   EXPECT_EQ(log_.count_containing("ruvo_redis::fini | disconnect redis node 127.0.0.1 port:"), 2);
   EXPECT_TRUE(progress().ends_with(printed));
 }
@@ -144,9 +148,9 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   const RedisServer redis;
   const int descriptors = open_descriptors();
   ruvo_redis client;
-  const HostConfig first(
-      all_pools_at(redis.addr()),
-      "p_connect_num = 3\np_server_failure_limit = 9\nt_password = none\nt_auto_eject_server = false\nt_server_retry_timeout = 7");
+  const HostConfig first(all_pools_at(redis.addr()),
+                         "p_connect_num = 3\np_server_failure_limit = 9\nt_password = "
+                         "none\nt_auto_eject_server = false\nt_server_retry_timeout = 7");
   ASSERT_EQ(client.init(first.path()), 0);
   EXPECT_EQ(client.init(nullptr), 0);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | redis alreadly initialize"), 1);
@@ -169,10 +173,11 @@ TEST_F(Startup, ReadsTheSettingsOfEachPool) {
   const RedisServer redis;
   std::stringstream port;
   port << "0x" << std::hex << redis.port();
-  const HostConfig config(all_pools_at(redis.addr() + ", 127.0.0.1 : " + port.str()),
-                          "p_connect_num=3\nt_connect_num=1\nps_connect_num=-2\np_auto_eject_server=0\n"
-                          "p_server_failure_limit=11\nt_server_failure_limit=12\nps_server_failure_limit=13\n"
-                          "p_server_retry_timeout=21\nt_server_retry_timeout=22\nps_server_retry_timeout=23");
+  const HostConfig config(
+      all_pools_at(redis.addr() + ", 127.0.0.1 : " + port.str()),
+      "p_connect_num=3\nt_connect_num=1\nps_connect_num=-2\np_auto_eject_server=0\n"
+      "p_server_failure_limit=11\nt_server_failure_limit=12\nps_server_failure_limit=13\n"
+      "p_server_retry_timeout=21\nt_server_retry_timeout=22\nps_server_retry_timeout=23");
   ruvo_redis client;
   ASSERT_EQ(client.init(config.path()), 0);
   for (const RedisServerType type : all_types) {
@@ -192,8 +197,8 @@ TEST_F(Startup, ReadsTheSettingsOfEachPool) {
 TEST_F(Startup, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
   const DownServer none;
   const std::string down = none.addr();
-  for (const std::string& addrs :
-       {std::string("host"), down + ",", down + ":1", down + ",a:1:2", std::string(" , "), std::string()}) {
+  for (const std::string& addrs : {std::string("host"), down + ",", down + ":1", down + ",a:1:2",
+                                   std::string(" , "), std::string()}) {
     ruvo_redis client;
     EXPECT_EQ(client.init_server_pool(addrs, pool_in(client), eTempServer), RUVO_ERR_ADDRESS_LIST);
     EXPECT_TRUE(pool_in(client).servers_.empty()) << addrs;
@@ -203,10 +208,13 @@ TEST_F(Startup, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
   const HostConfig config(pools_at(down + ",127.0.0.1:99999,:1", down, ""), "p_connect_num = 2");
   ruvo_redis client;
   EXPECT_EQ(client.init(config.path()), 3);
-  for (const server_node& server : client.getPool(eTempServer).servers_) { EXPECT_EQ(server.context_arr_.size(), 2U); }
+  for (const server_node& server : client.getPool(eTempServer).servers_) {
+    EXPECT_EQ(server.context_arr_.size(), 2U);
+  }
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | temp server pool init failed, 10405"), 1);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
-                                  std::to_string(none.port()) + " failed, error code : Connection refused."),
+                                  std::to_string(none.port()) +
+                                  " failed, error code : Connection refused."),
             4);
   EXPECT_EQ(log_.count_containing("port:99999 failed, error code : null redisContext."), 2);
 }
@@ -214,12 +222,14 @@ TEST_F(Startup, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
 TEST_F(Startup, AuthenticatesAndDropsWhatIsRefused) {
   const RedisServer redis("--requirepass s3cret");
   std::atomic<bool> answers{false};
-  const ScriptedServer silent([&](Peer& peer) { answers ? peer.answer_all("+OK\r\n") : peer.hang(); });
+  const ScriptedServer silent(
+      [&](Peer& peer) { answers ? peer.answer_all("+OK\r\n") : peer.hang(); });
   const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
   const int descriptors = open_descriptors();
   {
     const HostConfig config(
-        pools_at(redis.addr(), redis.addr(), silent.addr() + "," + closes.addr()) + "socket_timeout = 50",
+        pools_at(redis.addr(), redis.addr(), silent.addr() + "," + closes.addr()) +
+            "socket_timeout = 50",
         "p_password = s3cret\nt_password = wrong\nps_password = any");
     ruvo_redis client;
     ASSERT_EQ(client.init(config.path()), 0);  // a refused password is no failed connection
@@ -227,12 +237,11 @@ TEST_F(Startup, AuthenticatesAndDropsWhatIsRefused) {
     EXPECT_EQ(client.getPool(ePersistServer).servers_[0].context_arr_.size(), 0U);
     EXPECT_EQ(client.getPool(ePersonalityServer).servers_[0].context_arr_.size(), 1U);
     EXPECT_EQ(client.getPool(ePersonalityServer).servers_[1].context_arr_.size(), 0U);
-    EXPECT_EQ(
-        log_.count(
-            ERROR,
-            "ruvo_redis::init_server_pool | failed to authenticate redis, error passwd, redis_ip = 127.0.0.1, redis_port = " +
-                std::to_string(redis.port()) + ", passwd = wrong"),
-        1);
+    EXPECT_EQ(log_.count(ERROR,
+                         "ruvo_redis::init_server_pool | failed to authenticate redis, error "
+                         "passwd, redis_ip = 127.0.0.1, redis_port = " +
+                             std::to_string(redis.port()) + ", passwd = wrong"),
+              1);
     EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
                                     std::to_string(silent.port()) +
                                     " failed, error code : Resource temporarily unavailable."),

@@ -35,8 +35,8 @@ TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
     Logger("/a/b/server.cpp", 42, static_cast<Logger::LogLevel>(level)).stream() << "pid " << 7;
     EXPECT_EQ(errno, EPIPE);
     EXPECT_EQ(lines.back().first, static_cast<Logger::LogLevel>(level));
-    const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )" + std::to_string(gettid()) + " " + names[level] +
-                           R"( server\.cpp:42 pid 7\n)");
+    const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )" + std::to_string(gettid()) +
+                           " " + names[level] + R"( server\.cpp:42 pid 7\n)");
     EXPECT_TRUE(std::regex_match(lines.back().second, shape)) << lines.back().second;
   }
   Logger::setLogLevel(Logger::ERROR);
@@ -47,7 +47,9 @@ TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
 TEST_F(StreamLog, LinesOfManyThreadsDoNotMix) {
   lines.clear();
   const auto work = [] {
-    for (int i = 0; i < 400; ++i) { Logger("t.cpp", i, Logger::INFO).stream() << "line " << i; }
+    for (int i = 0; i < 400; ++i) {
+      Logger("t.cpp", i, Logger::INFO).stream() << "line " << i;
+    }
   };
   std::thread one(work);
   std::thread other(work);

@@ -48,7 +48,9 @@ TEST(Paths, ParentAndBoundedCopy) {
       {"/etc/passwd", "/"}, {R"(\\host\share\x)", "/host/"}, {"//a///b/c", "//a/"}, {".", above}, {bin, above},
   };
   // clang-format on
-  for (const auto& [path, parent] : cases) { EXPECT_EQ(sp::parent_path(path.c_str()), parent) << path; }
+  for (const auto& [path, parent] : cases) {
+    EXPECT_EQ(sp::parent_path(path.c_str()), parent) << path;
+  }
   char text[8] = "1234567";
   EXPECT_STREQ(sp::strsncpy(text, "abcdef", 4), "abc");
   EXPECT_STREQ(sp::strsncpy(text, text, 3), "ab");
