@@ -128,6 +128,8 @@ TEST(ReaderLifecycle, OpensReopensReloadsAndCloses) {
   EXPECT_EQ(config.close(), 0);
   EXPECT_EQ(k("t"), "(null)");
   EXPECT_TRUE(config.cfg_changed());
+  EXPECT_EQ(config.open(path.c_str()), 0);  // closed: read anew
+  EXPECT_EQ(k("s"), "4");
 }
 
 TEST(ReaderLifecycle, OpensAPathThatIsAValueOfItsOwn) {

@@ -1,6 +1,5 @@
 // Keys, settings and configuration files that nobody should use.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -120,25 +119,6 @@ TEST(HostileInput, FilesThatAreNone) {
     const std::jthread writer([&] { std::ofstream(fifo) << content(fifo); });
     EXPECT_EQ(start(fifo), RUVO_OK);
   }
-  const std::string large = dir.path("large");
-  const std::string noise =
-      std::string(60000, '#') + "\n" + std::string(5000, 'x') + "\n no section\n";
-  {
-    std::ofstream file(large);
-    for (std::size_t bytes = 0; bytes < 100U << 20U; bytes += noise.size()) {
-      file << noise;
-    }
-    file << content(large);
-  }
-  rusage before{};
-  rusage after{};
-  getrusage(RUSAGE_SELF, &before);
-  EXPECT_EQ(start(large), RUVO_OK);
-  getrusage(RUSAGE_SELF, &after);
-  EXPECT_LT(after.ru_utime.tv_sec - before.ru_utime.tv_sec, 30);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these keep what is released
-  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 10000) << "KiB";
-#endif
 }
 
 }  // namespace

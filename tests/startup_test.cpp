@@ -3,9 +3,7 @@
 #include <netdb.h>
 
 #include <array>
-#include <atomic>
 #include <iostream>
-#include <sstream>
 
 #include "client.h"
 #include "servers.h"
@@ -28,8 +26,8 @@ extern "C" int __wrap_gethostbyname_r(const char*, hostent* entry, char*, std::s
   static char* addrs[] = {reinterpret_cast<char*>(host_ip.data()), nullptr};
   entry->h_addrtype = AF_INET;
   entry->h_addr_list = addrs;
-  *found = entry;
-  return size < 4096 ? ERANGE : 0;  // makes the caller grow its buffer
+  *found = size < 4096 ? nullptr : entry;  // makes the caller grow its buffer
+  return *found == nullptr ? ERANGE : 0;
 }
 
 namespace {
@@ -148,7 +146,7 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   const RedisServer redis;
   const int descriptors = open_descriptors();
   ruvo_redis client;
-  const HostConfig first(all_pools_at(redis.addr()),
+  const HostConfig first(all_pools_at(redis.addr() + "," + redis.addr()),
                          "p_connect_num = 3\np_server_failure_limit = 9\nt_password = "
                          "none\nt_auto_eject_server = false\nt_server_retry_timeout = 7");
   ASSERT_EQ(client.init(first.path()), 0);
@@ -159,102 +157,16 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   EXPECT_EQ(client.fini(), 0);
   EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);
   EXPECT_EQ(open_descriptors(), descriptors);
+  EXPECT_EQ(ruvo_cfg.get_str_val("common", "temp_server"), nullptr);
   const HostConfig second(all_pools_at(redis.addr()));
   ASSERT_EQ(client.init(second.path()), 0);
+  EXPECT_EQ(client.get_server_node(eTempServer, -1)->index_, 0U);  // turns begin anew as well
   for (const RedisServerType type : all_types) {
     const server_pool& pool = client.getPool(type);
     EXPECT_EQ(pool.servers_.at(0).context_arr_.size(), 1U);
     EXPECT_TRUE(pool.auto_eject_ && pool.failure_limit_ == 5 && pool.retry_timeout_ == 30);
     EXPECT_EQ(pool.redis_password_, "");
   }
-}
-
-TEST_F(Startup, ReadsTheSettingsOfEachPool) {
-  const RedisServer redis;
-  std::stringstream port;
-  port << "0x" << std::hex << redis.port();
-  const HostConfig config(
-      all_pools_at(redis.addr() + ", 127.0.0.1 : " + port.str()),
-      "p_connect_num=3\nt_connect_num=1\nps_connect_num=-2\np_auto_eject_server=0\n"
-      "p_server_failure_limit=11\nt_server_failure_limit=12\nps_server_failure_limit=13\n"
-      "p_server_retry_timeout=21\nt_server_retry_timeout=22\nps_server_retry_timeout=23");
-  ruvo_redis client;
-  ASSERT_EQ(client.init(config.path()), 0);
-  for (const RedisServerType type : all_types) {
-    const server_pool& pool = client.getPool(type);
-    EXPECT_EQ(pool.failure_limit_, 10U + static_cast<unsigned>(type));
-    EXPECT_EQ(pool.retry_timeout_, 20 + type);
-    EXPECT_EQ(pool.auto_eject_, type != eTempServer);
-    EXPECT_EQ(pool.conn_num_, type == eTempServer ? 3U : 1U);
-    EXPECT_EQ(pool.server_num_, 2U);
-    EXPECT_EQ(pool.servers_.at(1).index_, 1U);
-    EXPECT_EQ(pool.servers_.at(1).addr_.port_, static_cast<std::uint32_t>(redis.port()));
-    EXPECT_EQ(pool.servers_.at(1).context_arr_.size(), 3U);
-  }
-  EXPECT_EQ(log_.count_containing("ps_connect_num must not be negative: -2"), 1);
-}
-
-TEST_F(Startup, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
-  const DownServer none;
-  const std::string down = none.addr();
-  for (const std::string& addrs : {std::string("host"), down + ",", down + ":1", down + ",a:1:2",
-                                   std::string(" , "), std::string()}) {
-    ruvo_redis client;
-    EXPECT_EQ(client.init_server_pool(addrs, pool_in(client), eTempServer), RUVO_ERR_ADDRESS_LIST);
-    EXPECT_TRUE(pool_in(client).servers_.empty()) << addrs;
-  }
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | addr is empty"), 1);
-  EXPECT_EQ(log_.count_containing("ruvo_redis::init_server_pool | invalid server addr:"), 5);
-  const HostConfig config(pools_at(down + ",127.0.0.1:99999,:1", down, ""), "p_connect_num = 2");
-  ruvo_redis client;
-  EXPECT_EQ(client.init(config.path()), 3);
-  for (const server_node& server : client.getPool(eTempServer).servers_) {
-    EXPECT_EQ(server.context_arr_.size(), 2U);
-  }
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | temp server pool init failed, 10405"), 1);
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
-                                  std::to_string(none.port()) +
-                                  " failed, error code : Connection refused."),
-            4);
-  EXPECT_EQ(log_.count_containing("port:99999 failed, error code : null redisContext."), 2);
-}
-
-TEST_F(Startup, AuthenticatesAndDropsWhatIsRefused) {
-  const RedisServer redis("--requirepass s3cret");
-  std::atomic<bool> answers{false};
-  const ScriptedServer silent(
-      [&](Peer& peer) { answers ? peer.answer_all("+OK\r\n") : peer.hang(); });
-  const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
-  const int descriptors = open_descriptors();
-  {
-    const HostConfig config(
-        pools_at(redis.addr(), redis.addr(), silent.addr() + "," + closes.addr()) +
-            "socket_timeout = 50",
-        "p_password = s3cret\nt_password = wrong\nps_password = any");
-    ruvo_redis client;
-    ASSERT_EQ(client.init(config.path()), 0);  // a refused password is no failed connection
-    EXPECT_EQ(client.getPool(eTempServer).servers_[0].context_arr_.size(), 1U);
-    EXPECT_EQ(client.getPool(ePersistServer).servers_[0].context_arr_.size(), 0U);
-    EXPECT_EQ(client.getPool(ePersonalityServer).servers_[0].context_arr_.size(), 1U);
-    EXPECT_EQ(client.getPool(ePersonalityServer).servers_[1].context_arr_.size(), 0U);
-    EXPECT_EQ(log_.count(ERROR,
-                         "ruvo_redis::init_server_pool | failed to authenticate redis, error "
-                         "passwd, redis_ip = 127.0.0.1, redis_port = " +
-                             std::to_string(redis.port()) + ", passwd = wrong"),
-              1);
-    EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
-                                    std::to_string(silent.port()) +
-                                    " failed, error code : Resource temporarily unavailable."),
-              1);
-    EXPECT_EQ(log_.count_containing("connect to node"), 1);
-    EXPECT_EQ(log_.count_containing("personality server pool init failed, 10405"), 1);
-    EXPECT_EQ(client.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0);
-    EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersistServer, nullptr), -1);
-    answers = true;  // the slot is still there, and rebuilt on its first use
-    EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersonalityServer, nullptr), 0);
-  }
-  // Only the scripted server's side of a closed connection may still be open for a moment.
-  EXPECT_LE(open_descriptors(), descriptors + 2);
 }
 
 TEST_F(Startup, DefaultsFollowTheHostsNetworkAndTheExecutable) {
@@ -275,6 +187,18 @@ TEST_F(Startup, DefaultsFollowTheHostsNetworkAndTheExecutable) {
     EXPECT_EQ(log_.count(ERROR, "invalid ip or no redis server on the area."), one.errors);
   }
   EXPECT_TRUE(client.get_cfg().ends_with("/conf/sruvo.conf")) << client.get_cfg();
+}
+
+TEST_F(Startup, APoolWithoutAListTakesTheDefaultOfItsKind) {
+  host_name = "host.example";
+  host_ip = {127, 0, 0, 1};
+  ruvo_redis client;
+  client.init(HostConfig("").path());
+  for (const RedisServerType type : {eTempServer, ePersistServer}) {
+    EXPECT_EQ(client.getPool(type).server_num_, 2U);
+    EXPECT_EQ(client.getPool(type).servers_.at(1).addr_.ip_, "127.0.0.2");
+  }
+  EXPECT_EQ(log_.count_containing("| addr is empty"), 1);  // the personality pool has none
 }
 
 }  // namespace

@@ -38,6 +38,16 @@ TEST(Trim, KnowsItsCharacterAndSparesHighBytes) {
   EXPECT_EQ(text, "a \xFF");
 }
 
+TEST(Trim, ANullPointerIsLeftAlone) { sp::trim_str(static_cast<char*>(nullptr)); }
+
+TEST(Characters, QuotesAndFullWidth) {
+  EXPECT_TRUE(sp::is_quote('"') && sp::is_quote('\'') && !sp::is_quote('`'));
+  EXPECT_TRUE(sp::is_quanjiao("\xA3\xA1"));
+  for (const char* other : {"\xA3\xA0", "\xA2\xA1", "\xA3", ""}) {
+    EXPECT_FALSE(sp::is_quanjiao(other));
+  }
+}
+
 TEST(Paths, ParentAndBoundedCopy) {
   const std::string bin = sp::get_bin_path();
   EXPECT_EQ(bin, std::filesystem::read_symlink("/proc/self/exe").parent_path().string() + "/");
