@@ -57,7 +57,8 @@ TEST(Connection, TellsWhyAServerIsOutOfReach) {
   const DownServer down;
   // clang-format off
   const struct { std::uint32_t port; const char* error; } cases[] = {
-      {static_cast<std::uint32_t>(down.port()), "Connection refused"}, {65536, "null redisContext"},
+      {static_cast<std::uint32_t>(down.port()), "Connection refused"},
+      {65536, "null redisContext"},
       {3000000000, "null redisContext"},
   };
   // clang-format on
@@ -88,7 +89,8 @@ TEST(Connection, EachTimeOutStandsForItself) {
 TEST(Connection, BelievesArraysUpToALimit) {
   // clang-format off
   const struct { std::string announced; std::string error; } cases[] = {
-      {"*16777216\r\n", "Server closed the connection"}, {"*16777217\r\n", "Out of memory"},
+      {"*16777216\r\n", "Server closed the connection"},
+      {"*16777217\r\n", "Out of memory"},
   };
   // clang-format on
   for (const auto& one : cases) {

@@ -49,8 +49,10 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   const Call insert_timed = [] { return RUVO_InsertKey("k", "v", 1, 30, T, nullptr); };
   const Call append = [] { return RUVO_AppendKey("k", "v", 1, T, nullptr); };
   const Call increase = [] { return RUVO_IncreaseKey("k", &number, T, nullptr); };
-  const Call query = [] { return RUVO_QueryKey("k", &data, &len, T, nullptr); }; const Call exists = [] { return RUVO_ExistsKey("k", T, nullptr); };
-  const Call erase = [] { return RUVO_DeleteKey("k", T, nullptr); }; const Call expire = [] { return RUVO_ExpireKey("k", 4000000000U, T, nullptr); };
+  const Call query = [] { return RUVO_QueryKey("k", &data, &len, T, nullptr); };
+  const Call exists = [] { return RUVO_ExistsKey("k", T, nullptr); };
+  const Call erase = [] { return RUVO_DeleteKey("k", T, nullptr); };
+  const Call expire = [] { return RUVO_ExpireKey("k", 4000000000U, T, nullptr); };
   const Call persist = [] { return RUVO_PersistKey("k", T, nullptr); };
   const Call hset = [] { return RUVO_HashSet("k", "f", 1, "v", 1, -1, T, nullptr); };
   const Call hset_timed = [] { return RUVO_HashSet("k", "f", 1, "v", 1, 0, T, nullptr); };
@@ -58,12 +60,16 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   const Call hexists = [] { return RUVO_HashFieldExist("k", "f", 1, T, nullptr); };
   const Call hincr = [] { return RUVO_HashIncrBy("k", "f", 1, -5000000000, &number, T, nullptr); };
   const Call hlen = [] { return RUVO_HashFieldsNum("k", &number, T, nullptr); };
-  const Call hdel = [] { return RUVO_HashDelField("k", "f", 1, T, nullptr); }; const Call lrem = [] { return RUVO_LRem("k", -1, "v", T, nullptr); };
+  const Call hdel = [] { return RUVO_HashDelField("k", "f", 1, T, nullptr); };
+  const Call lrem = [] { return RUVO_LRem("k", -1, "v", T, nullptr); };
   const Call push = [] { return RUVO_LPush("k", "v", 1, 0, &number, T, nullptr); };
   const Call push_timed = [] { return RUVO_LPush("k", "v", 1, 1, &number, T, nullptr); };
-  const Call pop = [] { return RUVO_RPop("k", text, T, nullptr); }; const Call range = [] { return RUVO_LRange("k", 0, -1, texts, T, nullptr); };
-  const Call trim = [] { return RUVO_LTrim("k", 1, -2, T, nullptr); }; const Call sadd = [] { return RUVO_SAdd("k", "v", 1, T, nullptr); };
-  const Call srem = [] { return RUVO_SRem("k", "v", 1, T, nullptr); }; const Call sismember = [] { return RUVO_SIsmember("k", "v", 1, T, nullptr); };
+  const Call pop = [] { return RUVO_RPop("k", text, T, nullptr); };
+  const Call range = [] { return RUVO_LRange("k", 0, -1, texts, T, nullptr); };
+  const Call trim = [] { return RUVO_LTrim("k", 1, -2, T, nullptr); };
+  const Call sadd = [] { return RUVO_SAdd("k", "v", 1, T, nullptr); };
+  const Call srem = [] { return RUVO_SRem("k", "v", 1, T, nullptr); };
+  const Call sismember = [] { return RUVO_SIsmember("k", "v", 1, T, nullptr); };
   const Call smembers = [] { return RUVO_SMembers("k", texts, T, nullptr); };
   // clang-format on
   const std::string some = "*6\r\n$1\r\na\r\n$0\r\n\r\n:1\r\n+s\r\n$-1\r\n$2\r\nb\n\r\n";

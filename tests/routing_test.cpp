@@ -112,8 +112,10 @@ TEST_F(Routing, GivesUpWhenAllServersAreEjectedOrThereIsNone) {
 TEST_F(Routing, LimitsOfEjection) {
   // clang-format off
   struct { const char* settings; int failures; std::size_t found; } const cases[] = {
-      {"p_auto_eject_server = false\np_server_failure_limit = 1", 9, 0}, {"p_server_failure_limit = -1", 9, 0},
-      {"p_server_failure_limit = 1\np_server_retry_timeout = 0", 9, 0}, {"p_server_failure_limit = 0", 0, 0},
+      {"p_auto_eject_server = false\np_server_failure_limit = 1", 9, 0},
+      {"p_server_failure_limit = -1", 9, 0},
+      {"p_server_failure_limit = 1\np_server_retry_timeout = 0", 9, 0},
+      {"p_server_failure_limit = 0", 0, 0},
       {"p_server_failure_limit = 0", 1, 1},
   };
   // clang-format on

@@ -36,8 +36,12 @@ TEST(Counter, LivesUntilLocalMidnight) {
   tzset();
   // clang-format off
   const struct { std::time_t time_of_day; const char* count; const char* expiry; } cases[] = {
-      {21 * 3600, ":1\r\n", "86400"}, {21 * 3600 - 1, ":1\r\n", "1"}, {0, ":1\r\n", "75600"},
-      {9 * 3600 + 34 * 60 + 5, ":1\r\n", "41155"}, {0, ":2\r\n", ""}, {0, ":0\r\n", ""},
+      {21 * 3600, ":1\r\n", "86400"},
+      {21 * 3600 - 1, ":1\r\n", "1"},
+      {0, ":1\r\n", "75600"},
+      {9 * 3600 + 34 * 60 + 5, ":1\r\n", "41155"},
+      {0, ":2\r\n", ""},
+      {0, ":0\r\n", ""},
   };
   // clang-format on
   for (const auto& one : cases) {
