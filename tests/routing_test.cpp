@@ -1,5 +1,6 @@
 // Choice of server and connection, ejection and retry, rebuilding. The clock is the test's.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include "client.h"
 #include "servers.h"
@@ -154,6 +155,10 @@ TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
   for (int i = 0; i < 31; ++i) {
     EXPECT_NE(client_.reset_connection(good.context_arr_[0], good.addr_), nullptr);
   }
+  timeval set{};
+  socklen_t size = sizeof(set);
+  getsockopt(good.context_arr_[0].context_->fd, SOL_SOCKET, SO_RCVTIMEO, &set, &size);
+  EXPECT_EQ(set.tv_sec, 1);  // of 1.25 s
   EXPECT_EQ(log_.count_containing("redisSetTimeOut time_out:1250 (ms), success"), 31);
   for (int i = 0; i < 30; ++i) {
     for (const std::size_t position : {1U, 2U, 3U}) {

@@ -164,7 +164,7 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);
   EXPECT_EQ(open_descriptors(), descriptors);
   EXPECT_EQ(ruvo_cfg.get_str_val("common", "temp_server"), nullptr);
-  const HostConfig second(all_pools_at(redis.addr()));
+  const HostConfig second(all_pools_at(redis.addr() + "," + redis.addr()));
   ASSERT_EQ(client.init(second.path()), 0);
   EXPECT_EQ(client.get_server_node(eTempServer, -1)->index_, 0U);  // turns begin anew as well
   for (const RedisServerType type : all_types) {
