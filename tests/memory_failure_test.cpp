@@ -39,7 +39,7 @@ class MemoryFailure : public testing::Test {
   }
 
   RedisServer redis_;
-  HostConfig config_{all_pools_at(redis_.addr())};
+  HostConfig config_{all_pools_at(redis_.addr()), "p_connect_num = 2"};
 };
 
 TEST_F(MemoryFailure, InAStartUp) {

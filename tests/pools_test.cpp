@@ -68,6 +68,17 @@ TEST_F(Pools, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
   EXPECT_EQ(log_.count_containing("port:99999 failed, error code : null redisContext."), 2);
 }
 
+TEST_F(Pools, AreClosedWithTheirClient) {
+  const RedisServer redis;
+  const int descriptors = open_descriptors();
+  {
+    ruvo_redis client;
+    ASSERT_EQ(init_client(client, HostConfig(all_pools_at(redis.addr()))), 0);
+    EXPECT_EQ(open_descriptors(), descriptors + 3);
+  }
+  EXPECT_EQ(open_descriptors(), descriptors);
+}
+
 TEST_F(Pools, EachPoolHasAPasswordOfItsOwn) {
   std::mutex mutex;
   std::string passwords;  // guarded by mutex

@@ -23,7 +23,8 @@ extern "C" int __wrap_gethostname(char* name, std::size_t length) {
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name, see --wrap
 extern "C" int __wrap_gethostbyname_r(const char*, hostent* entry, char*, std::size_t size,
                                       hostent** found, int*) {
-  static char* addrs[] = {reinterpret_cast<char*>(host_ip.data()), nullptr};
+  static std::array<char, 4> nowhere{10, 0, 0, 1};
+  static char* addrs[] = {nowhere.data(), reinterpret_cast<char*>(host_ip.data()), nullptr};
   entry->h_addrtype = AF_INET;
   entry->h_addr_list = addrs;
   *found = size < 4096 ? nullptr : entry;  // makes the caller grow its buffer
