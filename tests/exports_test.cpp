@@ -53,9 +53,11 @@ TEST(Memory, AnOperationAllocatesTheCallersBufferAndNothingElse) {
   EXPECT_EQ(RUVO_InsertKey("k", "value", 5, -1, 1, nullptr), RUVO_OK);
   EXPECT_EQ(RUVO_QueryKey("none", &data, &len, 1, nullptr), RUVO_ERR_NOT_FOUND);
   EXPECT_EQ(allocations, 0);
+  const int live = live_allocations;
   EXPECT_EQ(RUVO_QueryKey("k", &data, &len, 1, nullptr), RUVO_OK);
   EXPECT_EQ(allocations, 1);
   EXPECT_EQ(RUVO_FreeResult(data), RUVO_OK);
+  EXPECT_EQ(live_allocations, live);
 
   no_memory = true;
   const int ret = RUVO_QueryKey("k", &data, &len, 1, nullptr);
