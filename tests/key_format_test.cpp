@@ -26,6 +26,7 @@ TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
       {"%p|%10s|%.3s|%.6s|%ls", "(nil)|    (null)||(null)|(null)"},
       {"%2$d %1$s", "0 (null)"},
       {"%*2$d|%.*1$d|", "0||"},
+      {"%-------+5d|", "+0   |"},
       {"%$d", "%$d"},
       {"%td %Zd %qd", "0 0 0"},
       {"%*d|%.*f|%-*d", "0|0|0"},

@@ -25,10 +25,10 @@ class Raw : public testing::Test {
     freeReplyObject(reply);
     return text;
   }
-  std::string ping(RedisServerType pool, ...) {
+  std::string ping(int pool, ...) {
     va_list none;
     va_start(none, pool);
-    std::string text = run(pool, none);
+    std::string text = run(static_cast<RedisServerType>(pool), none);
     va_end(none);
     return text;
   }
