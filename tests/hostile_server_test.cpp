@@ -128,22 +128,4 @@ TEST(HostileServer, CannotHarmItsCallers) {
   EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST(HostileServer, AnnouncesMoreThanThereIsMemoryOrTimeFor) {
-  std::string nest;
-  for (int depth = 0; depth < 7; ++depth) {
-    nest += "*2147483647\r\n";
-  }
-  const ScriptedServer server([&](Peer& peer) {
-    peer.read_command();
-    peer.send(nest);
-  });
-  const HostConfig config(all_pools_at(server.addr()));
-  const LogCapture silence(BaseLib::Logger::FATAL);
-  ASSERT_EQ(init(config), RUVO_OK);
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(RUVO_DeleteKey("k", eTempServer, nullptr), RUVO_ERR_FAILED);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-  RUVO_Fini();
-}
-
 }  // namespace

@@ -168,14 +168,4 @@ TEST_F(Network, AMachineThatTakesNoConnectionIsGivenUpAndEjected) {
   EXPECT_EQ(log_.count_containing("invalid, failure count:5"), 1);
 }
 
-// Nothing in a host can take it back: the command waits in the server's system.
-TEST_F(Network, AServerThatHungCarriesOutWhatHasLongFailed) {
-  const RedisServer redis;
-  start(redis.addr());
-  redis.signal(SIGSTOP);
-  EXPECT_EQ(client_->insert_key("k", "late", 4, -1, eTempServer, nullptr), -1);
-  redis.signal(SIGCONT);
-  EXPECT_EQ(redis.ask("get k"), "late");
-}
-
 }  // namespace
