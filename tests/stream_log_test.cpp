@@ -73,15 +73,17 @@ TEST_F(StreamLog, LinesOfManyThreadsDoNotMix) {
   }
 }
 
-// The head's time is the local one, of any zone.
+// The head's time is the local one, of any zone: here of one where it is evening.
 TEST_F(StreamLog, TellsLocalTime) {
-  setenv("TZ", "XXX-5:30", 1);
+  const long hour = std::time(nullptr) / 3600 % 24;
+  const long behind = hour == 18 ? -1 : hour - 18;  // universal time, in hours
+  setenv("TZ", ("XXX" + std::to_string(behind)).c_str(), 1);
   tzset();
-  const auto date = [] {
-    const std::time_t now = std::time(nullptr) + 19800;
+  const auto date = [behind] {
+    const std::time_t now = std::time(nullptr) - behind * 3600;
     std::array<char, 32> text{};
-    std::strftime(text.data(), text.size(), "%F %T.", std::gmtime(&now));
-    return std::string(text.data());
+    return std::string(text.data(),
+                       std::strftime(text.data(), text.size(), "%F %T.", std::gmtime(&now)));
   };
   std::string before;
   std::string told;
