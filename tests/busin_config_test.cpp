@@ -79,17 +79,14 @@ TEST_P(Reader, ConvertsNumbersAndFlags) {
   struct { const char* text; int number; int flag; } const cases[] = {
       {"1", 1, 1},
       {"TRUE", 0, 1},
-      {"tRue", 0, 1},
       {"0", 0, 0},
       {"False", 0, 0},
       {"yes", 0, -1},
       {"01", 1, -1},
-      {"2", 2, -1},
       {"", -7, -1},
       {"12ms", 12, -1},
       {"0x10", 0, -1},
       {"-3", -3, -1},
-      {"abc", 0, -1},
       {"+4", 4, -1},
       {"4294967298", 2, -1},
   };
