@@ -55,7 +55,6 @@ TEST_P(Reader, FollowsEveryRuleOfTheForm) {
       {"bom", "in", "(null)"},
       {nullptr, "port", "(null)"},
       {"common", nullptr, "(null)"},
-      {"common", "", "(null)"},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -80,14 +79,11 @@ TEST_P(Reader, ConvertsNumbersAndFlags) {
       {"1", 1, 1},
       {"TRUE", 0, 1},
       {"0", 0, 0},
-      {"False", 0, 0},
       {"yes", 0, -1},
       {"01", 1, -1},
       {"", -7, -1},
       {"12ms", 12, -1},
       {"0x10", 0, -1},
-      {"-3", -3, -1},
-      {"+4", 4, -1},
       {"4294967298", 2, -1},
   };
   // clang-format on
