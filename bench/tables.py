@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Prints the tables of docs/performance.md from what the benchmark has written.
 
-    bench/tables.py docs/performance.csv
+    bench/tables.py docs/figures/performance.csv
 """
 import csv
 import sys

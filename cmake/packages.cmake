@@ -54,11 +54,13 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src
                                                 ${PROJECT_BINARY_DIR}/platform/stream_log)
 # The tool reads the library's log lines, so it goes with the version that it was built with.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION})")
+# ruvo_chaos starts one, unless it is given servers.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS redis-server)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Redis through libruvo, from the command line
 ${about}
 
 This package has ruvo_cli, which checks a configuration, runs operations,
-watches servers and measures them under load, its manual pages, and a sample
-configuration.")
+watches servers and measures them under load, ruvo_chaos, a host under faults
+that judges every call, the manual pages, and a sample configuration.")
 
 include(CPack)

@@ -3,7 +3,7 @@
 # bench/tables.py makes the tables of docs/performance.md of it.
 #
 #   scripts/bench.sh [FOLDER] [OPTION...]
-#       FOLDER   where performance.csv and the pictures go (build/plots); docs for those of the guide
+#       FOLDER   where performance.csv and the pictures go (build/plots); docs/figures for those of the guide
 #       OPTION   of the benchmark, as --full or --rounds 5; --help lists them
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -16,7 +16,7 @@ for file in include/ruvo/{ruvo,busin_config,sutils}.h include/stream_log/logger.
   [ -e "$prefix/$file" ] || { echo "not installed: $file" >&2; missing=1; }
 done
 [ "$missing" -eq 0 ]
-scripts/check_hardening.sh "$prefix"/lib/lib{ruvo,stream_log}.so.1 "$prefix/bin/ruvo_cli"
+scripts/check_hardening.sh "$prefix"/lib/lib{ruvo,stream_log}.so.1 "$prefix"/bin/ruvo_{cli,chaos}
 
 cp -r examples/installed_package "$work/program"
 cmake -S "$work/program" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null

@@ -20,6 +20,6 @@ clang-format --dry-run --Werror "${sources[@]}"
 # the limits before it takes the machine down.
 cmake --preset bench -B build/check -DRUVO_BUILD_TESTS=ON >/dev/null
 tidied=(':!examples/installed_package')
-[ "${1:-}" != --libraries ] || tidied+=(':!tests' ':!bench' ':!tools' ':!examples')
+[ "${1:-}" != --libraries ] || tidied+=(':!tests' ':!bench' ':!models' ':!tools' ':!examples' ':!sandbox')
 git ls-files -z '*.cpp' "${tidied[@]}" | xargs -0 ls -S |
   xargs -P "$(nproc)" -n 1 prlimit --as=6000000000 timeout 600 clang-tidy -p build/check --quiet

@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # Runs the simulation of docs/scaling.md and draws its pictures. Gives the same numbers each time.
 #
-#   scripts/plot_scaling.sh [FOLDER]     where scaling.csv and the pictures go (docs)
+#   scripts/plot_scaling.sh [FOLDER]     where scaling.csv and the pictures go (docs/figures)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-folder=${1:-docs}
+folder=${1:-docs/figures}
 
 scripts/deps.sh build test plot
 cmake --preset bench >/dev/null
 cmake --build --preset bench --target scaling_simulation
 mkdir -p "$folder"
-build/bench/bench/scaling_simulation >"$folder/scaling.csv"
+build/bench/models/scaling_simulation >"$folder/scaling.csv"
 
 # The columns of the CSV: series, hosts, threads, connections, servers, requests per second, mean, p50, p99.
 cd "$folder"

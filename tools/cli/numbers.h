@@ -1,6 +1,6 @@
 // Whole numbers as people write them: in base 10, and nothing behind them.
-#ifndef RUVO_TOOLS_NUMBERS_H
-#define RUVO_TOOLS_NUMBERS_H
+#ifndef RUVO_TOOLS_CLI_NUMBERS_H
+#define RUVO_TOOLS_CLI_NUMBERS_H
 
 #include <charconv>
 #include <optional>

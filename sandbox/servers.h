@@ -1,7 +1,7 @@
-// Servers of the test's own, all on loopback ports that the kernel handed out: a real Redis, one
+// Servers of the caller's own, all on loopback ports that the kernel handed out: a real Redis, one
 // that follows a script, one that is down, and a proxy.
-#ifndef RUVO_TESTS_SERVERS_H
-#define RUVO_TESTS_SERVERS_H
+#ifndef RUVO_SANDBOX_SERVERS_H
+#define RUVO_SANDBOX_SERVERS_H
 
 #include <atomic>
 #include <chrono>
@@ -25,8 +25,8 @@ class Peer : NoCopy {
   // The words of the next command, or nothing when the client has gone.
   std::vector<std::string> read_command();
   void send(const std::string& bytes) const;
-  void answer_all(const std::string& bytes);                                   // every command that comes
-  void hang() { answer_all(""); }                                              // until the client gives up
+  void answer_all(const std::string& bytes);  // every command that comes
+  void hang() { answer_all(""); }             // until the client gives up
   void drip(const std::string& bytes, std::chrono::milliseconds pause) const;  // one at a time
   void reset() const;   // as a crashed machine does: what was sent may be lost
   void vanish() const;  // closes, then resets: the client's next write raises SIGPIPE
@@ -44,7 +44,8 @@ class ScriptedServer : public DownServer {
  public:
   using Script = std::function<void(Peer&)>;
   explicit ScriptedServer(Script script);
-  explicit ScriptedServer(const std::string& reply) : ScriptedServer([reply](Peer& peer) { peer.answer_all(reply); }) {}
+  explicit ScriptedServer(const std::string& reply)
+      : ScriptedServer([reply](Peer& peer) { peer.answer_all(reply); }) {}
   ~ScriptedServer();
   int connections() const { return connections_; }
 

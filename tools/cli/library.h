@@ -1,6 +1,6 @@
 // The library's life in the tool, and what every command is given.
-#ifndef RUVO_TOOLS_LIBRARY_H
-#define RUVO_TOOLS_LIBRARY_H
+#ifndef RUVO_TOOLS_CLI_LIBRARY_H
+#define RUVO_TOOLS_CLI_LIBRARY_H
 
 #include <ruvo/ruvo.h>
 

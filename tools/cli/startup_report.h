@@ -1,6 +1,6 @@
 // What a start-up came to, as the library itself tells it: put together from its log lines.
-#ifndef RUVO_TOOLS_STARTUP_REPORT_H
-#define RUVO_TOOLS_STARTUP_REPORT_H
+#ifndef RUVO_TOOLS_CLI_STARTUP_REPORT_H
+#define RUVO_TOOLS_CLI_STARTUP_REPORT_H
 
 #include <array>
 #include <map>

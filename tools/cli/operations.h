@@ -1,6 +1,6 @@
 // Every operation of the library as a command: its name, its parameters and the call behind it.
-#ifndef RUVO_TOOLS_OPERATIONS_H
-#define RUVO_TOOLS_OPERATIONS_H
+#ifndef RUVO_TOOLS_CLI_OPERATIONS_H
+#define RUVO_TOOLS_CLI_OPERATIONS_H
 
 #include <optional>
 #include <span>

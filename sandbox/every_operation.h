@@ -1,6 +1,6 @@
 // One call of every operation, for tests that put all of them through the same.
-#ifndef RUVO_TESTS_EVERY_OPERATION_H
-#define RUVO_TESTS_EVERY_OPERATION_H
+#ifndef RUVO_SANDBOX_EVERY_OPERATION_H
+#define RUVO_SANDBOX_EVERY_OPERATION_H
 
 #include <ruvo/ruvo.h>
 
@@ -12,9 +12,11 @@ struct Operation {
   int other_result;  // what it may return besides 0, -1 and 10402; 0: nothing
 
   bool may_return(int code) const {
-    return code == RUVO_OK || code == RUVO_ERR_FAILED || code == RUVO_ERR_NOT_FOUND || code == other_result;
+    return code == RUVO_OK || code == RUVO_ERR_FAILED || code == RUVO_ERR_NOT_FOUND ||
+           code == other_result;
   }
-  int unready() const;  // what it returns while the library is not ready; a raw command a null reply
+  // What it returns while the library is not ready; a raw command a null reply.
+  int unready() const;
 };
 
 // What a call hands out is given back; what it fills is empty unless it succeeds.
@@ -36,11 +38,15 @@ int fill(Call call) {
 
 inline int raw_command(const char* key) {
   void* reply = RUVO_ExecRedisCmd(eTempServer, "GET %s", key);
-  if (reply != nullptr) { RUVO_FreeReplyObject(reply); }
+  if (reply != nullptr) {
+    RUVO_FreeReplyObject(reply);
+  }
   return reply != nullptr ? RUVO_OK : RUVO_ERR_FAILED;
 }
 
-inline int Operation::unready() const { return call == raw_command ? RUVO_ERR_FAILED : RUVO_ERR_NOT_INITIALIZED; }
+inline int Operation::unready() const {
+  return call == raw_command ? RUVO_ERR_FAILED : RUVO_ERR_NOT_INITIALIZED;
+}
 
 // clang-format off
 inline const std::array operations{

@@ -1,6 +1,6 @@
 // What a host process has around the library: its log and its descriptors.
-#ifndef RUVO_TESTS_HOST_H
-#define RUVO_TESTS_HOST_H
+#ifndef RUVO_SANDBOX_HOST_H
+#define RUVO_SANDBOX_HOST_H
 
 #include <string>
 #include <vector>
@@ -20,7 +20,7 @@ class LogCapture : NoCopy {
   explicit LogCapture(BaseLib::Logger::LogLevel threshold = BaseLib::Logger::DEBUG);
   ~LogCapture();
 
-  std::vector<Line> take();                                                   // all lines since the last call
+  std::vector<Line> take();  // all lines since the last call
   int count(BaseLib::Logger::LogLevel level, const std::string& text) const;  // whole texts
   int count_containing(const std::string& part) const;
   void clear() { take(); }

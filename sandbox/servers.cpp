@@ -23,17 +23,23 @@ std::vector<std::string> Peer::read_command() {
   for (long left = read_number('*'); left > 0; --left) {
     const long length = read_number('$');
     std::string word(static_cast<std::size_t>(length < 0 ? 0 : length) + 2, '\0');
-    if (length < 0 || fread(word.data(), 1, word.size(), input_) != word.size()) { return {}; }
+    if (length < 0 || fread(word.data(), 1, word.size(), input_) != word.size()) {
+      return {};
+    }
     word.resize(word.size() - 2);
     words.push_back(std::move(word));
   }
   return words;
 }
 
-void Peer::send(const std::string& bytes) const { ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+void Peer::send(const std::string& bytes) const {
+  ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
 
 void Peer::answer_all(const std::string& bytes) {
-  while (!read_command().empty()) { send(bytes); }
+  while (!read_command().empty()) {
+    send(bytes);
+  }
 }
 
 void Peer::drip(const std::string& bytes, std::chrono::milliseconds pause) const {
@@ -57,7 +63,9 @@ void Peer::vanish() const {
 }
 
 ScriptedServer::ScriptedServer(Script script) : script_(std::move(script)) {
-  if (listen(fd_, 64) != 0) { throw std::runtime_error("scripted server cannot listen"); }
+  if (listen(fd_, 64) != 0) {
+    throw std::runtime_error("scripted server cannot listen");
+  }
   acceptor_ = std::jthread([this] { accept_all(); });
 }
 
@@ -66,7 +74,9 @@ ScriptedServer::~ScriptedServer() {
   acceptor_.join();
   {
     const std::scoped_lock lock(mutex_);
-    for (const int fd : open_) { shutdown(fd, SHUT_RDWR); }
+    for (const int fd : open_) {
+      shutdown(fd, SHUT_RDWR);
+    }
   }
   threads_.clear();
 }
@@ -102,20 +112,28 @@ bool accepts_connections(int port) {
 
 Proxy::Proxy(const std::vector<std::string>& shards) {
   for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the ports first
-    if (start(shards)) { return; }
+    if (start(shards)) {
+      return;
+    }
   }
   throw std::runtime_error("nutcracker does not start");
 }
 
 bool Proxy::start(const std::vector<std::string>& shards) {
   port_ = DownServer().port();
-  std::string pool = "pool:\n  listen: " + addr() +
-                     "\n  redis: true\n  hash: murmur\n  distribution: ketama\n  timeout: 1000\n  servers:\n";
-  for (const std::string& shard : shards) { pool += "    - " + shard + ":1\n"; }
+  std::string pool =
+      "pool:\n  listen: " + addr() +
+      "\n  redis: true\n  hash: murmur\n  distribution: ketama\n  timeout: 1000\n  servers:\n";
+  for (const std::string& shard : shards) {
+    pool += "    - " + shard + ":1\n";
+  }
   process_.start("nutcracker --conf-file=" + dir_.write("proxy.yml", pool) +
-                 " --stats-addr=127.0.0.1 --stats-port=" + std::to_string(DownServer().port()) + " 2>&1");
+                 " --stats-addr=127.0.0.1 --stats-port=" + std::to_string(DownServer().port()) +
+                 " 2>&1");
   while (!process_.ended_within(10)) {  // it says nothing when it is ready
-    if (accepts_connections(port_)) { return true; }
+    if (accepts_connections(port_)) {
+      return true;
+    }
   }
   return false;
 }

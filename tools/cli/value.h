@@ -1,7 +1,7 @@
 // Values as Redis answers with them, held as JSON whose strings may be any bytes, and how the tool
 // prints them.
-#ifndef RUVO_TOOLS_VALUE_H
-#define RUVO_TOOLS_VALUE_H
+#ifndef RUVO_TOOLS_CLI_VALUE_H
+#define RUVO_TOOLS_CLI_VALUE_H
 
 #include <hiredis/hiredis.h>
 

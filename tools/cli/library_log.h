@@ -1,7 +1,7 @@
 // The library's log in the tool: shown, written to a file, or kept back until something fails. What
 // the library did is known from its lines alone, so commands can listen to them too.
-#ifndef RUVO_TOOLS_LIBRARY_LOG_H
-#define RUVO_TOOLS_LIBRARY_LOG_H
+#ifndef RUVO_TOOLS_CLI_LIBRARY_LOG_H
+#define RUVO_TOOLS_CLI_LIBRARY_LOG_H
 
 #include <stream_log/logger.h>
 

@@ -1,6 +1,6 @@
 // The commands that are more than one operation.
-#ifndef RUVO_TOOLS_COMMANDS_H
-#define RUVO_TOOLS_COMMANDS_H
+#ifndef RUVO_TOOLS_CLI_COMMANDS_H
+#define RUVO_TOOLS_CLI_COMMANDS_H
 
 #include <string>
 

@@ -1,8 +1,8 @@
 // Throwaway surroundings for the library: a Redis on loopback, the two configuration files, a quiet
-// console. The examples, the benchmark and the tests run in them. What fails throws
+// console. Tests, benchmarks, models, examples and ruvo_chaos run in them. What fails throws
 // std::runtime_error; all of it is gone when the objects are.
-#ifndef RUVO_EXAMPLES_SANDBOX_H
-#define RUVO_EXAMPLES_SANDBOX_H
+#ifndef RUVO_SANDBOX_SANDBOX_H
+#define RUVO_SANDBOX_SANDBOX_H
 
 #include <sys/types.h>
 

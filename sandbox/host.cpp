@@ -14,7 +14,9 @@ std::vector<LogCapture::Line> lines;  // guarded by mutex
 // Drops "date time thread level place ", five words, and the newline at the end.
 void capture(BaseLib::Logger::LogLevel level, const char* line, std::size_t length) {
   std::string text(line, length - 1);
-  for (int word = 0; word < 5; ++word) { text.erase(0, text.find(' ') + 1); }
+  for (int word = 0; word < 5; ++word) {
+    text.erase(0, text.find(' ') + 1);
+  }
   const std::scoped_lock lock(mutex);
   lines.push_back({level, std::move(text)});
 }
@@ -44,8 +46,9 @@ int LogCapture::count(BaseLib::Logger::LogLevel level, const std::string& text) 
 
 int LogCapture::count_containing(const std::string& part) const {
   const std::scoped_lock lock(mutex);
-  return static_cast<int>(std::count_if(lines.begin(), lines.end(),
-                                        [&](const Line& line) { return line.text.find(part) != std::string::npos; }));
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const Line& line) {
+    return line.text.find(part) != std::string::npos;
+  }));
 }
 
 std::ostream& operator<<(std::ostream& out, const LogCapture::Line& line) {

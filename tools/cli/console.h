@@ -1,6 +1,6 @@
 // Standard output, for the tool alone: what the library prints there while it starts goes nowhere.
-#ifndef RUVO_TOOLS_CONSOLE_H
-#define RUVO_TOOLS_CONSOLE_H
+#ifndef RUVO_TOOLS_CLI_CONSOLE_H
+#define RUVO_TOOLS_CLI_CONSOLE_H
 
 #include <nlohmann/json_fwd.hpp>
 #include <string>

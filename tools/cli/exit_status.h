@@ -1,6 +1,6 @@
 // What the tool's exit status says. Scripts depend on these numbers; ruvo_cli(1) lists them.
-#ifndef RUVO_TOOLS_EXIT_STATUS_H
-#define RUVO_TOOLS_EXIT_STATUS_H
+#ifndef RUVO_TOOLS_CLI_EXIT_STATUS_H
+#define RUVO_TOOLS_CLI_EXIT_STATUS_H
 
 #include <stdexcept>
 #include <string>
