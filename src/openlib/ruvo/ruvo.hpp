@@ -127,7 +127,7 @@ class pool {
   ///     temp.set("motto", "per aspera", std::chrono::minutes(10));
   ///     temp.append("motto", " ad astra");
   ///     if (const ruvo::result<ruvo::bytes> motto = temp.get("motto")) {
-  ///       std::cout << motto->size() << " bytes\n";  // 20 bytes
+  ///       std::cout << motto->size() << " bytes\n";  // 19 bytes
   ///     }
   ///     temp.expire("motto", std::chrono::hours(24));
   ///     if (const ruvo::result<void> gone = temp.remove("motto"); !gone) {
