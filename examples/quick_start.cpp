@@ -1,10 +1,10 @@
 // The smallest host, complete: starts a Redis of its own to talk to, stores a value and reads it
 // back. Needs no arguments, no configuration and no server.
-#include <ruvo/ruvo.h>
 #include <stream_log/logger.h>
+#include <ruvo/ruvo.hpp>
 
-#include <cstdio>
 #include <exception>
+#include <iostream>
 
 #include "sandbox.h"
 
@@ -15,19 +15,15 @@ int run() {
   const HostConfig config(all_pools_at(redis.addr()));
   BaseLib::Logger::setLogLevel(BaseLib::Logger::WARN);
 
-  if (const int ret = RUVO_Init(config.path())) {
-    std::printf("RUVO_Init: %s\n", ruvo_result_text(ret));
+  const ruvo::library library(config.path());
+  if (!library) {
+    std::cerr << "ruvo: " << ruvo_result_text(library.code()) << '\n';
     return 1;
   }
-  RUVO_InsertKey("user:7", "Ada", 3, 3600, eTempServer, nullptr);
-
-  const char* data = nullptr;
-  unsigned long len = 0;
-  if (RUVO_QueryKey("user:7", &data, &len, eTempServer, nullptr) == RUVO_OK) {
-    std::printf("user:7 is %.*s\n", static_cast<int>(len), data);
-    RUVO_FreeResult(data);
-  }
-  return RUVO_Fini();
+  const ruvo::pool temp(eTempServer);
+  temp.set("user:7", "Ada", std::chrono::hours(1)).value();  // throws when it failed
+  std::cout << "user:7 is " << std::string_view(temp.get("user:7").value()) << '\n';
+  return 0;
 }
 
 }  // namespace
@@ -36,7 +32,7 @@ int main() {
   try {
     return run();
   } catch (const std::exception& failure) {
-    std::fprintf(stderr, "quick_start: %s\n", failure.what());
+    std::cerr << "quick_start: " << failure.what() << '\n';
     return 2;
   }
 }

@@ -58,6 +58,7 @@ examples=$1/usr/share/doc/libruvo-dev/examples
 cmake -S "$examples/installed_package" -B "$2/build" >/dev/null
 cmake --build "$2/build" >/dev/null
 "$2/build/program"
+"$2/build/program_17"
 cc -std=c99 -Wall -Werror "$examples/installed_package/program.c" -o "$2/program_c" \
   $(pkg-config --cflags --libs ruvo) -Wl,-rpath-link,"$1/usr/lib"
 "$2/program_c"

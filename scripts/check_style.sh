@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-mapfile -t sources < <(git ls-files '*.cpp' '*.h' '*.c')
+mapfile -t sources < <(git ls-files '*.cpp' '*.h' '*.hpp' '*.c')
 if [ "${1:-}" = --fix ]; then
   clang-format -i "${sources[@]}"
   exit

@@ -31,13 +31,15 @@ std::string show(ruvo::reply_view reply) {
   for (const ruvo::reply_view element : reply) { all += "[" + show(element) + "]"; }
   return all;
 }
-std::string show(const ruvo::result<void>& result) {
-  return result ? "done" : (result.absent() ? "absent " : "") + std::to_string(result.code());
-}
 template <typename T>
 std::string show(const ruvo::result<T>& result) {
   EXPECT_EQ(!result.error(), static_cast<bool>(result));
-  return result ? show(*result) : show(static_cast<const ruvo::result<void>&>(result));
+  if (!result) { return (result.absent() ? "absent " : "") + std::to_string(result.code()); }
+  if constexpr (std::is_void_v<T>) {
+    return "done";
+  } else {
+    return show(*result);
+  }
 }
 
 const ruvo::pool pool(eTempServer);
@@ -253,8 +255,7 @@ TEST_F(InCpp, ExamplesPrintWhatTheySay) {
   std::streambuf* const console = std::cout.rdbuf(printed.rdbuf());
   {
 #include "ruvo_hpp_examples.inc"
-  }
-  std::cout.rdbuf(console);
+  } std::cout.rdbuf(console);
   const std::string said =
 #include "ruvo_hpp_said.inc"
       ;

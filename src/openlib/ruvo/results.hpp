@@ -35,20 +35,14 @@ RUVO_API inline const std::error_category& category() noexcept {
   return one;
 }
 
-/// A code of RuvoResult as the result of a call that has no value to give.
+/// Why a call has no value to give.
 struct failure {
   int code;  ///< one of RuvoResult, not RUVO_OK
 };
 
-template <typename T>
-class result;
-
-/// How a call went. What every result has, whether or not it has a value too.
-template <>
-class result<void> {
+/// How a call went: what every result has, with a value or without.
+class outcome {
  public:
-  /// Of a code of RuvoResult.
-  result(int code) noexcept : code_(code) {}
   /// Did the call succeed?
   explicit operator bool() const noexcept { return code_ == RUVO_OK; }
   /// One of RuvoResult.
@@ -58,8 +52,12 @@ class result<void> {
   /// Is there no such key or field, is the list or set empty, was nothing removed? The call went
   /// well then, but has no value.
   bool absent() const noexcept { return code_ == RUVO_ERR_NOT_FOUND || code_ == RUVO_NOTHING_DONE; }
-  /// Throws a std::system_error when the call did not succeed.
-  void value() const {
+
+ protected:
+  /// Of one of RuvoResult.
+  explicit outcome(int code) noexcept : code_(code) {}
+  /// Throws unless the call succeeded.
+  void require() const {
     if (code_ != RUVO_OK) {
       throw std::system_error(error());
     }
@@ -82,26 +80,26 @@ class result<void> {
 ///       std::cout << (*known ? "known" : "unknown") << '\n';          // unknown
 ///     }
 template <typename T>
-class result : public result<void> {
+class result : public outcome {
  public:
   /// A success.
-  result(T value) noexcept : result<void>(RUVO_OK), value_(std::move(value)) {}
+  result(T value) noexcept : outcome(RUVO_OK), value_(std::move(value)) {}
   /// A failure.
-  result(failure why) noexcept : result<void>(why.code) {}
+  result(failure why) noexcept : outcome(why.code) {}
 
   /// The value; throws a std::system_error when there is none.
   const T& value() const& {
-    result<void>::value();
+    require();
     return *value_;
   }
   /// The same, to be changed.
   T& value() & {
-    result<void>::value();
+    require();
     return *value_;
   }
   /// The same of a result that goes: the value itself, so that it can be kept.
   T value() && {
-    result<void>::value();
+    require();
     return *std::move(value_);
   }
 
@@ -129,6 +127,16 @@ class result : public result<void> {
 
  private:
   std::optional<T> value_;
+};
+
+/// The result of a call that has no value to give.
+template <>
+class result<void> : public outcome {
+ public:
+  /// Of one of RuvoResult.
+  result(int code) noexcept : outcome(code) {}
+  /// Throws a std::system_error when the call failed.
+  void value() const { require(); }
 };
 
 /// Owns a value as the library has read it: no copy of it is made.
