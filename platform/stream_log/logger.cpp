@@ -105,7 +105,11 @@ Logger::~Logger() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   try {
-    stream_.clear();  // whatever the host has put into it
+    // A stream is bad when there was no memory for a piece of the line: a line that lacks one would
+    // mislead, so there is none. A piece that could not be formatted is the host's own affair.
+    if (!stream_.bad()) {
+      stream_.clear();
+    }
     if (stream_.put('\n').put('\0')) {
       const std::string_view line = stream_.view();
       current_output.load(std::memory_order_acquire)(level_, line.data(), line.size() - 1);

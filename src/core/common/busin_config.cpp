@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t line_buffer_size = 2048;  // bytes that one read of a line may fill
 
-vop_config vop_config_;
+vop_config process_config;
 
 bool is_empty(const char* text) { return text == nullptr || *text == '\0'; }
 
@@ -46,7 +46,7 @@ const cfg_section* find_section(const std::vector<cfg_section*>& sections, const
 
 }  // namespace
 
-vop_config* Busin_Conf_Instance() { return &vop_config_; }
+vop_config* Busin_Conf_Instance() { return &process_config; }
 
 cfg_section::cfg_section(const char* sec_name) : sec_name_(sec_name != nullptr ? sec_name : "") {}
 
@@ -195,29 +195,26 @@ int vop_config::get_int_val(const char* sec_name, const char* key, int def_val) 
   return value != nullptr ? static_cast<int>(std::strtol(value, nullptr, 10)) : def_val;
 }
 
+// REQUIRES: `buf` is trimmed.
 bool vop_config::is_sec(const char* buf, std::string& sec_name) {
-  std::string line(buf);
-  sp::trim_str(line);
-  if (line.empty() || line.front() != '[' || line.find(']') != line.size() - 1) {
+  const char* const end = *buf == '[' ? std::strchr(buf, ']') : nullptr;
+  if (end == nullptr || end[1] != '\0') {
     return false;
   }
-  sec_name = line.substr(1, line.size() - 2);
+  sec_name.assign(buf + 1, end);
   return true;
 }
 
 // Handles one line of a file or a text. True when it stored a pair.
 bool vop_config::parse_line(const std::string& line_str) {
+  std::string line(line_str);
+  sp::trim_str(line);
   std::string sec_name;
-  if (is_sec(line_str.c_str(), sec_name)) {
+  if (is_sec(line.c_str(), sec_name)) {
     append_owned(sec_arr_, std::make_unique<cfg_section>(sec_name.c_str()));
     return false;
   }
-  if (sec_arr_.empty()) {
-    return false;
-  }
-  std::string line(line_str);
-  sp::trim_str(line);
-  if (line.empty() || line.front() == '#' || line.front() == ';') {
+  if (sec_arr_.empty() || line.empty() || line.front() == '#' || line.front() == ';') {
     return false;
   }
   const std::size_t equals = line.find('=');

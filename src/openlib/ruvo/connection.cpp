@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <cerrno>
 #include <limits>
 #include <utility>
 
@@ -37,16 +38,13 @@ void limit_arrays(redisReader& reader) {
 
 bool sets_limit(const timeval& timeout) { return timeout.tv_sec > 0 || timeout.tv_usec > 0; }
 
-}  // namespace
-
-context_ptr open_connection(const server_addr& addr, const timeval& timeout) {
+context_ptr connect_to(const server_addr& addr, const timeval& timeout) {
   if (addr.port_ > std::numeric_limits<in_port_t>::max()) {
     return nullptr;  // the resolver would take it modulo 65536, and connect to somebody else
   }
-  const char* ip = addr.ip_.c_str();
-  const int port = static_cast<int>(addr.port_);
-  context_ptr context(sets_limit(timeout) ? redisConnectWithTimeout(ip, port, timeout)
-                                          : redisConnect(ip, port));
+  context_ptr context(sets_limit(timeout)
+                          ? redisConnectWithTimeout(ip_of(addr), port_of(addr), timeout)
+                          : redisConnect(ip_of(addr), port_of(addr)));
   if (context && context->reader != nullptr) {
     context->reader->maxbuf = kept_reply_buffer;
     limit_arrays(*context->reader);
@@ -54,28 +52,39 @@ context_ptr open_connection(const server_addr& addr, const timeval& timeout) {
   return context;
 }
 
-std::optional<int> set_socket_timeout(redisContext& context, const timeval& timeout) {
-  if (!sets_limit(timeout)) {
-    return std::nullopt;
-  }
-  return redisSetTimeout(&context, timeout);
-}
-
-bool authenticate(redisContext& context, const server_addr& addr, const std::string& password) {
-  if (password.empty()) {
-    return true;
-  }
-  const reply_ptr reply = send_command(context, "AUTH %s", password.c_str());
+open_outcome authenticate(redisContext& context, const server_addr& addr,
+                          const std::string& password) {
+  errno = 0;
+  const reply_ptr reply = exchange(context, format_command("AUTH %s", password.c_str()));
   if (!reply) {
-    return false;
+    // hiredis has one code for all failures of a read; what the time-out sets apart is errno.
+    return errno == EAGAIN || errno == ETIMEDOUT ? open_outcome::unanswered : open_outcome::closed;
   }
   if (reply->type != REDIS_REPLY_ERROR) {
-    return true;
+    return open_outcome::ready;
   }
   // Operators tell a wrong password from a wrong server by this line, so it shows what was sent.
   RUVO_LOG(ERROR,
            "ruvo_redis::init_server_pool | failed to authenticate redis, error passwd, redis_ip = "
            "%s, redis_port = %d, passwd = %s",
-           addr.ip_.c_str(), static_cast<int>(addr.port_), password.c_str());
-  return false;
+           ip_of(addr), port_of(addr), password.c_str());
+  return open_outcome::refused;
+}
+
+}  // namespace
+
+// The socket time-out stands before the password is sent: a server may accept and never answer.
+opened_connection open_connection(const server_addr& addr, const connection_settings& settings) {
+  opened_connection opened{connect_to(addr, settings.connect_timeout), open_outcome::ready, {}};
+  if (is_broken(opened.context.get())) {
+    opened.outcome = open_outcome::unreachable;
+    return opened;
+  }
+  if (sets_limit(settings.socket_timeout)) {
+    opened.timeout_result = redisSetTimeout(opened.context.get(), settings.socket_timeout);
+  }
+  if (!settings.password.empty()) {
+    opened.outcome = authenticate(*opened.context, addr, settings.password);
+  }
+  return opened;
 }

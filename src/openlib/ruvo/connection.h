@@ -10,9 +10,29 @@
 #include "exchange.h"
 #include "server_pool.h"
 
-// A new connection, within `timeout` where that sets a limit. Null or in error state when it
-// failed.
-context_ptr open_connection(const server_addr& addr, const timeval& timeout);
+// How a connection is opened.
+struct connection_settings {
+  timeval connect_timeout;      // where it sets a limit: seconds or microseconds above 0
+  timeval socket_timeout;       // likewise, for each read and write
+  const std::string& password;  // empty: none
+};
+
+// How far the opening of a connection came.
+enum class open_outcome {
+  ready,
+  unreachable,  // there is no context, or it carries the error
+  unanswered,   // the password was not answered within the socket time-out; the context says so
+  closed,       // the server hung up on the password
+  refused       // the server refused the password; the log says so
+};
+
+struct opened_connection {
+  context_ptr context;
+  open_outcome outcome;
+  std::optional<int> timeout_result;  // of hiredis, where a socket time-out was to be set
+};
+
+opened_connection open_connection(const server_addr& addr, const connection_settings& settings);
 
 // A slot's context may be missing altogether; that is treated like one in error state.
 inline bool is_broken(const redisContext* context) {
@@ -24,12 +44,8 @@ inline const char* error_text(const redisContext* context) {
   return context != nullptr ? context->errstr : "null redisContext";
 }
 
-// Limits each read and write on the socket; hiredis' result, or nothing when no limit is set.
-std::optional<int> set_socket_timeout(redisContext& context, const timeval& timeout);
-
-// Sends the password, if there is one. False when the connection is to be given up; the log says
-// why if the server did. The socket time-out is to be set before: a server may accept and never
-// answer.
-bool authenticate(redisContext& context, const server_addr& addr, const std::string& password);
+// An address as log lines show it.
+inline const char* ip_of(const server_addr& addr) { return addr.ip_.c_str(); }
+inline int port_of(const server_addr& addr) { return static_cast<int>(addr.port_); }
 
 #endif

@@ -5,20 +5,29 @@
 
 #include "ruvo_redis.h"
 
-int ruvo_redis::run(const data_operation& operation,
-                    std::initializer_list<required_argument> required, reply_ptr* reply,
-                    RedisServerType redisSrvType, const char* key, const char* format, ...) {
-  if (!initialized_.load(std::memory_order_acquire)) {
+namespace {
+
+// What Redis takes at most. hiredis counts the bytes of a command in an int, and more than that has
+// it write past its buffer.
+constexpr std::size_t max_argument_length = std::size_t{512} << 20U;
+
+}  // namespace
+
+int ruvo_redis::run(const operation_call& call, reply_ptr* reply, const char* format, ...) {
+  const data_operation& operation = call.operation;
+  if (!is_initialized()) {
     RUVO_LOG(ERROR, "%s | redis is not initialized", operation.origin);
     return RUVO_ERR_NOT_INITIALIZED;
   }
-  for (const required_argument& argument : required) {
-    if (argument.pointer == nullptr) {
-      RUVO_LOG(ERROR, "%s | %s", operation.origin, operation.null_text);
-      return RUVO_ERR_NULL_ARGUMENT;
-    }
+  bool null_pointer = call.key == nullptr;
+  for (const required_argument& argument : call.required) {
+    null_pointer = null_pointer || argument.pointer == nullptr;
   }
-  for (const required_argument& argument : required) {
+  if (null_pointer) {
+    RUVO_LOG(ERROR, "%s | %s", operation.origin, operation.null_text);
+    return RUVO_ERR_NULL_ARGUMENT;
+  }
+  for (const required_argument& argument : call.required) {
     if (argument.length > max_argument_length) {
       RUVO_LOG(ERROR, "%s | too long for redis: %zu bytes", operation.origin, argument.length);
       return RUVO_ERR_FAILED;
@@ -26,7 +35,7 @@ int ruvo_redis::run(const data_operation& operation,
   }
   va_list args;
   va_start(args, format);
-  const int ret = exec_command(key, reply, redisSrvType, format, args);
+  const int ret = exec_command(call.key, reply, call.pool, format, args);
   va_end(args);
   if (ret != RUVO_OK) {
     RUVO_LOG_AT(ret == RUVO_ERR_NOT_FOUND ? operation.absent_level : BaseLib::Logger::ERROR,
@@ -34,27 +43,33 @@ int ruvo_redis::run(const data_operation& operation,
     return ret;
   }
   RUVO_LOG(INFO, "%s | do_exec_command success!", operation.origin);
+  if (operation.verb != nullptr) {
+    RUVO_LOG(DEBUG, "%s | %s  %s successfully.", operation.origin, operation.verb, call.key);
+  }
   if (reply == no_reply) {
     return RUVO_OK;
   }
-  if (!*reply && operation.policy == reply_policy::strict) {
+  if (!*reply) {
+    // No server can cause it: a success has a reply. Kept for what is promised of every code.
     RUVO_LOG(ERROR, "%s | reply is NULL", operation.origin);
     return RUVO_ERR_NO_REPLY;
   }
-  if (operation.reply_type != any_type && !has_type(operation, *reply, operation.reply_type, key)) {
-    return RUVO_ERR_FAILED;
+  if (operation.reply_type != any_type &&
+      !has_type(operation, **reply, operation.reply_type, call.key)) {
+    reply->reset();
+    return operation.unexpected_result;
   }
   return RUVO_OK;
 }
 
-bool has_type(const data_operation& operation, const reply_ptr& reply, int type, const char* key) {
-  if (!reply || reply->type == type) {
-    return reply != nullptr;
+bool has_type(const data_operation& operation, const redisReply& reply, int type, const char* key) {
+  if (reply.type == type) {
+    return true;
   }
-  if (operation.policy == reply_policy::lenient) {
-    RUVO_LOG(WARN, "%s | key:%s, unexpected reply type:%d", operation.origin, key, reply->type);
+  if (operation.policy == unexpected_type::warned_with_key) {
+    RUVO_LOG(WARN, "%s | key:%s, unexpected reply type:%d", operation.origin, key, reply.type);
   } else {
-    RUVO_LOG(ERROR, "%s | unexpected redis type:%d", operation.origin, reply->type);
+    RUVO_LOG(ERROR, "%s | unexpected redis type:%d", operation.origin, reply.type);
   }
   return false;
 }

@@ -1,25 +1,44 @@
 // What the data operations share. Each is a member of ruvo_redis that
 //
 //   1. describes itself in a data_operation,
-//   2. calls run(), which refuses null pointers, runs the command, passes on its failure and tells
-//      the log of both,
+//   2. calls run(), which refuses null pointers, runs the command, tells the log how it went and
+//      compares the reply's type,
 //   3. reads the reply, where it wants one, with the readers below, and fills the caller's results.
 #ifndef RUVO_DATA_OPERATION_H
 #define RUVO_DATA_OPERATION_H
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "exchange.h"
 #include "log_line.h"
+#include "ruvo.h"
 
-// How an operation takes a reply of a type that it does not expect, or none at all.
-enum class reply_policy {
-  lenient,  // string keys: a warning that names the key; no reply is passed over
-  strict    // the others: an error, and so is no reply
+constexpr int no_expiry = -1;  // as a time-out of a caller: the key stays for ever
+constexpr int any_type = 0;    // as a type of reply: whatever comes
+
+// What the log says of null pointers in more than one operation.
+constexpr const char* null_key = "key is NULL";
+constexpr const char* null_key_or_field = "key or field is NULL";
+constexpr const char* null_key_or_value = "key or value is NULL";
+
+// How an operation tells of a reply of a type that it does not expect.
+enum class unexpected_type {
+  warned_with_key,  // string keys
+  told_as_error     // the others
 };
 
-constexpr int any_type = 0;  // the operation looks at the reply's type itself
+struct data_operation {
+  const char* origin;                  // class and method that its log lines begin with
+  const char* null_text;               // what the log says when a required pointer is null
+  const char* failed_origin = origin;  // some name another method: deployed systems rely on it
+  const char* verb = nullptr;          // of the line that tells of its success, where it has one
+  BaseLib::Logger::LogLevel absent_level = BaseLib::Logger::ERROR;  // at which a nil reply is told
+  int reply_type = any_type;
+  unexpected_type policy = unexpected_type::told_as_error;
+  int unexpected_result = RUVO_ERR_FAILED;  // of a reply of another type
+};
 
 // A pointer that must not be null, with the length of what it points to where the caller gives one.
 struct required_argument {
@@ -30,27 +49,18 @@ struct required_argument {
   std::size_t length;
 };
 
-// What Redis takes at most. hiredis counts the bytes of a command in an int, and more than that has
-// it write past its buffer.
-constexpr std::size_t max_argument_length = std::size_t{512} << 20U;
-
-struct data_operation {
-  const char* origin;                  // class and method that its log lines begin with
-  const char* null_text;               // what the log says when a required pointer is null
-  const char* failed_origin = origin;  // some name another method: deployed systems rely on it
-  BaseLib::Logger::LogLevel absent_level = BaseLib::Logger::ERROR;  // at which a nil reply is told
-  reply_policy policy = reply_policy::strict;
-  int reply_type = any_type;  // another one ends a strict operation with RUVO_ERR_FAILED
+// One call of an operation.
+struct operation_call {
+  const data_operation& operation;
+  RedisServerType pool;
+  const char* key;
+  std::initializer_list<required_argument> required;  // besides the key
 };
 
 constexpr reply_ptr* no_reply = nullptr;  // to run(): the operation wants only the code
 
-// What the log says of null pointers in more than one family.
-constexpr const char* null_key = "key is NULL";
-constexpr const char* null_key_or_value = "key or value is NULL";
-
 // Is the reply of this type? If not, the log says so.
-bool has_type(const data_operation& operation, const reply_ptr& reply, int type, const char* key);
+bool has_type(const data_operation& operation, const redisReply& reply, int type, const char* key);
 
 // Stores the bytes of a reply in a buffer for the caller, see RUVO_QueryKey; a null result is left
 // out. RUVO_ERR_NO_MEMORY when there is no buffer to be had.

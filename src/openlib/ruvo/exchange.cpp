@@ -4,9 +4,7 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <system_error>
 
 namespace {
 
@@ -36,36 +34,54 @@ bool send_whole(redisContext& context, const char* bytes, std::size_t length) {
   return true;
 }
 
-struct command_deleter {
-  void operator()(char* command) const { redisFreeCommand(command); }
-};
+// Bytes behind the reply to the last command: the server, or a proxy, has sent something that
+// nobody asked for, and every later reply would go to the wrong caller.
+void break_if_out_of_step(redisContext& context) {
+  const redisReader* reader = context.reader;
+  if (reader != nullptr && reader->pos < reader->len) {
+    set_error(context, REDIS_ERR_PROTOCOL, "unexpected data after the reply");
+  }
+}
 
 }  // namespace
 
-reply_ptr send_vcommand(redisContext& context, const char* format, va_list args) {
+wire_command::wire_command(const char* format, va_list args) {
   va_list copy;
   va_copy(copy, args);
-  char* formatted = nullptr;
-  const int length = redisvFormatCommand(&formatted, format, copy);
+  char* bytes = nullptr;
+  length_ = redisvFormatCommand(&bytes, format, copy);
   va_end(copy);
-  if (length < 0) {
-    set_error(context, length == -1 ? REDIS_ERR_OOM : REDIS_ERR_OTHER,
-              length == -1 ? "Out of memory" : "Invalid format string");
+  bytes_.reset(length_ < 0 ? nullptr : bytes);
+}
+
+void wire_command::report_refusal(redisContext& context) const {
+  if (length_ == -1) {
+    set_error(context, REDIS_ERR_OOM, "Out of memory");
+  } else {
+    set_error(context, REDIS_ERR_OTHER, "Invalid format string");
+  }
+}
+
+wire_command format_command(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  wire_command command(format, args);
+  va_end(args);
+  return command;
+}
+
+reply_ptr exchange(redisContext& context, const wire_command& command) {
+  if (command.refused()) {
+    command.report_refusal(context);
     return nullptr;
   }
-  const std::unique_ptr<char, command_deleter> command(formatted);
-  if (!send_whole(context, command.get(), static_cast<std::size_t>(length))) {
+  if (!send_whole(context, command.bytes(), command.length())) {
     return nullptr;
   }
   void* reply = nullptr;
   redisGetReply(&context, &reply);  // there is nothing left to write: it reads
+  if (reply != nullptr) {
+    break_if_out_of_step(context);
+  }
   return reply_ptr(static_cast<redisReply*>(reply));
-}
-
-reply_ptr send_command(redisContext& context, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  reply_ptr reply = send_vcommand(context, format, args);
-  va_end(args);
-  return reply;
 }

@@ -1,10 +1,12 @@
-// One exchange with a Redis server over hiredis, and the owners of what hiredis hands out.
+// Commands as bytes, one exchange of them with a Redis server, and the owners of what hiredis hands
+// out.
 #ifndef RUVO_EXCHANGE_H
 #define RUVO_EXCHANGE_H
 
 #include <hiredis/hiredis.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <memory>
 
 struct context_deleter {
@@ -16,10 +18,33 @@ struct reply_deleter {
 using context_ptr = std::unique_ptr<redisContext, context_deleter>;
 using reply_ptr = std::unique_ptr<redisReply, reply_deleter>;
 
-// Sends a command and reads its reply; null when the connection broke or the template makes no
-// sense to hiredis (the context then carries the error). The argument list is left as it was, so
-// that the same command can be sent again. Never raises SIGPIPE in the host.
-reply_ptr send_vcommand(redisContext& context, const char* format, va_list args);
-reply_ptr send_command(redisContext& context, const char* format, ...);
+// A command as it goes over the wire, or the reason why hiredis refused its template. Formatted
+// once, sent as often as it takes.
+class wire_command {
+ public:
+  // The argument list is left as it was.
+  wire_command(const char* format, va_list args);
+
+  bool refused() const { return length_ < 0; }
+  const char* bytes() const { return bytes_.get(); }
+  std::size_t length() const { return refused() ? 0 : static_cast<std::size_t>(length_); }
+
+  // Leaves on a context what hiredis leaves there when it refuses a template.
+  // REQUIRES: refused().
+  void report_refusal(redisContext& context) const;
+
+ private:
+  struct bytes_deleter {
+    void operator()(char* bytes) const { redisFreeCommand(bytes); }
+  };
+  std::unique_ptr<char, bytes_deleter> bytes_;
+  int length_;
+};
+
+wire_command format_command(const char* format, ...);
+
+// Sends a command and reads its reply; null when the connection broke or hiredis has refused the
+// template (the context then carries the error). Never raises SIGPIPE in the host.
+reply_ptr exchange(redisContext& context, const wire_command& command);
 
 #endif

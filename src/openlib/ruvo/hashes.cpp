@@ -4,27 +4,19 @@
 #include "data_operation.h"
 #include "ruvo_redis.h"
 
-namespace {
-
-constexpr int no_time_out = -1;
-constexpr const char* null_key_or_field = "key or field is NULL";
-
-}  // namespace
-
 int ruvo_redis::hash_set(const char* key, const char* field, unsigned long f_len, const char* value,
                          unsigned long v_len, int time_out, RedisServerType redisSrvType,
                          const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::hash_set",
                                             .null_text = "key or field or value is NULL"};
-  const int ret = run(operation, {key, {field, f_len}, {value, v_len}}, no_reply, redisSrvType, key,
+  const int ret = run({operation, redisSrvType, key, {{field, f_len}, {value, v_len}}}, no_reply,
                       "HSET %s %b %b", key, field, f_len, value, v_len);
   if (ret != RUVO_OK) {
     return ret;
   }
   // The field is set, whatever becomes of the time-out.
-  if (time_out != no_time_out) {
-    redisReply* none = nullptr;
-    do_exec_command(key, none, false, redisSrvType, "EXPIRE %s %d", key, time_out);
+  if (time_out != no_expiry) {
+    exec_regardless(key, redisSrvType, "EXPIRE %s %d", key, time_out);
   }
   RUVO_LOG(DEBUG,
            "ruvo_redis::hash_set | key %s, field:%s, value:%s time_out:%d, successfully inserted.",
@@ -39,8 +31,8 @@ int ruvo_redis::hash_get(const char* key, const char* field, unsigned long f_len
                                             .null_text = null_key_or_field,
                                             .reply_type = REDIS_REPLY_STRING};
   reply_ptr reply;
-  int ret = run(operation, {key, {field, f_len}}, &reply, redisSrvType, key, "HGET %s %b", key,
-                field, f_len);
+  int ret = run({operation, redisSrvType, key, {{field, f_len}}}, &reply, "HGET %s %b", key, field,
+                f_len);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -59,7 +51,7 @@ int ruvo_redis::hash_field_exist(const char* key, const char* field, unsigned lo
                                             .null_text = null_key_or_field,
                                             .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
-  const int ret = run(operation, {key, {field, f_len}}, &reply, redisSrvType, key, "HEXISTS %s %b",
+  const int ret = run({operation, redisSrvType, key, {{field, f_len}}}, &reply, "HEXISTS %s %b",
                       key, field, f_len);
   if (ret != RUVO_OK) {
     return ret;
@@ -84,7 +76,7 @@ int ruvo_redis::hash_incr_by(const char* key, const char* field, unsigned long f
                                             .null_text = null_key_or_field,
                                             .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
-  const int ret = run(operation, {key, {field, f_len}}, &reply, redisSrvType, key,
+  const int ret = run({operation, redisSrvType, key, {{field, f_len}}}, &reply,
                       "HINCRBY %s %b %lld ", key, field, f_len, increment);
   if (ret != RUVO_OK) {
     return ret;
@@ -102,7 +94,7 @@ int ruvo_redis::hash_fields_num(const char* key, long long* fields_num,
                                             .null_text = null_key,
                                             .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
-  const int ret = run(operation, {key}, &reply, redisSrvType, key, "HLEN %s", key);
+  const int ret = run({operation, redisSrvType, key, {}}, &reply, "HLEN %s", key);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -120,6 +112,6 @@ int ruvo_redis::hash_del_field(const char* key, const char* field, unsigned long
                                RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::hash_del_field",
                                             .null_text = null_key_or_field};
-  return run(operation, {key, {field, f_len}}, no_reply, redisSrvType, key, "HDEL %s %b", key,
-             field, f_len);
+  return run({operation, redisSrvType, key, {{field, f_len}}}, no_reply, "HDEL %s %b", key, field,
+             f_len);
 }

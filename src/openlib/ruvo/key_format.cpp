@@ -15,49 +15,45 @@ struct directive {
   char conversion = '\0';  // '\0': the key ends within the directive
 };
 
-// Reads digits, capped at the buffer; a "*" asks for an argument, which is zero.
-int read_number(const char*& at) {
+// Reads digits, capped at the buffer.
+int read_digits(const char*& at) {
   int number = 0;
-  if (*at == '*') {
-    ++at;
-  }
   for (; *at >= '0' && *at <= '9'; ++at) {
     number = std::min(number * 10 + (*at - '0'), log_buffer_size);
   }
   return number;
 }
 
+// Steps over the position of an argument, "2$", where one stands.
+void skip_position(const char*& at) {
+  const char* end = at;
+  read_digits(end);
+  if (end != at && *end == '$') {
+    at = end + 1;
+  }
+}
+
+// Reads a width or a precision: digits, or a "*" that asks for an argument and so for a zero.
+int read_size(const char*& at) {
+  if (*at != '*') {
+    return read_digits(at);
+  }
+  skip_position(++at);
+  return 0;
+}
+
 // `at` stands behind the "%" and is moved behind the directive.
 directive read_directive(const char*& at) {
   directive result;
-  const char* position = at;
-  read_number(position);
-  if (*position == '$' && position != at) {
-    at = position + 1;
-  }
+  skip_position(at);
   for (std::size_t count = 0; *at != '\0' && std::strchr("-+ #0'I", *at) != nullptr; ++at) {
     if (std::strchr(result.flags.data(), *at) == nullptr) {
       result.flags[count++] = *at;
     }
   }
-  const bool given_width = *at != '*';
-  result.width = read_number(at);
-  if (!given_width) {
-    result.width = 0;
-  }
-  if (*at == '$') {  // "%*2$d"
-    ++at;
-  }
+  result.width = read_size(at);
   if (*at == '.') {
-    ++at;
-    const bool given_precision = *at != '*';
-    result.precision = read_number(at);
-    if (!given_precision) {
-      result.precision = 0;
-    }
-    if (*at == '$') {
-      ++at;
-    }
+    result.precision = read_size(++at);
   }
   while (*at != '\0' && std::strchr("hlLqjzZt", *at) != nullptr) {
     ++at;

@@ -11,7 +11,7 @@ int ruvo_redis::list_rem(const char* key, int count, const char* value,
                                  .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
   const int ret =
-      run(operation, {key, value}, &reply, redisSrvType, key, "LREM %s %d %s", key, count, value);
+      run({operation, redisSrvType, key, {value}}, &reply, "LREM %s %d %s", key, count, value);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -29,12 +29,13 @@ int ruvo_redis::list_push(const char* key, const char* value, std::size_t length
   static constexpr data_operation operation{.origin = "ruvo_redis::list_push",
                                             .null_text = null_key_or_value};
   reply_ptr reply;
-  int ret = run(operation, {key, {value, length}}, &reply, redisSrvType, key, "LPUSH %s %b", key,
+  int ret = run({operation, redisSrvType, key, {{value, length}}}, &reply, "LPUSH %s %b", key,
                 value, length);
   if (ret != RUVO_OK) {
     return ret;
   }
-  if (has_type(operation, reply, REDIS_REPLY_INTEGER, key)) {
+  // The expiry is set whatever Redis has answered, so the type is looked at here.
+  if (has_type(operation, *reply, REDIS_REPLY_INTEGER, key)) {
     store(count, reply->integer);
     RUVO_LOG(DEBUG, "ruvo_redis::list_push | list_push key:%s, value:%s success, count is %lld",
              key, value, reply->integer);
@@ -54,7 +55,7 @@ int ruvo_redis::list_rpop(const char* key, std::string& value, RedisServerType r
       .origin = "ruvo_redis::list_rpop", .null_text = null_key, .reply_type = REDIS_REPLY_STRING};
   value.clear();
   reply_ptr reply;
-  const int ret = run(operation, {key}, &reply, redisSrvType, key, "RPOP %s", key);
+  const int ret = run({operation, redisSrvType, key, {}}, &reply, "RPOP %s", key);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -74,7 +75,7 @@ int ruvo_redis::list_range(const char* key, int start, int end, std::vector<std:
   value.clear();
   reply_ptr reply;
   const int ret =
-      run(operation, {key}, &reply, redisSrvType, key, "LRANGE %s %d %d", key, start, end);
+      run({operation, redisSrvType, key, {}}, &reply, "LRANGE %s %d %d", key, start, end);
   return ret != RUVO_OK ? ret : collect(operation, *reply, value, key);
 }
 
@@ -84,7 +85,7 @@ int ruvo_redis::list_trim(const char* key, int start, int end, RedisServerType r
       .origin = "ruvo_redis::list_trim", .null_text = null_key, .reply_type = REDIS_REPLY_STATUS};
   reply_ptr reply;
   const int ret =
-      run(operation, {key}, &reply, redisSrvType, key, "LTRIM %s %d %d", key, start, end);
+      run({operation, redisSrvType, key, {}}, &reply, "LTRIM %s %d %d", key, start, end);
   if (ret != RUVO_OK) {
     return ret;
   }

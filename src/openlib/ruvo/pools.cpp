@@ -32,7 +32,7 @@ constexpr std::array keys_of_pools{
               "ps_server_failure_limit", "ps_server_retry_timeout", "ps_password"},
 };
 
-constexpr const char* section = "server";
+constexpr const char* server_section = "server";
 
 void set_default_settings(server_pool& pool) {
   const server_pool defaults;
@@ -50,18 +50,19 @@ void read_settings(server_pool& pool, RedisServerType type) {
       continue;
     }
     const int conn_num =
-        ruvo_cfg.get_int_val(section, keys.connect_num, static_cast<int>(pool.conn_num_));
+        ruvo_cfg.get_int_val(server_section, keys.connect_num, static_cast<int>(pool.conn_num_));
     if (conn_num >= 0) {
       pool.conn_num_ = static_cast<std::uint32_t>(conn_num);
     } else {
       RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | %s must not be negative: %d, using %u",
                keys.connect_num, conn_num, pool.conn_num_);
     }
-    pool.auto_eject_ = ruvo_cfg.get_bool_val(section, keys.auto_eject, pool.auto_eject_);
-    pool.failure_limit_ = static_cast<std::uint32_t>(
-        ruvo_cfg.get_int_val(section, keys.failure_limit, static_cast<int>(pool.failure_limit_)));
-    pool.retry_timeout_ = ruvo_cfg.get_int_val(section, keys.retry_timeout, pool.retry_timeout_);
-    if (const char* password = ruvo_cfg.get_str_val(section, keys.password)) {
+    pool.auto_eject_ = ruvo_cfg.get_bool_val(server_section, keys.auto_eject, pool.auto_eject_);
+    pool.failure_limit_ = static_cast<std::uint32_t>(ruvo_cfg.get_int_val(
+        server_section, keys.failure_limit, static_cast<int>(pool.failure_limit_)));
+    pool.retry_timeout_ =
+        ruvo_cfg.get_int_val(server_section, keys.retry_timeout, pool.retry_timeout_);
+    if (const char* password = ruvo_cfg.get_str_val(server_section, keys.password)) {
       pool.redis_password_ = password;
     }
   }
@@ -98,6 +99,55 @@ void close_slots(server_node& server) {
   server.context_arr_.clear();
 }
 
+// What came of the connections to the servers of a pool.
+struct connection_tally {
+  int good = 0;
+  int failure = RUVO_OK;  // of a connection that could not be opened
+};
+
+// Opens a connection. A server that is down keeps its slot, to be repaired when it is used; one
+// that does not take the password loses it.
+void connect_slot(server_node& server, const connection_settings& settings,
+                  std::unique_ptr<ACE_Thread_Mutex> lock, connection_tally& tally) {
+  const server_addr& addr = server.addr_;
+  opened_connection opened = open_connection(addr, settings);
+  switch (opened.outcome) {
+    case open_outcome::closed:
+    case open_outcome::refused:
+      return;
+    case open_outcome::unreachable:
+    case open_outcome::unanswered:
+      RUVO_LOG(ERROR,
+               "ruvo_redis::init_server_pool | connect to node %s port:%d failed, error code : %s.",
+               ip_of(addr), port_of(addr), error_text(opened.context.get()));
+      tally.failure = RUVO_ERR_NO_CONNECTION;
+      break;
+    case open_outcome::ready:
+      if (opened.timeout_result.value_or(REDIS_OK) != REDIS_OK) {
+        RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | redisSetTimeOut err, ret:%d",
+                 *opened.timeout_result);
+      }
+      RUVO_LOG(INFO, "ruvo_redis::init_server_pool | connect to proxy: %s port:%d succeeded.",
+               ip_of(addr), port_of(addr));
+      ++tally.good;
+  }
+  add_slot(server, std::move(opened.context), std::move(lock));
+}
+
+// Opens the connections of a server. False when there is no memory for a lock.
+bool connect_server(server_node& server, std::uint32_t connections,
+                    const connection_settings& settings, connection_tally& tally) {
+  for (std::uint32_t i = 0; i < connections; ++i) {
+    std::unique_ptr<ACE_Thread_Mutex> lock(new (std::nothrow) ACE_Thread_Mutex);
+    if (!lock) {
+      RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | memory overflow.");
+      return false;
+    }
+    connect_slot(server, settings, std::move(lock), tally);
+  }
+  return true;
+}
+
 }  // namespace
 
 ruvo_redis::~ruvo_redis() { close_pools(); }
@@ -116,61 +166,36 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
   read_settings(pool, type);
   pool.server_count_ = 0;
   pool.server_num_ = static_cast<std::uint32_t>(server_addrs.size());
+  // The temporary pool's number sizes the servers of every pool, as get_conn counts.
+  const std::uint32_t connections = t_pool_.conn_num_;
   RUVO_LOG(INFO,
            "ruvo_redis::init_server_pool | server: conn_num:%u, auto_eject:%s, failure_limit:%u, "
            "retry_timeout:%d (s)",
-           t_pool_.conn_num_, t_pool_.auto_eject_ ? "true" : "false", pool.failure_limit_,
+           connections, t_pool_.auto_eject_ ? "true" : "false", pool.failure_limit_,
            pool.retry_timeout_);
 
-  int failure = RUVO_OK;
-  int good_connections = 0;
+  const connection_settings settings{conn_timeout_tv_, socket_timeout_tv_, pool.redis_password_};
+  connection_tally tally;
   for (const server_addr& addr : server_addrs) {
-    const std::size_t index = pool.servers_.size();
     server_node& server = pool.servers_.emplace_back();
     server.addr_ = addr;
-    server.index_ = index;
-    // The temporary pool's number sizes the servers of every pool, as get_conn counts.
-    for (std::uint32_t i = 0; i < t_pool_.conn_num_; ++i) {
-      std::unique_ptr<ACE_Thread_Mutex> lock(new (std::nothrow) ACE_Thread_Mutex);
-      if (!lock) {
-        RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | memory overflow.");
-        close_slots(server);
-        pool.servers_.pop_back();
-        fini();
-        return RUVO_ERR_NO_MEMORY;
-      }
-      context_ptr context = open_connection(addr, conn_timeout_tv_);
-      if (is_broken(context.get())) {
-        RUVO_LOG(ERROR,
-                 "ruvo_redis::init_server_pool | connect to node %s port:%d failed, error code : "
-                 "%s.",
-                 addr.ip_.c_str(), static_cast<int>(addr.port_), error_text(context.get()));
-        failure = RUVO_ERR_NO_CONNECTION;
-        add_slot(server, std::move(context), std::move(lock));
-        continue;
-      }
-      const std::optional<int> timeout = set_socket_timeout(*context, socket_timeout_tv_);
-      if (!authenticate(*context, addr, pool.redis_password_)) {
-        continue;
-      }
-      if (timeout.value_or(REDIS_OK) != REDIS_OK) {
-        RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | redisSetTimeOut err, ret:%d", *timeout);
-      }
-      RUVO_LOG(INFO, "ruvo_redis::init_server_pool | connect to proxy: %s port:%d succeeded.",
-               addr.ip_.c_str(), static_cast<int>(addr.port_));
-      add_slot(server, std::move(context), std::move(lock));
-      ++good_connections;
+    server.index_ = pool.servers_.size() - 1;
+    if (!connect_server(server, connections, settings, tally)) {
+      close_slots(server);
+      pool.servers_.pop_back();
+      fini();  // says that nothing is initialised: deployed systems know the line
+      return RUVO_ERR_NO_MEMORY;
     }
   }
-  RUVO_LOG(INFO, "ruvo_redis::init_server_pool | connect to server ok num:%d", good_connections);
-  return good_connections > 0 ? RUVO_OK : failure;
+  RUVO_LOG(INFO, "ruvo_redis::init_server_pool | connect to server ok num:%d", tally.good);
+  return tally.good > 0 ? RUVO_OK : tally.failure;
 }
 
 int ruvo_redis::fini_server_pool(server_pool& pool) {
   for (server_node& server : pool.servers_) {
     close_slots(server);
-    RUVO_LOG(INFO, "ruvo_redis::fini | disconnect redis node %s port:%d.", server.addr_.ip_.c_str(),
-             static_cast<int>(server.addr_.port_));
+    RUVO_LOG(INFO, "ruvo_redis::fini | disconnect redis node %s port:%d.", ip_of(server.addr_),
+             port_of(server.addr_));
   }
   pool.servers_.clear();
   return RUVO_OK;
@@ -183,7 +208,7 @@ void ruvo_redis::close_pools() {
 }
 
 int ruvo_redis::fini() {
-  if (!initialized_.load(std::memory_order_acquire)) {
+  if (!is_initialized()) {
     RUVO_LOG(ERROR, "ruvo_redis::fini | redis is not initialized");
     return RUVO_ERR_NOT_INITIALIZED;
   }

@@ -3,6 +3,7 @@
 
 #include "log_line.h"
 #include "ruvo_redis.h"
+#include "walk.h"
 
 namespace {
 
@@ -11,7 +12,7 @@ constexpr const char* no_key = "temp";  // what the log shows where a typed comm
 }  // namespace
 
 void* ruvo_redis::exec_redis_cmd(const char* format, va_list ap, RedisServerType redisSrvType) {
-  if (!initialized_.load(std::memory_order_acquire)) {
+  if (!is_initialized()) {
     // The name is another method's; deployed systems rely on it.
     RUVO_LOG(ERROR, "ruvo_redis::hash_del_field | redis is not initialized");
     return nullptr;
@@ -28,15 +29,15 @@ void* ruvo_redis::exec_redis_cmd(const char* format, va_list ap, RedisServerType
   RUVO_LOG(INFO, "ruvo_redis::exec_redis_cmd | %s redis server type:%d", format,
            static_cast<int>(redisSrvType));
   reply_ptr reply;
-  if (walk(walk_path::raw, no_key, redisSrvType, format, ap, reply) ==
-      walk_end::no_server_at_start) {
+  const command command{"exec_redis_cmd", no_key, redisSrvType, wire_command(format, ap)};
+  if (walk(*this, raw_route, command, reply) == walk_end::no_server_at_start) {
     RUVO_LOG(ERROR, "%s", no_key);
   }
   return reply.release();
 }
 
 void ruvo_redis::free_reply_object(void* reply) {
-  if (!initialized_.load(std::memory_order_acquire)) {
+  if (!is_initialized()) {
     RUVO_LOG(ERROR, "ruvo_redis::free_reply_object | redis is not initialized");
     return;
   }

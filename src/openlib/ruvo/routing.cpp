@@ -1,6 +1,7 @@
 // Choice of a server and a connection, the failure state of servers, and rebuilding a connection.
 #include <atomic>
 #include <ctime>
+#include <utility>
 
 #include "connection.h"
 #include "log_line.h"
@@ -26,47 +27,41 @@ void clear_failures(server_node& server) {
   std::atomic_ref(server.next_retry_time_).store(0);
 }
 
-const char* ip_of(const server_node& server) { return server.addr_.ip_.c_str(); }
-int port_of(const server_node& server) { return static_cast<int>(server.addr_.port_); }
+// The position where a search for a server begins.
+std::size_t start_position(server_pool& pool, int svc_index) {
+  const std::uint64_t turn =
+      svc_index < 0 ? next_turn(pool.server_count_) : static_cast<std::uint64_t>(svc_index);
+  return turn % pool.servers_.size();
+}
 
 }  // namespace
 
-const server_pool& ruvo_redis::getPool(RedisServerType type) const {
+server_pool ruvo_redis::*ruvo_redis::pool_of(RedisServerType type) {
   switch (type) {
     case ePersistServer:
-      return p_pool_;
+      return &ruvo_redis::p_pool_;
     case ePersonalityServer:
-      return personality_pool_;
+      return &ruvo_redis::personality_pool_;
     default:
-      return t_pool_;
+      return &ruvo_redis::t_pool_;
   }
 }
 
-server_pool& ruvo_redis::pool_of(RedisServerType type) {
-  return const_cast<server_pool&>(getPool(type));  // NOLINT: this object is not const
-}
-
 server_node* ruvo_redis::get_server_node(RedisServerType redisSrvType, int svc_index) {
-  server_pool& pool = pool_of(redisSrvType);
+  server_pool& pool = getPool(redisSrvType);
   const std::size_t count = pool.servers_.size();
-  if (count > 0) {
-    const std::uint64_t turn =
-        svc_index < 0 ? next_turn(pool.server_count_) : static_cast<std::uint64_t>(svc_index);
-    const std::size_t start = turn % count;
-    server_node* candidate = &pool.servers_[start];
-    RUVO_LOG(DEBUG, "ruvo_redis::get_redis_node | addr:%s port:%d", ip_of(*candidate),
-             port_of(*candidate));
-    for (;;) {
-      if (is_server_valid(candidate, redisSrvType)) {
-        return candidate;
-      }
-      const std::size_t next = (candidate->index_ + 1) % count;
-      if (next == start) {
-        break;
-      }
-      candidate = &pool.servers_[next];
-      RUVO_LOG(DEBUG, "ruvo_redis::get_server_node | try next server:%s,port:%d", ip_of(*candidate),
-               port_of(*candidate));
+  const std::size_t start = count > 0 ? start_position(pool, svc_index) : 0;
+  for (std::size_t looked_at = 0; looked_at < count; ++looked_at) {
+    server_node& candidate = pool.servers_[(start + looked_at) % count];
+    if (looked_at == 0) {
+      RUVO_LOG(DEBUG, "ruvo_redis::get_redis_node | addr:%s port:%d", ip_of(candidate.addr_),
+               port_of(candidate.addr_));
+    } else {
+      RUVO_LOG(DEBUG, "ruvo_redis::get_server_node | try next server:%s,port:%d",
+               ip_of(candidate.addr_), port_of(candidate.addr_));
+    }
+    if (is_server_valid(&candidate, redisSrvType)) {
+      return &candidate;
     }
   }
   RUVO_LOG(INFO, "ruvo_redis::get_server_node | all servers invalid");
@@ -85,14 +80,14 @@ bool ruvo_redis::is_server_valid(server_node* svc_node, RedisServerType redisSrv
   const std::time_t retry_time = std::atomic_ref(svc_node->next_retry_time_).load();
   if (retry_time <= std::time(nullptr)) {
     RUVO_LOG(WARN, "ruvo_redis::is_server_valid | server, ip:%s port:%d start retry",
-             ip_of(*svc_node), port_of(*svc_node));
+             ip_of(svc_node->addr_), port_of(svc_node->addr_));
     clear_failures(*svc_node);
     return true;
   }
   RUVO_LOG(WARN,
            "ruvo_redis::is_server_valid | server,ip:%s port:%d invalid, failure count:%d, retry "
            "after %ld seconds",
-           ip_of(*svc_node), port_of(*svc_node), failures,
+           ip_of(svc_node->addr_), port_of(svc_node->addr_), failures,
            static_cast<long>(retry_time - std::time(nullptr)));
   return false;
 }
@@ -104,7 +99,7 @@ void ruvo_redis::update_server_ok(server_node* svc_node) { clear_failures(*svc_n
 void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType redisSrvType) {
   const std::int32_t failures = std::atomic_ref(svc_node->failure_count_).fetch_add(1) + 1;
   RUVO_LOG(DEBUG, "ruvo_redis::update_server_failed | server, ip:%s port:%d failure count:%d",
-           ip_of(*svc_node), port_of(*svc_node), failures);
+           ip_of(svc_node->addr_), port_of(svc_node->addr_), failures);
   std::atomic_ref(svc_node->next_retry_time_)
       .store(std::time(nullptr) + getPool(redisSrvType).retry_timeout_);
 }
@@ -117,37 +112,35 @@ conn_node* ruvo_redis::get_conn(server_node& svc_node, RedisServerType /*redisSr
   RUVO_LOG(DEBUG, "ruvo_redis::get_conn | connection index: %u/%u", index, conn_num);
   if (index >= svc_node.context_arr_.size()) {
     RUVO_LOG(WARN, "ruvo_redis::get_conn | no connection %u on server %s port:%d", index,
-             ip_of(svc_node), port_of(svc_node));
+             ip_of(svc_node.addr_), port_of(svc_node.addr_));
     return nullptr;
   }
   return &svc_node.context_arr_[index];
 }
 
 redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
-  const char* ip = addr.ip_.c_str();
-  const int port = static_cast<int>(addr.port_);
-  RUVO_LOG(WARN, "ruvo_redis::reset_connection | reset connection,ip:%s port:%d", ip, port);
-  context_ptr fresh = open_connection(addr, conn_timeout_tv_);
-  if (is_broken(fresh.get())) {
+  RUVO_LOG(WARN, "ruvo_redis::reset_connection | reset connection,ip:%s port:%d", ip_of(addr),
+           port_of(addr));
+  // The persistent pool's password opens the servers of every pool: deployed sites share one.
+  opened_connection fresh =
+      open_connection(addr, {conn_timeout_tv_, socket_timeout_tv_, p_pool_.redis_password_});
+  if (fresh.outcome == open_outcome::unreachable) {
     RUVO_LOG(ERROR,
              "ruvo_redis::reset_connection | reconnect to server %s port:%d failed, error code is "
              "%s.",
-             ip, port, error_text(fresh.get()));
+             ip_of(addr), port_of(addr), error_text(fresh.context.get()));
+  }
+  if (fresh.outcome != open_outcome::ready) {
     return nullptr;
   }
-  const std::optional<int> timeout = set_socket_timeout(*fresh, socket_timeout_tv_);
-  // The persistent pool's password opens the servers of every pool: deployed sites share one.
-  if (!authenticate(*fresh, addr, p_pool_.redis_password_)) {
-    return nullptr;
-  }
-  if (timeout.value_or(REDIS_OK) != REDIS_OK) {
-    RUVO_LOG(ERROR, "ruvo_redis::reset_connection | redisSetTimeOut err, ret:%d", *timeout);
-  } else if (timeout) {
+  if (fresh.timeout_result.value_or(REDIS_OK) != REDIS_OK) {
+    RUVO_LOG(ERROR, "ruvo_redis::reset_connection | redisSetTimeOut err, ret:%d",
+             *fresh.timeout_result);
+  } else if (fresh.timeout_result) {
     RUVO_LOG(
         DEBUG, "ruvo_redis::reset_connection | redisSetTimeOut time_out:%d (ms), success",
         static_cast<int>(socket_timeout_tv_.tv_sec * 1000 + socket_timeout_tv_.tv_usec / 1000));
   }
-  redisFree(conn.context_);
-  conn.context_ = fresh.release();
+  const context_ptr old(std::exchange(conn.context_, fresh.context.release()));
   return conn.context_;
 }

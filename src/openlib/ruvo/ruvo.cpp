@@ -56,7 +56,7 @@ int forward_filling(Container& container, Method method, Args... args) noexcept 
   return ret;
 }
 
-RedisServerType pool(int redisSrvType) { return static_cast<RedisServerType>(redisSrvType); }
+RedisServerType pool_type(int redisSrvType) { return static_cast<RedisServerType>(redisSrvType); }
 
 }  // namespace
 
@@ -66,76 +66,77 @@ int RUVO_Fini(void) { return forward_code(&ruvo_redis::fini); }
 
 int RUVO_InsertKey(const char* key, const char* data, unsigned long len, int time_out,
                    int redisSrvType, const char* server_addr) {
-  return forward_code(&ruvo_redis::insert_key, key, data, len, time_out, pool(redisSrvType),
+  return forward_code(&ruvo_redis::insert_key, key, data, len, time_out, pool_type(redisSrvType),
                       server_addr);
 }
 
 int RUVO_AppendKey(const char* key, const char* data, unsigned long len, int redisSrvType,
                    const char* server_addr) {
-  return forward_code(&ruvo_redis::append_key, key, data, len, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::append_key, key, data, len, pool_type(redisSrvType),
+                      server_addr);
 }
 
 int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvType, const char* server_addr) {
-  return forward_code(&ruvo_redis::increase_key, key, value, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::increase_key, key, value, pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_QueryKey(const char* key, const char** data, unsigned long* len, int redisSrvType,
                   const char* server_addr) {
-  return forward_code(&ruvo_redis::query_key, key, data, len, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::query_key, key, data, len, pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_ExistsKey(const char* key, int redisSrvType, const char* server_addr) {
-  return forward_code(&ruvo_redis::exists_key, key, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::exists_key, key, pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_FreeResult(const char* data) { return forward_code(&ruvo_redis::free_result, data); }
 
 int RUVO_DeleteKey(const char* key, int redisSrvType, const char* server_addr) {
-  return forward_code(&ruvo_redis::delete_key, key, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::delete_key, key, pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_ExpireKey(const char* key, unsigned int time_out, int redisSrvType,
                    const char* server_addr) {
-  return forward_code(&ruvo_redis::expire_key, key, time_out, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::expire_key, key, time_out, pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_PersistKey(const char* key, int redisSrvType, const char* server_addr) {
-  return forward_code(&ruvo_redis::persist_key, key, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::persist_key, key, pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_HashSet(const char* key, const char* field, unsigned long f_len, const char* value,
                  unsigned long v_len, int time_out, int redisSrvType, const char* server_addr) {
   return forward_code(&ruvo_redis::hash_set, key, field, f_len, value, v_len, time_out,
-                      pool(redisSrvType), server_addr);
+                      pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_HashGet(const char* key, const char* field, unsigned long f_len, const char** value,
                  unsigned long* v_len, int redisSrvType, const char* server_addr) {
-  return forward_code(&ruvo_redis::hash_get, key, field, f_len, value, v_len, pool(redisSrvType),
-                      server_addr);
+  return forward_code(&ruvo_redis::hash_get, key, field, f_len, value, v_len,
+                      pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_HashFieldExist(const char* key, const char* field, unsigned long f_len, int redisSrvType,
                         const char* server_addr) {
-  return forward_code(&ruvo_redis::hash_field_exist, key, field, f_len, pool(redisSrvType),
+  return forward_code(&ruvo_redis::hash_field_exist, key, field, f_len, pool_type(redisSrvType),
                       server_addr);
 }
 
 int RUVO_HashIncrBy(const char* key, const char* field, unsigned long f_len, long long increment,
                     long long* result, int redisSrvType, const char* server_addr) {
   return forward_code(&ruvo_redis::hash_incr_by, key, field, f_len, increment, result,
-                      pool(redisSrvType), server_addr);
+                      pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_HashFieldsNum(const char* key, long long* fields_num, int redisSrvType,
                        const char* server_addr) {
-  return forward_code(&ruvo_redis::hash_fields_num, key, fields_num, pool(redisSrvType),
+  return forward_code(&ruvo_redis::hash_fields_num, key, fields_num, pool_type(redisSrvType),
                       server_addr);
 }
 
 int RUVO_HashDelField(const char* key, const char* field, unsigned long f_len, int redisSrvType,
                       const char* server_addr) {
-  return forward_code(&ruvo_redis::hash_del_field, key, field, f_len, pool(redisSrvType),
+  return forward_code(&ruvo_redis::hash_del_field, key, field, f_len, pool_type(redisSrvType),
                       server_addr);
 }
 
@@ -148,7 +149,7 @@ void* RUVO_ExecRedisCmd(int redisSrvType, const char* format, ...) {
 }
 
 void* RUVO_ExecRedisvCmd(int redisSrvType, const char* format, va_list ap) {
-  return forward<void*>(nullptr, &ruvo_redis::exec_redis_cmd, format, ap, pool(redisSrvType));
+  return forward<void*>(nullptr, &ruvo_redis::exec_redis_cmd, format, ap, pool_type(redisSrvType));
 }
 
 void RUVO_FreeReplyObject(void* reply) {
@@ -160,47 +161,50 @@ void RUVO_FreeReplyObject(void* reply) {
 
 int RUVO_LRem(const char* key, int count, const char* value, int redisSrvType,
               const char* server_addr) {
-  return forward_code(&ruvo_redis::list_rem, key, count, value, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::list_rem, key, count, value, pool_type(redisSrvType),
+                      server_addr);
 }
 
 int RUVO_LPush(const char* key, const char* value, size_t length, int timeout, long long* count,
                int redisSrvType, const char* server_addr) {
   return forward_code(&ruvo_redis::list_push, key, value, length, timeout, count,
-                      pool(redisSrvType), server_addr);
+                      pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_RPop(const char* key, std::string& value, int redisSrvType, const char* server_addr) {
-  return forward_filling(value, &ruvo_redis::list_rpop, key, std::ref(value), pool(redisSrvType),
-                         server_addr);
+  return forward_filling(value, &ruvo_redis::list_rpop, key, std::ref(value),
+                         pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_LRange(const char* key, int start, int end, std::vector<std::string>& value,
                 int redisSrvType, const char* server_addr) {
   return forward_filling(value, &ruvo_redis::list_range, key, start, end, std::ref(value),
-                         pool(redisSrvType), server_addr);
+                         pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_LTrim(const char* key, int start, int end, int redisSrvType, const char* server_addr) {
-  return forward_code(&ruvo_redis::list_trim, key, start, end, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::list_trim, key, start, end, pool_type(redisSrvType),
+                      server_addr);
 }
 
 int RUVO_SAdd(const char* key, const char* data, size_t len, int redisSrvType,
               const char* server_addr) {
-  return forward_code(&ruvo_redis::set_add, key, data, len, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::set_add, key, data, len, pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_SRem(const char* key, const char* data, size_t len, int redisSrvType,
               const char* server_addr) {
-  return forward_code(&ruvo_redis::set_rem, key, data, len, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::set_rem, key, data, len, pool_type(redisSrvType), server_addr);
 }
 
 int RUVO_SIsmember(const char* key, const char* data, size_t len, int redisSrvType,
                    const char* server_addr) {
-  return forward_code(&ruvo_redis::set_ismember, key, data, len, pool(redisSrvType), server_addr);
+  return forward_code(&ruvo_redis::set_ismember, key, data, len, pool_type(redisSrvType),
+                      server_addr);
 }
 
 int RUVO_SMembers(const char* key, std::vector<std::string>& value, int redisSrvType,
                   const char* server_addr) {
-  return forward_filling(value, &ruvo_redis::set_members, key, std::ref(value), pool(redisSrvType),
-                         server_addr);
+  return forward_filling(value, &ruvo_redis::set_members, key, std::ref(value),
+                         pool_type(redisSrvType), server_addr);
 }

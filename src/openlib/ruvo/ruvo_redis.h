@@ -3,7 +3,7 @@
 //   startup.cpp    configuration, default addresses, the order in which pools are built
 //   pools.cpp      building and closing a pool; the counted shut-down
 //   routing.cpp    choice of server and connection, failure state, rebuilding a connection
-//   execution.cpp  the walk over servers, and the typed path that sorts its reply into a code
+//   walk.cpp       the walk over servers, and the typed path that makes a code of the reply
 //   strings.cpp, hashes.cpp, lists.cpp, sets.cpp
 //                  the data operations (data_operation.cpp: what they share)
 //   raw.cpp        any command, its reply handed over as it is
@@ -19,7 +19,6 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -28,8 +27,7 @@
 #include "ruvo.h"
 #include "server_pool.h"
 
-struct data_operation;
-struct required_argument;
+struct operation_call;
 
 // The reader that start-up loads the library's configuration with.
 extern vop_config ruvo_cfg;
@@ -53,7 +51,8 @@ class ruvo_redis {
   int fini();
 
   // ---- Routing ----
-  const server_pool& getPool(RedisServerType type) const;
+  const server_pool& getPool(RedisServerType type) const { return this->*pool_of(type); }
+  server_pool& getPool(RedisServerType type) { return this->*pool_of(type); }
   // A usable server of the pool, or null: the next in turn when `svc_index` is negative, else the
   // first from that position on.
   server_node* get_server_node(RedisServerType redisSrvType, int svc_index);
@@ -132,31 +131,21 @@ class ruvo_redis {
   void free_reply_object(void* reply);
 
  private:
-  // The two users of the walk over servers; execution.cpp tells what differs.
-  enum class walk_path { typed, raw };
-  // How a walk ended.
-  enum class walk_end { replied, no_server_at_start, no_server_left, came_round, lock_failed };
+  static server_pool ruvo_redis::*pool_of(RedisServerType type);
 
+  bool is_initialized() const { return initialized_.load(std::memory_order_acquire); }
   void read_timeouts();
   void choose_addresses();
   int build_pools();
   void close_pools();
 
-  server_pool& pool_of(RedisServerType type);
-
-  walk_end walk(walk_path path, const char* key, RedisServerType redisSrvType, const char* format,
-                va_list args, reply_ptr& reply);
-  static const char* method_of(walk_path path);
-  reply_ptr visit(walk_path path, const char* key, conn_node& conn, server_node& server,
-                  RedisServerType redisSrvType, const char* format, va_list args);
-  server_node* next_server(walk_path path, const server_node& server, RedisServerType redisSrvType);
-  std::size_t visit_limit(walk_path path, RedisServerType redisSrvType) const;
+  // Runs a command on a pool; see do_exec_command. A null `reply` asks for the code only.
   int exec_command(const char* key, reply_ptr* reply, RedisServerType redisSrvType,
                    const char* format, va_list args);
-
+  // For a second command whose outcome does not change that of the first.
+  void exec_regardless(const char* key, RedisServerType redisSrvType, const char* format, ...);
   // The road of every data operation up to its reply, see data_operation.h.
-  int run(const data_operation& operation, std::initializer_list<required_argument> required,
-          reply_ptr* reply, RedisServerType redisSrvType, const char* key, const char* format, ...);
+  int run(const operation_call& call, reply_ptr* reply, const char* format, ...);
 
   std::atomic<bool> initialized_{false};
   std::atomic<std::int64_t> init_count_{0};

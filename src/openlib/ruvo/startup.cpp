@@ -21,7 +21,7 @@ vop_config ruvo_cfg;
 namespace {
 
 constexpr int default_timeout_ms = 100;
-constexpr const char* section = "common";
+constexpr const char* common_section = "common";
 
 __attribute__((format(printf, 1, 2))) void print_progress(const char* format, ...) {
   va_list args;
@@ -87,7 +87,7 @@ std::optional<std::size_t> net_seg_group() {
 
 int ruvo_redis::init(const char* config) {
   if (init_count_.fetch_add(1) != 0) {
-    if (initialized_.load(std::memory_order_acquire)) {
+    if (is_initialized()) {
       RUVO_LOG(ERROR, "ruvo_redis::init | redis alreadly initialize");
     } else {
       RUVO_LOG(ERROR, "ruvo_redis::init | redis is now in initialize");
@@ -119,8 +119,10 @@ int ruvo_redis::init(const char* config) {
 }
 
 void ruvo_redis::read_timeouts() {
-  const int connect_timeout = ruvo_cfg.get_int_val(section, "connect_timeout", default_timeout_ms);
-  const int socket_timeout = ruvo_cfg.get_int_val(section, "socket_timeout", default_timeout_ms);
+  const int connect_timeout =
+      ruvo_cfg.get_int_val(common_section, "connect_timeout", default_timeout_ms);
+  const int socket_timeout =
+      ruvo_cfg.get_int_val(common_section, "socket_timeout", default_timeout_ms);
   RUVO_LOG(INFO,
            "ruvo_worker::init | get timeout cfg, connect_timeout:%d (ms), socket_timeout:%d (ms)",
            connect_timeout, socket_timeout);
@@ -131,11 +133,11 @@ void ruvo_redis::read_timeouts() {
 void ruvo_redis::choose_addresses() {
   // The two diagnostic lines are errors on purpose: deployed systems rely on seeing them whatever
   // the level they log at.
-  const char* temp_server = ruvo_cfg.get_str_val(section, "temp_server");
+  const char* temp_server = ruvo_cfg.get_str_val(common_section, "temp_server");
   RUVO_LOG(ERROR, "t_par_val: %s\n", or_null_text(temp_server));
-  const char* persist_server = ruvo_cfg.get_str_val(section, "persist_server");
+  const char* persist_server = ruvo_cfg.get_str_val(common_section, "persist_server");
   RUVO_LOG(ERROR, "p_par_val: %s\n", or_null_text(persist_server));
-  const char* personality_server = ruvo_cfg.get_str_val(section, "personality_server");
+  const char* personality_server = ruvo_cfg.get_str_val(common_section, "personality_server");
 
   const auto configured_or_default = [this](const char* addrs, RedisServerType type) {
     return addrs != nullptr ? std::string(addrs) : getDefaultAddr(type);

@@ -6,7 +6,6 @@
 
 namespace {
 
-constexpr int no_time_out = -1;
 constexpr const char* null_pointer = "invalid param value : null pointer.";
 
 // Seconds until the next local midnight: 1 to 86400.
@@ -23,11 +22,10 @@ int ruvo_redis::insert_key(const char* key, const char* data, unsigned long len,
                            RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::insert_key",
                                             .null_text = null_pointer};
-  const int ret = time_out == no_time_out
-                      ? run(operation, {key, {data, len}}, no_reply, redisSrvType, key, "SET %s %b",
-                            key, data, len)
-                      : run(operation, {key, {data, len}}, no_reply, redisSrvType, key,
-                            "SETEX %s %d %b", key, time_out, data, len);
+  const int ret = time_out == no_expiry ? run({operation, redisSrvType, key, {{data, len}}},
+                                              no_reply, "SET %s %b", key, data, len)
+                                        : run({operation, redisSrvType, key, {{data, len}}},
+                                              no_reply, "SETEX %s %d %b", key, time_out, data, len);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::insert_key | key %s successfully inserted.", key);
   }
@@ -36,14 +34,10 @@ int ruvo_redis::insert_key(const char* key, const char* data, unsigned long len,
 
 int ruvo_redis::append_key(const char* key, const char* data, unsigned long len,
                            RedisServerType redisSrvType, const char* /*server_addr*/) {
-  static constexpr data_operation operation{.origin = "ruvo_redis::append_key",
-                                            .null_text = null_pointer};
-  const int ret = run(operation, {key, {data, len}}, no_reply, redisSrvType, key, "APPEND %s %b",
-                      key, data, len);
-  if (ret == RUVO_OK) {
-    RUVO_LOG(DEBUG, "ruvo_redis::append_key | APPEND  %s successfully.", key);
-  }
-  return ret;
+  static constexpr data_operation operation{
+      .origin = "ruvo_redis::append_key", .null_text = null_pointer, .verb = "APPEND"};
+  return run({operation, redisSrvType, key, {{data, len}}}, no_reply, "APPEND %s %b", key, data,
+             len);
 }
 
 int ruvo_redis::increase_key(const char* key, long long* value, RedisServerType redisSrvType,
@@ -51,40 +45,37 @@ int ruvo_redis::increase_key(const char* key, long long* value, RedisServerType 
   static constexpr data_operation operation{.origin = "ruvo_redis::increase_key",
                                             .null_text = null_key,
                                             .failed_origin = "exists_key::increase_key",
-                                            .policy = reply_policy::lenient};
+                                            .verb = "GET",
+                                            .reply_type = REDIS_REPLY_INTEGER,
+                                            .policy = unexpected_type::warned_with_key,
+                                            .unexpected_result = RUVO_OK};
   reply_ptr reply;
-  const int ret = run(operation, {key}, &reply, redisSrvType, key, "INCR %s", key);
-  if (ret != RUVO_OK) {
-    return ret;
-  }
-  RUVO_LOG(DEBUG, "ruvo_redis::increase_key | GET  %s successfully.", key);
-  if (has_type(operation, reply, REDIS_REPLY_INTEGER, key)) {
+  const int ret = run({operation, redisSrvType, key, {}}, &reply, "INCR %s", key);
+  if (reply) {
     store(value, reply->integer);
     RUVO_LOG(DEBUG,
              "ruvo_redis::increase_key | key %s successfully increased, current value is %lld.",
              key, reply->integer);
     // A new counter lives until midnight. That it could not be told so does not undo the count.
     if (reply->integer == 1) {
-      redisReply* none = nullptr;
-      do_exec_command(key, none, false, redisSrvType, "EXPIRE %s %ld", key, seconds_to_midnight());
+      exec_regardless(key, redisSrvType, "EXPIRE %s %ld", key, seconds_to_midnight());
     }
   }
-  return RUVO_OK;
+  return ret;
 }
 
 int ruvo_redis::query_key(const char* key, const char** data, unsigned long* len,
                           RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::query_key",
                                             .null_text = null_pointer,
+                                            .verb = "GET",
                                             .absent_level = BaseLib::Logger::INFO,
-                                            .policy = reply_policy::lenient};
+                                            .reply_type = REDIS_REPLY_STRING,
+                                            .policy = unexpected_type::warned_with_key,
+                                            .unexpected_result = RUVO_OK};
   reply_ptr reply;
-  int ret = run(operation, {key, data, len}, &reply, redisSrvType, key, "GET %s", key);
-  if (ret != RUVO_OK) {
-    return ret;
-  }
-  RUVO_LOG(DEBUG, "ruvo_redis::query_key | GET  %s successfully.", key);
-  if (has_type(operation, reply, REDIS_REPLY_STRING, key)) {
+  int ret = run({operation, redisSrvType, key, {data, len}}, &reply, "GET %s", key);
+  if (reply) {
     ret = copy_out(*reply, data, len);
   }
   if (ret == RUVO_OK) {
@@ -98,15 +89,13 @@ int ruvo_redis::exists_key(const char* key, RedisServerType redisSrvType,
   static constexpr data_operation operation{.origin = "ruvo_redis::exists_key",
                                             .null_text = null_key,
                                             .failed_origin = "exists_key::expire_key",
-                                            .policy = reply_policy::lenient};
+                                            .verb = "EXISTS",
+                                            .reply_type = REDIS_REPLY_INTEGER,
+                                            .policy = unexpected_type::warned_with_key};
   reply_ptr reply;
-  const int ret = run(operation, {key}, &reply, redisSrvType, key, "EXISTS %s", key);
+  const int ret = run({operation, redisSrvType, key, {}}, &reply, "EXISTS %s", key);
   if (ret != RUVO_OK) {
     return ret;
-  }
-  RUVO_LOG(DEBUG, "ruvo_redis::exists_key | EXISTS  %s successfully.", key);
-  if (!has_type(operation, reply, REDIS_REPLY_INTEGER, key)) {
-    return reply ? RUVO_ERR_FAILED : RUVO_OK;
   }
   switch (reply->integer) {
     case 0:
@@ -123,20 +112,16 @@ int ruvo_redis::exists_key(const char* key, RedisServerType redisSrvType,
 
 int ruvo_redis::delete_key(const char* key, RedisServerType redisSrvType,
                            const char* /*server_addr*/) {
-  static constexpr data_operation operation{.origin = "ruvo_redis::delete_key",
-                                            .null_text = null_key};
-  const int ret = run(operation, {key}, no_reply, redisSrvType, key, "DEL %s", key);
-  if (ret == RUVO_OK) {
-    RUVO_LOG(DEBUG, "ruvo_redis::delete_key | DEL  %s successfully.", key);
-  }
-  return ret;
+  static constexpr data_operation operation{
+      .origin = "ruvo_redis::delete_key", .null_text = null_key, .verb = "DEL"};
+  return run({operation, redisSrvType, key, {}}, no_reply, "DEL %s", key);
 }
 
 int ruvo_redis::expire_key(const char* key, unsigned int time_out, RedisServerType redisSrvType,
                            const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::expire_key",
                                             .null_text = null_key};
-  const int ret = run(operation, {key}, no_reply, redisSrvType, key, "EXPIRE %s %u", key, time_out);
+  const int ret = run({operation, redisSrvType, key, {}}, no_reply, "EXPIRE %s %u", key, time_out);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::expire_key | EXPIRE  %s %u successfully.", key, time_out);
   }
@@ -145,17 +130,13 @@ int ruvo_redis::expire_key(const char* key, unsigned int time_out, RedisServerTy
 
 int ruvo_redis::persist_key(const char* key, RedisServerType redisSrvType,
                             const char* /*server_addr*/) {
-  static constexpr data_operation operation{.origin = "ruvo_redis::persist_key",
-                                            .null_text = null_key};
-  const int ret = run(operation, {key}, no_reply, redisSrvType, key, "PERSIST %s", key);
-  if (ret == RUVO_OK) {
-    RUVO_LOG(DEBUG, "ruvo_redis::persist_key | PERSIST  %s successfully.", key);
-  }
-  return ret;
+  static constexpr data_operation operation{
+      .origin = "ruvo_redis::persist_key", .null_text = null_key, .verb = "PERSIST"};
+  return run({operation, redisSrvType, key, {}}, no_reply, "PERSIST %s", key);
 }
 
 int ruvo_redis::free_result(const char* data) {
-  if (!initialized_.load(std::memory_order_acquire)) {
+  if (!is_initialized()) {
     RUVO_LOG(ERROR, "ruvo_redis::free_result | redis is not initialized");
     return RUVO_ERR_NOT_INITIALIZED;
   }

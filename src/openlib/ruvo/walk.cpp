@@ -1,0 +1,162 @@
+#include "walk.h"
+
+#include <ace/Guard_T.h>
+
+#include <optional>
+
+#include "connection.h"
+#include "data_operation.h"
+#include "log_line.h"
+#include "ruvo_redis.h"
+
+namespace {
+
+constexpr std::size_t visits_per_server = 2;
+
+// A visit: one send, and on a broken connection one rebuild and one more send. Null when the server
+// gave no reply. REQUIRES: the slot's lock is held.
+reply_ptr visit(ruvo_redis& redis, const command& command, conn_node& conn, server_node& server) {
+  if (!is_broken(conn.context_)) {
+    if (reply_ptr reply = exchange(*conn.context_, command.wire)) {
+      return reply;
+    }
+  }
+  if (conn.context_ != nullptr && conn.context_->err != 0) {
+    RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
+             command.method, command.key, conn.context_->err, conn.context_->errstr);
+  }
+  redisContext* fresh = redis.reset_connection(conn, server.addr_);
+  if (fresh == nullptr) {
+    redis.update_server_failed(&server, command.pool);
+    RUVO_LOG(ERROR,
+             "ruvo_redis::%s | key:%s, null reply and reset connection to server %s port:%d "
+             "failed.",
+             command.method, command.key, ip_of(server.addr_), port_of(server.addr_));
+    return nullptr;
+  }
+  redis.update_server_ok(&server);
+  return exchange(*fresh, command.wire);
+}
+
+}  // namespace
+
+// The next position of the same pool.
+const route typed_route{
+    .next_server =
+        [](ruvo_redis& redis, const server_node& failed, RedisServerType pool) {
+          return redis.get_server_node(pool, static_cast<int>(failed.index_) + 1);
+        },
+    .servers_in_reach = [](const ruvo_redis& redis,
+                           RedisServerType pool) { return redis.getPool(pool).servers_.size(); },
+};
+
+// Takes the next position as the number of a pool, and that pool's next server in turn: deployed
+// systems rely on raw commands reaching the other pools.
+const route raw_route{
+    .next_server =
+        [](ruvo_redis& redis, const server_node& failed, RedisServerType) {
+          return redis.get_server_node(static_cast<RedisServerType>(failed.index_ + 1), -1);
+        },
+    .servers_in_reach =
+        [](const ruvo_redis& redis, RedisServerType) {
+          return redis.getPool(eTempServer).servers_.size() +
+                 redis.getPool(ePersistServer).servers_.size() +
+                 redis.getPool(ePersonalityServer).servers_.size();
+        },
+};
+
+// Each visit holds the lock of one connection, also while the next server is chosen, and lets it go
+// before the next is taken. The bound is for walks that do not come round: one that crosses pools
+// can turn for ever, and a typed one could be held for a whole retry time-out by a server that
+// accepts connections and never answers.
+walk_end walk(ruvo_redis& redis, const route& route, const command& command, reply_ptr& reply) {
+  server_node* server = redis.get_server_node(command.pool, -1);
+  if (server == nullptr) {
+    return walk_end::no_server_at_start;
+  }
+  const std::size_t first = server->index_;
+  for (std::size_t visits = 1;; ++visits) {
+    std::optional<ACE_Guard<ACE_Thread_Mutex>> guard;
+    if (conn_node* conn = redis.get_conn(*server, command.pool)) {
+      guard.emplace(*conn->lock_);
+      if (!guard->locked()) {
+        return walk_end::lock_failed;
+      }
+      reply = visit(redis, command, *conn, *server);
+      if (reply) {
+        return walk_end::replied;
+      }
+    } else {
+      redis.update_server_failed(server, command.pool);
+    }
+    server = route.next_server(redis, *server, command.pool);
+    if (server == nullptr) {
+      return walk_end::no_server_left;
+    }
+    const std::size_t bound = visits_per_server * route.servers_in_reach(redis, command.pool);
+    if (server->index_ == first || visits == bound) {
+      RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server", command.method);
+      return walk_end::all_tried;
+    }
+  }
+}
+
+// ---- The typed path, which makes a result code of the reply ----
+
+int ruvo_redis::exec_command(const char* key, reply_ptr* reply, RedisServerType redisSrvType,
+                             const char* format, va_list args) {
+  if (key == nullptr) {
+    RUVO_LOG(ERROR, "ruvo_redis::do_exec_command | key is NULL");
+    return RUVO_ERR_NULL_ARGUMENT;
+  }
+  RUVO_LOG(INFO, "ruvo_redis::do_exec_command | key:%s, redis-server-type:%d", key,
+           static_cast<int>(redisSrvType));
+  const command command{"do_exec_command", key, redisSrvType, wire_command(format, args)};
+  reply_ptr received;
+  switch (walk(*this, typed_route, command, received)) {
+    case walk_end::replied:
+      break;
+    case walk_end::lock_failed:
+      return RUVO_ERR_FAILED;
+    default:
+      log_key_as_format(key);
+      return RUVO_ERR_FAILED;
+  }
+  if (received->type == REDIS_REPLY_ERROR) {
+    RUVO_LOG(ERROR, "ruvo_redis::do_exec_command | exec key:%s failed, redis reply str:%s.", key,
+             received->str);
+    return RUVO_ERR_FAILED;
+  }
+  if (received->type == REDIS_REPLY_NIL) {
+    // Every pool counts as persistent here, only the number 0 does not: deployed systems rely on
+    // it.
+    RUVO_LOG(WARN, "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil",
+             key, static_cast<int>(redisSrvType) != 0 ? "true" : "false");
+    return RUVO_ERR_NOT_FOUND;
+  }
+  if (reply != nullptr) {
+    *reply = std::move(received);
+  }
+  return RUVO_OK;
+}
+
+int ruvo_redis::do_exec_command(const char* key, redisReply*& reply, bool need_reply,
+                                RedisServerType redisSrvType, const char* format, ...) {
+  reply_ptr received;
+  va_list args;
+  va_start(args, format);
+  const int ret = exec_command(key, need_reply ? &received : no_reply, redisSrvType, format, args);
+  va_end(args);
+  if (received) {
+    reply = received.release();
+  }
+  return ret;
+}
+
+void ruvo_redis::exec_regardless(const char* key, RedisServerType redisSrvType, const char* format,
+                                 ...) {
+  va_list args;
+  va_start(args, format);
+  exec_command(key, no_reply, redisSrvType, format, args);
+  va_end(args);
+}
