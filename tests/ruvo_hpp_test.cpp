@@ -25,7 +25,7 @@ std::string show(const std::vector<std::string>& values) {
   for (const std::string& value : values) { all += (all.empty() ? "" : " ") + value; }
   return all;
 }
-std::string show(ruvo::reply_view reply) {
+std::string show(ruvo::reply_view reply) {  // NOLINT(misc-no-recursion)
   std::string all = reply.is_nil() ? "nil" : show(reply.text());
   if (reply.type() == REDIS_REPLY_INTEGER) { all = show(reply.integer()); }
   for (const ruvo::reply_view element : reply) { all += "[" + show(element) + "]"; }

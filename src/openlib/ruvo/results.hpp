@@ -18,6 +18,8 @@
 
 namespace ruvo {
 
+class pool;
+
 namespace detail {
 
 class result_category final : public std::error_category {
@@ -144,8 +146,6 @@ class bytes {
  public:
   /// No bytes.
   bytes() noexcept = default;
-  /// Takes over a buffer from RUVO_QueryKey or RUVO_HashGet.
-  bytes(const char* data, std::size_t size) noexcept : data_(data), size_(size) {}
 
   /// Not zero-terminated. Null when there is no buffer.
   const char* data() const noexcept { return data_.get(); }
@@ -155,6 +155,9 @@ class bytes {
   operator std::string_view() const noexcept { return {data(), size()}; }
 
  private:
+  friend class pool;
+  bytes(const char* data, std::size_t size) noexcept : data_(data), size_(size) {}
+
   struct release {
     void operator()(const char* data) const noexcept { RUVO_FreeResult(data); }
   };
@@ -171,7 +174,7 @@ class reply_view {
 
   /// Nil.
   reply_view() noexcept = default;
-  /// A view of a reply of hiredis.
+  /// Of a reply of hiredis that somebody else owns.
   explicit reply_view(const redisReply* raw) noexcept : raw_(raw) {}
 
   /// One of hiredis' REDIS_REPLY_ constants.
@@ -217,7 +220,7 @@ class reply_view::iterator {
     ++index_;
     return *this;
   }
-  iterator operator++(int) noexcept { return {array_, index_++}; }
+  iterator operator++(int) noexcept { return {array_, index_++}; }  // NOLINT(cert-dcl21-cpp)
   friend bool operator==(const iterator& a, const iterator& b) { return a.index_ == b.index_; }
   friend bool operator!=(const iterator& a, const iterator& b) { return a.index_ != b.index_; }
 
@@ -235,8 +238,6 @@ class reply : public reply_view {
  public:
   /// Nil.
   reply() noexcept = default;
-  /// Takes over a reply from RUVO_ExecRedisCmd.
-  explicit reply(void* raw) noexcept : reply_view(static_cast<redisReply*>(raw)) {}
   /// Leaves `other` nil.
   reply(reply&& other) noexcept : reply_view(std::exchange(other.raw_, nullptr)) {}
   /// Releases what it held, and leaves `other` nil.
@@ -250,6 +251,10 @@ class reply : public reply_view {
       RUVO_FreeReplyObject(const_cast<redisReply*>(raw_));
     }
   }
+
+ private:
+  friend class pool;
+  explicit reply(void* raw) noexcept : reply_view(static_cast<redisReply*>(raw)) {}
 };
 
 }  // namespace ruvo

@@ -91,30 +91,6 @@ class [[nodiscard]] library {
   int code_;
 };
 
-namespace detail {
-
-// What Redis reads of one command at most. hiredis counts in an int and takes no more than twice
-// that.
-inline constexpr std::size_t max_command = std::size_t{1} << 30U;
-
-template <std::size_t... position>
-result<reply> run(int pool, const word* words, std::index_sequence<position...>) noexcept {
-  std::size_t size = 0;
-  for (std::size_t i = 0; i < sizeof...(position) / 2; ++i) {
-    size += words[i].size();
-  }
-  void* raw = size > max_command
-                  ? nullptr
-                  : RUVO_ExecRedisCmd(pool, command_template<sizeof...(position) / 2>.data(),
-                                      argument<position>(words)...);
-  if (raw == nullptr) {
-    return failure{RUVO_ERR_FAILED};
-  }
-  return reply(raw);
-}
-
-}  // namespace detail
-
 /// A pool of servers: all operations. A number that is copied and shared freely. Each function says
 /// only what ruvo.h does not say of the one in brackets.
 class pool {
@@ -226,9 +202,9 @@ class pool {
   }
   /// Adds to the number in a field, and gives the sum (RUVO_HashIncrBy).
   result<long long> hincrby(const c_text& key, std::string_view field,
-                            long long increment) const noexcept {
+                            long long amount) const noexcept {
     long long sum = 0;
-    const int code = RUVO_HashIncrBy(key.c_str(), detail::data_of(field), field.size(), increment,
+    const int code = RUVO_HashIncrBy(key.c_str(), detail::data_of(field), field.size(), amount,
                                      &sum, pool_, nullptr);
     return value_of(code, sum);
   }
@@ -351,7 +327,7 @@ class pool {
     static_assert(are_words, "ruvo: a word of a command is a text or a whole number");
     if constexpr (is_command && are_words) {
       const detail::word all[] = {detail::word(words)...};
-      return detail::run(pool_, all, std::make_index_sequence<2 * sizeof...(Words)>());
+      return run(all, std::make_index_sequence<2 * sizeof...(Words)>());
     } else {
       return failure{RUVO_ERR_FAILED};
     }
@@ -389,6 +365,26 @@ class pool {
     const int code = RUVO_LPush(key.c_str(), detail::data_of(value), value.size(), time_out,
                                 &length, pool_, nullptr);
     return value_of(code == RUVO_OK && length == 0 ? RUVO_ERR_FAILED : code, length);
+  }
+
+  // Redis reads no more of one command; hiredis counts in an int and has an end at twice that.
+  static constexpr std::size_t max_command = std::size_t{1} << 30U;
+
+  template <std::size_t... position>
+  result<reply> run(const detail::word* words, std::index_sequence<position...>) const noexcept {
+    std::size_t size = 0;
+    for (std::size_t i = 0; i < sizeof...(position) / 2; ++i) {
+      size += words[i].size();
+    }
+    if (size > max_command) {
+      return failure{RUVO_ERR_FAILED};
+    }
+    void* raw = RUVO_ExecRedisCmd(pool_, detail::command_template<sizeof...(position) / 2>.data(),
+                                  detail::argument<position>(words)...);
+    if (raw == nullptr) {
+      return failure{RUVO_ERR_FAILED};
+    }
+    return reply(raw);
   }
 
   RedisServerType pool_;
