@@ -42,8 +42,8 @@ class c_text {
     return text.find('\0') != std::string_view::npos;
   }
   const char* terminated(std::string_view text) {
-    char* copy = short_;
-    if (text.size() >= sizeof(short_)) {
+    char* copy = short_.data();
+    if (text.size() >= short_.size()) {
       long_.reset(new char[text.size() + 1]);
       copy = long_.get();
     }
@@ -53,7 +53,7 @@ class c_text {
   }
 
   // The copy is made while text_ is initialised: it stands last.
-  char short_[128];
+  std::array<char, 128> short_;
   std::unique_ptr<char[]> long_;
   const char* text_;
 };

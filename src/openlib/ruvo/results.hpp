@@ -85,6 +85,7 @@ template <typename T>
 class result : public outcome {
  public:
   /// A success.
+  // cppcheck-suppress passedByValue
   result(T value) noexcept : outcome(RUVO_OK), value_(std::move(value)) {}
   /// A failure.
   result(failure why) noexcept : outcome(why.code) {}
