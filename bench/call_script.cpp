@@ -13,13 +13,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "operations.h"
+#include "run_main.h"
 #include "sides.h"
 #include "tape.h"
 
@@ -114,19 +114,10 @@ int run(int argc, char** argv) {
         count("INFO " + operation.name, operation.through_library);
       }
     }
-    Tape::stop();
   }
   return 0;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& failure) {
-    Tape::stop();
-    std::fprintf(stderr, "call_script: %s\n", failure.what());
-    return 2;
-  }
-}
+int main(int argc, char** argv) { return run_main(run, argc, argv); }

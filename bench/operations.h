@@ -1,5 +1,5 @@
 // The operations that are measured, each in two forms: through the library, and as commands that a
-// program without the library gives to hiredis.
+// program without the library gives to hiredis. One of each kind of reply, not all of them.
 #ifndef RUVO_BENCH_OPERATIONS_H
 #define RUVO_BENCH_OPERATIONS_H
 

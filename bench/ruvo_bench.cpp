@@ -11,7 +11,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -22,6 +21,7 @@
 #include <vector>
 
 #include "measurement.h"
+#include "run_main.h"
 
 namespace {
 
@@ -316,11 +316,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "ruvo_bench: %s\n", failure.what());
-    return 2;
-  }
-}
+int main(int argc, char** argv) { return run_main(run, argc, argv); }

@@ -7,11 +7,11 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "run_main.h"
 #include "sandbox.h"
 
 namespace {
@@ -93,7 +93,7 @@ double call_time(const Servers& servers, Logger::LogLevel level, const RedisServ
   return median(times);
 }
 
-int run() {
+int run(int /*argc*/, char** /*argv*/) {
   const RedisServer redis;
   const DownServer down;
   Logger::setLogLevel(Logger::FATAL);
@@ -118,11 +118,4 @@ int run() {
 
 }  // namespace
 
-int main() {
-  try {
-    return run();
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "start_and_walk: %s\n", failure.what());
-    return 2;
-  }
-}
+int main(int argc, char** argv) { return run_main(run, argc, argv); }

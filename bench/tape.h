@@ -13,6 +13,11 @@
 
 class Tape {
  public:
+  Tape() = default;
+  ~Tape() { stop(); }
+  Tape(const Tape&) = delete;
+  Tape& operator=(const Tape&) = delete;
+
   // What is read from now on is kept, a reply for each command that is sent.
   void record();
   // From now on commands are swallowed, and the replies come in turn, over and over.

@@ -24,11 +24,11 @@ foreach(package IN ITEMS ruvo stream_log)
           COMPONENT devel)
 endforeach()
 
-# The examples are sources to read and to start from; installed_package is a project of its own.
+# The examples are sources to read and to start from, with a CMake file that builds them where they lie.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ COMPONENT devel
         DESTINATION ${RUVO_INSTALL_DOCDIR}/libruvo-dev/examples
         FILES_MATCHING PATTERN "*.cpp" PATTERN "*.c" PATTERN "*.h"
-                       PATTERN "installed_package/CMakeLists.txt")
+                       PATTERN "CMakeLists.txt")
 # A sample, not a configuration: the servers in it are nobody's.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/conf/ COMPONENT tools
         DESTINATION ${RUVO_INSTALL_DOCDIR}/ruvo-tools/examples)

@@ -1,4 +1,4 @@
-# What all code of the project is compiled with.
+# What all code of the project is compiled with. Warnings are errors in the developers' presets only.
 add_library(ruvo_build_flags INTERFACE)
 target_compile_options(
   ruvo_build_flags
@@ -11,7 +11,6 @@ target_compile_options(
             -Wformat=2
             -Wundef
             -Wcast-align
-            -Werror
             $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
             $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
             $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>

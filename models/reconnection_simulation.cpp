@@ -16,11 +16,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <queue>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "run_main.h"
 
 namespace {
 
@@ -258,11 +259,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "reconnection_simulation: %s\n", failure.what());
-    return 2;
-  }
-}
+int main(int argc, char** argv) { return run_main(run, argc, argv); }

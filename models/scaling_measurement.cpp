@@ -8,13 +8,13 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <latch>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "host.h"
+#include "run_main.h"
 #include "servers.h"
 
 namespace {
@@ -83,7 +83,7 @@ void measure(const char* series, const std::string& addr, std::size_t threads,
   std::fflush(stdout);
 }
 
-void run() {
+int run(int /*argc*/, char** /*argv*/) {
   BaseLib::Logger::setLogLevel(BaseLib::Logger::FATAL);
   const RedisServer redis;
   redis.ask("set key value");
@@ -101,16 +101,9 @@ void run() {
       measure("far away", far_away.addr(), threads, connections);
     }
   }
+  return 0;
 }
 
 }  // namespace
 
-int main() {
-  try {
-    run();
-    return 0;
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "scaling_measurement: %s\n", failure.what());
-    return 2;
-  }
-}
+int main(int argc, char** argv) { return run_main(run, argc, argv); }

@@ -17,11 +17,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <deque>
-#include <exception>
 #include <queue>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "run_main.h"
 
 namespace {
 
@@ -256,11 +257,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "scaling_simulation: %s\n", failure.what());
-    return 2;
-  }
-}
+int main(int argc, char** argv) { return run_main(run, argc, argv); }

@@ -1,4 +1,5 @@
-// One call of every operation, for tests that put all of them through the same.
+// One call of every operation, for tests that put all of them through the same. Nothing here takes
+// memory: some of these tests let it run out.
 #ifndef RUVO_SANDBOX_EVERY_OPERATION_H
 #define RUVO_SANDBOX_EVERY_OPERATION_H
 

@@ -6,19 +6,17 @@
 #include <ostream>
 #include <utility>
 
+#include "log_events.h"
+
 namespace {
 
 std::mutex mutex;
 std::vector<LogCapture::Line> lines;  // guarded by mutex
 
-// Drops "date time thread level place ", five words, and the newline at the end.
 void capture(BaseLib::Logger::LogLevel level, const char* line, std::size_t length) {
-  std::string text(line, length - 1);
-  for (int word = 0; word < 5; ++word) {
-    text.erase(0, text.find(' ') + 1);
-  }
+  const std::string_view text = cut_line({line, length}).text;
   const std::scoped_lock lock(mutex);
-  lines.push_back({level, std::move(text)});
+  lines.push_back({level, std::string(text)});
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Throwaway surroundings for the library: a Redis on loopback, the two configuration files, a quiet
-// console. Tests, benchmarks, models, examples and ruvo_chaos run in them. What fails throws
+// console. Tests, benchmarks, models and ruvo_chaos run in them. What fails throws
 // std::runtime_error; all of it is gone when the objects are.
 #ifndef RUVO_SANDBOX_SANDBOX_H
 #define RUVO_SANDBOX_SANDBOX_H

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the release build into a folder of its own, looks at its hardening, and builds programs against it from outside the
-# tree: one through the CMake package, one in C through pkg-config. Both are run.
+# Installs the release build into a folder of its own, looks at its hardening, and builds the installed
+# examples where they lie: the hosts and a program through the CMake package, one in C through pkg-config.
+# The programs are run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,15 +19,17 @@ done
 [ "$missing" -eq 0 ]
 scripts/check_hardening.sh "$prefix"/lib/lib{ruvo,stream_log}.so.1 "$prefix"/bin/ruvo_{cli,chaos}
 
-cp -r examples/installed_package "$work/program"
-cmake -S "$work/program" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+examples=$prefix/share/doc/libruvo-dev/examples
+cmake -S "$examples" -B "$work/hosts" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/hosts" >/dev/null
+cmake -S "$examples/installed_package" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/build" >/dev/null
 "$work/build/program"
 "$work/build/program_17"
 
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 # shellcheck disable=SC2046  # pkg-config prints words
-cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$work/program/program.c" -o "$work/program_c" \
+cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$examples/installed_package/program.c" -o "$work/program_c" \
   $(pkg-config --cflags --libs ruvo) -Wl,-rpath,"$prefix/lib" -Wl,-rpath-link,"$prefix/lib"
 "$work/program_c"
 echo "the installed package works"

@@ -172,6 +172,7 @@ TEST(Cli, CheckTellsOfPoolsServersAndConnections) {
   const RedisServer guarded("--requirepass right");
   const DownServer down;
   const ScriptedServer silent([](Peer& peer) { peer.hang(); });
+  const ScriptedServer closing([](Peer& peer) { peer.read_command(); });
   struct {
     std::string common;
     std::string server;
@@ -199,6 +200,10 @@ TEST(Cli, CheckTellsOfPoolsServersAndConnections) {
        5,
        {"temp         no connection", guarded.addr() + "  0/1  1 wrong password",
         silent.addr() + "  0/1  1 password not answered"}},
+      {pools_at(redis.addr(), redis.addr(), closing.addr()),
+       "ps_password = x",
+       5,
+       {"personality  no connection", closing.addr() + "  0/1  1 closed on the password"}},
       {pools_at(guarded.addr(), redis.addr(), redis.addr()),
        "",
        5,

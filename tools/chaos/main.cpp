@@ -4,13 +4,13 @@
 #include <CLI/CLI.hpp>
 #include <cinttypes>
 #include <cstdio>
-#include <exception>
 #include <random>
 #include <thread>
 
 #include "door.h"
 #include "judge.h"
 #include "resources.h"
+#include "run_main.h"
 
 namespace {
 
@@ -306,11 +306,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "ruvo_chaos: %s\n", failure.what());
-    return 2;
-  }
-}
+int main(int argc, char** argv) { return run_main(run, argc, argv); }

@@ -5,7 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
-#include <string_view>
+
+#include "log_events.h"
 
 namespace {
 
@@ -16,41 +17,30 @@ std::mutex mutex;
 FILE* file = nullptr;
 Ejections told;
 
-// The server in "<before>IP port:N<after>", or nothing when the line does not read so.
-std::string server_in(std::string_view line, std::string_view before, std::string_view after) {
-  std::size_t begin = line.find(before);
-  if (begin == std::string_view::npos || line.find(after, begin) == std::string_view::npos) {
-    return {};
-  }
-  begin += before.size();
-  constexpr std::string_view between = " port:";
-  const std::size_t ip_end = line.find(between, begin);
-  if (ip_end == std::string_view::npos) {
-    return {};
-  }
-  const std::size_t port = ip_end + between.size();
-  const std::size_t port_end = line.find_first_not_of("0123456789", port);
-  return std::string(line.substr(begin, ip_end - begin)) + ':' +
-         std::string(line.substr(port, port_end - port));
-}
-
-void take_line(BaseLib::Logger::LogLevel /*level*/, const char* text, std::size_t length) {
-  const std::string_view line(text, length);
+void take_line(BaseLib::Logger::LogLevel /*level*/, const char* line, std::size_t length) {
+  const LogEvent event = read_event({line, length});
+  const std::string server = event.server();
   const std::scoped_lock lock(mutex);
   if (file != nullptr) {
-    static_cast<void>(std::fwrite(text, 1, length, file));
+    static_cast<void>(std::fwrite(line, 1, length, file));
   }
-  if (std::string server = server_in(line, "| reset connection,ip:", ""); !server.empty()) {
-    walk.rebuilds.push_back(std::move(server));
-  } else if (server = server_in(line, "null reply and reset connection to server ", " failed");
-             !server.empty()) {
-    walk.failed.push_back(std::move(server));
-  } else if (server = server_in(line, "| server,ip:", " invalid"); !server.empty()) {
-    told.ejections += told.present.insert(server).second ? 1 : 0;
-    walk.passed_over.push_back(std::move(server));
-  } else if (server = server_in(line, "| server, ip:", " start retry"); !server.empty()) {
-    told.present.erase(server);
-    ++told.retries;
+  switch (event.kind) {
+    case EventKind::rebuild:
+      walk.rebuilds.push_back(server);
+      break;
+    case EventKind::visit_failed:
+      walk.failed.push_back(server);
+      break;
+    case EventKind::passed_over:
+      told.ejections += told.present.insert(server).second ? 1 : 0;
+      walk.passed_over.push_back(server);
+      break;
+    case EventKind::retry:
+      told.present.erase(server);
+      ++told.retries;
+      break;
+    default:
+      break;
   }
 }
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
-#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -29,18 +28,10 @@ LogListener listener;
 bool is_shown() { return options.level.has_value() || !options.file.empty(); }
 LogLevel shown_level() { return options.level.value_or(quiet_level); }
 
-// Drops "date time thread level place ", five words, and the newlines at the end.
-std::string text_of(std::string_view line) {
-  for (int word = 0; word < 5; ++word) {
-    line.remove_prefix(std::min(line.size(), line.find(' ') + 1));
-  }
-  return std::string(line.substr(0, line.find_last_not_of('\n') + 1));
-}
-
 void take_line(LogLevel level, const char* line, std::size_t length) {
   const std::scoped_lock lock(mutex);
   if (listener && level >= listener_level) {
-    listener(level, text_of(std::string_view(line, length)));
+    listener(read_event({line, length}));
   }
   if (level < shown_level()) {
     return;
@@ -49,7 +40,7 @@ void take_line(LogLevel level, const char* line, std::size_t length) {
     is_log_written &= sink.write(line, length) == static_cast<int>(length) && sink.flush() == 0;
   } else if (is_shown()) {
     static_cast<void>(std::fwrite(line, 1, length, stderr));
-  } else if (tells_of_trouble(text_of(std::string_view(line, length)))) {
+  } else if (tells_of_trouble(read_event({line, length}))) {
     kept_lines.emplace_back(line, length);
     if (kept_lines.size() > most_kept_lines) {
       kept_lines.erase(kept_lines.begin());
@@ -75,11 +66,6 @@ void open_log(const LogOptions& wanted) {
   }
   BaseLib::Logger::setOutput(take_line);
   set_threshold();
-}
-
-bool tells_of_trouble(const std::string& text) {
-  return !text.starts_with("t_par_val: ") && !text.starts_with("p_par_val: ") &&
-         !text.starts_with("ruvo_redis::init_config redis_cfg_path");
 }
 
 void require_log_written() {

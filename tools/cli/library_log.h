@@ -9,11 +9,12 @@
 #include <optional>
 #include <string>
 
+#include "log_events.h"
+
 using LogLevel = BaseLib::Logger::LogLevel;
 
-// Is given the text of every line, without time, place and newline. Called from any thread that
-// calls the library, one at a time.
-using LogListener = std::function<void(LogLevel level, const std::string& text)>;
+// Is given every line. Called from any thread that calls the library, one at a time.
+using LogListener = std::function<void(const LogEvent& event)>;
 
 struct LogOptions {
   std::optional<LogLevel> level;  // show lines from here on; none: only when something fails
@@ -22,9 +23,6 @@ struct LogOptions {
 
 // Takes over the library's log. Throws Failure when the file cannot be opened.
 void open_log(const LogOptions& wanted);
-
-// The library writes a few lines at the level of errors that tell of nothing wrong.
-bool tells_of_trouble(const std::string& text);
 
 // Throws Failure when the file has not taken every line.
 void require_log_written();

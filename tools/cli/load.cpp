@@ -32,7 +32,6 @@ constexpr std::chrono::milliseconds pause_after_failure{1};
 constexpr std::array percents{50.0, 90.0, 99.0, 99.9};
 constexpr int most_weight = 1000000;
 constexpr int bar_width = 50;
-constexpr std::array family_names{"string", "counter", "hash", "list", "set"};
 
 struct Mix {
   std::vector<const Operation*> operations;
@@ -65,8 +64,7 @@ Mix parse_mix(const std::string& text) {
 }
 
 std::string key_of(Family family, int number) {
-  return std::string("ruvo_cli:load:") + family_names[static_cast<std::size_t>(family)] + ":" +
-         std::to_string(number);
+  return std::string("ruvo_cli:load:") + traits_of(family).name + ":" + std::to_string(number);
 }
 
 bool has_failed(int result) { return status_of_operation(result) >= failed; }
@@ -94,10 +92,9 @@ class LoadKeys {
  public:
   LoadKeys(const Options& options, const LoadOptions& load_options, const Mix& mix)
       : options_(options), load_options_(load_options), mix_(mix) {
-    constexpr std::array stores{"set", "incr", "hset", "lpush", "sadd"};  // by family
     Arguments arguments = arguments_for(options, load_options);
     for_all([&](Family family, const std::string& key) {
-      const Operation& store = *find_operation(stores.at(static_cast<std::size_t>(family)));
+      const Operation& store = *find_operation(traits_of(family).store);
       arguments.key = key;
       arguments.field = field_of(store);
       store.run(arguments);

@@ -189,11 +189,10 @@ CLI::App& add_command(CLI::App& app, CommandLine& line, const std::string& name,
 }
 
 void add_operations(CLI::App& app, CommandLine& line) {
-  static constexpr std::array groups{"String keys", "String keys", "Hashes", "Lists", "Sets"};
   for (const Operation& operation : all_operations()) {
-    CLI::App& command = add_command(app, line, operation.name, operation.help,
-                                    groups[static_cast<std::size_t>(operation.family)],
-                                    [&line, &operation] { return run_operation(line, operation); });
+    CLI::App& command =
+        add_command(app, line, operation.name, operation.help, traits_of(operation.family).group,
+                    [&line, &operation] { return run_operation(line, operation); });
     for (const Parameter parameter : operation.parameters) {
       add_parameter(command, line, parameter);
     }

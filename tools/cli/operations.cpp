@@ -3,6 +3,7 @@
 #include <ruvo/ruvo.h>
 
 #include <algorithm>
+#include <array>
 
 #include "exit_status.h"
 
@@ -219,7 +220,17 @@ const std::vector<Operation>& table() {
   return operations;
 }
 
+constexpr std::array<FamilyTraits, 5> families{{{"string", "String keys", "set"},
+                                                {"counter", "String keys", "incr"},
+                                                {"hash", "Hashes", "hset"},
+                                                {"list", "Lists", "lpush"},
+                                                {"set", "Sets", "sadd"}}};
+
 }  // namespace
+
+const FamilyTraits& traits_of(Family family) {
+  return families.at(static_cast<std::size_t>(family));
+}
 
 std::span<const Operation> all_operations() { return table(); }
 

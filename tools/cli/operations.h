@@ -1,4 +1,5 @@
 // Every operation of the library as a command: its name, its parameters and the call behind it.
+// What `load` measures, too.
 #ifndef RUVO_TOOLS_CLI_OPERATIONS_H
 #define RUVO_TOOLS_CLI_OPERATIONS_H
 
@@ -36,6 +37,12 @@ struct Answer {
 
 // Operations of one family can share a key.
 enum class Family { string, counter, hash, list, set };
+struct FamilyTraits {
+  const char* name;
+  const char* group;  // of the commands in --help
+  const char* store;  // the operation that makes a key
+};
+const FamilyTraits& traits_of(Family family);
 
 struct Operation {
   const char* name;

@@ -4,10 +4,8 @@
 #include <ruvo/sutils.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <cstdlib>
-#include <regex>
 #include <utility>
 
 #include "library_log.h"
@@ -23,6 +21,10 @@ std::string reason_of(const std::string& error) {
   }
   if (error.find("timed out") != std::string::npos) {
     return "timed out";
+  }
+  // The socket time-out, in the words of hiredis 0.14 and 1.x: only the password is waited for.
+  if (error == "Resource temporarily unavailable" || error == "recv timeout") {
+    return "password not answered";
   }
   return error == "null redisContext" ? "no such port" : error;
 }
@@ -56,7 +58,8 @@ class StartupReader {
   StartupReport report() const;
 
  private:
-  void read(LogLevel level, const std::string& text);
+  void read(const LogEvent& event);
+  void read_of_pool(const LogEvent& event);
 
   struct Outcome {
     std::string addr;
@@ -72,72 +75,69 @@ class StartupReader {
 };
 
 StartupReader::StartupReader()
-    : listening_(BaseLib::Logger::INFO,
-                 [this](LogLevel level, const std::string& text) { read(level, text); }) {
+    : listening_(BaseLib::Logger::INFO, [this](const LogEvent& event) { read(event); }) {
   for (std::size_t i = 0; i < report_.pools.size(); ++i) {
     report_.pools[i].name = pool_name(static_cast<int>(i) + 1);
   }
 }
 
-void StartupReader::read(LogLevel level, const std::string& text) {
-  static const std::string builder = "ruvo_redis::init_server_pool \\| ";
-  static const std::regex redis_config("ruvo_redis::init_config redis_cfg_path = (.*)");
-  static const std::regex timeouts(
-      ".*get timeout cfg, connect_timeout:(-?\\d+) \\(ms\\), socket_timeout:(-?\\d+) \\(ms\\)");
-  static const std::regex addresses(
-      "ruvo_redis::init \\| temp_server addr = (.*), persist_server addr = (.*)\\.");
-  static const std::regex settings(
-      builder + "server: conn_num:(\\d+), .*failure_limit:(\\d+), retry_timeout:(-?\\d+) \\(s\\)");
-  static const std::regex connected(builder + "connect to proxy: (.*) port:(-?\\d+) succeeded\\.");
-  static const std::regex not_connected(
-      builder + "connect to node (.*) port:(-?\\d+) failed, error code : (.*)\\.");
-  static const std::regex wrong_password(
-      builder +
-      "failed to authenticate redis, .*?redis_ip = (.*?), redis_port = (-?\\d+), passwd = .*");
-  static const std::regex pool_ended(
-      "ruvo_redis::init \\| .* server pool init (?:success|failed, (-?\\d+))");
-
-  std::smatch found;
-  const auto number = [&found](std::size_t group) {
-    int value = 0;  // of a group that is not there, too
-    const std::string digits = found.str(group);
-    std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    return value;
-  };
-  const auto addr = [&found] { return found.str(1) + ":" + found.str(2); };
-  if (std::regex_match(text, found, redis_config)) {
-    report_.redis_config = found[1];
-  } else if (std::regex_match(text, found, timeouts)) {
-    report_.connect_timeout_ms = number(1);
-    report_.socket_timeout_ms = number(2);
-  } else if (text.starts_with("ruvo_redis::init | temp_server addr = ")) {
-    builds_pools_ = true;
-    if (std::regex_match(text, found, addresses)) {  // else it was too long for a line of the log
-      main_addresses_ = {found[1], found[2]};
-    }
-  } else if (pool_ == report_.pools.size()) {
-    return;
-  } else if (std::regex_match(text, found, settings)) {
-    PoolReport& pool = report_.pools[pool_];
-    pool.connections = number(1);
-    pool.failure_limit = std::strtoul(found.str(2).c_str(), nullptr, 10);
-    pool.retry_seconds = number(3);
-  } else if (std::regex_match(text, found, connected)) {
-    outcomes_[pool_].push_back({addr(), ""});
-  } else if (std::regex_match(text, found, not_connected)) {
-    outcomes_[pool_].push_back({addr(), reason_of(found[3])});
-  } else if (std::regex_match(text, found, wrong_password)) {
-    outcomes_[pool_].push_back({addr(), "wrong password"});
-  } else if (std::regex_match(text, found, pool_ended)) {
-    report_.pools[pool_++].result = number(1);
-  } else if (level >= BaseLib::Logger::ERROR && tells_of_trouble(text)) {
-    (builds_pools_ ? report_.pools[pool_].told : report_.told).push_back(text);
+void StartupReader::read(const LogEvent& event) {
+  switch (event.kind) {
+    case EventKind::configuration_path:
+      report_.redis_config = event.field(Field::path);
+      break;
+    case EventKind::time_outs:
+      report_.connect_timeout_ms = static_cast<int>(event.number(Field::connect_timeout));
+      report_.socket_timeout_ms = static_cast<int>(event.number(Field::socket_timeout));
+      break;
+    case EventKind::addresses:
+      builds_pools_ = true;
+      if (event.fields.size() == main_addresses_.size()) {  // else too long for a line of the log
+        main_addresses_ = {event.field(Field::temp_servers), event.field(Field::persist_servers)};
+      }
+      break;
+    default:
+      if (pool_ < report_.pools.size()) {
+        read_of_pool(event);
+      }
   }
 }
 
-// The library names a server when a connection to it comes up or fails; a password that is never
-// answered leaves no line. So the list of servers is read where the library has it from, and what
-// no line speaks of is what was never answered.
+void StartupReader::read_of_pool(const LogEvent& event) {
+  PoolReport& pool = report_.pools[pool_];
+  const auto tell_outcome = [&](const std::string& reason) {
+    outcomes_[pool_].push_back({event.server(), reason});
+  };
+  switch (event.kind) {
+    case EventKind::pool_settings:
+      pool.connections = static_cast<int>(event.number(Field::connections));
+      pool.failure_limit = static_cast<unsigned long>(event.number(Field::failure_limit));
+      pool.retry_seconds = static_cast<int>(event.number(Field::retry_timeout));
+      break;
+    case EventKind::connected:
+      tell_outcome("");
+      break;
+    case EventKind::connect_failed:
+      tell_outcome(reason_of(event.field(Field::error)));
+      break;
+    case EventKind::auth_refused:
+      tell_outcome("wrong password");
+      break;
+    case EventKind::pool_ready:
+    case EventKind::pool_failed:
+      pool.result = static_cast<int>(event.number(Field::code));  // 0 where all went well
+      ++pool_;
+      break;
+    default:
+      if (event.level >= BaseLib::Logger::ERROR && tells_of_trouble(event)) {
+        (builds_pools_ ? pool.told : report_.told).push_back(event.text);
+      }
+  }
+}
+
+// The library names a server when a connection to it comes up or fails; one that the
+// server closes on the password leaves no line. So the list of servers is read where the library
+// has it from, and what no line speaks of is what was closed.
 StartupReport StartupReader::report() const {
   StartupReport report = report_;
   vop_config config;
@@ -160,7 +160,7 @@ StartupReport StartupReader::report() const {
         ++(outcome->reason.empty() ? server.up : server.down[outcome->reason]);
       }
       if (known < pool.connections) {
-        server.down["password not answered"] = pool.connections - known;
+        server.down["closed on the password"] = pool.connections - known;
       }
       pool.servers.push_back(server);
     }
@@ -194,12 +194,11 @@ void ask_pools(StartupReport& report) {
                     [](const ServerReport& server) { return server.up == 0; })) {
       continue;
     }
-    const LogListening listening(BaseLib::Logger::ERROR,
-                                 [&pool](LogLevel, const std::string& text) {
-                                   if (text.find("redis reply str:") != std::string::npos) {
-                                     pool.told.push_back(text);
-                                   }
-                                 });
+    const LogListening listening(BaseLib::Logger::ERROR, [&pool](const LogEvent& event) {
+      if (event.kind == EventKind::error_reply) {
+        pool.told.push_back(event.text);
+      }
+    });
     for (std::size_t turn = 0; turn < pool.servers.size(); ++turn) {
       const int result = RUVO_ExistsKey(probe_key, static_cast<int>(i) + 1, nullptr);
       pool.answers &= result == RUVO_OK || result == RUVO_ABSENT;

@@ -4,7 +4,6 @@
 #include <array>
 #include <ctime>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <vector>
 
 #include "commands.h"
@@ -61,8 +60,7 @@ class ServerWatch {
   explicit ServerWatch(const PoolReport& pool)
       : turns_(pool.servers.size()),
         servers_(servers_of(pool)),
-        listening_(BaseLib::Logger::DEBUG,
-                   [this](LogLevel, const std::string& text) { read(text); }) {}
+        listening_(BaseLib::Logger::DEBUG, [this](const LogEvent& event) { read(event); }) {}
 
   const std::vector<Server>& servers() const { return servers_; }
 
@@ -78,35 +76,38 @@ class ServerWatch {
   }
 
  private:
-  void read(const std::string& text) {
-    static const std::regex candidate(
-        "ruvo_redis::get_(?:redis_node \\| addr:(.*) |server_node \\| try next server:(.*),)"
-        "port:(-?\\d+)");
-    std::smatch found;
-    if (std::regex_match(text, found, candidate)) {
+  void read(const LogEvent& event) {
+    if (event.kind == EventKind::server_considered) {
       leave();
-      const std::string addr = found.str(1) + found.str(2) + ":" + found.str(3);
-      const auto server = std::find_if(servers_.begin(), servers_.end(),
-                                       [&addr](const Server& one) { return one.addr == addr; });
+      const auto server =
+          std::find_if(servers_.begin(), servers_.end(),
+                       [&event](const Server& one) { return one.addr == event.server(); });
       candidate_ = server != servers_.end() ? &*server : nullptr;
-      return;
+    } else if (candidate_ != nullptr) {
+      follow(event.kind);
     }
-    if (candidate_ == nullptr) {
-      return;
-    }
-    const auto tells = [&text](const char* part) { return text.find(part) != std::string::npos; };
-    if (tells(" start retry")) {
-      candidate_->is_retried = true;
-      ++candidate_->retries;
-    } else if (tells(" invalid, failure count:")) {
-      candidate_->ejections += candidate_->state != State::ejected ? 1 : 0;
-      candidate_->state = State::ejected;
-    } else if (tells("::get_conn | connection index:")) {
-      is_visited_ = true;
-    } else if (tells(" do_exec_command success!")) {
-      candidate_->state = State::up;
-      ++candidate_->reads;
-      is_visited_ = false;
+  }
+
+  void follow(EventKind kind) {
+    switch (kind) {
+      case EventKind::retry:
+        candidate_->is_retried = true;
+        ++candidate_->retries;
+        break;
+      case EventKind::passed_over:
+        candidate_->ejections += candidate_->state != State::ejected ? 1 : 0;
+        candidate_->state = State::ejected;
+        break;
+      case EventKind::connection_chosen:
+        is_visited_ = true;
+        break;
+      case EventKind::operation_done:
+        candidate_->state = State::up;
+        ++candidate_->reads;
+        is_visited_ = false;
+        break;
+      default:
+        break;
     }
   }
 

@@ -1,4 +1,4 @@
-// A small host: threads that keep sessions in the temporary pool and profiles in the persistent
+// The demo's host: threads that keep sessions in the temporary pool and profiles in the persistent
 // one, and check every value that they read. Prints a line a second and a summary at the end.
 //
 //   session_host --config conf/sruvo.conf --seconds 12 --threads 8 --log session_host.log
@@ -14,17 +14,76 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <exception>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "host_log.h"
+#include "log_events.h"
+#include "run_main.h"
 #include "workload.h"
 
 namespace {
 
 constexpr int calm_seconds = 2;
+
+struct ServerEvents {
+  long rebuilds = 0;         // broken connections that were rebuilt
+  long failed_rebuilds = 0;  // and those that could not be
+  long ejections = 0;        // servers that were left alone for a while
+  long retries = 0;          // and were then tried again
+};
+
+// The library's log goes to a file, and what it tells of servers is counted. All guarded by
+// `log_mutex`: an output is called from every thread that logs.
+std::mutex log_mutex;
+FILE* log_file = nullptr;
+ServerEvents events;
+std::set<std::string> ejected;
+
+void take_line(BaseLib::Logger::LogLevel /*level*/, const char* line, std::size_t length) {
+  const LogEvent event = read_event({line, length});
+  const std::scoped_lock lock(log_mutex);
+  static_cast<void>(std::fwrite(line, 1, length, log_file));
+  switch (event.kind) {
+    case EventKind::rebuild:
+      ++events.rebuilds;  // until a later line says that it failed
+      break;
+    case EventKind::visit_failed:
+      --events.rebuilds;
+      ++events.failed_rebuilds;
+      break;
+    case EventKind::passed_over:
+      events.ejections += ejected.insert(event.server()).second ? 1 : 0;
+      break;
+    case EventKind::retry:
+      ejected.erase(event.server());
+      ++events.retries;
+      break;
+    default:
+      break;
+  }
+}
+
+bool open_log(const std::string& path) {
+  log_file = std::fopen(path.c_str(), "a");
+  if (log_file != nullptr) {
+    BaseLib::Logger::setOutput(take_line);
+    BaseLib::Logger::setLogLevel(BaseLib::Logger::WARN);
+  }
+  return log_file != nullptr;
+}
+
+void close_log() {
+  BaseLib::Logger::setOutput(nullptr);
+  static_cast<void>(std::fclose(log_file));
+}
+
+ServerEvents server_events() {
+  const std::scoped_lock lock(log_mutex);
+  return events;
+}
 
 // A thread: all three pools, round after round.
 void work(int thread, Totals& totals, const std::atomic<bool>& stop) {
@@ -40,16 +99,16 @@ void work(int thread, Totals& totals, const std::atomic<bool>& stop) {
 }
 
 void print_progress(int second, const Totals& totals) {
-  const ServerEvents events = server_events();
+  const ServerEvents seen = server_events();
   std::printf("%3d s  %9" PRId64 " operations  %9" PRId64 " values checked  %" PRId64
               " wrong  %" PRId64 " failed  %ld reconnections  %ld ejections\n",
               second, totals.all_operations(), totals.values_checked.load(),
-              totals.wrong_values.load(), totals.failed.load(), events.rebuilds, events.ejections);
+              totals.wrong_values.load(), totals.failed.load(), seen.rebuilds, seen.ejections);
   std::fflush(stdout);
 }
 
 void print_summary(const Totals& totals) {
-  const ServerEvents events = server_events();
+  const ServerEvents seen = server_events();
   std::printf("\noperations done      %" PRId64 "\n", totals.all_operations());
   for (std::size_t family = 0; family < family_names.size(); ++family) {
     std::printf("  %-18s %" PRId64 "\n", family_names[family], totals.operations[family].load());
@@ -62,8 +121,8 @@ void print_summary(const Totals& totals) {
               "reconnections        %ld (and %ld attempts that failed)\n"
               "ejections            %ld (and %ld retries)\n",
               totals.values_checked.load(), totals.wrong_values.load(), totals.failed.load(),
-              totals.run_twice.load(), totals.asked_again.load(), events.rebuilds,
-              events.failed_rebuilds, events.ejections, events.retries);
+              totals.run_twice.load(), totals.asked_again.load(), seen.rebuilds,
+              seen.failed_rebuilds, seen.ejections, seen.retries);
 }
 
 int run(int argc, char** argv) {
@@ -124,11 +183,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "session_host: %s\n", failure.what());
-    return 2;
-  }
-}
+int main(int argc, char** argv) { return run_main(run, argc, argv); }
