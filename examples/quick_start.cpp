@@ -1,8 +1,8 @@
 // The smallest host, complete: stores a value and reads it back.
 //
 //   quick_start [LOCAL-CONFIGURATION]     (sruvo.conf)
-#include <ruvo/ruvo.hpp>
 #include <stream_log/logger.h>
+#include <ruvo/ruvo.hpp>
 
 #include <iostream>
 
