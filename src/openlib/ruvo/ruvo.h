@@ -57,7 +57,8 @@
 ///
 ///     2 x servers x (connect_timeout + 6 x socket_timeout)
 ///
-/// for replies that arrive in one piece, plus the time other threads hold its connections.
+/// for replies that arrive in one piece, plus the time other threads hold its connections. Once a
+/// configured `call_timeout` has passed, it starts no further attempt.
 /// RUVO_IncreaseKey, RUVO_HashSet and RUVO_LPush may run two commands. Host names, as opposed to
 /// addresses, add the time of the system's resolver. A signal handler that runs in a waiting thread
 /// restarts that wait: block periodic signals in threads that call the library.
