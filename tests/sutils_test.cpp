@@ -9,9 +9,16 @@ namespace {
 TEST(Split, CutsAndTrims) {
   // clang-format off
   struct { const char* text; const char* separators; sp::str_arr pieces; } const cases[] = {
-      {"", ",", {}}, {"a", ",", {"a"}}, {" a , b ", ",", {"a", "b"}}, {"host : 80", ":", {"host", "80"}},
-      {",a", ",", {"", "a"}}, {"a,,b,", ",", {"a", "", "b", ""}}, {"x\r\ny", "\r\n", {"x", "", "y"}},
-      {"\t\r a\x01 b \n", ",", {"a\x01 b"}}, {"a\xA1", ",", {"a\xA1"}}, {"a,b", "", {"a,b"}},
+      {"", ",", {}},
+      {"a", ",", {"a"}},
+      {" a , b ", ",", {"a", "b"}},
+      {"host : 80", ":", {"host", "80"}},
+      {",a", ",", {"", "a"}},
+      {"a,,b,", ",", {"a", "", "b", ""}},
+      {"x\r\ny", "\r\n", {"x", "", "y"}},
+      {"\t\r a\x01 b \n", ",", {"a\x01 b"}},
+      {"a\xA1", ",", {"a\xA1"}},
+      {"a,b", "", {"a,b"}},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -38,17 +45,37 @@ TEST(Trim, KnowsItsCharacterAndSparesHighBytes) {
   EXPECT_EQ(text, "a \xFF");
 }
 
+TEST(Trim, ANullPointerIsLeftAlone) { sp::trim_str(static_cast<char*>(nullptr)); }
+
+TEST(Characters, QuotesAndFullWidth) {
+  EXPECT_TRUE(sp::is_quote('"') && sp::is_quote('\'') && !sp::is_quote('`'));
+  EXPECT_TRUE(sp::is_quanjiao("\xA3\xA1"));
+  for (const char* other : {"\xA3\xA0", "\xA2\xA1", "\xA3", ""}) {
+    EXPECT_FALSE(sp::is_quanjiao(other));
+  }
+}
+
 TEST(Paths, ParentAndBoundedCopy) {
   const std::string bin = sp::get_bin_path();
   EXPECT_EQ(bin, std::filesystem::read_symlink("/proc/self/exe").parent_path().string() + "/");
   const std::string above = std::filesystem::path(bin).parent_path().parent_path().string() + "/";
   // clang-format off
   const std::pair<std::string, std::string> cases[] = {
-      {"/opt/app/bin/", "/opt/app/"}, {"/", "/"}, {"a/", "a/"}, {"plain", "plain"}, {"/usr/bin", "/usr/"},
-      {"/etc/passwd", "/"}, {R"(\\host\share\x)", "/host/"}, {"//a///b/c", "//a/"}, {".", above}, {bin, above},
+      {"/opt/app/bin/", "/opt/app/"},
+      {"/", "/"},
+      {"a/", "a/"},
+      {"plain", "plain"},
+      {"/usr/bin", "/usr/"},
+      {"/etc/passwd", "/"},
+      {R"(\\host\share\x)", "/host/"},
+      {"//a///b/c", "//a/"},
+      {".", above},
+      {bin, above},
   };
   // clang-format on
-  for (const auto& [path, parent] : cases) { EXPECT_EQ(sp::parent_path(path.c_str()), parent) << path; }
+  for (const auto& [path, parent] : cases) {
+    EXPECT_EQ(sp::parent_path(path.c_str()), parent) << path;
+  }
   char text[8] = "1234567";
   EXPECT_STREQ(sp::strsncpy(text, "abcdef", 4), "abc");
   EXPECT_STREQ(sp::strsncpy(text, text, 3), "ab");

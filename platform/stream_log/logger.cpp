@@ -130,3 +130,30 @@ void Logger::setOutput(Output output) {
 }
 
 }  // namespace BaseLib
+
+namespace {
+
+std::atomic<void (*)(int, const char*, std::size_t)> c_output{nullptr};
+
+void to_c_output(BaseLib::Logger::LogLevel level, const char* line, std::size_t length) {
+  if (const auto output = c_output.load(std::memory_order_acquire)) {
+    output(level, line, length);
+  }
+}
+
+}  // namespace
+
+int stream_log_level(void) { return BaseLib::Logger::logLevel(); }
+
+void stream_log_set_level(int level) {
+  const int known = std::clamp<int>(level, STREAM_LOG_TRACE, STREAM_LOG_FATAL);
+  BaseLib::Logger::setLogLevel(static_cast<BaseLib::Logger::LogLevel>(known));
+}
+
+// A thread that is in the middle of a line may still hand it to the output before this one.
+void stream_log_set_output(void (*output)(int level, const char* line, size_t length)) {
+  if (output != nullptr) {
+    c_output.store(output, std::memory_order_release);
+  }
+  BaseLib::Logger::setOutput(output != nullptr ? to_c_output : nullptr);
+}

@@ -18,6 +18,8 @@
 ///     ...
 ///     BaseLib::Logger::setOutput(to_syslog);
 ///
+/// Hosts in C use stream_log_set_output and stream_log_set_level.
+///
 /// Alternatively it provides its own libstream_log.so.1, built from this header, that defines
 /// everything declared here and not defined inline.
 ///
@@ -29,6 +31,45 @@
 /// one thread.
 #ifndef STREAM_LOG_LOGGER_H
 #define STREAM_LOG_LOGGER_H
+
+#include <stddef.h>
+
+/// The levels of BaseLib::Logger, for C.
+enum StreamLogLevel {
+  STREAM_LOG_TRACE = 0,  ///< for developers only
+  STREAM_LOG_DEBUG = 1,  ///< each step of a call
+  STREAM_LOG_INFO = 2,   ///< each call
+  STREAM_LOG_WARN = 3,   ///< something went wrong and was handled
+  STREAM_LOG_ERROR = 4,  ///< something went wrong
+  STREAM_LOG_FATAL = 5   ///< the host cannot continue
+};
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// @name For hosts in C
+/// Threshold and output are shared with BaseLib::Logger. Safe from any number of threads; none of
+/// these functions blocks.
+/// @{
+
+/// Returns the threshold; lines of a lower level are not written.
+__attribute__((visibility("default"))) int stream_log_level(void);
+
+/// Sets the threshold. Numbers outside the range of levels stand for the lowest or highest one.
+__attribute__((visibility("default"))) void stream_log_set_level(int level);
+
+/// Sets where lines go from now on; null: back to standard error. `line` has `length` bytes, the
+/// last of them a newline, followed by a zero byte, and is valid only during the call. The output is
+/// called from every thread that logs, possibly from several at once.
+__attribute__((visibility("default"))) void stream_log_set_output(void (*output)(int level,
+                                                                                 const char* line,
+                                                                                 size_t length));
+
+/// @}
+
+#ifdef __cplusplus
+}
 
 #include <cstddef>
 #include <cstring>
@@ -89,5 +130,7 @@ class __attribute__((visibility("default"))) Logger {
 };
 
 }  // namespace BaseLib
+
+#endif  // __cplusplus
 
 #endif

@@ -18,11 +18,14 @@ strings contents(const vop_config& config) {
   config.enum_sec_name(names);
   for (const std::string& name : names) {
     strings keys;
-    if (config.enum_sec_key(name.c_str(), keys) != 0) { std::abort(); }
+    if (config.enum_sec_key(name.c_str(), keys) != 0) {
+      std::abort();
+    }
     for (const std::string& key : keys) {
       const char* value = config.get_str_val(name.c_str(), key.c_str());
       const int number = config.get_int_val(name.c_str(), key.c_str(), 7);
-      found.push_back(name + "|" + key + "|" + (value != nullptr ? value : "") + "|" + std::to_string(number) +
+      found.push_back(name + "|" + key + "|" + (value != nullptr ? value : "") + "|" +
+                      std::to_string(number) +
                       (config.get_bool_val(name.c_str(), key.c_str(), true) ? "t" : "f"));
     }
   }
@@ -38,16 +41,24 @@ bool reads_alike(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  if (text.c_str()[0] == '\0') { return 0; }  // refused, with a line on the console
+  if (text.c_str()[0] == '\0') {
+    return 0;
+  }  // refused, with a line on the console
   static const std::string path = "/tmp/ruvo-fuzz-" + std::to_string(getpid());
   FILE* file = std::fopen(path.c_str(), "w");
-  if (file == nullptr || std::fwrite(data, 1, size, file) != size || std::fclose(file) != 0) { std::abort(); }
+  if (file == nullptr || std::fwrite(data, 1, size, file) != size || std::fclose(file) != 0) {
+    std::abort();
+  }
   vop_config from_file;
   vop_config from_text;
-  if (from_file.open(path.c_str()) != 0 || from_text.open(text, true) != 0) { std::abort(); }
+  if (from_file.open(path.c_str()) != 0 || from_text.open(text, true) != 0) {
+    std::abort();
+  }
   unlink(path.c_str());
   const strings first = contents(from_file);
   const strings second = contents(from_text);
-  if (reads_alike(text) && first != second) { std::abort(); }
+  if (reads_alike(text) && first != second) {
+    std::abort();
+  }
   return 0;
 }

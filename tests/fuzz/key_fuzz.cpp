@@ -13,18 +13,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string key(reinterpret_cast<const char*>(data), size);
   std::array<char, log_buffer_size> text{};
   expand_key_format(key.c_str(), text);
-  if (std::memchr(text.data(), '\0', text.size()) == nullptr) { std::abort(); }
+  if (std::memchr(text.data(), '\0', text.size()) == nullptr) {
+    std::abort();
+  }
   // No conversion but these, none of which takes a number from a register of floating point, and
   // no more than there are zeros below. printf ends a text at a zero that "%c" prints.
   static const std::regex plain(
-      "([^%]|%(%|[-+ #0]{0,3}[0-9]{0,3}([.][0-9]{0,3})?(hh|h|ll|l|j|z|t)?[diouxXp]|[0-9]{0,2}s)){0,12}");
-  if (key.size() > 100 || key.find('\0') != std::string::npos || !std::regex_match(key, plain)) { return 0; }
+      "([^%]|%(%|[-+ "
+      "#0]{0,3}[0-9]{0,3}([.][0-9]{0,3})?(hh|h|ll|l|j|z|t)?[diouxXp]|[0-9]{0,2}s)){0,12}");
+  if (key.size() > 100 || key.find('\0') != std::string::npos || !std::regex_match(key, plain)) {
+    return 0;
+  }
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
   std::array<char, log_buffer_size> expected{};
   const void* zero = nullptr;
-  std::snprintf(expected.data(), expected.size(), key.c_str(), zero, zero, zero, zero, zero, zero, zero, zero, zero,
-                zero, zero, zero);
+  std::snprintf(expected.data(), expected.size(), key.c_str(), zero, zero, zero, zero, zero, zero,
+                zero, zero, zero, zero, zero, zero);
 #pragma GCC diagnostic pop
   if (std::strcmp(text.data(), expected.data()) != 0) {
     std::fprintf(stderr, "expected: %s\nexpanded: %s\n", expected.data(), text.data());

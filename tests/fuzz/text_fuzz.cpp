@@ -5,7 +5,9 @@
 #include "sutils.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 2) { return 0; }
+  if (size < 2) {
+    return 0;
+  }
   const std::string separator(1, static_cast<char>(data[0]));
   std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
   text.resize(std::strlen(text.c_str()));
@@ -21,11 +23,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     expected.emplace_back(buffer.data());
     at = end == std::string::npos ? end : end + 1;
   }
-  if (pieces != expected) { std::abort(); }
+  if (pieces != expected) {
+    std::abort();
+  }
   for (const std::string& piece : pieces) {
     const bool blank_ends = !piece.empty() && (static_cast<unsigned char>(piece.front()) <= ' ' ||
                                                static_cast<unsigned char>(piece.back()) <= ' ');
-    if (blank_ends) { std::abort(); }
+    if (blank_ends) {
+      std::abort();
+    }
   }
   return 0;
 }

@@ -14,6 +14,7 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void* memory);
 char* sdsnewlen(const void* text, std::size_t length);
 }
@@ -26,7 +27,9 @@ void* counted(void* memory) {
 }
 
 bool fails() {
-  if (allocations++ != failing_allocation) { return false; }
+  if (allocations++ != failing_allocation) {
+    return false;
+  }
   errno = ENOMEM;
   return true;
 }
@@ -43,11 +46,18 @@ struct Spared {
 extern "C" {
 
 void* malloc(std::size_t size) { return fails() ? nullptr : counted(__libc_malloc(size)); }
-void* calloc(std::size_t count, std::size_t size) { return fails() ? nullptr : counted(__libc_calloc(count, size)); }
+void* calloc(std::size_t count, std::size_t size) {
+  return fails() ? nullptr : counted(__libc_calloc(count, size));
+}
 void* realloc(void* memory, std::size_t size) {
-  if (fails()) { return nullptr; }
+  if (fails()) {
+    return nullptr;
+  }
   void* moved = __libc_realloc(memory, size);
   return memory == nullptr ? counted(moved) : moved;
+}
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+  return fails() ? nullptr : counted(__libc_memalign(alignment, size));
 }
 void free(void* memory) {
   live_allocations -= memory != nullptr ? 1 : 0;
@@ -55,8 +65,8 @@ void free(void* memory) {
 }
 
 // Where hiredis 0.14 does not survive: a connection's copies of its address and time-out end the
-// process on purpose (abort), and the new buffer after a write is used unseen. Its own functions for
-// these are replaced by ones that do not fail.
+// process on purpose (abort), and the new buffer after a write is used unseen. Its own functions
+// for these are replaced by ones that do not fail.
 #pragma GCC visibility push(default)
 void* hi_malloc(std::size_t size) {
   const Spared spared;

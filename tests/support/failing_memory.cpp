@@ -13,7 +13,9 @@ thread_local bool no_memory = false;
 namespace {
 
 void* allocate(std::size_t size) {
-  if (allocations++ == failing_allocation || no_memory) { return nullptr; }
+  if (allocations++ == failing_allocation || no_memory) {
+    return nullptr;
+  }
   ++live_allocations;
   return std::malloc(size > 0 ? size : 1);
 }
@@ -26,7 +28,9 @@ void release(void* memory) {
 }  // namespace
 
 void* operator new(std::size_t size) {
-  if (void* memory = allocate(size)) { return memory; }
+  if (void* memory = allocate(size)) {
+    return memory;
+  }
   throw std::bad_alloc();
 }
 void* operator new[](std::size_t size) { return operator new(size); }

@@ -1,6 +1,7 @@
 #include "connection.h"
 
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <limits>
@@ -87,4 +88,14 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
     opened.outcome = authenticate(*opened.context, addr, settings.password);
   }
   return opened;
+}
+
+// The new one stands before the old one goes: a fork finds one or the other.
+void replace_context(conn_node& slot, context_ptr context) {
+  context_ptr old(std::exchange(slot.context_, context.release()));
+  ++slot.rebuilds_;
+  if (old && std::exchange(slot.is_torn_, false)) {
+    ::close(old->fd);
+    static_cast<void>(old.release());  // what another thread was changing when the process forked
+  }
 }

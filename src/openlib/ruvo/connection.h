@@ -44,6 +44,9 @@ inline const char* error_text(const redisContext* context) {
   return context != nullptr ? context->errstr : "null redisContext";
 }
 
+// Gives a slot another context, or none, and closes the one it had.
+void replace_context(conn_node& slot, context_ptr context);
+
 // An address as log lines show it.
 inline const char* ip_of(const server_addr& addr) { return addr.ip_.c_str(); }
 inline int port_of(const server_addr& addr) { return static_cast<int>(addr.port_); }

@@ -3,12 +3,57 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <ostream>
+#include <utility>
 
 #include "key_format.h"
 
-void write_log_line(const char* file, int line, BaseLib::Logger::LogLevel level, const char* format,
+namespace {
+
+std::atomic<int> log_limit{0};
+thread_local bool is_unlimited = false;
+
+constexpr unsigned second_shift = 32;
+constexpr std::uint64_t count_mask = (std::uint64_t{1} << second_shift) - 1;
+
+// May a line be written here now? `kept_back`: how many were not, since the last that was.
+bool admits(log_place& place, std::uint64_t limit, unsigned long long& kept_back) {
+  const auto now = static_cast<std::uint64_t>(std::time(nullptr)) << second_shift;
+  std::uint64_t window = place.window.load(std::memory_order_relaxed);
+  std::uint64_t next = 0;
+  do {
+    next = (window & ~count_mask) == now ? window + 1 : now + 1;
+    if ((next & count_mask) > limit) {
+      place.kept_back.fetch_add(1, std::memory_order_relaxed);
+      return false;
+    }
+  } while (!place.window.compare_exchange_weak(window, next, std::memory_order_relaxed));
+  kept_back = place.kept_back.exchange(0, std::memory_order_relaxed);
+  return true;
+}
+
+}  // namespace
+
+void set_log_limit(int lines) { log_limit.store(lines, std::memory_order_relaxed); }
+
+unlimited_log::unlimited_log() : before_(std::exchange(is_unlimited, true)) {}
+unlimited_log::~unlimited_log() { is_unlimited = before_; }
+
+void write_log_line(log_place& place, BaseLib::Logger::LogLevel level, const char* format,
                     ...) noexcept {
+  const int limit = log_limit.load(std::memory_order_relaxed);
+  if (limit > 0 && level >= BaseLib::Logger::WARN && !is_unlimited) {
+    unsigned long long kept_back = 0;
+    if (!admits(place, static_cast<std::uint64_t>(limit), kept_back)) {
+      return;
+    }
+    if (kept_back > 0) {
+      const unlimited_log this_line;
+      RUVO_LOG(WARN, "ruvo_redis::log_limit | %llu lines like the next one were kept back",
+               kept_back);
+    }
+  }
   std::array<char, log_buffer_size> text;
   va_list args;
   va_start(args, format);
@@ -17,7 +62,7 @@ void write_log_line(const char* file, int line, BaseLib::Logger::LogLevel level,
   }
   va_end(args);
   try {
-    BaseLib::Logger(file, line, level).stream() << text.data();
+    BaseLib::Logger(place.file, place.line, level).stream() << text.data();
   } catch (...) {
     // No memory to build the line with: the operation goes on without it.
   }

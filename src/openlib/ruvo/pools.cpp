@@ -92,8 +92,8 @@ void add_slot(server_node& server, context_ptr context, std::unique_ptr<ACE_Thre
 }
 
 void close_slots(server_node& server) {
-  for (const conn_node& slot : server.context_arr_) {
-    redisFree(slot.context_);
+  for (conn_node& slot : server.context_arr_) {
+    replace_context(slot, nullptr);
     delete slot.lock_;
   }
   server.context_arr_.clear();
@@ -150,7 +150,10 @@ bool connect_server(server_node& server, std::uint32_t connections,
 
 }  // namespace
 
-ruvo_redis::~ruvo_redis() { close_pools(); }
+ruvo_redis::~ruvo_redis() {
+  forget_forks();
+  close_pools();
+}
 
 int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
                                  RedisServerType type) {
@@ -208,6 +211,7 @@ void ruvo_redis::close_pools() {
 }
 
 int ruvo_redis::fini() {
+  const unlimited_log all_lines;
   if (!is_initialized()) {
     RUVO_LOG(ERROR, "ruvo_redis::fini | redis is not initialized");
     return RUVO_ERR_NOT_INITIALIZED;
@@ -216,6 +220,7 @@ int ruvo_redis::fini() {
     close_pools();
     ruvo_cfg.close();
     initialized_.store(false, std::memory_order_release);
+    set_log_limit(0);
     RUVO_LOG(INFO, "ruvo_redis::fini | ruvo fini succeed");
   }
   return RUVO_OK;

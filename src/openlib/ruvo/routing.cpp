@@ -65,7 +65,7 @@ server_node* ruvo_redis::get_server_node(RedisServerType redisSrvType, int svc_i
     }
   }
   RUVO_LOG(INFO, "ruvo_redis::get_server_node | all servers invalid");
-  return nullptr;
+  return options_.try_ejected_servers && count > 0 ? &pool.servers_[start] : nullptr;
 }
 
 bool ruvo_redis::is_server_valid(server_node* svc_node, RedisServerType redisSrvType) {
@@ -141,6 +141,6 @@ redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
         DEBUG, "ruvo_redis::reset_connection | redisSetTimeOut time_out:%d (ms), success",
         static_cast<int>(socket_timeout_tv_.tv_sec * 1000 + socket_timeout_tv_.tv_usec / 1000));
   }
-  const context_ptr old(std::exchange(conn.context_, fresh.context.release()));
+  replace_context(conn, std::move(fresh.context));
   return conn.context_;
 }

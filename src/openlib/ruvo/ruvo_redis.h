@@ -7,6 +7,7 @@
 //   strings.cpp, hashes.cpp, lists.cpp, sets.cpp
 //                  the data operations (data_operation.cpp: what they share)
 //   raw.cpp        any command, its reply handed over as it is
+//   forking.cpp    what the child of a fork makes of its parent's connections
 //
 // Threads: operations from any number of threads; init and fini must not overlap them. See
 // server_pool.h for what guards what.
@@ -24,6 +25,7 @@
 
 #include "busin_config.h"
 #include "exchange.h"
+#include "options.h"
 #include "ruvo.h"
 #include "server_pool.h"
 
@@ -64,6 +66,12 @@ class ruvo_redis {
   // Replaces a slot's context by a new one, or returns null and leaves the old one in place.
   // REQUIRES: the slot's lock is held.
   redisContext* reset_connection(conn_node& conn, server_addr& addr);
+
+  const client_options& options() const { return options_; }
+
+  // ---- Forking ----
+  // In the child of a fork: every connection is the parent's, and is rebuilt when it is used.
+  void disown_connections() noexcept;
 
   // ---- Execution ----
   // Runs a command on a pool. On RUVO_OK with `need_reply`, hands over the reply to the caller, who
@@ -137,6 +145,8 @@ class ruvo_redis {
   void read_timeouts();
   void choose_addresses();
   int build_pools();
+  void watch_forks();
+  void forget_forks();
   void close_pools();
 
   // Runs a command on a pool; see do_exec_command. A null `reply` asks for the code only.
@@ -155,6 +165,7 @@ class ruvo_redis {
   server_pool t_pool_;
   server_pool p_pool_;
   server_pool personality_pool_;
+  client_options options_;
   timeval conn_timeout_tv_{-1, 0};    // seconds -1: no limit
   timeval socket_timeout_tv_{-1, 0};  // likewise
 };

@@ -86,6 +86,7 @@ std::optional<std::size_t> net_seg_group() {
 }  // namespace
 
 int ruvo_redis::init(const char* config) {
+  const unlimited_log all_lines;
   if (init_count_.fetch_add(1) != 0) {
     if (is_initialized()) {
       RUVO_LOG(ERROR, "ruvo_redis::init | redis alreadly initialize");
@@ -109,6 +110,9 @@ int ruvo_redis::init(const char* config) {
   }
 
   read_timeouts();
+  options_ = read_options(ruvo_cfg);
+  set_log_limit(options_.log_limit);
+  watch_forks();
   choose_addresses();
   try {
     return build_pools();

@@ -1,10 +1,9 @@
 #include "walk.h"
 
-#include <ace/Guard_T.h>
-
 #include <optional>
 
 #include "connection.h"
+#include "connection_turn.h"
 #include "data_operation.h"
 #include "log_line.h"
 #include "ruvo_redis.h"
@@ -13,29 +12,101 @@ namespace {
 
 constexpr std::size_t visits_per_server = 2;
 
-// A visit: one send, and on a broken connection one rebuild and one more send. Null when the server
-// gave no reply. REQUIRES: the slot's lock is held.
-reply_ptr visit(ruvo_redis& redis, const command& command, conn_node& conn, server_node& server) {
-  if (!is_broken(conn.context_)) {
-    if (reply_ptr reply = exchange(*conn.context_, command.wire)) {
-      return reply;
+enum class visit_end { replied, no_reply, out_of_time, lock_failed };
+
+// Has the time passed that a command may take? If so, the log says it.
+bool is_out_of_time(const ruvo_redis& redis, const command& command) {
+  if (std::chrono::steady_clock::now() < command.not_after) {
+    return false;
+  }
+  RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, call time-out of %d ms has passed", command.method,
+           command.key, redis.options().call_timeout);
+  return true;
+}
+
+// The first send, by this thread or by another that leads. The call then has its reply, or knows
+// why there is none. False when the slot's lock could not be taken.
+bool send_first(connection_turn& turn) {
+  if (!turn.wait()) {
+    return false;
+  }
+  if (turn.leads()) {
+    if (!is_broken(turn.slot().context_)) {
+      turn.exchange();
+    } else if (turn.slot().context_ != nullptr) {
+      turn.call().note_error(*turn.slot().context_);
     }
   }
-  if (conn.context_ != nullptr && conn.context_->err != 0) {
-    RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
-             command.method, command.key, conn.context_->err, conn.context_->errstr);
+  return true;
+}
+
+// What follows a first send without a reply, with the lock: a connection that nobody has rebuilt
+// since is rebuilt, and the command sent once more.
+visit_end rebuild_and_send(ruvo_redis& redis, const command& command, connection_turn& turn,
+                           server_node& server) {
+  waiting_call& call = turn.call();
+  const bool is_rebuilt = turn.was_rebuilt() && !is_broken(turn.slot().context_);
+  if (!is_rebuilt) {
+    if (is_out_of_time(redis, command)) {
+      return visit_end::out_of_time;
+    }
+    if (redis.reset_connection(turn.slot(), server.addr_) == nullptr) {
+      call.rebuild_failed = true;
+      turn.share_failed_rebuild();
+      return visit_end::no_reply;
+    }
+    if (!redis.options().eject_silent_servers) {
+      redis.update_server_ok(&server);
+    }
   }
-  redisContext* fresh = redis.reset_connection(conn, server.addr_);
-  if (fresh == nullptr) {
+  if (is_out_of_time(redis, command)) {
+    return visit_end::out_of_time;
+  }
+  turn.exchange();
+  if (call.reply && !is_rebuilt && redis.options().eject_silent_servers) {
+    redis.update_server_ok(&server);
+  }
+  return visit_end::no_reply;
+}
+
+// A visit: one send, and on a broken connection one rebuild and one more send. A call whose command
+// another thread has sent goes on from what came of that.
+visit_end visit(ruvo_redis& redis, const command& command, connection_turn& turn,
+                server_node& server) {
+  waiting_call& call = turn.call();
+  if (!send_first(turn)) {
+    return visit_end::lock_failed;
+  }
+  if (call.reply) {
+    return visit_end::replied;
+  }
+  if (call.error != 0) {
+    RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
+             command.method, command.key, call.error, call.error_text);
+  }
+  visit_end end = visit_end::no_reply;
+  if (!call.rebuild_failed) {
+    if (is_out_of_time(redis, command)) {
+      end = visit_end::out_of_time;
+    } else if (call.not_after = command.not_after; !turn.leads() && !turn.wait()) {
+      return visit_end::lock_failed;
+    } else if (turn.leads()) {
+      end = rebuild_and_send(redis, command, turn, server);
+    }
+  }
+  if (call.reply) {
+    return visit_end::replied;
+  }
+  if (call.rebuild_failed) {
     redis.update_server_failed(&server, command.pool);
     RUVO_LOG(ERROR,
              "ruvo_redis::%s | key:%s, null reply and reset connection to server %s port:%d "
              "failed.",
              command.method, command.key, ip_of(server.addr_), port_of(server.addr_));
-    return nullptr;
+  } else if (redis.options().eject_silent_servers && !command.wire.refused()) {
+    redis.update_server_failed(&server, command.pool);
   }
-  redis.update_server_ok(&server);
-  return exchange(*fresh, command.wire);
+  return end;
 }
 
 }  // namespace
@@ -65,7 +136,7 @@ const route raw_route{
         },
 };
 
-// Each visit holds the lock of one connection, also while the next server is chosen, and lets it go
+// Each visit has its turn at one connection, also while the next server is chosen, and lets it go
 // before the next is taken. The bound is for walks that do not come round: one that crosses pools
 // can turn for ever, and a typed one could be held for a whole retry time-out by a server that
 // accepts connections and never answers.
@@ -76,15 +147,22 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
   }
   const std::size_t first = server->index_;
   for (std::size_t visits = 1;; ++visits) {
-    std::optional<ACE_Guard<ACE_Thread_Mutex>> guard;
+    std::optional<connection_turn> turn;
     if (conn_node* conn = redis.get_conn(*server, command.pool)) {
-      guard.emplace(*conn->lock_);
-      if (!guard->locked()) {
-        return walk_end::lock_failed;
+      turn.emplace(*server, *conn, command.wire, redis.options().auto_pipelining);
+      if (visits > 1) {
+        turn->call().not_after = command.not_after;
       }
-      reply = visit(redis, command, *conn, *server);
-      if (reply) {
-        return walk_end::replied;
+      switch (visit(redis, command, *turn, *server)) {
+        case visit_end::replied:
+          reply = std::move(turn->call().reply);
+          return walk_end::replied;
+        case visit_end::lock_failed:
+          return walk_end::lock_failed;
+        case visit_end::out_of_time:
+          return walk_end::out_of_time;
+        case visit_end::no_reply:
+          break;
       }
     } else {
       redis.update_server_failed(server, command.pool);
@@ -97,6 +175,9 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
     if (server->index_ == first || visits == bound) {
       RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server", command.method);
       return walk_end::all_tried;
+    }
+    if (is_out_of_time(redis, command)) {
+      return walk_end::out_of_time;
     }
   }
 }
@@ -111,7 +192,8 @@ int ruvo_redis::exec_command(const char* key, reply_ptr* reply, RedisServerType 
   }
   RUVO_LOG(INFO, "ruvo_redis::do_exec_command | key:%s, redis-server-type:%d", key,
            static_cast<int>(redisSrvType));
-  const command command{"do_exec_command", key, redisSrvType, wire_command(format, args)};
+  const command command{"do_exec_command", key, redisSrvType, wire_command(format, args),
+                        options_.end_of_command()};
   reply_ptr received;
   switch (walk(*this, typed_route, command, received)) {
     case walk_end::replied:

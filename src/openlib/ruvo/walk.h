@@ -6,6 +6,8 @@
 #ifndef RUVO_WALK_H
 #define RUVO_WALK_H
 
+#include <chrono>
+
 #include "exchange.h"
 #include "ruvo.h"
 #include "server_pool.h"
@@ -18,6 +20,7 @@ struct command {
   const char* key;     // that they show
   RedisServerType pool;
   wire_command wire;
+  std::chrono::steady_clock::time_point not_after;  // starts nothing more then
 };
 
 // Where a walk goes.
@@ -34,6 +37,7 @@ enum class walk_end {
   replied,
   no_server_at_start,
   no_server_left,
+  out_of_time,
   all_tried,  // round to where it began, or as many visits as the bound allows
   lock_failed
 };

@@ -1,0 +1,221 @@
+#!/usr/bin/env python3
+"""Plants one-line faults in the libraries, one after the other, and lists those that no test catches.
+
+    scripts/plant_faults.py                      all rows of scripts/faults.txt
+    scripts/plant_faults.py 3 17 --only walk     rows by number; those with this text
+    scripts/plant_faults.py --tests walk,raw     tried with these tests only
+    scripts/plant_faults.py --list               the rows, without trying them
+
+Each of the --jobs works in a copy of the tree with a build folder of its own, which it keeps for all
+of its rows, and with --folder for the next time as well. A row ends with its first failing test. A row whose text does not stand in its file exactly
+once, or that does not compile, is an error of the table. The exit status is 0 when every fault was
+caught, 1 when one was not, 2 when a row is in error.
+
+Not part of the regular checks: it takes a build and a run of the tests for every row.
+"""
+
+import argparse
+import collections
+import contextlib
+import os
+import pathlib
+import queue
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+from dataclasses import dataclass
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+TABLE = ROOT / "scripts" / "faults.txt"
+SEPARATOR = " ~> "
+TEST_TIMEOUT = 60  # seconds; a test that hangs has caught its fault
+# No symbols and no optimisation: most of the time goes into compiling and linking.
+CONFIGURATION = ["-DCMAKE_BUILD_TYPE=None", "-DRUVO_BUILD_TOOLS=OFF", "-DRUVO_BUILD_EXAMPLES=OFF",
+                 "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DCMAKE_COMPILE_WARNING_AS_ERROR=OFF"]
+NO_WARNINGS = {"CXXFLAGS": "-w", "CFLAGS": "-w"}
+
+
+@dataclass
+class Fault:
+    number: int
+    file: str
+    stands: str
+    put: str
+
+    def __str__(self):
+        return f"{self.number:3} {self.file}: {self.stands}{SEPARATOR}{self.put}"
+
+    def plant(self, text):
+        """The text with the fault in it. A blank of the row stands for any run of blanks."""
+        pattern = r"\s+".join(re.escape(word) for word in self.stands.split())
+        found = list(re.finditer(pattern, text))
+        if len(found) != 1:
+            raise ValueError(f"its text stands {len(found)} times in the file")
+        return text[:found[0].start()] + self.put + text[found[0].end():]
+
+
+def read_table():
+    faults = []
+    file = None
+    for line in TABLE.read_text().splitlines():
+        if line.startswith("[") and line.endswith("]"):
+            file = line[1:-1]
+        elif line.strip() and not line.startswith("#"):
+            stands, separator, put = line.partition(SEPARATOR.rstrip())
+            if not separator or file is None:
+                sys.exit(f"{TABLE.name}: neither a file nor a fault: {line}")
+            faults.append(Fault(len(faults) + 1, file, stands.strip(), put.strip()))
+    return faults
+
+
+class Workplace:
+    """A copy of the tree, its build folder, and the tests in it."""
+
+    # Over all workplaces:
+    seconds = {}  # that a test takes
+    catches = collections.Counter()  # of faults in a file, by test
+
+    def __init__(self, folder, wanted):
+        self.tree = pathlib.Path(folder) / "tree"
+        self.build = pathlib.Path(folder) / "build"
+        files = subprocess.run(["git", "ls-files", "-z", "--cached", "--others",
+                                "--exclude-standard"],
+                               cwd=ROOT, check=True, capture_output=True, text=True).stdout
+        for name in filter(None, files.split("\0")):
+            if (ROOT / name).exists():
+                self.copy(ROOT / name, self.tree / name)
+        self.run(["cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, *CONFIGURATION])
+        self.tests = [path.stem for path in (self.tree / "tests").glob("*_test.cpp")
+                      if path.stem != "cli_test"  # it is the tool's, not the libraries'
+                      and (not wanted or path.stem.removesuffix("_test") in wanted)]
+        self.run(["cmake", "--build", self.build, "-j2", "--target", *self.tests])
+        for test in self.tests:
+            if not self.passes(test):
+                raise RuntimeError(f"{test} fails without any fault")
+
+    @staticmethod
+    def copy(source, target):
+        """Leaves a file of the same content alone, so that nothing is built again."""
+        if not target.exists() or target.read_bytes() != source.read_bytes():
+            target.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(source, target)
+
+    def run(self, command):
+        done = subprocess.run(command, env={**os.environ, **NO_WARNINGS}, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, errors="replace")
+        if done.returncode != 0:
+            raise RuntimeError(done.stdout[-2000:])
+
+    def passes(self, test):
+        begin = time.monotonic()
+        process = subprocess.Popen([self.build / "tests" / test, "--gtest_fail_fast", "--gtest_brief=1"],
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL, start_new_session=True)
+        try:
+            passed = process.wait(TEST_TIMEOUT) == 0
+        except subprocess.TimeoutExpired:
+            passed = False
+        finally:
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGKILL)
+                process.wait()
+        if passed:
+            self.seconds[test] = time.monotonic() - begin
+        return passed
+
+    def caught_by(self, fault):
+        """The name of the test that catches the fault, or None."""
+        path = self.tree / fault.file
+        sound = path.read_text()
+        planted = fault.plant(sound)
+        path.write_text(planted)
+        try:
+            # First the test of the file itself, then those that have caught faults in this file, then
+            # the quick ones. Each is built when its turn has come.
+            subject = pathlib.PurePath(fault.file).stem
+            for test in sorted(self.tests, key=lambda test: (not test.startswith(subject),
+                                                             -self.catches[fault.file, test],
+                                                             self.seconds[test])):
+                self.run(["cmake", "--build", self.build, "-j2", "--target", test])
+                if not self.passes(test):
+                    self.catches[fault.file, test] += 1
+                    return test
+            return None
+        finally:
+            path.write_text(sound)
+
+
+def work(folder, tests, waiting, report):
+    try:
+        place = Workplace(folder, tests)
+    except (RuntimeError, OSError) as error:
+        report(None, f"no workplace: {error}")
+        return
+    while True:
+        try:
+            fault = waiting.get_nowait()
+        except queue.Empty:
+            return
+        try:
+            test = place.caught_by(fault)
+            report(fault, f"caught by {test}" if test else "NOT CAUGHT")
+        except (ValueError, RuntimeError, OSError) as error:
+            report(fault, f"ERROR: {error}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
+    parser.add_argument("rows", nargs="*", type=int, help="numbers of rows")
+    parser.add_argument("--only", metavar="SUBSTRING", help="rows that contain this text")
+    parser.add_argument("--jobs", type=int, default=1, help="rows that are tried at a time")
+    parser.add_argument("--tests", metavar="NAMES", help="comma between them, without _test")
+    parser.add_argument("--folder", help="where the copies are; kept")
+    parser.add_argument("--list", action="store_true",
+                        help="print the rows, and check that each text stands once")
+    arguments = parser.parse_args()
+    faults = [fault for fault in read_table()
+              if (not arguments.rows or fault.number in arguments.rows)
+              and (not arguments.only or arguments.only in str(fault))]
+    missed, errors = [], []
+
+    def report(fault, outcome):
+        print(f"{fault or 'job'}: {outcome}", flush=True)
+        if outcome == "NOT CAUGHT":
+            missed.append(fault)
+        elif not outcome.startswith("caught"):
+            errors.append(fault)
+
+    for fault in faults:
+        try:
+            fault.plant((ROOT / fault.file).read_text())
+            if arguments.list:
+                print(fault)
+        except (ValueError, OSError) as error:
+            report(fault, f"ERROR: {error}")
+    if not arguments.list and not errors:
+        waiting = queue.Queue()
+        for fault in faults:
+            waiting.put(fault)
+        with (contextlib.nullcontext(arguments.folder) if arguments.folder
+              else tempfile.TemporaryDirectory(prefix="ruvo-faults-")) as folder:
+            tests = arguments.tests.split(",") if arguments.tests else []
+            jobs = [threading.Thread(target=work, daemon=True,
+                                     args=(f"{folder}/{job}", tests, waiting, report))
+                    for job in range(arguments.jobs)]
+            for job in jobs:
+                job.start()
+            for job in jobs:
+                job.join()
+        print(f"\n{len(faults)} faults, {len(missed)} not caught, {len(errors)} errors")
+        for fault in sorted(missed, key=lambda fault: fault.number):
+            print(fault)
+    return 2 if errors else 1 if missed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,52 @@
+// What the child of a fork makes of the connections that it shares with its parent: none is used,
+// or the two would read each other's replies.
+#include <pthread.h>
+
+#include <new>
+
+#include "connection.h"
+#include "log_line.h"
+#include "ruvo_redis.h"
+
+namespace {
+
+std::atomic<ruvo_redis*> watched{nullptr};
+
+void in_child() {
+  if (ruvo_redis* client = watched.load()) {
+    client->disown_connections();
+  }
+}
+
+}  // namespace
+
+void ruvo_redis::watch_forks() {
+  static const int registered = pthread_atfork(nullptr, nullptr, in_child);
+  if (registered == 0) {
+    watched.store(this);
+  } else {
+    RUVO_LOG(ERROR, "ruvo_redis::init | a child of this process would share its connections");
+  }
+}
+
+void ruvo_redis::forget_forks() {
+  ruvo_redis* self = this;
+  watched.compare_exchange_strong(self, nullptr);
+}
+
+// Only the forking thread is left, and it may not allocate. A slot whose lock is taken was in use
+// by another thread: its context may be half changed, so it is marked and not looked into again.
+void ruvo_redis::disown_connections() noexcept {
+  for (server_pool* pool : {&t_pool_, &p_pool_, &personality_pool_}) {
+    for (server_node& server : pool->servers_) {
+      for (conn_node& slot : server.context_arr_) {
+        slot.is_torn_ = slot.is_torn_ || slot.lock_->tryacquire() == -1;
+        new (slot.lock_) ACE_Thread_Mutex;
+        slot.line_ = nullptr;
+        if (slot.context_ != nullptr) {
+          set_error(*slot.context_, REDIS_ERR_EOF, "the process has forked");
+        }
+      }
+    }
+  }
+}

@@ -1,0 +1,148 @@
+// How far the opening of a connection comes, and what a new connection is set to.
+#include "connection.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <atomic>
+
+#include "client.h"
+#include "servers.h"
+
+namespace {
+
+constexpr timeval second{1, 0};
+constexpr timeval moment{0, 50000};
+constexpr timeval none{-1, 0};
+
+constexpr auto ERROR = BaseLib::Logger::ERROR;
+
+server_addr addr_of(const DownServer& server) {
+  return {"127.0.0.1", static_cast<std::uint32_t>(server.port())};
+}
+
+TEST(Connection, OpensAsFarAsTheServerLets) {
+  const std::string secret = "s3cret";
+  const auto takes_secret = [](Peer& peer) {
+    const bool right = peer.read_command() == std::vector<std::string>{"AUTH", "s3cret"};
+    peer.send(right ? "+OK\r\n" : "-ERR invalid password\r\n");
+    peer.hang();
+  };
+  // clang-format off
+  const struct { ScriptedServer::Script server; std::string password; open_outcome outcome; std::string error; } cases[] = {
+      {takes_secret, secret, open_outcome::ready, ""},
+      {[](Peer& peer) { peer.hang(); }, "", open_outcome::ready, ""},
+      {takes_secret, "wrong", open_outcome::refused, ""},
+      {[](Peer& peer) { peer.read_command(); }, secret, open_outcome::closed, "Server closed the connection"},
+      {[](Peer& peer) { peer.read_command(), peer.reset(); }, secret, open_outcome::closed, "Connection reset by peer"},
+      {[](Peer& peer) { peer.hang(); }, secret, open_outcome::unanswered, "Resource temporarily unavailable"},
+  };
+  // clang-format on
+  const LogCapture log;
+  for (const auto& one : cases) {
+    const ScriptedServer server(one.server);
+    const opened_connection opened =
+        open_connection(addr_of(server), {second, moment, one.password});
+    EXPECT_EQ(opened.outcome, one.outcome) << one.error;
+    EXPECT_STREQ(error_text(opened.context.get()), one.error.c_str());
+    EXPECT_EQ(log.count(ERROR,
+                        "ruvo_redis::init_server_pool | failed to authenticate redis, error "
+                        "passwd, redis_ip = 127.0.0.1, redis_port = " +
+                            std::to_string(server.port()) + ", passwd = wrong"),
+              one.outcome == open_outcome::refused);
+  }
+}
+
+TEST(Connection, TellsWhyAServerIsOutOfReach) {
+  const DownServer down;
+  // clang-format off
+  const struct { std::uint32_t port; const char* error; } cases[] = {
+      {static_cast<std::uint32_t>(down.port()), "Connection refused"},
+      {65536, "null redisContext"},
+      {3000000000, "null redisContext"},
+  };
+  // clang-format on
+  for (const auto& one : cases) {
+    const opened_connection opened = open_connection({"127.0.0.1", one.port}, {second, second, ""});
+    EXPECT_EQ(opened.outcome, open_outcome::unreachable);
+    EXPECT_STREQ(error_text(opened.context.get()), one.error);
+  }
+  // The highest port there is: whoever is there, it is tried.
+  EXPECT_NE(open_connection({"127.0.0.1", 65535}, {second, second, ""}).context, nullptr);
+}
+
+TEST(Connection, EachTimeOutStandsForItself) {
+  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
+  for (const timeval& connect : {none, moment, second}) {
+    for (const timeval& socket : {none, moment, second}) {
+      const opened_connection opened = open_connection(addr_of(silent), {connect, socket, ""});
+      EXPECT_EQ(opened.timeout_result.has_value(), socket.tv_sec >= 0);
+      timeval set{};
+      socklen_t size = sizeof(set);
+      getsockopt(opened.context->fd, SOL_SOCKET, SO_RCVTIMEO, &set, &size);
+      EXPECT_EQ(set.tv_sec, socket.tv_sec > 0 ? socket.tv_sec : 0);
+      EXPECT_NEAR(static_cast<double>(set.tv_usec), static_cast<double>(socket.tv_usec), 10000);
+    }
+  }
+}
+
+TEST(Connection, BelievesArraysUpToALimit) {
+  // clang-format off
+  const struct { std::string announced; std::string error; } cases[] = {
+      {"*16777216\r\n", "Server closed the connection"},
+      {"*16777217\r\n", "Out of memory"},
+  };
+  // clang-format on
+  for (const auto& one : cases) {
+    const ScriptedServer server([&](Peer& peer) {
+      peer.read_command();
+      peer.send(one.announced);
+    });
+    const opened_connection opened = open_connection(addr_of(server), {second, second, ""});
+    EXPECT_EQ(exchange(*opened.context, format_command("KEYS *")), nullptr);
+    EXPECT_EQ(opened.context->errstr, one.error);
+  }
+}
+
+// A pool whose server does not answer its password keeps the slot, and loses it otherwise.
+TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
+  std::atomic<bool> answers{false};
+  const ScriptedServer silent([&](Peer& peer) {
+    if (answers) {
+      peer.answer_all("+OK\r\n");
+    }
+    peer.hang();
+  });
+  const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
+  const ScriptedServer refuses{std::string("-ERR invalid password\r\n")};
+  const DownServer down;
+  LogCapture log;
+  {
+    ruvo_redis client;
+    const std::string addrs =
+        silent.addr() + "," + closes.addr() + "," + refuses.addr() + "," + down.addr();
+    const HostConfig config(pools_at(addrs, addrs, addrs) + "socket_timeout = 50",
+                            "p_password = x\nt_password = x\nps_password = x");
+    EXPECT_EQ(init_client(client, config), RUVO_INIT_BOTH_POOLS_FAILED);
+    server_pool& pool = pool_in(client, ePersonalityServer);
+    const std::size_t slots[] = {1, 0, 0, 1};
+    for (std::size_t position = 0; position < 4; ++position) {
+      EXPECT_EQ(pool.servers_[position].context_arr_.size(), slots[position]) << position;
+    }
+    EXPECT_EQ(log.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
+                                   std::to_string(silent.port()) +
+                                   " failed, error code : Resource temporarily unavailable."),
+              3);
+    EXPECT_EQ(log.count_containing("| connect to node"), 2 * 3);
+    // Rebuilding is held no longer, and works once the server answers.
+    server_node& server = pool.servers_[0];
+    const redisContext* failed = server.context_arr_[0].context_;
+    EXPECT_EQ(client.reset_connection(server.context_arr_[0], server.addr_), nullptr);
+    EXPECT_EQ(server.context_arr_[0].context_, failed);
+    answers = true;
+    EXPECT_NE(client.reset_connection(server.context_arr_[0], server.addr_), nullptr);
+    EXPECT_FALSE(is_broken(server.context_arr_[0].context_));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+// Any command: the walk over all pools, and the reply that is handed over.
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+
+#include "client.h"
+#include "servers.h"
+
+namespace {
+
+constexpr auto WARN = BaseLib::Logger::WARN;
+constexpr auto ERROR = BaseLib::Logger::ERROR;
+
+class Raw : public testing::Test {
+ protected:
+  void start(const std::string& pools, const std::string& server = "") {
+    const std::string time_outs = "connect_timeout = 1000\nsocket_timeout = 1000";
+    init_client(client_, HostConfig(pools + time_outs, server));
+    log_.clear();
+  }
+  // The text of the reply, or "null".
+  std::string run(RedisServerType pool, va_list args, const char* format = "PING") {
+    auto* reply = static_cast<redisReply*>(client_.exec_redis_cmd(format, args, pool));
+    std::string text = reply != nullptr ? reply->str : "null";
+    freeReplyObject(reply);
+    return text;
+  }
+  std::string ping(int pool, ...) {
+    va_list none;
+    va_start(none, pool);
+    std::string text = run(static_cast<RedisServerType>(pool), none);
+    va_end(none);
+    return text;
+  }
+  std::string echo_twice(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string texts = run(eTempServer, args, format);
+    texts += run(eTempServer, args, format);
+    va_end(args);
+    return texts;
+  }
+
+  DownServer down_;
+  DownServer also_down_;
+  const ScriptedServer closes_{[](Peer& peer) { peer.read_command(); }};
+  ruvo_redis client_;
+  LogCapture log_;
+};
+
+TEST_F(Raw, LeavesTheArgumentsAsTheyWere) {
+  const RedisServer redis;
+  start(pools_at(redis.addr(), down_.addr(), ""));
+  EXPECT_EQ(echo_twice("ECHO %s-%d", "a", 7), "a-7a-7");
+}
+
+TEST_F(Raw, GoesOnInThePoolOfTheNextNumber) {
+  const ScriptedServer temp{std::string("+temp\r\n")};
+  const ScriptedServer persist{std::string("+persist\r\n")};
+  start(pools_at(down_.addr() + "," + temp.addr(), persist.addr() + "," + closes_.addr(),
+                 down_.addr() + "," + also_down_.addr()));
+  // Position 0 failed: the temporary pool, whose turn is its first server, at the same position.
+  EXPECT_EQ(ping(ePersonalityServer), "null");
+  EXPECT_EQ(log_.count(WARN, "ruvo_redis::exec_redis_cmd | can not find an available server"), 1);
+  // Position 1 failed: the persistent pool, whose turn is its first server.
+  EXPECT_EQ(ping(ePersonalityServer), "persist");
+  EXPECT_EQ(log_.count(WARN,
+                       "ruvo_redis::exec_redis_cmd | key:temp, connection err,try reset,ret:1, "
+                       "err:Connection refused"),
+            2);
+  EXPECT_EQ(log_.count_containing("ruvo_redis::exec_redis_cmd | key:temp, null reply and reset"),
+            2);
+  EXPECT_EQ(ping(eTempServer), "temp");
+  // Persistent pool, second server: closes; position 1 leads to the persistent pool, turn 2.
+  EXPECT_EQ(ping(ePersistServer), "persist");
+  EXPECT_EQ(pool_in(client_, ePersonalityServer).servers_[1].failure_count_, 1);
+}
+
+TEST_F(Raw, MakesTwoVisitsForEachServerOfThePoolsAtMost) {
+  const ScriptedServer good{std::string("+good\r\n")};
+  const ScriptedServer also_closes([](Peer& peer) { peer.read_command(); });
+  start(pools_at(also_closes.addr(), closes_.addr(), good.addr() + "," + closes_.addr()));
+  EXPECT_EQ(ping(ePersonalityServer), "good");
+  // Begins at position 1, and finds only servers at position 0 from there on: four servers, so
+  // eight visits, of which the temporary pool has all but two.
+  EXPECT_EQ(ping(ePersonalityServer), "null");
+  EXPECT_EQ(also_closes.connections(), 1 + 6);
+  EXPECT_EQ(log_.count(WARN, "ruvo_redis::exec_redis_cmd | can not find an available server"), 1);
+}
+
+TEST_F(Raw, TellsOfAPoolWithoutAServerAtTheStart) {
+  const ScriptedServer good{std::string("+good\r\n")};
+  start(pools_at(down_.addr(), good.addr(), ""), "p_server_failure_limit = 1");
+  for (const int told : {0, 1}) {  // the first call ejects the only server
+    log_.clear();
+    EXPECT_EQ(ping(eTempServer), "null");
+    EXPECT_EQ(log_.count(ERROR, "temp"), told);
+  }
+}
+
+}  // namespace

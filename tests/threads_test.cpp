@@ -1,0 +1,51 @@
+// Many threads at once.
+#include <gtest/gtest.h>
+#include <ruvo/ruvo.h>
+
+#include <atomic>
+#include <thread>
+
+#include "host.h"
+#include "sandbox.h"
+
+namespace {
+
+TEST(Threads, ManyShareFewConnectionsThatBreakAndEachGetsItsOwnReply) {
+  const RedisServer redis;
+  const HostConfig config(all_pools_at(redis.addr()), "p_connect_num = 2");
+  const LogCapture log(BaseLib::Logger::WARN);
+  {
+    const QuietConsole quiet;
+    ASSERT_EQ(RUVO_Init(config.path()), RUVO_OK);
+  }
+  std::atomic<bool> stop{false};
+  std::atomic<int> wrong{0};
+  std::atomic<int> calls{0};
+  {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 8; ++t) {
+      threads.emplace_back([&, t] {
+        const std::string own = "thread" + std::to_string(t);
+        for (const char* data = nullptr; !stop; ++calls) {
+          unsigned long len = 0;
+          wrong += RUVO_InsertKey(own.c_str(), own.data(), own.size(), -1, t % 4, nullptr);
+          wrong += RUVO_QueryKey(own.c_str(), &data, &len, t % 4, nullptr) != RUVO_OK ||
+                   std::string(data, len) != own;
+          RUVO_FreeResult(data);
+        }
+      });
+    }
+    for (int round = 0; round < 5; ++round) {
+      redis.ask("client kill type normal");
+      for (const int target = calls + 200; calls < target;) {
+        std::this_thread::yield();
+      }
+    }
+    stop = true;
+  }
+  EXPECT_EQ(wrong, 0);
+  EXPECT_GE(log.count_containing("reset connection"), 5);
+  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+}
+
+}  // namespace
