@@ -60,8 +60,8 @@ __attribute__((visibility("default"))) int stream_log_level(void);
 __attribute__((visibility("default"))) void stream_log_set_level(int level);
 
 /// Sets where lines go from now on; null: back to standard error. `line` has `length` bytes, the
-/// last of them a newline, followed by a zero byte, and is valid only during the call. The output is
-/// called from every thread that logs, possibly from several at once.
+/// last of them a newline, followed by a zero byte, and is valid only during the call. The output
+/// is called from every thread that logs, possibly from several at once.
 __attribute__((visibility("default"))) void stream_log_set_output(void (*output)(int level,
                                                                                  const char* line,
                                                                                  size_t length));

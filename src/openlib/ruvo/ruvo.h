@@ -63,6 +63,9 @@
 /// addresses, add the time of the system's resolver. A signal handler that runs in a waiting thread
 /// restarts that wait: block periodic signals in threads that call the library.
 ///
+/// FORK. The child of a fork opens its own connections on first use and never uses those of its
+/// parent. Do not fork during RUVO_Init or RUVO_Fini.
+///
 /// A COMMAND MAY RUN MORE THAN ONCE. If the connection breaks or socket_timeout passes after the
 /// server has run a command and before its reply has arrived, the command is sent again, up to
 /// twice per visit. Increments, pushes and appends are then applied more than once.
