@@ -30,8 +30,10 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
 }
 
 HostConfig::HostConfig(const std::string& common, const std::string& server) {
-  const std::string redis_conf =
-      dir_.write("ruvo_redis.conf", "[common]\n" + common + "\n[server]\n" + server + "\n");
+  const char* more = std::getenv("RUVO_SANDBOX_COMMON");
+  const std::string redis_conf = dir_.write(
+      "ruvo_redis.conf", "[common]\n" + (more != nullptr ? more + ("\n" + common) : common) +
+                             "\n[server]\n" + server + "\n");
   path_ = dir_.write("sruvo.conf", "[redis_cfg]\nredis_cfg_path = " + redis_conf + "\n");
 }
 

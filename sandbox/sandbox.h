@@ -30,7 +30,9 @@ class TempDir : NoCopy {
   std::filesystem::path path_;
 };
 
-// The two configuration files of a host. `common` and `server` are lines for those sections.
+// The two configuration files of a host. `common` and `server` are lines for those sections; what
+// RUVO_SANDBOX_COMMON in the environment holds comes before the former, so that the same tests run
+// with and without an option.
 class HostConfig {
  public:
   explicit HostConfig(const std::string& common, const std::string& server = "");

@@ -69,8 +69,10 @@ ScriptedServer::ScriptedServer(Script script) : script_(std::move(script)) {
   acceptor_ = std::jthread([this] { accept_all(); });
 }
 
+void ScriptedServer::refuse() { shutdown(fd_, SHUT_RDWR); }
+
 ScriptedServer::~ScriptedServer() {
-  shutdown(fd_, SHUT_RDWR);
+  refuse();
   acceptor_.join();
   {
     const std::scoped_lock lock(mutex_);

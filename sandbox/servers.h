@@ -48,6 +48,7 @@ class ScriptedServer : public DownServer {
       : ScriptedServer([reply](Peer& peer) { peer.answer_all(reply); }) {}
   ~ScriptedServer();
   int connections() const { return connections_; }
+  void refuse();  // further connections
 
  private:
   void accept_all();

@@ -15,34 +15,6 @@ void set_error(redisContext& context, int type, const char* text) {
   context.errstr[sizeof(context.errstr) - 1] = '\0';
 }
 
-// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed,
-// and in a host with the default disposition that ends the process. So the library writes itself: a
-// send(2) can be told not to raise the signal, which costs nothing, where blocking and consuming it
-// would cost two system calls for each command.
-bool send_whole(redisContext& context, const char* bytes, std::size_t length) {
-  while (length > 0) {
-    const ssize_t sent = ::send(context.fd, bytes, length, MSG_NOSIGNAL);
-    if (sent >= 0) {
-      bytes += sent;
-      length -= static_cast<std::size_t>(sent);
-    } else if (errno != EINTR) {
-      std::array<char, sizeof(context.errstr)> text{};
-      set_error(context, REDIS_ERR_IO, strerror_r(errno, text.data(), text.size()));
-      return false;
-    }
-  }
-  return true;
-}
-
-// Bytes behind the reply to the last command: the server, or a proxy, has sent something that
-// nobody asked for, and every later reply would go to the wrong caller.
-void break_if_out_of_step(redisContext& context) {
-  const redisReader* reader = context.reader;
-  if (reader != nullptr && reader->pos < reader->len) {
-    set_error(context, REDIS_ERR_PROTOCOL, "unexpected data after the reply");
-  }
-}
-
 }  // namespace
 
 wire_command::wire_command(const char* format, va_list args) {
@@ -51,6 +23,9 @@ wire_command::wire_command(const char* format, va_list args) {
   char* bytes = nullptr;
   length_ = redisvFormatCommand(&bytes, format, copy);
   va_end(copy);
+  if (length_ == 0) {
+    length_ = -1;  // what hiredis may say when memory runs out: nothing to send, nothing to wait for
+  }
   bytes_.reset(length_ < 0 ? nullptr : bytes);
 }
 
@@ -75,13 +50,65 @@ reply_ptr exchange(redisContext& context, const wire_command& command) {
     command.report_refusal(context);
     return nullptr;
   }
-  if (!send_whole(context, command.bytes(), command.length())) {
+  iovec bytes{command.bytes(), command.length()};
+  if (!send_whole(context, {&bytes, 1})) {
     return nullptr;
   }
-  void* reply = nullptr;
-  redisGetReply(&context, &reply);  // there is nothing left to write: it reads
-  if (reply != nullptr) {
+  reply_ptr reply = wait_for_reply(context);
+  if (reply) {
     break_if_out_of_step(context);
   }
+  return reply;
+}
+
+// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed,
+// and in a host with the default disposition that ends the process. So the library writes itself:
+// it can say that it does not want the signal, which costs nothing, where blocking and consuming it
+// would cost two system calls for each command.
+bool send_whole(redisContext& context, std::span<iovec> bytes) {
+  while (!bytes.empty()) {
+    msghdr message{};
+    message.msg_iov = bytes.data();
+    message.msg_iovlen = bytes.size();
+    const ssize_t sent = bytes.size() == 1
+                             ? ::send(context.fd, bytes[0].iov_base, bytes[0].iov_len, MSG_NOSIGNAL)
+                             : ::sendmsg(context.fd, &message, MSG_NOSIGNAL);
+    if (sent < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      std::array<char, sizeof(context.errstr)> text{};
+      set_error(context, REDIS_ERR_IO, strerror_r(errno, text.data(), text.size()));
+      return false;
+    }
+    auto left = static_cast<std::size_t>(sent);
+    while (!bytes.empty() && left >= bytes[0].iov_len) {
+      left -= bytes[0].iov_len;
+      bytes = bytes.subspan(1);
+    }
+    if (left > 0) {
+      bytes[0] = {static_cast<char*>(bytes[0].iov_base) + left, bytes[0].iov_len - left};
+    }
+  }
+  return true;
+}
+
+reply_ptr received_reply(redisContext& context) {
+  void* reply = nullptr;
+  // An error is not lost: who waits for the reply then meets it again.
+  redisReaderGetReply(context.reader, &reply);
   return reply_ptr(static_cast<redisReply*>(reply));
+}
+
+reply_ptr wait_for_reply(redisContext& context) {
+  void* reply = nullptr;
+  redisGetReply(&context, &reply);  // there is nothing left to write: it reads
+  return reply_ptr(static_cast<redisReply*>(reply));
+}
+
+void break_if_out_of_step(redisContext& context) {
+  const redisReader* reader = context.reader;
+  if (reader != nullptr && reader->pos < reader->len) {
+    set_error(context, REDIS_ERR_PROTOCOL, "unexpected data after the reply");
+  }
 }

@@ -4,10 +4,12 @@
 #define RUVO_EXCHANGE_H
 
 #include <hiredis/hiredis.h>
+#include <sys/uio.h>
 
 #include <cstdarg>
 #include <cstddef>
 #include <memory>
+#include <span>
 
 struct context_deleter {
   void operator()(redisContext* context) const { redisFree(context); }
@@ -26,7 +28,7 @@ class wire_command {
   wire_command(const char* format, va_list args);
 
   bool refused() const { return length_ < 0; }
-  const char* bytes() const { return bytes_.get(); }
+  char* bytes() const { return bytes_.get(); }
   std::size_t length() const { return refused() ? 0 : static_cast<std::size_t>(length_); }
 
   // Leaves on a context what hiredis leaves there when it refuses a template.
@@ -46,5 +48,16 @@ wire_command format_command(const char* format, ...);
 // Sends a command and reads its reply; null when the connection broke or hiredis has refused the
 // template (the context then carries the error). Never raises SIGPIPE in the host.
 reply_ptr exchange(redisContext& context, const wire_command& command);
+
+// The parts of an exchange, for several commands at once. Sends bytes, which it may change the list
+// of; false when the connection broke.
+bool send_whole(redisContext& context, std::span<iovec> bytes);
+// The next reply, if it has been received whole.
+reply_ptr received_reply(redisContext& context);
+// The next reply, waited for; null when the connection broke.
+reply_ptr wait_for_reply(redisContext& context);
+// After the reply to the last command: bytes that are left were asked for by nobody, and every
+// later reply would go to the wrong caller. The connection is then broken.
+void break_if_out_of_step(redisContext& context);
 
 #endif

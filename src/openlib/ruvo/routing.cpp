@@ -142,5 +142,6 @@ redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
         static_cast<int>(socket_timeout_tv_.tv_sec * 1000 + socket_timeout_tv_.tv_usec / 1000));
   }
   const context_ptr old(std::exchange(conn.context_, fresh.context.release()));
+  ++conn.rebuilds_;
   return conn.context_;
 }

@@ -24,6 +24,7 @@
 
 #include "busin_config.h"
 #include "exchange.h"
+#include "options.h"
 #include "ruvo.h"
 #include "server_pool.h"
 
@@ -64,6 +65,8 @@ class ruvo_redis {
   // Replaces a slot's context by a new one, or returns null and leaves the old one in place.
   // REQUIRES: the slot's lock is held.
   redisContext* reset_connection(conn_node& conn, server_addr& addr);
+
+  const client_options& options() const { return options_; }
 
   // ---- Execution ----
   // Runs a command on a pool. On RUVO_OK with `need_reply`, hands over the reply to the caller, who
@@ -155,6 +158,7 @@ class ruvo_redis {
   server_pool t_pool_;
   server_pool p_pool_;
   server_pool personality_pool_;
+  client_options options_;
   timeval conn_timeout_tv_{-1, 0};    // seconds -1: no limit
   timeval socket_timeout_tv_{-1, 0};  // likewise
 };

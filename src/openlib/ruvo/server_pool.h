@@ -2,7 +2,8 @@
 //
 // The lists do not change between start-up and shut-down and are read without a lock. The counters
 // and the failure state are plain fields that all threads share: they are touched through atomic
-// references only. A slot's context is touched only by the thread that holds the slot's lock.
+// references only. A slot's context is touched only by the thread that holds the slot's lock; the
+// line of those who wait for it is told in connection_turn.h.
 #ifndef RUVO_SERVER_POOL_H
 #define RUVO_SERVER_POOL_H
 
@@ -20,10 +21,15 @@ struct server_addr {
   std::uint32_t port_ = 0;
 };
 
-// A connection slot. Owns both; its server's pool frees them.
-struct conn_node {
+struct waiting_call;
+
+// A connection slot. Owns context and lock; its server's pool frees them. Slots that neighbours use
+// at the same time do not share a cache line.
+struct alignas(64) conn_node {
   redisContext* context_ = nullptr;  // null or in error state: rebuilt when it is used
   ACE_Thread_Mutex* lock_ = nullptr;
+  waiting_call* line_ = nullptr;  // who uses the slot and who waits for it
+  std::uint64_t rebuilds_ = 0;    // how often the context was replaced; guarded by the lock
 };
 
 struct server_node {

@@ -109,6 +109,7 @@ int ruvo_redis::init(const char* config) {
   }
 
   read_timeouts();
+  options_ = read_options(ruvo_cfg);
   choose_addresses();
   try {
     return build_pools();

@@ -1,10 +1,9 @@
 #include "walk.h"
 
-#include <ace/Guard_T.h>
-
 #include <optional>
 
 #include "connection.h"
+#include "connection_turn.h"
 #include "data_operation.h"
 #include "log_line.h"
 #include "ruvo_redis.h"
@@ -13,29 +12,50 @@ namespace {
 
 constexpr std::size_t visits_per_server = 2;
 
-// A visit: one send, and on a broken connection one rebuild and one more send. Null when the server
-// gave no reply. REQUIRES: the slot's lock is held.
-reply_ptr visit(ruvo_redis& redis, const command& command, conn_node& conn, server_node& server) {
-  if (!is_broken(conn.context_)) {
-    if (reply_ptr reply = exchange(*conn.context_, command.wire)) {
-      return reply;
+// A visit: one send, and on a broken connection one rebuild and one more send. A call whose command
+// another thread has sent goes on from what came of that. False when the slot's lock could not be
+// taken.
+bool visit(ruvo_redis& redis, const command& command, connection_turn& turn, server_node& server) {
+  waiting_call& call = turn.call();
+  if (!turn.wait()) {
+    return false;
+  }
+  if (turn.leads()) {
+    if (!is_broken(turn.slot().context_)) {
+      turn.exchange();
+    } else if (turn.slot().context_ != nullptr) {
+      call.note_error(*turn.slot().context_);
     }
   }
-  if (conn.context_ != nullptr && conn.context_->err != 0) {
-    RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
-             command.method, command.key, conn.context_->err, conn.context_->errstr);
+  if (call.reply) {
+    return true;
   }
-  redisContext* fresh = redis.reset_connection(conn, server.addr_);
-  if (fresh == nullptr) {
+  if (call.error != 0) {
+    RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
+             command.method, command.key, call.error, call.error_text);
+  }
+  if (!turn.leads() && !call.rebuild_failed && !turn.wait()) {
+    return false;
+  }
+  if (turn.leads()) {
+    if (turn.was_rebuilt() && !is_broken(turn.slot().context_)) {
+      turn.exchange();
+    } else if (redis.reset_connection(turn.slot(), server.addr_) != nullptr) {
+      redis.update_server_ok(&server);
+      turn.exchange();
+    } else {
+      call.rebuild_failed = true;
+      turn.share_failed_rebuild();
+    }
+  }
+  if (call.rebuild_failed) {
     redis.update_server_failed(&server, command.pool);
     RUVO_LOG(ERROR,
              "ruvo_redis::%s | key:%s, null reply and reset connection to server %s port:%d "
              "failed.",
              command.method, command.key, ip_of(server.addr_), port_of(server.addr_));
-    return nullptr;
   }
-  redis.update_server_ok(&server);
-  return exchange(*fresh, command.wire);
+  return true;
 }
 
 }  // namespace
@@ -65,7 +85,7 @@ const route raw_route{
         },
 };
 
-// Each visit holds the lock of one connection, also while the next server is chosen, and lets it go
+// Each visit has its turn at one connection, also while the next server is chosen, and lets it go
 // before the next is taken. The bound is for walks that do not come round: one that crosses pools
 // can turn for ever, and a typed one could be held for a whole retry time-out by a server that
 // accepts connections and never answers.
@@ -76,14 +96,14 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
   }
   const std::size_t first = server->index_;
   for (std::size_t visits = 1;; ++visits) {
-    std::optional<ACE_Guard<ACE_Thread_Mutex>> guard;
+    std::optional<connection_turn> turn;
     if (conn_node* conn = redis.get_conn(*server, command.pool)) {
-      guard.emplace(*conn->lock_);
-      if (!guard->locked()) {
+      turn.emplace(*server, *conn, command.wire, redis.options().auto_pipelining);
+      if (!visit(redis, command, *turn, *server)) {
         return walk_end::lock_failed;
       }
-      reply = visit(redis, command, *conn, *server);
-      if (reply) {
+      if (turn->call().reply) {
+        reply = std::move(turn->call().reply);
         return walk_end::replied;
       }
     } else {
