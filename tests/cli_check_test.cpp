@@ -198,6 +198,15 @@ TEST(CliWatch, FollowsAServerFromFailingToEjectedToRetried) {
                down.addr() + "  failing", down.addr() + "  ejected", down.addr() + "  retried, failing" + counts});
 }
 
+TEST(CliWatch, AWalkThatComesRoundEjectsNobody) {
+  const RedisServer redis;
+  const DownServer down;
+  const DownServer other;
+  const Tool tool(pools_at(down.addr() + "," + other.addr(), redis.addr(), redis.addr()));
+  const std::string counts = "  failing           reads 0  failures 2  ejections 0  retries 0  refused\n";
+  expect_told(tool, "watch --rounds 1", 5, {down.addr() + counts, other.addr() + counts});
+}
+
 TEST(CliWatch, StartsTheLibraryWhenTheFirstServerAnswers) {
   RedisServer redis;
   const Tool tool(all_pools_at(redis.addr()));

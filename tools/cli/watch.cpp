@@ -47,6 +47,7 @@ struct Server {
   std::string addr;
   State state = State::unknown;
   bool is_retried = false;  // in this round
+  bool is_visited = false;  // by this read
   long reads = 0;           // that it answered
   long failures = 0;        // visits without a reply
   long ejections = 0;       // times that the library began to leave it alone
@@ -82,6 +83,9 @@ class ServerWatch {
       server.is_retried = false;
     }
     for (std::size_t i = 0; i < turns_; ++i) {
+      for (Server& server : servers_) {
+        server.is_visited = false;
+      }
       RUVO_ExistsKey(probe_key, pool, nullptr);
       leave();
     }
@@ -106,37 +110,45 @@ class ServerWatch {
         candidate_->is_retried = true;
         ++candidate_->retries;
         break;
-      case EventKind::passed_over:
-        candidate_->ejections += candidate_->state != State::ejected ? 1 : 0;
-        candidate_->state = State::ejected;
-        break;
       case EventKind::connection_chosen:
-        is_visited_ = true;
+        is_under_way_ = true;
+        candidate_->is_visited = true;
         break;
       case EventKind::operation_done:
         candidate_->state = State::up;
         ++candidate_->reads;
-        is_visited_ = false;
+        is_under_way_ = false;
+        break;
+      case EventKind::all_servers_invalid:
+        leave();  // what is tried nevertheless stays ejected
+        break;
+      case EventKind::call_timed_out:
+        candidate_ = nullptr;
         break;
       default:
         break;
     }
   }
 
-  // A visit that ends without the line of a success has failed.
+  // A visit that ends without the line of a success has failed, and a server that was looked at and
+  // not visited is ejected, but where the walk has come round to it: the lines that say so may be
+  // kept back by log_limit.
   void leave() {
-    if (is_visited_) {
+    if (candidate_ != nullptr && is_under_way_) {
       candidate_->state = State::failing;
       ++candidate_->failures;
+    } else if (candidate_ != nullptr && !candidate_->is_visited) {
+      candidate_->ejections += candidate_->state != State::ejected ? 1 : 0;
+      candidate_->state = State::ejected;
     }
-    is_visited_ = false;
+    is_under_way_ = false;
     candidate_ = nullptr;
   }
 
   std::size_t turns_;
   std::vector<Server> servers_;
   Server* candidate_ = nullptr;
-  bool is_visited_ = false;
+  bool is_under_way_ = false;  // a visit
   LogListening listening_;
 };
 
