@@ -203,7 +203,7 @@ json report_json(const Options& options, const StartupReport& report,
     }
     pools.push_back({{"pool", pool.name},
                      {"state", state_of(pool)},
-                     {"usable", is_up(pool)},
+                     {"usable", is_up(pool) && result != RUVO_INIT_BOTH_POOLS_FAILED},
                      {"addresses", source_of(pool)},
                      {"connections", pool.connections},
                      {"auto_eject", pool.auto_eject},

@@ -310,7 +310,10 @@ int run(int argc, char** argv) {
     if (line.command == nullptr && !app.remaining().empty()) {
       throw Failure(wrong_usage, "no such command: " + app.remaining().front());
     }
-    throw Failure(wrong_usage, error.what());
+    const std::string text = error.what();
+    throw Failure(wrong_usage, text == "--config is required"
+                                   ? text + ", or RUVO_CONFIG in the environment"
+                                   : text);
   }
   line.options.pool = index_of(pool_names, pool) + 1;
   if (!level.empty()) {
