@@ -86,6 +86,9 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
   }
   if (!settings.password.empty()) {
     opened.outcome = authenticate(*opened.context, addr, settings.password);
+    if (opened.outcome == open_outcome::ready && is_broken(opened.context.get())) {
+      opened.outcome = open_outcome::unreachable;  // what came behind the answer would be next
+    }
   }
   return opened;
 }
@@ -94,7 +97,8 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
 void replace_context(conn_node& slot, context_ptr context) {
   context_ptr old(std::exchange(slot.context_, context.release()));
   ++slot.rebuilds_;
-  if (old && std::exchange(slot.is_torn_, false)) {
+  slot.is_unproven_ = true;
+  if (std::exchange(slot.is_torn_, false) && old) {
     ::close(old->fd);
     static_cast<void>(old.release());  // what another thread was changing when the process forked
   }

@@ -28,10 +28,12 @@ void wake(waiting_call& call, call_fate fate) {
   ::syscall(SYS_futex, address, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
+// Looks first: among many slots that are taken, only the free one is to be written to.
 bool take_if_free(conn_node& slot) {
-  waiting_call* free = nullptr;
-  return std::atomic_ref(slot.line_)
-      .compare_exchange_strong(free, busy, std::memory_order_acquire, std::memory_order_relaxed);
+  const std::atomic_ref line(slot.line_);
+  waiting_call* state = line.load(std::memory_order_relaxed);
+  return state == nullptr && line.compare_exchange_strong(state, busy, std::memory_order_acquire,
+                                                          std::memory_order_relaxed);
 }
 
 // Takes the slot if it is free, else gets in its line. True when the slot was taken.
@@ -120,7 +122,9 @@ std::span<waiting_call*> connection_turn::fill_batch() {
   std::size_t bytes = call_.wire->length();
   while (first_ != nullptr && batch_size_ < batch_.size() && !first_->goes_alone()) {
     if (first_->is_late()) {
-      wake(*std::exchange(first_, first_->neighbour), call_fate::served);
+      waiting_call& late = *std::exchange(first_, first_->neighbour);
+      late.is_left_out = true;
+      wake(late, call_fate::served);
       continue;
     }
     bytes += first_->wire->length();
@@ -132,7 +136,7 @@ std::span<waiting_call*> connection_turn::fill_batch() {
   return std::span(batch_).first(batch_size_);
 }
 
-void connection_turn::exchange() {
+void connection_turn::send_batch() {
   redisContext& context = *slot_->context_;
   const std::span<waiting_call*> batch = fill_batch();
   for (waiting_call* call : batch) {
@@ -141,7 +145,7 @@ void connection_turn::exchange() {
   }
   std::size_t replies = 0;
   if (batch.size() == 1) {
-    call_.reply = ::exchange(context, *call_.wire);
+    call_.reply = exchange(context, *call_.wire);
     replies = call_.reply ? 1 : 0;
   } else {
     replies = exchange_batch(context, batch);

@@ -5,7 +5,8 @@
 // share its round trips: who finds it busy leaves its command in the slot's line and sleeps. When
 // the slot becomes free, the oldest of the line leads: it takes the lock, sends all commands that
 // wait, in order of arrival, in one write, and reads their replies in order. So a thread comes back
-// from its wait either leading, with the lock, or served, its command having been sent by another.
+// from its wait either leading, with the lock, or served: with its reply, or knowing why there is
+// none. A second send gets in line anew, behind those that have come meanwhile.
 //
 // The line is one word of the slot, conn_node::line_:
 //
@@ -59,6 +60,7 @@ struct waiting_call {
   bool sent = false;                          // over a connection that
   std::uint64_t sent_after = 0;               //   had been rebuilt so often
   time_point not_after = time_point::max();   // left out of batches then
+  bool is_left_out = false;                   // for being late
   bool rebuild_failed = false;                // by the thread that led
   int error = 0;                              // of the broken connection; 0: it told of none
   decltype(redisContext::errstr) error_text;  // of that error
@@ -92,7 +94,7 @@ class connection_turn {
   // Sends the command, and with it those that wait, and hands out the replies. Those that get none
   // are woken at once, the others when this thread leaves or has to wait for the next reply.
   // REQUIRES: leads(), and the context is not broken.
-  void exchange();
+  void send_batch();
 
   // Tells those that wait that the connection could not be rebuilt: they share that, too.
   // REQUIRES: leads().

@@ -23,7 +23,10 @@ bool admits(log_place& place, std::uint64_t limit, unsigned long long& kept_back
   std::uint64_t window = place.window.load(std::memory_order_relaxed);
   std::uint64_t next = 0;
   do {
-    next = (window & ~count_mask) == now ? window + 1 : now + 1;
+    // A second ahead is that of a thread that has looked at the clock just after this one.
+    const std::uint64_t second = window & ~count_mask;
+    const bool is_open = second == now || second == now + count_mask + 1;
+    next = is_open ? window + 1 : now + 1;
     if ((next & count_mask) > limit) {
       place.kept_back.fetch_add(1, std::memory_order_relaxed);
       return false;

@@ -2,8 +2,8 @@
 //
 // The lists do not change between start-up and shut-down and are read without a lock. The counters
 // and the failure state are plain fields that all threads share: they are touched through atomic
-// references only. A slot's context is touched only by the thread that holds the slot's lock; the
-// line of those who wait for it is told in connection_turn.h.
+// references only. A slot's context is touched only by the thread that holds the slot's lock, and
+// by the handler of a fork; the line of those who wait for it is told in connection_turn.h.
 #ifndef RUVO_SERVER_POOL_H
 #define RUVO_SERVER_POOL_H
 
@@ -29,6 +29,7 @@ struct conn_node {
   ACE_Thread_Mutex* lock_ = nullptr;
   waiting_call* line_ = nullptr;  // who uses the slot and who waits for it
   std::uint64_t rebuilds_ = 0;    // how often the context was replaced; guarded by the lock
+  bool is_unproven_ = false;      // nothing has been answered on it since; guarded by the lock
   bool is_torn_ = false;          // the context was in use when the process forked
 };
 

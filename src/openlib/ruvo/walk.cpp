@@ -1,6 +1,7 @@
 #include "walk.h"
 
 #include <optional>
+#include <utility>
 
 #include "connection.h"
 #include "connection_turn.h"
@@ -24,49 +25,68 @@ bool is_out_of_time(const ruvo_redis& redis, const command& command) {
   return true;
 }
 
-// The first send, by this thread or by another that leads. The call then has its reply, or knows
-// why there is none. False when the slot's lock could not be taken.
-bool send_first(connection_turn& turn) {
+// The first send, by this thread or by another that leads. Without a reply, the call knows why.
+visit_end send_first(ruvo_redis& redis, const command& command, connection_turn& turn) {
+  waiting_call& call = turn.call();
   if (!turn.wait()) {
-    return false;
+    return visit_end::lock_failed;
+  }
+  if (call.is_left_out || (turn.leads() && call.is_late())) {
+    is_out_of_time(redis, command);
+    return visit_end::out_of_time;
   }
   if (turn.leads()) {
     if (!is_broken(turn.slot().context_)) {
-      turn.exchange();
+      turn.send_batch();
     } else if (turn.slot().context_ != nullptr) {
-      turn.call().note_error(*turn.slot().context_);
+      call.note_error(*turn.slot().context_);
     }
   }
-  return true;
+  return call.reply ? visit_end::replied : visit_end::no_reply;
 }
 
-// What follows a first send without a reply, with the lock: a connection that nobody has rebuilt
-// since is rebuilt, and the command sent once more.
-visit_end rebuild_and_send(ruvo_redis& redis, const command& command, connection_turn& turn,
-                           server_node& server) {
+// What follows a first send without a reply: a connection that nobody has rebuilt since is rebuilt,
+// and the command sent once more.
+visit_end send_again(ruvo_redis& redis, const command& command, connection_turn& turn,
+                     server_node& server) {
   waiting_call& call = turn.call();
-  const bool is_rebuilt = turn.was_rebuilt() && !is_broken(turn.slot().context_);
-  if (!is_rebuilt) {
-    if (is_out_of_time(redis, command)) {
-      return visit_end::out_of_time;
-    }
-    if (redis.reset_connection(turn.slot(), server.addr_) == nullptr) {
-      call.rebuild_failed = true;
-      turn.share_failed_rebuild();
-      return visit_end::no_reply;
-    }
-    if (!redis.options().eject_silent_servers) {
-      redis.update_server_ok(&server);
-    }
-  }
   if (is_out_of_time(redis, command)) {
     return visit_end::out_of_time;
   }
-  turn.exchange();
-  if (call.reply && !is_rebuilt && redis.options().eject_silent_servers) {
+  if (!turn.leads()) {
+    call.not_after = command.not_after;
+    if (!turn.wait()) {
+      return visit_end::lock_failed;
+    }
+    if ((turn.leads() || call.is_left_out) && is_out_of_time(redis, command)) {
+      return visit_end::out_of_time;
+    }
+  }
+  if (turn.leads()) {
+    if (!turn.was_rebuilt() || is_broken(turn.slot().context_)) {
+      if (redis.reset_connection(turn.slot(), server.addr_) == nullptr) {
+        call.rebuild_failed = true;
+        turn.share_failed_rebuild();
+        return visit_end::no_reply;
+      }
+      if (!redis.options().eject_silent_servers) {
+        redis.update_server_ok(&server);
+      }
+      if (is_out_of_time(redis, command)) {
+        return visit_end::out_of_time;
+      }
+    }
+    turn.send_batch();
+  }
+  return call.reply ? visit_end::replied : visit_end::no_reply;
+}
+
+// With eject_silent_servers it is an answer on a rebuilt connection that clears the failures.
+void note_reply(ruvo_redis& redis, connection_turn& turn, server_node& server) {
+  if (turn.leads() && std::exchange(turn.slot().is_unproven_, false) &&
+      redis.options().eject_silent_servers) {
     redis.update_server_ok(&server);
   }
-  return visit_end::no_reply;
 }
 
 // A visit: one send, and on a broken connection one rebuild and one more send. A call whose command
@@ -74,37 +94,28 @@ visit_end rebuild_and_send(ruvo_redis& redis, const command& command, connection
 visit_end visit(ruvo_redis& redis, const command& command, connection_turn& turn,
                 server_node& server) {
   waiting_call& call = turn.call();
-  if (!send_first(turn)) {
-    return visit_end::lock_failed;
-  }
-  if (call.reply) {
-    return visit_end::replied;
-  }
-  if (call.error != 0) {
-    RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
-             command.method, command.key, call.error, call.error_text);
-  }
-  visit_end end = visit_end::no_reply;
-  if (!call.rebuild_failed) {
-    if (is_out_of_time(redis, command)) {
-      end = visit_end::out_of_time;
-    } else if (call.not_after = command.not_after; !turn.leads() && !turn.wait()) {
-      return visit_end::lock_failed;
-    } else if (turn.leads()) {
-      end = rebuild_and_send(redis, command, turn, server);
+  visit_end end = send_first(redis, command, turn);
+  if (end == visit_end::no_reply) {
+    if (call.error != 0) {
+      RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
+               command.method, command.key, call.error, call.error_text);
+    }
+    if (!call.rebuild_failed) {
+      end = send_again(redis, command, turn, server);
+    }
+    if (call.rebuild_failed) {
+      redis.update_server_failed(&server, command.pool);
+      RUVO_LOG(ERROR,
+               "ruvo_redis::%s | key:%s, null reply and reset connection to server %s port:%d "
+               "failed.",
+               command.method, command.key, ip_of(server.addr_), port_of(server.addr_));
+    } else if (end != visit_end::replied && redis.options().eject_silent_servers &&
+               !command.wire.refused()) {
+      redis.update_server_failed(&server, command.pool);
     }
   }
-  if (call.reply) {
-    return visit_end::replied;
-  }
-  if (call.rebuild_failed) {
-    redis.update_server_failed(&server, command.pool);
-    RUVO_LOG(ERROR,
-             "ruvo_redis::%s | key:%s, null reply and reset connection to server %s port:%d "
-             "failed.",
-             command.method, command.key, ip_of(server.addr_), port_of(server.addr_));
-  } else if (redis.options().eject_silent_servers && !command.wire.refused()) {
-    redis.update_server_failed(&server, command.pool);
+  if (end == visit_end::replied) {
+    note_reply(redis, turn, server);
   }
   return end;
 }
