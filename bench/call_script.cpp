@@ -105,6 +105,9 @@ int run(int argc, char** argv) {
                   one.more);
     } else {
       count("library " + operation.name, operation.through_library);
+      if (operation.through_cpp) {
+        count("ruvo.hpp " + operation.name, operation.through_cpp);
+      }
       count("hiredis " + operation.name, bare);
       if (operation.name == "GET") {
         const LogFile log;

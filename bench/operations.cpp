@@ -1,6 +1,6 @@
 #include "operations.h"
 
-#include <ruvo/ruvo.h>
+#include <ruvo/ruvo.hpp>
 
 #include <algorithm>
 #include <cstring>
@@ -10,6 +10,7 @@
 namespace {
 
 constexpr int pool = eTempServer;
+constexpr ruvo::pool cpp_pool(eTempServer);
 
 // Keeps what is computed only to be measured.
 void keep(const void* pointer) { asm volatile("" : : "g"(pointer) : "memory"); }
@@ -83,19 +84,30 @@ std::vector<Operation> operations_on(std::size_t bytes) {
 
   std::vector<Operation> all;
   const auto add = [&all, bytes](const char* name, std::function<void()> through_library,
-                                 std::vector<Command> commands) {
-    all.push_back({name, bytes, std::move(through_library), std::move(commands)});
+                                 std::vector<Command> commands,
+                                 std::function<void()> through_cpp = nullptr) {
+    all.push_back(
+        {name, bytes, std::move(through_library), std::move(commands), std::move(through_cpp)});
   };
   // Strings.
-  add("SET", [=] { require_ok(RUVO_InsertKey(text, value, bytes, -1, pool, nullptr)); },
-      {command(REDIS_REPLY_STATUS, "SET %s %b", text, value, bytes)});
-  add("GET",
+  add(
+      "SET", [=] { require_ok(RUVO_InsertKey(text, value, bytes, -1, pool, nullptr)); },
+      {command(REDIS_REPLY_STATUS, "SET %s %b", text, value, bytes)},
+      [=] {
+        require_ok(cpp_pool.set(text, {value, bytes}).code());
+      });
+  add(
+      "GET",
       [=] {
         Buffer read;
         require_ok(RUVO_QueryKey(text, &read.data, &read.len, pool, nullptr));
         require(read.len == bytes);
       },
-      {get});
+      {get},
+      [=] {
+        const auto read = cpp_pool.get(text);
+        require(read && read->size() == bytes);
+      });
   add("EXISTS", [=] { require_ok(RUVO_ExistsKey(text, pool, nullptr)); },
       {command(REDIS_REPLY_INTEGER, "EXISTS %s", text)});
   add("INCR",
@@ -105,13 +117,18 @@ std::vector<Operation> operations_on(std::size_t bytes) {
       },
       {command(REDIS_REPLY_INTEGER, "INCR %s", "bench:count")});
   // Any command: the reply itself is the result, so there is no copy.
-  add("raw GET",
+  add(
+      "raw GET",
       [=] {
         auto* reply = static_cast<redisReply*>(RUVO_ExecRedisCmd(pool, "GET %s", text));
         require(reply != nullptr && reply->type == REDIS_REPLY_STRING);
         RUVO_FreeReplyObject(reply);
       },
-      {command(REDIS_REPLY_STRING, "GET %s", text)});
+      {command(REDIS_REPLY_STRING, "GET %s", text)},
+      [=] {
+        const auto reply = cpp_pool.command("GET", text);
+        require(reply && reply->type() == REDIS_REPLY_STRING);
+      });
   // Hashes.
   add("HSET", [=] { require_ok(RUVO_HashSet(hash, "field", 5, value, bytes, -1, pool, nullptr)); },
       {command(REDIS_REPLY_INTEGER, "HSET %s %b %b", hash, "field", std::size_t{5}, value, bytes)});

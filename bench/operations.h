@@ -40,6 +40,7 @@ struct Operation {
   std::size_t bytes;  // of each value, field value, element or member
   std::function<void()> through_library;
   std::vector<Command> commands;
+  std::function<void()> through_cpp = nullptr;  // the same with ruvo.hpp, where that is measured
 };
 
 // All operations on values of this size. Elements of lists and members of sets are as long; there

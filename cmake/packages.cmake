@@ -49,9 +49,8 @@ This package has the shared library and its stream logger.")
 
 set(CPACK_DEBIAN_DEVEL_PACKAGE_NAME libruvo-dev)
 set(CPACK_DEBIAN_DEVEL_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION})")
-# Raw commands hand over replies of hiredis, whose header a program then needs.
-set(CPACK_DEBIAN_DEVEL_PACKAGE_RECOMMENDS libhiredis-dev)
+# Raw commands hand over replies of hiredis: ruvo.hpp includes its header.
+set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION}), libhiredis-dev")
 set(CPACK_DEBIAN_DEVEL_DESCRIPTION "Redis for multi-threaded server processes (development files)
 ${about}
 

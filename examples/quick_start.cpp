@@ -1,24 +1,21 @@
 // The smallest host, complete: stores a value and reads it back.
 //
 //   quick_start [LOCAL-CONFIGURATION]     (sruvo.conf)
-#include <ruvo/ruvo.h>
 #include <stream_log/logger.h>
+#include <ruvo/ruvo.hpp>
 
-#include <cstdio>
+#include <iostream>
 
 int main(int argc, char** argv) {
   BaseLib::Logger::setLogLevel(BaseLib::Logger::WARN);
-  if (const int ret = RUVO_Init(argc > 1 ? argv[1] : "sruvo.conf")) {
-    std::printf("RUVO_Init: %s\n", ruvo_result_text(ret));
+  const ruvo::library library(argc > 1 ? argv[1] : "sruvo.conf");
+  if (!library) {
+    std::cerr << ruvo_result_text(library.code()) << '\n';
     return 1;
   }
-  RUVO_InsertKey("user:7", "Ada", 3, 3600, eTempServer, nullptr);
-
-  const char* data = nullptr;
-  unsigned long len = 0;
-  if (RUVO_QueryKey("user:7", &data, &len, eTempServer, nullptr) == RUVO_OK) {
-    std::printf("user:7 is %.*s\n", static_cast<int>(len), data);
-    RUVO_FreeResult(data);
+  const ruvo::pool temp(eTempServer);
+  temp.set("user:7", "Ada", std::chrono::hours(1));
+  if (const auto name = temp.get("user:7")) {
+    std::cout << "user:7 is " << std::string_view(*name) << '\n';
   }
-  return RUVO_Fini();
 }

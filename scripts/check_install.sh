@@ -11,7 +11,7 @@ prefix=$work/prefix
 cmake --install build/release --prefix "$prefix" >/dev/null
 
 missing=0
-for file in include/ruvo/{ruvo,busin_config,sutils}.h include/stream_log/logger.h \
+for file in include/ruvo/{ruvo,busin_config,sutils}.h include/ruvo/{ruvo,results,arguments}.hpp include/stream_log/logger.h \
   lib/libruvo.so.1 lib/libstream_log.so.1 lib/cmake/ruvo/ruvoConfig.cmake \
   lib/pkgconfig/{ruvo,stream_log}.pc include/ruvo/log_{io,mutex,cfg}.h; do
   [ -e "$prefix/$file" ] || { echo "not installed: $file" >&2; missing=1; }
@@ -25,6 +25,7 @@ cmake --build "$work/hosts" >/dev/null
 cmake -S "$examples/installed_package" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/build" >/dev/null
 "$work/build/program"
+"$work/build/program_17"
 
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 # shellcheck disable=SC2046  # pkg-config prints words

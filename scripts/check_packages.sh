@@ -75,6 +75,7 @@ link=-Wl,-rpath-link,$1/usr/lib/$(cc -print-multiarch)
 cmake -G Ninja -S "$examples/installed_package" -B "$2/build"
 cmake --build "$2/build"
 "$2/build/program"
+"$2/build/program_17"
 cmake -G Ninja -S "$examples" -B "$2/hosts"
 cmake --build "$2/hosts"
 cc -std=c99 -Wall -Werror "$examples/installed_package/program.c" -o "$2/program_c" \
