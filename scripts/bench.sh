@@ -26,13 +26,13 @@ gnuplot <<'PLOT'
 set datafile separator ","
 set datafile columnheaders
 set datafile missing NaN
-set terminal svg size 900,450 font "sans,13" background "white"
+set terminal svg size 900,450 noenhanced font "sans,13" background "white"
 set grid
 set logscale x 2
 set xrange [0.9:70]
 set xtics (1, 2, 4, 8, 16, 64)
 sides = "library shared hiredis pool"
-titles = "'library' 'shared: with auto\_pipelining' 'bare hiredis' 'hand-written pool'"
+titles = "'library' 'shared: with auto_pipelining' 'bare hiredis' 'hand-written pool'"
 set key below
 # An operation at 100 B on loopback by one side; others are no numbers and are left out.
 of(name, side, value) = strcol("operation") eq name && column("bytes") == 100 && strcol("log") eq "WARN" \
@@ -78,8 +78,8 @@ plot for [i = 1:words(sides)] "performance.csv" \
   using "connections":(of("GET", word(sides, i), by(64, thousands("calls_per_s")))):(thousands("calls_per_s_q1")):(thousands("calls_per_s_q3")) \
   with yerrorlines linecolor i pointtype 7 pointsize 0.5 title word(titles, i)
 set logscale y
-set yrange [100:*]
-set title "latency, microseconds: median, and 99th percentile (dashed)"
+set yrange [10:*]
+set title "latency, µs: median, and 99th percentile (dashed)"
 plot for [i = 1:words(sides)] "performance.csv" \
     using "connections":(of("GET", word(sides, i), by(64, column("p50_us")))) \
     with linespoints linecolor i pointtype 7 pointsize 0.5 title word(titles, i), \
