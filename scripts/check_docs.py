@@ -9,7 +9,8 @@ blocks are handled in order, by their info string:
 
     sh         run with bash -euo pipefail
     ini, yaml  written to the file that the first line names, as "# ruvo_redis.conf"
-    cpp, c     complete files: compiled with warnings as errors, and run if they have a main
+    cpp, c     complete programs: built with the line that the document shows for the file, or with its
+               first such line, with warnings as errors, and run
     cmake      a CMakeLists.txt, whose first line names it: configured and built
     text       output and pictures: left alone
 
@@ -57,11 +58,8 @@ MUST_HOLD = {
     "docs/operations.md": {"sh", "cpp"},
 }
 
-# pkg-config's name for what an #include asks for.
-PACKAGES = {"<ruvo/": "ruvo", "<stream_log/": "stream_log", "<spdlog/": "spdlog"}
-
-WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wshadow", "-Werror"]
-COMPILERS = {"cpp": ["c++", "-std=c++20"], "c": ["cc", "-std=c99"]}
+WARNINGS = "-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror"
+COMPILERS = {"cpp": "c++", "c": "cc"}
 FILE_NAME = re.compile(r"(?:#|//) ([\w./-]+\.\w+)$")
 
 
@@ -106,7 +104,7 @@ class Ports:
     """Documents show the usual ports; here each stands for one that the kernel hands out. This is
     the one place where what is run differs from what is shown."""
 
-    SHOWN = re.compile(r"(127\.0\.0\.\d+:|(?<!\S)(?:-p|-s|--port) )(\d{4,5})\b")
+    SHOWN = re.compile(r"(127\.0\.0\.\d+:|(?<!\S)(?:-p|-s|--port|--tls-port) )(\d{4,5})\b")
 
     def __init__(self):
         self.held = {}
@@ -229,16 +227,23 @@ class Sandbox:
         self.command(["bash", "-euo", "pipefail", "-c", script])
 
     def run_program(self, block):
-        source = self.output.with_suffix("." + block.kind)
-        source.write_text(self.ports.replace(block.text))
-        program = str(self.output.with_suffix(".program"))
-        packages = [name for text, name in PACKAGES.items() if text in block.text]
-        flags = self.command(["pkg-config", "--cflags", "--libs", *packages]).split() if packages else []
-        has_main = re.search(r"^int main\(", block.text, re.MULTILINE)
-        self.command([*COMPILERS[block.kind], *WARNINGS, *([] if has_main else ["-c"]), str(source),
-                      "-o", program, *flags])
-        if has_main:
-            self.command([program])
+        source = self.write(block)
+        program = self.output.with_suffix(".program")
+        self.command(["bash", "-euo", "pipefail", "-c",
+                      re.sub(r" \S+ -o \S+", f" {WARNINGS} {source} -o {program}", block.built_with)])
+        self.command([str(program)])
+
+
+def find_build_lines(document, blocks):
+    """Gives each program the line that the document builds it with."""
+    for block in blocks:
+        if block.kind not in COMPILERS:
+            continue
+        shown = [line.strip() for other in blocks if other.kind == "sh" for line in other.text.splitlines()
+                 if re.match(rf"\s*{re.escape(COMPILERS[block.kind])} .* -o ", line)]
+        if not block.file or not shown:
+            raise Refused(f"{document}:{block.line}: a program without a name or a line that builds it")
+        block.built_with = next((line for line in shown if f" {block.file} " in line), shown[0])
 
 
 def refuse_mistakes(document, blocks):
@@ -253,6 +258,7 @@ def refuse_mistakes(document, blocks):
         raise Refused(f"{document}: a file is written twice")
     if missing := MUST_HOLD.get(document, set()) - {block.kind for block in blocks}:
         raise Refused(f"{document}: shows no block of: {', '.join(sorted(missing))}")
+    find_build_lines(document, blocks)
 
 
 def refuse_missing_lines(document):

@@ -1,47 +1,12 @@
-// ruvo_cli, run as an operator runs it.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
+// ruvo_cli's operations, its refusals and its load.
 #include <fstream>
 #include <iterator>
 
+#include "cli_tool.h"
 #include "operations.h"
 #include "servers.h"
 
 namespace {
-
-struct Ended {
-  int status;
-  std::string output;  // standard output, and standard error behind it where it was asked for
-};
-
-Ended shell(const std::string& command) {
-  // NOLINTNEXTLINE(cert-env33-c): the commands of this file
-  FILE* pipe = popen(command.c_str(), "re");
-  std::string output;
-  std::array<char, 4096> part{};
-  for (std::size_t length = 1; length > 0; output.append(part.data(), length)) {
-    length = fread(part.data(), 1, part.size(), pipe);
-  }
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
-// The tool on a configuration of its own.
-class Tool {
- public:
-  explicit Tool(const std::string& common, const std::string& server = "")
-      : config_(common, server) {}
-  std::string command(const std::string& arguments) const {
-    return std::string(RUVO_CLI) + " --config " + config_.path() + " " + arguments;
-  }
-  Ended run(const std::string& arguments) const { return shell(command(arguments) + " 2>&1"); }
-
- private:
-  HostConfig config_;
-};
 
 TEST(Cli, RunsEveryOperation) {
   const RedisServer redis;
@@ -92,14 +57,17 @@ TEST(Cli, RunsEveryOperation) {
       {"lrange l 0 -1", 0, "b\na\n"},
       {"rpop l", 0, "a\n"},
       {"lrem l 0 b", 0, ""},
-      {"lrem l 0 b", 2, "ruvo_cli: lrem: nothing to do\n"},
+      {"lrem l 0 b", 2, "ruvo_cli: lrem: no such element\n"},
       {"ltrim l 0 1", 0, ""},
       {"sadd s 'a b'", 0, ""},
-      {"sadd s 'a b'", 2, "ruvo_cli: sadd: nothing to do\n"},
+      {"sadd s 'a b'", 2, "ruvo_cli: sadd: already a member\n"},
       {"sismember s 'a b'", 0, ""},
       {"smembers s", 0, "a b\n"},
       {"srem s 'a b'", 0, ""},
-      {"raw EVAL 'return {1,{\"%s\",false}}' 0", 0, "1\n%s\n(nil)\n"},
+      {"sismember s 'a b' --json", 2,
+       R"({"command":"sismember","pool":"temp","result":-2,"text":"not a member"})"
+       "\n"},
+      {"raw EVAL 'return {1,{\"%s\",false}}' 0", 0, "1) 1\n2) 1) %s\n   2) (nil)\n"},
       {"--json raw EVAL 'return {1,{\"%s\",false}}' 0", 0,
        R"({"command":"raw","pool":"temp","result":0,"text":"success","value":[1,["%s",null]]})"
        "\n"},
@@ -150,6 +118,13 @@ TEST(Cli, SaysWhatIsWrong) {
       {"get k --log-file /dev/full --log-level INFO", 74, "cannot write the log /dev/full"},
       {"--help > /dev/full", 74, ""},
       {"--log-level TRACE get k 2>&-", 0, ""},
+      {"load --mix raw=1 --raw ''", 64, "--raw has no words"},
+      {"get -h", 0, "   1  it is not there (library results 1, 10402)\n   3  no server"},
+      {"sadd -h", 0, "   2  already a member (-2)"},
+      {"watch -h", 0, "   7  some were not"},
+      {"load -h", 0, "smembers raw\n"},
+      {"raw Multi", 0, "raw: warning: Multi changes or holds one connection"},
+      {"raw client reply on", 0, "warning: client changes"},
       {"raw FLY", 3, "ERR unknown command 'FLY'"},
       {"--log-level INFO hlen none", 0, "hash_fields_num | do_exec_command success!"},
   };
@@ -159,91 +134,12 @@ TEST(Cli, SaysWhatIsWrong) {
     EXPECT_EQ(run.status, one.status) << one.arguments;
     EXPECT_NE(run.output.find(one.told), std::string::npos) << one.arguments << ": " << run.output;
   }
-  EXPECT_EQ(shell(std::string(RUVO_CLI) + " --config /none get k 2>/dev/null").status, 4);
+  EXPECT_EQ(shell("RUVO_CONFIG=" + tool.path() + " " RUVO_CLI " get k").output, "v\n");
   EXPECT_EQ(shell(std::string(RUVO_CLI) + " --version").output, "ruvo_cli " RUVO_VERSION "\n");
   EXPECT_EQ(tool.run("--log-file " + dir.path("log") + " raw FLY").status, 3);
   std::ifstream log(dir.path("log"));
   const std::string lines{std::istreambuf_iterator<char>(log), {}};
   EXPECT_NE(lines.find("ERROR"), std::string::npos);
-}
-
-TEST(Cli, CheckTellsOfPoolsServersAndConnections) {
-  const RedisServer redis;
-  const RedisServer guarded("--requirepass right");
-  const DownServer down;
-  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
-  const ScriptedServer closing([](Peer& peer) { peer.read_command(); });
-  struct {
-    std::string common;
-    std::string server;
-    int status;
-    std::vector<std::string> told;
-  } const cases[] = {
-      {all_pools_at(redis.addr()),
-       "p_connect_num = 2\nt_auto_eject_server = 0\nps_server_retry_timeout = 7",
-       0,
-       {"result         0, success",
-        "temp         up     configured  2 to each server  after 5 failures, for 30 s",
-        "persist      up     configured  2 to each server  never",
-        "personality  up     configured  2 to each server  after 5 failures, for 7 s",
-        "persist      " + redis.addr() + "  2/2\n"}},
-      {pools_at(redis.addr() + "," + down.addr(), redis.addr(), redis.addr()),
-       "p_connect_num = 3",
-       7,
-       {"temp         up in part", down.addr() + "  0/3  3 refused"}},
-      {pools_at(down.addr(), redis.addr(), redis.addr()),
-       "",
-       5,
-       {"result         1, the temporary pool failed"}},
-      {pools_at("", redis.addr(), "here"),
-       "",
-       5,
-       {"personality  an address list is empty or malformed (10109)", "invalid server addr:here"}},
-      {pools_at(guarded.addr(), redis.addr(), silent.addr()) + "socket_timeout = 100",
-       "p_password = wrong\nps_password = x",
-       5,
-       {"temp         no connection", guarded.addr() + "  0/1  1 wrong password",
-        silent.addr() + "  0/1  1 password not answered"}},
-      {pools_at(redis.addr(), redis.addr(), closing.addr()),
-       "ps_password = x",
-       5,
-       {"personality  no connection", closing.addr() + "  0/1  1 closed on the password"}},
-      {pools_at(guarded.addr(), redis.addr(), redis.addr()),
-       "",
-       5,
-       {"temp         no answer to commands", "NOAUTH", "persist      up"}},
-      {pools_at("127.0.0.1:3000000000," + redis.addr(), redis.addr(), redis.addr()),
-       "p_server_failure_limit = -1",
-       7,
-       {"never", "0/1  1 no such port", "temp         up in part"}},
-  };
-  for (const auto& one : cases) {
-    const Tool tool(one.common, one.server);
-    const Ended run = tool.run("check");
-    EXPECT_EQ(run.status, one.status) << run.output;
-    for (const std::string& part : one.told) {
-      EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output;
-    }
-    EXPECT_EQ(tool.run("check --json").output.substr(0, 2), "{\"");
-  }
-}
-
-TEST(Cli, WatchFollowsAServerFromFailingToEjectedToRetried) {
-  const RedisServer redis;
-  const DownServer down;
-  const Tool tool(all_pools_at(redis.addr() + "," + down.addr()),
-                  "p_server_failure_limit = 1\np_server_retry_timeout = 2");
-  const Ended run = tool.run("watch --rounds 4");
-  EXPECT_EQ(run.status, 0);
-  EXPECT_NE(run.output.find(redis.addr() +
-                            "  up                reads 8  failures 0  ejections 0  retries 0"),
-            std::string::npos)
-      << run.output;
-  for (const std::string state :
-       {"failing", "ejected", "retried, failing  reads 0  failures 2  ejections 1  retries 1"}) {
-    EXPECT_NE(run.output.find(down.addr() + "  " + state), std::string::npos) << state << "\n"
-                                                                              << run.output;
-  }
 }
 
 TEST(Cli, LoadMeasuresAndCleansUp) {
@@ -255,10 +151,26 @@ TEST(Cli, LoadMeasuresAndCleansUp) {
   }
   const Ended run = tool.run("load --threads 2 --seconds 1 --keys 10 --mix " + mix);
   EXPECT_EQ(run.status, 0) << run.output;
-  for (const std::string part : {"   1 s  ", " 0 failed\n", "failed      0\n", "99.9%  ", "####"}) {
+  for (const std::string part :
+       {"   1 s  ", " 0 failed in this second\n", "failed      0\n", "99.9%  ", "####"}) {
     EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output;
   }
   EXPECT_EQ(redis.ask("DBSIZE"), "0");
+}
+
+TEST(Cli, LoadCountsFailuresAndTellsWhatItLeaves) {
+  const RedisServer redis("--rename-command DEL ''");
+  const Tool tool(all_pools_at(redis.addr()));
+  const Ended run = tool.run(
+      "load --json --threads 1 --seconds 1 --keys 20 --mix set=1,raw=1 --raw 'HGET {key} f'");
+  EXPECT_EQ(run.status, 3) << run.output;
+  for (const std::string part :
+       {R"("keys_left":40,)", "up to 40 keys ruvo_cli:load:* could not be deleted"}) {
+    EXPECT_NE(run.output.find(part), std::string::npos) << run.output;
+  }
+  EXPECT_EQ(run.output.find(R"("failed":0,)"), std::string::npos) << run.output;
+  EXPECT_EQ(redis.ask("DBSIZE"), "40");
+  EXPECT_EQ(redis.ask("TTL ruvo_cli:load:string:7").substr(0, 1), "3");  // of 3600
 }
 
 }  // namespace

@@ -1,15 +1,15 @@
 /// @file
-/// BaseLib::Logger: a stream for one log line.
+/// BaseLib::Logger: a stream for a single log line.
 ///
 ///     using BaseLib::Logger;
 ///     Logger(__FILE__, __LINE__, Logger::INFO).stream() << "started, pid " << pid;
 ///
-/// The object collects the text of one line; its destructor hands the finished line to the output
-/// in a single call, so that lines of different threads never mix. A line reads
+/// The object collects one line; its destructor passes the whole line to the output in a single
+/// call, so that lines from different threads never mix. A line looks like this:
 ///
 ///     2024-05-01 12:30:15.123456 4711 INFO server.cpp:42 started, pid 4711
 ///
-/// (local time, thread id, level, file and line, text). By default it goes to standard error with
+/// (local time, thread id, level, file and line, text). By default it goes to standard error in
 /// one write(2). A host that logs elsewhere sets an output once:
 ///
 ///     void to_syslog(BaseLib::Logger::LogLevel level, const char* line, std::size_t length) {
@@ -18,30 +18,30 @@
 ///     ...
 ///     BaseLib::Logger::setOutput(to_syslog);
 ///
-/// A host in C does the same with stream_log_set_output and stream_log_set_level.
+/// Hosts in C use stream_log_set_output and stream_log_set_level.
 ///
-/// Or it brings its own libstream_log.so.1: a library built from this header that defines what is
-/// declared here and not defined inline.
+/// Alternatively it provides its own libstream_log.so.1, built from this header, that defines
+/// everything declared here and not defined inline.
 ///
-/// The constructor does not look at the threshold: who logs tests logLevel() first and does not
-/// build a line that nobody will see. No level ends the process, FATAL included.
+/// The constructor does not check the threshold: test logLevel() first, to avoid building a line
+/// that nobody will see. No level, FATAL included, ends the process.
 ///
-/// Threads: setLogLevel, setOutput and the writing of lines are safe from any number of threads. An
-/// output is called from every thread that logs, possibly from several at once. A Logger object
-/// itself belongs to one thread.
+/// Threads: setLogLevel, setOutput and logging are safe from any number of threads. The output is
+/// called from every thread that logs, possibly from several at once. A Logger object belongs to
+/// one thread.
 #ifndef STREAM_LOG_LOGGER_H
 #define STREAM_LOG_LOGGER_H
 
 #include <stddef.h>
 
-/// The levels by number, the same as BaseLib::Logger's.
+/// The levels of BaseLib::Logger, for C.
 enum StreamLogLevel {
-  STREAM_LOG_TRACE = 0,  ///< of no use but to developers
+  STREAM_LOG_TRACE = 0,  ///< for developers only
   STREAM_LOG_DEBUG = 1,  ///< each step of a call
   STREAM_LOG_INFO = 2,   ///< each call
-  STREAM_LOG_WARN = 3,   ///< something went wrong, and was dealt with
+  STREAM_LOG_WARN = 3,   ///< something went wrong and was handled
   STREAM_LOG_ERROR = 4,  ///< something went wrong
-  STREAM_LOG_FATAL = 5   ///< the host cannot go on
+  STREAM_LOG_FATAL = 5   ///< the host cannot continue
 };
 
 #ifdef __cplusplus
@@ -49,19 +49,19 @@ extern "C" {
 #endif
 
 /// @name For hosts in C
-/// The same threshold and output as BaseLib::Logger's. Safe from any number of threads; they do not
-/// block.
+/// Threshold and output are shared with BaseLib::Logger. Safe from any number of threads; none of
+/// these functions blocks.
 /// @{
 
-/// The threshold: lines of a lower level are not written.
+/// Returns the threshold; lines of a lower level are not written.
 __attribute__((visibility("default"))) int stream_log_level(void);
 
-/// Sets the threshold; a number below or above the levels stands for the lowest or highest of them.
+/// Sets the threshold. Numbers outside the range of levels stand for the lowest or highest one.
 __attribute__((visibility("default"))) void stream_log_set_level(int level);
 
-/// Where lines go from now on; null: back to standard error. `line` has `length` bytes, the last of
-/// them a newline, followed by a zero byte. The text is the logger's and is gone when the output
-/// returns. It is called from every thread that logs, possibly from several at once.
+/// Sets where lines go from now on; null: back to standard error. `line` has `length` bytes, the
+/// last of them a newline, followed by a zero byte, and is valid only during the call. The output
+/// is called from every thread that logs, possibly from several at once.
 __attribute__((visibility("default"))) void stream_log_set_output(void (*output)(int level,
                                                                                  const char* line,
                                                                                  size_t length));
@@ -76,20 +76,20 @@ __attribute__((visibility("default"))) void stream_log_set_output(void (*output)
 #include <ostream>
 #include <sstream>
 
-/// What hosts and libraries share.
+/// Shared by hosts and libraries.
 namespace BaseLib {
 
-/// A stream for one log line, see the head of this file.
+/// A stream for a single log line, see the top of this file.
 class __attribute__((visibility("default"))) Logger {
  public:
-  /// From the least to the most serious.
+  /// Severity, in increasing order.
   enum LogLevel { TRACE, DEBUG, INFO, WARN, ERROR, FATAL };
 
-  /// A source file's name: the part of a path after its last '/'. Keeps a pointer into the text
-  /// that it is given, which must outlive it; __FILE__ does.
+  /// A source file's name: the part of a path after its last '/'. Keeps a pointer into the given
+  /// string, which must outlive it; __FILE__ does.
   class SourceFile {
    public:
-    /// Null stands for the empty name.
+    /// Null stands for "".
     SourceFile(const char* path) : name_(path != nullptr ? path : "") {  // NOLINT: converts
       if (const char* slash = std::strrchr(name_, '/')) {
         name_ = slash + 1;
@@ -102,26 +102,26 @@ class __attribute__((visibility("default"))) Logger {
     const char* name_;
   };
 
-  /// Takes a finished line: `length` bytes, the last of them a newline, followed by a zero byte.
-  /// The text is the logger's and is gone when the call returns. Must not throw.
+  /// Receives a finished line: `length` bytes, the last of them a newline, followed by a zero byte.
+  /// The line is valid only during the call. Must not throw.
   typedef void (*Output)(LogLevel level, const char* line, std::size_t length);
 
-  /// Begins a line that stands for a place in the source.
+  /// Begins a line, with its place in the source.
   Logger(SourceFile file, int line, LogLevel level);
-  /// Hands the line over.
+  /// Passes the line to the output.
   ~Logger();
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  /// Where the text of the line goes.
+  /// Collects the text of the line.
   std::ostream& stream() { return stream_; }
 
-  /// The threshold: lines below it are not worth building. INFO until set.
+  /// The threshold, below which lines need not be built. INFO until set.
   static LogLevel logLevel();
   /// Sets the threshold.
   static void setLogLevel(LogLevel level);
 
-  /// Where lines go from now on; null: back to standard error.
+  /// Sets where lines go from now on; null: back to standard error.
   static void setOutput(Output output);
 
  private:

@@ -1,5 +1,5 @@
 /// @file
-/// Configuration of log sinks. Parts for hosts: the library itself creates none of them.
+/// Configuration of log sinks. For hosts: the library itself creates none of these.
 #ifndef RUVO_LOG_CFG_H
 #define RUVO_LOG_CFG_H
 
@@ -8,7 +8,7 @@
 
 #include "log_mutex.h"  // LOG_HANDLE
 
-/// What a sink may be given to keep for its user. What a configuration offers is its own affair.
+/// A configuration that a sink can keep for its user. What it provides is up to the host.
 class Log_Cfg {
  public:
   virtual ~Log_Cfg() = 0;
@@ -22,13 +22,13 @@ class Log_Cfg_Heap {
   virtual ~Log_Cfg_Heap() {}
 };
 
-/// A holder in the manner of a registry: a root, a file, named values. Its operations are declared
-/// only: a host that wants them defines them.
+/// A registry-like holder: a root, a file and named values. Its operations are only declared; a
+/// host that needs them defines them.
 class Log_Cfg_Heap_Reg : public Log_Cfg_Heap {
  public:
-  /// A holder without a root.
+  /// Creates a holder without a root.
   Log_Cfg_Heap_Reg() : handle_(nullptr), ini_(false) {}
-  /// Closes nothing: the handle is its user's.
+  /// Closes nothing: the handle belongs to its user.
   ~Log_Cfg_Heap_Reg() override { handle_ = nullptr; }
 
   int open(const char* root, const char* file);                ///< for the host to define
@@ -39,10 +39,10 @@ class Log_Cfg_Heap_Reg : public Log_Cfg_Heap {
                      std::vector<std::string>& values);  ///< for the host to define
 
  protected:
-  std::string root_;   ///< where the values are
-  std::string file_;   ///< the file with the values
-  LOG_HANDLE handle_;  ///< the system's object, or null
-  bool ini_;           ///< does the file hold the values?
+  std::string root_;   ///< location of the values
+  std::string file_;   ///< file that contains the values
+  LOG_HANDLE handle_;  ///< system handle, or null
+  bool ini_;           ///< are the values in the file?
 };
 
 #endif

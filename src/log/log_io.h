@@ -1,16 +1,16 @@
 /// @file
-/// Sinks for log records. Parts for hosts: the library itself creates none of them.
+/// Sinks for log records. For hosts: the library itself creates none of these.
 ///
 ///     Log_Thread_Mutex lock;
 ///     Log_IO_FILE sink;
 ///     lock.open(nullptr);
 ///     if (sink.open("/var/log/app.log", &lock, 0, 0) != 0) { ... }
 ///
-///     lock.acquire(0);                  // a sink takes no lock by itself: its user does
+///     lock.acquire(0);                  // the sink does not lock: its user does
 ///     sink.write("a record\n");
 ///     lock.release();
 ///
-/// Threads: one at a time on the same sink.
+/// Threads: one at a time per sink.
 #ifndef RUVO_LOG_IO_H
 #define RUVO_LOG_IO_H
 
@@ -30,62 +30,61 @@
 #include "log_cfg.h"
 #include "log_mutex.h"
 
-// The classes are what other modules were built with, where the slots of the virtual table are
-// those below and no destructor is among them. A sink is therefore not deleted through a Log_IO.
+// Other modules were built with this virtual table, which has no slot for a destructor. A sink must
+// therefore not be deleted through a Log_IO.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-/// A sink for log records. It is not deleted through a Log_IO.
+/// A sink for log records. Do not delete one through a Log_IO.
 class Log_IO {
  public:
-  /// Opens the sink `fn`; a sink that is open is closed first. `lock` is kept for the sink's user
-  /// and stays his. Returns 0, or an error number.
+  /// Opens the sink `fn`, closing it first if it is open. `lock` is only kept for the sink's user,
+  /// who still owns it. Returns 0, or an error number.
   virtual int open(const char* fn, Log_Mutex* lock, int mode, int rev) = 0;
   /// Closes the sink, if it is open.
   virtual int close() = 0;
-  /// Appends a text without its terminator.
+  /// Appends a string without its terminator.
   virtual int write(const char* msg) = 0;
-  /// Appends a wide text without its terminator.
+  /// Appends a wide string without its terminator.
   virtual int write(const wchar_t* msg) = 0;
   /// Appends bytes.
   virtual int write(const void* data, std::size_t size) = 0;
-  /// Drops everything that was written.
+  /// Discards the contents.
   virtual int empty() = 0;
-  /// Hands to the system what is still buffered.
+  /// Passes buffered data to the system.
   virtual int flush() = 0;
-  /// Bytes in the sink.
+  /// Size of the contents in bytes.
   virtual long size() = 0;
-  /// Copies the contents to `bname` and drops them here.
+  /// Copies the contents to `bname`, then discards them.
   virtual int backup(const char* bname) = 0;
-  /// The system's object behind the sink, or null.
+  /// The underlying system object, or null.
   virtual LOG_HANDLE handle() = 0;
-  /// The lock that the sink keeps for its user; never used by the sink itself.
+  /// The lock kept for the sink's user; the sink never uses it.
   virtual Log_Mutex* mutex() = 0;
-  /// Gives the sink another lock to keep.
+  /// Replaces the lock.
   virtual void mutex(Log_Mutex* mtx) = 0;
-  /// The configuration that the sink keeps for its user; never used by the sink itself.
+  /// The configuration kept for the sink's user; the sink never uses it.
   virtual Log_Cfg* config() = 0;
-  /// Gives the sink another configuration to keep.
+  /// Replaces the configuration.
   virtual void config(Log_Cfg* cfg) = 0;
-  /// Is the sink somebody else's to delete?
+  /// Must the sink not be deleted by its user?
   virtual bool donot_delete() = 0;
 
  protected:
   ~Log_IO() = default;
 };
 
-/// A file that grows at its end. When none is open, every operation does nothing and returns 0;
-/// empty and backup return -1.
+/// An append-only file. While none is open, operations do nothing and return 0, except that empty
+/// and backup return -1.
 class Log_IO_FILE : public Log_IO {
  public:
   Log_IO_FILE() noexcept : file_(nullptr), lock_(nullptr), cfg_(nullptr) {}
   Log_IO_FILE(const Log_IO_FILE&) = delete;
   Log_IO_FILE& operator=(const Log_IO_FILE&) = delete;
 
-  /// `mode` 0: text, and a file that does not end with a newline is given one first, so that
-  /// records begin on a line of their own; 1: binary; 2, 3: text and binary that are only written.
-  /// Every mode appends and creates what is missing (permissions 0664); none empties the file.
-  /// `rev` is ignored.
+  /// `mode` 0: text; if the file does not end with a newline, one is added, so that records start
+  /// on a line of their own; 1: binary; 2, 3: write-only text and binary. Every mode appends and
+  /// creates a missing file (permissions 0664); none truncates it. `rev` is ignored.
   int open(const char* fn, Log_Mutex* lock, int mode, int rev) override {
     (void)rev;
     close();
@@ -115,20 +114,20 @@ class Log_IO_FILE : public Log_IO {
 
   int close() override {
     if (file_ != nullptr) {
-      (void)std::fclose(file_);  // what it says would have no listener
+      (void)std::fclose(file_);  // nobody could act on an error
       file_ = nullptr;
     }
     return 0;
   }
 
-  /// The result of fputs.
+  /// Returns the result of fputs.
   int write(const char* msg) override { return to_end() ? std::fputs(msg, file_) : 0; }
 
-  /// The result of fputws. A file that has taken narrow text takes no wide text until it is opened
-  /// again, and the other way round: that is how streams are.
+  /// Returns the result of fputws. As with any stream, narrow and wide text cannot be mixed until
+  /// the file is opened again.
   int write(const wchar_t* msg) override { return to_end() ? std::fputws(msg, file_) : 0; }
 
-  /// The number of bytes written.
+  /// Returns the number of bytes written.
   int write(const void* data, std::size_t size) override {
     return to_end() ? static_cast<int>(std::fwrite(data, 1, size, file_)) : 0;
   }
@@ -156,9 +155,9 @@ class Log_IO_FILE : public Log_IO {
     return end;
   }
 
-  /// Copies with the shell's cp; the names are not quoted, so they must be plain. Its own name, in
-  /// any letter case, is left alone (0). Returns the truncation's result; -1 when names do not fit
-  /// into a command of 511 bytes.
+  /// Copies with the shell's cp; the names are not quoted, so they must be plain. Does nothing and
+  /// returns 0 if `bname` is the sink's own name in any letter case. Returns the result of the
+  /// truncation, or -1 if the command would exceed 511 bytes.
   int backup(const char* bname) override {
     if (strcasecmp(bname, fn_.c_str()) == 0) {
       return 0;
@@ -169,7 +168,7 @@ class Log_IO_FILE : public Log_IO {
       return -1;
     }
     flush();
-    // The contents go whether or not they were copied: a full disk must not stop the log.
+    // Truncate even if the copy failed: a full disk must not stop the log.
     const int copied = std::system(command);  // NOLINT(concurrency-mt-unsafe,cert-env33-c)
     (void)copied;
     return truncate();
@@ -182,13 +181,13 @@ class Log_IO_FILE : public Log_IO {
   void config(Log_Cfg* cfg) override { cfg_ = cfg; }
   bool donot_delete() override { return false; }
 
-  /// Closes the file. Lock and configuration are not the sink's to delete.
+  /// Closes the file. The sink owns neither lock nor configuration.
   virtual ~Log_IO_FILE() { Log_IO_FILE::close(); }
 
  protected:
   FILE* file_;       ///< null while no file is open
-  std::string fn_;   ///< the name that the file was opened with
-  Log_Mutex* lock_;  ///< its user's, as is the configuration
+  std::string fn_;   ///< the name passed to open
+  Log_Mutex* lock_;  ///< owned by the user, as is the configuration
   Log_Cfg* cfg_;     ///< see Log_IO::config
 
  private:
@@ -205,7 +204,7 @@ class Log_IO_FILE : public Log_IO {
     }
   }
 
-  /// Descriptor 0 counts as a failure as well; a host without standard input gets it.
+  /// Descriptor 0, which a host without standard input gets, counts as a failure too.
   static int refuse(int descriptor) {
     if (descriptor == 0) {
       ::close(descriptor);
@@ -214,23 +213,22 @@ class Log_IO_FILE : public Log_IO {
     return errno;
   }
 
-  /// The file appends, so a stream that is being written to is at its end; one that was read from,
-  /// by way of handle(), is sought there. What cannot be sought in, a pipe say, is at its end.
-  /// Either way what was written before goes to the file first: in a single write of its own, so
+  /// The file appends, so a stream in write mode is at its end; one that was read through handle()
+  /// must seek there. Either way earlier records go to the file first, in a write of their own, so
   /// that the records of several processes do not mix.
   bool to_end() {
     if (file_ == nullptr) {
       return false;
     }
     if (__fwriting(file_) != 0) {
-      std::fflush(file_);  // a seek would also read the file anew, for four system calls more
+      std::fflush(file_);  // a seek would also read the file again: four more system calls
     } else {
       std::fseek(file_, 0, SEEK_END);
     }
     return true;
   }
 
-  /// What is still buffered goes to the file first, so that it does not land behind the truncation.
+  /// Flushes first, so that buffered data is not written after the truncation.
   int truncate() {
     flush();
     return ftruncate(fileno(file_), 0);

@@ -1,5 +1,5 @@
 /// @file
-/// Locks for log sinks. Parts for hosts: the library itself creates none of them.
+/// Locks for log sinks. For hosts: the library itself creates none of these.
 ///
 ///     Log_Thread_Mutex lock;
 ///     lock.open(nullptr);
@@ -14,34 +14,34 @@
 #include <cerrno>
 #include <new>
 
-/// An object of the system, in whatever form it has there.
+/// A handle to a system object.
 typedef void* LOG_HANDLE;
 
-// The classes are what other modules were built with, where the slots of the virtual table are
-// those below and no destructor is among them. A lock is therefore not deleted through a Log_Mutex.
+// Other modules were built with this virtual table, which has no slot for a destructor. A lock must
+// therefore not be deleted through a Log_Mutex.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-/// A lock. It is not deleted through a Log_Mutex.
+/// A lock. Do not delete one through a Log_Mutex.
 class Log_Mutex {
  public:
-  /// Makes the lock ready. Returns 0, or an error number.
+  /// Creates the lock. Returns 0, or an error number.
   virtual int open(const char* name) = 0;
-  /// Gives up what open obtained. Returns 0. REQUIRES: nobody holds the lock.
+  /// Destroys the lock. Returns 0. REQUIRES: nobody holds it.
   virtual int close(bool call_delete) = 0;
-  /// Takes the lock. Returns 0. REQUIRES: the lock is open.
+  /// Acquires the lock. Returns 0. REQUIRES: it is open.
   virtual int acquire(int time_out) = 0;
-  /// Lets it go. Returns 0. REQUIRES: this thread holds it.
+  /// Releases the lock. Returns 0. REQUIRES: this thread holds it.
   virtual int release() = 0;
-  /// The name that the lock was opened with, where the kind keeps it.
+  /// The name passed to open, if the lock keeps it.
   virtual const char* name() = 0;
 
  protected:
   ~Log_Mutex() = default;
 };
 
-/// Between the threads of a process. Waits without limit: `time_out` is ignored, and so is the
-/// name.
+/// A lock between the threads of a process. Ignores the name and `time_out`: it waits without
+/// limit.
 class Log_Thread_Mutex : public Log_Mutex {
  public:
   Log_Thread_Mutex() noexcept : mutex_(nullptr) {}
@@ -89,13 +89,13 @@ class Log_Thread_Mutex : public Log_Mutex {
   const char* name() override { return nullptr; }
 
  protected:
-  LOG_HANDLE mutex_;  ///< a pthread_mutex_t of its own, or null
+  LOG_HANDLE mutex_;  ///< an owned pthread_mutex_t, or null
 
  private:
   pthread_mutex_t* mutex() { return static_cast<pthread_mutex_t*>(mutex_); }
 };
 
-/// Despite its name exactly a Log_Thread_Mutex: it does not reach other processes.
+/// Despite its name the same as Log_Thread_Mutex: it does not work across processes.
 class Log_Unix_Process_Mutex : public Log_Thread_Mutex {};
 
 /// Does nothing on this platform: every operation returns 0.

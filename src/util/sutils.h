@@ -1,10 +1,10 @@
 /// @file
-/// Small helpers for text and paths (namespace sp). Header only.
+/// Small helpers for strings and paths (namespace sp). Header only.
 ///
-/// A blank byte is a byte whose unsigned value is at most 0x20. Bytes of 0x80 and above are never
+/// A blank is a byte whose unsigned value is at most 0x20. Bytes of 0x80 and above are never
 /// blank, so trimming cannot cut a multi-byte character.
 ///
-/// Threads: every function is free of shared state.
+/// Threads: no function has shared state.
 #ifndef RUVO_SUTILS_H
 #define RUVO_SUTILS_H
 
@@ -18,25 +18,25 @@
 #include <string>
 #include <vector>
 
-/// Helpers for text and paths.
+/// Helpers for strings and paths.
 namespace sp {
 
-/// The pieces of a text.
+/// The pieces of a string.
 typedef std::vector<std::string> str_arr;
 
-/// A module handle, of no use on this platform.
+/// A module handle; unused on this platform.
 typedef void* IU_HANDLE;
 
 namespace detail {
 
 const std::size_t max_piece_length = 2097151;  // bytes of one piece that split_str keeps
-const std::size_t max_path_length = 260;       // bytes of a path that the path helpers look at
+const std::size_t max_path_length = 260;       // bytes of a path that the path helpers use
 
 inline bool is_blank(char c, char trim_char) {
   return static_cast<unsigned char>(c) < 0x20 || c == trim_char;
 }
 
-// The part of [text, text + length) that is left when both ends are trimmed.
+// The part of [text, text + length) that remains once both ends are trimmed.
 inline void trimmed_range(const char* text, std::size_t length, char trim_char, std::size_t& start,
                           std::size_t& end) {
   start = 0;
@@ -45,8 +45,9 @@ inline void trimmed_range(const char* text, std::size_t length, char trim_char, 
   while (end > start && is_blank(text[end - 1], trim_char)) --end;
 }
 
-// Every "\" becomes "/" and a run of separators one; a leading pair stays, since the separator at
-// the first position does not start a run. Of two leading backslashes the first is skipped.
+// Turns every "\" into "/" and every run of separators into one. A leading pair is kept, since a
+// separator in the first position does not start a run. Of two leading backslashes the first is
+// skipped.
 inline std::string normalise_separators(const std::string& path) {
   std::string result;
   bool in_run = false;
@@ -59,7 +60,7 @@ inline std::string normalise_separators(const std::string& path) {
   return result;
 }
 
-// What stands up to and including the last "/"; empty where there is none.
+// Everything up to and including the last "/"; empty if there is none.
 inline std::string up_to_last_separator(const std::string& path) {
   return path.substr(0, path.rfind('/') + 1);
 }
@@ -71,8 +72,8 @@ inline bool is_directory(const std::string& path) {
 
 }  // namespace detail
 
-/// Removes from both ends the bytes below 0x20 and those equal to `trim_char`; with a space that is
-/// every blank byte. `trim_gb` is accepted and ignored.
+/// Removes bytes below 0x20 and those equal to `trim_char` from both ends; with the default, all
+/// blanks. `trim_gb` is ignored.
 inline void trim_str(std::string& str, char trim_char = ' ', bool trim_gb = false) {
   (void)trim_gb;
   std::size_t start = 0;
@@ -82,7 +83,7 @@ inline void trim_str(std::string& str, char trim_char = ' ', bool trim_gb = fals
   str.erase(0, start);
 }
 
-/// The same in place on a zero-terminated buffer. A null pointer is left alone.
+/// The same in place for a zero-terminated buffer; does nothing if it is null.
 inline void trim_str(char* pstr, char trim_char = ' ', bool trim_gb = false) {
   (void)trim_gb;
   if (pstr == nullptr) return;
@@ -96,19 +97,18 @@ inline void trim_str(char* pstr, char trim_char = ' ', bool trim_gb = false) {
 /// Is this byte a quote character?
 inline bool is_quote(char c) { return c == '"' || c == '\''; }
 
-/// Does a full-width character (GB 2312, row 3) start at `pstr`?
+/// Does a full-width character (GB 2312, row 3) begin at `pstr`?
 inline bool is_quanjiao(const char* pstr) {
   return pstr != nullptr && static_cast<unsigned char>(pstr[0]) == 0xA3 &&
          static_cast<unsigned char>(pstr[1]) >= 0xA1;
 }
 
-/// Cuts `str` at every byte that stands in `spliter`, trims each piece and appends it to
-/// `subs_array`, which is not emptied first. Empty pieces are kept: n separators give n + 1 pieces.
-/// An empty or null `str` appends nothing. A piece is cut at 2,097,151 bytes before it is trimmed;
-/// what lies beyond is dropped.
+/// Splits `str` at every byte that occurs in `spliter`, trims each piece and appends it to
+/// `subs_array`, which is not cleared first. Empty pieces are kept: n separators give n + 1 pieces.
+/// An empty or null `str` appends nothing. A piece is truncated to 2,097,151 bytes before it is
+/// trimmed.
 ///
-/// The option set that is supported is the default one; other settings are accepted and ignored.
-/// Returns 0.
+/// Only the default options are supported; others are ignored. Returns 0.
 inline int split_str(const char* str, str_arr& subs_array, const char* spliter, bool trim = true,
                      bool ignore_blank = false, bool supp_quote = false, bool trim_quote = true,
                      bool supp_quanjiao = false) {
@@ -129,9 +129,8 @@ inline int split_str(const char* str, str_arr& subs_array, const char* spliter, 
   }
 }
 
-/// Copies at most `maxcnt` - 1 bytes of `src` to `dst` and always terminates; a null `src` gives an
-/// empty text. Where both are the same buffer, it is only terminated at its last byte. Returns
-/// `dst`.
+/// Copies at most `maxcnt` - 1 bytes of `src` to `dst` and terminates it; a null `src` gives an
+/// empty string. If both are the same buffer, only its last byte is set to zero. Returns `dst`.
 inline char* strsncpy(char* dst, const char* src, std::size_t maxcnt) {
   if (dst == nullptr || maxcnt == 0) return dst;
   if (dst == src) {
@@ -144,8 +143,8 @@ inline char* strsncpy(char* dst, const char* src, std::size_t maxcnt) {
   return dst;
 }
 
-/// The directory of the running executable, with a trailing "/"; empty when the system does not
-/// tell, which is said on standard error. The handle is not used.
+/// The directory of the running executable, with a trailing "/"; empty if it cannot be determined,
+/// which is reported on standard error. The handle is unused.
 inline std::string get_bin_path(IU_HANDLE hmod = nullptr) {
   (void)hmod;
   char buffer[detail::max_path_length] = {};
@@ -159,8 +158,8 @@ inline std::string get_bin_path(IU_HANDLE hmod = nullptr) {
 }
 
 /// The parent directory of `path`, with a trailing "/": "/opt/app/" for the directory
-/// /opt/app/bin/, and the parent of a file's directory for a file. Null or "." stands for the
-/// directory of the running executable. A path without a directory, and "/", come back as they are.
+/// /opt/app/bin/; for a file, the parent of its directory. Null or "." stands for the directory of
+/// the running executable. A path without a directory, and "/", are returned unchanged.
 inline std::string parent_path(const char* path) {
   std::string directory;
   if (path == nullptr || std::strcmp(path, ".") == 0) {

@@ -14,7 +14,6 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
-void* __libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void* memory);
 char* sdsnewlen(const void* text, std::size_t length);
 }
@@ -55,9 +54,6 @@ void* realloc(void* memory, std::size_t size) {
   }
   void* moved = __libc_realloc(memory, size);
   return memory == nullptr ? counted(moved) : moved;
-}
-void* aligned_alloc(std::size_t alignment, std::size_t size) {
-  return fails() ? nullptr : counted(__libc_memalign(alignment, size));
 }
 void free(void* memory) {
   live_allocations -= memory != nullptr ? 1 : 0;

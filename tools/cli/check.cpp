@@ -7,6 +7,7 @@
 #include "commands.h"
 #include "console.h"
 #include "library.h"
+#include "settings_review.h"
 #include "startup_report.h"
 
 namespace {
@@ -21,28 +22,35 @@ std::string join(const std::vector<std::string>& parts, const char* between) {
   return all;
 }
 
+bool is_usable(const ServerReport& server) { return server.probe.is_up() && server.up > 0; }
+
+bool is_whole(const ServerReport& server) { return is_usable(server) && server.down.empty(); }
+
 bool is_up(const PoolReport& pool) {
-  return pool.result == RUVO_OK && pool.answers &&
-         std::any_of(pool.servers.begin(), pool.servers.end(),
-                     [](const ServerReport& server) { return server.up > 0; });
+  return pool.result == RUVO_OK && std::ranges::any_of(pool.servers, is_usable);
 }
 
 bool is_whole(const PoolReport& pool) {
-  return is_up(pool) && std::all_of(pool.servers.begin(), pool.servers.end(),
-                                    [](const ServerReport& server) { return server.down.empty(); });
+  return is_up(pool) &&
+         std::ranges::all_of(pool.servers, [](const ServerReport& one) { return is_whole(one); });
 }
 
+// Connections can have come up where commands are not answered, and the library leaves out those
+// that are refused for their password, so its result does not tell.
 std::string state_of(const PoolReport& pool) {
   if (!pool.result) {
     return "not tried";
   }
-  if (*pool.result != RUVO_OK) {
+  if (is_up(pool)) {
+    return is_whole(pool) ? "up" : "up in part";
+  }
+  if (pool.servers.empty()) {
     return std::string(ruvo_result_text(*pool.result)) + " (" + std::to_string(*pool.result) + ")";
   }
-  if (!pool.answers) {
-    return "no answer to commands";
-  }
-  return is_whole(pool) ? "up" : is_up(pool) ? "up in part" : "no connection";
+  const std::string& first = pool.servers.front().probe.state;
+  const bool is_shared = std::ranges::all_of(
+      pool.servers, [&first](const ServerReport& one) { return one.probe.state == first; });
+  return !is_shared ? "no server answers" : first == "up" ? "no connection" : first;
 }
 
 const char* source_of(const PoolReport& pool) {
@@ -89,11 +97,63 @@ std::string table(const std::vector<std::vector<std::string>>& rows) {
   return text;
 }
 
-std::string report_text(const Options& options, const StartupReport& report, int result) {
+// Why a server is not wholly up.
+std::string reason_of(const ServerReport& server) {
+  if (!server.probe.is_up()) {
+    return server.probe.reason;
+  }
+  if (server.up == 0 && server.down.empty()) {
+    return "no connections are configured";
+  }
+  return server.down.empty() ? "" : "not up: " + down_text(server);
+}
+
+std::string options_text(const ClientOptions& options) {
+  const auto switched = [](bool is_on) { return is_on ? "on" : "off"; };
+  return format("auto_pipelining %s, eject_silent_servers %s, try_ejected_servers %s,\n",
+                switched(options.auto_pipelining), switched(options.eject_silent_servers),
+                switched(options.try_ejected_servers)) +
+         "               log_limit " +
+         (options.log_limit == 0 ? "none" : format("%d lines a second", options.log_limit)) +
+         ", call_timeout " + limit_text(options.call_timeout_ms);
+}
+
+std::string result_text(const StartupReport& report, int result) {
+  std::vector<std::string> unusable;
+  for (const PoolReport& pool : report.pools) {
+    if (!is_up(pool)) {
+      unusable.push_back(pool.name + " (" + state_of(pool) + ")");
+    }
+  }
+  return format("%d, %s", result, start_text(result)) +
+         (unusable.empty() ? "" : "; not usable: " + join(unusable, ", "));
+}
+
+std::string findings_text(const StartupReport& report, const std::vector<Finding>& findings) {
+  std::string text;
+  for (const Finding& finding : findings) {
+    text += report.redis_config + (finding.line > 0 ? ":" + std::to_string(finding.line) : "") +
+            ": " + finding.text + "\n";
+  }
+  return text;
+}
+
+std::string told_text(const StartupReport& report) {
+  std::string told = report.told.empty() ? "" : join(report.told, "\n") + "\n";
+  for (const PoolReport& pool : report.pools) {
+    for (const std::string& text : pool.told) {
+      told += pool.name + ": " + text + "\n";
+    }
+  }
+  return told;
+}
+
+std::string report_text(const Options& options, const StartupReport& report,
+                        const std::vector<Finding>& findings, int result) {
   std::vector<std::vector<std::string>> pools{
       {"POOL", "STATE", "ADDRESSES", "CONNECTIONS", "EJECTION"}};
-  std::vector<std::vector<std::string>> servers{{"POOL", "SERVER", "UP", "NOT UP"}};
-  std::string told = report.told.empty() ? "" : join(report.told, "\n") + "\n";
+  std::vector<std::vector<std::string>> servers{
+      {"POOL", "SERVER", "CONNECTIONS", "STATE", "REASON"}};
   for (const PoolReport& pool : report.pools) {
     pools.push_back({pool.name, state_of(pool), source_of(pool)});
     if (!pool.servers.empty()) {
@@ -101,40 +161,49 @@ std::string report_text(const Options& options, const StartupReport& report, int
       pools.back().push_back(ejection_text(pool));
     }
     for (const ServerReport& server : pool.servers) {
-      servers.push_back({pool.name, server.addr,
-                         std::to_string(server.up) + "/" + std::to_string(pool.connections),
-                         down_text(server)});
-    }
-    for (const std::string& text : pool.told) {
-      told += pool.name + ": " + text + "\n";
+      servers.push_back({pool.name, server.addr, format("%d/%d", server.up, pool.connections),
+                         server.probe.state, reason_of(server)});
     }
   }
   std::ostringstream text;
   text << "configuration  " << options.config << "\n"
        << "redis file     " << report.redis_config << "\n"
-       << "time-outs      connect " << limit_text(report.connect_timeout_ms) << ", socket "
-       << limit_text(report.socket_timeout_ms) << "\n"
-       << "result         " << result << ", " << start_text(result) << "\n\n"
+       << "time-outs      connect " << limit_text(report.configuration.connect_timeout_ms)
+       << ", socket " << limit_text(report.configuration.socket_timeout_ms) << "\n"
+       << "options        " << options_text(report.options) << "\n"
+       << "result         " << result_text(report, result) << "\n\n"
        << table(pools);
   if (servers.size() > 1) {
     text << "\n" << table(servers);
   }
-  if (!told.empty()) {
+  if (!findings.empty()) {
+    text << "\nnot read as written:\n" << findings_text(report, findings);
+  }
+  if (const std::string told = told_text(report); !told.empty()) {
     text << "\nthe library says:\n" << told;
   }
   return text.str();
 }
 
-json report_json(const Options& options, const StartupReport& report, int result) {
+json report_json(const Options& options, const StartupReport& report,
+                 const std::vector<Finding>& findings, int result) {
+  json found = json::array();
+  for (const Finding& finding : findings) {
+    found.push_back({{"line", finding.line}, {"text", finding.text}});
+  }
   json pools = json::array();
   for (const PoolReport& pool : report.pools) {
     json servers = json::array();
     for (const ServerReport& server : pool.servers) {
-      servers.push_back({{"address", server.addr}, {"up", server.up}, {"down", server.down}});
+      servers.push_back({{"address", server.addr},
+                         {"state", server.probe.state},
+                         {"reason", reason_of(server)},
+                         {"up", server.up},
+                         {"down", server.down}});
     }
     pools.push_back({{"pool", pool.name},
                      {"state", state_of(pool)},
-                     {"answers", pool.answers},
+                     {"usable", is_up(pool) && result != RUVO_INIT_BOTH_POOLS_FAILED},
                      {"addresses", source_of(pool)},
                      {"connections", pool.connections},
                      {"auto_eject", pool.auto_eject},
@@ -145,36 +214,43 @@ json report_json(const Options& options, const StartupReport& report, int result
   }
   return {{"configuration", options.config},
           {"redis_configuration", report.redis_config},
-          {"connect_timeout_ms", report.connect_timeout_ms},
-          {"socket_timeout_ms", report.socket_timeout_ms},
+          {"connect_timeout_ms", report.configuration.connect_timeout_ms},
+          {"socket_timeout_ms", report.configuration.socket_timeout_ms},
+          {"auto_pipelining", report.options.auto_pipelining},
+          {"eject_silent_servers", report.options.eject_silent_servers},
+          {"try_ejected_servers", report.options.try_ejected_servers},
+          {"log_limit", report.options.log_limit},
+          {"call_timeout_ms", report.options.call_timeout_ms},
+          {"findings", found},
           {"result", result},
           {"text", start_text(result)},
           {"told", report.told},
           {"pools", pools}};
 }
 
-ExitStatus status_of(const StartupReport& report, int result) {
-  if (status_of_start(result) != succeeded) {
-    return status_of_start(result);
-  }
-  if (!std::all_of(report.pools.begin(), report.pools.end(), is_up)) {
-    return pools_down;
-  }
-  return std::all_of(report.pools.begin(), report.pools.end(), is_whole) ? succeeded
-                                                                         : connections_down;
+ExitStatus status_of(const StartupReport& report, const std::vector<Finding>& findings) {
+  const auto up = [](const PoolReport& pool) { return is_up(pool); };
+  const auto whole = [](const PoolReport& pool) { return is_whole(pool); };
+  return !std::ranges::all_of(report.pools, up)      ? pools_down
+         : !std::ranges::all_of(report.pools, whole) ? connections_down
+         : !findings.empty()                         ? settings_misread
+                                                     : succeeded;
 }
 
 }  // namespace
 
 ExitStatus check(const Options& options) {
   auto [library, report] = start_with_report(options.config);
-  if (library->is_ready()) {
-    ask_pools(report);
+  const int result = library->result();
+  if (result != RUVO_INIT_BOTH_POOLS_FAILED) {
+    library->require_ready();
   }
+  probe_servers(report);
+  const std::vector<Finding> findings = review_settings(report.redis_config);
   if (options.json) {
-    print_json(report_json(options, report, library->result()));
+    print_json(report_json(options, report, findings, result));
   } else {
-    print(report_text(options, report, library->result()));
+    print(report_text(options, report, findings, result));
   }
-  return status_of(report, library->result());
+  return status_of(report, findings);
 }

@@ -3,10 +3,11 @@
 #define RUVO_TOOLS_CLI_COMMANDS_H
 
 #include <string>
+#include <vector>
 
 #include "library.h"
 
-// A start-up as a table: pools, servers, connections.
+// A start-up as a table, each server asked by itself, the settings reviewed.
 ExitStatus check(const Options& options);
 
 // The state of a pool's servers, once a second: until a signal, or for so many rounds.
@@ -20,9 +21,13 @@ struct LoadOptions {
   int threads = 4;
   int seconds = 10;
   std::string mix = "get=80,set=20";  // operation=weight
+  std::string raw = "GET {key}";      // what raw in the mix runs
   int keys = 1000;
   int value_size = 100;  // bytes
 };
 ExitStatus load(const Options& options, const LoadOptions& load_options);
+
+// Warns on standard error where a command leaves its connection in another mode.
+void warn_of_mode(const std::vector<std::string>& words);
 
 #endif

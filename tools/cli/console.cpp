@@ -19,6 +19,7 @@ namespace {
 
 std::FILE* output = stdout;
 volatile std::sig_atomic_t end_wanted = 0;
+bool is_read = true;  // the output, by somebody
 
 [[noreturn]] void fail(const char* what) {
   throw Failure(unwritable_output,
@@ -63,9 +64,15 @@ std::string format(const char* pattern, ...) {
 }
 
 void print(const std::string& text) {
-  if (std::fwrite(text.data(), 1, text.size(), output) != text.size() || std::fflush(output) != 0) {
+  if (!is_read || (std::fwrite(text.data(), 1, text.size(), output) == text.size() &&
+                   std::fflush(output) == 0)) {
+    return;
+  }
+  if (errno != EPIPE) {
     fail("cannot write the output");
   }
+  is_read = false;
+  end_wanted = 1;
 }
 
 void print_json(const nlohmann::json& json) {

@@ -15,7 +15,8 @@ void take_output();
 // As printf would print it.
 std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
 
-// Print and flush. Throw Failure when the output does not take it.
+// Print and flush. Throw Failure when the output does not take it. A pipe that nobody reads any
+// more asks the tool to end, as a signal does.
 void print(const std::string& text);
 void print_json(const nlohmann::json& json);  // on a line of its own
 

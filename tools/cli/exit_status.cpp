@@ -2,6 +2,8 @@
 
 #include <ruvo/ruvo.h>
 
+#include <utility>
+
 ExitStatus status_of_operation(int result) {
   switch (result) {
     case RUVO_OK:
@@ -34,17 +36,30 @@ ExitStatus status_of_start(int result) {
 }
 
 std::string exit_status_help() {
-  return "Exit status:\n"
-         "   0  success; check: everything is up\n"
-         "   1  the key or field is absent (library results 1, 10402)\n"
-         "   2  nothing done or found (-2)\n"
-         "   3  failed: no server, or an error reply (-1, 10112); load: some operations failed\n"
-         "   4  the configuration cannot be used (RUVO_Init: 10102, 10106, 10115, -1)\n"
-         "   5  no main pool is up (RUVO_Init: 3); check: some pool is not (1, 2, 3)\n"
-         "   6  out of memory (10113)\n"
-         "   7  check: every pool is up, but some connections are not\n"
-         "  64  wrong usage\n"
-         "  66  an input file cannot be read\n"
-         "  70  an error of the tool itself\n"
-         "  74  the output or the log cannot be written\n";
+  return exit_status_help(
+      {{succeeded, "success; check, watch: every server is up"},
+       {absent, "the key or field is absent (library results 1, 10402)"},
+       {nothing_done, "nothing done or found (-2)"},
+       {failed, "failed: no server, or an error reply (-1, 10112); load: some calls failed"},
+       {pools_down,
+        "no main pool is up (RUVO_Init: 3); check: some pool is not; watch: no server is"},
+       {connections_down,
+        "check: every pool is up, some servers or connections are not; watch: some"},
+       {settings_misread, "check: all is up, but settings are not read as written"},
+       {unreadable_input, "an input file cannot be read"}});
+}
+
+std::string exit_status_help(StatusTexts own) {
+  own.merge(StatusTexts{
+      {bad_configuration, "the configuration cannot be used (RUVO_Init: 10102, 10106, 10115, -1)"},
+      {pools_down, "no main pool is up (RUVO_Init: 3)"},
+      {no_memory, "out of memory (10113)"},
+      {wrong_usage, "wrong usage"},
+      {internal_error, "an error of the tool itself"},
+      {unwritable_output, "the output or the log cannot be written"}});
+  std::string text = "Exit status:\n";
+  for (const auto& [status, meaning] : own) {
+    text += (status < 10 ? "   " : "  ") + std::to_string(status) + "  " + meaning + "\n";
+  }
+  return text;
 }

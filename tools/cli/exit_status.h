@@ -2,6 +2,7 @@
 #ifndef RUVO_TOOLS_CLI_EXIT_STATUS_H
 #define RUVO_TOOLS_CLI_EXIT_STATUS_H
 
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -14,6 +15,7 @@ enum ExitStatus {
   pools_down = 5,
   no_memory = 6,
   connections_down = 7,
+  settings_misread = 8,
   // As sysexits.h has them.
   wrong_usage = 64,
   unreadable_input = 66,
@@ -25,8 +27,11 @@ enum ExitStatus {
 ExitStatus status_of_operation(int result);
 ExitStatus status_of_start(int result);
 
-// The list for --help.
+// The lists for --help: of the tool, and of one command, which adds what is its own to what every
+// command can end with.
+using StatusTexts = std::map<ExitStatus, std::string>;
 std::string exit_status_help();
+std::string exit_status_help(StatusTexts own);
 
 // Ends the tool with a status and one line on standard error.
 class Failure : public std::runtime_error {

@@ -1,5 +1,34 @@
 #include "library.h"
 
+#include <filesystem>
+
+#include "configuration.h"
+
+namespace {
+
+// The file behind a result of RUVO_Init, and what is wrong with it; empty when no file is.
+std::string file_error(const std::string& config, int result) {
+  if (result == RUVO_ERR_CONFIG_FILE) {
+    return "cannot open " + config + ": " + open_error(config);
+  }
+  if (result == RUVO_ERR_NO_REDIS_CONFIG) {
+    const std::string error = open_error(config);
+    return config + (error.empty() ? ": no redis_cfg_path in section [redis_cfg]" : ": " + error);
+  }
+  if (result != RUVO_ERR_FAILED) {
+    return "";
+  }
+  const std::string path = redis_config_of(config);
+  std::error_code none;
+  return "cannot open " + path + ": " + open_error(path) + "; it is the redis_cfg_path of " +
+         config +
+         (path.starts_with('/') ? ""
+                                : ", relative to the working directory " +
+                                      std::filesystem::current_path(none).string());
+}
+
+}  // namespace
+
 // Two numbers mean something else here than from an operation.
 const char* start_text(int result) {
   switch (result) {
@@ -12,7 +41,7 @@ const char* start_text(int result) {
   }
 }
 
-Library::Library(const std::string& config) : result_(RUVO_Init(config.c_str())) {}
+Library::Library(const std::string& config) : config_(config), result_(RUVO_Init(config.c_str())) {}
 
 Library::~Library() {
   if (is_ready()) {
@@ -27,8 +56,11 @@ bool Library::is_ready() const {
 }
 
 void Library::require_ready() const {
-  if (!is_ready()) {
-    throw Failure(status_of_start(result_), std::string("start-up failed: ") + start_text(result_) +
-                                                " (" + std::to_string(result_) + ")");
+  if (is_ready()) {
+    return;
   }
+  const std::string file = file_error(config_, result_);
+  throw Failure(status_of_start(result_),
+                "start-up failed: " + (file.empty() ? start_text(result_) : file) + " (" +
+                    std::to_string(result_) + ")");
 }

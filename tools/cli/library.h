@@ -33,9 +33,10 @@ class Library {
 
   int result() const { return result_; }
   bool is_ready() const;
-  void require_ready() const;  // throws Failure
+  void require_ready() const;  // throws Failure, which names a file that cannot be used
 
  private:
+  std::string config_;
   int result_;
 };
 

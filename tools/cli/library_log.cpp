@@ -28,20 +28,32 @@ LogListener listener;
 bool is_shown() { return options.level.has_value() || !options.file.empty(); }
 LogLevel shown_level() { return options.level.value_or(quiet_level); }
 
-void take_line(LogLevel level, const char* line, std::size_t length) {
+// The library writes a password that is refused.
+std::string without_password(const LogEvent& event, std::string line) {
+  if (const std::string password = event.field(Field::password);
+      !password.empty() && !options.show_passwords) {
+    line.replace(line.rfind(password), password.size(), "(hidden, see --show-passwords)");
+  }
+  return line;
+}
+
+void take_line(LogLevel level, const char* text, std::size_t length) {
   const std::scoped_lock lock(mutex);
+  const LogEvent event = read_event({text, length});
   if (listener && level >= listener_level) {
-    listener(read_event({line, length}));
+    listener(event);
   }
   if (level < shown_level()) {
     return;
   }
+  const std::string line = without_password(event, {text, length});
   if (!options.file.empty()) {
-    is_log_written &= sink.write(line, length) == static_cast<int>(length) && sink.flush() == 0;
+    is_log_written &=
+        sink.write(line.data(), line.size()) == static_cast<int>(line.size()) && sink.flush() == 0;
   } else if (is_shown()) {
-    static_cast<void>(std::fwrite(line, 1, length, stderr));
-  } else if (tells_of_trouble(read_event({line, length}))) {
-    kept_lines.emplace_back(line, length);
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
+  } else if (tells_of_trouble(event)) {
+    kept_lines.push_back(line);
     if (kept_lines.size() > most_kept_lines) {
       kept_lines.erase(kept_lines.begin());
     }

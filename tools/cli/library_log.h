@@ -19,6 +19,7 @@ using LogListener = std::function<void(const LogEvent& event)>;
 struct LogOptions {
   std::optional<LogLevel> level;  // show lines from here on; none: only when something fails
   std::string file;               // empty: standard error
+  bool show_passwords = false;    // else they are hidden, wherever the lines go
 };
 
 // Takes over the library's log. Throws Failure when the file cannot be opened.

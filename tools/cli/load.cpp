@@ -26,8 +26,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// For keys that a killed tool leaves behind. What the mix makes anew, or persistent, has no end.
+// For keys that are left behind. What the mix makes anew other than with set, or persistent, has no
+// end.
 constexpr int key_lifetime_s = 3600;
+constexpr int most_failures_in_a_row = 10;  // of deletions, before the rest is left
+constexpr const char* key_prefix = "ruvo_cli:load:";
+constexpr const char* key_word = "{key}";
 constexpr std::chrono::milliseconds pause_after_failure{1};
 constexpr std::array percents{50.0, 90.0, 99.0, 99.9};
 constexpr int most_weight = 1000000;
@@ -64,7 +68,7 @@ Mix parse_mix(const std::string& text) {
 }
 
 std::string key_of(Family family, int number) {
-  return std::string("ruvo_cli:load:") + traits_of(family).name + ":" + std::to_string(number);
+  return key_prefix + std::string(traits_of(family).name) + ":" + std::to_string(number);
 }
 
 bool has_failed(int result) { return status_of_operation(result) >= failed; }
@@ -87,7 +91,13 @@ const char* field_of(const Operation& operation) {
              : "field";
 }
 
-// Stores keys for the mix to work on, and deletes them when it goes.
+// Only set takes its time in the same command: for the others it would be a second one.
+std::optional<int> ttl_of(const Operation& operation) {
+  const bool is_set = std::string_view(operation.name) == traits_of(Family::string).store;
+  return is_set ? std::optional(key_lifetime_s) : std::nullopt;
+}
+
+// Stores keys for the mix to work on.
 class LoadKeys {
  public:
   LoadKeys(const Options& options, const LoadOptions& load_options, const Mix& mix)
@@ -102,13 +112,28 @@ class LoadKeys {
       return !is_end_wanted();
     });
   }
+
   ~LoadKeys() {
-    for_all([this](Family, const std::string& key) {
-      return RUVO_DeleteKey(key.c_str(), options_.pool, nullptr) == RUVO_OK;
-    });
+    if (!is_clean_) {
+      clean_up();
+    }
   }
   LoadKeys(const LoadKeys&) = delete;
   LoadKeys& operator=(const LoadKeys&) = delete;
+
+  // Deletes them. How many are left, or may be?
+  std::size_t clean_up() {
+    is_clean_ = true;
+    std::size_t left = mix_.families.size() * static_cast<std::size_t>(load_options_.keys);
+    int failures = 0;
+    for_all([&](Family, const std::string& key) {
+      const bool is_deleted = RUVO_DeleteKey(key.c_str(), options_.pool, nullptr) == RUVO_OK;
+      left -= is_deleted ? 1 : 0;
+      failures = is_deleted ? 0 : failures + 1;
+      return failures < most_failures_in_a_row;
+    });
+    return left;
+  }
 
  private:
   // Until the action says that it is enough.
@@ -126,13 +151,25 @@ class LoadKeys {
   const Options& options_;
   const LoadOptions& load_options_;
   const Mix& mix_;
+  bool is_clean_ = false;
 };
 
-// One thread's work, and what it counts: the operations that succeeded, and how long they took.
+// The words of a command, divided by blanks, with the key in its place.
+std::vector<std::string> words_of(const std::string& command, const std::string& key) {
+  std::vector<std::string> words;
+  std::istringstream parts(command);
+  for (std::string part; parts >> part;) {
+    words.push_back(part == key_word ? key : part);
+  }
+  return words;
+}
+
+// One thread's work, and what it counts. A call that fails takes its time, too.
 class Worker {
  public:
   Worker(const Options& options, const LoadOptions& load_options, const Mix& mix, unsigned seed)
       : mix_(mix),
+        raw_(load_options.raw),
         arguments_(arguments_for(options, load_options)),
         random_(seed),
         choose_operation_(mix.weights.begin(), mix.weights.end()),
@@ -144,14 +181,18 @@ class Worker {
       const Operation& operation = *mix_.operations[choose_operation_(random_)];
       arguments_.key = key_of(operation.family, choose_key_(random_));
       arguments_.field = field_of(operation);
+      if (operation.family == Family::any) {
+        arguments_.words = words_of(raw_, arguments_.key);
+      }
+      arguments_.ttl = ttl_of(operation);
       const Clock::time_point begin = Clock::now();
       const int result = operation.run(arguments_).result;
+      latencies.record(static_cast<std::uint64_t>(
+          std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - begin).count()));
       if (has_failed(result)) {
         failed.fetch_add(1, std::memory_order_relaxed);
         std::this_thread::sleep_for(pause_after_failure);
       } else {
-        latencies.record(static_cast<std::uint64_t>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - begin).count()));
         done.fetch_add(1, std::memory_order_relaxed);
       }
     }
@@ -159,10 +200,11 @@ class Worker {
 
   std::atomic<std::uint64_t> done{0};
   std::atomic<std::uint64_t> failed{0};
-  LatencyHistogram latencies;  // to be read when the thread has ended
+  LatencyHistogram latencies;  // of all calls; to be read when the thread has ended
 
  private:
   const Mix& mix_;
+  const std::string& raw_;
   Arguments arguments_;
   std::mt19937 random_;
   std::discrete_distribution<std::size_t> choose_operation_;
@@ -171,14 +213,16 @@ class Worker {
 
 struct Outcome {
   double seconds = 0;
+  std::uint64_t done = 0;
   std::uint64_t failed = 0;
+  std::size_t keys_left = 0;
   LatencyHistogram latencies;
 };
 
 double microseconds(std::uint64_t ns) { return static_cast<double>(ns) / 1000; }
 
 double rate_of(const Outcome& outcome) {
-  return static_cast<double>(outcome.latencies.total()) / outcome.seconds;
+  return static_cast<double>(outcome.done) / outcome.seconds;
 }
 
 // A bar for each power of two between the shortest and the longest.
@@ -203,11 +247,11 @@ std::string text_of(const Outcome& outcome) {
   const LatencyHistogram& latencies = outcome.latencies;
   std::string text =
       format("\noperations  %" PRIu64 " in %.1f s, %.0f a second\nfailed      %" PRIu64 "\n",
-             latencies.total(), outcome.seconds, rate_of(outcome), outcome.failed);
+             outcome.done, outcome.seconds, rate_of(outcome), outcome.failed);
   if (latencies.total() == 0) {
     return text;
   }
-  text += format("\nlatency in microseconds\n%12s  %.1f\n%12s  %.1f\n", "mean",
+  text += format("\nlatency in microseconds, of all calls\n%12s  %.1f\n%12s  %.1f\n", "mean",
                  latencies.mean() / 1000, "min", microseconds(latencies.min()));
   for (const double percent : percents) {
     text += format("%11g%%  %.1f\n", percent, microseconds(latencies.percentile(percent)));
@@ -221,8 +265,9 @@ nlohmann::json json_of(const Outcome& outcome) {
   for (const double percent : percents) {
     percentiles[format("%g", percent)] = microseconds(outcome.latencies.percentile(percent));
   }
-  return {{"operations", outcome.latencies.total()},
+  return {{"operations", outcome.done},
           {"failed", outcome.failed},
+          {"keys_left", outcome.keys_left},
           {"seconds", outcome.seconds},
           {"operations_per_second", rate_of(outcome)},
           {"latency_us",
@@ -251,18 +296,22 @@ Outcome run(const Options& options, const LoadOptions& load_options, const Mix& 
     for (Worker& worker : workers) {
       threads.emplace_back([&worker](const std::stop_token& stop) { worker.work(stop); });
     }
-    std::uint64_t before = 0;
+    std::uint64_t done_before = 0;
+    std::uint64_t failed_before = 0;
     for (int second = 1; second <= load_options.seconds && !wait_for_end(1000); ++second) {
       const std::uint64_t done = sum(&Worker::done);
+      const std::uint64_t failed = sum(&Worker::failed);
       if (!options.json) {
         print(format("%4d s  %10" PRIu64 " operations  %8" PRIu64 " in this second  %" PRIu64
-                     " failed\n",
-                     second, done, done - before, sum(&Worker::failed)));
+                     " failed in this second\n",
+                     second, done, done - done_before, failed - failed_before));
       }
-      before = done;
+      done_before = done;
+      failed_before = failed;
     }
   }
   outcome.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  outcome.done = sum(&Worker::done);
   outcome.failed = sum(&Worker::failed);
   for (const Worker& worker : workers) {
     outcome.latencies.add(worker.latencies);
@@ -274,15 +323,30 @@ Outcome run(const Options& options, const LoadOptions& load_options, const Mix& 
 
 ExitStatus load(const Options& options, const LoadOptions& load_options) {
   const Mix mix = parse_mix(load_options.mix);
+  if (mix.families.contains(Family::any)) {
+    const std::vector<std::string> words = words_of(load_options.raw, key_word);
+    if (words.empty()) {
+      throw Failure(wrong_usage, "load: --raw has no words");
+    }
+    warn_of_mode(words);
+  }
   const Library library(options.config);
   library.require_ready();
   catch_end_signals();
-  const LoadKeys keys(options, load_options, mix);
-  const Outcome outcome = run(options, load_options, mix);
+  LoadKeys keys(options, load_options, mix);
+  Outcome outcome = run(options, load_options, mix);
+  outcome.keys_left = keys.clean_up();
   if (options.json) {
     print_json(json_of(outcome));
   } else {
     print(text_of(outcome));
+  }
+  if (outcome.keys_left > 0) {
+    std::fprintf(
+        stderr,
+        "ruvo_cli: load: up to %zu keys %s* could not be deleted in pool %s; those that the "
+        "load has made anew, but for set's, do not expire\n",
+        outcome.keys_left, key_prefix, pool_name(options.pool));
   }
   return outcome.failed == 0 ? succeeded : failed;
 }

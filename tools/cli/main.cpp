@@ -37,7 +37,6 @@ struct CommandLine {
   Arguments arguments;
   std::optional<std::string> value_file;
   bool no_newline = false;
-  std::vector<std::string> words;
   WatchOptions watch;
   LoadOptions load;
   std::function<ExitStatus()> command;
@@ -59,31 +58,27 @@ std::string read_value(const std::string& path) {
   return content;
 }
 
-const char* text_of(int result) {
-  return result == RUVO_ABSENT ? "absent" : ruvo_result_text(result);
-}
-
 // Shows an answer, and what the log had to say of a failure.
-ExitStatus finish(const CommandLine& line, const std::string& name, const Answer& answer) {
+ExitStatus finish(const CommandLine& line, const Operation& operation, const Answer& answer) {
   const ExitStatus status = status_of_operation(answer.result);
+  const char* const text = text_of(operation, answer.result);
   if (line.options.json) {
-    nlohmann::json json{{"command", name},
+    nlohmann::json json{{"command", operation.name},
                         {"pool", pool_name(line.options.pool)},
                         {"result", answer.result},
-                        {"text", text_of(answer.result)}};
+                        {"text", text}};
     if (answer.value) {
       json["value"] = to_printable(*answer.value);
     }
     print_json(json);
-  } else if (answer.value && (status == succeeded || name == "raw")) {
+  } else if (answer.value && (status == succeeded || operation.family == Family::any)) {
     print(to_text(*answer.value) + (line.no_newline ? "" : "\n"));
   }
   if (status >= failed) {
-    std::fprintf(stderr, "ruvo_cli: %s: %s (%d)\n", name.c_str(), text_of(answer.result),
-                 answer.result);
+    std::fprintf(stderr, "ruvo_cli: %s: %s (%d)\n", operation.name, text, answer.result);
     show_kept_lines();
   } else if (status != succeeded && !line.options.json) {
-    std::fprintf(stderr, "ruvo_cli: %s: %s\n", name.c_str(), text_of(answer.result));
+    std::fprintf(stderr, "ruvo_cli: %s: %s\n", operation.name, text);
   }
   return status;
 }
@@ -92,16 +87,13 @@ ExitStatus run_operation(CommandLine& line, const Operation& operation) {
   if (line.value_file) {
     line.arguments.value = read_value(*line.value_file);
   }
+  if (operation.family == Family::any) {
+    warn_of_mode(line.arguments.words);
+  }
   line.arguments.pool = line.options.pool;
   const Library library(line.options.config);
   library.require_ready();
-  return finish(line, operation.name, operation.run(line.arguments));
-}
-
-ExitStatus run_raw_command(CommandLine& line) {
-  const Library library(line.options.config);
-  library.require_ready();
-  return finish(line, "raw", run_raw(line.options.pool, line.words));
+  return finish(line, operation, operation.run(line.arguments));
 }
 
 // A value stands on the command line or in a file.
@@ -143,6 +135,21 @@ CLI::Option* add_number(CLI::App& command, const std::string& name, Number& targ
                     std::numeric_limits<Number>::max());
 }
 
+constexpr const char* raw_usage =
+    "Behind the options come the words of the command, which are taken as they stand:\n"
+    "  ruvo_cli raw LRANGE key 0 -1\n\n";
+
+// The words are taken as they stand: none of them is an option, here or of the tool.
+void add_words(CLI::App& command, CommandLine& line) {
+  command.fallthrough(false)->prefix_command();
+  command.callback([&command, &line] {
+    line.arguments.words = command.remaining();
+    if (line.arguments.words.empty()) {
+      throw CLI::RequiredError("WORD");
+    }
+  });
+}
+
 void add_parameter(CLI::App& command, CommandLine& line, Parameter parameter) {
   Arguments& arguments = line.arguments;
   switch (parameter) {
@@ -177,6 +184,9 @@ void add_parameter(CLI::App& command, CommandLine& line, Parameter parameter) {
     case Parameter::end:
       add_number(command, "END", arguments.end, "Last position")->required();
       break;
+    case Parameter::words:
+      add_words(command, line);
+      break;
   }
 }
 
@@ -188,6 +198,23 @@ CLI::App& add_command(CLI::App& app, CommandLine& line, const std::string& name,
   return command;
 }
 
+StatusTexts statuses_of(const Operation& operation) {
+  StatusTexts statuses{{succeeded, "success"},
+                       {failed, "no server, or an error reply (-1, 10112)"}};
+  if (operation.can_be_absent) {
+    statuses[absent] = operation.family == Family::any
+                           ? "the reply is nil (10402)"
+                           : "it is not there (library results 1, 10402)";
+  }
+  if (operation.nothing_done != nullptr) {
+    statuses[nothing_done] = std::string(operation.nothing_done) + " (-2)";
+  }
+  if (std::ranges::find(operation.parameters, Parameter::value) != operation.parameters.end()) {
+    statuses[unreadable_input] = "the value file cannot be read";
+  }
+  return statuses;
+}
+
 void add_operations(CLI::App& app, CommandLine& line) {
   for (const Operation& operation : all_operations()) {
     CLI::App& command =
@@ -197,36 +224,58 @@ void add_operations(CLI::App& app, CommandLine& line) {
       add_parameter(command, line, parameter);
     }
     command.add_flag("-n,--no-newline", line.no_newline, "No newline behind the value");
+    command.footer((operation.family == Family::any ? raw_usage : "") +
+                   exit_status_help(statuses_of(operation)));
   }
-  CLI::App& raw =
-      add_command(app, line, "raw", "Run any command, word by word, and print its reply",
-                  "Any command", [&line] { return run_raw_command(line); });
-  // The words are taken as they stand: none of them is an option, here or of the tool.
-  raw.fallthrough(false)->prefix_command();
-  raw.add_flag("-n,--no-newline", line.no_newline, "No newline behind the reply");
-  raw.callback([&raw, &line] {
-    line.words = raw.remaining();
-    if (line.words.empty()) {
-      throw CLI::RequiredError("WORD");
-    }
-  });
+}
+
+std::string operation_names() {
+  std::string names;
+  for (const Operation& operation : all_operations()) {
+    names += (names.empty() ? "" : " ") + std::string(operation.name);
+  }
+  return names;
 }
 
 void add_programs(CLI::App& app, CommandLine& line) {
   static const char* const group = "Servers";
-  add_command(app, line, "check", "Start up and tell of pools, servers and connections", group,
-              [&line] { return check(line.options); });
+  add_command(app, line, "check", "Start up, ask every server, review the settings", group,
+              [&line] { return check(line.options); })
+      .footer(exit_status_help(
+          {{succeeded, "every server and connection is up, every setting is read as written"},
+           {pools_down, "some pool cannot be used"},
+           {connections_down, "every pool can be used; some servers or connections are not up"},
+           {settings_misread, "all is up, but settings are not read as written"}}));
+
   CLI::App& watching = add_command(app, line, "watch", "Tell of a pool's servers once a second",
                                    group, [&line] { return watch(line.options, line.watch); });
   add_number(watching, "--rounds", line.watch.rounds, "Stop after so many; 0, the default: never",
              0, std::numeric_limits<int>::max());
+  watching.footer(exit_status_help({{succeeded, "in the last round every server was up"},
+                                    {pools_down, "none was, or the pool has no servers"},
+                                    {connections_down, "some were not"}}));
+
+  const LoadOptions& standard = line.load;
+  const auto or_default = [](const std::string& help, int value) {
+    return help + " (default " + std::to_string(value) + ")";
+  };
   CLI::App& loading = add_command(app, line, "load", "Put a load on a pool and measure it", group,
                                   [&line] { return load(line.options, line.load); });
-  add_number(loading, "--threads", line.load.threads, "Threads that call (4)", 1, 1000);
-  add_number(loading, "--seconds", line.load.seconds, "How long (10)", 1, 86400);
-  loading.add_option("--mix", line.load.mix, "Operations and their weights")->capture_default_str();
-  add_number(loading, "--keys", line.load.keys, "Keys to spread over (1000)", 1, 10000000);
-  add_number(loading, "--value-size", line.load.value_size, "Bytes of a value (100)", 0, 512 << 20);
+  add_number(loading, "--threads", line.load.threads,
+             or_default("Threads that call", standard.threads), 1, 1000);
+  add_number(loading, "--seconds", line.load.seconds, or_default("How long", standard.seconds), 1,
+             86400);
+  loading.add_option("--mix", line.load.mix,
+                     "OPERATION=WEIGHT,..., see below (default " + standard.mix + ")");
+  loading.add_option("--raw", line.load.raw,
+                     "What raw runs in the mix; {key} is the key (default " + standard.raw + ")");
+  add_number(loading, "--keys", line.load.keys, or_default("Keys to spread over", standard.keys), 1,
+             10000000);
+  add_number(loading, "--value-size", line.load.value_size,
+             or_default("Bytes of a value", standard.value_size), 0, 512 << 20);
+  loading.footer(
+      "Operations of a mix:\n  " + operation_names() + "\n\n" +
+      exit_status_help({{succeeded, "every call succeeded"}, {failed, "some calls failed"}}));
 }
 
 int run(int argc, char** argv) {
@@ -237,13 +286,16 @@ int run(int argc, char** argv) {
   app.set_version_flag("--version", "ruvo_cli " RUVO_VERSION);
   app.footer(exit_status_help());
   app.require_subcommand(1);
-  app.add_option("--config", line.options.config, "Local configuration file")->required();
-  app.add_option("--pool", pool, "The pool of servers")
-      ->capture_default_str()
+  app.add_option("--config", line.options.config, "Local configuration file")
+      ->envname("RUVO_CONFIG")
+      ->required();
+  app.add_option("--pool", pool, "The pool of servers (default temp)")
       ->check(CLI::IsMember(std::vector<std::string>(pool_names.begin(), pool_names.end())));
   app.add_option("--log-level", level, "Show the library's log from this level on")
       ->check(CLI::IsMember(std::vector<std::string>(level_names.begin(), level_names.end())));
   app.add_option("--log-file", line.log.file, "Append the library's log to this file");
+  app.add_flag("--show-passwords", line.log.show_passwords,
+               "Show the passwords that stand in the library's log");
   app.add_flag("--json", line.options.json, "Print JSON");
   add_programs(app, line);
   add_operations(app, line);
@@ -258,7 +310,10 @@ int run(int argc, char** argv) {
     if (line.command == nullptr && !app.remaining().empty()) {
       throw Failure(wrong_usage, "no such command: " + app.remaining().front());
     }
-    throw Failure(wrong_usage, error.what());
+    const std::string text = error.what();
+    throw Failure(wrong_usage, text == "--config is required"
+                                   ? text + ", or RUVO_CONFIG in the environment"
+                                   : text);
   }
   line.options.pool = index_of(pool_names, pool) + 1;
   if (!level.empty()) {

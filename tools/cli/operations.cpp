@@ -63,12 +63,14 @@ const std::vector<Operation>& table() {
          Buffer buffer;
          return buffer.answer(
              RUVO_QueryKey(a.key.c_str(), &buffer.data, &buffer.len, a.pool, nullptr));
-       }},
+       },
+       true},
       {"exists",
        "Is there such a key?",
        Family::string,
        {P::key},
-       [](const Arguments& a) -> Answer { return RUVO_ExistsKey(a.key.c_str(), a.pool, nullptr); }},
+       [](const Arguments& a) -> Answer { return RUVO_ExistsKey(a.key.c_str(), a.pool, nullptr); },
+       true},
       {"del",
        "Delete a key",
        Family::string,
@@ -105,14 +107,16 @@ const std::vector<Operation>& table() {
          Buffer buffer;
          return buffer.answer(RUVO_HashGet(a.key.c_str(), a.field.data(), a.field.size(),
                                            &buffer.data, &buffer.len, a.pool, nullptr));
-       }},
+       },
+       true},
       {"hexists",
        "Is there such a field?",
        Family::hash,
        {P::key, P::field},
        [](const Arguments& a) -> Answer {
          return RUVO_HashFieldExist(a.key.c_str(), a.field.data(), a.field.size(), a.pool, nullptr);
-       }},
+       },
+       true},
       {"hincrby",
        "Add to a field and print the sum",
        Family::hash,
@@ -158,7 +162,9 @@ const std::vector<Operation>& table() {
          std::string text;
          const int result = RUVO_RPop(a.key.c_str(), text, a.pool, nullptr);
          return result == RUVO_OK ? Answer(result, text) : Answer(result);
-       }},
+       },
+       true,
+       "it was the empty text, which is gone from the list"},
       {"lrange",
        "Print the elements from START to END",
        Family::list,
@@ -167,7 +173,9 @@ const std::vector<Operation>& table() {
          std::vector<std::string> texts;
          const int result = RUVO_LRange(a.key.c_str(), a.start, a.end, texts, a.pool, nullptr);
          return with_texts(result, texts);
-       }},
+       },
+       false,
+       "no elements in that range"},
       {"ltrim",
        "Cut a list down to START to END",
        Family::list,
@@ -184,7 +192,9 @@ const std::vector<Operation>& table() {
            throw Failure(wrong_usage, "lrem: the value must not hold a zero byte");
          }
          return RUVO_LRem(a.key.c_str(), a.count, a.value.c_str(), a.pool, nullptr);
-       }},
+       },
+       false,
+       "no such element"},
 
       {"sadd",
        "Add a member to a set",
@@ -192,7 +202,9 @@ const std::vector<Operation>& table() {
        {P::key, P::value},
        [](const Arguments& a) -> Answer {
          return RUVO_SAdd(a.key.c_str(), a.value.data(), a.value.size(), a.pool, nullptr);
-       }},
+       },
+       false,
+       "already a member"},
       {"srem",
        "Remove a member",
        Family::set,
@@ -206,7 +218,9 @@ const std::vector<Operation>& table() {
        {P::key, P::value},
        [](const Arguments& a) -> Answer {
          return RUVO_SIsmember(a.key.c_str(), a.value.data(), a.value.size(), a.pool, nullptr);
-       }},
+       },
+       false,
+       "not a member"},
       {"smembers",
        "Print all members",
        Family::set,
@@ -215,16 +229,26 @@ const std::vector<Operation>& table() {
          std::vector<std::string> texts;
          const int result = RUVO_SMembers(a.key.c_str(), texts, a.pool, nullptr);
          return with_texts(result, texts);
-       }},
+       },
+       false,
+       "the set is empty"},
+
+      {"raw",
+       "Run any command, word by word, and print its reply",
+       Family::any,
+       {P::words},
+       run_raw,
+       true},
   };
   return operations;
 }
 
-constexpr std::array<FamilyTraits, 5> families{{{"string", "String keys", "set"},
+constexpr std::array<FamilyTraits, 6> families{{{"string", "String keys", "set"},
                                                 {"counter", "String keys", "incr"},
                                                 {"hash", "Hashes", "hset"},
                                                 {"list", "Lists", "lpush"},
-                                                {"set", "Sets", "sadd"}}};
+                                                {"set", "Sets", "sadd"},
+                                                {"any", "Any command", "set"}}};
 
 }  // namespace
 
@@ -238,4 +262,11 @@ const Operation* find_operation(const std::string& name) {
   const auto found = std::find_if(table().begin(), table().end(),
                                   [&name](const Operation& one) { return name == one.name; });
   return found != table().end() ? &*found : nullptr;
+}
+
+const char* text_of(const Operation& operation, int result) {
+  if (result == RUVO_NOTHING_DONE && operation.nothing_done != nullptr) {
+    return operation.nothing_done;
+  }
+  return result == RUVO_ABSENT ? "absent" : ruvo_result_text(result);
 }

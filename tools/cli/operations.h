@@ -23,9 +23,10 @@ struct Arguments {
   int count = 0;
   int start = 0;
   int end = 0;
+  std::vector<std::string> words;  // of any command
 };
 
-enum class Parameter { key, field, value, ttl, seconds, increment, count, start, end };
+enum class Parameter { key, field, value, ttl, seconds, increment, count, start, end, words };
 
 struct Answer {
   Answer(int code) : result(code) {}  // NOLINT(google-explicit-constructor): most are just a code
@@ -36,7 +37,7 @@ struct Answer {
 };
 
 // Operations of one family can share a key.
-enum class Family { string, counter, hash, list, set };
+enum class Family { string, counter, hash, list, set, any };
 struct FamilyTraits {
   const char* name;
   const char* group;  // of the commands in --help
@@ -50,13 +51,18 @@ struct Operation {
   Family family;
   std::vector<Parameter> parameters;  // in the order of the command line
   Answer (*run)(const Arguments&);
+  bool can_be_absent = false;          // results 1 and 10402
+  const char* nothing_done = nullptr;  // what result -2 says here; null: it does not come
 };
+
+// What a result of the operation says.
+const char* text_of(const Operation& operation, int result);
 
 // Throws Failure when the library could not take the arguments as they are.
 std::span<const Operation> all_operations();
 const Operation* find_operation(const std::string& name);
 
 // Any command, word by word.
-Answer run_raw(int pool, const std::vector<std::string>& words);
+Answer run_raw(const Arguments& arguments);
 
 #endif

@@ -2,9 +2,15 @@
 #include <ffi.h>
 #include <ruvo/ruvo.h>
 
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
 #include <memory>
 #include <vector>
 
+#include "commands.h"
 #include "exit_status.h"
 #include "operations.h"
 
@@ -35,15 +41,42 @@ void* execute(int pool, const std::string& format, const std::vector<std::string
   return reply;
 }
 
+// Commands after which a connection reads or answers otherwise, or that keep it waiting.
+constexpr std::array mode_commands{
+    "MULTI",  "WATCH", "SUBSCRIBE", "PSUBSCRIBE", "SSUBSCRIBE", "MONITOR",    "SELECT",   "HELLO",
+    "AUTH",   "QUIT",  "RESET",     "SYNC",       "PSYNC",      "BLPOP",      "BRPOP",    "BLMOVE",
+    "BLMPOP", "WAIT",  "BZPOPMIN",  "BZPOPMAX",   "BZMPOP",     "BRPOPLPUSH", "READONLY", "ASKING"};
+constexpr std::array mode_words_of_client{"REPLY", "TRACKING", "PAUSE"};
+
+template <std::size_t count>
+bool is_one_of(const std::array<const char*, count>& names, const std::string& word) {
+  return std::any_of(names.begin(), names.end(),
+                     [&word](const char* name) { return strcasecmp(name, word.c_str()) == 0; });
+}
+
 }  // namespace
 
-Answer run_raw(int pool, const std::vector<std::string>& words) {
+void warn_of_mode(const std::vector<std::string>& words) {
+  const bool is_one = is_one_of(mode_commands, words.at(0)) ||
+                      (words.size() > 1 && strcasecmp(words[0].c_str(), "CLIENT") == 0 &&
+                       is_one_of(mode_words_of_client, words[1]));
+  if (is_one) {
+    std::fprintf(
+        stderr,
+        "ruvo_cli: raw: warning: %s changes or holds one connection of several: here that ends "
+        "with the tool, in a host it meets the calls of other threads\n",
+        words[0].c_str());
+  }
+}
+
+Answer run_raw(const Arguments& arguments) {
+  const std::vector<std::string>& words = arguments.words;
   std::string format;
   for (std::size_t i = 0; i < words.size(); ++i) {
     format += i == 0 ? "%b" : " %b";
   }
   const std::unique_ptr<redisReply, decltype(&RUVO_FreeReplyObject)> reply(
-      static_cast<redisReply*>(execute(pool, format, words)), RUVO_FreeReplyObject);
+      static_cast<redisReply*>(execute(arguments.pool, format, words)), RUVO_FreeReplyObject);
   if (!reply) {
     return RUVO_ERR_FAILED;
   }

@@ -1,18 +1,10 @@
 #include "startup_report.h"
 
-#include <ruvo/busin_config.h>
-#include <ruvo/sutils.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <utility>
 
 #include "library_log.h"
 
 namespace {
-
-constexpr const char* probe_key = "ruvo_cli:check";
 
 // What hiredis says of a failed connection, in an operator's words.
 std::string reason_of(const std::string& error) {
@@ -28,28 +20,6 @@ std::string reason_of(const std::string& error) {
   }
   return error == "null redisContext" ? "no such port" : error;
 }
-
-std::vector<std::string> split(const std::string& addresses) {
-  sp::str_arr pieces;
-  sp::split_str(addresses.c_str(), pieces, ",");
-  for (std::string& piece : pieces) {
-    sp::str_arr parts;
-    sp::split_str(piece.c_str(), parts, ":");
-    if (parts.size() == 2) {
-      const auto port = static_cast<std::uint32_t>(std::strtol(parts[1].c_str(), nullptr, 0));
-      piece = parts[0] + ":" + std::to_string(static_cast<int>(port));  // as the log has it
-    }
-  }
-  return pieces;
-}
-
-struct PoolKeys {
-  const char* addresses;
-  const char* auto_eject;
-};
-constexpr std::array<PoolKeys, 3> keys{{{"temp_server", "p_auto_eject_server"},
-                                        {"persist_server", "t_auto_eject_server"},
-                                        {"personality_server", "ps_auto_eject_server"}}};
 
 // Listens while the library starts.
 class StartupReader {
@@ -86,9 +56,12 @@ void StartupReader::read(const LogEvent& event) {
     case EventKind::configuration_path:
       report_.redis_config = event.field(Field::path);
       break;
-    case EventKind::time_outs:
-      report_.connect_timeout_ms = static_cast<int>(event.number(Field::connect_timeout));
-      report_.socket_timeout_ms = static_cast<int>(event.number(Field::socket_timeout));
+    case EventKind::options:
+      report_.options = {event.field(Field::auto_pipelining) == "true",
+                         event.field(Field::eject_silent_servers) == "true",
+                         event.field(Field::try_ejected_servers) == "true",
+                         static_cast<int>(event.number(Field::log_limit)),
+                         static_cast<int>(event.number(Field::call_timeout))};
       break;
     case EventKind::addresses:
       builds_pools_ = true;
@@ -140,18 +113,16 @@ void StartupReader::read_of_pool(const LogEvent& event) {
 // has it from, and what no line speaks of is what was closed.
 StartupReport StartupReader::report() const {
   StartupReport report = report_;
-  vop_config config;
-  config.open(report.redis_config.c_str());
+  report.configuration = read_configuration(report.redis_config);
   for (std::size_t i = 0; i < report.pools.size(); ++i) {
     PoolReport& pool = report.pools[i];
-    const char* configured = config.get_str_val("common", keys[i].addresses);
-    pool.is_configured = configured != nullptr;
-    pool.addresses = configured != nullptr        ? configured
-                     : i < main_addresses_.size() ? main_addresses_[i]
-                                                  : "";
-    pool.auto_eject = config.get_bool_val("server", keys[i].auto_eject, true);
+    const PoolSettings& settings = report.configuration.pools.at(i);
+    pool.is_configured = settings.addresses.has_value();
+    pool.addresses =
+        settings.addresses.value_or(i < main_addresses_.size() ? main_addresses_[i] : "");
+    pool.auto_eject = settings.auto_eject;
     auto outcome = outcomes_[i].begin();
-    for (const std::string& addr : split(pool.addresses)) {
+    for (const std::string& addr : servers_of(pool.addresses)) {
       ServerReport server;
       server.addr = addr;
       int known = 0;
@@ -186,22 +157,10 @@ ReportedStart start_with_report(const std::string& config) {
   return {std::move(library), reader.report()};
 }
 
-// The library walks on from a server that does not answer, so an error comes from what did answer.
-void ask_pools(StartupReport& report) {
+void probe_servers(StartupReport& report) {
   for (std::size_t i = 0; i < report.pools.size(); ++i) {
-    PoolReport& pool = report.pools[i];
-    if (std::all_of(pool.servers.begin(), pool.servers.end(),
-                    [](const ServerReport& server) { return server.up == 0; })) {
-      continue;
-    }
-    const LogListening listening(BaseLib::Logger::ERROR, [&pool](const LogEvent& event) {
-      if (event.kind == EventKind::error_reply) {
-        pool.told.push_back(event.text);
-      }
-    });
-    for (std::size_t turn = 0; turn < pool.servers.size(); ++turn) {
-      const int result = RUVO_ExistsKey(probe_key, static_cast<int>(i) + 1, nullptr);
-      pool.answers &= result == RUVO_OK || result == RUVO_ABSENT;
+    for (ServerReport& server : report.pools[i].servers) {
+      server.probe = probe_server(server.addr, report.configuration, i);
     }
   }
 }

@@ -9,12 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "configuration.h"
 #include "library.h"
+#include "server_probe.h"
 
 struct ServerReport {
   std::string addr;                 // ip:port
   int up = 0;                       // connections
   std::map<std::string, int> down;  // by reason
+  Probe probe;                      // see probe_servers
 };
 
 struct PoolReport {
@@ -28,13 +31,21 @@ struct PoolReport {
   unsigned long failure_limit = 0;
   int retry_seconds = 0;
   std::vector<ServerReport> servers;
-  bool answers = true;  // to a command; see ask_pools
+};
+
+// The five settings that are off unless a site asks for them.
+struct ClientOptions {
+  bool auto_pipelining = false;
+  bool eject_silent_servers = false;
+  bool try_ejected_servers = false;
+  int log_limit = 0;        // lines
+  int call_timeout_ms = 0;  // 0: none
 };
 
 struct StartupReport {
   std::string redis_config;  // path
-  int connect_timeout_ms = 0;
-  int socket_timeout_ms = 0;
+  Configuration configuration;
+  ClientOptions options;
   std::vector<std::string> told;  // errors from before the pools were built
   std::array<PoolReport, 3> pools;
 };
@@ -45,8 +56,7 @@ struct ReportedStart {
 };
 ReportedStart start_with_report(const std::string& config);
 
-// Puts a command to every server of every pool in its turn, for connections may be up where
-// commands are refused: a missing password, or something else that listens there.
-void ask_pools(StartupReport& report);
+// Asks every server by itself: connections may be up where no command is answered.
+void probe_servers(StartupReport& report);
 
 #endif

@@ -1,5 +1,6 @@
 #include "value.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
@@ -47,7 +48,27 @@ nlohmann::json to_value(const redisReply& reply) {
   }
 }
 
-std::string to_text(const nlohmann::json& value) {
+namespace {
+
+std::string text_at(const nlohmann::json& value, std::size_t indent);
+
+// "1) first" and so on; what is inside an element stands under its beginning.
+std::string numbered(const nlohmann::json& array, std::size_t indent) {
+  std::string lines;
+  for (std::size_t i = 0; i < array.size(); ++i) {
+    const std::string number = std::to_string(i + 1) + ") ";
+    lines += (i > 0 ? "\n" + std::string(indent, ' ') : "") + number +
+             text_at(array[i], indent + number.size());
+  }
+  return lines;
+}
+
+bool is_nested(const nlohmann::json& array) {
+  return std::any_of(array.begin(), array.end(),
+                     [](const nlohmann::json& one) { return one.is_array(); });
+}
+
+std::string text_at(const nlohmann::json& value, std::size_t indent) {
   if (value.is_null()) {
     return "(nil)";
   }
@@ -57,12 +78,22 @@ std::string to_text(const nlohmann::json& value) {
   if (!value.is_array()) {
     return value.dump();
   }
+  if (value.empty()) {
+    return "(empty)";
+  }
+  if (indent > 0 || is_nested(value)) {
+    return numbered(value, indent);
+  }
   std::string lines;
-  for (std::size_t i = 0; i < value.size(); ++i) {
-    lines += (i > 0 ? "\n" : "") + to_text(value[i]);
+  for (const nlohmann::json& element : value) {
+    lines += (&element != &value.front() ? "\n" : "") + text_at(element, indent);
   }
   return lines;
 }
+
+}  // namespace
+
+std::string to_text(const nlohmann::json& value) { return text_at(value, 0); }
 
 nlohmann::json to_printable(const nlohmann::json& value) {
   if (value.is_string() && !is_printable(value)) {

@@ -10,8 +10,8 @@
 
 nlohmann::json to_value(const redisReply& reply);
 
-// Text: numbers and texts as they are, nothing as "(nil)", the elements of an array one to a line,
-// those of inner arrays too. Without a newline at the end.
+// Text: numbers and texts as they are, nothing as "(nil)", the elements of an array one to a line.
+// An array of arrays is numbered, as redis-cli does it. Without a newline at the end.
 std::string to_text(const nlohmann::json& value);
 
 // A value that can be printed as JSON: a text that is not UTF-8 becomes {"hex": "00ff..."}, so that

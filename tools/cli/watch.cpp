@@ -1,25 +1,37 @@
 // The command `watch`: reads from every server of a pool once a second and tells, from what the
-// library logs on the way, how each of them is.
+// library logs on the way, how each of them is. What is not up is asked by itself, for the cause.
+//
+// A start-up that fails is final for a process. So as long as no server of a main pool answers, the
+// library is not started, and all servers are asked by themselves.
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <ctime>
+#include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <vector>
 
 #include "commands.h"
+#include "configuration.h"
 #include "console.h"
 #include "library_log.h"
+#include "server_probe.h"
 #include "startup_report.h"
 
 namespace {
 
 constexpr int round_ms = 1000;
+constexpr std::size_t main_pools = 2;
 constexpr const char* probe_key = "ruvo_cli:watch";
 
-enum class State { unknown, up, failing, ejected };
+enum class State { not_started, unknown, up, failing, ejected };
 
 const char* text_of(State state) {
   switch (state) {
+    case State::not_started:
+      return "not started";
     case State::up:
       return "up";
     case State::failing:
@@ -35,19 +47,20 @@ struct Server {
   std::string addr;
   State state = State::unknown;
   bool is_retried = false;  // in this round
+  bool is_visited = false;  // by this read
   long reads = 0;           // that it answered
   long failures = 0;        // visits without a reply
   long ejections = 0;       // times that the library began to leave it alone
   long retries = 0;         // and tried it again
+  std::string cause = {};   // state of a probe of what is not up
 };
 
 // A server that stands twice in the list has two turns and one line.
-std::vector<Server> servers_of(const PoolReport& pool) {
+std::vector<Server> lines_of(const std::vector<std::string>& addresses, State state) {
   std::vector<Server> servers;
-  for (const ServerReport& report : pool.servers) {
-    if (std::none_of(servers.begin(), servers.end(),
-                     [&report](const Server& one) { return one.addr == report.addr; })) {
-      servers.push_back({.addr = report.addr});
+  for (const std::string& addr : addresses) {
+    if (std::ranges::none_of(servers, [&addr](const Server& one) { return one.addr == addr; })) {
+      servers.push_back({.addr = addr, .state = state});
     }
   }
   return servers;
@@ -57,12 +70,12 @@ std::vector<Server> servers_of(const PoolReport& pool) {
 // that it takes a connection to it; what comes before the next server's line tells how that went.
 class ServerWatch {
  public:
-  explicit ServerWatch(const PoolReport& pool)
-      : turns_(pool.servers.size()),
-        servers_(servers_of(pool)),
+  explicit ServerWatch(const std::vector<std::string>& addresses)
+      : turns_(addresses.size()),
+        servers_(lines_of(addresses, State::unknown)),
         listening_(BaseLib::Logger::DEBUG, [this](const LogEvent& event) { read(event); }) {}
 
-  const std::vector<Server>& servers() const { return servers_; }
+  std::vector<Server>& servers() { return servers_; }
 
   // As many reads as the list is long, so that each server has its turn.
   void probe(int pool) {
@@ -70,6 +83,9 @@ class ServerWatch {
       server.is_retried = false;
     }
     for (std::size_t i = 0; i < turns_; ++i) {
+      for (Server& server : servers_) {
+        server.is_visited = false;
+      }
       RUVO_ExistsKey(probe_key, pool, nullptr);
       leave();
     }
@@ -94,37 +110,45 @@ class ServerWatch {
         candidate_->is_retried = true;
         ++candidate_->retries;
         break;
-      case EventKind::passed_over:
-        candidate_->ejections += candidate_->state != State::ejected ? 1 : 0;
-        candidate_->state = State::ejected;
-        break;
       case EventKind::connection_chosen:
-        is_visited_ = true;
+        is_under_way_ = true;
+        candidate_->is_visited = true;
         break;
       case EventKind::operation_done:
         candidate_->state = State::up;
         ++candidate_->reads;
-        is_visited_ = false;
+        is_under_way_ = false;
+        break;
+      case EventKind::all_servers_invalid:
+        leave();  // what is tried nevertheless stays ejected
+        break;
+      case EventKind::call_timed_out:
+        candidate_ = nullptr;
         break;
       default:
         break;
     }
   }
 
-  // A visit that ends without the line of a success has failed.
+  // A visit that ends without the line of a success has failed, and a server that was looked at and
+  // not visited is ejected, but where the walk has come round to it: the lines that say so may be
+  // kept back by log_limit.
   void leave() {
-    if (is_visited_) {
+    if (candidate_ != nullptr && is_under_way_) {
       candidate_->state = State::failing;
       ++candidate_->failures;
+    } else if (candidate_ != nullptr && !candidate_->is_visited) {
+      candidate_->ejections += candidate_->state != State::ejected ? 1 : 0;
+      candidate_->state = State::ejected;
     }
-    is_visited_ = false;
+    is_under_way_ = false;
     candidate_ = nullptr;
   }
 
   std::size_t turns_;
   std::vector<Server> servers_;
   Server* candidate_ = nullptr;
-  bool is_visited_ = false;
+  bool is_under_way_ = false;  // a visit
   LogListening listening_;
 };
 
@@ -141,10 +165,10 @@ std::string state_text(const Server& server) {
 }
 
 std::string line_of(const Options& options, const Server& server) {
-  return format("%s  %s  %s  %-16s  reads %ld  failures %ld  ejections %ld  retries %ld\n",
+  return format("%s  %s  %s  %-16s  reads %ld  failures %ld  ejections %ld  retries %ld%s%s\n",
                 time_text().c_str(), pool_name(options.pool), server.addr.c_str(),
                 state_text(server).c_str(), server.reads, server.failures, server.ejections,
-                server.retries);
+                server.retries, server.cause.empty() ? "" : "  ", server.cause.c_str());
 }
 
 nlohmann::json json_of(const Options& options, const Server& server) {
@@ -152,7 +176,12 @@ nlohmann::json json_of(const Options& options, const Server& server) {
           {"server", server.addr},        {"state", text_of(server.state)},
           {"retried", server.is_retried}, {"reads", server.reads},
           {"failures", server.failures},  {"ejections", server.ejections},
-          {"retries", server.retries}};
+          {"retries", server.retries},    {"cause", server.cause}};
+}
+
+bool is_up(const Server& server) {
+  return server.state == State::up ||
+         (server.state == State::not_started && server.cause == text_of(State::up));
 }
 
 // In place of the last round's lines where that is wanted; each stays one line of the terminal.
@@ -168,23 +197,118 @@ void show(const Options& options, const std::vector<Server>& servers, bool in_pl
   print(text + (in_place ? "\033[?7h" : ""));
 }
 
+// What is watched, with or without the library.
+class Watch {
+ public:
+  explicit Watch(const Options& options)
+      : options_(options), pool_(static_cast<std::size_t>(options.pool - 1)) {
+    // A pipe can be read once, and the library must.
+    const auto is_file = [](const std::string& path) {
+      std::error_code none;
+      return std::filesystem::is_regular_file(path, none);
+    };
+    if (const std::string path = is_file(options.config) ? redis_config_of(options.config) : "";
+        is_file(path)) {
+      configuration_ = read_configuration(path);
+      addresses_ = servers_of(configuration_->pools.at(pool_).addresses.value_or(""));
+      alone_ = lines_of(addresses_, State::not_started);
+    }
+    if (may_start()) {
+      start();
+    } else {
+      std::fprintf(stderr,
+                   "ruvo_cli: watch: no server of the main pools answers: the library is "
+                   "started when one does\n");
+    }
+    if (addresses_.empty()) {
+      throw Failure(pools_down, std::string("pool ") + pool_name(options.pool) + " has no servers");
+    }
+  }
+
+  std::vector<Server>& servers() { return following_ ? following_->servers() : alone_; }
+
+  void run_round() {
+    if (!library_ && may_start()) {
+      start();
+    }
+    if (following_) {
+      following_->probe(options_.pool);
+    }
+    for (Server& server : servers()) {
+      server.cause = server.state == State::up
+                         ? ""
+                         : probe_server(server.addr, configuration_.value(), pool_).state;
+    }
+  }
+
+  ExitStatus status() {
+    const auto up = std::ranges::count_if(servers(), is_up);
+    return up == 0                                              ? pools_down
+           : up < static_cast<std::ptrdiff_t>(servers().size()) ? connections_down
+                                                                : succeeded;
+  }
+
+ private:
+  // Will the start-up find a server? Where it has addresses of its own, it alone can tell.
+  bool may_start() const {
+    if (!configuration_) {
+      return true;
+    }
+    for (std::size_t pool = 0; pool < main_pools; ++pool) {
+      const std::optional<std::string>& addresses = configuration_->pools.at(pool).addresses;
+      if (!addresses) {
+        return true;
+      }
+      for (const std::string& addr : servers_of(*addresses)) {
+        if (probe_server(addr, *configuration_, pool).is_up()) {
+          return true;
+        }
+      }
+    }
+    return false;
+  }
+
+  void start() {
+    auto [library, report] = start_with_report(options_.config);
+    library_ = std::move(library);
+    if (library_->result() != RUVO_INIT_BOTH_POOLS_FAILED) {
+      library_->require_ready();
+    }
+    configuration_ = report.configuration;
+    addresses_.clear();
+    for (const ServerReport& server : report.pools.at(pool_).servers) {
+      addresses_.push_back(server.addr);
+    }
+    if (library_->is_ready()) {
+      following_ = std::make_unique<ServerWatch>(addresses_);
+    } else {
+      std::fprintf(stderr,
+                   "ruvo_cli: watch: the library could not start: servers are asked by "
+                   "themselves from here on\n");
+      alone_ = lines_of(addresses_, State::not_started);
+    }
+  }
+
+  const Options& options_;
+  std::size_t pool_;
+  std::optional<Configuration> configuration_;
+  std::vector<std::string> addresses_;
+  std::unique_ptr<Library> library_;
+  std::unique_ptr<ServerWatch> following_;
+  std::vector<Server> alone_;  // while the library is not started
+};
+
 }  // namespace
 
 ExitStatus watch(const Options& options, const WatchOptions& watch_options) {
-  const auto [library, report] = start_with_report(options.config);
-  library->require_ready();
-  const PoolReport& pool = report.pools.at(static_cast<std::size_t>(options.pool - 1));
-  if (pool.servers.empty()) {
-    throw Failure(pools_down, std::string("pool ") + pool_name(options.pool) + " has no servers");
-  }
   catch_end_signals();
-  ServerWatch all(pool);
+  Watch all(options);
   const bool in_place = !options.json && is_terminal(all.servers().size());
   for (int round = 0;; ++round) {
-    all.probe(options.pool);
+    all.run_round();
     show(options, all.servers(), in_place && round > 0);
     if (round + 1 == watch_options.rounds || wait_for_end(round_ms)) {
-      return succeeded;
+      return all.status();
     }
   }
 }

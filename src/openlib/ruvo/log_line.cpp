@@ -33,6 +33,28 @@ bool admits(log_place& place, std::uint64_t limit, unsigned long long& kept_back
   return true;
 }
 
+void vwrite(const log_place& place, BaseLib::Logger::LogLevel level, const char* format,
+            va_list args) noexcept {
+  std::array<char, log_buffer_size> text;
+  if (std::vsnprintf(text.data(), text.size(), format, args) < 0) {
+    text[0] = '\0';
+  }
+  try {
+    BaseLib::Logger(place.file, place.line, level).stream() << text.data();
+  } catch (...) {
+    // No memory to build the line with: the operation goes on without it.
+  }
+}
+
+__attribute__((format(printf, 3, 4))) void write(const log_place& place,
+                                                 BaseLib::Logger::LogLevel level,
+                                                 const char* format, ...) noexcept {
+  va_list args;
+  va_start(args, format);
+  vwrite(place, level, format, args);
+  va_end(args);
+}
+
 }  // namespace
 
 void set_log_limit(int lines) { log_limit.store(lines, std::memory_order_relaxed); }
@@ -48,24 +70,15 @@ void write_log_line(log_place& place, BaseLib::Logger::LogLevel level, const cha
     if (!admits(place, static_cast<std::uint64_t>(limit), kept_back)) {
       return;
     }
-    if (kept_back > 0) {
-      const unlimited_log this_line;
-      RUVO_LOG(WARN, "ruvo_redis::log_limit | %llu lines like the next one were kept back",
-               kept_back);
+    if (kept_back > 0 && is_logged(BaseLib::Logger::WARN)) {
+      write(place, BaseLib::Logger::WARN,
+            "ruvo_redis::log_limit | %llu lines like the next one were kept back", kept_back);
     }
   }
-  std::array<char, log_buffer_size> text;
   va_list args;
   va_start(args, format);
-  if (std::vsnprintf(text.data(), text.size(), format, args) < 0) {
-    text[0] = '\0';
-  }
+  vwrite(place, level, format, args);
   va_end(args);
-  try {
-    BaseLib::Logger(place.file, place.line, level).stream() << text.data();
-  } catch (...) {
-    // No memory to build the line with: the operation goes on without it.
-  }
 }
 
 // Deployed systems rely on the bare key at this level, so the text has nothing around it.

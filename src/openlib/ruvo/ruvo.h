@@ -16,63 +16,66 @@
 ///
 ///     RUVO_Fini();                                                    // once for each RUVO_Init
 ///
-/// What holds for every function, and is not repeated below:
+/// The following applies to every function and is not repeated below.
 ///
-/// POOLS. An operation names one of three pools of servers, see RedisServerType. The servers of one
-/// pool are interchangeable doors to the same data (several proxies in front of one Redis, say):
-/// requests go to them in turn.
+/// POOLS. Each operation names one of three server pools, see RedisServerType. All servers of a
+/// pool must serve the same data (several proxies in front of one Redis, for example): requests go
+/// to them in turn.
 ///
-/// PARAMETERS. `key` is a zero-terminated text. Values, fields and members with a length (in bytes)
-/// may hold any bytes, zero bytes included. `redisSrvType` is a RedisServerType; it is never
-/// refused: 2 and 3 name their pools, every other number the temporary one. `server_addr` is not
-/// used: pass NULL. Time-outs of keys are in seconds. What a pointer parameter points to stays the
-/// caller's and is not kept beyond the call; memory that the library hands out is released with
-/// RUVO_FreeResult or RUVO_FreeReplyObject, as the function says.
+/// PARAMETERS. `key` is a zero-terminated string. Values, fields and members that come with a
+/// length (in bytes) may contain any bytes, zeros included. `redisSrvType` is a RedisServerType and
+/// is never rejected: 2 and 3 select their pools, any other number the temporary one. `server_addr`
+/// is unused: pass NULL. Expiry times are in seconds. The library does not keep pointers to
+/// the caller's data after a call. Memory that it returns is released with RUVO_FreeResult or
+/// RUVO_FreeReplyObject, as stated for each function.
 ///
-/// RESULTS. An int result is one of the RUVO_ codes below. Besides the codes that a function names,
-/// every data operation may return
+/// RESULTS. An int result is one of the RUVO_ codes below. In addition to the codes listed for a
+/// function, every data operation may return
 ///
-/// - RUVO_ERR_NOT_INITIALIZED: before a successful RUVO_Init and after the last RUVO_Fini
-/// - RUVO_ERR_NULL_ARGUMENT: a pointer that must not be null is null: `key`, and those said to be
-///   "required"; other pointers to results may be null, and the result is then not stored
-/// - RUVO_ERR_FAILED: no server could be reached, or Redis answered with an error (a wrong
-///   type of key, say) or with something unexpected; the log tells
-/// - RUVO_ERR_NO_MEMORY: memory ran out in the library itself
+/// - RUVO_ERR_NOT_INITIALIZED: before a successful RUVO_Init or after the last RUVO_Fini
+/// - RUVO_ERR_NULL_ARGUMENT: `key`, or a pointer described as required, is null; any other result
+///   pointer may be null, and that result is then not stored
+/// - RUVO_ERR_FAILED: no server could be reached, or Redis returned an error (wrong type of key,
+///   for example) or an unexpected reply; see the log
+/// - RUVO_ERR_NO_MEMORY: the library ran out of memory
 /// - RUVO_ERR_NO_REPLY: a command succeeded without a reply, which Redis does not do
 ///
-/// A value, field or member of more than 512 MiB, Redis' own limit, is refused with
+/// Values, fields and members of more than 512 MiB, Redis' own limit, are rejected with
 /// RUVO_ERR_FAILED. A reply that announces an array of more than 16,777,216 elements counts as a
-/// broken connection. Result parameters are written on RUVO_OK only, except where a function says
-/// otherwise.
+/// broken connection. Result parameters are written only on RUVO_OK unless stated otherwise.
 ///
-/// THREADS. All operations may be called from any number of threads at once. RUVO_Init and
-/// RUVO_Fini must not overlap operations, and the first call of all must have returned before other
-/// threads call. A thread that is cancelled (pthread_cancel) inside a call finishes the call first.
+/// THREADS. Operations may be called from any number of threads concurrently. RUVO_Init and
+/// RUVO_Fini must not overlap them, and the first RUVO_Init must have returned before other threads
+/// call the library. A thread that is cancelled (pthread_cancel) during a call completes it first.
 ///
-/// BLOCKING. A call waits for the connection that its turn gives it, then for the network: for each
-/// attempt at most `connect_timeout` for connecting and `socket_timeout` for each read and write
-/// (milliseconds, from the configuration; less than 1 means without limit). A command is sent, and
-/// after a broken connection sent once more over a new one, before the next server is tried. A
-/// command makes at most twice as many visits as its pool has servers (a raw command: as the three
-/// pools have together), and so ends within
+/// BLOCKING. A call waits for the connection whose turn it is, then for the network: on each
+/// attempt at most `connect_timeout` to connect and `socket_timeout` for each read and write
+/// (milliseconds, from the configuration; less than 1 means no limit). If the connection breaks, it
+/// is rebuilt and the command sent once more before the next server is tried. A command makes at
+/// most twice as many visits as its pool has servers (a raw command: as all three pools have), so
+/// it returns within
 ///
 ///     2 x servers x (connect_timeout + 6 x socket_timeout)
 ///
-/// for replies that arrive in one piece, plus the time that other threads hold its connections.
-/// RUVO_IncreaseKey, RUVO_HashSet and RUVO_LPush may run two commands. Server names, as opposed to
-/// addresses, add the time of the system's resolver. A signal whose handler runs in the waiting
-/// thread lets that wait begin anew: keep periodic signals away from threads that call.
+/// for replies that arrive in one piece, plus the time other threads hold its connections. Once a
+/// configured `call_timeout` has passed, it starts no further attempt.
+/// RUVO_IncreaseKey, RUVO_HashSet and RUVO_LPush may run two commands. Host names, as opposed to
+/// addresses, add the time of the system's resolver. A signal handler that runs in a waiting thread
+/// restarts that wait: block periodic signals in threads that call the library.
 ///
-/// A COMMAND MAY RUN MORE THAN ONCE: when a connection breaks, or socket_timeout passes, after the
+/// FORK. The child of a fork opens its own connections on first use and never uses those of its
+/// parent. Do not fork during RUVO_Init or RUVO_Fini.
+///
+/// A COMMAND MAY RUN MORE THAN ONCE. If the connection breaks or socket_timeout passes after the
 /// server has run a command and before its reply has arrived, the command is sent again, up to
-/// twice for each visit. Increments, pushes and appends then count more than once.
+/// twice per visit. Increments, pushes and appends are then applied more than once.
 ///
-/// SIGNALS AND EXCEPTIONS. A connection that its server has closed does not raise SIGPIPE in the
-/// host. No function throws.
+/// SIGNALS AND EXCEPTIONS. A connection closed by its server does not raise SIGPIPE in the host. No
+/// function throws.
 ///
-/// LOG. What goes wrong is written through BaseLib::Logger (stream_log/logger.h). At level DEBUG
-/// some operations print the caller's field, value or member as a zero-terminated text, whatever
-/// its length: in a process that logs at DEBUG such buffers must be terminated.
+/// LOG. Problems are logged through BaseLib::Logger (stream_log/logger.h). At level DEBUG some
+/// operations print the caller's field, value or member as a zero-terminated string, whatever its
+/// length: a process that logs at DEBUG must terminate these buffers.
 #ifndef RUVO_RUVO_H
 #define RUVO_RUVO_H
 
@@ -84,42 +87,42 @@
 #include <vector>
 #endif
 
-/// What the library lets out.
+/// Marks the functions that the library exports.
 #define RUVO_API __attribute__((visibility("default")))
 
-/// The pools of servers. A pool's addresses and settings are the configuration's.
+/// The server pools. Their addresses and settings come from the configuration.
 #ifdef __cplusplus
 enum RedisServerType : int {
 #else
 enum RedisServerType {
 #endif
-  eTempServer = 1,        ///< for what may be lost
-  ePersistServer = 2,     ///< for what must stay
-  ePersonalityServer = 3  ///< for what belongs to a single user
+  eTempServer = 1,        ///< data that may be lost
+  ePersistServer = 2,     ///< data that must be kept
+  ePersonalityServer = 3  ///< data of individual users
 };
 
-/// The results of the functions.
+/// Result codes.
 enum RuvoResult {
-  RUVO_OK = 0,                        ///< done
-  RUVO_ABSENT = 1,                    ///< RUVO_ExistsKey, RUVO_HashFieldExist: it is not there
-  RUVO_INIT_TEMP_POOL_FAILED = 1,     ///< RUVO_Init: persistent pool up, temporary not
-  RUVO_INIT_PERSIST_POOL_FAILED = 2,  ///< RUVO_Init: temporary pool up, persistent not
-  RUVO_INIT_BOTH_POOLS_FAILED = 3,    ///< RUVO_Init: neither pool is up
-  RUVO_ERR_FAILED = -1,               ///< no usable server, an error reply, an unexpected reply
+  RUVO_OK = 0,                        ///< success
+  RUVO_ABSENT = 1,                    ///< RUVO_ExistsKey, RUVO_HashFieldExist: does not exist
+  RUVO_INIT_TEMP_POOL_FAILED = 1,     ///< RUVO_Init: ready except for the temporary pool
+  RUVO_INIT_PERSIST_POOL_FAILED = 2,  ///< RUVO_Init: ready except for the persistent pool
+  RUVO_INIT_BOTH_POOLS_FAILED = 3,    ///< RUVO_Init: not ready, both pools failed
+  RUVO_ERR_FAILED = -1,               ///< no usable server, an error reply or an unexpected reply
   RUVO_NOTHING_DONE = -2,             ///< nothing popped, in range, added or found
   RUVO_ERR_NO_CONFIG = 10102,         ///< no configuration path given
-  RUVO_ERR_NO_REDIS_CONFIG = 10106,   ///< the local configuration names no redis_cfg_path
+  RUVO_ERR_NO_REDIS_CONFIG = 10106,   ///< no redis_cfg_path in the local configuration
   RUVO_ERR_NULL_ARGUMENT = 10107,     ///< a required pointer is null
   RUVO_ERR_ADDRESS_LIST = 10109,      ///< an address list is empty or malformed
   RUVO_ERR_NOT_INITIALIZED = 10111,   ///< the library is not initialised
   RUVO_ERR_NO_REPLY = 10112,          ///< a command succeeded without a reply
-  RUVO_ERR_NO_MEMORY = 10113,         ///< memory or a mutex could not be obtained
+  RUVO_ERR_NO_MEMORY = 10113,         ///< out of memory, or no mutex could be created
   RUVO_ERR_CONFIG_FILE = 10115,       ///< the local configuration file cannot be opened
-  RUVO_ERR_NOT_FOUND = 10402,         ///< Redis answered nil: the key or field is absent
-  RUVO_ERR_NO_CONNECTION = 10405      ///< a pool has no good connection
+  RUVO_ERR_NOT_FOUND = 10402,         ///< Redis replied nil: no such key or field
+  RUVO_ERR_NO_CONNECTION = 10405      ///< no working connection in a pool
 };
 
-/// A short English text for a result code; never null, static.
+/// Returns a short description of a result code: a static string, never null.
 static inline const char* ruvo_result_text(int code) {
   switch (code) {
     case RUVO_OK:
@@ -163,43 +166,43 @@ static inline const char* ruvo_result_text(int code) {
 extern "C" {
 #endif
 
-/// @name Start and end
+/// @name Start-up and shutdown
 /// @{
 
-/// Reads the configuration, connects all pools and makes the library ready. `config` is the path of
-/// the local configuration file, which names the Redis configuration file.
+/// Reads the configuration and connects all pools. `config` is the path of the local configuration
+/// file, which names the Redis configuration file.
 ///
-/// Calls are counted: a call while the library is ready only adds to the count and returns RUVO_OK,
-/// and every one of them wants its RUVO_Fini. So does a call while another thread's RUVO_Init runs;
-/// it returns RUVO_OK at once, before the library is ready. A start-up that failed is final for the
-/// process: every later RUVO_Init returns RUVO_OK without trying again, and operations keep
-/// answering RUVO_ERR_NOT_INITIALIZED.
+/// Calls are counted, and each must be matched by one RUVO_Fini. A call while the library is ready
+/// only adds to the count and returns RUVO_OK. So does a call while another thread is still inside
+/// RUVO_Init; it returns before the library is ready. A failed start-up is final for the process:
+/// every later RUVO_Init returns RUVO_OK without trying again, and operations keep returning
+/// RUVO_ERR_NOT_INITIALIZED.
 ///
-/// @retval RUVO_OK                        ready (only the log tells of the personality pool)
-/// @retval RUVO_INIT_TEMP_POOL_FAILED     ready, but for the temporary pool
-/// @retval RUVO_INIT_PERSIST_POOL_FAILED  ready, but for the persistent pool
+/// @retval RUVO_OK                        ready (for the personality pool see the log)
+/// @retval RUVO_INIT_TEMP_POOL_FAILED     ready except for the temporary pool
+/// @retval RUVO_INIT_PERSIST_POOL_FAILED  ready except for the persistent pool
 /// @retval RUVO_INIT_BOTH_POOLS_FAILED    not ready
 /// @retval RUVO_ERR_NO_CONFIG             `config` is null or empty
 /// @retval RUVO_ERR_CONFIG_FILE           the local configuration file cannot be opened
 /// @retval RUVO_ERR_NO_REDIS_CONFIG       it has no redis_cfg_path in section redis_cfg
-/// @retval RUVO_ERR_FAILED                the file that redis_cfg_path names cannot be opened
-/// @retval RUVO_ERR_NO_MEMORY             memory ran out
+/// @retval RUVO_ERR_FAILED                the file named by redis_cfg_path cannot be opened
+/// @retval RUVO_ERR_NO_MEMORY             out of memory
 ///
-/// A pool fails when its address list is empty or malformed, or when it has no good connection and
+/// A pool fails if its address list is empty or malformed, or if it has no working connection and
 /// at least one could not be opened. Servers that are down at start-up stay in the pool and are
-/// connected when first used. Connections that are refused for their password are given up for good
-/// and do not fail the pool: the log tells.
+/// connected on first use. A connection whose password is rejected is dropped for good and does not
+/// fail the pool; see the log.
 ///
 /// Prints a few progress lines to standard output. Blocks for each connection in turn: at most
-/// connect_timeout, and with a password 2 x socket_timeout more; for a pool without addresses in
-/// the configuration also for the resolution of the host's own name.
+/// connect_timeout, plus 2 x socket_timeout with a password. A pool without configured addresses
+/// also waits for the host's own name to be resolved.
 RUVO_API int RUVO_Init(const char* config);
 
-/// Takes back one counted RUVO_Init; the last one closes all connections. The library can then be
-/// initialised again. Buffers and raw replies that the library has handed out must be released
-/// before. Does not wait for the network.
-/// @retval RUVO_OK                   done
-/// @retval RUVO_ERR_NOT_INITIALIZED  nothing was
+/// Undoes one RUVO_Init; the last call closes all connections, and the library can then be
+/// initialised again. Buffers and raw replies obtained from the library must be released before
+/// that. Does not wait for the network.
+/// @retval RUVO_OK                   success
+/// @retval RUVO_ERR_NOT_INITIALIZED  the library was not initialised
 RUVO_API int RUVO_Fini(void);
 
 /// @}
@@ -207,55 +210,53 @@ RUVO_API int RUVO_Fini(void);
 /// @name String keys
 /// @{
 
-/// Stores `len` bytes under `key`, in place of what was there. `time_out` of -1: for ever; a
-/// positive one: for so many seconds. Redis refuses any other (RUVO_ERR_FAILED). `data` is
-/// required.
-/// @retval RUVO_OK  done
+/// Sets `key` to the `len` bytes at `data` (required), replacing any previous value. `time_out` is
+/// the expiry in seconds, or -1 for none; Redis rejects any other value (RUVO_ERR_FAILED).
+/// @retval RUVO_OK  success
 RUVO_API int RUVO_InsertKey(const char* key, const char* data, unsigned long len, int time_out,
                             int redisSrvType, const char* server_addr);
 
-/// Appends `len` bytes to the value, or stores them where there is none. `data` is required.
-/// @retval RUVO_OK  done
+/// Appends `len` bytes to the value of `key`, creating it if necessary. `data` is required.
+/// @retval RUVO_OK  success
 RUVO_API int RUVO_AppendKey(const char* key, const char* data, unsigned long len, int redisSrvType,
                             const char* server_addr);
 
-/// Adds 1 to the number under `key` (absent counts as 0) and stores the sum through `value`. A
-/// counter that comes to 1 is set to expire at the next local midnight: this is a counter for the
-/// day.
-/// @retval RUVO_OK  done
+/// Increments a daily counter and stores the new count in `*value`. A missing key counts as 0; a
+/// counter that reaches 1 is set to expire at the next local midnight.
+/// @retval RUVO_OK  success
 RUVO_API int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvType,
                               const char* server_addr);
 
-/// Reads a value: `*data` is a buffer of exactly `*len` bytes, not zero-terminated and never null,
-/// that the caller releases with RUVO_FreeResult (an empty value has one too). Both pointers are
-/// required. Should Redis answer with something that is no text, the results are left alone.
-/// @retval RUVO_OK             done
-/// @retval RUVO_ERR_NOT_FOUND  no such key; both results are left alone
-/// @retval RUVO_ERR_NO_MEMORY  no buffer; `*data` is null
+/// Gets a value: sets `*data` to a buffer of exactly `*len` bytes, not zero-terminated and never
+/// null, even for an empty value. Release it with RUVO_FreeResult. Both pointers are required. Both
+/// results are unchanged if the reply is not a string.
+/// @retval RUVO_OK             success
+/// @retval RUVO_ERR_NOT_FOUND  no such key; both results are unchanged
+/// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*data` is null
 RUVO_API int RUVO_QueryKey(const char* key, const char** data, unsigned long* len, int redisSrvType,
                            const char* server_addr);
 
-/// Asks for a key.
-/// @retval RUVO_OK      the key is there
-/// @retval RUVO_ABSENT  it is not
+/// Tests whether a key exists.
+/// @retval RUVO_OK      it exists
+/// @retval RUVO_ABSENT  it does not
 RUVO_API int RUVO_ExistsKey(const char* key, int redisSrvType, const char* server_addr);
 
-/// Releases a buffer from RUVO_QueryKey or RUVO_HashGet; a null `data` is fine. Before a successful
-/// RUVO_Init and after the last RUVO_Fini nothing is released. Does not block.
-/// @retval RUVO_OK                   done
-/// @retval RUVO_ERR_NOT_INITIALIZED  nothing was
+/// Releases a buffer from RUVO_QueryKey or RUVO_HashGet; `data` may be null. Releases nothing while
+/// the library is not initialised. Does not block.
+/// @retval RUVO_OK                   success
+/// @retval RUVO_ERR_NOT_INITIALIZED  nothing was released
 RUVO_API int RUVO_FreeResult(const char* data);
 
 /// Deletes a key.
-/// @retval RUVO_OK  whether or not it was there
+/// @retval RUVO_OK  whether or not it existed
 RUVO_API int RUVO_DeleteKey(const char* key, int redisSrvType, const char* server_addr);
 
-/// Lets a key expire `time_out` seconds from now; 0 deletes it.
-/// @retval RUVO_OK  whether or not it was there
+/// Sets a key to expire in `time_out` seconds; 0 deletes it.
+/// @retval RUVO_OK  whether or not it existed
 RUVO_API int RUVO_ExpireKey(const char* key, unsigned int time_out, int redisSrvType,
                             const char* server_addr);
 
-/// Takes a key's time-out away.
+/// Removes the expiry of a key.
 /// @retval RUVO_OK  whether or not it had one
 RUVO_API int RUVO_PersistKey(const char* key, int redisSrvType, const char* server_addr);
 
@@ -264,43 +265,43 @@ RUVO_API int RUVO_PersistKey(const char* key, int redisSrvType, const char* serv
 /// @name Hashes
 /// @{
 
-/// Sets a field of a hash. With a `time_out` other than -1 the whole hash is then set to expire
-/// after so many seconds (0 and below: at once), in a command of its own whose outcome does not
-/// change the result. `field` and `value` are required.
-/// @retval RUVO_OK  done
+/// Sets a field of a hash. Unless `time_out` is -1, a second command then sets the whole hash to
+/// expire in `time_out` seconds (0 or less: immediately); its outcome does not affect the result.
+/// `field` and `value` are required.
+/// @retval RUVO_OK  success
 RUVO_API int RUVO_HashSet(const char* key, const char* field, unsigned long f_len,
                           const char* value, unsigned long v_len, int time_out, int redisSrvType,
                           const char* server_addr);
 
-/// Reads a field: `*value` is a buffer of exactly `*v_len` bytes, not zero-terminated and never
-/// null, that the caller releases with RUVO_FreeResult. `field` is required.
-/// @retval RUVO_OK             done
-/// @retval RUVO_ERR_NOT_FOUND  no such key or field; both results are left alone
-/// @retval RUVO_ERR_NO_MEMORY  no buffer; `*value` is null
+/// Gets a field: sets `*value` to a buffer of exactly `*v_len` bytes, not zero-terminated and never
+/// null. Release it with RUVO_FreeResult. `field` is required.
+/// @retval RUVO_OK             success
+/// @retval RUVO_ERR_NOT_FOUND  no such key or field; both results are unchanged
+/// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*value` is null
 RUVO_API int RUVO_HashGet(const char* key, const char* field, unsigned long f_len,
                           const char** value, unsigned long* v_len, int redisSrvType,
                           const char* server_addr);
 
-/// Asks for a field. `field` is required.
-/// @retval RUVO_OK      the field is there
-/// @retval RUVO_ABSENT  it is not
+/// Tests whether a field exists. `field` is required.
+/// @retval RUVO_OK      it exists
+/// @retval RUVO_ABSENT  it does not
 RUVO_API int RUVO_HashFieldExist(const char* key, const char* field, unsigned long f_len,
                                  int redisSrvType, const char* server_addr);
 
-/// Adds `increment` to the number in a field (absent counts as 0) and stores the sum through
-/// `result`. Sets no time-out. `field` is required.
-/// @retval RUVO_OK  done
+/// Adds `increment` to the number in a field (required; a missing one counts as 0) and stores the
+/// sum in `*result`. Sets no expiry.
+/// @retval RUVO_OK  success
 RUVO_API int RUVO_HashIncrBy(const char* key, const char* field, unsigned long f_len,
                              long long increment, long long* result, int redisSrvType,
                              const char* server_addr);
 
-/// Stores the number of fields through `fields_num`; 0 where there is no such key.
-/// @retval RUVO_OK  done
+/// Stores the number of fields in `*fields_num`; 0 if there is no such key.
+/// @retval RUVO_OK  success
 RUVO_API int RUVO_HashFieldsNum(const char* key, long long* fields_num, int redisSrvType,
                                 const char* server_addr);
 
 /// Deletes a field. `field` is required.
-/// @retval RUVO_OK  whether or not it was there
+/// @retval RUVO_OK  whether or not it existed
 RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long f_len,
                                int redisSrvType, const char* server_addr);
 
@@ -309,33 +310,33 @@ RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long
 /// @name Any command
 /// @{
 
-/// Runs a command and hands over Redis' reply as it is: a redisReply of hiredis, of any type, error
-/// and nil replies included. The caller owns it and releases it with RUVO_FreeReplyObject. Null
-/// when there is no reply: not initialised, `format` null or not understood, no server reachable,
-/// no memory; the log tells.
+/// Runs a command and returns Redis' reply as it is: a hiredis redisReply of any type, error and
+/// nil replies included, that the caller releases with RUVO_FreeReplyObject. Returns null if there
+/// is no reply: library not initialised, `format` null or invalid, no server reachable, out of
+/// memory; see the log.
 ///
-/// `format` is a hiredis command template: arguments are separated by blanks, and each of `%s`
-/// (text), `%b` (pointer and size_t length), `%d`, `%u`, `%ld`, `%lld` and so on takes an argument.
+/// `format` is a hiredis command template: words are separated by blanks, and each `%s` (string),
+/// `%b` (pointer and size_t length), `%d`, `%u`, `%ld`, `%lld` and so on takes an argument.
 ///
 ///     redisReply* reply =
 ///         (redisReply*)RUVO_ExecRedisCmd(eTempServer, "GETRANGE %s %d %d", key, 0, 3);
 ///
-/// When a server fails, the command goes on to the pool whose number is that server's position in
-/// its list counted from 1 (another number than 1 to 3: the temporary pool), WHICHEVER POOL WAS
-/// ASKED FOR. Where the pools hold different data, check what you get, or use a typed function,
-/// which stays in its pool. It also gives up sooner: a null reply while a server fails is worth
-/// another call.
+/// If a server fails, the command moves on to the pool whose number is that server's position in
+/// its list, counted from 1 (anything but 1 to 3: the temporary pool), WHICHEVER POOL WAS
+/// REQUESTED. Where pools hold different data, check the reply, or use a typed function, which
+/// stays in its pool. It also gives up sooner: after a null reply while a server is failing, call
+/// again.
 ///
-/// Commands that are sent one by one may go to different servers and connections: what needs a
-/// connection of its own (MULTI, SUBSCRIBE, WATCH, SELECT) does not belong here, nor does a command
-/// that waits longer than socket_timeout (BLPOP). Arguments of more than 512 MiB must not be given.
+/// Successive commands may use different servers and connections. Do not send commands that need a
+/// connection of their own (MULTI, SUBSCRIBE, WATCH, SELECT) or that block for longer than
+/// socket_timeout (BLPOP). Arguments must not exceed 512 MiB.
 RUVO_API void* RUVO_ExecRedisCmd(int redisSrvType, const char* format, ...);
 
-/// The same with the arguments in a list, which is left as it was.
+/// Like RUVO_ExecRedisCmd, with the arguments in a va_list, which is left unchanged.
 RUVO_API void* RUVO_ExecRedisvCmd(int redisSrvType, const char* format, va_list ap);
 
-/// Releases a reply, from any thread. Before a successful RUVO_Init and after the last RUVO_Fini
-/// nothing is released. Does not block.
+/// Releases a reply, from any thread. Releases nothing while the library is not initialised. Does
+/// not block.
 RUVO_API void RUVO_FreeReplyObject(void* reply);
 
 /// @}
@@ -343,48 +344,48 @@ RUVO_API void RUVO_FreeReplyObject(void* reply);
 /// @name Lists
 /// @{
 
-/// Removes elements equal to `value`, a required zero-terminated text: the first `count` from the
-/// head, the last -`count` from the tail when negative, all when 0.
-/// @retval RUVO_OK            something was removed
-/// @retval RUVO_NOTHING_DONE  nothing was
+/// Removes elements equal to `value`, a required zero-terminated string: the first `count` from the
+/// head; if negative, the first -`count` from the tail; if 0, all.
+/// @retval RUVO_OK            at least one was removed
+/// @retval RUVO_NOTHING_DONE  none was
 RUVO_API int RUVO_LRem(const char* key, int count, const char* value, int redisSrvType,
                        const char* server_addr);
 
-/// Puts an element at the head of a list and stores the new length through `count`. With a positive
-/// `timeout` the whole list is then set to expire after so many seconds, in a command of its own
-/// whose result is the result of the call. `value` is required.
-/// @retval RUVO_OK  done
+/// Inserts an element at the head of a list and stores the new length in `*count`. If `timeout` is
+/// positive, a second command then sets the whole list to expire in `timeout` seconds; its result
+/// is the result of the call. `value` is required.
+/// @retval RUVO_OK  success
 RUVO_API int RUVO_LPush(const char* key, const char* value, size_t length, int timeout,
                         long long* count, int redisSrvType, const char* server_addr);
 
 #ifdef __cplusplus
-// The three functions that take types of the standard library: caller and library must use the same
-// one. A C caller runs these commands with RUVO_ExecRedisCmd. The containers are emptied first,
-// also when the call fails.
+// The three functions with standard-library types: caller and library must use the same standard
+// library. C callers run these commands with RUVO_ExecRedisCmd. The containers are cleared first,
+// even if the call fails.
 
-/// Takes the element at the tail of a list.
+/// Removes and returns the element at the tail of a list.
 /// @retval RUVO_OK             `value` holds it
-/// @retval RUVO_NOTHING_DONE   it was the empty text; it is gone from the list
+/// @retval RUVO_NOTHING_DONE   it was empty; it is gone from the list
 /// @retval RUVO_ERR_NOT_FOUND  no such list
 RUVO_API int RUVO_RPop(const char* key, std::string& value, int redisSrvType,
                        const char* server_addr);
 
-/// Reads the elements from `start` to `end`, both included, 0 the head; negative positions count
-/// from the tail, -1 being the last. Empty elements are left out.
+/// Gets the elements from `start` to `end` inclusive. 0 is the head; negative positions count from
+/// the tail, -1 being the last element. Empty elements are left out.
 /// @retval RUVO_OK            `value` holds them in order
 /// @retval RUVO_NOTHING_DONE  there are none
 RUVO_API int RUVO_LRange(const char* key, int start, int end, std::vector<std::string>& value,
                          int redisSrvType, const char* server_addr);
 
-/// Reads all members of a set, in the order in which Redis lists them. An empty member is left out.
+/// Gets all members of a set, in the order in which Redis lists them. An empty member is left out.
 /// @retval RUVO_OK            `value` holds them
 /// @retval RUVO_NOTHING_DONE  there are none
 RUVO_API int RUVO_SMembers(const char* key, std::vector<std::string>& value, int redisSrvType,
                            const char* server_addr);
 #endif
 
-/// Cuts a list down to the elements from `start` to `end`, counted as for RUVO_LRange.
-/// @retval RUVO_OK  done
+/// Trims a list to the elements from `start` to `end`, counted as for RUVO_LRange.
+/// @retval RUVO_OK  success
 RUVO_API int RUVO_LTrim(const char* key, int start, int end, int redisSrvType,
                         const char* server_addr);
 
@@ -394,8 +395,8 @@ RUVO_API int RUVO_LTrim(const char* key, int start, int end, int redisSrvType,
 /// @{
 
 /// Adds a member. `data` is required.
-/// @retval RUVO_OK            it is new
-/// @retval RUVO_NOTHING_DONE  it was a member before
+/// @retval RUVO_OK            it was added
+/// @retval RUVO_NOTHING_DONE  it was already a member
 RUVO_API int RUVO_SAdd(const char* key, const char* data, size_t len, int redisSrvType,
                        const char* server_addr);
 
@@ -404,7 +405,7 @@ RUVO_API int RUVO_SAdd(const char* key, const char* data, size_t len, int redisS
 RUVO_API int RUVO_SRem(const char* key, const char* data, size_t len, int redisSrvType,
                        const char* server_addr);
 
-/// Asks for a member. `data` is required.
+/// Tests whether `data` (required) is a member.
 /// @retval RUVO_OK            it is a member
 /// @retval RUVO_NOTHING_DONE  it is not
 RUVO_API int RUVO_SIsmember(const char* key, const char* data, size_t len, int redisSrvType,

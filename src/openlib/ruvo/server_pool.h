@@ -23,9 +23,8 @@ struct server_addr {
 
 struct waiting_call;
 
-// A connection slot. Owns context and lock; its server's pool frees them. Slots that neighbours use
-// at the same time do not share a cache line.
-struct alignas(64) conn_node {
+// A connection slot. Owns context and lock; its server's pool frees them.
+struct conn_node {
   redisContext* context_ = nullptr;  // null or in error state: rebuilt when it is used
   ACE_Thread_Mutex* lock_ = nullptr;
   waiting_call* line_ = nullptr;  // who uses the slot and who waits for it

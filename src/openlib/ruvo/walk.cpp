@@ -109,32 +109,29 @@ visit_end visit(ruvo_redis& redis, const command& command, connection_turn& turn
   return end;
 }
 
-}  // namespace
+server_node* next_of_pool(ruvo_redis& redis, const server_node& failed, RedisServerType pool) {
+  return redis.get_server_node(pool, static_cast<int>(failed.index_) + 1);
+}
 
-// The next position of the same pool.
-const route typed_route{
-    .next_server =
-        [](ruvo_redis& redis, const server_node& failed, RedisServerType pool) {
-          return redis.get_server_node(pool, static_cast<int>(failed.index_) + 1);
-        },
-    .servers_in_reach = [](const ruvo_redis& redis,
-                           RedisServerType pool) { return redis.getPool(pool).servers_.size(); },
-};
+std::size_t servers_of_pool(const ruvo_redis& redis, RedisServerType pool) {
+  return redis.getPool(pool).servers_.size();
+}
 
 // Takes the next position as the number of a pool, and that pool's next server in turn: deployed
 // systems rely on raw commands reaching the other pools.
-const route raw_route{
-    .next_server =
-        [](ruvo_redis& redis, const server_node& failed, RedisServerType) {
-          return redis.get_server_node(static_cast<RedisServerType>(failed.index_ + 1), -1);
-        },
-    .servers_in_reach =
-        [](const ruvo_redis& redis, RedisServerType) {
-          return redis.getPool(eTempServer).servers_.size() +
-                 redis.getPool(ePersistServer).servers_.size() +
-                 redis.getPool(ePersonalityServer).servers_.size();
-        },
-};
+server_node* next_of_any_pool(ruvo_redis& redis, const server_node& failed, RedisServerType) {
+  return redis.get_server_node(static_cast<RedisServerType>(failed.index_ + 1), -1);
+}
+
+std::size_t servers_of_all_pools(const ruvo_redis& redis, RedisServerType) {
+  return servers_of_pool(redis, eTempServer) + servers_of_pool(redis, ePersistServer) +
+         servers_of_pool(redis, ePersonalityServer);
+}
+
+}  // namespace
+
+const route typed_route{next_of_pool, servers_of_pool};
+const route raw_route{next_of_any_pool, servers_of_all_pools};
 
 // Each visit has its turn at one connection, also while the next server is chosen, and lets it go
 // before the next is taken. The bound is for walks that do not come round: one that crosses pools

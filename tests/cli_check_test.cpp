@@ -1,0 +1,266 @@
+// What ruvo_cli tells of configurations and servers: check, watch, and what every command says of
+// files and passwords.
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "cli_tool.h"
+#include "servers.h"
+#include "settings_review.h"
+
+namespace {
+
+using nlohmann::json;
+
+TEST(CliCheck, TellsOfPoolsAndConnections) {
+  const RedisServer redis;
+  const RedisServer guarded("--requirepass right");
+  const DownServer down;
+  struct {
+    std::string common;
+    std::string server;
+    int status;
+    std::vector<std::string> told;
+  } const cases[] = {
+      {all_pools_at(redis.addr()),
+       "p_connect_num = 2\nt_auto_eject_server = 0\nps_server_retry_timeout = 7",
+       0,
+       {"result         0, success\n",
+        "temp         up     configured  2 to each server  after 5 failures, for 30 s",
+        "persist      up     configured  2 to each server  never",
+        "personality  up     configured  2 to each server  after 5 failures, for 7 s",
+        "persist      " + redis.addr() + "  2/2          up\n"}},
+      {all_pools_at(redis.addr()) + "eject_silent_servers = 1\nlog_limit = 9\ncall_timeout = 1500",
+       "",
+       0,
+       {"eject_silent_servers on, try_ejected_servers off",
+        "log_limit 9 lines a second, call_timeout 1500 ms"}},
+      {pools_at(redis.addr() + "," + down.addr(), redis.addr(), redis.addr()),
+       "p_connect_num = 3",
+       7,
+       {"temp         up in part", down.addr() + "  0/3          refused  nobody listens there"}},
+      {pools_at(down.addr(), redis.addr(), redis.addr()),
+       "",
+       5,
+       {"result         1, the temporary pool failed; not usable: temp (refused)\n"}},
+      {all_pools_at(guarded.addr()),
+       "p_password = wrong\nt_password = wrong\nps_password = right",
+       5,
+       {"result         0, success; not usable: temp (wrong password), persist (wrong "
+        "password)\n"}},
+      {pools_at(down.addr(), down.addr(), down.addr()),
+       "",
+       5,
+       {"result         3,", "personality  refused"}},
+      {pools_at("", redis.addr(), "here"),
+       "",
+       5,
+       {"personality  an address list is empty or malformed (10109)", "'here' is not host:port",
+        "invalid server addr:here"}},
+      {all_pools_at(redis.addr()),
+       "p_conect_num = 2\np_server_failure_limit = -1",
+       8,
+       {"never", "is read by nobody"}},
+      {all_pools_at(redis.addr()),
+       "p_connect_num = 0",
+       5,
+       {"no connection", "no connections are configured"}},
+  };
+  for (const auto& one : cases) {
+    expect_told(Tool(one.common, one.server), "check", one.status, one.told);
+  }
+}
+
+TEST(CliCheck, AsksEveryServerByItself) {
+  const RedisServer redis;
+  const RedisServer guarded("--requirepass right");
+  const DownServer down;
+  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
+  const ScriptedServer closing([](Peer& peer) { peer.read_command(); });
+  const ScriptedServer web("HTTP/1.1 400 Bad Request\r\n\r\n");
+  const ScriptedServer friendly("+OK\r\n");
+  const ScriptedServer full("-ERR max number of \x1b clients reached\r\n");
+  std::map<std::string, std::string> states{
+      {"temp " + redis.addr(), "up "},
+      {"temp " + guarded.addr(),
+       "no password given asks for a password, and p_password is not set"},
+      {"temp " + down.addr(), "refused nobody listens there"},
+      {"temp " + silent.addr(), "hung takes connections, and does not answer within 100 ms"},
+      {"temp " + closing.addr(), "closed closes the connection on the first command"},
+      {"temp " + web.addr(),
+       "not a Redis what answers there is no Redis; one behind TLS looks like this, too"},
+      {"temp " + friendly.addr(),
+       "not a Redis what answers there is no Redis; one behind TLS looks like this, too"},
+      {"temp " + full.addr(), "error reply ERR max number of ? clients reached"},
+      {"temp a..b:1",
+       "no such name the resolver does not know the name: Name or service not known"},
+      {"temp 127.0.0.1:70000", "no such port ports are numbers from 1 to 65535"},
+      {"persist " + guarded.addr(), "wrong password does not take the value of t_password"},
+      {"persist " + redis.addr(),
+       "no password wanted has none, and t_password gives one: it is refused"},
+      {"persist " + silent.addr(), "hung takes connections, and does not answer within 100 ms"},
+      {"persist " + closing.addr(), "closed closes the connection on the first command"},
+      {"personality " + redis.addr(), "up "},
+  };
+  std::map<std::string, std::string> lists;
+  for (const auto& [server, state] : states) {
+    const std::size_t blank = server.find(' ');
+    std::string& list = lists[server.substr(0, blank)];
+    list += (list.empty() ? "" : ",") + server.substr(blank + 1);
+  }
+  const Tool tool(
+      pools_at(lists["temp"], lists["persist"], lists["personality"]) + "socket_timeout = 100",
+      "t_password = secret");
+  const Ended run = tool.run("--json check");
+  EXPECT_EQ(run.status, 5);
+  const json report = json::parse(run.output);
+  for (const json& pool : report["pools"]) {
+    EXPECT_EQ(pool["usable"], pool["pool"] != "persist");
+    for (const json& server : pool["servers"]) {
+      const std::string name =
+          pool["pool"].get<std::string>() + " " + server["address"].get<std::string>();
+      EXPECT_EQ(server["state"].get<std::string>() + " " + server["reason"].get<std::string>(),
+                states[name])
+          << name;
+      states.erase(name);
+    }
+  }
+  EXPECT_TRUE(states.empty());
+}
+
+TEST(CliCheck, NamesWhatIsNotReadAsWritten) {
+  const struct {
+    std::string content;
+    std::vector<std::string> findings;  // line and text
+  } cases[] = {
+      {"; all is well\r\n[Common]\r\nTEMP_server = a:1, b:0x10\r\nlog_limit = "
+       "5\n[server]\np_auto_eject_server=True\n",
+       {"3 temp_server: port 0x10 of 'b:0x10' is read as 16"}},
+      {"x = 1\n[servers]\ny = 1\n[common]\np_connect_num = 1\nconect_timeout = 1\n",
+       {"1 the line stands before the first section: it is skipped",
+        "2 section [servers] is read by nobody",
+        "5 key p_connect_num is read by nobody here: it belongs to section [server]",
+        "6 key conect_timeout is read by nobody"}},
+      {"[common]\nsocket_timeout = 200 # ms\nconnect_timeout = 0.2\ncall_timeout = -1\nlog_limit = "
+       "9999999999\n",
+       {"2 socket_timeout = 200 # ms is no whole number: 200 is used",
+        "3 connect_timeout = 0.2 is no whole number: 0 is used",
+        "4 call_timeout = -1 is no number from 0 to 2147483647: the default, 0, is used",
+        "5 log_limit = 9999999999 is no number from 0 to 2147483647: the default, 0, is used"}},
+      {"[common]\nauto_pipelining = yes\n[server]\nt_auto_eject_server = off\np_connect_num = "
+       "-2\nps_password =\n",
+       {"2 auto_pipelining = yes is none of true, 1, false, 0: the default, false, is used",
+        "4 t_auto_eject_server = off is none of true, 1, false, 0: the default, true, is used",
+        "5 p_connect_num = -2 is negative: the default, 1, is used",
+        "6 ps_password is empty: it counts as left out"}},
+      {"[common]\ntemp_server = a:70000,b,c:x\n[server]\np_connect_num = 1\np_connect_num = "
+       "2\n[Server]\nz = 1\np_word\n",
+       {"2 temp_server: port 70000 of 'a:70000' is not from 1 to 65535: it is never connected to",
+        "2 temp_server: 'b' is not host:port: the whole list is refused",
+        "2 temp_server: port x of 'c:x' is not from 1 to 65535: it is never connected to",
+        "5 p_connect_num stands in line 4 already: that one is read",
+        "6 section [Server] stands in line 3 already: only that one is read",
+        "8 the line is no section, no setting and no comment: it is skipped"}},
+      {"[server]\np_password = one\n",
+       {"0 p_password is set and t_password is not: a connection that is rebuilt gives no "
+        "password"}},
+      {"[server]\np_password = one\nt_password = two\n",
+       {"0 p_password and t_password differ: a connection that is rebuilt gives t_password",
+        "0 t_password is set and ps_password is not: a connection of that pool that is rebuilt "
+        "gives t_password"}},
+  };
+  const TempDir dir;
+  for (const auto& one : cases) {
+    std::vector<std::string> findings;
+    for (const Finding& finding : review_settings(dir.write("settings", one.content))) {
+      findings.push_back(std::to_string(finding.line) + " " + finding.text);
+    }
+    EXPECT_EQ(findings, one.findings) << one.content;
+  }
+}
+
+TEST(CliCheck, NamesAFileThatCannotBeUsed) {
+  const TempDir dir;
+  const std::string none = dir.path("none");
+  const std::string empty = dir.write("empty", "[redis_cfg]\n");
+  const std::string gone = dir.write("gone", "[redis_cfg]\nredis_cfg_path = " + none + "\n");
+  const std::string astray = dir.write("astray", "[redis_cfg]\nredis_cfg_path = stray.conf\n");
+  const struct {
+    std::string config;
+    std::string told;
+  } cases[] = {
+      {none, "cannot open " + none + ": No such file or directory (10115)\n"},
+      {"/", "start-up failed: /: Is a directory (10106)\n"},
+      {empty, empty + ": no redis_cfg_path in section [redis_cfg] (10106)\n"},
+      {gone, "cannot open " + none + ": No such file or directory; it is the redis_cfg_path of " +
+                 gone + " (-1)\n"},
+      {astray,
+       "relative to the working directory " + std::filesystem::current_path().string() + " (-1)\n"},
+  };
+  for (const auto& one : cases) {
+    for (const std::string command : {"check", "watch", "load", "get k", "raw PING"}) {
+      const Ended run = shell(RUVO_CLI " --config " + one.config + " " + command + " 2>&1");
+      EXPECT_EQ(run.status, 4) << command;
+      EXPECT_EQ(run.output.find("ruvo_cli: start-up failed: "), 0U) << run.output;
+      EXPECT_NE(run.output.find(one.told), std::string::npos) << command << "\n" << run.output;
+    }
+  }
+}
+
+TEST(CliCheck, HidesPasswordsUnlessAskedForThem) {
+  const RedisServer guarded("--requirepass right");
+  const Tool tool(all_pools_at(guarded.addr()),
+                  "p_password = secret\nt_password = secret\nps_password = secret");
+  const TempDir dir;
+  for (const std::string arguments :
+       {"check", "get k", "--log-level TRACE get k", "watch --rounds 1"}) {
+    EXPECT_EQ(tool.run(arguments).output.find("secret"), std::string::npos) << arguments;
+  }
+  tool.run("--log-file " + dir.path("log") + " get k");
+  EXPECT_EQ(shell("cat " + dir.path("log")).output.find("secret"), std::string::npos);
+  expect_told(tool, "--show-passwords --log-level WARN get k", 3, {"passwd = secret\n"});
+}
+
+TEST(CliWatch, FollowsAServerFromFailingToEjectedToRetried) {
+  const RedisServer redis;
+  const DownServer down;
+  const Tool tool(all_pools_at(redis.addr() + "," + down.addr()),
+                  "p_server_failure_limit = 1\np_server_retry_timeout = 2");
+  const std::string counts = "  reads 0  failures 2  ejections 1  retries 1  refused\n";
+  expect_told(tool, "watch --rounds 4", 7,
+              {redis.addr() + "  up                reads 8  failures 0  ejections 0  retries 0\n",
+               down.addr() + "  failing", down.addr() + "  ejected",
+               down.addr() + "  retried, failing" + counts});
+}
+
+TEST(CliWatch, AWalkThatComesRoundEjectsNobody) {
+  const RedisServer redis;
+  const DownServer down;
+  const DownServer other;
+  const Tool tool(pools_at(down.addr() + "," + other.addr(), redis.addr(), redis.addr()));
+  const std::string counts =
+      "  failing           reads 0  failures 2  ejections 0  retries 0  refused\n";
+  expect_told(tool, "watch --rounds 1", 5, {down.addr() + counts, other.addr() + counts});
+}
+
+TEST(CliWatch, StartsTheLibraryWhenTheFirstServerAnswers) {
+  RedisServer redis;
+  const Tool tool(all_pools_at(redis.addr()));
+  redis.kill();
+  expect_told(tool, "watch --rounds 1", 5,
+              {"no server of the main pools answers", "not started", "  refused\n"});
+  const TempDir dir;
+  Ended watched{};
+  std::jthread watch([&] {
+    watched = shell("timeout 30 " + tool.command("watch --json") + " 2>&1 | tee " +
+                    dir.path("out") + " | grep -m 1 '\"state\":\"up\"'");
+  });
+  while (shell("grep -q 'not started' " + dir.path("out") + " 2>&1").status != 0) {
+  }
+  redis.restart();
+  watch.join();
+  EXPECT_EQ(watched.status, 0);
+}
+
+}  // namespace

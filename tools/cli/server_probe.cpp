@@ -1,0 +1,129 @@
+#include "server_probe.h"
+
+#include <hiredis/hiredis.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <memory>
+#include <optional>
+
+#include "numbers.h"
+
+namespace {
+
+constexpr const char* probe_key = "ruvo_cli:check";
+constexpr int longest_wait_ms = 5000;  // where the configuration sets no limit
+constexpr int most_port = 65535;
+
+using Context = std::unique_ptr<redisContext, decltype(&redisFree)>;
+using Reply = std::unique_ptr<redisReply, decltype(&freeReplyObject)>;
+
+int limit_of(int milliseconds) { return milliseconds < 1 ? longest_wait_ms : milliseconds; }
+
+timeval to_timeval(int milliseconds) {
+  return {milliseconds / 1000, (milliseconds % 1000) * 1000L};
+}
+
+bool holds(const std::string& text, const char* part) {
+  return text.find(part) != std::string::npos;
+}
+
+// What a server says may be anything; on a terminal it is a line of text.
+std::string printable(const redisReply& error) {
+  std::string text(error.str, static_cast<std::size_t>(error.len));
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char one) { return std::isprint(one) == 0; }, '?');
+  return text;
+}
+
+Probe not_connected(const std::string& error, int limit_ms) {
+  if (holds(error, "refused")) {
+    return {"refused", "nobody listens there"};
+  }
+  if (holds(error, "timed out")) {
+    return {"timed out", "no connection within " + std::to_string(limit_ms) + " ms"};
+  }
+  // In the words of the system's resolver.
+  if (holds(error, "not known") || holds(error, "No address associated")) {
+    return {"no such name", "the resolver does not know the name: " + error};
+  }
+  if (holds(error, "name resolution")) {
+    return {"name not resolved", "the resolver has no answer: " + error};
+  }
+  return {"unreachable", error};
+}
+
+Probe not_a_redis() {
+  return {"not a Redis", "what answers there is no Redis; one behind TLS looks like this, too"};
+}
+
+// REQUIRES: errno is as the exchange left it.
+Probe no_reply(const redisContext& context, int limit_ms) {
+  if (errno == EAGAIN || errno == ETIMEDOUT) {
+    return {"hung",
+            "takes connections, and does not answer within " + std::to_string(limit_ms) + " ms"};
+  }
+  return context.err == REDIS_ERR_PROTOCOL
+             ? not_a_redis()
+             : Probe{"closed", "closes the connection on the first command"};
+}
+
+Probe refusal(const redisReply& error, const std::string& key) {
+  const std::string text = printable(error);
+  if (text.starts_with("NOAUTH")) {
+    return {"no password given", "asks for a password, and " + key + " is not set"};
+  }
+  if (holds(text, "no password is set") || holds(text, "without any password")) {
+    return {"no password wanted", "has none, and " + key + " gives one: it is refused"};
+  }
+  if (text.starts_with("WRONGPASS") || holds(text, "invalid password")) {
+    return {"wrong password", "does not take the value of " + key};
+  }
+  return {"error reply", text};
+}
+
+Reply ask(redisContext& context, const char* format, const std::string& word) {
+  errno = 0;
+  return {static_cast<redisReply*>(redisCommand(&context, format, word.c_str())), freeReplyObject};
+}
+
+}  // namespace
+
+Probe probe_server(const std::string& addr, const Configuration& configuration, std::size_t pool) {
+  const std::size_t colon = addr.rfind(':');
+  const std::optional<int> port =
+      parse_number(std::string_view(addr).substr(colon + 1), 1, most_port);
+  if (!port) {
+    return {"no such port", "ports are numbers from 1 to 65535"};
+  }
+  const int connect_ms = limit_of(configuration.connect_timeout_ms);
+  const int answer_ms = limit_of(configuration.socket_timeout_ms);
+  const Context context(
+      redisConnectWithTimeout(addr.substr(0, colon).c_str(), *port, to_timeval(connect_ms)),
+      redisFree);
+  if (!context || context->err != 0) {
+    return not_connected(context ? context->errstr : "out of memory", connect_ms);
+  }
+  redisSetTimeout(context.get(), to_timeval(answer_ms));
+  const std::string& password = configuration.pools.at(pool).password;
+  const char* const key = pool_keys.at(pool).password;
+  if (!password.empty()) {
+    const Reply reply = ask(*context, "AUTH %s", password);
+    if (!reply) {
+      return no_reply(*context, answer_ms);
+    }
+    if (reply->type == REDIS_REPLY_ERROR) {
+      return refusal(*reply, key);
+    }
+  }
+  const Reply reply = ask(*context, "EXISTS %s", probe_key);
+  if (!reply) {
+    return no_reply(*context, answer_ms);
+  }
+  if (reply->type == REDIS_REPLY_ERROR) {
+    return refusal(*reply, key);
+  }
+  return reply->type == REDIS_REPLY_INTEGER ? Probe{"up", ""} : not_a_redis();
+}
