@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -87,13 +88,13 @@ int run(int argc, char** argv) {
   const RedisServer redis;
   const Context context = connect_to(redis.port());
   prepare(*context, value_bytes);
-  const Library library(redis.addr(), 2);
   if (timed) {
     std::printf("%-11s %9s %9s %9s   nanoseconds for each call\n", "operation", "library",
                 "hiredis", "more");
   }
   for (const Operation& operation : operations_on(value_bytes)) {
     const Call bare = [&] { run_bare(operation, *context); };
+    auto library = std::make_unique<Library>(redis.addr(), 2, RoundTrips::own);
     Tape tape;
     tape.record();
     bare();
@@ -112,6 +113,13 @@ int run(int argc, char** argv) {
       if (operation.name == "GET") {
         const LogFile log;
         count("INFO " + operation.name, operation.through_library);
+      }
+      if (operation.through_cpp) {  // one that stores, one that reads and a raw one are enough
+        Tape::stop();
+        library.reset();
+        library = std::make_unique<Library>(redis.addr(), 2, RoundTrips::shared);
+        tape.play();
+        count("shared " + operation.name, operation.through_library);
       }
     }
   }

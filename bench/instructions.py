@@ -149,7 +149,7 @@ def main():
         print(f"\nthe library's functions in {options.functions}")
         print_functions(dumps["library", options.functions][2])
     found = {name if side == "library" else f"{name}, {side}": shares(counts)[:2]
-             for (side, name), (_, counts, _) in dumps.items() if side in {"library", "ruvo.hpp"}}
+             for (side, name), (_, counts, _) in dumps.items() if side in {"library", "ruvo.hpp", "shared"}}
     if not found:
         sys.exit("no dumps")
     if options.record:

@@ -8,7 +8,11 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <string>
 #include <thread>
+#include <utility>
+
+#include "distance.h"
 
 namespace {
 
@@ -49,43 +53,101 @@ std::vector<std::size_t> order_of_slices(std::size_t rounds) {
   return order;
 }
 
-// Calls until the slice is over, once at least. The clock is read once for each call, on all sides.
+// When a slice is over, and from when on it counts: until then the library's connections, which
+// begin with the slice, find their buffers, and the threads their places.
+struct Period {
+  Clock::time_point counts;
+  Clock::time_point ends;
+};
+
+// Calls until the slice is over; what ends while it counts is counted. That is one call at least.
+// The clock is read once for each call, on all sides.
 template <typename Call>
-Share call_until(Clock::time_point end, LatencyHistogram& latency, const Call& call) {
+Share call_through(const Period& period, LatencyHistogram& latency, const Call& call) {
   Share share;
-  const double cpu_before = thread_cpu_us();
+  double cpu_before = thread_cpu_us();
   auto before = Clock::now();
   do {
     call();
     const auto after = Clock::now();
-    latency.record(static_cast<std::uint64_t>((after - before).count()));
-    ++share.calls;
+    if (after >= period.counts) {
+      latency.record(static_cast<std::uint64_t>((after - before).count()));
+      ++share.calls;
+    } else {
+      cpu_before = thread_cpu_us();
+    }
     before = after;
-  } while (before < end);
+  } while (before < period.ends);
   share.cpu_us = thread_cpu_us() - cpu_before;
   return share;
 }
+
+// The way to the server: that of loopback, or one that takes longer.
+class Way : NoCopy {
+ public:
+  Way(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
+    if (round_trip.count() > 0) {
+      distance_.emplace(port_, round_trip / 2);
+      port_ = distance_->port();
+    }
+  }
+  int port() const { return port_; }
+  std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  int port_;
+  std::optional<Distance> distance_;
+};
+
+// The library as a slice wants it. It is started anew when the slice wants the other kind.
+class LibraryOfSlices : NoCopy {
+ public:
+  LibraryOfSlices(std::string addr, std::size_t connections)
+      : addr_(std::move(addr)), connections_(connections) {}
+
+  void prepare_for(Side side) {
+    if (side != Side::library && side != Side::shared) {
+      return;
+    }
+    const RoundTrips wanted = side == Side::shared ? RoundTrips::shared : RoundTrips::own;
+    if (!library_ || wanted != round_trips_) {
+      library_.reset();
+      library_.emplace(addr_, connections_, wanted);
+      round_trips_ = wanted;
+    }
+  }
+
+ private:
+  std::string addr_;
+  std::size_t connections_;
+  std::optional<Library> library_;
+  RoundTrips round_trips_ = RoundTrips::own;
+};
 
 using Slices = std::array<std::vector<Slice>, sides.size()>;
 
 // Evaluates the slices of each side, which correspond: the n-th of each are of one round.
 void evaluate(const Slices& slices, Result& result) {
   const auto& library = slices[static_cast<std::size_t>(Side::library)];
+  const auto& shared = slices[static_cast<std::size_t>(Side::shared)];
   for (std::size_t side = 0; side < sides.size(); ++side) {
     std::vector<double> rates;
     std::vector<double> cpu;
-    std::vector<double> ratios;
+    std::vector<double> library_ratios;
+    std::vector<double> shared_ratios;
     std::vector<double> cpu_less;
     for (std::size_t round = 0; round < library.size(); ++round) {
       const Slice& slice = slices[side][round];
       rates.push_back(slice.calls_per_second);
       cpu.push_back(slice.cpu_us);
-      ratios.push_back(library[round].calls_per_second / slice.calls_per_second);
+      library_ratios.push_back(library[round].calls_per_second / slice.calls_per_second);
+      shared_ratios.push_back(shared[round].calls_per_second / slice.calls_per_second);
       cpu_less.push_back(library[round].cpu_us - slice.cpu_us);
     }
     result[side].calls_per_second = spread_of(std::move(rates));
     result[side].cpu_us = spread_of(std::move(cpu));
-    result[side].ratio = spread_of(std::move(ratios));
+    result[side].library_ratio = spread_of(std::move(library_ratios));
+    result[side].shared_ratio = spread_of(std::move(shared_ratios));
     result[side].cpu_us_less = spread_of(std::move(cpu_less));
   }
 }
@@ -108,23 +170,33 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   if (one.info_log) {
     log.emplace();
   }
-  const Library library(redis.addr(), one.connections);
-  BareConnections bare(redis.port(), one.threads, pace.bare_time_out);
-  HandWrittenPool pool(redis.port(), one.connections);
+  const Way way(redis, one.round_trip);
+  LibraryOfSlices library(way.addr(), one.connections);
+  BareConnections bare(way.port(), one.threads, pace.bare_time_out);
+  HandWrittenPool pool(way.port(), one.connections);
   const Operation& operation = *one.operation;
 
+  // Over a distance a slice must hold the round trips of all threads one after the other, twice.
+  const bool is_far = one.round_trip.count() > 0;
+  const std::chrono::milliseconds slice =
+      is_far ? std::chrono::ceil<std::chrono::milliseconds>(2 * one.threads * one.round_trip)
+             : pace.slice;
+  const std::size_t rounds = is_far ? (pace.rounds + 3) / 4 : pace.rounds;
   // The first round finds caches cold and buffers small, and does not count.
-  const std::vector<std::size_t> order = order_of_slices(pace.rounds + 1);
+  const std::vector<std::size_t> order = order_of_slices(rounds + 1);
   std::vector<Share> shares(one.threads);
   Slices slices;
   auto result = std::make_unique<Result>();
   std::size_t number = 0;  // of the slice
-  Clock::time_point begin;
+  Period period;
   // Threads meet before and after each slice; the last to come begins and ends it.
-  std::barrier before_slice(static_cast<std::ptrdiff_t>(one.threads),
-                            [&]() noexcept { begin = Clock::now(); });
+  std::barrier before_slice(static_cast<std::ptrdiff_t>(one.threads), [&]() noexcept {
+    library.prepare_for(sides[order[number]]);
+    period.counts = Clock::now() + slice / 5;
+    period.ends = period.counts + slice;
+  });
   std::barrier after_slice(static_cast<std::ptrdiff_t>(one.threads), [&]() noexcept {
-    const std::chrono::duration<double> passed = Clock::now() - begin;
+    const std::chrono::duration<double> passed = Clock::now() - period.counts;
     Share sum;
     for (const Share& share : shares) {
       sum.calls += share.calls;
@@ -141,18 +213,18 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   const auto work = [&](std::size_t thread) {
     for (std::size_t i = 0; i < order.size(); ++i) {
       before_slice.arrive_and_wait();
-      const auto end = begin + pace.slice;
       LatencyHistogram unused;
       LatencyHistogram& latency = i < sides.size() ? unused : latencies[thread][order[i]];
       switch (sides[order[i]]) {
         case Side::library:
-          shares[thread] = call_until(end, latency, operation.through_library);
+        case Side::shared:
+          shares[thread] = call_through(period, latency, operation.through_library);
           break;
         case Side::hiredis:
-          shares[thread] = call_until(end, latency, [&] { bare.run(operation, thread); });
+          shares[thread] = call_through(period, latency, [&] { bare.run(operation, thread); });
           break;
         case Side::pool:
-          shares[thread] = call_until(end, latency, [&] { pool.run(operation); });
+          shares[thread] = call_through(period, latency, [&] { pool.run(operation); });
           break;
       }
       after_slice.arrive_and_wait();

@@ -14,8 +14,9 @@
 struct Case {
   const Operation* operation;
   std::size_t threads;
-  std::size_t connections;  // of the library and the hand-written pool; hiredis has one per thread
+  std::size_t connections;  // of all but hiredis, which has one per thread
   bool info_log = false;  // the library logs at INFO to a file; otherwise at WARN, which is silent
+  std::chrono::microseconds round_trip{0};  // of the way to the server, beyond loopback
 };
 
 struct Pace {
@@ -35,7 +36,8 @@ Spread spread_of(std::vector<double> values);
 struct SideResult {
   Spread calls_per_second;
   Spread cpu_us;             // of the calling threads, user and system, for each call
-  Spread ratio;              // the library's rate over this side's, of each round
+  Spread library_ratio;      // the library's rate over this side's, of each round
+  Spread shared_ratio;       // the same with auto_pipelining
   Spread cpu_us_less;        // the library's processor time less this side's, of each round
   LatencyHistogram latency;  // all rounds, nanoseconds
 };

@@ -1,8 +1,9 @@
-// The library beside bare hiredis and beside the plainest hand-written pool, in one run against a
-// Redis that the benchmark starts. Each round gives each side a short slice of time; the ratios are
-// taken round by round, and the table shows their median and quartiles.
+// The library, with and without auto_pipelining, beside bare hiredis and beside the plainest
+// hand-written pool, in one run against a Redis that the benchmark starts. Each round gives each
+// side a short slice of time; the ratios are taken round by round, and the table shows their median
+// and quartiles.
 //
-//   ruvo_bench             what the aims ask for, in some minutes
+//   ruvo_bench             what the aims of bench/tables.py ask for, in some minutes
 //   ruvo_bench --full      every operation, thread count, connect number and size
 //   ruvo_bench --operation GET --bytes 100 --threads 4 --connections 4
 //   ruvo_bench --help      lists the rest
@@ -10,8 +11,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -41,6 +42,7 @@ struct Options {
   std::size_t slice_ms = 15;
   bool bare_time_outs = false;
   bool info_log = false;
+  std::size_t round_trip_us = 0;
   std::string csv;
 };
 
@@ -63,12 +65,6 @@ class Operations {
   std::map<std::size_t, std::vector<Operation>> by_bytes_;
 };
 
-// That the library's rate is at least so much of the side's.
-struct Aim {
-  Side side;
-  double ratio;
-};
-
 // A part of the run. No operations: all of them.
 struct Part {
   const char* title;
@@ -76,8 +72,8 @@ struct Part {
   std::vector<std::size_t> bytes;
   std::vector<std::size_t> threads;
   std::vector<std::size_t> connections;
-  std::vector<Aim> aims{};  // for its cases with as many connections as threads
   bool info_log = false;
+  std::chrono::microseconds round_trip{0};  // beyond loopback
 };
 
 std::vector<Part> parts_of(const Options& options) {
@@ -89,27 +85,37 @@ std::vector<Part> parts_of(const Options& options) {
     const auto or_else = [](const auto& given, std::vector<std::size_t> otherwise) {
       return given.empty() ? otherwise : given;
     };
-    return {{"as asked for",
-             options.operations,
-             or_else(options.bytes, {100}),
-             or_else(options.threads, {1}),
-             or_else(options.connections, {as_many_as_threads}),
-             {},
-             options.info_log}};
+    return {{"as asked for", options.operations, or_else(options.bytes, {100}),
+             or_else(options.threads, {1}), or_else(options.connections, {as_many_as_threads}),
+             options.info_log, std::chrono::microseconds(options.round_trip_us)}};
   }
   return {
       {.title = "one thread, every operation",
        .operations = {},
        .bytes = {100},
        .threads = {1},
-       .connections = {as_many_as_threads},
-       .aims = {{Side::hiredis, 0.97}, {Side::pool, 0.97}}},
+       .connections = {as_many_as_threads}},
       {.title = "threads and connections",
-       .operations = {"GET", "SET"},
+       .operations = {"GET"},
+       .bytes = {100},
+       .threads = {1, 2, 4},
+       .connections = all_connections},
+      {.title = "many threads, few connections and many",
+       .operations = {"GET"},
+       .bytes = {100},
+       .threads = {16, 64},
+       .connections = {1, 2, 4, 8, 16, as_many_as_threads}},
+      {.title = "many threads over a distance",
+       .operations = {"GET"},
+       .bytes = {100},
+       .threads = {64},
+       .connections = {1, 2, 8},
+       .round_trip = std::chrono::milliseconds(1)},
+      {.title = "storing, as many connections as threads",
+       .operations = {"SET"},
        .bytes = {100},
        .threads = all_threads,
-       .connections = all_connections,
-       .aims = {{Side::pool, 0.97}}},
+       .connections = {as_many_as_threads}},
       {.title = "small and large values",
        .operations = {"GET", "SET", "HGET", "LPUSH+RPOP"},
        .bytes = {16, 10000},
@@ -119,14 +125,12 @@ std::vector<Part> parts_of(const Options& options) {
        .operations = {"GET", "SET", "HGET", "HSET"},
        .bytes = {1000000},
        .threads = {1},
-       .connections = {as_many_as_threads},
-       .aims = {{Side::hiredis, 0.95}}},
+       .connections = {as_many_as_threads}},
       {.title = "log at INFO, to a file",
        .operations = {"GET", "SET", "HGET", "SISMEMBER"},
        .bytes = {100},
        .threads = {1, 4},
        .connections = {as_many_as_threads},
-       .aims = {{Side::hiredis, 0.80}},
        .info_log = true},
   };
 }
@@ -143,8 +147,8 @@ std::vector<Case> cases_of(const Part& part, Operations& operations) {
       for (const std::size_t threads : part.threads) {
         for (const std::size_t connections : part.connections) {
           cases.push_back({&operation, threads,
-                           connections == as_many_as_threads ? threads : connections,
-                           part.info_log});
+                           connections == as_many_as_threads ? threads : connections, part.info_log,
+                           part.round_trip});
         }
       }
     }
@@ -158,10 +162,15 @@ const SideResult& of(const Result& result, Side side) {
   return result[static_cast<std::size_t>(side)];
 }
 
+double us(const SideResult& side, double percent) {
+  return static_cast<double>(side.latency.percentile(percent)) / 1000;
+}
+
 void print_head(const Part& part) {
-  std::printf("\n%s\n%-11s %8s %3s %5s %9s %9s %9s  %-19s  %-19s %7s\n", part.title, "operation",
-              "bytes", "thr", "conn", "library/s", "hiredis/s", "pool/s", "to hiredis",
-              "to the pool", "CPU us");
+  std::printf("\n%s\n%-11s %8s %3s %5s %9s %9s %9s %9s  %-19s  %-19s  %-19s %7s %s\n", part.title,
+              "operation", "bytes", "thr", "conn", "library/s", "shared/s", "hiredis/s", "pool/s",
+              "to hiredis", "to the pool", "shared to hiredis", "CPU us",
+              "p99 us: library, shared, hiredis");
 }
 
 void print(const Case& one, const Result& result) {
@@ -173,9 +182,14 @@ void print(const Case& one, const Result& result) {
   for (const SideResult& side : result) {
     std::printf(" %9.0f", side.calls_per_second.median);
   }
-  ratio(of(result, Side::hiredis).ratio);
-  ratio(of(result, Side::pool).ratio);
-  std::printf(" %+7.2f\n", of(result, Side::hiredis).cpu_us_less.median);
+  ratio(of(result, Side::hiredis).library_ratio);
+  ratio(of(result, Side::pool).library_ratio);
+  ratio(of(result, Side::hiredis).shared_ratio);
+  std::printf(" %+7.2f", of(result, Side::hiredis).cpu_us_less.median);
+  for (const Side side : {Side::library, Side::shared, Side::hiredis}) {
+    std::printf(" %7.0f", us(of(result, side), 99));
+  }
+  std::puts("");
   std::fflush(stdout);
 }
 
@@ -187,86 +201,51 @@ class Csv {
       throw std::runtime_error(path + " cannot be written");
     }
     std::fputs(
-        "operation,bytes,threads,connections,log,side,calls_per_s,calls_per_s_q1,calls_per_s_q3,"
-        "library_ratio,library_ratio_q1,library_ratio_q3,cpu_us,library_cpu_us_more,"
-        "p50_us,p90_us,p99_us,p999_us\n",
+        "operation,bytes,threads,connections,log,round_trip_ms,side,calls_per_s,calls_per_s_q1,"
+        "calls_per_s_q3,library_ratio,library_ratio_q1,library_ratio_q3,shared_ratio,"
+        "shared_ratio_q1,shared_ratio_q3,cpu_us,library_cpu_us_more,p50_us,p90_us,p99_us,p999_us\n",
         file_.get());
   }
 
   void write(const Case& one, const Result& result) {
+    const std::chrono::duration<double, std::milli> round_trip = one.round_trip;
     for (std::size_t side = 0; side < sides.size(); ++side) {
       const SideResult& row = result[side];
-      const auto us = [&row](double percent) {
-        return static_cast<double>(row.latency.percentile(percent)) / 1000;
-      };
-      std::fprintf(file_.get(), "%s,%zu,%zu,%zu,%s,%s,%.0f,%.0f,%.0f,%.4f,%.4f,%.4f,%.3f,%.3f,",
-                   one.operation->name.c_str(), one.operation->bytes, one.threads, one.connections,
-                   one.info_log ? "INFO" : "WARN", side_names[side], row.calls_per_second.median,
-                   row.calls_per_second.lower, row.calls_per_second.upper, row.ratio.median,
-                   row.ratio.lower, row.ratio.upper, row.cpu_us.median, row.cpu_us_less.median);
-      std::fprintf(file_.get(), "%.1f,%.1f,%.1f,%.1f\n", us(50), us(90), us(99), us(99.9));
+      std::fprintf(file_.get(), "%s,%zu,%zu,%zu,%s,%g,%s", one.operation->name.c_str(),
+                   one.operation->bytes, one.threads, one.connections,
+                   one.info_log ? "INFO" : "WARN", round_trip.count(), side_names[side]);
+      write(row.calls_per_second, 0);
+      write(row.library_ratio, 4);
+      write(row.shared_ratio, 4);
+      std::fprintf(file_.get(), ",%.3f,%.3f,%.1f,%.1f,%.1f,%.1f\n", row.cpu_us.median,
+                   row.cpu_us_less.median, us(row, 50), us(row, 90), us(row, 99), us(row, 99.9));
     }
     std::fflush(file_.get());
   }
 
  private:
+  void write(const Spread& spread, int digits) {
+    std::fprintf(file_.get(), ",%.*f,%.*f,%.*f", digits, spread.median, digits, spread.lower,
+                 digits, spread.upper);
+  }
+
   std::unique_ptr<FILE, decltype(&std::fclose)> file_;
 };
 
-// How the cases of a part stand to one of its aims, by their medians.
-class Standing {
- public:
-  Standing(const Part& part, const Aim& aim) : part_(part), aim_(aim) {}
-
-  void look_at(const Case& one, const Result& result) {
-    if (one.connections != one.threads) {
-      return;
-    }
-    const Spread& ratio = of(result, aim_.side).ratio;
-    ++cases_;
-    met_ += ratio.median >= aim_.ratio ? 1 : 0;
-    if (cases_ == 1 || ratio.median < lowest_.median) {
-      lowest_ = ratio;
-      lowest_name_ = one.operation->name + ", threads: " + std::to_string(one.threads);
-    }
-  }
-
-  void print() const {
-    std::printf("%-27s at least %.2f of %-7s: %2d of %2d; lowest %.3f [%.3f %.3f], %s\n",
-                part_.title, aim_.ratio, side_names[static_cast<std::size_t>(aim_.side)], met_,
-                cases_, lowest_.median, lowest_.lower, lowest_.upper, lowest_name_.c_str());
-  }
-
- private:
-  const Part& part_;
-  const Aim& aim_;
-  int cases_ = 0;
-  int met_ = 0;
-  Spread lowest_;
-  std::string lowest_name_;
-};
-
-// Measures and prints a part, but what an earlier one has measured; how it stands to its aims.
-std::vector<Standing> run_part(const Part& part, const RedisServer& redis, const Pace& pace,
-                               Operations& operations, Csv& csv) {
-  static std::set<std::tuple<const Operation*, std::size_t, std::size_t, bool>> done;
-  std::vector<Standing> standings;
-  for (const Aim& aim : part.aims) {
-    standings.emplace_back(part, aim);
-  }
+// Measures and prints a part, but what an earlier one has measured.
+void run_part(const Part& part, const RedisServer& redis, const Pace& pace, Operations& operations,
+              Csv& csv) {
+  static std::set<std::tuple<const Operation*, std::size_t, std::size_t, bool, long>> done;
   print_head(part);
   for (const Case& one : cases_of(part, operations)) {
-    if (!done.emplace(one.operation, one.threads, one.connections, one.info_log).second) {
-      continue;
-    }
-    const Result result = measure(one, redis, pace);
-    print(one, result);
-    csv.write(one, result);
-    for (Standing& standing : standings) {
-      standing.look_at(one, result);
+    if (done.emplace(one.operation, one.threads, one.connections, one.info_log,
+                     one.round_trip.count())
+            .second) {
+      const Result result = measure(one, redis, pace);
+      print(one, result);
+      csv.write(one, result);
     }
   }
-  return standings;
 }
 
 int run(int argc, char** argv) {
@@ -285,6 +264,10 @@ int run(int argc, char** argv) {
       ->check(CLI::Range(1, 10000))
       ->capture_default_str();
   app.add_flag("--info", options.info_log, "With the log at INFO, to a file");
+  app.add_option("--round-trip", options.round_trip_us,
+                 "Microseconds that the way to the server and back takes, beyond loopback")
+      ->check(CLI::Range(0, 1000000))
+      ->capture_default_str();
   app.add_flag("--bare-time-outs", options.bare_time_outs,
                "Give bare hiredis the time-outs that the library and the pool have");
   app.add_option("--csv", options.csv, "File for all figures");
@@ -300,16 +283,8 @@ int run(int argc, char** argv) {
       "medians of %zu rounds, slices of %zu ms; [quartiles]; "
       "CPU us: of the library more than of hiredis, for each call\n",
       options.rounds, options.slice_ms);
-  const std::vector<Part> parts = parts_of(options);
-  std::vector<Standing> standings;
-  for (const Part& part : parts) {
-    std::ranges::copy(run_part(part, redis, pace, operations, csv), std::back_inserter(standings));
-  }
-  if (!standings.empty()) {
-    std::puts("\nAims, with as many connections as threads: medians that reach them");
-  }
-  for (const Standing& standing : standings) {
-    standing.print();
+  for (const Part& part : parts_of(options)) {
+    run_part(part, redis, pace, operations, csv);
   }
   return 0;
 }

@@ -42,10 +42,12 @@ void HandWrittenPool::run(const Operation& operation) {
   }
 }
 
-Library::Library(const std::string& addr, std::size_t connections)
-    : config_("connect_timeout = 10000\nsocket_timeout = " +
-                  std::to_string(time_out_seconds * 1000) + "\n" + pools_at(addr, addr, addr),
-              "p_connect_num = " + std::to_string(connections)) {
+Library::Library(const std::string& addr, std::size_t connections, RoundTrips round_trips)
+    : config_(
+          "connect_timeout = 10000\nsocket_timeout = " + std::to_string(time_out_seconds * 1000) +
+              "\n" + (round_trips == RoundTrips::shared ? "auto_pipelining = true\n" : "") +
+              pools_at(addr, addr, addr),
+          "p_connect_num = " + std::to_string(connections)) {
   using BaseLib::Logger;
   const QuietConsole quiet;
   const Logger::LogLevel level = Logger::logLevel();

@@ -1,4 +1,4 @@
-// The three ways to do an operation that are held against each other.
+// The ways to do an operation that are held against each other.
 #ifndef RUVO_BENCH_SIDES_H
 #define RUVO_BENCH_SIDES_H
 
@@ -11,9 +11,10 @@
 #include "operations.h"
 #include "sandbox.h"
 
-enum class Side { library, hiredis, pool };
-inline constexpr std::array sides{Side::library, Side::hiredis, Side::pool};
-inline constexpr std::array side_names{"library", "hiredis", "pool"};
+// `shared`: the library with auto_pipelining.
+enum class Side { library, shared, hiredis, pool };
+inline constexpr std::array sides{Side::library, Side::shared, Side::hiredis, Side::pool};
+inline constexpr std::array side_names{"library", "shared", "hiredis", "pool"};
 
 // The limit: hiredis alone, on a connection that no other thread uses. The result stays in the
 // reply. Without time-outs, as hiredis begins.
@@ -45,10 +46,11 @@ class HandWrittenPool : NoCopy {
   std::atomic<std::size_t> turn_{0};
 };
 
-// The library, from RUVO_Init to RUVO_Fini, with one server in each pool.
+// The library, from RUVO_Init to RUVO_Fini, with one server in each pool. A process has one.
+enum class RoundTrips { own, shared };
 class Library : NoCopy {
  public:
-  Library(const std::string& addr, std::size_t connections);
+  Library(const std::string& addr, std::size_t connections, RoundTrips round_trips);
   ~Library();
 
  private:

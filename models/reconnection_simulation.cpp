@@ -202,6 +202,7 @@ std::vector<Site> sites_of_the_table() {
   return {{},
           {.connections = 64},
           {.connections = 2},
+          {.connections = 1},
           {.backlog = 8192},
           {.connections = 64, .backlog = 8192},
           {.connections = 64, .backlog = 65535},

@@ -1,7 +1,6 @@
 // The library itself in the setting of scaling_simulation.cpp, to hold the model against: threads
-// that read one key, for several numbers of threads and connections, as CSV. Two kinds of server: a
-// Redis on loopback, and one that answers each request after a pause, as one behind a long way
-// would.
+// that read one key, for several numbers of threads and connections, without auto_pipelining and
+// with it, as CSV. Two kinds of server: a Redis on loopback, and the same behind a long way.
 #include <ruvo/ruvo.h>
 
 #include <algorithm>
@@ -13,17 +12,18 @@
 #include <thread>
 #include <vector>
 
+#include "distance.h"
 #include "host.h"
 #include "run_main.h"
-#include "servers.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
-constexpr std::chrono::milliseconds way(5);
+constexpr std::chrono::microseconds each_way(2500);
 constexpr std::chrono::seconds duration(1);
+constexpr const char* shared = "auto_pipelining = true\n";
 constexpr std::array<std::size_t, 3> thread_counts{1, 4, 16};
 constexpr std::array<std::size_t, 4> connection_counts{1, 4, 8, 32};
 
@@ -44,8 +44,9 @@ void read_key(std::vector<double>& latencies, std::latch& all_ready) {
 }
 
 void measure(const char* series, const std::string& addr, std::size_t threads,
-             std::size_t connections) {
-  const HostConfig config(all_pools_at(addr), "p_connect_num = " + std::to_string(connections));
+             std::size_t connections, const char* options) {
+  const HostConfig config(all_pools_at(addr) + options,
+                          "p_connect_num = " + std::to_string(connections));
   {
     const QuietConsole quiet;
     if (RUVO_Init(config.path()) != RUVO_OK) {
@@ -87,18 +88,15 @@ int run(int /*argc*/, char** /*argv*/) {
   BaseLib::Logger::setLogLevel(BaseLib::Logger::FATAL);
   const RedisServer redis;
   redis.ask("set key value");
-  const ScriptedServer far_away([](Peer& peer) {
-    while (!peer.read_command().empty()) {
-      std::this_thread::sleep_for(way);
-      peer.send("$5\r\nvalue\r\n");
-    }
-  });
+  const Distance distance(redis.port(), each_way);
   std::printf(
       "series,hosts,threads,connections,servers,requests_per_second,mean_us,p50_us,p99_us\n");
   for (const std::size_t threads : thread_counts) {
     for (const std::size_t connections : connection_counts) {
-      measure("loopback", redis.addr(), threads, connections);
-      measure("far away", far_away.addr(), threads, connections);
+      measure("loopback", redis.addr(), threads, connections, "");
+      measure("far away", distance.addr(), threads, connections, "");
+      measure("loopback shared", redis.addr(), threads, connections, shared);
+      measure("far away shared", distance.addr(), threads, connections, shared);
     }
   }
   return 0;

@@ -10,6 +10,11 @@
 // thread, is served, and its reply travels back; then the lock is free and the thread, after some
 // work of its own, calls again. A freed lock wakes the thread that has waited longest, and whoever
 // comes before that one is awake gets it first, as with the mutexes of the system. Nothing fails.
+//
+// With auto_pipelining a thread whose connection is busy takes the next free one of that server,
+// and where there is none it leaves its command in the line of the connection. The oldest of a line
+// leads when the connection is free: when it is awake it sends all commands of the line at once,
+// reads all replies, and wakes the next leader and then the others of its batch.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -36,6 +41,8 @@ constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  
                                                         16, 24, 32, 48, 64, 96, 128};
 constexpr std::size_t most_servers = 8;
 
+constexpr std::size_t max_batch_commands = 128;
+
 struct Point {
   std::string series = "one";
   std::size_t hosts = 1;
@@ -45,7 +52,9 @@ struct Point {
   double round_trip = 200;  // microseconds; so are the next two
   double service = 10;    // the mean; the times are distributed exponentially, and so are wake_up's
   double host_work = 10;  // between a reply and the next call
+  double pause = 0;       // the mean of what a thread idles beyond that, exponentially distributed
   double wake_up = 50;    // from a freed lock to the thread that waited for it
+  bool auto_pipelining = false;
 };
 
 struct Result {
@@ -67,7 +76,7 @@ class Simulation {
 
   Result run() {
     for (std::size_t thread = 0; thread < threads_.size(); ++thread) {
-      schedule(random_time(point_.round_trip), Step::call, thread);
+      schedule(random_time(std::max(point_.round_trip, point_.pause)), Step::call, thread);
     }
     while (latencies_.size() < requests_before + requests_measured) {
       const Event event = events_.top();
@@ -79,7 +88,7 @@ class Simulation {
   }
 
  private:
-  enum class Step { call, woken, arrive, served, reply };
+  enum class Step { call, woken, leads, arrive, served, reply, returns };
   struct Event {
     double time;
     std::uint64_t number;  // orders what happens at the same time
@@ -98,6 +107,10 @@ class Simulation {
   struct Connection {
     bool locked = false;
     Line waiting;
+    // With auto_pipelining:
+    std::size_t leader = 0;           // reads all replies
+    std::size_t under_way = 0;        // so many of them
+    std::vector<std::size_t> served;  // whose replies it has
   };
 
   void schedule(double delay, Step step, std::size_t thread) {
@@ -120,6 +133,9 @@ class Simulation {
       case Step::woken:
         lock(event.thread);
         break;
+      case Step::leads:
+        send_batch(event.thread);
+        break;
       case Step::arrive:
         servers_[thread.server].push_back(event.thread);
         if (servers_[thread.server].size() == 1) {
@@ -134,14 +150,26 @@ class Simulation {
         schedule(point_.round_trip / 2, Step::reply, event.thread);
         break;
       case Step::reply:
-        latencies_.push_back(now_ - thread.called);
-        if (latencies_.size() == requests_before) {
-          measured_from_ = now_;
+        if (point_.auto_pipelining) {
+          take_reply_of_batch(event.thread);
+        } else {
+          unlock(connections_[thread.connection]);
+          return_from_call(event.thread);
         }
-        unlock(connections_[thread.connection]);
-        schedule(point_.host_work, Step::call, event.thread);
+        break;
+      case Step::returns:
+        return_from_call(event.thread);
         break;
     }
+  }
+
+  void return_from_call(std::size_t thread) {
+    latencies_.push_back(now_ - threads_[thread].called);
+    if (latencies_.size() == requests_before) {
+      measured_from_ = now_;
+    }
+    const double idle = point_.pause > 0 ? random_time(point_.pause) : 0;
+    schedule(point_.host_work + idle, Step::call, thread);
   }
 
   void choose(std::size_t number) {
@@ -150,7 +178,16 @@ class Simulation {
     thread.called = now_;
     thread.server = server_turns_[host]++ % point_.servers;
     const std::size_t door = host * point_.servers + thread.server;
-    thread.connection = door * point_.connections + connection_turns_[door]++ % point_.connections;
+    const std::size_t first = door * point_.connections;
+    const std::size_t turn = connection_turns_[door]++;
+    thread.connection = first + turn % point_.connections;
+    for (std::size_t i = 0; point_.auto_pipelining && i < point_.connections; ++i) {
+      const std::size_t candidate = first + (turn + i) % point_.connections;
+      if (!connections_[candidate].locked) {
+        thread.connection = candidate;
+        return;
+      }
+    }
   }
 
   void lock(std::size_t thread) {
@@ -160,7 +197,49 @@ class Simulation {
       return;
     }
     connection.locked = true;
-    schedule(point_.round_trip / 2, Step::arrive, thread);
+    if (point_.auto_pipelining) {
+      send_batch(thread);
+    } else {
+      schedule(point_.round_trip / 2, Step::arrive, thread);
+    }
+  }
+
+  // This thread's command and those that wait, in order of arrival.
+  void send_batch(std::size_t leader) {
+    Connection& connection = connections_[threads_[leader].connection];
+    connection.leader = leader;
+    connection.under_way = 1;
+    schedule(point_.round_trip / 2, Step::arrive, leader);
+    for (; !connection.waiting.empty() && connection.under_way < max_batch_commands;
+         ++connection.under_way) {
+      schedule(point_.round_trip / 2, Step::arrive, connection.waiting.front());
+      connection.waiting.pop_front();
+    }
+  }
+
+  // After the last reply the next leader is woken first, so that it sends before the others call
+  // again.
+  void take_reply_of_batch(std::size_t thread) {
+    Connection& connection = connections_[threads_[thread].connection];
+    connection.served.push_back(thread);
+    if (--connection.under_way > 0) {
+      return;
+    }
+    double next_leads = 0;
+    if (connection.waiting.empty()) {
+      connection.locked = false;
+    } else {
+      next_leads = random_time(point_.wake_up);
+      schedule(next_leads, Step::leads, connection.waiting.front());
+      connection.waiting.pop_front();
+    }
+    for (const std::size_t served : connection.served) {
+      if (served != connection.leader) {
+        schedule(next_leads + random_time(point_.wake_up), Step::returns, served);
+      }
+    }
+    connection.served.clear();
+    return_from_call(connection.leader);
   }
 
   void unlock(Connection& connection) {
@@ -206,6 +285,14 @@ std::vector<Point> points_of_the_pictures() {
     }
   }
   for (const std::size_t threads : thread_counts) {
+    for (const std::size_t connections : connection_counts) {
+      points.push_back({.series = "shared",
+                        .threads = threads,
+                        .connections = connections,
+                        .auto_pipelining = true});
+    }
+  }
+  for (const std::size_t threads : thread_counts) {
     for (std::size_t servers = 1; servers <= most_servers; ++servers) {
       points.push_back({.series = "servers",
                         .hosts = 8,
@@ -239,6 +326,9 @@ int run(int argc, char** argv) {
   add("--round-trip", point.round_trip, "Network time of a request and its reply", microseconds);
   add("--service", point.service, "Mean time in the server", microseconds);
   add("--host-work", point.host_work, "Time between a reply and the next call", microseconds);
+  add("--pause", point.pause, "Mean time that a thread idles beyond that", microseconds);
+  app.add_flag("--auto-pipelining", point.auto_pipelining,
+               "Threads that meet on a connection share its round trips");
   add("--wake-up", point.wake_up, "Mean time that a thread takes to wake up for a lock",
       microseconds);
   CLI11_PARSE(app, argc, argv);

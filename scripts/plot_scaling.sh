@@ -16,9 +16,9 @@ build/bench/models/scaling_simulation >"$folder/scaling.csv"
 cd "$folder"
 gnuplot <<'PLOT'
 set datafile separator ","
-set terminal svg size 900,400 font "sans,13" background "white"
+set terminal svg size 900,430 noenhanced font "sans,13" background "white"
 set grid
-set key top left
+set key below maxrows 3
 # The points of one picture and one number of threads; others are no numbers and are left out.
 of(name, threads, value) = strcol(1) eq name && column(3) == threads ? value : NaN
 
@@ -28,26 +28,28 @@ set logscale x 2
 set xrange [1:128]
 set xlabel "connections to each of two servers"
 set ylabel "requests per second, thousands"
-plot for [t in "4 16 64"] "scaling.csv" using 4:(of("connections", int(t), column(6) / 1000)) \
-  with linespoints pointtype 7 pointsize 0.5 title t . " threads"
+threads = "4 16 64"
+plot for [i = 1:3] "scaling.csv" using 4:(of("connections", int(word(threads, i)), column(6) / 1000)) \
+    with linespoints linecolor i pointtype 7 pointsize 0.5 title word(threads, i) . " threads", \
+  for [i = 1:3] "scaling.csv" using 4:(of("shared", int(word(threads, i)), column(6) / 1000)) \
+    with linespoints linecolor i dashtype 2 pointtype 6 pointsize 0.5 title word(threads, i) . ", auto_pipelining"
 set logscale y
-set key top right
 set ylabel "99th percentile, milliseconds"
-plot for [t in "4 16 64"] "scaling.csv" using 4:(of("connections", int(t), column(9) / 1000)) \
-  with linespoints pointtype 7 pointsize 0.5 title t . " threads"
+plot for [i = 1:3] "scaling.csv" using 4:(of("connections", int(word(threads, i)), column(9) / 1000)) \
+    with linespoints linecolor i pointtype 7 pointsize 0.5 title word(threads, i) . " threads", \
+  for [i = 1:3] "scaling.csv" using 4:(of("shared", int(word(threads, i)), column(9) / 1000)) \
+    with linespoints linecolor i dashtype 2 pointtype 6 pointsize 0.5 title word(threads, i) . ", auto_pipelining"
 unset multiplot
 unset logscale
 
 set output "scaling_servers.svg"
 set multiplot layout 1,2
 set xrange [1:8]
-set key top left
 set xlabel "servers"
 set ylabel "requests per second, thousands"
 plot for [t in "4 16 64"] "scaling.csv" using 5:(of("servers", int(t), column(6) / 1000)) \
   with linespoints pointtype 7 pointsize 0.5 title "8 hosts x " . t . " threads"
 set logscale y
-set key top right
 set ylabel "99th percentile, milliseconds"
 plot for [t in "4 16 64"] "scaling.csv" using 5:(of("servers", int(t), column(9) / 1000)) \
   with linespoints pointtype 7 pointsize 0.5 title "8 hosts x " . t . " threads"
