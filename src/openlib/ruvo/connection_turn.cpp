@@ -54,13 +54,6 @@ void waiting_call::note_error(const redisContext& context) {
   std::copy(std::begin(context.errstr), std::end(context.errstr), error_text);
 }
 
-connection_turn::connection_turn(server_node& server, conn_node& slot, const wire_command& wire,
-                                 bool is_shared)
-    : slot_(&slot), is_shared_(is_shared) {
-  call_.wire = &wire;
-  has_slot_ = is_shared && take_free_slot(server);
-}
-
 // The slot whose turn it is, or the next free one.
 bool connection_turn::take_free_slot(server_node& server) {
   const std::size_t count = server.context_arr_.size();
@@ -75,8 +68,8 @@ bool connection_turn::take_free_slot(server_node& server) {
   return false;
 }
 
-bool connection_turn::wait() {
-  if (is_shared_ && !has_slot_) {
+bool connection_turn::wait_in_line() {
+  if (!has_slot_) {
     call_.fate.store(call_fate::waits, std::memory_order_relaxed);
     if (!take_or_join(*slot_, call_)) {
       sleep_until_fated(call_.fate);
@@ -88,14 +81,13 @@ bool connection_turn::wait() {
     }
     has_slot_ = true;
   }
-  leads_ = slot_->lock_->acquire() != -1;
-  return leads_;
+  return lock();
 }
 
 // Appends those that have come to the line behind this thread.
 void connection_turn::take_line() {
   const std::atomic_ref line(slot_->line_);
-  if (!is_shared_ || line.load(std::memory_order_relaxed) == busy) {
+  if (line.load(std::memory_order_relaxed) == busy) {
     return;
   }
   waiting_call* const newest = line.exchange(busy, std::memory_order_acquire);
@@ -136,20 +128,27 @@ std::span<waiting_call*> connection_turn::fill_batch() {
   return std::span(batch_).first(batch_size_);
 }
 
+void connection_turn::send_alone() {
+  call_.sent = true;
+  call_.sent_after = slot_->rebuilds_;
+  call_.reply = exchange(*slot_->context_, *call_.wire);
+  if (!call_.reply) {
+    call_.note_error(*slot_->context_);
+  }
+}
+
 void connection_turn::send_batch() {
-  redisContext& context = *slot_->context_;
   const std::span<waiting_call*> batch = fill_batch();
+  if (batch.size() == 1) {
+    send_alone();
+    return;
+  }
+  redisContext& context = *slot_->context_;
   for (waiting_call* call : batch) {
     call->sent = true;
     call->sent_after = slot_->rebuilds_;
   }
-  std::size_t replies = 0;
-  if (batch.size() == 1) {
-    call_.reply = exchange(context, *call_.wire);
-    replies = call_.reply ? 1 : 0;
-  } else {
-    replies = exchange_batch(context, batch);
-  }
+  const std::size_t replies = exchange_batch(context, batch);
   if (replies < batch.size()) {
     for (waiting_call* call : batch.subspan(replies)) {
       call->note_error(context);
@@ -164,7 +163,7 @@ std::size_t connection_turn::exchange_batch(redisContext& context, std::span<wai
   std::transform(batch.begin(), batch.end(), bytes.begin(), [](const waiting_call* call) {
     return iovec{call->wire->bytes(), call->wire->length()};
   });
-  if (!send_whole(context, std::span(bytes).first(batch.size()))) {
+  if (!send_together(context, std::span(bytes).first(batch.size()))) {
     return 0;
   }
   for (std::size_t replies = 0; replies < batch.size(); ++replies) {
@@ -189,6 +188,9 @@ void connection_turn::wake_served(std::size_t end) {
 }
 
 void connection_turn::share_failed_rebuild() {
+  if (!is_shared_) {
+    return;
+  }
   take_line();
   while (first_ != nullptr) {
     waiting_call& call = *std::exchange(first_, first_->neighbour);
@@ -200,11 +202,7 @@ void connection_turn::share_failed_rebuild() {
   }
 }
 
-void connection_turn::leave() {
-  if (leads_) {
-    slot_->lock_->release();
-    leads_ = false;
-  }
+void connection_turn::leave_line() {
   if (has_slot_) {
     has_slot_ = false;
     hand_over();

@@ -74,14 +74,18 @@ struct waiting_call {
 class connection_turn {
  public:
   // A turn at `slot`; one that is shared takes another free slot of the server when that is busy.
-  connection_turn(server_node& server, conn_node& slot, const wire_command& wire, bool is_shared);
+  connection_turn(server_node& server, conn_node& slot, const wire_command& wire, bool is_shared)
+      : slot_(&slot), is_shared_(is_shared) {
+    call_.wire = &wire;
+    has_slot_ = is_shared && take_free_slot(server);
+  }
   ~connection_turn() { leave(); }
   connection_turn(const connection_turn&) = delete;
   connection_turn& operator=(const connection_turn&) = delete;
 
   // Waits until this thread leads or its command has been served. False when the slot's lock could
   // not be taken.
-  bool wait();
+  bool wait() { return is_shared_ ? wait_in_line() : lock(); }
 
   bool leads() const { return leads_; }
   conn_node& slot() { return *slot_; }
@@ -94,27 +98,51 @@ class connection_turn {
   // Sends the command, and with it those that wait, and hands out the replies. Those that get none
   // are woken at once, the others when this thread leaves or has to wait for the next reply.
   // REQUIRES: leads(), and the context is not broken.
-  void send_batch();
+  void send() {
+    if (is_shared_) {
+      send_batch();
+    } else {
+      send_alone();
+    }
+  }
 
   // Tells those that wait that the connection could not be rebuilt: they share that, too.
   // REQUIRES: leads().
   void share_failed_rebuild();
 
   // Gives the slot to the oldest of those that wait, and wakes those that have been served.
-  void leave();
+  void leave() {
+    if (leads_) {
+      slot_->lock_->release();
+      leads_ = false;
+    }
+    if (is_shared_) {
+      leave_line();
+    }
+  }
 
  private:
+  bool lock() {
+    leads_ = slot_->lock_->acquire() != -1;
+    return leads_;
+  }
+  void send_alone();
+
+  // What follows is for shared turns.
   bool take_free_slot(server_node& server);
+  bool wait_in_line();
   void take_line();
   std::span<waiting_call*> fill_batch();
+  void send_batch();
   std::size_t exchange_batch(redisContext& context, std::span<waiting_call*> batch);
   void wake_served(std::size_t end);
+  void leave_line();
   void hand_over();
 
   conn_node* slot_;
   waiting_call call_;
   bool is_shared_;
-  bool has_slot_ = false;          // is the one whose `busy` stands in the slot's word
+  bool has_slot_;                  // is the one whose `busy` stands in the slot's word
   bool leads_ = false;             // holds the slot's lock
   waiting_call* first_ = nullptr;  // the line behind this thread, oldest first
   waiting_call* last_ = nullptr;

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -11,6 +12,29 @@ void set_error(redisContext& context, int type, const char* text) {
   std::strncpy(context.errstr, text, sizeof(context.errstr) - 1);
   context.errstr[sizeof(context.errstr) - 1] = '\0';
 }
+
+namespace {
+
+// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed,
+// and in a host with the default disposition that ends the process. So the library writes itself:
+// it can say that it does not want the signal, which costs nothing, where blocking and consuming it
+// would cost two system calls for each command.
+bool send_whole(redisContext& context, const char* bytes, std::size_t length) {
+  while (length > 0) {
+    const ssize_t sent = ::send(context.fd, bytes, length, MSG_NOSIGNAL);
+    if (sent >= 0) {
+      bytes += sent;
+      length -= static_cast<std::size_t>(sent);
+    } else if (errno != EINTR) {
+      std::array<char, sizeof(context.errstr)> text{};
+      set_error(context, REDIS_ERR_IO, strerror_r(errno, text.data(), text.size()));
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
 
 wire_command::wire_command(const char* format, va_list args) {
   va_list copy;
@@ -42,8 +66,7 @@ reply_ptr exchange(redisContext& context, const wire_command& command) {
     command.report_refusal(context);
     return nullptr;
   }
-  iovec bytes{command.bytes(), command.length()};
-  if (!send_whole(context, {&bytes, 1})) {
+  if (!send_whole(context, command.bytes(), command.length())) {
     return nullptr;
   }
   reply_ptr reply = wait_for_reply(context);
@@ -53,33 +76,18 @@ reply_ptr exchange(redisContext& context, const wire_command& command) {
   return reply;
 }
 
-// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed,
-// and in a host with the default disposition that ends the process. So the library writes itself:
-// it can say that it does not want the signal, which costs nothing, where blocking and consuming it
-// would cost two system calls for each command.
-bool send_whole(redisContext& context, std::span<iovec> bytes) {
-  while (!bytes.empty()) {
-    msghdr message{};
-    message.msg_iov = bytes.data();
-    message.msg_iovlen = bytes.size();
-    const ssize_t sent = bytes.size() == 1
-                             ? ::send(context.fd, bytes[0].iov_base, bytes[0].iov_len, MSG_NOSIGNAL)
-                             : ::sendmsg(context.fd, &message, MSG_NOSIGNAL);
-    if (sent < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      std::array<char, sizeof(context.errstr)> text{};
-      set_error(context, REDIS_ERR_IO, strerror_r(errno, text.data(), text.size()));
+bool send_together(redisContext& context, std::span<iovec> bytes) {
+  msghdr message{};
+  message.msg_iov = bytes.data();
+  message.msg_iovlen = bytes.size();
+  const ssize_t sent = ::sendmsg(context.fd, &message, MSG_NOSIGNAL);
+  auto skipped = static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
+  for (const iovec& one :
+       bytes) {  // those that were not taken, or in part; after an error the first
+    const std::size_t taken = std::min(skipped, one.iov_len);
+    skipped -= taken;
+    if (!send_whole(context, static_cast<const char*>(one.iov_base) + taken, one.iov_len - taken)) {
       return false;
-    }
-    auto left = static_cast<std::size_t>(sent);
-    while (!bytes.empty() && left >= bytes[0].iov_len) {
-      left -= bytes[0].iov_len;
-      bytes = bytes.subspan(1);
-    }
-    if (left > 0) {
-      bytes[0] = {static_cast<char*>(bytes[0].iov_base) + left, bytes[0].iov_len - left};
     }
   }
   return true;

@@ -49,9 +49,9 @@ wire_command format_command(const char* format, ...);
 // template (the context then carries the error). Never raises SIGPIPE in the host.
 reply_ptr exchange(redisContext& context, const wire_command& command);
 
-// The parts of an exchange, for several commands at once. Sends bytes, which it may change the list
-// of; false when the connection broke.
-bool send_whole(redisContext& context, std::span<iovec> bytes);
+// The parts of an exchange, for several commands at once. Sends them in one write; false when the
+// connection broke.
+bool send_together(redisContext& context, std::span<iovec> bytes);
 // The next reply, if it has been received whole.
 reply_ptr received_reply(redisContext& context);
 // The next reply, waited for; null when the connection broke.

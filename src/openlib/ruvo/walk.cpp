@@ -1,6 +1,5 @@
 #include "walk.h"
 
-#include <optional>
 #include <utility>
 
 #include "connection.h"
@@ -37,7 +36,7 @@ visit_end send_first(ruvo_redis& redis, const command& command, connection_turn&
   }
   if (turn.leads()) {
     if (!is_broken(turn.slot().context_)) {
-      turn.send_batch();
+      turn.send();
     } else if (turn.slot().context_ != nullptr) {
       call.note_error(*turn.slot().context_);
     }
@@ -76,15 +75,15 @@ visit_end send_again(ruvo_redis& redis, const command& command, connection_turn&
         return visit_end::out_of_time;
       }
     }
-    turn.send_batch();
+    turn.send();
   }
   return call.reply ? visit_end::replied : visit_end::no_reply;
 }
 
 // With eject_silent_servers it is an answer on a rebuilt connection that clears the failures.
 void note_reply(ruvo_redis& redis, connection_turn& turn, server_node& server) {
-  if (turn.leads() && std::exchange(turn.slot().is_unproven_, false) &&
-      redis.options().eject_silent_servers) {
+  if (redis.options().eject_silent_servers && turn.leads() &&
+      std::exchange(turn.slot().is_unproven_, false)) {
     redis.update_server_ok(&server);
   }
 }
@@ -155,27 +154,25 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
   }
   const std::size_t first = server->index_;
   for (std::size_t visits = 1;; ++visits) {
-    std::optional<connection_turn> turn;
-    if (conn_node* conn = redis.get_conn(*server, command.pool)) {
-      turn.emplace(*server, *conn, command.wire, redis.options().auto_pipelining);
-      if (visits > 1) {
-        turn->call().not_after = command.not_after;
-      }
-      switch (visit(redis, command, *turn, *server)) {
-        case visit_end::replied:
-          reply = std::move(turn->call().reply);
-          return walk_end::replied;
-        case visit_end::lock_failed:
-          return walk_end::lock_failed;
-        case visit_end::out_of_time:
-          return walk_end::out_of_time;
-        case visit_end::no_reply:
-          break;
-      }
-    } else {
+    conn_node* conn = redis.get_conn(*server, command.pool);
+    if (conn == nullptr) {
       redis.update_server_failed(server, command.pool);
+      server = route.next_server(redis, *server, command.pool);
+    } else {
+      connection_turn turn(*server, *conn, command.wire, redis.options().auto_pipelining);
+      if (visits > 1) {
+        turn.call().not_after = command.not_after;
+      }
+      const visit_end end = visit(redis, command, turn, *server);
+      if (end == visit_end::replied) {
+        reply = std::move(turn.call().reply);
+        return walk_end::replied;
+      }
+      if (end != visit_end::no_reply) {
+        return end == visit_end::lock_failed ? walk_end::lock_failed : walk_end::out_of_time;
+      }
+      server = route.next_server(redis, *server, command.pool);
     }
-    server = route.next_server(redis, *server, command.pool);
     if (server == nullptr) {
       return walk_end::no_server_left;
     }
