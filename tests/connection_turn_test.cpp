@@ -258,6 +258,7 @@ TEST_F(SharedTurns, ShareARebuildThatFailed) {
   gate.open();
   join();
   EXPECT_EQ(log_.count_containing("null reply and reset connection to server"), 8);
+  EXPECT_EQ(log_.count_containing("reset_connection | reset connection"), 1);
   EXPECT_EQ(slot().line_, nullptr);
 }
 
