@@ -25,6 +25,7 @@ std::atomic<std::size_t> most_at_once{SIZE_MAX};  // bytes that one sendmsg take
 extern "C" ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
 extern "C" ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
   static thread_local bool interrupted = false;
+  EXPECT_EQ(flags, MSG_NOSIGNAL);
   if (most_at_once == SIZE_MAX) {
     const std::scoped_lock lock(mutex);
     batches.push_back(message->msg_iovlen);
