@@ -124,6 +124,7 @@ cat >"$work/sruvo.conf" <<CONF
 [redis_cfg]
 redis_cfg_path = $work/ruvo_redis.conf
 CONF
+# The keys of a new site; the limit keeps nothing back, since the host counts what the log tells.
 cat >"$work/ruvo_redis.conf" <<CONF
 [common]
 connect_timeout = 200
@@ -131,7 +132,7 @@ socket_timeout = 2000
 auto_pipelining = true
 eject_silent_servers = true
 try_ejected_servers = true
-log_limit = 5
+log_limit = 1000000
 call_timeout = 10000
 temp_server = $(doors_of temp)
 persist_server = $(doors_of persist)

@@ -91,18 +91,22 @@ class SharedTurns : public testing::Test {
   conn_node& slot(std::size_t index = 0) {
     return pool_in(client_).servers_.at(0).context_arr_.at(index);
   }
-  // Lets threads call one after the other, each when the one before it stands in line.
+  // Lets a thread call, and waits until it stands in line.
+  template <typename Call>
+  void queue_one(Call call) {
+    const std::atomic_ref line(slot().line_);
+    waiting_call* const newest = line.load();
+    threads_.emplace_back(call);
+    while (line.load() == newest) {
+      std::this_thread::yield();
+    }
+  }
   void queue_up(const std::vector<std::string>& keys, int expected = RUVO_OK,
                 const std::vector<std::string>& more = {}) {
     for (std::size_t i = 0; i < keys.size(); ++i) {
-      const std::atomic_ref line(slot().line_);
-      waiting_call* const newest = line.load();
-      threads_.emplace_back([this, key = keys[i], tail = more.empty() ? "" : more[i], expected] {
+      queue_one([this, key = keys[i], tail = more.empty() ? "" : more[i], expected] {
         EXPECT_EQ(get(key, tail), expected) << key;
       });
-      while (line.load() == newest) {
-        std::this_thread::yield();
-      }
     }
   }
   void join() { threads_.clear(); }
@@ -210,11 +214,7 @@ TEST_F(SharedTurns, OfABrokenConnectionAreSentOnceMoreOverOneNewOne) {
       std::atomic<int> failed{0};
       queue_up({keys[0]});
       for (std::size_t i = 1; i < keys.size(); ++i) {
-        waiting_call* const newest = std::atomic_ref(slot().line_).load();
-        threads_.emplace_back([&, key = keys[i]] { failed += get(key) == RUVO_OK ? 0 : 1; });
-        while (std::atomic_ref(slot().line_).load() == newest) {
-          std::this_thread::yield();
-        }
+        queue_one([&, key = keys[i]] { failed += get(key) == RUVO_OK ? 0 : 1; });
       }
       gate.open();
       join();
@@ -275,8 +275,7 @@ TEST_F(SharedTurns, LeaveNobodyWaitingWhenTheLeaderHasNoMemory) {
     connection_turn before(pool_in(client_).servers_.at(0), slot(), none, true);
     ASSERT_TRUE(before.wait());
     for (int i = 0; i < 4; ++i) {
-      waiting_call* const newest = std::atomic_ref(slot().line_).load();
-      threads_.emplace_back([&, i] {
+      queue_one([&, i] {
         allocations = 0;
         failing_allocation = i == 0 ? number : -1;
         redisReply* reply = nullptr;
@@ -289,9 +288,6 @@ TEST_F(SharedTurns, LeaveNobodyWaitingWhenTheLeaderHasNoMemory) {
         }
         const reply_ptr owner(reply);
       });
-      while (std::atomic_ref(slot().line_).load() == newest) {
-        std::this_thread::yield();
-      }
     }
     before.leave();
     join();

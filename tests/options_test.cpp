@@ -55,9 +55,9 @@ class Options : public testing::Test {
                                      server));
     log_.clear();
   }
-  int get() {
+  int get(const char* command = "GET k") {
     redisReply* reply = nullptr;
-    return client_->do_exec_command("k", reply, false, eTempServer, "GET k");
+    return client_->do_exec_command("k", reply, false, eTempServer, command);
   }
   bool get_raw(const char* format, ...) {
     va_list none;
@@ -125,7 +125,8 @@ TEST_F(Options, AreReadAndWhatMakesNoSenseIsToldAndLeftOut) {
 
 // All lines of start-up and shut-down are written, whatever the limit; after it none holds.
 TEST_F(Options, BeginFromOffAtEveryStartUp) {
-  fixed_time = 1000;
+  static std::time_t of_this_run = 1000;
+  fixed_time = ++of_this_run;
   const ScriptedServer good(nil);
   const std::string addrs = good.addr() + "," + down_.addr() + "," + down_.addr();
   ruvo_redis client;
@@ -162,13 +163,14 @@ TEST_F(Options, BeginFromOffAtEveryStartUp) {
   EXPECT_EQ(client.options().log_limit, 0);
 }
 
-TEST_F(Options, EjectSilentServersCountsEveryVisitWithoutAReply) {
+TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
   // clang-format off
-  const struct { ScriptedServer::Script script; bool on; std::vector<int> failures; } cases[] = {
-      {hang, true, {1, 2, 2}},
-      {close_it, true, {1, 2, 2}},  // it takes every new connection
-      {close_it, false, {0, 0, 0}},
-      {later(close_it, answer), true, {0, 0, 0}},
+  const struct { ScriptedServer::Script script; bool on; std::vector<int> failures; const char* command = "GET k"; } cases[] = {
+      {hang, true, {0, 1, 2, 2}},
+      {close_it, true, {0, 1, 2, 2}},  // it takes every new connection
+      {close_it, false, {1, 0, 0}},
+      {later(close_it, answer), true, {1, 0}},
+      {answer, true, {0, 0}, "GET %z"},  // a template that hiredis refuses is nobody's failure
   };
   // clang-format on
   const ScriptedServer good(nil);
@@ -176,23 +178,14 @@ TEST_F(Options, EjectSilentServersCountsEveryVisitWithoutAReply) {
     const ScriptedServer faulty(one.script);
     start(hanging + (one.on ? "eject_silent_servers = true" : ""),
           faulty.addr() + "," + good.addr(), "p_server_failure_limit = 2");
-    for (const int expected : one.failures) {
-      EXPECT_EQ(get() + get(), 2 * RUVO_ERR_NOT_FOUND);  // the second: the good server's turn
-      EXPECT_EQ(failures(0), expected);
+    server(0).failure_count_ = one.failures[0];
+    for (std::size_t i = 1; i < one.failures.size(); ++i) {
+      const int ret = one.command == std::string("GET k") ? RUVO_ERR_NOT_FOUND : RUVO_ERR_FAILED;
+      EXPECT_EQ(get(one.command) + get(one.command), 2 * ret);  // the second: the good one's turn
+      EXPECT_EQ(failures(0), one.failures[i]);
     }
-    EXPECT_EQ(log_.count_containing("invalid, failure count:2") > 0, one.failures[1] == 2);
+    EXPECT_EQ(log_.count_containing("invalid, failure count:2") > 0, one.failures.back() == 2);
   }
-}
-
-TEST_F(Options, EjectSilentServersClearsFailuresByAReplyAndBlamesNobodyForATemplate) {
-  const ScriptedServer recovers(later(close_it, answer));
-  start("eject_silent_servers = true", recovers.addr());
-  server(0).failure_count_ = 4;
-  EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
-  EXPECT_EQ(failures(0), 0);
-  redisReply* reply = nullptr;
-  EXPECT_EQ(client_->do_exec_command("k", reply, false, eTempServer, "GET %z"), RUVO_ERR_FAILED);
-  EXPECT_EQ(failures(0), 0);
 }
 
 TEST_F(Options, TryEjectedServersTakesTheOneWhoseTurnItIs) {
@@ -353,10 +346,9 @@ TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
         EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(100) + 2 * S);
         EXPECT_EQ(faulty.connections(), one.connections);
         EXPECT_EQ(good_visits, 0);
-        EXPECT_EQ(log_.count(WARN, raw ? "ruvo_redis::exec_redis_cmd | key:temp, call time-out of "
-                                         "100 ms has passed"
-                                       : "ruvo_redis::do_exec_command | key:k, call time-out of "
-                                         "100 ms has passed"),
+        EXPECT_EQ(log_.count(WARN, (raw ? "ruvo_redis::exec_redis_cmd | key:temp"
+                                        : "ruvo_redis::do_exec_command | key:k") +
+                                       std::string(", call time-out of 100 ms has passed")),
                   1);
         EXPECT_EQ(log_.count(ERROR, "k"), raw ? 0 : 1);
       }
