@@ -42,6 +42,19 @@ void close_it(Peer& peer) { peer.read_command(); }
 void hang(Peer& peer) { peer.hang(); }
 void answer(Peer& peer) { peer.answer_all(nil); }
 
+// Logs later connections in slowly; drops the first ones.
+void slow_login(Peer& peer) {
+  for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+    std::this_thread::sleep_for(words[0] == "AUTH" && peer.number() >= at_start ? S * 3 / 4
+                                                                                : milliseconds());
+    if (words[0] != "AUTH" && peer.number() < at_start) {
+      return;
+    }
+    peer.send(words[0] == "AUTH" ? "+OK\r\n" : nil);
+  }
+}
+const std::string passwords = "p_password = x\nt_password = x\nps_password = x\n";
+
 class Options : public testing::Test {
  protected:
   ~Options() override {
@@ -188,6 +201,19 @@ TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
   }
 }
 
+// A call that has no time left for it after the rebuild leaves the reply to the next one.
+TEST_F(Options, EjectSilentServersClearsFailuresWithAnyReplyOnTheNewConnection) {
+  const ScriptedServer slow(slow_login);
+  start("eject_silent_servers = true\ncall_timeout = 100", slow.addr(), passwords);
+  EXPECT_EQ(get(), -1);
+  EXPECT_EQ(failures(0), 1);
+  EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
+  EXPECT_EQ(failures(0), 0);
+  server(0).failure_count_ = 1;  // of another connection
+  EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
+  EXPECT_EQ(failures(0), 1);
+}
+
 TEST_F(Options, TryEjectedServersTakesTheOneWhoseTurnItIs) {
   start("try_ejected_servers = true", down_.addr() + "," + down_.addr() + "," + down_.addr(),
         "p_server_failure_limit = 1");
@@ -309,16 +335,6 @@ TEST_F(Options, LogLimitKeepsLinesOfAKindBackAndTellsHowMany) {
 
 // What a call of 100 ms starts and does not start any more once a step has taken longer.
 TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
-  const auto slow_login = [](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      std::this_thread::sleep_for(words[0] == "AUTH" && peer.number() >= at_start ? S * 3 / 4
-                                                                                  : milliseconds());
-      if (words[0] != "AUTH" && peer.number() < at_start) {
-        return;
-      }
-      peer.send(words[0] == "AUTH" ? "+OK\r\n" : nil);
-    }
-  };
   // clang-format off
   const struct { const char* before; ScriptedServer::Script script; int connections; } cases[] = {
       {"a rebuild", hang, at_start},
@@ -333,7 +349,6 @@ TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
       peer.send(words[0] == "GET" ? nil : "+OK\r\n");
     }
   });
-  const std::string passwords = "p_password = x\nt_password = x\nps_password = x";
   for (const char* sharing : {"", "auto_pipelining = true\n"}) {
     for (const auto& one : cases) {
       for (const bool raw : {false, true}) {

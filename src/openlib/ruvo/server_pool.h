@@ -31,6 +31,7 @@ struct alignas(64) conn_node {
   waiting_call* line_ = nullptr;  // who uses the slot and who waits for it
   std::uint64_t rebuilds_ = 0;    // how often the context was replaced; guarded by the lock
   bool is_torn_ = false;          // the context was in use when the process forked
+  bool owes_reply_ = false;       // its first reply clears the server's failures; likewise guarded
 };
 
 struct server_node {

@@ -24,15 +24,24 @@ bool is_out_of_time(const ruvo_redis& redis, const command& command) {
   return true;
 }
 
+// REQUIRES: the turn leads, and the context is not broken.
+void exchange(ruvo_redis& redis, connection_turn& turn, server_node& server) {
+  turn.exchange();
+  if (turn.call().reply && turn.slot().owes_reply_) {
+    turn.slot().owes_reply_ = false;
+    redis.update_server_ok(&server);
+  }
+}
+
 // The first send, by this thread or by another that leads. The call then has its reply, or knows
 // why there is none. False when the slot's lock could not be taken.
-bool send_first(connection_turn& turn) {
+bool send_first(ruvo_redis& redis, connection_turn& turn, server_node& server) {
   if (!turn.wait()) {
     return false;
   }
   if (turn.leads()) {
     if (!is_broken(turn.slot().context_)) {
-      turn.exchange();
+      exchange(redis, turn, server);
     } else if (turn.slot().context_ != nullptr) {
       turn.call().note_error(*turn.slot().context_);
     }
@@ -45,8 +54,7 @@ bool send_first(connection_turn& turn) {
 visit_end rebuild_and_send(ruvo_redis& redis, const command& command, connection_turn& turn,
                            server_node& server) {
   waiting_call& call = turn.call();
-  const bool is_rebuilt = turn.was_rebuilt() && !is_broken(turn.slot().context_);
-  if (!is_rebuilt) {
+  if (!turn.was_rebuilt() || is_broken(turn.slot().context_)) {
     if (is_out_of_time(redis, command)) {
       return visit_end::out_of_time;
     }
@@ -55,17 +63,15 @@ visit_end rebuild_and_send(ruvo_redis& redis, const command& command, connection
       turn.share_failed_rebuild();
       return visit_end::no_reply;
     }
-    if (!redis.options().eject_silent_servers) {
+    turn.slot().owes_reply_ = redis.options().eject_silent_servers;
+    if (!turn.slot().owes_reply_) {
       redis.update_server_ok(&server);
     }
   }
   if (is_out_of_time(redis, command)) {
     return visit_end::out_of_time;
   }
-  turn.exchange();
-  if (call.reply && !is_rebuilt && redis.options().eject_silent_servers) {
-    redis.update_server_ok(&server);
-  }
+  exchange(redis, turn, server);
   return visit_end::no_reply;
 }
 
@@ -74,7 +80,7 @@ visit_end rebuild_and_send(ruvo_redis& redis, const command& command, connection
 visit_end visit(ruvo_redis& redis, const command& command, connection_turn& turn,
                 server_node& server) {
   waiting_call& call = turn.call();
-  if (!send_first(turn)) {
+  if (!send_first(redis, turn, server)) {
     return visit_end::lock_failed;
   }
   if (call.reply) {
