@@ -218,6 +218,7 @@ TEST_F(SharedTurns, OfABrokenConnectionAreSentOnceMoreOverOneNewOne) {
       }
       gate.open();
       join();
+      const std::scoped_lock lock(guard);
       for (std::size_t i = 0; i < keys.size(); ++i) {
         const bool is_replied = i <= static_cast<std::size_t>(replied);
         EXPECT_EQ(sent[keys[i]] <= (is_replied ? 1 : 2), true) << keys[i];
@@ -230,6 +231,26 @@ TEST_F(SharedTurns, OfABrokenConnectionAreSentOnceMoreOverOneNewOne) {
       client_.fini();
     }
   }
+}
+
+TEST_F(SharedTurns, LeaveOutARefusedTemplateAndNoticeAConnectionOutOfStep) {
+  Gate gate;
+  const ScriptedServer server([&](Peer& peer) {
+    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+      gate.pass();
+      peer.send(own_reply(words) + (words[1] == "k2" ? "+of nobody\r\n" : ""));
+    }
+  });
+  start(server.addr());
+  queue_up({"k0", "k1", "k2"});
+  queue_one([this] {
+    redisReply* none = nullptr;
+    EXPECT_EQ(client_.do_exec_command("r", none, false, eTempServer, "GET %z"), RUVO_ERR_FAILED);
+  });
+  gate.open();
+  join();
+  EXPECT_EQ(get("k3"), RUVO_OK);
+  EXPECT_EQ(log_.count_containing("unexpected data after the reply"), 1);
 }
 
 TEST_F(SharedTurns, WaitForAServerThatHangsTogether) {
