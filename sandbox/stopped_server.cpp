@@ -21,11 +21,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t most_seconds = 1000;  // the last takes what comes later
 
-Clock::time_point begin;
+Clock::rep begin = 0;
 std::array<std::atomic<long>, most_seconds> lines;
 
 std::size_t current_second() {
-  const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin);
+  const auto passed = std::chrono::duration_cast<std::chrono::seconds>(
+      Clock::now().time_since_epoch() - Clock::duration(begin));
   return std::min(static_cast<std::size_t>(passed.count()), most_seconds - 1);
 }
 
@@ -67,14 +68,16 @@ std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run)
     }
   }
   std::fill(lines.begin(), lines.end(), 0);
-  begin = Clock::now();
-  const auto wait = [](int until) {
-    std::this_thread::sleep_until(begin + std::chrono::seconds(until));
+  const Clock::time_point start = Clock::now();
+  begin = start.time_since_epoch().count();
+  const auto wait = [start](int until) {
+    std::this_thread::sleep_until(start + std::chrono::seconds(until));
   };
   std::vector<std::vector<SecondOfCalls>> of_threads(static_cast<std::size_t>(run.threads),
                                                      std::vector<SecondOfCalls>(most_seconds));
   {
     std::vector<std::jthread> threads;
+    threads.reserve(of_threads.size());
     for (std::vector<SecondOfCalls>& seconds : of_threads) {
       threads.emplace_back([&seconds](const std::stop_token& stop) { call_until(stop, seconds); });
     }
