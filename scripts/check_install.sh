@@ -30,6 +30,6 @@ cmake --build "$work/build" >/dev/null
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 # shellcheck disable=SC2046  # pkg-config prints words
 cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$examples/installed_package/program.c" -o "$work/program_c" \
-  $(pkg-config --cflags --libs ruvo) -Wl,-rpath,"$prefix/lib" -Wl,-rpath-link,"$prefix/lib"
+  $(pkg-config --cflags --libs ruvo stream_log) -Wl,-rpath,"$prefix/lib" -Wl,-rpath-link,"$prefix/lib"
 "$work/program_c"
 echo "the installed package works"

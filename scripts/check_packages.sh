@@ -79,7 +79,7 @@ cmake --build "$2/build"
 cmake -G Ninja -S "$examples" -B "$2/hosts"
 cmake --build "$2/hosts"
 cc -std=c99 -Wall -Werror "$examples/installed_package/program.c" -o "$2/program_c" \
-  $(pkg-config --cflags --libs ruvo) "$link"
+  $(pkg-config --cflags --libs ruvo stream_log) "$link"
 "$2/program_c"
 c++ "$examples/log_file_host.cpp" -o "$2/log_file_host" \
   $(pkg-config --cflags --libs ruvo stream_log) "$link"

@@ -25,6 +25,7 @@ std::atomic<std::size_t> most_at_once{SIZE_MAX};  // bytes that one sendmsg take
 extern "C" ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
 extern "C" ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
   static thread_local bool interrupted = false;
+  EXPECT_EQ(flags, MSG_NOSIGNAL);
   if (most_at_once == SIZE_MAX) {
     const std::scoped_lock lock(mutex);
     batches.push_back(message->msg_iovlen);
@@ -90,18 +91,22 @@ class SharedTurns : public testing::Test {
   conn_node& slot(std::size_t index = 0) {
     return pool_in(client_).servers_.at(0).context_arr_.at(index);
   }
-  // Lets threads call one after the other, each when the one before it stands in line.
+  // Lets a thread call, and waits until it stands in line.
+  template <typename Call>
+  void queue_one(Call call) {
+    const std::atomic_ref line(slot().line_);
+    waiting_call* const newest = line.load();
+    threads_.emplace_back(call);
+    while (line.load() == newest) {
+      std::this_thread::yield();
+    }
+  }
   void queue_up(const std::vector<std::string>& keys, int expected = RUVO_OK,
                 const std::vector<std::string>& more = {}) {
     for (std::size_t i = 0; i < keys.size(); ++i) {
-      const std::atomic_ref line(slot().line_);
-      waiting_call* const newest = line.load();
-      threads_.emplace_back([this, key = keys[i], tail = more.empty() ? "" : more[i], expected] {
+      queue_one([this, key = keys[i], tail = more.empty() ? "" : more[i], expected] {
         EXPECT_EQ(get(key, tail), expected) << key;
       });
-      while (line.load() == newest) {
-        std::this_thread::yield();
-      }
     }
   }
   void join() { threads_.clear(); }
@@ -209,14 +214,11 @@ TEST_F(SharedTurns, OfABrokenConnectionAreSentOnceMoreOverOneNewOne) {
       std::atomic<int> failed{0};
       queue_up({keys[0]});
       for (std::size_t i = 1; i < keys.size(); ++i) {
-        waiting_call* const newest = std::atomic_ref(slot().line_).load();
-        threads_.emplace_back([&, key = keys[i]] { failed += get(key) == RUVO_OK ? 0 : 1; });
-        while (std::atomic_ref(slot().line_).load() == newest) {
-          std::this_thread::yield();
-        }
+        queue_one([&, key = keys[i]] { failed += get(key) == RUVO_OK ? 0 : 1; });
       }
       gate.open();
       join();
+      const std::scoped_lock lock(guard);
       for (std::size_t i = 0; i < keys.size(); ++i) {
         const bool is_replied = i <= static_cast<std::size_t>(replied);
         EXPECT_EQ(sent[keys[i]] <= (is_replied ? 1 : 2), true) << keys[i];
@@ -229,6 +231,26 @@ TEST_F(SharedTurns, OfABrokenConnectionAreSentOnceMoreOverOneNewOne) {
       client_.fini();
     }
   }
+}
+
+TEST_F(SharedTurns, LeaveOutARefusedTemplateAndNoticeAConnectionOutOfStep) {
+  Gate gate;
+  const ScriptedServer server([&](Peer& peer) {
+    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+      gate.pass();
+      peer.send(own_reply(words) + (words[1] == "k2" ? "+of nobody\r\n" : ""));
+    }
+  });
+  start(server.addr());
+  queue_up({"k0", "k1", "k2"});
+  queue_one([this] {
+    redisReply* none = nullptr;
+    EXPECT_EQ(client_.do_exec_command("r", none, false, eTempServer, "GET %z"), RUVO_ERR_FAILED);
+  });
+  gate.open();
+  join();
+  EXPECT_EQ(get("k3"), RUVO_OK);
+  EXPECT_EQ(log_.count_containing("unexpected data after the reply"), 1);
 }
 
 TEST_F(SharedTurns, WaitForAServerThatHangsTogether) {
@@ -258,6 +280,7 @@ TEST_F(SharedTurns, ShareARebuildThatFailed) {
   gate.open();
   join();
   EXPECT_EQ(log_.count_containing("null reply and reset connection to server"), 8);
+  EXPECT_EQ(log_.count_containing("reset_connection | reset connection"), 1);
   EXPECT_EQ(slot().line_, nullptr);
 }
 
@@ -273,8 +296,7 @@ TEST_F(SharedTurns, LeaveNobodyWaitingWhenTheLeaderHasNoMemory) {
     connection_turn before(pool_in(client_).servers_.at(0), slot(), none, true);
     ASSERT_TRUE(before.wait());
     for (int i = 0; i < 4; ++i) {
-      waiting_call* const newest = std::atomic_ref(slot().line_).load();
-      threads_.emplace_back([&, i] {
+      queue_one([&, i] {
         allocations = 0;
         failing_allocation = i == 0 ? number : -1;
         redisReply* reply = nullptr;
@@ -287,9 +309,6 @@ TEST_F(SharedTurns, LeaveNobodyWaitingWhenTheLeaderHasNoMemory) {
         }
         const reply_ptr owner(reply);
       });
-      while (std::atomic_ref(slot().line_).load() == newest) {
-        std::this_thread::yield();
-      }
     }
     before.leave();
     join();

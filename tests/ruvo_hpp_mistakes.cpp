@@ -1,5 +1,5 @@
-// What must not compile, each with the sentence that tells why. scripts/check_cpp.sh sets MISTAKE to
-// each number below; 0 is the same without a mistake.
+// What must not compile, each with the sentence that tells why. scripts/check_cpp.sh sets MISTAKE
+// to each number below; 0 is the same without a mistake.
 #include <ruvo/ruvo.hpp>
 
 using namespace std::chrono_literals;

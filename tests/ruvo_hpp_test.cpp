@@ -22,19 +22,27 @@ std::string show(bool value) { return value ? "yes" : "no"; }
 std::string show(std::string_view value) { return std::string(value); }
 std::string show(const std::vector<std::string>& values) {
   std::string all;
-  for (const std::string& value : values) { all += (all.empty() ? "" : " ") + value; }
+  for (const std::string& value : values) {
+    all += (all.empty() ? "" : " ") + value;
+  }
   return all;
 }
 std::string show(ruvo::reply_view reply) {  // NOLINT(misc-no-recursion)
   std::string all = reply.is_nil() ? "nil" : show(reply.text());
-  if (reply.type() == REDIS_REPLY_INTEGER) { all = show(reply.integer()); }
-  for (const ruvo::reply_view element : reply) { all += "[" + show(element) + "]"; }
+  if (reply.type() == REDIS_REPLY_INTEGER) {
+    all = show(reply.integer());
+  }
+  for (const ruvo::reply_view element : reply) {
+    all += "[" + show(element) + "]";
+  }
   return all;
 }
 template <typename T>
 std::string show(const ruvo::result<T>& result) {
   EXPECT_EQ(!result.error(), static_cast<bool>(result));
-  if (!result) { return (result.absent() ? "absent " : "") + std::to_string(result.code()); }
+  if (!result) {
+    return (result.absent() ? "absent " : "") + std::to_string(result.code());
+  }
   if constexpr (std::is_void_v<T>) {
     return "done";
   } else {
@@ -115,15 +123,21 @@ TEST_F(InCpp, EveryCallReadsWhatRedisSays) {
       {[](Key key) { return show(pool.smembers(key)); }, "absent -2"},
   };
   // clang-format on
-  for (const auto& one : cases) { EXPECT_EQ(one.call("k"), "10111"); }
+  for (const auto& one : cases) {
+    EXPECT_EQ(one.call("k"), "10111");
+  }
   start();
   for (const std::string& key : {"k"s, ""s, std::string(127, 'k'), std::string(128, 'k')}) {
     // Followed by more, where a zero byte would be looked for.
     const std::string longer = key + "x";
-    for (const auto& one : cases) { EXPECT_EQ(one.call(Key(longer).substr(0, key.size())), one.said); }
+    for (const auto& one : cases) {
+      EXPECT_EQ(one.call(Key(longer).substr(0, key.size())), one.said);
+    }
   }
   EXPECT_EQ(redis_.ask("dbsize"), "0");
-  for (const auto& one : cases) { EXPECT_EQ(one.call("k\0"sv), "10107"); }
+  for (const auto& one : cases) {
+    EXPECT_EQ(one.call("k\0"sv), "10107");
+  }
 }
 
 TEST_F(InCpp, KeysAndTimesAreRefused) {
@@ -160,8 +174,11 @@ TEST_F(InCpp, CommandsTakeAnyWords) {
   EXPECT_EQ(show(pool.command("PING")), "PONG");
   EXPECT_EQ(show(pool.command("SET"s, "%s %d\0"sv, pool.command("ECHO", "\0%b"sv)->text())), "OK");
   EXPECT_EQ(show(pool.command("GET", "%s %d\0"sv)), "\0%b"s);
-  EXPECT_EQ(show(pool.command("RPUSH", "", "", LLONG_MIN, ULLONG_MAX, std::uint8_t{7}, -0, std::string_view())), "6");
-  EXPECT_EQ(show(pool.command("LRANGE", "", 0, -1)), "[][-9223372036854775808][18446744073709551615][7][0][]");
+  EXPECT_EQ(show(pool.command("RPUSH", "", "", LLONG_MIN, ULLONG_MAX, std::uint8_t{7}, -0,
+                              std::string_view())),
+            "6");
+  EXPECT_EQ(show(pool.command("LRANGE", "", 0, -1)),
+            "[][-9223372036854775808][18446744073709551615][7][0][]");
   EXPECT_EQ(show(pool.command("EVAL", "return {1, {'a', false}}", 0)), "[1][[a][nil]]");
   const auto refused = pool.command("LLEN", "%s %d\0"sv);
   EXPECT_TRUE(refused && refused->is_error() && !refused->is_nil());
@@ -227,7 +244,8 @@ TEST_F(InCpp, OwnersMoveAndMayOutliveTheLibrary) {
   const char* lost = second.data();
   log_.clear();
   second = {};
-  EXPECT_EQ(log_.count(BaseLib::Logger::ERROR, "ruvo_redis::free_result | redis is not initialized"), 1);
+  EXPECT_EQ(
+      log_.count(BaseLib::Logger::ERROR, "ruvo_redis::free_result | redis is not initialized"), 1);
   start();  // for the other owner, and so that nothing is lost here
   EXPECT_EQ(RUVO_FreeResult(lost), RUVO_OK);
 }

@@ -122,6 +122,34 @@ TEST_F(StreamLog, ACancelledThreadFinishesItsLineAndEndsThen) {
   EXPECT_FALSE(went_on);
 }
 
+// Hosts in C set the same threshold and the same output.
+TEST_F(StreamLog, FromC) {
+  const struct {
+    int set;
+    int level;
+  } cases[] = {{STREAM_LOG_TRACE, 0}, {STREAM_LOG_FATAL, 5}, {-7, 0}, {99, 5}, {2, 2}};
+  for (const auto& one : cases) {
+    stream_log_set_level(one.set);
+    EXPECT_EQ(stream_log_level(), one.level);
+    EXPECT_EQ(static_cast<int>(Logger::logLevel()), one.level);
+  }
+  static int told_level;
+  static std::string told;
+  stream_log_set_output([](int level, const char* line, std::size_t length) {
+    told_level = level;
+    told.assign(line, length);
+  });
+  Logger("c.c", 1, Logger::WARN).stream() << "to C";
+  EXPECT_EQ(told_level, STREAM_LOG_WARN);
+  EXPECT_TRUE(told.ends_with(" c.c:1 to C\n"));
+  told.clear();
+  stream_log_set_output(nullptr);
+  testing::internal::CaptureStderr();
+  Logger("c.c", 2, Logger::WARN).stream() << "not to C";
+  EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(" c.c:2 not to C\n"));
+  EXPECT_EQ(told, "");
+}
+
 TEST(StreamLogDefault, WritesToStandardError) {
   testing::internal::CaptureStderr();
   Logger("plain.cpp", 3, Logger::FATAL).stream() << "still here";

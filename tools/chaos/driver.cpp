@@ -43,8 +43,12 @@ bool FaultRecord::touches(const std::string& server, Clock::time_point from,
   });
 }
 
-Driver::Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record)
-    : site_(site), faults_(std::move(faults)), record_(record) {
+Driver::Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record,
+               CallsFrom calls_from_before)
+    : site_(site),
+      faults_(std::move(faults)),
+      record_(record),
+      calls_from_before_(std::move(calls_from_before)) {
   seed *= pool_count;
   for (Pool& pool : pools_) {
     pool.plan.seed(seed++);
@@ -57,7 +61,9 @@ Clock::time_point Driver::step() {
   for (std::size_t number = 0; number < pool_count && !faults_.empty(); ++number) {
     Pool& pool = pools_[number];
     if (pool.next <= Clock::now()) {
-      if (pool.struck == nullptr) {
+      if (pool.struck == nullptr && calls_from_before_(pool.mended)) {
+        pool.next = Clock::now() + milliseconds(shortest_fault_ms);
+      } else if (pool.struck == nullptr) {
         strike(number, pool);
       } else {
         mend(pool);
@@ -107,5 +113,6 @@ void Driver::plan_next(Pool& pool) {
 void Driver::mend(Pool& pool) {
   pool.struck->mend(pool.fault);
   record_.end(pool.struck->addr());
+  pool.mended = Clock::now();
   pool.struck = nullptr;
 }

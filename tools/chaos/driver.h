@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <string>
@@ -35,7 +36,13 @@ class FaultRecord {
 
 class Driver {
  public:
-  Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record);
+  // Is a call still under way that began before this?
+  using CallsFrom = std::function<bool(Clock::time_point)>;
+
+  // A server is not struck while `calls_from_before` says that a call has seen the fault before:
+  // no call meets two.
+  Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record,
+         CallsFrom calls_from_before);
 
   // Does what is due, and returns when the next thing is. To be called from the thread that has
   // started the servers.
@@ -47,6 +54,7 @@ class Driver {
   struct Pool {
     std::mt19937_64 plan;
     Clock::time_point next;
+    Clock::time_point mended;
     Victim* struck = nullptr;
     Fault fault = killed;
   };
@@ -58,6 +66,7 @@ class Driver {
   Site& site_;
   std::vector<Fault> faults_;
   FaultRecord& record_;
+  CallsFrom calls_from_before_;
   Clock::time_point start_ = Clock::now();
   std::array<Pool, pool_count> pools_;
   std::array<long, fault_count> done_{};

@@ -7,9 +7,12 @@
 
 using std::chrono::milliseconds;
 
-const std::array<const char*, failure_count> failure_names{
-    "the other server still ejected", "each server struck during the call", "visits used up",
-    "raw command came round", "NOT ALLOWED"};
+const std::array<const char*, failure_count> failure_names{"the other server still ejected",
+                                                           "each server struck during the call",
+                                                           "visits used up",
+                                                           "raw command came round",
+                                                           "call time-out",
+                                                           "NOT ALLOWED"};
 
 namespace {
 
@@ -50,16 +53,32 @@ std::atomic<Judge::Ticks>& Judge::my_begin() {
   return begins_.at(mine % begins_.size());
 }
 
-// As the operations guide derives it: a visit takes at most C + 6 S, and threads that share a
-// connection wait for each other.
+// As the operations guide derives it: a visit takes at most C + 6 S.
+//
+// Threads that meet on a connection wait for each other: one visit each, or, where they share its
+// round trips, one visit of the thread that leads, whose last send takes those along that wait.
+//
+// When the call time-out passes, what is under way still ends, and nothing else is begun: at most
+// such a wait and one step of this thread's own, a rebuild (C + 2 S) or an exchange (2 S).
 Clock::duration Judge::bound(const Call& call) const {
   const Settings& settings = site_.settings;
   const auto pool = static_cast<std::size_t>(call.pool - 1);
   const std::size_t servers =
       call.family == raw ? site_.all_servers() : site_.pools.at(pool).size();
-  const int sharers = (threads_ + settings.connections - 1) / settings.connections;
   const int commands = std::string_view(call.what) == "increase" ? 2 : 1;
-  return visit_bound(settings) * static_cast<int>(servers) * visits_per_server * commands * sharers;
+  const Clock::duration walk =
+      visit_bound(settings) * static_cast<int>(servers) * visits_per_server * sharers();
+  const Clock::duration timed =
+      milliseconds(settings.call_timeout_ms) + visit_bound(settings) * (sharers() - 1) +
+      milliseconds(settings.connect_timeout_ms + 2 * settings.socket_timeout_ms);
+  return commands * (settings.call_timeout_ms > 0 ? std::min(walk, timed) : walk);
+}
+
+// The visits that pass at a connection until a call there has had its own.
+int Judge::sharers() const {
+  const Settings& settings = site_.settings;
+  const int threads = (threads_ + settings.connections - 1) / settings.connections;
+  return settings.auto_pipelining ? std::min(threads, 2) : threads;
 }
 
 std::string Judge::explain_bound() const {
@@ -67,9 +86,16 @@ std::string Judge::explain_bound() const {
   const double any = std::chrono::duration<double>(bound({raw, "", 1})).count();
   std::ostringstream text;
   text << typed << " s for a typed command, " << any
-       << " s for a raw one: 2 visits x servers x (C + 6 S) x threads that share a connection, C = "
-       << site_.settings.connect_timeout_ms << " ms, S = " << site_.settings.socket_timeout_ms
-       << " ms, " << threads_ << " threads on " << site_.settings.connections << " connections";
+       << " s for a raw one: 2 visits x servers x (C + 6 S) x "
+       << (site_.settings.auto_pipelining ? "2 where threads" : "threads that")
+       << " share a connection";
+  if (site_.settings.call_timeout_ms > 0) {
+    text << ", or T + " << sharers() - 1
+         << " (C + 6 S) + C + 2 S, T = " << site_.settings.call_timeout_ms << " ms";
+  }
+  text << "; C = " << site_.settings.connect_timeout_ms
+       << " ms, S = " << site_.settings.socket_timeout_ms << " ms, " << threads_ << " threads on "
+       << site_.settings.connections << " connections";
   return text.str();
 }
 
@@ -119,13 +145,19 @@ void Judge::call_ended(const Call& call, int result) {
 
 Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point from,
                        Clock::time_point to) const {
+  if (call.family != raw && site_.settings.spares_calls()) {
+    return unexplained;  // none may fail
+  }
   const bool tried_struck_ones_only =
       std::all_of(walk.rebuilds.begin(), walk.rebuilds.end(),
                   [&](const std::string& server) { return faults_.touches(server, from, to); });
   if (!tried_struck_ones_only) {
     return unexplained;
   }
-  if (call.family == raw && !walk.rebuilds.empty()) {
+  if (walk.timed_out) {
+    return out_of_time;
+  }
+  if (call.family == raw && walk.went_on()) {
     return raw_came_round;
   }
   const auto& servers = site_.pools.at(static_cast<std::size_t>(call.pool - 1));
@@ -149,4 +181,4 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   return walk.passed_over.empty() ? each_was_struck : still_ejected;
 }
 
-bool Judge::may_have_strayed() const { return !current_walk().rebuilds.empty(); }
+bool Judge::may_have_strayed() const { return current_walk().went_on(); }

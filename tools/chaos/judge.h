@@ -25,6 +25,8 @@ enum Failure {
   // of that server, counted from 1. It gives up as soon as it meets a server at the position where
   // it began, though another may be up.
   raw_came_round,
+  // The time that a call may take had passed.
+  out_of_time,
   unexplained,
   failure_count
 };
@@ -56,6 +58,7 @@ class Judge : public CallObserver {
   using Ticks = Clock::rep;
   static double seconds(Ticks time);
   std::atomic<Ticks>& my_begin();
+  int sharers() const;
   Failure explain(const Call& call, const Walk& walk, Clock::time_point from,
                   Clock::time_point to) const;
 

@@ -90,6 +90,22 @@ class CommandVictim : public Victim {
   std::string command_;
 };
 
+constexpr int most_lines = 1000000;  // of a kind in a second, and more than there can be
+
+std::string common_settings(const Settings& settings) {
+  std::ostringstream lines;
+  lines << "connect_timeout = " << settings.connect_timeout_ms
+        << "\nsocket_timeout = " << settings.socket_timeout_ms << '\n';
+  if (settings.auto_pipelining || settings.spares_calls() || settings.call_timeout_ms > 0) {
+    lines << std::boolalpha << "auto_pipelining = " << settings.auto_pipelining
+          << "\neject_silent_servers = " << settings.eject_silent_servers
+          << "\ntry_ejected_servers = " << settings.try_ejected_servers
+          << "\nlog_limit = " << most_lines << "\ncall_timeout = " << settings.call_timeout_ms
+          << '\n';
+  }
+  return lines.str();
+}
+
 std::string server_settings(const Settings& settings) {
   std::ostringstream lines;
   lines << "p_connect_num = " << settings.connections << '\n';
@@ -116,9 +132,7 @@ OwnServers::OwnServers(const Settings& settings) {
       addrs[pool] += (door > 0 ? "," : "") + site_.pools[pool].back()->addr();
     }
   }
-  config_.emplace("connect_timeout = " + std::to_string(settings.connect_timeout_ms) +
-                      "\nsocket_timeout = " + std::to_string(settings.socket_timeout_ms) + '\n' +
-                      pools_at(addrs[0], addrs[1], addrs[2]),
+  config_.emplace(common_settings(settings) + pools_at(addrs[0], addrs[1], addrs[2]),
                   server_settings(settings));
   site_.config = config_->path();
 }
@@ -139,6 +153,15 @@ Site configured_site(const std::string& config, const std::string& command) {
   if (site.settings.connect_timeout_ms < 1 || site.settings.socket_timeout_ms < 1 ||
       site.settings.connections < 1) {
     throw std::runtime_error("connect_timeout, socket_timeout and p_connect_num must be above 0");
+  }
+  site.settings.auto_pipelining = reader.get_bool_val("common", "auto_pipelining", false);
+  site.settings.eject_silent_servers = reader.get_bool_val("common", "eject_silent_servers", false);
+  site.settings.try_ejected_servers = reader.get_bool_val("common", "try_ejected_servers", false);
+  site.settings.call_timeout_ms = std::max(0, reader.get_int_val("common", "call_timeout", 0));
+  const int log_limit = reader.get_int_val("common", "log_limit", 0);
+  if (log_limit > 0 && log_limit < most_lines) {
+    throw std::runtime_error("log_limit must be left out, or " + std::to_string(most_lines) +
+                             " at least: every line is read");
   }
   site.settings.retry_timeout_s = 0;
   for (const char* key :

@@ -16,8 +16,16 @@ struct Settings {
   int connect_timeout_ms = 400;
   int socket_timeout_ms = 400;
   int retry_timeout_s = 2;
-  int connections = 8;  // to each server
+  int connections = 2;  // to each server
   bool password = false;
+  // What a new site switches on. Every line of the log is read here, so a limit keeps none back.
+  bool auto_pipelining = true;
+  bool eject_silent_servers = true;
+  bool try_ejected_servers = true;
+  int call_timeout_ms = 0;  // 0: none
+
+  // Does a typed command succeed whenever one server of its pool is up?
+  bool spares_calls() const { return eject_silent_servers && try_ejected_servers; }
 };
 
 enum Fault { killed, stopped, paused, reset, fault_count };

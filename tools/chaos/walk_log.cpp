@@ -25,6 +25,12 @@ void take_line(BaseLib::Logger::LogLevel /*level*/, const char* line, std::size_
     static_cast<void>(std::fwrite(line, 1, length, file));
   }
   switch (event.kind) {
+    case EventKind::connection_broken:
+      walk.met_broken = true;
+      break;
+    case EventKind::call_timed_out:
+      walk.timed_out = true;
+      break;
     case EventKind::rebuild:
       walk.rebuilds.push_back(server);
       break;

@@ -1,0 +1,428 @@
+// What a site may switch on: how the keys are read, and what each of them does. The clock of the
+// log's limit is the test's.
+#include "options.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+#include <thread>
+
+#include "client.h"
+#include "log_line.h"
+#include "servers.h"
+
+namespace {
+std::atomic<std::time_t> fixed_time{0};  // 0: the system's
+}
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names, see --wrap
+extern "C" std::time_t __real_time(std::time_t* result);
+extern "C" std::time_t __wrap_time(std::time_t* result) {
+  return fixed_time != 0 ? fixed_time.load() : __real_time(result);
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
+using std::chrono::milliseconds;
+constexpr auto WARN = BaseLib::Logger::WARN;
+constexpr auto ERROR = BaseLib::Logger::ERROR;
+
+constexpr int at_start = 3;     // connections to a server that is in each pool
+constexpr milliseconds S(200);  // socket time-out where a server hangs
+const std::string hanging = "socket_timeout = 200\n";
+const std::string nil = "$-1\r\n";
+
+// Answers by the number of the connection: those of the start-up, and those that came later.
+ScriptedServer::Script later(ScriptedServer::Script first, ScriptedServer::Script then) {
+  return [first, then](Peer& peer) { (peer.number() < at_start ? first : then)(peer); };
+}
+void close_it(Peer& peer) { peer.read_command(); }
+void hang(Peer& peer) { peer.hang(); }
+void answer(Peer& peer) { peer.answer_all(nil); }
+
+// Logs later connections in slowly; drops the first ones.
+void slow_login(Peer& peer) {
+  for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+    std::this_thread::sleep_for(words[0] == "AUTH" && peer.number() >= at_start ? S * 3 / 4
+                                                                                : milliseconds());
+    if (words[0] != "AUTH" && peer.number() < at_start) {
+      return;
+    }
+    peer.send(words[0] == "AUTH" ? "+OK\r\n" : nil);
+  }
+}
+const std::string passwords = "p_password = x\nt_password = x\nps_password = x\n";
+
+class Options : public testing::Test {
+ protected:
+  ~Options() override {
+    set_log_limit(0);
+    fixed_time = 0;
+  }
+  void start(const std::string& options, const std::string& addrs, const std::string& server = "") {
+    client_ = std::make_unique<ruvo_redis>();
+    init_client(*client_, HostConfig(options + "\nconnect_timeout = 2000\nsocket_timeout = 2000\n" +
+                                         pools_at(addrs, addrs, addrs),
+                                     server));
+    log_.clear();
+  }
+  int get(const char* command = "GET k") {
+    redisReply* reply = nullptr;
+    return client_->do_exec_command("k", reply, false, eTempServer, command);
+  }
+  bool get_raw(const char* format, ...) {
+    va_list none;
+    va_start(none, format);
+    const reply_ptr got(
+        static_cast<redisReply*>(client_->exec_redis_cmd(format, none, eTempServer)));
+    va_end(none);
+    return got != nullptr;
+  }
+  server_node& server(std::size_t position) { return pool_in(*client_).servers_.at(position); }
+  int failures(std::size_t position) { return server(position).failure_count_; }
+
+  DownServer down_;
+  std::unique_ptr<ruvo_redis> client_;
+  LogCapture log_;
+};
+
+TEST_F(Options, AreReadAndWhatMakesNoSenseIsToldAndLeftOut) {
+  const std::string truth = " must be true or false: ";
+  const std::string number = " must be a number from 0 to 2147483647: ";
+  // clang-format off
+  const struct { const char* key; const char* value; std::string complaint; const char* told; } cases[] = {
+      {"auto_pipelining", "true", "", "true, false, false, 0, 0"},
+      {"eject_silent_servers", "TRUE", "", "false, true, false, 0, 0"},
+      {"try_ejected_servers", "1", "", "false, false, true, 0, 0"},
+      {"log_limit", "2147483647", "", "false, false, false, 2147483647, 0"},
+      {"call_timeout", "250", "", "false, false, false, 0, 250"},
+      {"call_timeout", "0", "", "false, false, false, 0, 0"},
+      {"auto_pipelining", "perhaps", truth, nullptr},
+      {"try_ejected_servers", "-1", truth, nullptr},
+      {"log_limit", "-1", number, nullptr},
+      {"log_limit", "2147483648", number, nullptr},
+      {"log_limit", "many", number, nullptr},
+      {"call_timeout", "250ms", number, nullptr},
+      {"misspelt", "1", "", nullptr},
+  };
+  // clang-format on
+  for (const auto& one : cases) {
+    const std::string setting = one.key + std::string(" = ") + one.value;
+    vop_config config;
+    ASSERT_EQ(config.open(("[common]\n" + setting).c_str(), true), 0);
+    const client_options read = read_options(config);
+    const auto word = [](bool value) { return value ? std::string("true, ") : "false, "; };
+    EXPECT_EQ(word(read.auto_pipelining) + word(read.eject_silent_servers) +
+                  word(read.try_ejected_servers) + std::to_string(read.log_limit) + ", " +
+                  std::to_string(read.call_timeout),
+              one.told != nullptr ? one.told : "false, false, false, 0, 0");
+    const std::vector<LogCapture::Line> lines = log_.take();
+    ASSERT_EQ(lines.size(), one.told != nullptr || !one.complaint.empty() ? 1U : 0U) << setting;
+    if (!one.complaint.empty()) {
+      EXPECT_EQ(lines[0].level, ERROR);
+      EXPECT_EQ(lines[0].text,
+                "ruvo_redis::init | " + (one.key + one.complaint) + one.value + ", left out");
+    }
+  }
+  vop_config config;
+  ASSERT_EQ(config.open("[common]\ntry_ejected_servers = 1\nlog_limit = 8\ncall_timeout = 9", true),
+            0);
+  read_options(config);
+  EXPECT_EQ(log_.count(BaseLib::Logger::INFO,
+                       "ruvo_redis::init | auto_pipelining:false, eject_silent_servers:false, "
+                       "try_ejected_servers:true, log_limit:8, call_timeout:9 (ms)"),
+            1);
+}
+
+// All lines of start-up and shut-down are written, whatever the limit; after it none holds.
+TEST_F(Options, BeginFromOffAtEveryStartUp) {
+  static std::time_t of_this_run = 1000;
+  fixed_time = ++of_this_run;
+  const ScriptedServer good(nil);
+  const std::string addrs = good.addr() + "," + down_.addr() + "," + down_.addr();
+  ruvo_redis client;
+  ASSERT_EQ(init_client(client, HostConfig("try_ejected_servers = true\nlog_limit = 1\n" +
+                                           pools_at(addrs, addrs, addrs))),
+            0);
+  EXPECT_EQ(log_.count_containing("connect to node"), 6);
+  std::string before;
+  for (const LogCapture::Line& line : log_.take()) {
+    if (line.text.find("auto_pipelining:") != std::string::npos) {
+      EXPECT_NE(before.find("get timeout cfg"), std::string::npos);
+    }
+    before = line.text;
+  }
+  redisReply* none = nullptr;
+  for (int i = 0; i < 3; ++i) {
+    client.do_exec_command(nullptr, none, false, eTempServer, "PING");
+  }
+  EXPECT_EQ(log_.count_containing("key is NULL"), 1);
+  EXPECT_EQ(client.fini(), RUVO_OK);
+  const auto try_three_times = [&] {
+    for (int i = 0; i < 3; ++i) {
+      client.fini();
+      client.delete_key("k", eTempServer, nullptr);
+    }
+  };
+  try_three_times();
+  EXPECT_EQ(log_.count_containing("redis is not initialized"), 6);
+  set_log_limit(1);
+  try_three_times();
+  EXPECT_EQ(log_.count_containing("redis is not initialized"), 10);
+  ASSERT_EQ(init_client(client, HostConfig(pools_at(addrs, addrs, addrs))), 0);
+  EXPECT_FALSE(client.options().try_ejected_servers);
+  EXPECT_EQ(client.options().log_limit, 0);
+}
+
+TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
+  // clang-format off
+  const struct { ScriptedServer::Script script; bool on; std::vector<int> failures; const char* command = "GET k"; } cases[] = {
+      {hang, true, {0, 1, 2, 2}},
+      {close_it, true, {0, 1, 2, 2}},  // it takes every new connection
+      {close_it, false, {1, 0, 0}},
+      {later(close_it, answer), true, {1, 0}},
+      {answer, true, {0, 0}, "GET %z"},  // a template that hiredis refuses is nobody's failure
+  };
+  // clang-format on
+  const ScriptedServer good(nil);
+  for (const auto& one : cases) {
+    const ScriptedServer faulty(one.script);
+    start(hanging + (one.on ? "eject_silent_servers = true" : ""),
+          faulty.addr() + "," + good.addr(), "p_server_failure_limit = 2");
+    server(0).failure_count_ = one.failures[0];
+    for (std::size_t i = 1; i < one.failures.size(); ++i) {
+      const int ret = one.command == std::string("GET k") ? RUVO_ERR_NOT_FOUND : RUVO_ERR_FAILED;
+      EXPECT_EQ(get(one.command) + get(one.command), 2 * ret);  // the second: the good one's turn
+      EXPECT_EQ(failures(0), one.failures[i]);
+    }
+    EXPECT_EQ(log_.count_containing("invalid, failure count:2") > 0, one.failures.back() == 2);
+  }
+}
+
+// A call that has no time left for it after the rebuild leaves the reply to the next one.
+TEST_F(Options, EjectSilentServersClearsFailuresWithAnyReplyOnTheNewConnection) {
+  const ScriptedServer slow(slow_login);
+  start("eject_silent_servers = true\ncall_timeout = 100", slow.addr(), passwords);
+  EXPECT_EQ(get(), -1);
+  EXPECT_EQ(failures(0), 1);
+  EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
+  EXPECT_EQ(failures(0), 0);
+  server(0).failure_count_ = 1;  // of another connection
+  EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
+  EXPECT_EQ(failures(0), 1);
+}
+
+TEST_F(Options, TryEjectedServersTakesTheOneWhoseTurnItIs) {
+  start("try_ejected_servers = true", down_.addr() + "," + down_.addr() + "," + down_.addr(),
+        "p_server_failure_limit = 1");
+  EXPECT_EQ(get(), -1);  // ejects all three
+  const std::time_t retry = server(1).next_retry_time_;
+  log_.clear();
+  EXPECT_EQ(client_->get_server_node(eTempServer, 1), &server(1));
+  EXPECT_EQ(failures(1), 1);
+  EXPECT_EQ(server(1).next_retry_time_, retry);
+  EXPECT_EQ(log_.count(BaseLib::Logger::INFO, "ruvo_redis::get_server_node | all servers invalid"),
+            1);
+  EXPECT_EQ(get(), -1);
+  EXPECT_EQ(log_.count_containing("reset_connection | reset connection"), 3);  // each once
+  EXPECT_EQ(log_.count(WARN, "ruvo_redis::do_exec_command | can not find an available server"), 1);
+  client_->fini_server_pool(pool_in(*client_));
+  EXPECT_EQ(client_->get_server_node(eTempServer, -1), nullptr);
+}
+
+// The README's first configuration: calls fail while its one server is down, and no longer.
+TEST_F(Options, TheReadmesServerServesAgainAtOnce) {
+  RedisServer redis;
+  std::ifstream readme(RUVO_README);
+  std::string common;
+  std::string line;
+  while (std::getline(readme, line) && line.find("[common]") == std::string::npos) {
+  }
+  while (std::getline(readme, line) && line.find("```") == std::string::npos) {
+    common += std::regex_replace(line, std::regex("6379"), std::to_string(redis.port())) + "\n";
+  }
+  client_ = std::make_unique<ruvo_redis>();
+  ASSERT_EQ(init_client(*client_, HostConfig(common)), RUVO_OK);
+  EXPECT_TRUE(client_->options().try_ejected_servers);
+  std::atomic<int> failed_down{0};
+  std::atomic<int> failed_up{0};
+  std::atomic<int> done{0};
+  std::atomic<int> changes{0};  // odd while it is down
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&](const std::stop_token& stop) {
+      while (!stop.stop_requested()) {
+        const int before = changes;
+        const bool failed = get() != RUVO_ERR_NOT_FOUND;
+        if (before == changes) {
+          (before % 2 != 0 ? failed_down : failed_up) += failed ? 1 : 0;
+          done += before == 4 ? 1 : 0;
+        }
+      }
+    });
+  }
+  for (int restart = 0; restart < 2; ++restart) {
+    ++changes;
+    redis.kill();
+    for (const int before = failed_down; failed_down < before + 100;) {  // long ejected
+      std::this_thread::yield();
+    }
+    redis.restart();
+    get();  // behind those that may still share an attempt from before
+    ++changes;
+  }
+  while (done < 1000) {
+    std::this_thread::yield();
+  }
+  threads.clear();
+  EXPECT_EQ(failed_up, 0);
+}
+
+TEST_F(Options, TryEjectedServersLetsNoCallFailWhereOneIsUp) {
+  RedisServer one;
+  RedisServer other;
+  start("try_ejected_servers = true", one.addr() + "," + other.addr(),
+        "p_server_failure_limit = 1");
+  for (int round = 0; round < 4; ++round) {  // one is struck while the other is still ejected
+    RedisServer& struck = round % 2 == 0 ? one : other;
+    struck.kill();
+    for (int call = 0; call < 4; ++call) {
+      EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
+    }
+    struck.restart();
+  }
+  EXPECT_GT(log_.count_containing("all servers invalid"), 0);
+}
+
+TEST_F(Options, LogLimitKeepsLinesOfAKindBackAndTellsHowMany) {
+  const auto write = [](int number) {
+    RUVO_LOG(WARN, "one kind %d", number);
+    RUVO_LOG(ERROR, "other kind %d", number);
+    RUVO_LOG(INFO, "no trouble");
+  };
+  const auto counts = [this](int one, int other, int info) {
+    EXPECT_EQ(log_.count_containing("one kind"), one);
+    EXPECT_EQ(log_.count_containing("other kind"), other);
+    EXPECT_EQ(log_.count_containing("no trouble"), info);
+  };
+  set_log_limit(1);
+  for (fixed_time = 1000; fixed_time < 1002; fixed_time = fixed_time + 1) {
+    for (int i = 0; i < 10; ++i) {
+      write(i);
+    }
+  }
+  counts(2, 2, 20);
+  fixed_time = 1001;  // again the second that has had its lines
+  const std::string told = "ruvo_redis::log_limit | 9 lines like the next one were kept back";
+  EXPECT_EQ(log_.count(WARN, told), 2);  // of each kind
+  const std::vector<LogCapture::Line> lines = log_.take();
+  const auto at = std::find(lines.begin(), lines.end(), LogCapture::Line{WARN, told});
+  ASSERT_NE(at, lines.end());
+  EXPECT_EQ(at[1].text, "one kind 0");
+  {
+    const unlimited_log all;
+    { const unlimited_log within; }
+    write(0);
+  }
+  write(0);
+  std::thread([&] { write(0); }).join();
+  counts(1, 1, 3);
+  set_log_limit(0);
+  write(0);
+  counts(2, 2, 4);
+}
+
+// What a call of 100 ms starts and does not start any more once a step has taken longer.
+TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
+  // clang-format off
+  const struct { const char* before; ScriptedServer::Script script; int connections; } cases[] = {
+      {"a rebuild", hang, at_start},
+      {"a second send", slow_login, at_start + 1},
+      {"a visit", later(close_it, hang), at_start + 1},
+  };
+  // clang-format on
+  std::atomic<int> good_visits{0};
+  const ScriptedServer good([&](Peer& peer) {
+    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+      good_visits += words[0] == "GET" ? 1 : 0;
+      peer.send(words[0] == "GET" ? nil : "+OK\r\n");
+    }
+  });
+  for (const char* sharing : {"", "auto_pipelining = true\n"}) {
+    for (const auto& one : cases) {
+      for (const bool raw : {false, true}) {
+        SCOPED_TRACE(one.before);
+        const ScriptedServer faulty(one.script);
+        start(hanging + sharing + "call_timeout = 100", faulty.addr() + "," + good.addr(),
+              std::string(one.before) == "a second send" ? passwords : "");
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(raw ? get_raw("GET k") : get() != -1, false);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(100) + 2 * S);
+        EXPECT_EQ(faulty.connections(), one.connections);
+        EXPECT_EQ(good_visits, 0);
+        EXPECT_EQ(log_.count(WARN, (raw ? "ruvo_redis::exec_redis_cmd | key:temp"
+                                        : "ruvo_redis::do_exec_command | key:k") +
+                                       std::string(", call time-out of 100 ms has passed")),
+                  1);
+        EXPECT_EQ(log_.count(ERROR, "k"), raw ? 0 : 1);
+      }
+    }
+  }
+}
+
+// The second command needs a new connection when the first has used up the time of one command.
+TEST_F(Options, CallTimeoutIsTheSecondCommandsOwn) {
+  std::atomic<int> expired{0};
+  const ScriptedServer server([&](Peer& peer) {
+    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+      if (words[0] == "EXPIRE" && expired++ % 2 == 0) {
+        return;
+      }
+      if (words[0] != "EXPIRE") {
+        std::this_thread::sleep_for(milliseconds(120));
+      }
+      peer.send(":1\r\n");
+    }
+  });
+  start("call_timeout = 100", server.addr());
+  long long count = 0;
+  EXPECT_EQ(client_->increase_key("k", &count, eTempServer, nullptr), RUVO_OK);
+  EXPECT_EQ(client_->hash_set("k", "f", 1, "v", 1, 9, eTempServer, nullptr), RUVO_OK);
+  EXPECT_EQ(client_->list_push("k", "v", 1, 9, &count, eTempServer, nullptr), RUVO_OK);
+  EXPECT_EQ(expired, 3 * 2);
+  EXPECT_EQ(log_.count_containing("call time-out"), 0);
+}
+
+// Of those that wait at a server for their second visit, who is late by then is not sent.
+TEST_F(Options, CallTimeoutLeavesThoseThatWaitOutOfTheBatch) {
+  std::atomic<int> sent{0};
+  std::atomic<bool> is_open{false};
+  const ScriptedServer slow([&](Peer& peer) {
+    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+      ++sent;
+      is_open.wait(false);
+      peer.send(nil);
+    }
+  });
+  start("auto_pipelining = true\ncall_timeout = 500", down_.addr() + "," + slow.addr());
+  std::vector<std::jthread> threads;
+  for (const std::int64_t turn : {1, 0, 0}) {  // the first holds the slow server's connection
+    std::atomic_ref(pool_in(*client_).server_count_).store(turn);
+    const std::atomic_ref line(server(1).context_arr_[0].line_);
+    waiting_call* const newest = line.load();
+    threads.emplace_back([this] { get(); });
+    while (line.load() == newest) {
+      std::this_thread::yield();
+    }
+  }
+  std::this_thread::sleep_for(milliseconds(550));
+  is_open = true;
+  is_open.notify_all();
+  threads.clear();
+  EXPECT_EQ(sent, 2);  // the one that was held, and the one that led then
+  EXPECT_EQ(log_.count_containing("call time-out of 500 ms has passed"), 1);
+}
+
+}  // namespace
