@@ -1,6 +1,8 @@
 #include "walk.h"
 
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "connection.h"
 #include "connection_turn.h"
@@ -123,6 +125,19 @@ server_node* next_of_pool(ruvo_redis& redis, const server_node& failed, RedisSer
   return redis.get_server_node(pool, static_cast<int>(failed.index_) + 1);
 }
 
+// With try_ejected_servers a call does not fail while a server may answer that is ejected for an
+// earlier fault, also where the others are not ejected yet.
+server_node* ejected_of_pool(ruvo_redis& redis, const tried_servers& tried, RedisServerType pool) {
+  std::vector<server_node>& servers = redis.getPool(pool).servers_;
+  const std::size_t count = std::min(servers.size(), tried.size());
+  for (std::size_t i = 0; redis.options().try_ejected_servers && i < count; ++i) {
+    if (!tried[i]) {
+      return &servers[i];
+    }
+  }
+  return nullptr;
+}
+
 std::size_t servers_of_pool(const ruvo_redis& redis, RedisServerType pool) {
   return redis.getPool(pool).servers_.size();
 }
@@ -133,6 +148,8 @@ server_node* next_of_any_pool(ruvo_redis& redis, const server_node& failed, Redi
   return redis.get_server_node(static_cast<RedisServerType>(failed.index_ + 1), -1);
 }
 
+server_node* none(ruvo_redis&, const tried_servers&, RedisServerType) { return nullptr; }
+
 std::size_t servers_of_all_pools(const ruvo_redis& redis, RedisServerType) {
   return servers_of_pool(redis, eTempServer) + servers_of_pool(redis, ePersistServer) +
          servers_of_pool(redis, ePersonalityServer);
@@ -140,8 +157,8 @@ std::size_t servers_of_all_pools(const ruvo_redis& redis, RedisServerType) {
 
 }  // namespace
 
-const route typed_route{next_of_pool, servers_of_pool};
-const route raw_route{next_of_any_pool, servers_of_all_pools};
+const route typed_route{next_of_pool, ejected_of_pool, servers_of_pool};
+const route raw_route{next_of_any_pool, none, servers_of_all_pools};
 
 // Each visit has its turn at one connection, also while the next server is chosen, and lets it go
 // before the next is taken. The bound is for walks that do not come round: one that crosses pools
@@ -153,11 +170,14 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
     return walk_end::no_server_at_start;
   }
   const std::size_t first = server->index_;
+  tried_servers tried;
+  bool has_come_round = false;
   for (std::size_t visits = 1;; ++visits) {
     conn_node* conn = redis.get_conn(*server, command.pool);
+    server_node* next = nullptr;
     if (conn == nullptr) {
       redis.update_server_failed(server, command.pool);
-      server = route.next_server(redis, *server, command.pool);
+      next = route.next_server(redis, *server, command.pool);
     } else {
       connection_turn turn(*server, *conn, command.wire, redis.options().auto_pipelining);
       if (visits > 1) {
@@ -171,13 +191,16 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
       if (end != visit_end::no_reply) {
         return end == visit_end::lock_failed ? walk_end::lock_failed : walk_end::out_of_time;
       }
-      server = route.next_server(redis, *server, command.pool);
+      next = route.next_server(redis, *server, command.pool);
     }
-    if (server == nullptr) {
+    if (next == nullptr) {
       return walk_end::no_server_left;
     }
+    tried.set(std::min(server->index_, tried.size() - 1));
+    has_come_round = has_come_round || next->index_ == first;
+    server = has_come_round ? route.last_resort(redis, tried, command.pool) : next;
     const std::size_t bound = visits_per_server * route.servers_in_reach(redis, command.pool);
-    if (server->index_ == first || visits == bound) {
+    if (server == nullptr || visits == bound) {
       RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server", command.method);
       return walk_end::all_tried;
     }

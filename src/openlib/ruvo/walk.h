@@ -6,6 +6,7 @@
 #ifndef RUVO_WALK_H
 #define RUVO_WALK_H
 
+#include <bitset>
 #include <chrono>
 
 #include "exchange.h"
@@ -23,10 +24,15 @@ struct command {
   std::chrono::steady_clock::time_point not_after;  // starts nothing more then
 };
 
+// The positions that a walk has visited. Those beyond the last bit count as visited.
+using tried_servers = std::bitset<256>;
+
 // Where a walk goes.
 struct route {
   // The server after one that failed; null when none is usable.
   server_node* (*next_server)(ruvo_redis& redis, const server_node& failed, RedisServerType pool);
+  // Once the walk has come round: a server of the pool that it has passed over; null for none.
+  server_node* (*last_resort)(ruvo_redis& redis, const tried_servers& tried, RedisServerType pool);
   // The servers that the walk's bound counts.
   std::size_t (*servers_in_reach)(const ruvo_redis& redis, RedisServerType pool);
 };
