@@ -15,6 +15,8 @@ constexpr timeval second{1, 0};
 constexpr timeval moment{0, 50000};
 constexpr timeval none{-1, 0};
 
+const std::string two = "+OK\r\n+of another\r\n";  // the second was asked for by nobody
+
 constexpr auto ERROR = BaseLib::Logger::ERROR;
 
 server_addr addr_of(const DownServer& server) {
@@ -35,6 +37,7 @@ TEST(Connection, OpensAsFarAsTheServerLets) {
       {takes_secret, "wrong", open_outcome::refused, ""},
       {[](Peer& peer) { peer.read_command(); }, secret, open_outcome::closed, "Server closed the connection"},
       {[](Peer& peer) { peer.read_command(), peer.reset(); }, secret, open_outcome::closed, "Connection reset by peer"},
+      {[](Peer& peer) { peer.answer_all(two); }, secret, open_outcome::unreachable, "unexpected data after the reply"},
       {[](Peer& peer) { peer.hang(); }, secret, open_outcome::unanswered, "Resource temporarily unavailable"},
   };
   // clang-format on
@@ -104,7 +107,7 @@ TEST(Connection, BelievesArraysUpToALimit) {
   }
 }
 
-// A pool whose server does not answer its password keeps the slot, and loses it otherwise.
+// A pool whose server does not answer its password, or says more, keeps the slot.
 TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
   std::atomic<bool> answers{false};
   const ScriptedServer silent([&](Peer& peer) {
@@ -116,24 +119,30 @@ TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
   const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
   const ScriptedServer refuses{std::string("-ERR invalid password\r\n")};
   const DownServer down;
+  const ScriptedServer talks{two};
   LogCapture log;
   {
     ruvo_redis client;
-    const std::string addrs =
-        silent.addr() + "," + closes.addr() + "," + refuses.addr() + "," + down.addr();
+    const std::string addrs = silent.addr() + "," + closes.addr() + "," + refuses.addr() + "," +
+                              down.addr() + "," + talks.addr();
     const HostConfig config(pools_at(addrs, addrs, addrs) + "socket_timeout = 50",
                             "p_password = x\nt_password = x\nps_password = x");
     EXPECT_EQ(init_client(client, config), RUVO_INIT_BOTH_POOLS_FAILED);
     server_pool& pool = pool_in(client, ePersonalityServer);
-    const std::size_t slots[] = {1, 0, 0, 1};
-    for (std::size_t position = 0; position < 4; ++position) {
+    const std::size_t slots[] = {1, 0, 0, 1, 1};
+    for (std::size_t position = 0; position < 5; ++position) {
       EXPECT_EQ(pool.servers_[position].context_arr_.size(), slots[position]) << position;
     }
-    EXPECT_EQ(log.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
-                                   std::to_string(silent.port()) +
-                                   " failed, error code : Resource temporarily unavailable."),
-              3);
-    EXPECT_EQ(log.count_containing("| connect to node"), 2 * 3);
+    const auto failed_at = [&log](const ScriptedServer& server, const std::string& why) {
+      return log.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
+                                  std::to_string(server.port()) + " failed, error code : " + why);
+    };
+    EXPECT_EQ(failed_at(silent, "Resource temporarily unavailable."), 3);
+    EXPECT_EQ(failed_at(talks, "unexpected data after the reply."), 3);
+    EXPECT_EQ(log.count_containing("| connect to node"), 3 * 3);
+    conn_node& talking = pool.servers_[4].context_arr_[0];
+    EXPECT_EQ(client.reset_connection(talking, pool.servers_[4].addr_), nullptr);
+    EXPECT_TRUE(is_broken(talking.context_));  // as it was: no caller gets the reply of another
     // Rebuilding is held no longer, and works once the server answers.
     server_node& server = pool.servers_[0];
     const redisContext* failed = server.context_arr_[0].context_;
