@@ -12,7 +12,7 @@
 namespace {
 
 constexpr timeval second{1, 0};
-constexpr timeval moment{0, 50000};
+constexpr timeval moment{0, 200000};
 constexpr timeval none{-1, 0};
 
 const std::string two = "+OK\r\n+of another\r\n";  // the second was asked for by nobody
@@ -61,8 +61,7 @@ TEST(Connection, TellsWhyAServerIsOutOfReach) {
   // clang-format off
   const struct { std::uint32_t port; const char* error; } cases[] = {
       {static_cast<std::uint32_t>(down.port()), "Connection refused"},
-      {65536, "null redisContext"},
-      {3000000000, "null redisContext"},
+      {65536, "null redisContext"}, {3000000000, "null redisContext"},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -92,8 +91,7 @@ TEST(Connection, EachTimeOutStandsForItself) {
 TEST(Connection, BelievesArraysUpToALimit) {
   // clang-format off
   const struct { std::string announced; std::string error; } cases[] = {
-      {"*16777216\r\n", "Server closed the connection"},
-      {"*16777217\r\n", "Out of memory"},
+      {"*16777216\r\n", "Server closed the connection"}, {"*16777217\r\n", "Out of memory"},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -125,7 +123,7 @@ TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
     ruvo_redis client;
     const std::string addrs = silent.addr() + "," + closes.addr() + "," + refuses.addr() + "," +
                               down.addr() + "," + talks.addr();
-    const HostConfig config(pools_at(addrs, addrs, addrs) + "socket_timeout = 50",
+    const HostConfig config(pools_at(addrs, addrs, addrs) + "socket_timeout = 200",
                             "p_password = x\nt_password = x\nps_password = x");
     EXPECT_EQ(init_client(client, config), RUVO_INIT_BOTH_POOLS_FAILED);
     server_pool& pool = pool_in(client, ePersonalityServer);

@@ -42,6 +42,7 @@ extern "C" ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
 namespace {
 
 constexpr int at_start = 3;  // connections: one to each pool
+using Words = std::vector<std::string>;
 
 // A gate that the server's answers wait at.
 class Gate {
@@ -57,7 +58,7 @@ class Gate {
 };
 
 // Answers "GET k" with what the key is called, so that a reply of another call shows.
-std::string own_reply(const std::vector<std::string>& words) {
+std::string own_reply(const Words& words) {
   const std::string& key = words.at(1);
   return "$" + std::to_string(key.size()) + "\r\n" + key + "\r\n";
 }
@@ -140,12 +141,10 @@ TEST_F(SharedTurns, AreTakenInOrderOfArrivalAndWithinBounds) {
   for (const auto& one : cases) {
     Gate gate;
     std::vector<std::string> wire;
-    const ScriptedServer server([&](Peer& peer) {
-      for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-        gate.pass();
-        wire.push_back(words[1].substr(0, words[1].find_first_of("hl")));
-        peer.send(own_reply(words));
-      }
+    const ScriptedServer server([&](const Words& words) {
+      gate.pass();
+      wire.push_back(words[1].substr(0, words[1].find_first_of("hl")));
+      return own_reply(words);
     });
     ruvo_redis& client = client_;
     start(server.addr());
@@ -161,13 +160,11 @@ TEST_F(SharedTurns, AreTakenInOrderOfArrivalAndWithinBounds) {
 
 TEST_F(SharedTurns, AreNotSharedByOneThreadNorWhereAConnectionIsFree) {
   Gate gate;
-  const ScriptedServer server([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      if (words[1] == "held") {
-        gate.pass();
-      }
-      peer.send(own_reply(words));
+  const ScriptedServer server([&](const Words& words) {
+    if (words[1] == "held") {
+      gate.pass();
     }
+    return own_reply(words);
   });
   start(server.addr(), 2);
   for (int i = 0; i < 4; ++i) {
@@ -235,11 +232,9 @@ TEST_F(SharedTurns, OfABrokenConnectionAreSentOnceMoreOverOneNewOne) {
 
 TEST_F(SharedTurns, LeaveOutARefusedTemplateAndNoticeAConnectionOutOfStep) {
   Gate gate;
-  const ScriptedServer server([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      gate.pass();
-      peer.send(own_reply(words) + (words[1] == "k2" ? "+of nobody\r\n" : ""));
-    }
+  const ScriptedServer server([&](const Words& words) {
+    gate.pass();
+    return own_reply(words) + (words[1] == "k2" ? "+of nobody\r\n" : "");
   });
   start(server.addr());
   queue_up({"k0", "k1", "k2"});

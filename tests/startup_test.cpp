@@ -67,12 +67,8 @@ TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
   const std::string down = none.addr();
   // clang-format off
   struct { std::string common; int result; } const cases[] = {
-      {pools_at(up, up, up), 0},
-      {pools_at(down, up, up), 1},
-      {pools_at(up, down, up), 2},
-      {pools_at(down, "", ""), 3},
-      {pools_at("bad", up, up), 1},
-      {pools_at(up, up, down), 0},
+      {pools_at(up, up, up), 0}, {pools_at(down, up, up), 1}, {pools_at(up, down, up), 2},
+      {pools_at(down, "", ""), 3}, {pools_at("bad", up, up), 1}, {pools_at(up, up, down), 0},
       {pools_at(up + "," + down, up, ""), 0},
   };
   // clang-format on
@@ -94,8 +90,7 @@ TEST_F(Startup, TellsItsStoryToLogAndConsole) {
   // clang-format off
   const LogCapture::Line story[] = {
       {INFO, "ruvo_worker::init | get timeout cfg, connect_timeout:2500 (ms), socket_timeout:100 (ms)"},
-      {ERROR, "t_par_val: " + up + "\n"},
-      {ERROR, "p_par_val: " + up + "\n"},
+      {ERROR, "t_par_val: " + up + "\n"}, {ERROR, "p_par_val: " + up + "\n"},
       {INFO, "ruvo_redis::init | temp_server addr = " + up + ", persist_server addr = " + up + "."},
       {INFO, "ruvo_redis::init | temp server pool init success"},
       {INFO, "ruvo_redis::init | persist server pool init success"},
