@@ -9,8 +9,8 @@ namespace {
 Ended chaos_on(const std::string& addr, const std::string& options,
                const std::string& server = "") {
   const HostConfig config(all_pools_at(addr), server);
-  return shell(RUVO_CHAOS " --seconds 1 --threads 1 --config " + config.path() + " " + options +
-               " 2>&1");
+  return shell(std::string(RUVO_CHAOS) + " --seconds 1 --threads 1 --config " + config.path() +
+               " " + options + " 2>&1");
 }
 
 void expect_refusal(const Ended& run, const std::string& why) {

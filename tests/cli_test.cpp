@@ -44,8 +44,7 @@ TEST(Cli, RunsEveryOperation) {
       {"--json raw EVAL 'return {1,{\"%s\",false}}' 0", 0,
        R"({"command":"raw","pool":"temp","result":0,"text":"success","value":[1,["%s",null]]})"},
       {"set j [12]", 0, ""}, {"get j", 0, "[12]\n"}, {"raw SET j [1,2]", 0, "OK\n"},
-      {"raw -n GET j", 0, "[1,2]"},
-      {"raw GET none", 1, "(nil)\nruvo_cli: raw: not found\n"},
+      {"raw -n GET j", 0, "[1,2]"}, {"raw GET none", 1, "(nil)\nruvo_cli: raw: not found\n"},
   };
   // clang-format on
   for (const auto& one : cases) {

@@ -1,6 +1,7 @@
 // How far the opening of a connection comes, and what a new connection is set to.
 #include "connection.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -102,6 +103,33 @@ TEST(Connection, BelievesArraysUpToALimit) {
     const opened_connection opened = open_connection(addr_of(server), {second, second, ""});
     EXPECT_EQ(exchange(*opened.context, format_command("KEYS *")), nullptr);
     EXPECT_EQ(opened.context->errstr, one.error);
+  }
+}
+
+// Another thread may have been changing it when the process forked.
+TEST(Connection, ATornContextIsClosedAndNotFreed) {
+  static int freed;
+  redisReplyObjectFunctions counting{};
+  counting.freeObject = [](void*) { ++freed; };
+  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
+  const auto open = [&] { return open_connection(addr_of(silent), {second, second, ""}).context; };
+  for (const bool is_torn : {true, false}) {
+    freed = 0;
+    conn_node slot;
+    redisContext* const old = slot.context_ = open().release();
+    const int fd = old->fd;
+    old->reader->fn = &counting;
+    old->reader->reply = &counting;
+    slot.is_torn_ = is_torn;
+    replace_context(slot, open());
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    EXPECT_EQ(freed, is_torn ? 0 : 1);
+    EXPECT_FALSE(slot.is_torn_);
+    replace_context(slot, nullptr);
+    if (is_torn) {
+      old->fd = -1;
+      redisFree(old);
+    }
   }
 }
 

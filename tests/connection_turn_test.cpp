@@ -129,16 +129,13 @@ TEST_F(SharedTurns, AreTakenInOrderOfArrivalAndWithinBounds) {
   const std::string half(40000, 'h');
   const std::string large(70000, 'l');
   const std::vector<std::string> small(200);
-  struct {
-    std::vector<std::string> more;     // behind each key
-    std::vector<std::size_t> batches;  // of more than one command
-  } const cases[] = {
+  // What stands behind each key, and the batches of more than one command.
+  const std::vector<std::pair<std::vector<std::string>, std::vector<std::size_t>>> cases{
       {small, {128, 71}},
       {{"", half, half, half, ""}, {2}},
       {{"", "", large, "", ""}, {2}},
-      {{"", ""}, {}},
-  };
-  for (const auto& one : cases) {
+      {std::vector<std::string>(2), {}}};
+  for (const auto& [more, expected] : cases) {
     Gate gate;
     std::vector<std::string> wire;
     const ScriptedServer server([&](const Words& words) {
@@ -148,12 +145,12 @@ TEST_F(SharedTurns, AreTakenInOrderOfArrivalAndWithinBounds) {
     });
     ruvo_redis& client = client_;
     start(server.addr());
-    const std::vector<std::string> keys = numbered(one.more.size());
-    queue_up(keys, RUVO_OK, one.more);
+    const std::vector<std::string> keys = numbered(more.size());
+    queue_up(keys, RUVO_OK, more);
     gate.open();
     join();
     EXPECT_EQ(wire, keys);
-    EXPECT_EQ(std::exchange(batches, {}), one.batches);
+    EXPECT_EQ(std::exchange(batches, {}), expected);
     client.fini();
   }
 }

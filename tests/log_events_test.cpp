@@ -57,8 +57,7 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:", K::other, "", {}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:1 ", K::other, "", {}},
       {"WARN", "ruvo_redis::log_limit | -", K::other, "", {}},
-      {"ERROR", "a key that somebody chose", K::other, "", {}},
-      {"FATAL", "", K::other, "", {}},
+      {"ERROR", "a key that somebody chose", K::other, "", {}}, {"FATAL", "", K::other, "", {}},
   };
   // clang-format on
   const std::vector<std::string> levels{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};

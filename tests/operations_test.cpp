@@ -65,9 +65,7 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   const Call srem = [] { return RUVO_SRem("k", "v", 1, T, nullptr); };
   const Call sismember = [] { return RUVO_SIsmember("k", "v", 1, T, nullptr); };
   const Call smembers = [] { return RUVO_SMembers("k", texts, T, nullptr); };
-  // clang-format on
   const std::string some = "*6\r\n$1\r\na\r\n$0\r\n\r\n:1\r\n+s\r\n$-1\r\n$2\r\nb\n\r\n";
-  // clang-format off
   struct { Call call; std::string reply; int result; std::string sent; LogCapture::Line line; } const cases[] = {
       {insert, "+OK", 0, "SET k v", {DEBUG, "insert_key | key k successfully inserted."}},
       {insert, "-no", -1, "SET k v", {ERROR, "insert_key | do_exec_command failed, ret:-1"}},
