@@ -7,6 +7,14 @@
 
 #include <array>
 
+#include "sandbox.h"
+
+// Start-up, without what it prints.
+inline int start(const HostConfig& config) {
+  const QuietConsole quiet;
+  return RUVO_Init(config.path());
+}
+
 struct Operation {
   const char* name;
   int (*function)(const char* key, int pool);

@@ -69,6 +69,13 @@ ScriptedServer::ScriptedServer(Script script) : script_(std::move(script)) {
   acceptor_ = std::jthread([this] { accept_all(); });
 }
 
+ScriptedServer::ScriptedServer(const Answer& answer)
+    : ScriptedServer([answer](Peer& peer) {
+        for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+          peer.send(answer(words));
+        }
+      }) {}
+
 void ScriptedServer::refuse() { shutdown(fd_, SHUT_RDWR); }
 
 ScriptedServer::~ScriptedServer() {

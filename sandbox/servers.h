@@ -44,6 +44,9 @@ class ScriptedServer : public DownServer {
  public:
   using Script = std::function<void(Peer&)>;
   explicit ScriptedServer(Script script);
+  // What it answers to the words of each command.
+  using Answer = std::function<std::string(const std::vector<std::string>& words)>;
+  explicit ScriptedServer(const Answer& answer);
   explicit ScriptedServer(const std::string& reply)
       : ScriptedServer([reply](Peer& peer) { peer.answer_all(reply); }) {}
   ~ScriptedServer();

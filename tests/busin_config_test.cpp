@@ -34,27 +34,13 @@ TEST_P(Reader, FollowsEveryRuleOfTheForm) {
        "quoted = \" x \"\nempty =\n= none\nno equals\n[a]b]\n[redis] ; main\nafter = here\n[ db ]\nx=1\n"
        "[]\ny=2\n[a=b]\nz=3\n[COMMON]\nport = 81\nlate = 1\n\xEF\xBB\xBF[bom]\nin = a=b\n");
   struct { const char* section; const char* key; const char* value; } const cases[] = {
-      {"common", "dropped", "(null)"},
-      {"common", "port", "80"},
-      {"Common", "PORT", "80"},
-      {"common", "a", "1"},
-      {"common", "A", "1"},
-      {"common", "c", "(null)"},
-      {"common", "d", "(null)"},
-      {"common", "# c", "(null)"},
-      {"common", "mode", "fast # comment"},
-      {"common", "url", "a=b"},
-      {"common", "quoted", "\" x \""},
-      {"common", "empty", "(null)"},
-      {"common", "after", "here"},
-      {"db", "x", "(null)"},
-      {" db ", "x", "1"},
-      {"", "y", "(null)"},
-      {"a=b", "z", "3"},
-      {"common", "late", "(null)"},
-      {"bom", "in", "(null)"},
-      {nullptr, "port", "(null)"},
-      {"common", nullptr, "(null)"},
+      {"common", "dropped", "(null)"}, {"common", "port", "80"}, {"Common", "PORT", "80"},
+      {"common", "a", "1"}, {"common", "A", "1"}, {"common", "c", "(null)"},
+      {"common", "d", "(null)"}, {"common", "# c", "(null)"}, {"common", "mode", "fast # comment"},
+      {"common", "url", "a=b"}, {"common", "quoted", "\" x \""}, {"common", "empty", "(null)"},
+      {"common", "after", "here"}, {"db", "x", "(null)"}, {" db ", "x", "1"}, {"", "y", "(null)"},
+      {"a=b", "z", "3"}, {"common", "late", "(null)"}, {"bom", "in", "(null)"},
+      {nullptr, "port", "(null)"}, {"common", nullptr, "(null)"},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -76,15 +62,8 @@ TEST_P(Reader, FollowsEveryRuleOfTheForm) {
 TEST_P(Reader, ConvertsNumbersAndFlags) {
   // clang-format off
   struct { const char* text; int number; int flag; } const cases[] = {
-      {"1", 1, 1},
-      {"TRUE", 0, 1},
-      {"0", 0, 0},
-      {"yes", 0, -1},
-      {"01", 1, -1},
-      {"", -7, -1},
-      {"12ms", 12, -1},
-      {"0x10", 0, -1},
-      {"4294967298", 2, -1},
+      {"1", 1, 1}, {"TRUE", 0, 1}, {"0", 0, 0}, {"yes", 0, -1}, {"01", 1, -1}, {"", -7, -1},
+      {"12ms", 12, -1}, {"0x10", 0, -1}, {"4294967298", 2, -1},
   };
   // clang-format on
   for (const auto& one : cases) {

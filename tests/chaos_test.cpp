@@ -1,33 +1,16 @@
 // ruvo_chaos on an operator's servers. What it does on its own is run by CTest itself.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
 
 #include "servers.h"
+#include "shell.h"
 
 namespace {
-
-struct Ended {
-  int status;
-  std::string output;
-};
 
 Ended chaos_on(const std::string& addr, const std::string& options,
                const std::string& server = "") {
   const HostConfig config(all_pools_at(addr), server);
-  const std::string command = std::string(RUVO_CHAOS) + " --seconds 1 --threads 1 --config " +
-                              config.path() + " " + options + " 2>&1";
-  // NOLINTNEXTLINE(cert-env33-c): the tool that is tested
-  FILE* pipe = popen(command.c_str(), "re");
-  std::string output;
-  std::array<char, 4096> part{};
-  for (std::size_t length = 1; length > 0; output.append(part.data(), length)) {
-    length = fread(part.data(), 1, part.size(), pipe);
-  }
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+  return shell(std::string(RUVO_CHAOS) + " --seconds 1 --threads 1 --config " + config.path() +
+               " " + options + " 2>&1");
 }
 
 void expect_refusal(const Ended& run, const std::string& why) {

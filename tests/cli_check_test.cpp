@@ -17,56 +17,39 @@ TEST(CliCheck, TellsOfPoolsAndConnections) {
   const RedisServer redis;
   const RedisServer guarded("--requirepass right");
   const DownServer down;
-  struct {
-    std::string common;
-    std::string server;
-    int status;
-    std::vector<std::string> told;
-  } const cases[] = {
+  // clang-format off
+  struct { std::string common; std::string server; int status; std::vector<std::string> told; }
+      const cases[] = {
       {all_pools_at(redis.addr()),
-       "p_connect_num = 2\nt_auto_eject_server = 0\nps_server_retry_timeout = 7",
-       0,
+       "p_connect_num = 2\nt_auto_eject_server = 0\nps_server_retry_timeout = 7", 0,
        {"result         0, success\n",
         "temp         up     configured  2 to each server  after 5 failures, for 30 s",
         "persist      up     configured  2 to each server  never",
         "personality  up     configured  2 to each server  after 5 failures, for 7 s",
         "persist      " + redis.addr() + "  2/2          up\n"}},
       {all_pools_at(redis.addr()) + "eject_silent_servers = 1\nlog_limit = 9\ncall_timeout = 1500",
-       "",
-       0,
+       "", 0,
        {"eject_silent_servers on, try_ejected_servers off",
         "log_limit 9 lines a second, call_timeout 1500 ms"}},
-      {pools_at(redis.addr() + "," + down.addr(), redis.addr(), redis.addr()),
-       "p_connect_num = 3",
+      {pools_at(redis.addr() + "," + down.addr(), redis.addr(), redis.addr()), "p_connect_num = 3",
        7,
        {"temp         up in part", down.addr() + "  0/3          refused  nobody listens there"}},
-      {pools_at(down.addr(), redis.addr(), redis.addr()),
-       "",
-       5,
+      {pools_at(down.addr(), redis.addr(), redis.addr()), "", 5,
        {"result         1, the temporary pool failed; not usable: temp (refused)\n"}},
-      {all_pools_at(guarded.addr()),
-       "p_password = wrong\nt_password = wrong\nps_password = right",
+      {all_pools_at(guarded.addr()), "p_password = wrong\nt_password = wrong\nps_password = right",
        5,
-       {"result         0, success; not usable: temp (wrong password), persist (wrong "
-        "password)\n"}},
-      {pools_at(down.addr(), down.addr(), down.addr()),
-       "",
-       5,
+       {"result         0, success; not usable: temp (wrong password), persist (wrong password)\n"}},
+      {pools_at(down.addr(), down.addr(), down.addr()), "", 5,
        {"result         3,", "personality  refused"}},
-      {pools_at("", redis.addr(), "here"),
-       "",
-       5,
+      {pools_at("", redis.addr(), "here"), "", 5,
        {"personality  an address list is empty or malformed (10109)", "'here' is not host:port",
         "invalid server addr:here"}},
-      {all_pools_at(redis.addr()),
-       "p_conect_num = 2\np_server_failure_limit = -1",
-       8,
+      {all_pools_at(redis.addr()), "p_conect_num = 2\np_server_failure_limit = -1", 8,
        {"never", "is read by nobody"}},
-      {all_pools_at(redis.addr()),
-       "p_connect_num = 0",
-       5,
+      {all_pools_at(redis.addr()), "p_connect_num = 0", 5,
        {"no connection", "no connections are configured"}},
   };
+  // clang-format on
   for (const auto& one : cases) {
     expect_told(Tool(one.common, one.server), "check", one.status, one.told);
   }
@@ -130,10 +113,8 @@ TEST(CliCheck, AsksEveryServerByItself) {
 }
 
 TEST(CliCheck, NamesWhatIsNotReadAsWritten) {
-  const struct {
-    std::string content;
-    std::vector<std::string> findings;  // line and text
-  } cases[] = {
+  // clang-format off
+  const struct { std::string content; std::vector<std::string> findings; } cases[] = {
       {"; all is well\r\n[Common]\r\nTEMP_server = a:1, b:0x10\r\nlog_limit = "
        "5\n[server]\np_auto_eject_server=True\n",
        {"3 temp_server: port 0x10 of 'b:0x10' is read as 16"}},
@@ -170,6 +151,7 @@ TEST(CliCheck, NamesWhatIsNotReadAsWritten) {
         "0 t_password is set and ps_password is not: a connection of that pool that is rebuilt "
         "gives t_password"}},
   };
+  // clang-format on
   const TempDir dir;
   for (const auto& one : cases) {
     std::vector<std::string> findings;
@@ -186,18 +168,17 @@ TEST(CliCheck, NamesAFileThatCannotBeUsed) {
   const std::string empty = dir.write("empty", "[redis_cfg]\n");
   const std::string gone = dir.write("gone", "[redis_cfg]\nredis_cfg_path = " + none + "\n");
   const std::string astray = dir.write("astray", "[redis_cfg]\nredis_cfg_path = stray.conf\n");
-  const struct {
-    std::string config;
-    std::string told;
-  } cases[] = {
+  // clang-format off
+  const struct { std::string config; std::string told; } cases[] = {
       {none, "cannot open " + none + ": No such file or directory (10115)\n"},
       {"/", "start-up failed: /: Is a directory (10106)\n"},
       {empty, empty + ": no redis_cfg_path in section [redis_cfg] (10106)\n"},
       {gone, "cannot open " + none + ": No such file or directory; it is the redis_cfg_path of " +
-                 gone + " (-1)\n"},
-      {astray,
-       "relative to the working directory " + std::filesystem::current_path().string() + " (-1)\n"},
+       gone + " (-1)\n"},
+      {astray, "relative to the working directory " + std::filesystem::current_path().string() +
+       " (-1)\n"},
   };
+  // clang-format on
   for (const auto& one : cases) {
     for (const std::string command : {"check", "watch", "load", "get k", "raw PING"}) {
       const Ended run = shell(RUVO_CLI " --config " + one.config + " " + command + " 2>&1");

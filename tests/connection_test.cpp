@@ -1,6 +1,7 @@
 // How far the opening of a connection comes, and what a new connection is set to.
 #include "connection.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -12,8 +13,10 @@
 namespace {
 
 constexpr timeval second{1, 0};
-constexpr timeval moment{0, 50000};
+constexpr timeval moment{0, 200000};
 constexpr timeval none{-1, 0};
+
+const std::string two = "+OK\r\n+of another\r\n";  // the second was asked for by nobody
 
 constexpr auto ERROR = BaseLib::Logger::ERROR;
 
@@ -35,6 +38,7 @@ TEST(Connection, OpensAsFarAsTheServerLets) {
       {takes_secret, "wrong", open_outcome::refused, ""},
       {[](Peer& peer) { peer.read_command(); }, secret, open_outcome::closed, "Server closed the connection"},
       {[](Peer& peer) { peer.read_command(), peer.reset(); }, secret, open_outcome::closed, "Connection reset by peer"},
+      {[](Peer& peer) { peer.answer_all(two); }, secret, open_outcome::unreachable, "unexpected data after the reply"},
       {[](Peer& peer) { peer.hang(); }, secret, open_outcome::unanswered, "Resource temporarily unavailable"},
   };
   // clang-format on
@@ -58,8 +62,7 @@ TEST(Connection, TellsWhyAServerIsOutOfReach) {
   // clang-format off
   const struct { std::uint32_t port; const char* error; } cases[] = {
       {static_cast<std::uint32_t>(down.port()), "Connection refused"},
-      {65536, "null redisContext"},
-      {3000000000, "null redisContext"},
+      {65536, "null redisContext"}, {3000000000, "null redisContext"},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -89,8 +92,7 @@ TEST(Connection, EachTimeOutStandsForItself) {
 TEST(Connection, BelievesArraysUpToALimit) {
   // clang-format off
   const struct { std::string announced; std::string error; } cases[] = {
-      {"*16777216\r\n", "Server closed the connection"},
-      {"*16777217\r\n", "Out of memory"},
+      {"*16777216\r\n", "Server closed the connection"}, {"*16777217\r\n", "Out of memory"},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -104,7 +106,34 @@ TEST(Connection, BelievesArraysUpToALimit) {
   }
 }
 
-// A pool whose server does not answer its password keeps the slot, and loses it otherwise.
+// Another thread may have been changing it when the process forked.
+TEST(Connection, ATornContextIsClosedAndNotFreed) {
+  static int freed;
+  redisReplyObjectFunctions counting{};
+  counting.freeObject = [](void*) { ++freed; };
+  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
+  const auto open = [&] { return open_connection(addr_of(silent), {second, second, ""}).context; };
+  for (const bool is_torn : {true, false}) {
+    freed = 0;
+    conn_node slot;
+    redisContext* const old = slot.context_ = open().release();
+    const int fd = old->fd;
+    old->reader->fn = &counting;
+    old->reader->reply = &counting;
+    slot.is_torn_ = is_torn;
+    replace_context(slot, open());
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    EXPECT_EQ(freed, is_torn ? 0 : 1);
+    EXPECT_FALSE(slot.is_torn_);
+    replace_context(slot, nullptr);
+    if (is_torn) {
+      old->fd = -1;
+      redisFree(old);
+    }
+  }
+}
+
+// A pool whose server does not answer its password, or says more, keeps the slot.
 TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
   std::atomic<bool> answers{false};
   const ScriptedServer silent([&](Peer& peer) {
@@ -116,24 +145,30 @@ TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
   const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
   const ScriptedServer refuses{std::string("-ERR invalid password\r\n")};
   const DownServer down;
+  const ScriptedServer talks{two};
   LogCapture log;
   {
     ruvo_redis client;
-    const std::string addrs =
-        silent.addr() + "," + closes.addr() + "," + refuses.addr() + "," + down.addr();
-    const HostConfig config(pools_at(addrs, addrs, addrs) + "socket_timeout = 50",
+    const std::string addrs = silent.addr() + "," + closes.addr() + "," + refuses.addr() + "," +
+                              down.addr() + "," + talks.addr();
+    const HostConfig config(pools_at(addrs, addrs, addrs) + "socket_timeout = 200",
                             "p_password = x\nt_password = x\nps_password = x");
     EXPECT_EQ(init_client(client, config), RUVO_INIT_BOTH_POOLS_FAILED);
     server_pool& pool = pool_in(client, ePersonalityServer);
-    const std::size_t slots[] = {1, 0, 0, 1};
-    for (std::size_t position = 0; position < 4; ++position) {
+    const std::size_t slots[] = {1, 0, 0, 1, 1};
+    for (std::size_t position = 0; position < 5; ++position) {
       EXPECT_EQ(pool.servers_[position].context_arr_.size(), slots[position]) << position;
     }
-    EXPECT_EQ(log.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
-                                   std::to_string(silent.port()) +
-                                   " failed, error code : Resource temporarily unavailable."),
-              3);
-    EXPECT_EQ(log.count_containing("| connect to node"), 2 * 3);
+    const auto failed_at = [&log](const ScriptedServer& server, const std::string& why) {
+      return log.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
+                                  std::to_string(server.port()) + " failed, error code : " + why);
+    };
+    EXPECT_EQ(failed_at(silent, "Resource temporarily unavailable."), 3);
+    EXPECT_EQ(failed_at(talks, "unexpected data after the reply."), 3);
+    EXPECT_EQ(log.count_containing("| connect to node"), 3 * 3);
+    conn_node& talking = pool.servers_[4].context_arr_[0];
+    EXPECT_EQ(client.reset_connection(talking, pool.servers_[4].addr_), nullptr);
+    EXPECT_TRUE(is_broken(talking.context_));  // as it was: no caller gets the reply of another
     // Rebuilding is held no longer, and works once the server answers.
     server_node& server = pool.servers_[0];
     const redisContext* failed = server.context_arr_[0].context_;

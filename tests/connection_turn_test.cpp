@@ -42,6 +42,7 @@ extern "C" ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
 namespace {
 
 constexpr int at_start = 3;  // connections: one to each pool
+using Words = std::vector<std::string>;
 
 // A gate that the server's answers wait at.
 class Gate {
@@ -57,7 +58,7 @@ class Gate {
 };
 
 // Answers "GET k" with what the key is called, so that a reply of another call shows.
-std::string own_reply(const std::vector<std::string>& words) {
+std::string own_reply(const Words& words) {
   const std::string& key = words.at(1);
   return "$" + std::to_string(key.size()) + "\r\n" + key + "\r\n";
 }
@@ -128,46 +129,39 @@ TEST_F(SharedTurns, AreTakenInOrderOfArrivalAndWithinBounds) {
   const std::string half(40000, 'h');
   const std::string large(70000, 'l');
   const std::vector<std::string> small(200);
-  struct {
-    std::vector<std::string> more;     // behind each key
-    std::vector<std::size_t> batches;  // of more than one command
-  } const cases[] = {
+  // What stands behind each key, and the batches of more than one command.
+  const std::vector<std::pair<std::vector<std::string>, std::vector<std::size_t>>> cases{
       {small, {128, 71}},
       {{"", half, half, half, ""}, {2}},
       {{"", "", large, "", ""}, {2}},
-      {{"", ""}, {}},
-  };
-  for (const auto& one : cases) {
+      {std::vector<std::string>(2), {}}};
+  for (const auto& [more, expected] : cases) {
     Gate gate;
     std::vector<std::string> wire;
-    const ScriptedServer server([&](Peer& peer) {
-      for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-        gate.pass();
-        wire.push_back(words[1].substr(0, words[1].find_first_of("hl")));
-        peer.send(own_reply(words));
-      }
+    const ScriptedServer server([&](const Words& words) {
+      gate.pass();
+      wire.push_back(words[1].substr(0, words[1].find_first_of("hl")));
+      return own_reply(words);
     });
     ruvo_redis& client = client_;
     start(server.addr());
-    const std::vector<std::string> keys = numbered(one.more.size());
-    queue_up(keys, RUVO_OK, one.more);
+    const std::vector<std::string> keys = numbered(more.size());
+    queue_up(keys, RUVO_OK, more);
     gate.open();
     join();
     EXPECT_EQ(wire, keys);
-    EXPECT_EQ(std::exchange(batches, {}), one.batches);
+    EXPECT_EQ(std::exchange(batches, {}), expected);
     client.fini();
   }
 }
 
 TEST_F(SharedTurns, AreNotSharedByOneThreadNorWhereAConnectionIsFree) {
   Gate gate;
-  const ScriptedServer server([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      if (words[1] == "held") {
-        gate.pass();
-      }
-      peer.send(own_reply(words));
+  const ScriptedServer server([&](const Words& words) {
+    if (words[1] == "held") {
+      gate.pass();
     }
+    return own_reply(words);
   });
   start(server.addr(), 2);
   for (int i = 0; i < 4; ++i) {
@@ -235,11 +229,9 @@ TEST_F(SharedTurns, OfABrokenConnectionAreSentOnceMoreOverOneNewOne) {
 
 TEST_F(SharedTurns, LeaveOutARefusedTemplateAndNoticeAConnectionOutOfStep) {
   Gate gate;
-  const ScriptedServer server([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      gate.pass();
-      peer.send(own_reply(words) + (words[1] == "k2" ? "+of nobody\r\n" : ""));
-    }
+  const ScriptedServer server([&](const Words& words) {
+    gate.pass();
+    return own_reply(words) + (words[1] == "k2" ? "+of nobody\r\n" : "");
   });
   start(server.addr());
   queue_up({"k0", "k1", "k2"});

@@ -15,12 +15,6 @@
 
 namespace {
 
-// Initialises the library in this process, quietly.
-int init(const char* config) {
-  const QuietConsole quiet;
-  return RUVO_Init(config);
-}
-
 TEST(Memory, WithoutAnInstanceOrMemoryEveryCallSaysSo) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process that has made no call yet
   EXPECT_EXIT(
@@ -45,7 +39,7 @@ TEST(Memory, WithoutAnInstanceOrMemoryEveryCallSaysSo) {
 TEST(Memory, AnOperationAllocatesTheCallersBufferAndNothingElse) {
   const RedisServer redis;
   const HostConfig config(all_pools_at(redis.addr()));
-  ASSERT_EQ(init(config.path()), RUVO_OK);
+  ASSERT_EQ(start(config), RUVO_OK);
   BaseLib::Logger::setLogLevel(BaseLib::Logger::FATAL);
   const char* data = nullptr;
   unsigned long len = 0;
@@ -87,7 +81,7 @@ TEST(Exports, ACancelledThreadFinishesItsCall) {
   const HostConfig config("socket_timeout = 10000\n" +
                           pools_at(redis.addr(), down.addr(), down.addr()));
   const LogCapture log;
-  EXPECT_EQ(init(config.path()), RUVO_INIT_PERSIST_POOL_FAILED);
+  EXPECT_EQ(start(config), RUVO_INIT_PERSIST_POOL_FAILED);
   std::atomic<int> result{-100};
   std::thread caller([&] {
     const char* data = nullptr;
@@ -115,12 +109,7 @@ TEST(Exports, EachStaysInThePoolThatItsCallerNames) {
   const std::string number = ":1\r\n";
   std::array<std::atomic<int>, 3> commands{};
   const auto counting = [&](std::size_t pool) {
-    return [&, pool](Peer& peer) {
-      while (!peer.read_command().empty()) {
-        ++commands.at(pool);
-        peer.send(number);
-      }
-    };
+    return [&, pool](const std::vector<std::string>&) { return ++commands.at(pool), number; };
   };
   const ScriptedServer temp(counting(0));
   const ScriptedServer persist(counting(1));
@@ -128,7 +117,7 @@ TEST(Exports, EachStaysInThePoolThatItsCallerNames) {
   const HostConfig config(pools_at(temp.addr(), persist.addr(), personality.addr()) +
                           "connect_timeout = 1000\nsocket_timeout = 1000");
   const LogCapture log(BaseLib::Logger::FATAL);
-  ASSERT_EQ(init(config.path()), RUVO_OK);
+  ASSERT_EQ(start(config), RUVO_OK);
   for (const Operation& one : operations) {
     for (int pool = eTempServer; pool <= ePersonalityServer; ++pool) {
       std::array<int, 3> expected{};

@@ -1,11 +1,11 @@
 // A process that forks while it uses the library: parent and child each read their own values.
 #include <gtest/gtest.h>
-#include <ruvo/ruvo.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
 
+#include "every_operation.h"
 #include "host.h"
 #include "servers.h"
 
@@ -42,10 +42,7 @@ TEST_P(Fork, ParentAndChildKeepTheirRepliesApart) {
   const RedisServer redis;
   const HostConfig config(all_pools_at(redis.addr()) + GetParam().options, "p_connect_num = 2");
   const LogCapture log(BaseLib::Logger::WARN);
-  {
-    const QuietConsole quiet;
-    ASSERT_EQ(RUVO_Init(config.path()), RUVO_OK);
-  }
+  ASSERT_EQ(start(config), RUVO_OK);
   EXPECT_EQ(wrong_values("before"), 0);
   std::atomic<bool> stop{false};
   std::atomic<int> others_wrong{0};

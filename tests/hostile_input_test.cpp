@@ -68,14 +68,11 @@ TEST(HostileInput, SettingsAtAndBeyondTheirLimits) {
   struct { std::string temp; std::string common; std::string server; int started; int called; } const cases[] = {
       {up, "connect_timeout = 2147483647\nsocket_timeout = 2147483647", "", 0, 0},
       {up, "connect_timeout = 2147483648\nsocket_timeout = -2147483648", "", 0, 0},
-      {up, "", "p_connect_num = " + far, 0, 0},
-      {up, "", "p_connect_num = 0", 0, -1},
+      {up, "", "p_connect_num = " + far, 0, 0}, {up, "", "p_connect_num = 0", 0, -1},
       {up + "," + down.addr(), "", "p_server_failure_limit = 2147483648\np_server_retry_timeout = 2147483647", 0, 0},
       {up + "," + down.addr(), "", "p_server_failure_limit = -1\np_server_retry_timeout = -2147483648", 0, 0},
-      {many, "", "", 1, -1},
-      {many.substr(0, many.rfind(',') + 1) + up, "", "", 0, 0},
-      {"127.0.0.1:" + far, "", "", 1, -1},
-      {"127.0.0.1:%n%s", "", "", 1, -1},
+      {many, "", "", 1, -1}, {many.substr(0, many.rfind(',') + 1) + up, "", "", 0, 0},
+      {"127.0.0.1:" + far, "", "", 1, -1}, {"127.0.0.1:%n%s", "", "", 1, -1},
   };
   // clang-format on
   const LogCapture log;

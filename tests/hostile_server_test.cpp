@@ -77,11 +77,6 @@ class Damage {
   std::mt19937_64 random_;
 };
 
-int init(const HostConfig& config) {
-  const QuietConsole quiet;
-  return RUVO_Init(config.path());
-}
-
 TEST(HostileServer, CannotHarmItsCallers) {
   const char* given = std::getenv("RUVO_TEST_SEED");
   const std::uint64_t seed =
@@ -106,7 +101,7 @@ TEST(HostileServer, CannotHarmItsCallers) {
     const HostConfig config("connect_timeout = 1000\nsocket_timeout = 20\n" +
                             pools_at(server.addr(), server.addr(), server.addr()));
     LogCapture log;  // every line is written
-    ASSERT_EQ(init(config), RUVO_OK);
+    ASSERT_EQ(start(config), RUVO_OK);
     // Two commands of two visits (a raw one six), and a time-out for each piece of a reply.
     const milliseconds bound = 6 * milliseconds(1000 + 4 * 6 * 20);
     for (std::uint64_t number = seed; number < seed + 50; ++number) {

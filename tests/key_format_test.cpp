@@ -15,30 +15,16 @@ TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
   }
   // clang-format off
   struct { std::string key; std::string text; } const cases[] = {
-      {"plain", "plain"},
-      {"", ""},
-      {"100%%", "100%"},
-      {"%s|%d|%i|%u|%c", "(null)|0|0|0|"},
-      {"a%nb%hhn%5lln", "ab"},
-      {"%5d|%-5d|%05d|%+d|%.3d|%#x", "    0|0    |00000|+0|000|0"},
-      {"%lld %zu %jd %hhx", "0 0 0 0"},
-      {"%f %.1Lf %e %g", "0.000000 0.0 0.000000e+00 0"},
+      {"plain", "plain"}, {"", ""}, {"100%%", "100%"}, {"%s|%d|%i|%u|%c", "(null)|0|0|0|"},
+      {"a%nb%hhn%5lln", "ab"}, {"%5d|%-5d|%05d|%+d|%.3d|%#x", "    0|0    |00000|+0|000|0"},
+      {"%lld %zu %jd %hhx", "0 0 0 0"}, {"%f %.1Lf %e %g", "0.000000 0.0 0.000000e+00 0"},
       {"%p|%10s|%.3s|%.6s|%ls", "(nil)|    (null)||(null)|(null)"},
-      {"%2$d %1$s", "0 (null)"},
-      {"%*2$d|%.*1$d|", "0||"},
-      {"%-------+5d|", "+0   |"},
-      {"%$d", "%$d"},
-      {"%td %Zd %qd", "0 0 0"},
-      {"%*d|%.*f|%-*d", "0|0|0"},
-      {"%y %w d", "%y %w d"},
-      {"ends in %", "ends in "},
-      {":%49:%39", ":%49:%39"},
-      {"%99999999999d", spaces + " "},
-      {"%.99999999999f", "0." + std::string(1021, '0')},
-      {full + "yyy", full},
+      {"%2$d %1$s", "0 (null)"}, {"%*2$d|%.*1$d|", "0||"}, {"%-------+5d|", "+0   |"},
+      {"%$d", "%$d"}, {"%td %Zd %qd", "0 0 0"}, {"%*d|%.*f|%-*d", "0|0|0"}, {"%y %w d", "%y %w d"},
+      {"ends in %", "ends in "}, {":%49:%39", ":%49:%39"}, {"%99999999999d", spaces + " "},
+      {"%.99999999999f", "0." + std::string(1021, '0')}, {full + "yyy", full},
       {full.substr(3) + "%s", full.substr(3) + "(nu"},
-      {nothing_much, ""},
-      {"%-----------------------5d|", "0    |"},
+      {nothing_much, ""}, {"%-----------------------5d|", "0    |"},
   };
   // clang-format on
   for (const auto& one : cases) {

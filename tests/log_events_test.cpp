@@ -10,109 +10,56 @@ using Fields = std::vector<std::pair<Field, std::string>>;
 TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
   using F = Field;
   using K = EventKind;
-  struct {
-    const char* level;
-    std::string text;
-    K kind;
-    std::string server;
-    Fields others;  // besides address and port
-  } const cases[] = {
-      {"ERROR",
-       "t_par_val: 10.0.0.1:1\n",
-       K::configured_servers,
-       "",
+  // The fields are those besides address and port. The last rows are nearly lines of the library.
+  // clang-format off
+  struct { const char* level; std::string text; K kind; std::string server; Fields others; }
+      const cases[] = {
+      {"ERROR", "t_par_val: 10.0.0.1:1\n", K::configured_servers, "",
        {{F::temp_servers, "10.0.0.1:1"}}},
       {"INFO",
        "ruvo_worker::init | get timeout cfg, connect_timeout:-1 (ms), socket_timeout:20 (ms)",
-       K::time_outs,
-       "",
-       {{F::connect_timeout, "-1"}, {F::socket_timeout, "20"}}},
-      {"INFO",
-       "ruvo_redis::init | auto_pipelining:true, eject_silent_servers:false, "
-       "try_ejected_servers:true, log_limit:10, "
-       "call_timeout:0 (ms)",
-       K::options,
-       "",
-       {{F::auto_pipelining, "true"},
-        {F::eject_silent_servers, "false"},
-        {F::try_ejected_servers, "true"},
-        {F::log_limit, "10"},
-        {F::call_timeout, "0"}}},
-      {"INFO",
-       "ruvo_redis::init | temp_server addr = a:1,b:2, persist_server addr = c:3.",
-       K::addresses,
-       "",
-       {{F::temp_servers, "a:1,b:2"}, {F::persist_servers, "c:3"}}},
-      {"INFO",
-       "ruvo_redis::init | temp_server addr = a:1,b",
-       K::addresses,
-       "",
+       K::time_outs, "", {{F::connect_timeout, "-1"}, {F::socket_timeout, "20"}}},
+      {"INFO", "ruvo_redis::init | auto_pipelining:true, eject_silent_servers:false, "
+       "try_ejected_servers:true, log_limit:10, call_timeout:0 (ms)", K::options, "",
+       {{F::auto_pipelining, "true"}, {F::eject_silent_servers, "false"},
+        {F::try_ejected_servers, "true"}, {F::log_limit, "10"}, {F::call_timeout, "0"}}},
+      {"INFO", "ruvo_redis::init | temp_server addr = a:1,b:2, persist_server addr = c:3.",
+       K::addresses, "", {{F::temp_servers, "a:1,b:2"}, {F::persist_servers, "c:3"}}},
+      {"INFO", "ruvo_redis::init | temp_server addr = a:1,b", K::addresses, "",
        {{F::temp_servers, "a:1,b"}}},
       {"ERROR",
        "ruvo_redis::init_server_pool | connect to node h port:-2 failed, error code : port: none "
-       "failed. Retry.",
-       K::connect_failed,
-       "h:-2",
-       {{F::error, "port: none failed. Retry"}}},
-      {"ERROR",
-       "ruvo_redis::init | temp server pool init failed, 10405",
-       K::pool_failed,
-       "",
+       "failed. Retry.", K::connect_failed, "h:-2", {{F::error, "port: none failed. Retry"}}},
+      {"ERROR", "ruvo_redis::init | temp server pool init failed, 10405", K::pool_failed, "",
        {{F::pool, "temp"}, {F::code, "10405"}}},
-      {"DEBUG",
-       "ruvo_redis::get_server_node | try next server:10.0.0.1,port:6379",
-       K::server_considered,
-       "10.0.0.1:6379",
-       {}},
-      {"DEBUG",
-       "ruvo_redis::get_conn | connection index: 3/16",
-       K::connection_chosen,
-       "",
+      {"DEBUG", "ruvo_redis::get_server_node | try next server:10.0.0.1,port:6379",
+       K::server_considered, "10.0.0.1:6379", {}},
+      {"DEBUG", "ruvo_redis::get_conn | connection index: 3/16", K::connection_chosen, "",
        {{F::connection, "3"}, {F::connections, "16"}}},
       {"WARN",
        "ruvo_redis::is_server_valid | server,ip:h port:1 invalid, failure count:5, retry after 30 "
-       "seconds",
-       K::passed_over,
-       "h:1",
-       {{F::failures, "5"}, {F::seconds, "30"}}},
-      {"WARN",
-       "ruvo_redis::is_server_valid | server, ip:h port:1 start retry",
-       K::retry,
-       "h:1",
+       "seconds", K::passed_over, "h:1", {{F::failures, "5"}, {F::seconds, "30"}}},
+      {"WARN", "ruvo_redis::is_server_valid | server, ip:h port:1 start retry", K::retry, "h:1",
        {}},
-      {"WARN",
-       "ruvo_redis::reset_connection | reset connection,ip:h port:1",
-       K::rebuild,
-       "h:1",
+      {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:1", K::rebuild, "h:1",
        {}},
       {"ERROR",
        "ruvo_redis::exec_redis_cmd | key:a key, null reply and reset connection to server h port:1 "
-       "failed.",
-       K::visit_failed,
-       "h:1",
-       {{F::origin, "exec_redis_cmd"}, {F::key, "a key"}}},
-      {"INFO",
-       "ruvo_redis::hash_set | do_exec_command success!",
-       K::operation_done,
-       "",
+       "failed.", K::visit_failed, "h:1", {{F::origin, "exec_redis_cmd"}, {F::key, "a key"}}},
+      {"INFO", "ruvo_redis::hash_set | do_exec_command success!", K::operation_done, "",
        {{F::origin, "ruvo_redis::hash_set"}}},
-      {"WARN",
-       "ruvo_redis::do_exec_command | key:k, call time-out of 50 ms has passed",
-       K::call_timed_out,
-       "",
+      {"WARN", "ruvo_redis::do_exec_command | key:k, call time-out of 50 ms has passed",
+       K::call_timed_out, "",
        {{F::origin, "do_exec_command"}, {F::key, "k"}, {F::call_timeout, "50"}}},
       {"WARN",
        "ruvo_redis::log_limit | 18446744073709551615 lines like the next one were kept back",
-       K::lines_kept_back,
-       "",
-       {{F::lines, "18446744073709551615"}}},
-      // Nearly.
+       K::lines_kept_back, "", {{F::lines, "18446744073709551615"}}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:", K::other, "", {}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:1 ", K::other, "", {}},
       {"WARN", "ruvo_redis::log_limit | -", K::other, "", {}},
-      {"ERROR", "a key that somebody chose", K::other, "", {}},
-      {"FATAL", "", K::other, "", {}},
+      {"ERROR", "a key that somebody chose", K::other, "", {}}, {"FATAL", "", K::other, "", {}},
   };
+  // clang-format on
   const std::vector<std::string> levels{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
   for (const auto& one : cases) {
     const LogEvent event = read_event("2026-01-02 03:04:05.000006 77 " + std::string(one.level) +

@@ -15,6 +15,9 @@ class LogSink : public testing::Test {
  protected:
   std::string content(const std::string& name = "log") {
     sink_.flush();
+    return on_disk(name);
+  }
+  std::string on_disk(const std::string& name = "log") const {
     std::stringstream all;
     all << std::ifstream(dir_.path(name)).rdbuf();
     return all.str();
@@ -75,11 +78,6 @@ TEST_F(LogSink, EmptiesAndBacksUp) {
 
 TEST_F(LogSink, HandsARecordOnBeforeTheNextOne) {
   ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);
-  const auto on_disk = [this] {
-    std::stringstream all;
-    all << std::ifstream(path_).rdbuf();
-    return all.str();
-  };
   sink_.write("first\n");
   EXPECT_EQ(on_disk(), "");
   sink_.write("second\n");

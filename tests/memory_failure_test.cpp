@@ -14,18 +14,13 @@ class MemoryFailure : public testing::Test {
  protected:
   MemoryFailure() {
     BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char*, std::size_t) {});
-    BaseLib::Logger::setLogLevel(
-        BaseLib::Logger::DEBUG);  // lines are built, and may have no memory
+    BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // lines may have no memory
     // The process takes what it takes once.
-    EXPECT_EQ(start(), RUVO_OK);
+    EXPECT_EQ(start(config_), RUVO_OK);
     for (const Operation& one : operations) {
       one.call(one.name);
     }
     EXPECT_EQ(RUVO_Fini(), RUVO_OK);
-  }
-  int start() {
-    const QuietConsole quiet;
-    return RUVO_Init(config_.path());
   }
   // Calls while the allocation with this number fails. Stores the result; false when it met no
   // failure.
@@ -46,12 +41,11 @@ TEST_F(MemoryFailure, InAStartUp) {
   const int descriptors = open_descriptors();
   const int live = live_allocations;
   int status = 0;
-  for (int number = 0; status == 0;
-       ++number) {  // each in a process of its own: one that failed is final
+  for (int number = 0; status == 0; ++number) {  // each in a process of its own: one fails for good
     const pid_t child = fork();
     if (child == 0) {
       int ret = 0;
-      const bool met = fails(number, ret, [this] { return start(); });
+      const bool met = fails(number, ret, [this] { return start(config_); });
       const bool ready = ret >= RUVO_OK && ret < RUVO_INIT_BOTH_POOLS_FAILED;
       bool good = ready || ret == RUVO_INIT_BOTH_POOLS_FAILED || ret == RUVO_ERR_NO_MEMORY ||
                   ret == RUVO_ERR_CONFIG_FILE || ret == RUVO_ERR_FAILED;
@@ -73,7 +67,7 @@ TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
   const int descriptors = open_descriptors();
   const int live = live_allocations;
   int ret = 0;
-  ASSERT_EQ(start(), RUVO_OK);
+  ASSERT_EQ(start(config_), RUVO_OK);
   for (const Operation& one : operations) {
     bool met = true;
     for (int number = 0; met; ++number) {
@@ -85,7 +79,7 @@ TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
   }
   for (int number = 0; fails(number, ret, RUVO_Fini); ++number) {
     EXPECT_EQ(ret, RUVO_OK);
-    ASSERT_EQ(start(), RUVO_OK);
+    ASSERT_EQ(start(config_), RUVO_OK);
   }
   EXPECT_EQ(open_descriptors(), descriptors);
   EXPECT_EQ(live_allocations, live);

@@ -17,12 +17,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr milliseconds C(100);  // connect_timeout
 constexpr milliseconds S(100);  // socket_timeout
-constexpr milliseconds bound(int servers) {
-  return 2 * servers * (C + 6 * S);
-}  // of a typed command
-constexpr milliseconds raw_bound(int servers) {
-  return bound(servers + 2);
-}  // visits all three pools
+// Of a typed command; a raw one visits all three pools.
+constexpr milliseconds bound(int servers) { return 2 * servers * (C + 6 * S); }
+constexpr milliseconds raw_bound(int servers) { return bound(servers + 2); }
 
 const std::string value(60, 'v');
 const std::string reply = "$60\r\n" + value + "\r\n";

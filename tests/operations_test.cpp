@@ -22,14 +22,8 @@ constexpr int T = eTempServer;
 // A host that is initialised with these lines for section `common`.
 class Session : NoCopy {
  public:
-  explicit Session(const std::string& common) : config_(common) {
-    const QuietConsole quiet;
-    EXPECT_EQ(RUVO_Init(config_.path()), RUVO_OK);
-  }
+  explicit Session(const std::string& common) { EXPECT_EQ(start(HostConfig(common)), RUVO_OK); }
   ~Session() { RUVO_Fini(); }
-
- private:
-  HostConfig config_;
 };
 
 // Where the calls below leave their results.
@@ -71,9 +65,7 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   const Call srem = [] { return RUVO_SRem("k", "v", 1, T, nullptr); };
   const Call sismember = [] { return RUVO_SIsmember("k", "v", 1, T, nullptr); };
   const Call smembers = [] { return RUVO_SMembers("k", texts, T, nullptr); };
-  // clang-format on
   const std::string some = "*6\r\n$1\r\na\r\n$0\r\n\r\n:1\r\n+s\r\n$-1\r\n$2\r\nb\n\r\n";
-  // clang-format off
   struct { Call call; std::string reply; int result; std::string sent; LogCapture::Line line; } const cases[] = {
       {insert, "+OK", 0, "SET k v", {DEBUG, "insert_key | key k successfully inserted."}},
       {insert, "-no", -1, "SET k v", {ERROR, "insert_key | do_exec_command failed, ret:-1"}},
@@ -141,14 +133,12 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   std::mutex mutex;
   std::string reply;  // both guarded by mutex
   std::string sent;
-  const ScriptedServer server([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      const std::scoped_lock lock(mutex);
-      for (const std::string& word : words) {
-        sent += (sent.empty() ? "" : " ") + word;
-      }
-      peer.send(reply + "\r\n");
+  const ScriptedServer server([&](const std::vector<std::string>& words) {
+    const std::scoped_lock lock(mutex);
+    for (const std::string& word : words) {
+      sent += (sent.empty() ? "" : " ") + word;
     }
+    return reply + "\r\n";
   });
   const Session session(all_pools_at(server.addr()));
   LogCapture log;
@@ -190,6 +180,9 @@ TEST(Operations, RefuseNullPointersAndWhatIsTooLong) {
   const char* none = nullptr;
   const std::size_t L = (std::size_t{512} << 20U) + 1;
   const std::string null_value = "invalid param value : null pointer.";
+  const std::string no_field = "key or field is NULL";
+  const std::string no_value = "key or value is NULL";
+  const std::string no_pair = "key or field or value is NULL";
   const std::string too_long = "too long for redis: 536870913 bytes";
   // clang-format off
   const struct { std::string name; std::string text; Call call; } cases[] = {
@@ -197,17 +190,17 @@ TEST(Operations, RefuseNullPointersAndWhatIsTooLong) {
       {"append_key", null_value, [=] { return RUVO_AppendKey("k", none, 1, T, none); }},
       {"query_key", null_value, [=] { return RUVO_QueryKey("k", nullptr, &len, T, none); }},
       {"query_key", null_value, [=] { return RUVO_QueryKey("k", &data, nullptr, T, none); }},
-      {"hash_set", "key or field or value is NULL", [=] { return RUVO_HashSet("k", none, 1, "v", 1, 5, T, none); }},
-      {"hash_set", "key or field or value is NULL", [=] { return RUVO_HashSet("k", "f", 1, none, 1, 5, T, none); }},
-      {"hash_get", "key or field is NULL", [=] { return RUVO_HashGet("k", none, 1, &data, &len, T, none); }},
-      {"hash_field_exist", "key or field is NULL", [=] { return RUVO_HashFieldExist("k", none, 1, T, none); }},
-      {"hash_incr_by", "key or field is NULL", [=] { return RUVO_HashIncrBy("k", none, 1, 1, &number, T, none); }},
-      {"hash_del_field", "key or field is NULL", [=] { return RUVO_HashDelField("k", none, 1, T, none); }},
-      {"list_rem", "key or value is NULL", [=] { return RUVO_LRem("k", 0, none, T, none); }},
-      {"list_push", "key or value is NULL", [=] { return RUVO_LPush("k", none, 1, 5, &number, T, none); }},
-      {"set_add", "key or value is NULL", [=] { return RUVO_SAdd("k", none, 1, T, none); }},
-      {"set_rem", "key or value is NULL", [=] { return RUVO_SRem("k", none, 1, T, none); }},
-      {"set_ismember", "key or value is NULL", [=] { return RUVO_SIsmember("k", none, 1, T, none); }},
+      {"hash_set", no_pair, [=] { return RUVO_HashSet("k", none, 1, "v", 1, 5, T, none); }},
+      {"hash_set", no_pair, [=] { return RUVO_HashSet("k", "f", 1, none, 1, 5, T, none); }},
+      {"hash_get", no_field, [=] { return RUVO_HashGet("k", none, 1, &data, &len, T, none); }},
+      {"hash_field_exist", no_field, [=] { return RUVO_HashFieldExist("k", none, 1, T, none); }},
+      {"hash_incr_by", no_field, [=] { return RUVO_HashIncrBy("k", none, 1, 1, &number, T, none); }},
+      {"hash_del_field", no_field, [=] { return RUVO_HashDelField("k", none, 1, T, none); }},
+      {"list_rem", no_value, [=] { return RUVO_LRem("k", 0, none, T, none); }},
+      {"list_push", no_value, [=] { return RUVO_LPush("k", none, 1, 5, &number, T, none); }},
+      {"set_add", no_value, [=] { return RUVO_SAdd("k", none, 1, T, none); }},
+      {"set_rem", no_value, [=] { return RUVO_SRem("k", none, 1, T, none); }},
+      {"set_ismember", no_value, [=] { return RUVO_SIsmember("k", none, 1, T, none); }},
       {"insert_key", too_long, [=] { return RUVO_InsertKey("k", "v", L, -1, T, none); }},
       {"insert_key", too_long, [=] { return RUVO_InsertKey("k", "v", L, 5, T, none); }},
       {"append_key", too_long, [=] { return RUVO_AppendKey("k", "v", L, T, none); }},
@@ -337,8 +330,8 @@ TEST_F(OnRedis, RawCommandsHandTheReplyOver) {
     return type;
   };
   EXPECT_EQ(run("PING"), REDIS_REPLY_STATUS);
-  EXPECT_EQ(run("SET %s %b", "k", "a\0b", std::size_t{3}),
-            REDIS_REPLY_STATUS);  // NOLINT: the zero byte is meant
+  // NOLINTNEXTLINE: the zero byte is meant
+  EXPECT_EQ(run("SET %s %b", "k", "a\0b", std::size_t{3}), REDIS_REPLY_STATUS);
   EXPECT_EQ(run("STRLEN %s", "k"), REDIS_REPLY_INTEGER);
   EXPECT_EQ(run("GET none"), REDIS_REPLY_NIL);
   EXPECT_EQ(run("LLEN k"), REDIS_REPLY_ERROR);

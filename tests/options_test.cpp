@@ -100,12 +100,9 @@ TEST_F(Options, AreReadAndWhatMakesNoSenseIsToldAndLeftOut) {
       {"call_timeout", "250", "", "false, false, false, 0, 250"},
       {"call_timeout", "0", "", "false, false, false, 0, 0"},
       {"auto_pipelining", "perhaps", truth, nullptr},
-      {"try_ejected_servers", "-1", truth, nullptr},
-      {"log_limit", "-1", number, nullptr},
-      {"log_limit", "2147483648", number, nullptr},
-      {"log_limit", "many", number, nullptr},
-      {"call_timeout", "250ms", number, nullptr},
-      {"misspelt", "1", "", nullptr},
+      {"try_ejected_servers", "-1", truth, nullptr}, {"log_limit", "-1", number, nullptr},
+      {"log_limit", "2147483648", number, nullptr}, {"log_limit", "many", number, nullptr},
+      {"call_timeout", "250ms", number, nullptr}, {"misspelt", "1", "", nullptr},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -181,8 +178,7 @@ TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
   const struct { ScriptedServer::Script script; bool on; std::vector<int> failures; const char* command = "GET k"; } cases[] = {
       {hang, true, {0, 1, 2, 2}},
       {close_it, true, {0, 1, 2, 2}},  // it takes every new connection
-      {close_it, false, {1, 0, 0}},
-      {later(close_it, answer), true, {1, 0}},
+      {close_it, false, {1, 0, 0}}, {later(close_it, answer), true, {1, 0}},
       {answer, true, {0, 0}, "GET %z"},  // a template that hiredis refuses is nobody's failure
   };
   // clang-format on
@@ -327,6 +323,7 @@ TEST_F(Options, LogLimitKeepsLinesOfAKindBackAndTellsHowMany) {
     write(0);
   }
   write(0);
+  fixed_time = 1000;  // as a thread sees it that looked at the clock just before the others
   std::thread([&] { write(0); }).join();
   counts(1, 1, 3);
   set_log_limit(0);
@@ -338,17 +335,14 @@ TEST_F(Options, LogLimitKeepsLinesOfAKindBackAndTellsHowMany) {
 TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
   // clang-format off
   const struct { const char* before; ScriptedServer::Script script; int connections; } cases[] = {
-      {"a rebuild", hang, at_start},
-      {"a second send", slow_login, at_start + 1},
+      {"a rebuild", hang, at_start}, {"a second send", slow_login, at_start + 1},
       {"a visit", later(close_it, hang), at_start + 1},
   };
   // clang-format on
   std::atomic<int> good_visits{0};
-  const ScriptedServer good([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      good_visits += words[0] == "GET" ? 1 : 0;
-      peer.send(words[0] == "GET" ? nil : "+OK\r\n");
-    }
+  const ScriptedServer good([&](const std::vector<std::string>& words) {
+    good_visits += words[0] == "GET" ? 1 : 0;
+    return words[0] == "GET" ? nil : "+OK\r\n";
   });
   for (const char* sharing : {"", "auto_pipelining = true\n"}) {
     for (const auto& one : cases) {
@@ -395,20 +389,18 @@ TEST_F(Options, CallTimeoutIsTheSecondCommandsOwn) {
   EXPECT_EQ(log_.count_containing("call time-out"), 0);
 }
 
-// Of those that wait at a server for their second visit, who is late by then is not sent.
+// Of those that wait at a server, who is late for a second visit sends nothing, leading or not.
 TEST_F(Options, CallTimeoutLeavesThoseThatWaitOutOfTheBatch) {
   std::atomic<int> sent{0};
   std::atomic<bool> is_open{false};
-  const ScriptedServer slow([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      ++sent;
-      is_open.wait(false);
-      peer.send(nil);
-    }
+  const ScriptedServer slow([&](const std::vector<std::string>&) {
+    ++sent;
+    is_open.wait(false);
+    return nil;
   });
   start("auto_pipelining = true\ncall_timeout = 500", down_.addr() + "," + slow.addr());
   std::vector<std::jthread> threads;
-  for (const std::int64_t turn : {1, 0, 0}) {  // the first holds the slow server's connection
+  for (const std::int64_t turn : {1, 0, 1, 0}) {  // the first holds the slow server's connection
     std::atomic_ref(pool_in(*client_).server_count_).store(turn);
     const std::atomic_ref line(server(1).context_arr_[0].line_);
     waiting_call* const newest = line.load();
@@ -421,8 +413,8 @@ TEST_F(Options, CallTimeoutLeavesThoseThatWaitOutOfTheBatch) {
   is_open = true;
   is_open.notify_all();
   threads.clear();
-  EXPECT_EQ(sent, 2);  // the one that was held, and the one that led then
-  EXPECT_EQ(log_.count_containing("call time-out of 500 ms has passed"), 1);
+  EXPECT_EQ(sent, 2);  // the one that was held, and the one on its first visit
+  EXPECT_EQ(log_.count_containing("call time-out of 500 ms has passed"), 2);
 }
 
 }  // namespace

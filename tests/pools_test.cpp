@@ -82,12 +82,10 @@ TEST_F(Pools, AreClosedWithTheirClient) {
 TEST_F(Pools, EachPoolHasAPasswordOfItsOwn) {
   std::mutex mutex;
   std::string passwords;  // guarded by mutex
-  const ScriptedServer redis([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      const std::scoped_lock lock(mutex);
-      passwords += words.at(1) + " ";
-      peer.send("+OK\r\n");
-    }
+  const ScriptedServer redis([&](const std::vector<std::string>& words) {
+    const std::scoped_lock lock(mutex);
+    passwords += words.at(1) + " ";
+    return "+OK\r\n";
   });
   ruvo_redis client;
   const HostConfig config(all_pools_at(redis.addr() + "," + redis.addr()),

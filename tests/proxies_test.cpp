@@ -2,11 +2,11 @@
 // shards, and again after one of the proxies has died. Calls go to the proxies in turn, so a value
 // is right only where both agree on its shard.
 #include <gtest/gtest.h>
-#include <ruvo/ruvo.h>
 
 #include <array>
 #include <vector>
 
+#include "every_operation.h"
 #include "host.h"
 #include "servers.h"
 #include "workload.h"
@@ -24,10 +24,7 @@ TEST(OnProxies, EveryOperationWorksAndOutlivesAProxy) {
   std::array<Proxy, 2> proxies{Proxy(shards), Proxy(shards)};
   const HostConfig config(all_pools_at(proxies[0].addr() + ',' + proxies[1].addr()),
                           "p_connect_num = 2");
-  {
-    const QuietConsole quiet;
-    ASSERT_EQ(RUVO_Init(config.path()), RUVO_OK);
-  }
+  ASSERT_EQ(start(config), RUVO_OK);
   Totals totals;
   CallObserver nobody;
   std::vector<Worker> all;

@@ -116,8 +116,7 @@ TEST_F(Routing, LimitsOfEjection) {
       {"p_auto_eject_server = false\np_server_failure_limit = 1", 9, 0},
       {"p_server_failure_limit = -1", 9, 0},
       {"p_server_failure_limit = 1\np_server_retry_timeout = 0", 9, 0},
-      {"p_server_failure_limit = 0", 0, 0},
-      {"p_server_failure_limit = 0", 1, 1},
+      {"p_server_failure_limit = 0", 0, 0}, {"p_server_failure_limit = 0", 1, 1},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -135,12 +134,10 @@ TEST_F(Routing, LimitsOfEjection) {
 TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
   std::mutex mutex;
   std::string passwords;  // guarded by mutex
-  const ScriptedServer accepts([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      const std::scoped_lock lock(mutex);
-      passwords += words.at(1) + " ";
-      peer.send("+OK\r\n");
-    }
+  const ScriptedServer accepts([&](const std::vector<std::string>& words) {
+    const std::scoped_lock lock(mutex);
+    passwords += words.at(1) + " ";
+    return "+OK\r\n";
   });
   // Good while the three pools are built; later one that refuses, one that goes, one that is down.
   const ScriptedServer refuses([](Peer& peer) {

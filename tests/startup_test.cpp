@@ -67,12 +67,8 @@ TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
   const std::string down = none.addr();
   // clang-format off
   struct { std::string common; int result; } const cases[] = {
-      {pools_at(up, up, up), 0},
-      {pools_at(down, up, up), 1},
-      {pools_at(up, down, up), 2},
-      {pools_at(down, "", ""), 3},
-      {pools_at("bad", up, up), 1},
-      {pools_at(up, up, down), 0},
+      {pools_at(up, up, up), 0}, {pools_at(down, up, up), 1}, {pools_at(up, down, up), 2},
+      {pools_at(down, "", ""), 3}, {pools_at("bad", up, up), 1}, {pools_at(up, up, down), 0},
       {pools_at(up + "," + down, up, ""), 0},
   };
   // clang-format on
@@ -94,8 +90,7 @@ TEST_F(Startup, TellsItsStoryToLogAndConsole) {
   // clang-format off
   const LogCapture::Line story[] = {
       {INFO, "ruvo_worker::init | get timeout cfg, connect_timeout:2500 (ms), socket_timeout:100 (ms)"},
-      {ERROR, "t_par_val: " + up + "\n"},
-      {ERROR, "p_par_val: " + up + "\n"},
+      {ERROR, "t_par_val: " + up + "\n"}, {ERROR, "p_par_val: " + up + "\n"},
       {INFO, "ruvo_redis::init | temp_server addr = " + up + ", persist_server addr = " + up + "."},
       {INFO, "ruvo_redis::init | temp server pool init success"},
       {INFO, "ruvo_redis::init | persist server pool init success"},
@@ -179,12 +174,9 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
 TEST_F(Startup, DefaultsFollowTheHostsNetworkAndTheExecutable) {
   // clang-format off
   struct { std::array<unsigned char, 4> ip; int type; std::string addrs; int errors; } const cases[] = {
-      {{127, 0, 0, 1}, 1, "127.0.0.1:22123,127.0.0.2:22123", 0},
-      {{198, 19, 5, 9}, 3, "", 0},
-      {{198, 18, 4, 9}, 2, "198.18.0.10:22123,198.18.0.11:22123", 0},
-      {{203, 0, 113, 1}, 1, "", 1},
-      {{198, 19, 5, 9}, 1, "198.19.0.10:22123,198.19.0.11:22123", 0},
-      {{127, 0, 10, 1}, 1, "", 1},
+      {{127, 0, 0, 1}, 1, "127.0.0.1:22123,127.0.0.2:22123", 0}, {{198, 19, 5, 9}, 3, "", 0},
+      {{198, 18, 4, 9}, 2, "198.18.0.10:22123,198.18.0.11:22123", 0}, {{203, 0, 113, 1}, 1, "", 1},
+      {{198, 19, 5, 9}, 1, "198.19.0.10:22123,198.19.0.11:22123", 0}, {{127, 0, 10, 1}, 1, "", 1},
   };
   // clang-format on
   const ruvo_redis client;

@@ -124,14 +124,12 @@ TEST_F(StreamLog, ACancelledThreadFinishesItsLineAndEndsThen) {
 
 // Hosts in C set the same threshold and the same output.
 TEST_F(StreamLog, FromC) {
-  const struct {
-    int set;
-    int level;
-  } cases[] = {{STREAM_LOG_TRACE, 0}, {STREAM_LOG_FATAL, 5}, {-7, 0}, {99, 5}, {2, 2}};
-  for (const auto& one : cases) {
-    stream_log_set_level(one.set);
-    EXPECT_EQ(stream_log_level(), one.level);
-    EXPECT_EQ(static_cast<int>(Logger::logLevel()), one.level);
+  const std::vector<std::pair<int, int>> cases{
+      {STREAM_LOG_TRACE, 0}, {STREAM_LOG_FATAL, 5}, {-7, 0}, {99, 5}, {2, 2}};
+  for (const auto& [set, level] : cases) {
+    stream_log_set_level(set);
+    EXPECT_EQ(stream_log_level(), level);
+    EXPECT_EQ(static_cast<int>(Logger::logLevel()), level);
   }
   static int told_level;
   static std::string told;

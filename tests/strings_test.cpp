@@ -21,14 +21,12 @@ TEST(Counter, LivesUntilLocalMidnight) {
   std::mutex mutex;
   std::string count = ":1\r\n";  // both guarded by mutex
   std::string expiry;
-  const ScriptedServer redis([&](Peer& peer) {
-    for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
-      const std::scoped_lock lock(mutex);
-      if (words[0] == "EXPIRE") {
-        expiry = words.at(2);
-      }
-      peer.send(count);
+  const ScriptedServer redis([&](const std::vector<std::string>& words) {
+    const std::scoped_lock lock(mutex);
+    if (words[0] == "EXPIRE") {
+      expiry = words.at(2);
     }
+    return count;
   });
   ruvo_redis client;
   ASSERT_EQ(init_client(client, HostConfig(all_pools_at(redis.addr()))), 0);
@@ -36,12 +34,8 @@ TEST(Counter, LivesUntilLocalMidnight) {
   tzset();
   // clang-format off
   const struct { std::time_t time_of_day; const char* count; const char* expiry; } cases[] = {
-      {21 * 3600, ":1\r\n", "86400"},
-      {21 * 3600 - 1, ":1\r\n", "1"},
-      {0, ":1\r\n", "75600"},
-      {9 * 3600 + 34 * 60 + 5, ":1\r\n", "41155"},
-      {0, ":2\r\n", ""},
-      {0, ":0\r\n", ""},
+      {21 * 3600, ":1\r\n", "86400"}, {21 * 3600 - 1, ":1\r\n", "1"}, {0, ":1\r\n", "75600"},
+      {9 * 3600 + 34 * 60 + 5, ":1\r\n", "41155"}, {0, ":2\r\n", ""}, {0, ":0\r\n", ""},
   };
   // clang-format on
   for (const auto& one : cases) {

@@ -9,16 +9,10 @@ namespace {
 TEST(Split, CutsAndTrims) {
   // clang-format off
   struct { const char* text; const char* separators; sp::str_arr pieces; } const cases[] = {
-      {"", ",", {}},
-      {"a", ",", {"a"}},
-      {" a , b ", ",", {"a", "b"}},
-      {"host : 80", ":", {"host", "80"}},
-      {",a", ",", {"", "a"}},
-      {"a,,b,", ",", {"a", "", "b", ""}},
-      {"x\r\ny", "\r\n", {"x", "", "y"}},
-      {"\t\r a\x01 b \n", ",", {"a\x01 b"}},
-      {"a\xA1", ",", {"a\xA1"}},
-      {"a,b", "", {"a,b"}},
+      {"", ",", {}}, {"a", ",", {"a"}}, {" a , b ", ",", {"a", "b"}},
+      {"host : 80", ":", {"host", "80"}}, {",a", ",", {"", "a"}},
+      {"a,,b,", ",", {"a", "", "b", ""}}, {"x\r\ny", "\r\n", {"x", "", "y"}},
+      {"\t\r a\x01 b \n", ",", {"a\x01 b"}}, {"a\xA1", ",", {"a\xA1"}}, {"a,b", "", {"a,b"}},
   };
   // clang-format on
   for (const auto& one : cases) {
@@ -61,16 +55,9 @@ TEST(Paths, ParentAndBoundedCopy) {
   const std::string above = std::filesystem::path(bin).parent_path().parent_path().string() + "/";
   // clang-format off
   const std::pair<std::string, std::string> cases[] = {
-      {"/opt/app/bin/", "/opt/app/"},
-      {"/", "/"},
-      {"a/", "a/"},
-      {"plain", "plain"},
-      {"/usr/bin", "/usr/"},
-      {"/etc/passwd", "/"},
-      {R"(\\host\share\x)", "/host/"},
-      {"//a///b/c", "//a/"},
-      {".", above},
-      {bin, above},
+      {"/opt/app/bin/", "/opt/app/"}, {"/", "/"}, {"a/", "a/"}, {"plain", "plain"},
+      {"/usr/bin", "/usr/"}, {"/etc/passwd", "/"}, {R"(\\host\share\x)", "/host/"},
+      {"//a///b/c", "//a/"}, {".", above}, {bin, above},
   };
   // clang-format on
   for (const auto& [path, parent] : cases) {

@@ -1,10 +1,10 @@
 // Many threads at once.
 #include <gtest/gtest.h>
-#include <ruvo/ruvo.h>
 
 #include <atomic>
 #include <thread>
 
+#include "every_operation.h"
 #include "host.h"
 #include "sandbox.h"
 
@@ -14,10 +14,7 @@ TEST(Threads, ManyShareFewConnectionsThatBreakAndEachGetsItsOwnReply) {
   const RedisServer redis;
   const HostConfig config(all_pools_at(redis.addr()), "p_connect_num = 2");
   const LogCapture log(BaseLib::Logger::WARN);
-  {
-    const QuietConsole quiet;
-    ASSERT_EQ(RUVO_Init(config.path()), RUVO_OK);
-  }
+  ASSERT_EQ(start(config), RUVO_OK);
   std::atomic<bool> stop{false};
   std::atomic<int> wrong{0};
   std::atomic<int> calls{0};

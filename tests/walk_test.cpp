@@ -65,10 +65,8 @@ TEST_F(Walk, ANilReplyNamesItsPool) {
 TEST_F(Walk, HandsOverAReplyOnlyOnSuccessAndOnDemand) {
   // clang-format off
   const struct { std::string reply; bool needed; int result; bool handed_over; } cases[] = {
-      {"$1\r\nv\r\n", true, RUVO_OK, true},
-      {"$1\r\nv\r\n", false, RUVO_OK, false},
-      {"$-1\r\n", true, RUVO_ERR_NOT_FOUND, false},
-      {"-ERR no\r\n", true, RUVO_ERR_FAILED, false},
+      {"$1\r\nv\r\n", true, RUVO_OK, true}, {"$1\r\nv\r\n", false, RUVO_OK, false},
+      {"$-1\r\n", true, RUVO_ERR_NOT_FOUND, false}, {"-ERR no\r\n", true, RUVO_ERR_FAILED, false},
   };
   // clang-format on
   for (const auto& one : cases) {

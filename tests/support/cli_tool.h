@@ -3,36 +3,18 @@
 #define RUVO_TESTS_CLI_TOOL_H
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "sandbox.h"
-
-struct Ended {
-  int status;
-  std::string output;  // standard output, and standard error behind it where it was asked for
-};
-
-inline Ended shell(const std::string& command) {
-  // NOLINTNEXTLINE(cert-env33-c): the commands of this file
-  FILE* pipe = popen(command.c_str(), "re");
-  std::string output;
-  std::array<char, 4096> part{};
-  for (std::size_t length = 1; length > 0; output.append(part.data(), length)) {
-    length = fread(part.data(), 1, part.size(), pipe);
-  }
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
+#include "shell.h"
 
 // The tool on a configuration of its own.
 class Tool {
  public:
-  explicit Tool(const std::string& common, const std::string& server = "") : config_(common, server) {}
+  explicit Tool(const std::string& common, const std::string& server = "")
+      : config_(common, server) {}
   std::string command(const std::string& arguments) const {
     return std::string(RUVO_CLI) + " --config " + config_.path() + " " + arguments;
   }
@@ -49,7 +31,8 @@ inline void expect_told(const Tool& tool, const std::string& arguments, int stat
   const Ended run = tool.run(arguments);
   EXPECT_EQ(run.status, status) << arguments << "\n" << run.output;
   for (const std::string& part : told) {
-    EXPECT_NE(run.output.find(part), std::string::npos) << arguments << ": " << part << "\n" << run.output;
+    EXPECT_NE(run.output.find(part), std::string::npos) << arguments << ": " << part << "\n"
+                                                        << run.output;
   }
 }
 
