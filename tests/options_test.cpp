@@ -210,6 +210,19 @@ TEST_F(Options, EjectSilentServersClearsFailuresWithAnyReplyOnTheNewConnection) 
   EXPECT_EQ(failures(0), 1);
 }
 
+// The server whose turn it is has just gone; the other is up, but ejected for an earlier fault.
+TEST_F(Options, TryEjectedServersAnswersFromAServerThatWasPassedOver) {
+  const ScriptedServer up(answer);
+  for (const bool tries : {false, true}) {
+    start(tries ? "try_ejected_servers = true" : "", down_.addr() + "," + up.addr());
+    server(1).failure_count_ = 5;
+    server(1).next_retry_time_ = std::time(nullptr) + 100;
+    EXPECT_EQ(get(), tries ? RUVO_ERR_NOT_FOUND : -1);  // the answer is nil
+    EXPECT_EQ(failures(0), 1);
+    EXPECT_EQ(failures(1), 5);
+  }
+}
+
 TEST_F(Options, TryEjectedServersTakesTheOneWhoseTurnItIs) {
   start("try_ejected_servers = true", down_.addr() + "," + down_.addr() + "," + down_.addr(),
         "p_server_failure_limit = 1");
