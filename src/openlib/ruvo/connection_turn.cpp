@@ -187,11 +187,13 @@ void connection_turn::wake_served(std::size_t end) {
   }
 }
 
-void connection_turn::share_failed_rebuild() {
-  if (!is_shared_) {
-    return;
+void connection_turn::begin_rebuild() {
+  if (is_shared_) {
+    take_line();
   }
-  take_line();
+}
+
+void connection_turn::share_failed_rebuild() {
   while (first_ != nullptr) {
     waiting_call& call = *std::exchange(first_, first_->neighbour);
     call.rebuild_failed = true;

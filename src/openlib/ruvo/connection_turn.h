@@ -106,8 +106,10 @@ class connection_turn {
     }
   }
 
-  // Tells those that wait that the connection could not be rebuilt: they share that, too.
+  // Before and after a rebuild that fails: those that waited when it began share that, too. Who
+  // comes meanwhile has not met the fault, and tries for itself.
   // REQUIRES: leads().
+  void begin_rebuild();
   void share_failed_rebuild();
 
   // Gives the slot to the oldest of those that wait, and wakes those that have been served.

@@ -65,6 +65,7 @@ visit_end send_again(ruvo_redis& redis, const command& command, connection_turn&
   }
   if (turn.leads()) {
     if (!turn.was_rebuilt() || is_broken(turn.slot().context_)) {
+      turn.begin_rebuild();
       if (redis.reset_connection(turn.slot(), server.addr_) == nullptr) {
         call.rebuild_failed = true;
         turn.share_failed_rebuild();
