@@ -90,7 +90,7 @@ class __attribute__((visibility("default"))) Logger {
   class SourceFile {
    public:
     /// Null stands for "".
-    SourceFile(const char* path) : name_(path != nullptr ? path : "") {  // NOLINT: converts
+    SourceFile(const char* path) : name_(path != nullptr ? path : "") {
       if (const char* slash = std::strrchr(name_, '/')) {
         name_ = slash + 1;
       }

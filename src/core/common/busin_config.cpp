@@ -137,7 +137,7 @@ int vop_config::close() {
 
 // Works on the shared reader whatever object it is called on: modules of the process hold readers
 // of their own and use this one call to refresh the shared one.
-int vop_config::cfg_reload(const char* config_path) {  // NOLINT(readability-convert-member-*)
+int vop_config::cfg_reload(const char* config_path) {
   vop_config* shared = Busin_Conf_Instance();
   shared->cfg_path_.clear();
   return shared->open(config_path);

@@ -42,9 +42,7 @@ struct data_operation {
 
 // A pointer that must not be null, with the length of what it points to where the caller gives one.
 struct required_argument {
-  required_argument(const void* given,
-                    std::size_t bytes = 0)  // NOLINT(google-explicit-constructor)
-      : pointer(given), length(bytes) {}
+  required_argument(const void* given, std::size_t bytes = 0) : pointer(given), length(bytes) {}
   const void* pointer;
   std::size_t length;
 };
