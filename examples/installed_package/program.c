@@ -1,3 +1,4 @@
+/* cc -std=c99 program.c $(pkg-config --cflags --libs ruvo stream_log) */
 #include <ruvo/ruvo.h>
 #include <stdio.h>
 #include <stream_log/logger.h>

@@ -19,6 +19,7 @@
 #include "commands.h"
 #include "console.h"
 #include "latency_histogram.h"
+#include "library_log.h"
 #include "numbers.h"
 #include "operations.h"
 
@@ -347,6 +348,9 @@ ExitStatus load(const Options& options, const LoadOptions& load_options) {
         "ruvo_cli: load: up to %zu keys %s* could not be deleted in pool %s; those that the "
         "load has made anew, but for set's, do not expire\n",
         outcome.keys_left, key_prefix, pool_name(options.pool));
+  }
+  if (outcome.failed > 0) {
+    show_kept_lines();
   }
   return outcome.failed == 0 ? succeeded : failed;
 }
