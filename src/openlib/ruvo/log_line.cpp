@@ -36,8 +36,9 @@ bool admits(log_place& place, std::uint64_t limit, unsigned long long& kept_back
   return true;
 }
 
-void vwrite(const log_place& place, BaseLib::Logger::LogLevel level, const char* format,
-            va_list args) noexcept {
+__attribute__((format(printf, 3, 0))) void vwrite(const log_place& place,
+                                                  BaseLib::Logger::LogLevel level,
+                                                  const char* format, va_list args) noexcept {
   std::array<char, log_buffer_size> text;
   if (std::vsnprintf(text.data(), text.size(), format, args) < 0) {
     text[0] = '\0';
