@@ -181,8 +181,8 @@ Site configured_site(const std::string& config, const std::string& command) {
     if (site.pools[pool].empty()) {
       throw std::runtime_error(std::string("the configuration names no ") + keys[pool]);
     }
-    const char* password = reader.get_str_val("server", passwords[pool]);
-    site.passwords[pool] = password != nullptr ? password : "";
+    const char* given = reader.get_str_val("server", passwords[pool]);
+    site.passwords[pool] = given != nullptr ? given : "";
   }
   return site;
 }
