@@ -9,7 +9,7 @@ class vop_config;
 struct client_options {
   bool auto_pipelining = false;       // threads that meet on a connection share its round trips
   bool eject_silent_servers = false;  // a visit without a reply counts as a failure
-  bool try_ejected_servers = false;   // where all are ejected, rather than fail at once
+  bool try_ejected_servers = false;   // rather than fail a call
   int log_limit = 0;                  // WARN and ERROR lines of one kind a second; 0: every line
   int call_timeout = 0;               // ms that a command may take; 0: as long as it takes
 
