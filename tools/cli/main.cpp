@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr const char* stats_command = "stats";  // the one that needs no configuration
 constexpr std::array level_names{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
 // The position of a name that the command line was checked for.
@@ -241,8 +240,9 @@ std::string operation_names() {
 
 void add_stats(CLI::App& app, CommandLine& line, const std::string& group) {
   StatsOptions& wanted = line.stats;
-  CLI::App& command = add_command(app, line, stats_command, "Show what a host has counted", group,
+  CLI::App& command = add_command(app, line, "stats", "Show what a host has counted", group,
                                   [&line] { return stats(line.options, line.stats); });
+  command.parse_complete_callback([&app] { app.get_option("--config")->required(false); });
   command.add_option("FILE", wanted.file, "The host's stats_file")->required();
   CLI::Option* watching =
       add_number(command, "--watch", wanted.seconds,
@@ -319,7 +319,8 @@ int run(int argc, char** argv) {
   app.footer(exit_status_help());
   app.require_subcommand(1);
   app.add_option("--config", line.options.config, "Local configuration file")
-      ->envname("RUVO_CONFIG");
+      ->envname("RUVO_CONFIG")
+      ->required();
   app.add_option("--pool", pool, "The pool of servers (default temp)")
       ->check(CLI::IsMember(std::vector<std::string>(pool_names.begin(), pool_names.end())));
   app.add_option("--log-level", level, "Show the library's log from this level on")
@@ -341,10 +342,10 @@ int run(int argc, char** argv) {
     if (line.command == nullptr && !app.remaining().empty()) {
       throw Failure(wrong_usage, "no such command: " + app.remaining().front());
     }
-    throw Failure(wrong_usage, error.what());
-  }
-  if (line.options.config.empty() && !app.got_subcommand(stats_command)) {
-    throw Failure(wrong_usage, "--config is required, or RUVO_CONFIG in the environment");
+    const std::string text = error.what();
+    throw Failure(wrong_usage, text == "--config is required"
+                                   ? text + ", or RUVO_CONFIG in the environment"
+                                   : text);
   }
   line.options.pool = index_of(pool_names, pool) + 1;
   if (!level.empty()) {
