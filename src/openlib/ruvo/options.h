@@ -13,8 +13,8 @@ struct client_options {
   int log_limit = 0;                  // WARN and ERROR lines of one kind a second; 0: every line
   int call_timeout = 0;               // ms that a command may take; 0: as long as it takes
 
-  // When a command that begins now is to start nothing more.
-  std::chrono::steady_clock::time_point end_of_command() const {
+  // When a call that begins now must have ended.
+  std::chrono::steady_clock::time_point deadline() const {
     using clock = std::chrono::steady_clock;
     return call_timeout > 0 ? clock::now() + std::chrono::milliseconds(call_timeout)
                             : clock::time_point::max();
