@@ -79,7 +79,9 @@ ssize_t receive(redisContext& context, std::span<char> buffer, int flags) {
 }
 
 // Has the reader begun a reply that is not complete?
-bool is_amid_reply(const redisReader& reader) { return reader.ridx >= 0; }
+bool is_amid_reply(const redisReader& reader) {
+  return reader.ridx > 0 || reader.len > reader.pos;
+}
 
 }  // namespace
 

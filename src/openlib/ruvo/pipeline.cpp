@@ -232,9 +232,7 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
   for (;;) {
     if (call_.where == place::nowhere) {
       lock.unlock();
-      for (std::uint32_t now = 0; (now = call_.signal.load(std::memory_order_acquire)) != queued_call::done;) {
-        sleep_on(call_.signal, now, no_deadline);
-      }
+      sleep_until_done();
       return end_of_call();
     }
     if (call_.has_broken && rebuilder == nullptr) {
@@ -287,6 +285,15 @@ send_end pipelined_call::end_of_call() const {
     return send_end::replied;
   }
   return call_.rebuild_failed ? send_end::rebuild_failed : send_end::unanswered;
+}
+
+// Served or ended: whoever did it is about to store `done`.
+void pipelined_call::sleep_until_done() {
+  std::uint32_t signal = queued_call::look;
+  call_.signal.compare_exchange_strong(signal, queued_call::asleep, std::memory_order_acquire);
+  while (call_.signal.load(std::memory_order_acquire) != queued_call::done) {
+    sleep_on(call_.signal, queued_call::asleep, no_deadline);
+  }
 }
 
 // Comes back with the lock, or without it once the call is done.

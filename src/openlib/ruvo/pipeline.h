@@ -120,6 +120,7 @@ class pipelined_call final : public slot_call {
   send_end wait(guard& lock, rebuilder* rebuilder);
   send_end end_of_call() const;
   void sleep(guard& lock, time_point until);
+  void sleep_until_done();
   bool is_broken() const;
   void note_broken_connection();
 
