@@ -32,12 +32,8 @@ void sleep_on(const std::atomic<std::uint32_t>& signal, std::uint32_t value, tim
             until != no_deadline ? &end : nullptr, nullptr, FUTEX_BITSET_MATCH_ANY);
 }
 
-// With `done`, the last touch of the call.
-void send_signal(queued_call& call, std::uint32_t value) {
-  std::atomic<std::uint32_t>* const signal = &call.signal;
-  if (signal->exchange(value, std::memory_order_release) == queued_call::asleep) {
-    ::syscall(SYS_futex, signal, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-  }
+void wake(const std::atomic<std::uint32_t>* signal) {
+  ::syscall(SYS_futex, signal, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 void add_user(pipeline_state& line, std::uint32_t count) {
@@ -106,7 +102,8 @@ queued_call& call_list::pop_front() {
   return call;
 }
 
-// The slot's lock, held by this thread but for the moments in which it is let go.
+// The slot's lock, held by this thread but for the moments in which it is let go. Threads that are
+// signalled meanwhile are woken then: they would only wait for the lock.
 class pipelined_call::guard {
  public:
   explicit guard(conn_node& slot) : mutex_(*slot.lock_) {}
@@ -130,12 +127,30 @@ class pipelined_call::guard {
   void unlock() {
     is_held_ = false;
     mutex_.release();
+    for (const auto* sleeper : std::span(sleepers_).first(std::exchange(sleeper_count_, 0))) {
+      wake(sleeper);
+    }
   }
   bool is_held() const { return is_held_; }
+
+  // With `done`, the last touch of the call.
+  void send_signal(queued_call& call, std::uint32_t value) {
+    const std::atomic<std::uint32_t>* const signal = &call.signal;
+    if (call.signal.exchange(value, std::memory_order_release) != queued_call::asleep) {
+      return;
+    }
+    if (sleeper_count_ < sleepers_.size()) {
+      sleepers_[sleeper_count_++] = signal;
+    } else {
+      wake(signal);
+    }
+  }
 
  private:
   ACE_Thread_Mutex& mutex_;
   bool is_held_ = false;
+  std::size_t sleeper_count_ = 0;
+  std::array<const std::atomic<std::uint32_t>*, max_write_commands> sleepers_;
 };
 
 pipelined_call::pipelined_call(server_node& server, conn_node& slot, const wire_command& wire,
@@ -153,7 +168,7 @@ pipelined_call::~pipelined_call() {
   if (call_.where != place::nowhere) {
     guard lock(slot_);
     lock.lock();
-    leave();
+    leave(lock);
   }
   add_user(line_, ~0U);
 }
@@ -205,7 +220,7 @@ void pipelined_call::give_up(const char* reason) {
   if (line_.in_flight.empty()) {
     check_idle_connection();
   }
-  settle();
+  settle(lock);
 }
 
 // Second sends come before first ones, in their order.
@@ -240,7 +255,7 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
     }
     const time_point now = clock::now();
     if (now >= call_.deadline && !call_.is_being_written) {
-      leave();
+      leave(lock);
       return send_end::out_of_time;
     }
     call_.is_leaving = now >= call_.deadline;
@@ -393,7 +408,7 @@ void pipelined_call::write(guard& lock, time_point now) {
     if (call.wire->refused()) {
       call.wire->report_refusal(*slot_.context_);
       break_off();
-      settle();
+      settle(lock);
       return;
     }
     call.is_being_written = true;
@@ -412,16 +427,16 @@ void pipelined_call::write(guard& lock, time_point now) {
   const int error = errno;
   lock.lock();
   line_.is_writing = false;
-  note_written(batch, sent > 0 ? static_cast<std::size_t>(sent) : 0);
+  note_written(lock, batch, sent > 0 ? static_cast<std::size_t>(sent) : 0);
   if (sent < 0) {
     stop_writing(error);
   }
-  settle();
+  settle(lock);
 }
 
 // Those of which the socket has taken all are in flight, the others go back to the head of the
 // queue. One that has got its reply meanwhile is done now.
-void pipelined_call::note_written(std::span<queued_call*> batch, std::size_t bytes) {
+void pipelined_call::note_written(guard& lock, std::span<queued_call*> batch, std::size_t bytes) {
   for (queued_call* call : batch) {
     const std::size_t taken = std::min(bytes, call->wire->length() - call->written);
     bytes -= taken;
@@ -431,11 +446,11 @@ void pipelined_call::note_written(std::span<queued_call*> batch, std::size_t byt
     queued_call& call = *batch[i];
     call.is_being_written = false;
     if (call.where == place::nowhere) {
-      send_signal(call, queued_call::done);
+      lock.send_signal(call, queued_call::done);
     } else if (call.written < call.wire->length()) {
       put_back(call);
     } else if (call.is_leaving) {
-      send_signal(call, queued_call::look);
+      lock.send_signal(call, queued_call::look);
     }
   }
 }
@@ -482,7 +497,7 @@ void pipelined_call::wait_until_writable(guard& lock) {
     line_.end = timeout_error();
     break_off();
   }
-  settle();
+  settle(lock);
 }
 
 // Nothing is in flight: bytes that come now were asked for by nobody. A reply that has shifted the
@@ -505,7 +520,7 @@ void pipelined_call::look_whether_in_step(guard& lock, time_point now) {
     line_.end = out_of_step_error();
     break_off();
   }
-  settle();
+  settle(lock);
 }
 
 // ---- Reading ----
@@ -582,12 +597,13 @@ void pipelined_call::hand_out(guard& lock, std::span<reply_ptr> replies, time_po
     line_.is_alone = false;
     check_idle_connection();
   }
-  settle();
-  if (!replies.empty() && may_write(now, true) == write_chance::now) {
+  settle(lock);
+  for (bool has_replied = !replies.empty(); may_write(now, has_replied) == write_chance::now;) {
     write(lock, now);
+    has_replied = false;
   }
   for (queued_call* call : std::span(served).first(count)) {
-    send_signal(*call, queued_call::done);
+    lock.send_signal(*call, queued_call::done);
   }
 }
 
@@ -619,25 +635,25 @@ void pipelined_call::break_off() {
 }
 
 // After anything that may change what the next step is.
-void pipelined_call::settle() {
+void pipelined_call::settle(guard& lock) {
   if (line_.is_broken && !line_.is_reading && !line_.is_writing && !line_.is_rebuilding) {
-    finish_break();
+    finish_break(lock);
   }
   queued_call* const reads = line_.in_flight.front();
   if (reads != nullptr && reads != &call_ && !line_.is_reading) {
-    send_signal(*reads, queued_call::look);
+    lock.send_signal(*reads, queued_call::look);
   }
   queued_call* const head = line_.head();
   if (head != nullptr && head != &call_ && !head->wakes_by_itself && !line_.is_writing &&
       !line_.is_rebuilding) {
-    send_signal(*head, queued_call::look);
+    lock.send_signal(*head, queued_call::look);
   }
 }
 
 // Those in flight have used a send. The ones behind the call whose reply was due are sent again
 // first, in their order; that one goes alone and after them, so that a command which stalls or
 // kills its connection fails by itself. One that has been sent twice is ended.
-void pipelined_call::finish_break() {
+void pipelined_call::finish_break(guard& lock) {
   redisContext& context = *slot_.context_;
   if (context.err == 0) {
     set_error(context, line_.end);
@@ -653,7 +669,7 @@ void pipelined_call::finish_break() {
   const auto end = [&](queued_call& call) {
     call.where = place::nowhere;
     call.counts_failure = !std::exchange(is_counted, true);
-    send_signal(call, queued_call::done);
+    lock.send_signal(call, queued_call::done);
   };
   // A new connection that has not answered anything would not answer these either.
   for (queued_call* call = line_.has_answered ? nullptr : line_.alone.front(); call != nullptr;) {
@@ -684,7 +700,7 @@ void pipelined_call::finish_break() {
     } else {
       line_.unsent.insert_before(later, call);
     }
-    send_signal(call, queued_call::look);
+    lock.send_signal(call, queued_call::look);
   }
   set_to_skip(line_, 0);
   line_.is_alone = line_.is_blocked = line_.is_ending = line_.has_failed_to_write = false;
@@ -707,13 +723,13 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
     line_.round_trip = line_.known_round_trip = std::chrono::nanoseconds(0);
     line_.last_look = clock::now();
   } else if (clock::now() < call_.deadline) {
-    share_failed_rebuild();
+    share_failed_rebuild(lock);
   }
-  settle();
+  settle(lock);
 }
 
 // Those that have come meanwhile have not met the fault: they try for themselves.
-void pipelined_call::share_failed_rebuild() {
+void pipelined_call::share_failed_rebuild(guard& lock) {
   for (call_list* list : {&line_.unsent, &line_.alone}) {
     for (queued_call* call = list->front(); call != nullptr;) {
       queued_call* const next = call->next;
@@ -725,7 +741,7 @@ void pipelined_call::share_failed_rebuild() {
         if (slot_.context_ != nullptr && call->error.code == 0) {
           call->error = connection_error(*slot_.context_);
         }
-        send_signal(*call, queued_call::done);
+        lock.send_signal(*call, queued_call::done);
       }
       call = next;
     }
@@ -733,7 +749,7 @@ void pipelined_call::share_failed_rebuild() {
 }
 
 // The deadline has come. A command in flight is answered all the same: its reply will be dropped.
-void pipelined_call::leave() {
+void pipelined_call::leave(guard& lock) {
   if (call_.where == place::in_flight) {
     queued_call* const next = call_.next;
     const std::uint32_t replies = call_.to_skip + 1;
@@ -754,5 +770,5 @@ void pipelined_call::leave() {
     }
   }
   call_.where = place::nowhere;
-  settle();
+  settle(lock);
 }

@@ -128,7 +128,7 @@ class pipelined_call final : public slot_call {
   void put_in_flight(queued_call& call, time_point now);
   std::size_t take_batch(std::span<queued_call*> batch, time_point now);
   void write(guard& lock, time_point now);
-  void note_written(std::span<queued_call*> batch, std::size_t bytes);
+  void note_written(guard& lock, std::span<queued_call*> batch, std::size_t bytes);
   void put_back(queued_call& call);
   void stop_writing(int error);
   void wait_until_writable(guard& lock);
@@ -139,11 +139,11 @@ class pipelined_call final : public slot_call {
   void check_idle_connection();
 
   void break_off();
-  void finish_break();
+  void finish_break(guard& lock);
   void rebuild(guard& lock, rebuilder& rebuilder);
-  void share_failed_rebuild();
-  void leave();
-  void settle();
+  void share_failed_rebuild(guard& lock);
+  void leave(guard& lock);
+  void settle(guard& lock);
 
   conn_node& slot_;
   pipeline_state& line_;

@@ -59,7 +59,7 @@ struct queued_call {
   std::uint64_t sent_after = 0;   // so many rebuilds of the connection
   queued_call* previous = nullptr;
   queued_call* next = nullptr;
-  std::atomic<std::uint32_t> signal{asleep};
+  std::atomic<std::uint32_t> signal{look};
 };
 
 class slot_call {
