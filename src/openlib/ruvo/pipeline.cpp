@@ -284,7 +284,7 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
         continue;
       }
       if (is_head && chance == write_chance::after_pause) {
-        until = std::min(until, (line_.is_writing ? now : line_.last_write) + write_pause);
+        until = std::min(until, (line_.is_writing ? now : line_.last_write) + line_.pause);
         call_.wakes_by_itself = true;
       }
     }
@@ -357,7 +357,7 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
     return write_chance::after_pause;
   }
   const bool at_once = line_.in_flight.size() < direct_sends || has_replied ||
-                       now - line_.last_write >= write_pause;
+                       now - line_.last_write >= line_.pause;
   return at_once ? write_chance::now : write_chance::after_pause;
 }
 
@@ -422,6 +422,7 @@ void pipelined_call::write(guard& lock, time_point now) {
   });
   line_.is_writing = true;
   line_.last_write = now;
+  line_.pause = count > 1 ? write_pause : pause_after_single;
   lock.unlock();
   const ssize_t sent = count > 0 ? send_some(*slot_.context_, std::span(bytes).first(count)) : 0;
   const int error = errno;
