@@ -8,8 +8,8 @@
 #include <mutex>
 #include <vector>
 
+#include "fixtures.h"
 #include "operations.h"
-#include "sandbox.h"
 
 // `shared`: the library with auto_pipelining.
 enum class Side { library, shared, hiredis, pool };

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "fixtures.h"
 #include "run_main.h"
-#include "sandbox.h"
 
 namespace {
 

@@ -150,7 +150,7 @@ outage=()
 [ "$shards" -eq 1 ] || outage=(--outage-expected)
 echo
 echo "--- session_host: 8 threads, $seconds seconds; each pool: $shards Redis behind two proxies"
-build/demo/sandbox/session_host --config "$work/sruvo.conf" --log "$work/session_host.log" \
+build/demo/testing/session_host --config "$work/sruvo.conf" --log "$work/session_host.log" \
   --seconds "$seconds" --threads 8 "${outage[@]}" &
 pid_of[session_host]=$!
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox.h"
+#include "fixtures.h"
 
 constexpr std::size_t pool_count = 3;
 

@@ -1,12 +1,12 @@
 // What a host process has around the library: its log and its descriptors.
-#ifndef RUVO_SANDBOX_HOST_H
-#define RUVO_SANDBOX_HOST_H
+#ifndef RUVO_TESTING_HOST_H
+#define RUVO_TESTING_HOST_H
 
 #include <string>
 #include <vector>
 
+#include "fixtures.h"
 #include "logger.h"
-#include "sandbox.h"
 
 // Collects the log while it lives; one at a time.
 class LogCapture : NoCopy {

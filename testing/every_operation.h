@@ -1,13 +1,13 @@
 // One call of every operation, for tests that put all of them through the same. Nothing here takes
 // memory: some of these tests let it run out.
-#ifndef RUVO_SANDBOX_EVERY_OPERATION_H
-#define RUVO_SANDBOX_EVERY_OPERATION_H
+#ifndef RUVO_TESTING_EVERY_OPERATION_H
+#define RUVO_TESTING_EVERY_OPERATION_H
 
 #include <ruvo/ruvo.h>
 
 #include <array>
 
-#include "sandbox.h"
+#include "fixtures.h"
 
 // Start-up, without what it prints.
 inline int start(const HostConfig& config) {

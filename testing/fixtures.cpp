@@ -1,4 +1,4 @@
-#include "sandbox.h"
+#include "fixtures.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -30,7 +30,7 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
 }
 
 HostConfig::HostConfig(const std::string& common, const std::string& server) {
-  const char* more = std::getenv("RUVO_SANDBOX_COMMON");
+  const char* more = std::getenv("RUVO_TEST_COMMON");
   std::string text = "[common]\n" + common + "\n";
   if (more != nullptr) {
     text += more + std::string("\n");

@@ -1,7 +1,7 @@
 // What a host does with the library, checked value by value: the work of session_host and of
 // ruvo_chaos.
-#ifndef RUVO_SANDBOX_WORKLOAD_H
-#define RUVO_SANDBOX_WORKLOAD_H
+#ifndef RUVO_TESTING_WORKLOAD_H
+#define RUVO_TESTING_WORKLOAD_H
 
 #include <ruvo/ruvo.h>
 

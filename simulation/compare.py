@@ -2,7 +2,7 @@
 """Holds the model of docs/scaling.md against the library: measures (on a calm machine), simulates the same
 points, and makes the guide's table of both.
 
-    models/compare.py [GUIDE]      print the table, or put it where the guide has its mark
+    simulation/compare.py [GUIDE]      print the table, or put it where the guide has its mark
 """
 import csv
 import subprocess
@@ -10,7 +10,7 @@ import sys
 from pathlib import Path
 
 TREE = Path(__file__).resolve().parent.parent
-PROGRAMS = TREE / "build/bench/models"
+PROGRAMS = TREE / "build/bench/simulation"
 sys.path.append(str(TREE / "bench"))
 from tables import put_into, table  # noqa: E402
 

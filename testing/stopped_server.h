@@ -1,6 +1,6 @@
 // What becomes of a host's calls while one of its two servers hangs, second by second.
-#ifndef RUVO_SANDBOX_STOPPED_SERVER_H
-#define RUVO_SANDBOX_STOPPED_SERVER_H
+#ifndef RUVO_TESTING_STOPPED_SERVER_H
+#define RUVO_TESTING_STOPPED_SERVER_H
 
 #include <string>
 #include <vector>

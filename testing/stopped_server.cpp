@@ -11,8 +11,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "fixtures.h"
 #include "logger.h"
-#include "sandbox.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Throwaway surroundings for the library: a Redis on loopback, the two configuration files, a quiet
-// console. Tests, benchmarks, models and ruvo_chaos run in them. What fails throws
+// console. Tests, benchmarks, simulations and ruvo_chaos run in them. What fails throws
 // std::runtime_error; all of it is gone when the objects are.
-#ifndef RUVO_SANDBOX_SANDBOX_H
-#define RUVO_SANDBOX_SANDBOX_H
+#ifndef RUVO_TESTING_FIXTURES_H
+#define RUVO_TESTING_FIXTURES_H
 
 #include <sys/types.h>
 
@@ -31,7 +31,7 @@ class TempDir : NoCopy {
 };
 
 // The two configuration files of a host. `common` and `server` are lines for those sections; what
-// RUVO_SANDBOX_COMMON in the environment holds follows the former, so that the same tests run
+// RUVO_TEST_COMMON in the environment holds follows the former, so that the same tests run
 // with and without an option.
 class HostConfig {
  public:

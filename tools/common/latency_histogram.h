@@ -1,7 +1,7 @@
 // Counts latencies in buckets whose width grows with the value: each power of two is cut into 32,
 // so that any percentile is known to about 3% from a fixed and small memory.
-#ifndef RUVO_SANDBOX_LATENCY_HISTOGRAM_H
-#define RUVO_SANDBOX_LATENCY_HISTOGRAM_H
+#ifndef RUVO_TOOLS_COMMON_LATENCY_HISTOGRAM_H
+#define RUVO_TOOLS_COMMON_LATENCY_HISTOGRAM_H
 
 #include <algorithm>
 #include <array>

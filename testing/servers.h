@@ -1,7 +1,7 @@
 // Servers of the caller's own, all on loopback ports that the kernel handed out: a real Redis, one
 // that follows a script, one that is down, and a proxy.
-#ifndef RUVO_SANDBOX_SERVERS_H
-#define RUVO_SANDBOX_SERVERS_H
+#ifndef RUVO_TESTING_SERVERS_H
+#define RUVO_TESTING_SERVERS_H
 
 #include <atomic>
 #include <chrono>
@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "sandbox.h"
+#include "fixtures.h"
 
 // One connection, seen from a scripted server.
 class Peer : NoCopy {

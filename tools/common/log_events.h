@@ -3,8 +3,8 @@
 // What the library did with its servers is known from its lines alone. Their texts are an
 // interface, so a program that reads them needs a table of them and no more. To have another line
 // read, add its row to the table in log_events.cpp, in the words of the library's own format.
-#ifndef RUVO_SANDBOX_LOG_EVENTS_H
-#define RUVO_SANDBOX_LOG_EVENTS_H
+#ifndef RUVO_TOOLS_COMMON_LOG_EVENTS_H
+#define RUVO_TOOLS_COMMON_LOG_EVENTS_H
 
 #include <string>
 #include <string_view>

@@ -1,6 +1,6 @@
 // Access for tests that look inside the library.
-#ifndef RUVO_SANDBOX_CLIENT_H
-#define RUVO_SANDBOX_CLIENT_H
+#ifndef RUVO_TESTING_CLIENT_H
+#define RUVO_TESTING_CLIENT_H
 
 #include "host.h"
 #include "ruvo_redis.h"

@@ -1,6 +1,6 @@
 // A way to a server on loopback that takes time, as one through a network does.
-#ifndef RUVO_SANDBOX_DISTANCE_H
-#define RUVO_SANDBOX_DISTANCE_H
+#ifndef RUVO_TESTING_DISTANCE_H
+#define RUVO_TESTING_DISTANCE_H
 
 #include <chrono>
 #include <cstddef>
@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "sandbox.h"
+#include "fixtures.h"
 
 // Forwards connections to a port on loopback. Each piece of data arrives so much later, whatever
 // else is on its way; what is under way when either end closes is lost. It waits until the receiver

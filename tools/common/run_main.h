@@ -1,6 +1,6 @@
 // The main of a small program: what is thrown ends it with one line and status 2.
-#ifndef RUVO_SANDBOX_RUN_MAIN_H
-#define RUVO_SANDBOX_RUN_MAIN_H
+#ifndef RUVO_TOOLS_COMMON_RUN_MAIN_H
+#define RUVO_TOOLS_COMMON_RUN_MAIN_H
 
 #include <cerrno>
 #include <cstdio>
