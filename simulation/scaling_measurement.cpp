@@ -1,8 +1,7 @@
 // The library itself in the setting of scaling_simulation.cpp, to hold the model against: threads
 // that read one key, for several numbers of threads and connections, without auto_pipelining and
-// with it, as CSV. Two kinds of server: a Redis on loopback, and the same behind a long way.
-#include <ruvo/ruvo.h>
-
+// with it, as CSV. Two kinds of server: a Redis on loopback, and the same behind a proxy that
+// delays.
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -12,9 +11,9 @@
 #include <thread>
 #include <vector>
 
-#include "distance.h"
-#include "host.h"
 #include "run_main.h"
+#include "started_library.h"
+#include "tcp_proxy.h"
 
 namespace {
 
@@ -47,12 +46,7 @@ void measure(const char* series, const std::string& addr, std::size_t threads,
              std::size_t connections, const char* options) {
   const HostConfig config(all_pools_at(addr) + options,
                           "p_connect_num = " + std::to_string(connections));
-  {
-    const QuietConsole quiet;
-    if (RUVO_Init(config.path()) != RUVO_OK) {
-      throw std::runtime_error("RUVO_Init failed");
-    }
-  }
+  const StartedLibrary library(config.path());
   std::vector<std::vector<double>> of_threads(threads);
   {
     std::latch all_ready(static_cast<std::ptrdiff_t>(threads));
@@ -63,7 +57,6 @@ void measure(const char* series, const std::string& addr, std::size_t threads,
     }
     running.clear();  // joins
   }
-  RUVO_Fini();
 
   std::vector<double> all;
   for (const auto& latencies : of_threads) {
@@ -88,15 +81,15 @@ int run(int /*argc*/, char** /*argv*/) {
   BaseLib::Logger::setLogLevel(BaseLib::Logger::FATAL);
   const RedisServer redis;
   redis.ask("set key value");
-  const Distance distance(redis.port(), each_way);
+  const TcpProxy proxy(redis.port(), each_way);
   std::printf(
       "series,hosts,threads,connections,servers,requests_per_second,mean_us,p50_us,p99_us\n");
   for (const std::size_t threads : thread_counts) {
     for (const std::size_t connections : connection_counts) {
       measure("loopback", redis.addr(), threads, connections, "");
-      measure("far away", distance.addr(), threads, connections, "");
+      measure("far away", proxy.addr(), threads, connections, "");
       measure("loopback shared", redis.addr(), threads, connections, shared);
-      measure("far away shared", distance.addr(), threads, connections, shared);
+      measure("far away shared", proxy.addr(), threads, connections, shared);
     }
   }
   return 0;

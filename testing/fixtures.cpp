@@ -1,9 +1,7 @@
 #include "fixtures.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -13,6 +11,8 @@
 #include <fstream>
 #include <stdexcept>
 #include <utility>
+
+#include "sockets.h"
 
 TempDir::TempDir() {
   std::string name = std::filesystem::temp_directory_path() / "ruvo-test-XXXXXX";
@@ -62,19 +62,31 @@ QuietConsole::~QuietConsole() {
   close(console_);
 }
 
-DownServer::DownServer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), port_(0) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(addr);
-  auto* generic = reinterpret_cast<sockaddr*>(&addr);
-  // A program that is told the port may listen there while this one keeps it from everybody else.
+namespace {
+
+int bound_socket(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int yes = 1;
-  setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-  if (bind(fd_, generic, length) != 0 || getsockname(fd_, generic, &length) != 0) {
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  const sockaddr_in addr = loopback_address(port);
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
     throw std::runtime_error("no free port");
   }
+  return fd;
+}
+
+}  // namespace
+
+// The second socket is bound to the number that the system chose for the first: it keeps the port
+// when it has listened and is shut down, where the first would lose it.
+DownServer::DownServer() {
+  const int chosen = bound_socket(0);
+  sockaddr_in addr{};
+  socklen_t length = sizeof(addr);
+  getsockname(chosen, reinterpret_cast<sockaddr*>(&addr), &length);
   port_ = ntohs(addr.sin_port);
+  fd_ = bound_socket(port_);
+  close(chosen);
 }
 
 DownServer::~DownServer() { close(fd_); }

@@ -1,8 +1,6 @@
 #include "servers.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 #include <utility>
+
+#include "sockets.h"
 
 long Peer::read_number(char mark) {
   std::array<char, 64> line{};
@@ -50,8 +50,7 @@ void Peer::drip(const std::string& bytes, std::chrono::milliseconds pause) const
 }
 
 void Peer::reset() const {
-  const linger at_once{1, 0};
-  setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+  reset_on_close(fd_);
   const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
   dup3(null, fd_, O_CLOEXEC);  // closes the connection and keeps its number taken
   close(null);
@@ -107,19 +106,15 @@ void ScriptedServer::accept_all() {
 namespace {
 
 bool accepts_connections(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<std::uint16_t>(port));
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool accepted = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+  const bool accepted = connect_to_loopback(fd, port);
   close(fd);
   return accepted;
 }
 
 }  // namespace
 
-Proxy::Proxy(const std::vector<std::string>& shards) {
+Nutcracker::Nutcracker(const std::vector<std::string>& shards) {
   for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the ports first
     if (start(shards)) {
       return;
@@ -128,7 +123,7 @@ Proxy::Proxy(const std::vector<std::string>& shards) {
   throw std::runtime_error("nutcracker does not start");
 }
 
-bool Proxy::start(const std::vector<std::string>& shards) {
+bool Nutcracker::start(const std::vector<std::string>& shards) {
   port_ = DownServer().port();
   std::string pool =
       "pool:\n  listen: " + addr() +

@@ -1,5 +1,5 @@
 // Servers of the caller's own, all on loopback ports that the kernel handed out: a real Redis, one
-// that follows a script, one that is down, and a proxy.
+// that follows a script, one that is down, and a nutcracker.
 #ifndef RUVO_TESTING_SERVERS_H
 #define RUVO_TESTING_SERVERS_H
 
@@ -64,11 +64,11 @@ class ScriptedServer : public DownServer {
   std::jthread acceptor_;
 };
 
-// A nutcracker that shares the keys out between Redis servers. Proxies of the same list agree where
-// each key is.
-class Proxy : NoCopy {
+// The proxy of that name, which distributes the keys over Redis servers. Those of the same list
+// agree where each key is.
+class Nutcracker : NoCopy {
  public:
-  explicit Proxy(const std::vector<std::string>& shards);
+  explicit Nutcracker(const std::vector<std::string>& shards);
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill() { process_.kill(); }
 

@@ -1,18 +1,15 @@
 #include "stopped_server.h"
 
-#include <ruvo/ruvo.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <numeric>
-#include <stdexcept>
 #include <thread>
 
-#include "fixtures.h"
 #include "logger.h"
+#include "started_library.h"
 
 namespace {
 
@@ -61,12 +58,7 @@ std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run)
       "p_connect_num = 2");
   Logger::setOutput(count_line);
   Logger::setLogLevel(Logger::WARN);
-  {
-    const QuietConsole quiet;
-    if (RUVO_Init(config.path()) != RUVO_OK) {
-      throw std::runtime_error("RUVO_Init failed");
-    }
-  }
+  const StartedLibrary library(config.path());
   std::fill(lines.begin(), lines.end(), 0);
   const Clock::time_point start = Clock::now();
   begin = start.time_since_epoch().count();
@@ -87,7 +79,6 @@ std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run)
     hangs.signal(SIGCONT);
     wait(run.before + run.stopped + run.after);
   }
-  RUVO_Fini();
   Logger::setOutput(nullptr);
   std::vector<SecondOfCalls> all(static_cast<std::size_t>(run.before + run.stopped + run.after));
   for (std::size_t second = 0; second < all.size(); ++second) {
