@@ -21,7 +21,8 @@ inline bool connect_to_loopback(int fd, int port) {
   return connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == 0;
 }
 
-// From now on closing it resets the connection, as a crashed machine does: what was sent may be lost.
+// From now on closing it resets the connection, as a crashed machine does: what was sent may be
+// lost.
 inline void reset_on_close(int fd) {
   const linger at_once{1, 0};
   setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));

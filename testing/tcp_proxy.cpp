@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "sockets.h"
@@ -131,11 +131,14 @@ void TcpProxy::accept_connection() {
 }
 
 bool TcpProxy::take_from(int from, int to) {
-  std::array<char, 65536> buffer;  // NOLINT: not to be filled twice
-  const ssize_t length = recv(from, buffer.data(), buffer.size(), MSG_DONTWAIT);
+  const ssize_t length = recv(from, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
   if (length > 0 && mode_ == Mode::forward) {
-    pieces_.push_back({Clock::now() + delay_, to,
-                       std::string(buffer.data(), static_cast<std::size_t>(length))});
+    const std::string_view bytes(buffer_.data(), static_cast<std::size_t>(length));
+    if (delay_.count() > 0) {
+      pieces_.push_back({Clock::now() + delay_, to, std::string(bytes)});
+    } else {  // without memory, which ruvo_chaos would take for the library's
+      send(to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
   }
   return length > 0;
 }
@@ -179,8 +182,8 @@ void TcpProxy::start_listening() {
   }
 }
 
-// Only a socket that listens may be shut down: another one would pass that on to all that it accepts
-// when it listens again.
+// Only a socket that listens may be shut down: another one would pass that on to all that it
+// accepts when it listens again.
 void TcpProxy::stop_listening() {
   if (std::exchange(listens_, false)) {
     shutdown(fd_, SHUT_RDWR);

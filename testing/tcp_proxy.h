@@ -4,6 +4,7 @@
 
 #include <poll.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -73,6 +74,7 @@ class TcpProxy : public DownServer {
   bool listens_ = false;
   std::vector<Connection> connections_;
   std::deque<Piece> pieces_;  // in the order of arrival
+  std::array<char, 65536> buffer_{};
   std::jthread forwarder_;
 };
 
