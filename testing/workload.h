@@ -1,5 +1,4 @@
-// What a host does with the library, checked value by value: the work of session_host and of
-// ruvo_chaos.
+// What a host does with the library, checked value by value: the work of ruvo_chaos and of a test.
 #ifndef RUVO_TESTING_WORKLOAD_H
 #define RUVO_TESTING_WORKLOAD_H
 
