@@ -7,17 +7,17 @@
 
 namespace {
 
-void tell(const setting& key, refusal why, const char* value) {
+void tell(const setting& key, setting_fault why, const char* value) {
   const char* const name = key.name.c_str();
   switch (why) {
-    case refusal::no_truth:
+    case setting_fault::no_truth:
       RUVO_LOG(ERROR, "ruvo_redis::init | %s must be true or false: %s, left out", name, value);
       break;
-    case refusal::no_number:
+    case setting_fault::no_number:
       RUVO_LOG(ERROR, "ruvo_redis::init | %s must be a number from 0 to 2147483647: %s, left out",
                name, value);
       break;
-    case refusal::no_deadline:
+    case setting_fault::no_deadline:
       RUVO_LOG(ERROR, "ruvo_redis::init | %s needs a call_timeout: %s, left out", name, value);
   }
 }

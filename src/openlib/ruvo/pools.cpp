@@ -12,12 +12,13 @@ namespace {
 
 // The type decides which keys are the pool's.
 pool_settings read_settings(RedisServerType type) {
-  return read_pool_settings(ruvo_cfg, type, [](const setting& key, refusal why, const char* value) {
-    if (why == refusal::no_number) {  // a truth value that is none is not told
-      RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | %s must not be negative: %d, using %s",
-               key.name.c_str(), parse_leading_number(value), default_text(key).c_str());
-    }
-  });
+  return read_pool_settings(
+      ruvo_cfg, type, [](const setting& key, setting_fault why, const char* value) {
+        if (why == setting_fault::no_number) {  // a truth value that is none is not told
+          RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | %s must not be negative: %d, using %s",
+                   key.name.c_str(), parse_leading_number(value), default_text(key).c_str());
+        }
+      });
 }
 
 void add_slot(server_node& server, context_ptr context, std::unique_ptr<ACE_Thread_Mutex> lock) {

@@ -54,7 +54,7 @@ std::vector<setting> make_settings() {
       {common, "slow_call_log", kind::number, "ms", "", 0, "a call that takes so long is logged at WARN; 0: none", &O::slow_call_log, 0, 2},
   };
   for (const pool_keys& pool : keys_of_pools) {
-    all.push_back({common, pool.addresses, kind::addresses, "", "", 0, "the servers of the pool; absent: the default of the host's network", &P::addresses, pool.type});
+    all.push_back({common, pool.addresses, kind::addresses, "", "", 0, "its servers; absent: the default of the host's network", &P::addresses, pool.type});
   }
   for (const setting& key : std::initializer_list<setting>{
            {server, "connect_num", kind::number, "", "", 0, "connections to each server; p_ counts for every pool, t_ and ps_ are not used", &P::connect_num},
@@ -123,7 +123,7 @@ const char* text_in(const vop_config& config, const setting& key) {
 
 // Fills the fields of `owner` that belong to the pool.
 template <typename Owner>
-Owner read_fields(const vop_config& config, int pool, const refusal_listener& refuse) {
+Owner read_fields(const vop_config& config, int pool, const fault_listener& refuse) {
   Owner owner;
   for (const setting& key : all_settings()) {
     const char* const text = key.pool == pool ? text_in(config, key) : nullptr;
@@ -132,7 +132,8 @@ Owner read_fields(const vop_config& config, int pool, const refusal_listener& re
     }
     key.with_field(owner, [&](auto& value) {
       if (!parse(key, text, value) && refuse) {
-        refuse(key, key.kind == kind::truth ? refusal::no_truth : refusal::no_number, text);
+        refuse(key, key.kind == kind::truth ? setting_fault::no_truth : setting_fault::no_number,
+               text);
       }
     });
   }
@@ -184,7 +185,7 @@ time_limits read_time_limits(const vop_config& config) {
   return read_fields<time_limits>(config, 0, {});
 }
 
-found_options find_options(const vop_config& config, const refusal_listener& refuse) {
+found_options find_options(const vop_config& config, const fault_listener& refuse) {
   found_options found;
   client_options& options = found.options;
   for (const setting& key : all_settings()) {
@@ -192,11 +193,11 @@ found_options find_options(const vop_config& config, const refusal_listener& ref
       const char* const text = text_in(config, key);
       const bool is_idle = key.needed_number != nullptr && options.*key.needed_number == 0;
       auto read = value;
-      std::optional<refusal> why;
+      std::optional<setting_fault> why;
       if (text != nullptr && !parse(key, text, read)) {
-        why = key.kind == kind::truth ? refusal::no_truth : refusal::no_number;
+        why = key.kind == kind::truth ? setting_fault::no_truth : setting_fault::no_number;
       } else if (text != nullptr && is_idle && read != value) {
-        why = refusal::no_deadline;
+        why = setting_fault::no_deadline;
       }
       if (text != nullptr && !why) {
         value = read;
@@ -218,7 +219,7 @@ found_options find_options(const vop_config& config, const refusal_listener& ref
 }
 
 pool_settings read_pool_settings(const vop_config& config, RedisServerType type,
-                                 const refusal_listener& refuse) {
+                                 const fault_listener& refuse) {
   return read_fields<pool_settings>(config, type, refuse);
 }
 

@@ -92,10 +92,11 @@ std::string value_text(const setting& option, const client_options& options);
 
 // ---- Reading ----
 
-enum class refusal { no_truth, no_number, no_deadline };
+enum class setting_fault { no_truth, no_number, no_deadline };
 
 // Told of each value that is not used, and why.
-using refusal_listener = std::function<void(const setting& key, refusal why, const char* value)>;
+using fault_listener =
+    std::function<void(const setting& key, setting_fault why, const char* value)>;
 
 struct found_options {
   client_options options;
@@ -104,10 +105,10 @@ struct found_options {
 
 const char* find_redis_config(const vop_config& config);  // null: not there
 time_limits read_time_limits(const vop_config& config);
-found_options find_options(const vop_config& config, const refusal_listener& refuse = {});
+found_options find_options(const vop_config& config, const fault_listener& refuse = {});
 // A type without keys of its own has the defaults.
 pool_settings read_pool_settings(const vop_config& config, RedisServerType type,
-                                 const refusal_listener& refuse = {});
+                                 const fault_listener& refuse = {});
 site_settings read_site_settings(const vop_config& config);
 
 // Nothing for what is no value of its kind.
