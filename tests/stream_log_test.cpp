@@ -19,12 +19,14 @@ namespace {
 timeval moment{};  // that the logger's clock shows
 }
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library's names
 // In front of the C library's. Like any function of the system it may change errno.
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* now, void*) noexcept {
-  *now = moment;
+extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* __tv, void*) noexcept {
+  *__tv = moment;
   errno = EINVAL;
   return 0;
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
