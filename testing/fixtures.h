@@ -6,15 +6,30 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 struct NoCopy {
   NoCopy() = default;
   NoCopy(const NoCopy&) = delete;
   NoCopy& operator=(const NoCopy&) = delete;
 };
+
+// Waits until the condition holds; false when it does not within 30 seconds.
+template <typename Condition>
+bool eventually(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
+}
 
 // A folder that goes when the object does.
 class TempDir : NoCopy {
