@@ -20,7 +20,7 @@ declare -A packages=(
   [test]="redis-server nutcracker libgtest-dev binutils"
   [bench]="redis-server valgrind gnuplot-nox python3"
   [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck abigail-tools doxygen mandoc binutils
-           debootstrap lintian python3 libspdlog-dev stunnel4 openssl"
+           debootstrap lintian prometheus python3 libspdlog-dev stunnel4 openssl"
   [plot]="gnuplot-nox"
 )
 groups=("$@")
