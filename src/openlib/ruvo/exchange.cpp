@@ -20,17 +20,17 @@ constexpr std::size_t small_read = std::size_t{16} << 10U;
 constexpr std::size_t large_read = std::size_t{256} << 10U;
 
 // The earlier of the deadline and the end of a wait that begins now.
-time_point end_of_wait(const time_limits& limits) {
+time_point end_of_wait(const wait_limits& limits) {
   return limits.socket_timeout.count() > 0
              ? std::min(limits.deadline, steady_clock::now() + limits.socket_timeout)
              : limits.deadline;
 }
 
-connection_error error_of_wait(const time_limits& limits) {
+connection_error error_of_wait(const wait_limits& limits) {
   return steady_clock::now() >= limits.deadline ? deadline_error() : timeout_error();
 }
 
-bool send_whole(redisContext& context, const wire_command& command, const time_limits& limits) {
+bool send_whole(redisContext& context, const wire_command& command, const wait_limits& limits) {
   iovec rest{command.bytes(), command.length()};
   for (;;) {
     const ssize_t sent = send_some(context, std::span(&rest, 1));
@@ -50,7 +50,7 @@ bool send_whole(redisContext& context, const wire_command& command, const time_l
   }
 }
 
-reply_ptr wait_for_reply(redisContext& context, const time_limits& limits) {
+reply_ptr wait_for_reply(redisContext& context, const wait_limits& limits) {
   for (;;) {
     reply_ptr reply = next_reply(context);
     if (reply || context.err != 0) {
@@ -134,7 +134,7 @@ wire_command format_command(const char* format, ...) {
   return command;
 }
 
-reply_ptr exchange(redisContext& context, const wire_command& command, const time_limits& limits) {
+reply_ptr exchange(redisContext& context, const wire_command& command, const wait_limits& limits) {
   if (command.refused()) {
     command.report_refusal(context);
     return nullptr;

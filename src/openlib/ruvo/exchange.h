@@ -57,7 +57,7 @@ class wire_command {
 wire_command format_command(const char* format, ...);
 
 // How long an exchange may take.
-struct time_limits {
+struct wait_limits {
   std::chrono::microseconds socket_timeout{0};  // of each wait for the peer; 0: none
   time_point deadline = no_deadline;            // of the whole call
 
@@ -70,7 +70,7 @@ struct time_limits {
 // hiredis has refused the template (the context then carries the error). Never raises SIGPIPE in
 // the host.
 reply_ptr exchange(redisContext& context, const wire_command& command,
-                   const time_limits& limits = {});
+                   const wait_limits& limits = {});
 
 // ---- The parts of an exchange ----
 

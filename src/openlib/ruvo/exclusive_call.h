@@ -18,7 +18,7 @@ class exclusive_call final : public slot_call {
   send_end exchange_over_slot();
 
   conn_node& slot_;
-  time_limits limits_;
+  wait_limits limits_;
   std::uint64_t forks_;
   bool has_lock_ = false;
 };

@@ -17,11 +17,7 @@
 #include <vector>
 
 #include "pipeline.h"
-
-struct server_addr {
-  std::string ip_;  // address or host name, as the configuration has it
-  std::uint32_t port_ = 0;
-};
+#include "settings.h"
 
 // A connection slot. Owns context and lock; its server's pool frees them.
 struct conn_node {
@@ -43,12 +39,23 @@ struct server_node {
 };
 
 struct server_pool {
+  server_pool() { use(pool_settings()); }
+
+  // A negative failure limit is one that is never reached.
+  void use(const pool_settings& settings) {
+    conn_num_ = static_cast<std::uint32_t>(settings.connect_num);
+    auto_eject_ = settings.auto_eject_server;
+    failure_limit_ = static_cast<std::uint32_t>(settings.server_failure_limit);
+    retry_timeout_ = settings.server_retry_timeout;
+    redis_password_ = settings.password;
+  }
+
   std::vector<server_node> servers_;
   std::uint32_t server_num_ = 0;     // addresses in the configured list
-  std::uint32_t conn_num_ = 1;       // connections to each server
-  bool auto_eject_ = true;           // leave failing servers alone for a while
-  std::uint32_t failure_limit_ = 5;  // failures that eject a server
-  std::int32_t retry_timeout_ = 30;  // seconds that an ejected server is left alone
+  std::uint32_t conn_num_ = 0;       // connections to each server
+  bool auto_eject_ = false;          // leave failing servers alone for a while
+  std::uint32_t failure_limit_ = 0;  // failures that eject a server
+  std::int32_t retry_timeout_ = 0;   // seconds that an ejected server is left alone
   std::int64_t server_count_ = 0;    // whose turn it is among the servers
   std::string redis_password_;       // empty: none
 };

@@ -17,7 +17,7 @@ enum class send_end { replied, unanswered, rebuild_failed, out_of_time, lock_fai
 
 // What bounds a call's waits, and whether its command may be sent twice.
 struct send_terms {
-  time_limits limits;
+  wait_limits limits;
   bool must_not_resend = false;  // once a byte of it may have reached a server
 };
 
