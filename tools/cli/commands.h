@@ -10,6 +10,9 @@
 // A start-up as a table, each server asked by itself, the settings reviewed.
 ExitStatus check(const Options& options);
 
+// Every key that the configuration files can hold; needs no configuration.
+ExitStatus list_settings(const Options& options);
+
 // The state of a pool's servers, once a second: until a signal, or for so many rounds.
 struct WatchOptions {
   int rounds = 0;          // 0: no end

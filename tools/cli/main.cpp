@@ -274,6 +274,11 @@ void add_programs(CLI::App& app, CommandLine& line) {
            {pools_down, "some pool cannot be used"},
            {connections_down, "every pool can be used; some servers or connections are not up"},
            {settings_misread, "all is up, but settings are not read as written"}}));
+  CLI::App& listing =
+      add_command(app, line, "settings", "List every key of the configuration, without one", group,
+                  [&line] { return list_settings(line.options); });
+  listing.parse_complete_callback([&app] { app.get_option("--config")->required(false); });
+  listing.footer(exit_status_help({{succeeded, "success"}}));
 
   CLI::App& watching = add_command(app, line, "watch", "Tell of a pool's servers once a second",
                                    group, [&line] { return watch(line.options, line.watch); });

@@ -299,7 +299,7 @@ class Watch {
 
   const Options& options_;
   std::size_t pool_;
-  std::optional<Configuration> configuration_;
+  std::optional<site_settings> configuration_;
   std::vector<std::string> addresses_;
   std::unique_ptr<Library> library_;
   std::unique_ptr<ServerWatch> following_;
