@@ -229,16 +229,13 @@ TEST_F(Options, TheReadmesServerServesAgainAtOnce) {
   for (int restart = 0; restart < 2; ++restart) {
     ++changes;
     redis.kill();
-    for (const int before = failed_down; failed_down < before + 100;) {  // long ejected
-      std::this_thread::yield();
-    }
+    ASSERT_TRUE(eventually(  // long ejected
+        [&failed_down, enough = failed_down + 100] { return failed_down >= enough; }));
     redis.restart();
     get();  // behind those that may still share an attempt from before
     ++changes;
   }
-  while (done < 1000) {
-    std::this_thread::yield();
-  }
+  ASSERT_TRUE(eventually([&] { return done >= 1000; }));
   threads.clear();
   EXPECT_EQ(failed_up, 0);
 }
@@ -372,9 +369,7 @@ TEST_F(Options, CallTimeoutLeavesThoseThatWaitOutOfTheBatch) {
     const std::atomic_ref line(server(1).context_arr_[0].line_);
     waiting_call* const newest = line.load();
     threads.emplace_back([this] { get(); });
-    while (line.load() == newest) {
-      std::this_thread::yield();
-    }
+    EXPECT_TRUE(eventually([&] { return line.load() != newest; }));
   }
   std::this_thread::sleep_for(milliseconds(550));
   is_open = true;

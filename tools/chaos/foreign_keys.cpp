@@ -100,9 +100,9 @@ class Server {
 void refuse_foreign_keys(const Site& site) {
   std::set<std::string> seen;  // pools may share servers
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
-    for (const auto& victim : site.pools[pool]) {
-      if (seen.insert(victim->addr()).second) {
-        Server(victim->addr(), site.settings, site.passwords[pool]).refuse_foreign_keys();
+    for (const auto& target : site.pools[pool]) {
+      if (seen.insert(target->addr()).second) {
+        Server(target->addr(), site.settings, site.passwords[pool]).refuse_foreign_keys();
       }
     }
   }

@@ -2,82 +2,51 @@
 
 #include <ruvo/busin_config.h>
 
-#include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
-#include "door.h"
 #include "settings.h"
+#include "tcp_proxy.h"
 
 namespace {
 
 constexpr const char* password = "chaos";
 
-// A door on a port that nobody else gets while it is down.
-class OwnDoor : public Victim {
+class OwnProxy : public Target {
  public:
-  OwnDoor(std::unique_ptr<DownServer> port, int redis_port)
-      : Victim(port->addr()),
-        port_(std::move(port)),
-        command_(std::filesystem::read_symlink("/proc/self/exe").string() + " --door " +
-                 std::to_string(port_->port()) + " --redis " + std::to_string(redis_port)) {
-    start();
-  }
+  explicit OwnProxy(std::unique_ptr<TcpProxy> proxy)
+      : Target(proxy->addr()), proxy_(std::move(proxy)) {}
 
-  void strike(Fault fault) override {
+  void inject(Fault fault) override {
     switch (fault) {
       case killed:
-        return process_.kill();
+        return proxy_->set_mode(TcpProxy::Mode::refuse);
       case stopped:
-        return process_.signal(SIGSTOP);
+        return proxy_->set_mode(TcpProxy::Mode::hang);
       case paused:
-        return signal(SIGUSR1, door_has_paused);
+        return proxy_->set_mode(TcpProxy::Mode::swallow);
       default:
-        return signal(SIGHUP, door_has_dropped);
+        return proxy_->reset_connections();
     }
   }
-
-  void mend(Fault fault) override {
-    switch (fault) {
-      case killed:
-        return start();
-      case stopped:
-        return signal(SIGCONT, door_has_dropped);
-      case paused:
-        return signal(SIGUSR2, door_has_dropped);
-      default:
-        return;
+  void clear(Fault fault) override {
+    if (fault != reset) {
+      proxy_->set_mode(TcpProxy::Mode::forward);
     }
   }
+  void drop_connections() override { proxy_->reset_connections(); }
 
  private:
-  void start() {
-    process_.start(command_);
-    wait_for(door_is_ready);
-  }
-  void signal(int number, const char* answer) {
-    process_.signal(number);
-    wait_for(answer);
-  }
-  void wait_for(const char* answer) {
-    if (!process_.says(answer)) {
-      throw std::runtime_error("a door has ended: " + addr());
-    }
-  }
-
-  std::unique_ptr<DownServer> port_;
-  std::string command_;
-  ServerProcess process_;
+  std::unique_ptr<TcpProxy> proxy_;
 };
 
-class CommandVictim : public Victim {
+class CommandTarget : public Target {
  public:
-  CommandVictim(std::string addr, std::string command)
-      : Victim(std::move(addr)), command_(std::move(command)) {}
-  void strike(Fault /*fault*/) override { run("down"); }
-  void mend(Fault /*fault*/) override { run("up"); }
+  CommandTarget(std::string addr, std::string command)
+      : Target(std::move(addr)), command_(std::move(command)) {}
+  void inject(Fault /*fault*/) override { run("down"); }
+  void clear(Fault /*fault*/) override { run("up"); }
 
  private:
   void run(const std::string& what) const {
@@ -126,10 +95,10 @@ OwnServers::OwnServers(const Settings& settings) {
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
     redis_[pool] = std::make_unique<RedisServer>(
         settings.password ? std::string("--requirepass ") + password : "");
-    for (int door = 0; door < 2; ++door) {
+    for (int proxy = 0; proxy < 2; ++proxy) {
       site_.pools[pool].push_back(
-          std::make_unique<OwnDoor>(std::make_unique<DownServer>(), redis_[pool]->port()));
-      addrs[pool] += (door > 0 ? "," : "") + site_.pools[pool].back()->addr();
+          std::make_unique<OwnProxy>(std::make_unique<TcpProxy>(redis_[pool]->port())));
+      addrs[pool] += (proxy > 0 ? "," : "") + site_.pools[pool].back()->addr();
     }
   }
   config_.emplace(common_settings(settings) + pools_at(addrs[0], addrs[1], addrs[2]),
@@ -168,7 +137,7 @@ Site configured_site(const std::string& config, const std::string& command) {
     const pool_settings& own = read.pools[pool];
     settings.retry_timeout_s = std::max(settings.retry_timeout_s, own.server_retry_timeout);
     for (const server_addr& addr : parse_addresses(own.addresses.value_or("")).servers) {
-      site.pools[pool].push_back(std::make_unique<CommandVictim>(to_text(addr), command));
+      site.pools[pool].push_back(std::make_unique<CommandTarget>(to_text(addr), command));
     }
     if (site.pools[pool].empty()) {
       throw std::runtime_error("the configuration names no servers for pool " +

@@ -24,8 +24,8 @@ struct client_options {
   std::string stats_file;         // empty: none
   int slow_call_log = 0;          // ms; 0: none
 
-  // When a command that begins now is to start nothing more.
-  std::chrono::steady_clock::time_point end_of_command() const {
+  // When a call that begins now must have ended.
+  std::chrono::steady_clock::time_point deadline() const {
     using clock = std::chrono::steady_clock;
     return call_timeout > 0 ? clock::now() + std::chrono::milliseconds(call_timeout)
                             : clock::time_point::max();

@@ -2,8 +2,8 @@
 //
 // The lists do not change between start-up and shut-down and are read without a lock. The counters
 // and the failure state are plain fields that all threads share: they are touched through atomic
-// references only. A slot's context is touched only by the thread that holds the slot's lock, and
-// by the handler of a fork; the line of those who wait for it is told in connection_turn.h.
+// references only. A slot's context is touched only by the thread that holds the slot's lock, by
+// those that pipeline.h tells of, and by the handler of a fork.
 #ifndef RUVO_SERVER_POOL_H
 #define RUVO_SERVER_POOL_H
 
@@ -16,18 +16,17 @@
 #include <string>
 #include <vector>
 
+#include "pipeline.h"
 #include "settings.h"
-
-struct waiting_call;
 
 // A connection slot. Owns context and lock; its server's pool frees them.
 struct conn_node {
   redisContext* context_ = nullptr;  // null or in error state: rebuilt when it is used
   ACE_Thread_Mutex* lock_ = nullptr;
-  waiting_call* line_ = nullptr;  // who uses the slot and who waits for it
-  std::uint64_t rebuilds_ = 0;    // how often the context was replaced; guarded by the lock
-  bool is_unproven_ = false;      // nothing has been answered on it since; guarded by the lock
-  bool is_torn_ = false;          // the context was in use when the process forked
+  pipeline_state pipeline_;           // who shares the connection; guarded by the lock
+  std::uint64_t rebuilds_ = 0;        // how often the context was replaced; guarded by the lock
+  bool awaits_first_reply_ = false;   // since then; guarded by the lock
+  bool was_used_at_fork_ = false;     // another thread was changing the context
 };
 
 struct server_node {
