@@ -137,7 +137,7 @@ bool read(const vop_config& config, const setting& key, bool is_idle, Value& val
   }
   if (refuse) {
     refuse(key,
-           is_of_its_kind            ? setting_fault::no_deadline
+           is_of_its_kind            ? setting_fault::no_call_timeout
            : key.kind == kind::truth ? setting_fault::no_truth
                                      : setting_fault::no_number,
            text);
