@@ -4,14 +4,14 @@
     scripts/plant_faults.py                      all rows of scripts/faults.txt
     scripts/plant_faults.py 3 17 --only walk     rows by number; those with this text
     scripts/plant_faults.py --tests walk,raw     tried with these tests only
-    scripts/plant_faults.py --list               the rows, without trying them
+    scripts/plant_faults.py --list               the rows, without trying them: do they apply?
 
 Each of the --jobs works in a copy of the tree with a build folder of its own, which it keeps for all
-of its rows, and with --folder for the next time as well. A row ends with its first failing test. A row whose text does not stand in its file exactly
-once, or that does not compile, is an error of the table. The exit status is 0 when every fault was
-caught, 1 when one was not, 2 when a row is in error.
+of its rows, and with --folder for the next time as well. A row ends with its first failing test. A row
+whose text does not stand in its file exactly once, or that does not compile, is an error of the table.
+The exit status is 0 when every fault was caught, 1 when one was not, 2 when a row is in error.
 
-Not part of the regular checks: it takes a build and a run of the tests for every row.
+The regular checks run --list only: all the rest takes a build and a run of the tests for every row.
 """
 
 import argparse
@@ -79,6 +79,8 @@ class Workplace:
     # Over all workplaces:
     seconds = {}  # that a test takes
     catches = collections.Counter()  # of faults in a file, by test
+    # Tests that run, each in a session of its own, where CTRL-C does not reach it.
+    running, ended, starting = set(), False, threading.Lock()
 
     def __init__(self, folder, wanted):
         self.tree = pathlib.Path(folder) / "tree"
@@ -113,9 +115,12 @@ class Workplace:
 
     def passes(self, test):
         begin = time.monotonic()
-        process = subprocess.Popen([self.build / "tests" / test, "--gtest_fail_fast", "--gtest_brief=1"],
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                   stderr=subprocess.DEVNULL, start_new_session=True)
+        with self.starting:
+            self.go_on()
+            process = subprocess.Popen([self.build / "tests" / test, "--gtest_fail_fast", "--gtest_brief=1"],
+                                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                       stderr=subprocess.DEVNULL, start_new_session=True)
+            self.running.add(process)
         try:
             passed = process.wait(TEST_TIMEOUT) == 0
         except subprocess.TimeoutExpired:
@@ -124,9 +129,24 @@ class Workplace:
             if process.poll() is None:
                 os.killpg(process.pid, signal.SIGKILL)
                 process.wait()
+            self.running.discard(process)
+        self.go_on()
         if passed:
             self.seconds[test] = time.monotonic() - begin
         return passed
+
+    @classmethod
+    def end(cls):
+        with cls.starting:
+            cls.ended = True
+            for process in list(cls.running):
+                with contextlib.suppress(ProcessLookupError):
+                    os.killpg(process.pid, signal.SIGKILL)
+
+    @classmethod
+    def go_on(cls):
+        if cls.ended:
+            raise RuntimeError("interrupted")
 
     def caught_by(self, fault):
         """The name of the test that catches the fault, or None."""
@@ -156,7 +176,7 @@ def work(folder, tests, waiting, report):
     except (RuntimeError, OSError) as error:
         report(None, f"no workplace: {error}")
         return
-    while True:
+    while not Workplace.ended:
         try:
             fault = waiting.get_nowait()
         except queue.Empty:
@@ -197,20 +217,28 @@ def main():
                 print(fault)
         except (ValueError, OSError) as error:
             report(fault, f"ERROR: {error}")
-    if not arguments.list and not errors:
+    if arguments.list:
+        print(f"{len(faults)} faults, {len(errors)} do not apply")
+    elif not errors:
         waiting = queue.Queue()
         for fault in faults:
             waiting.put(fault)
         with (contextlib.nullcontext(arguments.folder) if arguments.folder
-              else tempfile.TemporaryDirectory(prefix="ruvo-faults-")) as folder:
+              else tempfile.TemporaryDirectory(prefix="ruvo-faults-", ignore_cleanup_errors=True)) as folder:
             tests = arguments.tests.split(",") if arguments.tests else []
             jobs = [threading.Thread(target=work, daemon=True,
                                      args=(f"{folder}/{job}", tests, waiting, report))
                     for job in range(arguments.jobs)]
             for job in jobs:
                 job.start()
-            for job in jobs:
-                job.join()
+            try:
+                for job in jobs:
+                    job.join()
+            except KeyboardInterrupt:
+                Workplace.end()
+                for job in jobs:
+                    job.join()
+                sys.exit(130)
         print(f"\n{len(faults)} faults, {len(missed)} not caught, {len(errors)} errors")
         for fault in sorted(missed, key=lambda fault: fault.number):
             print(fault)
