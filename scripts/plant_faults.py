@@ -235,6 +235,7 @@ def main():
                 for job in jobs:
                     job.join()
             except KeyboardInterrupt:
+                signal.signal(signal.SIGINT, signal.SIG_IGN)  # once is enough
                 Workplace.end()
                 for job in jobs:
                     job.join()
