@@ -7,9 +7,9 @@
     scripts/plant_faults.py --list               the rows, without trying them: do they apply?
 
 Each of the --jobs works in a copy of the tree with a build folder of its own, which it keeps for all
-of its rows, and with --folder for the next time as well. A row ends with its first failing test. A row
-whose text does not stand in its file exactly once, or that does not compile, is an error of the table.
-The exit status is 0 when every fault was caught, 1 when one was not, 2 when a row is in error.
+of its rows, and with --folder for the next time as well. A row ends with its first failing test. A row whose text does not stand in its file exactly
+once, or that does not compile, is an error of the table. The exit status is 0 when every fault was
+caught, 1 when one was not, 2 when a row is in error.
 
 The regular checks run --list only: all the rest takes a build and a run of the tests for every row.
 """
@@ -79,8 +79,7 @@ class Workplace:
     # Over all workplaces:
     seconds = {}  # that a test takes
     catches = collections.Counter()  # of faults in a file, by test
-    # Tests that run, each in a session of its own, where CTRL-C does not reach it.
-    running, ended, starting = set(), False, threading.Lock()
+    interrupted = False
 
     def __init__(self, folder, wanted):
         self.tree = pathlib.Path(folder) / "tree"
@@ -108,6 +107,8 @@ class Workplace:
             shutil.copy(source, target)
 
     def run(self, command):
+        if Workplace.interrupted:
+            raise RuntimeError("interrupted")
         done = subprocess.run(command, env={**os.environ, **NO_WARNINGS}, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, text=True, errors="replace")
         if done.returncode != 0:
@@ -115,12 +116,11 @@ class Workplace:
 
     def passes(self, test):
         begin = time.monotonic()
-        with self.starting:
-            self.go_on()
-            process = subprocess.Popen([self.build / "tests" / test, "--gtest_fail_fast", "--gtest_brief=1"],
-                                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                       stderr=subprocess.DEVNULL, start_new_session=True)
-            self.running.add(process)
+        # In a session of its own CTRL-C does not reach it; it ends with this process.
+        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", self.build / "tests" / test,
+                                    "--gtest_fail_fast", "--gtest_brief=1"],
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL, start_new_session=True)
         try:
             passed = process.wait(TEST_TIMEOUT) == 0
         except subprocess.TimeoutExpired:
@@ -129,24 +129,9 @@ class Workplace:
             if process.poll() is None:
                 os.killpg(process.pid, signal.SIGKILL)
                 process.wait()
-            self.running.discard(process)
-        self.go_on()
         if passed:
             self.seconds[test] = time.monotonic() - begin
         return passed
-
-    @classmethod
-    def end(cls):
-        with cls.starting:
-            cls.ended = True
-            for process in list(cls.running):
-                with contextlib.suppress(ProcessLookupError):
-                    os.killpg(process.pid, signal.SIGKILL)
-
-    @classmethod
-    def go_on(cls):
-        if cls.ended:
-            raise RuntimeError("interrupted")
 
     def caught_by(self, fault):
         """The name of the test that catches the fault, or None."""
@@ -176,7 +161,7 @@ def work(folder, tests, waiting, report):
     except (RuntimeError, OSError) as error:
         report(None, f"no workplace: {error}")
         return
-    while not Workplace.ended:
+    while not Workplace.interrupted:
         try:
             fault = waiting.get_nowait()
         except queue.Empty:
@@ -236,9 +221,7 @@ def main():
                     job.join()
             except KeyboardInterrupt:
                 signal.signal(signal.SIGINT, signal.SIG_IGN)  # once is enough
-                Workplace.end()
-                for job in jobs:
-                    job.join()
+                Workplace.interrupted = True
                 sys.exit(130)
         print(f"\n{len(faults)} faults, {len(missed)} not caught, {len(errors)} errors")
         for fault in sorted(missed, key=lambda fault: fault.number):
