@@ -1,6 +1,6 @@
 #include "distance.h"
 
-#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -20,20 +20,6 @@ constexpr int waiting_connections = 1024;
 void send_at_once(int fd) {
   const int yes = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
-}
-
-int connect_to_loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<std::uint16_t>(port));
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-    close(fd);
-    return -1;
-  }
-  send_at_once(fd);
-  return fd;
 }
 
 timespec as_timespec(std::chrono::nanoseconds time) {
@@ -102,6 +88,7 @@ bool Distance::take_connection() {
   if (server == -1) {
     close(client);
   } else {
+    send_at_once(server);
     connections_.push_back({{client, server, {}}, {server, client, {}}});
   }
   return true;

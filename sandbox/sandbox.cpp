@@ -79,6 +79,19 @@ DownServer::DownServer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), 
 
 DownServer::~DownServer() { close(fd_); }
 
+int connect_to_loopback(int port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<std::uint16_t>(port));
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 void ServerProcess::start(const std::string& command) {
   kill();
   // The shell becomes the program, so that its number is the program's.
@@ -118,21 +131,21 @@ bool ServerProcess::ended_within(int milliseconds) {
 RedisServer::RedisServer(std::string options) : options_(std::move(options)) {
   for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the port first
     port_ = DownServer().port();
-    if (start()) {
+    if (start(options_, Until::ready)) {
       return;
     }
   }
   throw std::runtime_error("redis-server does not start");
 }
 
-bool RedisServer::start() {
-  process_.start("redis-server --port " + std::to_string(port_) + " --bind 127.0.0.1 --save '' " +
-                 options_);
-  return process_.says("Ready to accept");
+bool RedisServer::start(const std::string& options, Until until) {
+  process_.start("redis-server --port " + std::to_string(port_) + " --bind 127.0.0.1 --dir " +
+                 dir_.path("") + " --save '' " + options);
+  return process_.says(until == Until::ready ? "Ready to accept" : "Server initialized");
 }
 
-void RedisServer::restart() {
-  if (!start()) {
+void RedisServer::restart(const std::string& more_options, Until until) {
+  if (!start(options_ + " " + more_options, until)) {
     throw std::runtime_error("redis-server does not start again");
   }
 }

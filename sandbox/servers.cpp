@@ -1,6 +1,5 @@
 #include "servers.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -104,45 +103,37 @@ void ScriptedServer::accept_all() {
   }
 }
 
-namespace {
-
-bool accepts_connections(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<std::uint16_t>(port));
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool accepted = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-  close(fd);
-  return accepted;
-}
-
-}  // namespace
-
-Proxy::Proxy(const std::vector<std::string>& shards) {
+Proxy::Proxy(const std::vector<std::string>& shards) : shards_(shards) {
   for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the ports first
-    if (start(shards)) {
+    port_ = DownServer().port();
+    if (start()) {
       return;
     }
   }
   throw std::runtime_error("nutcracker does not start");
 }
 
-bool Proxy::start(const std::vector<std::string>& shards) {
-  port_ = DownServer().port();
+bool Proxy::start() {
   std::string pool =
       "pool:\n  listen: " + addr() +
       "\n  redis: true\n  hash: murmur\n  distribution: ketama\n  timeout: 1000\n  servers:\n";
-  for (const std::string& shard : shards) {
+  for (const std::string& shard : shards_) {
     pool += "    - " + shard + ":1\n";
   }
   process_.start("nutcracker --conf-file=" + dir_.write("proxy.yml", pool) +
                  " --stats-addr=127.0.0.1 --stats-port=" + std::to_string(DownServer().port()) +
                  " 2>&1");
   while (!process_.ended_within(10)) {  // it says nothing when it is ready
-    if (accepts_connections(port_)) {
+    if (const int fd = connect_to_loopback(port_); fd != -1) {
+      close(fd);
       return true;
     }
   }
   return false;
+}
+
+void Proxy::restart() {
+  if (!start()) {
+    throw std::runtime_error("nutcracker does not start again");
+  }
 }
