@@ -17,7 +17,7 @@ declare -A packages=(
   [package]="dpkg-dev file"
   [run]="redis-server nutcracker"
   [test]="redis-server nutcracker libgtest-dev binutils"
-  [bench]="redis-server valgrind gnuplot-nox python3"
+  [bench]="redis-server nutcracker valgrind gnuplot-nox python3"
   [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck doxygen mandoc binutils debootstrap
            python3 libspdlog-dev stunnel4 openssl"
   [plot]="gnuplot-nox"
