@@ -20,10 +20,10 @@
 #include <vector>
 
 #include "calling_host.h"
-#include "distance.h"
 #include "run_main.h"
 #include "server_states.h"
 #include "servers.h"
+#include "tcp_proxy.h"
 
 // ---- Connections that this process opens, the library's and those of the fixtures ----
 
@@ -136,8 +136,8 @@ Outcome lone_server_restarted(milliseconds away) {
 
 Outcome both_proxies_restarted() {
   const RedisServer redis;
-  Proxy first({redis.addr()});
-  Proxy second({redis.addr()});
+  Nutcracker first({redis.addr()});
+  Nutcracker second({redis.addr()});
   return run_through(
       config_for(first.addr() + "," + second.addr()),
       [&] {
@@ -195,7 +195,7 @@ Outcome start_before_redis() {
 Outcome start_before_the_balancers_server() {
   RedisServer redis(std::string("--requirepass ") + password);
   redis.kill();
-  const Distance balancer(redis.port(), 0us);
+  const TcpProxy balancer(redis.port());
   return start_before(config_for(balancer.addr(), balancer.addr(), with_password()),
                       [&] { redis.restart(); });
 }

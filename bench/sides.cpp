@@ -49,14 +49,11 @@ Library::Library(const std::string& addr, std::size_t connections, RoundTrips ro
               pools_at(addr, addr, addr),
           "p_connect_num = " + std::to_string(connections)) {
   using BaseLib::Logger;
-  const QuietConsole quiet;
   const Logger::LogLevel level = Logger::logLevel();
   Logger::setLogLevel(Logger::FATAL);  // start-up tells of its settings at ERROR
-  require(RUVO_Init(config_.path()) == RUVO_OK);
+  library_.emplace(config_.path());
   Logger::setLogLevel(level);
 }
-
-Library::~Library() { RUVO_Fini(); }
 
 LogFile::LogFile() {
   log_lock.open(nullptr);

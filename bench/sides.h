@@ -6,10 +6,12 @@
 #include <atomic>
 #include <cstddef>
 #include <mutex>
+#include <optional>
 #include <vector>
 
+#include "fixtures.h"
 #include "operations.h"
-#include "sandbox.h"
+#include "started_library.h"
 
 // `shared`: the library with auto_pipelining.
 enum class Side { library, shared, hiredis, pool };
@@ -51,10 +53,10 @@ enum class RoundTrips { own, shared };
 class Library : NoCopy {
  public:
   Library(const std::string& addr, std::size_t connections, RoundTrips round_trips);
-  ~Library();
 
  private:
   HostConfig config_;
+  std::optional<StartedLibrary> library_;
 };
 
 // While it lives, the library's lines from INFO on go to a file, through the sink and the lock that

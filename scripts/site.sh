@@ -37,8 +37,8 @@ seconds=${SITE_SECONDS:-30}
   wrong_usage "SITE_SECONDS must be a number from 25 to 9999, not '$seconds'"
 
 scripts/deps.sh build site
-cmake -G Ninja -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_TOOLS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
-cmake --build build/demo --target site_host
+cmake -G Ninja -DRUVO_BUILD_BENCH=ON -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_TOOLS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/site >/dev/null
+cmake --build build/site --target site_host
 
 . scripts/throwaway.sh
 export SITE=site
@@ -129,7 +129,7 @@ CONF
 
 echo
 echo "--- site_host: 16 threads, $seconds seconds; HAProxy asks for: $check; keys: ${keys:-none}"
-build/demo/sandbox/site_host --config "$work/sruvo.conf" --seconds "$seconds" --threads 16 "${host_options[@]}" &
+build/site/bench/site_host --config "$work/sruvo.conf" --seconds "$seconds" --threads 16 "${host_options[@]}" &
 pid_of[site_host]=$!
 
 sleep 4

@@ -21,7 +21,7 @@ TEST(OnProxies, EveryOperationWorksAndOutlivesAProxy) {
   const RedisServer first;
   const RedisServer second;
   const std::vector<std::string> shards{first.addr(), second.addr()};
-  std::array<Proxy, 2> proxies{Proxy(shards), Proxy(shards)};
+  std::array<Nutcracker, 2> proxies{Nutcracker(shards), Nutcracker(shards)};
   const HostConfig config(all_pools_at(proxies[0].addr() + ',' + proxies[1].addr()),
                           "p_connect_num = 2");
   ASSERT_EQ(start(config), RUVO_OK);

@@ -2,12 +2,12 @@
 
 #include <hiredis/hiredis.h>
 
-#include <cstdlib>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string_view>
 
+#include "settings.h"
 #include "workload.h"
 
 namespace {
@@ -60,12 +60,11 @@ class Server {
 
  private:
   static redisContext* connect(const std::string& addr, const Settings& settings) {
-    const std::size_t colon = addr.rfind(':');
-    if (colon == std::string::npos) {
+    const std::optional<server_addr> server = parse_address(addr);
+    if (!server || server->port_ > max_port) {
       throw std::runtime_error("not ip:port: " + addr);
     }
-    return redisConnectWithTimeout(addr.substr(0, colon).c_str(),
-                                   static_cast<int>(std::strtol(&addr[colon + 1], nullptr, 10)),
+    return redisConnectWithTimeout(server->ip_.c_str(), static_cast<int>(server->port_),
                                    from_ms(settings.connect_timeout_ms));
   }
 
@@ -101,9 +100,9 @@ class Server {
 void refuse_foreign_keys(const Site& site) {
   std::set<std::string> seen;  // pools may share servers
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
-    for (const auto& victim : site.pools[pool]) {
-      if (seen.insert(victim->addr()).second) {
-        Server(victim->addr(), site.settings, site.passwords[pool]).refuse_foreign_keys();
+    for (const auto& target : site.pools[pool]) {
+      if (seen.insert(target->addr()).second) {
+        Server(target->addr(), site.settings, site.passwords[pool]).refuse_foreign_keys();
       }
     }
   }

@@ -18,11 +18,13 @@ struct Walk {
   bool went_on() const { return met_broken || !rebuilds.empty() || !failed.empty(); }
 };
 
-struct Ejections {
+struct ServerEvents {
+  long rebuilds = 0;         // broken connections that were rebuilt
+  long failed_rebuilds = 0;  // and those that could not be
   long ejections = 0;
   long retries = 0;
   long ended_by_rebuild = 0;      // a visit that was under way found the server well again
-  std::set<std::string> present;  // servers that are ejected
+  std::set<std::string> ejected;  // now
 };
 
 // From now on the log is read here, and written to `path` unless that is empty. False when it
@@ -34,6 +36,6 @@ void begin_walk();           // of this thread
 const Walk& current_walk();  // of this thread
 void end_walk();
 
-Ejections ejections();
+ServerEvents server_events();
 
 #endif

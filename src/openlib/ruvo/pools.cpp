@@ -1,6 +1,4 @@
 // Building a pool from its address list and settings, and closing it.
-#include <array>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <utility>
@@ -8,81 +6,19 @@
 #include "connection.h"
 #include "log_line.h"
 #include "ruvo_redis.h"
-#include "sutils.h"
+#include "settings.h"
 
 namespace {
 
-struct pool_keys {
-  RedisServerType type;
-  const char* connect_num;
-  const char* auto_eject;
-  const char* failure_limit;
-  const char* retry_timeout;
-  const char* password;
-};
-
-// The temporary pool reads the p_ keys and the persistent pool the t_ keys: deployed configuration
-// files are written for it.
-constexpr std::array keys_of_pools{
-    pool_keys{eTempServer, "p_connect_num", "p_auto_eject_server", "p_server_failure_limit",
-              "p_server_retry_timeout", "p_password"},
-    pool_keys{ePersistServer, "t_connect_num", "t_auto_eject_server", "t_server_failure_limit",
-              "t_server_retry_timeout", "t_password"},
-    pool_keys{ePersonalityServer, "ps_connect_num", "ps_auto_eject_server",
-              "ps_server_failure_limit", "ps_server_retry_timeout", "ps_password"},
-};
-
-constexpr const char* server_section = "server";
-
-void set_default_settings(server_pool& pool) {
-  const server_pool defaults;
-  pool.conn_num_ = defaults.conn_num_;
-  pool.auto_eject_ = defaults.auto_eject_;
-  pool.failure_limit_ = defaults.failure_limit_;
-  pool.retry_timeout_ = defaults.retry_timeout_;
-  pool.redis_password_.clear();
-}
-
-// A type without keys of its own keeps the defaults.
-void read_settings(server_pool& pool, RedisServerType type) {
-  for (const pool_keys& keys : keys_of_pools) {
-    if (keys.type != type) {
-      continue;
-    }
-    const int conn_num =
-        ruvo_cfg.get_int_val(server_section, keys.connect_num, static_cast<int>(pool.conn_num_));
-    if (conn_num >= 0) {
-      pool.conn_num_ = static_cast<std::uint32_t>(conn_num);
-    } else {
-      RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | %s must not be negative: %d, using %u",
-               keys.connect_num, conn_num, pool.conn_num_);
-    }
-    pool.auto_eject_ = ruvo_cfg.get_bool_val(server_section, keys.auto_eject, pool.auto_eject_);
-    pool.failure_limit_ = static_cast<std::uint32_t>(ruvo_cfg.get_int_val(
-        server_section, keys.failure_limit, static_cast<int>(pool.failure_limit_)));
-    pool.retry_timeout_ =
-        ruvo_cfg.get_int_val(server_section, keys.retry_timeout, pool.retry_timeout_);
-    if (const char* password = ruvo_cfg.get_str_val(server_section, keys.password)) {
-      pool.redis_password_ = password;
-    }
-  }
-}
-
-// False when a piece is not of the form ip:port; it is then named in the log.
-bool parse_addrs(const std::string& addrs, std::vector<server_addr>& parsed) {
-  sp::str_arr pieces;
-  sp::split_str(addrs.c_str(), pieces, ",");
-  for (const std::string& piece : pieces) {
-    sp::str_arr parts;
-    sp::split_str(piece.c_str(), parts, ":");
-    if (parts.size() != 2) {
-      RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | invalid server addr:%s", piece.c_str());
-      return false;
-    }
-    parsed.push_back(
-        {parts[0], static_cast<std::uint32_t>(std::strtol(parts[1].c_str(), nullptr, 0))});
-  }
-  return true;
+// The type decides which keys are the pool's.
+pool_settings read_settings(RedisServerType type) {
+  return read_pool_settings(
+      ruvo_cfg, type, [](const setting& key, setting_fault why, const char* value) {
+        if (why == setting_fault::no_number) {  // a truth value that is none is not told
+          RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | %s must not be negative: %d, using %s",
+                   key.name.c_str(), parse_leading_number(value), default_text(key).c_str());
+        }
+      });
 }
 
 void add_slot(server_node& server, context_ptr context, std::unique_ptr<ACE_Thread_Mutex> lock) {
@@ -157,18 +93,20 @@ ruvo_redis::~ruvo_redis() {
 
 int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
                                  RedisServerType type) {
-  set_default_settings(pool);
+  pool.use(pool_settings());
   if (addrs.empty()) {
     RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | addr is empty");
     return RUVO_ERR_ADDRESS_LIST;
   }
-  std::vector<server_addr> server_addrs;
-  if (!parse_addrs(addrs, server_addrs)) {
+  const address_list list = parse_addresses(addrs);
+  if (list.malformed) {
+    RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | invalid server addr:%s",
+             list.malformed->c_str());
     return RUVO_ERR_ADDRESS_LIST;
   }
-  read_settings(pool, type);
+  pool.use(read_settings(type));
   pool.server_count_ = 0;
-  pool.server_num_ = static_cast<std::uint32_t>(server_addrs.size());
+  pool.server_num_ = static_cast<std::uint32_t>(list.servers.size());
   // The temporary pool's number sizes the servers of every pool, as get_conn counts.
   const std::uint32_t connections = t_pool_.conn_num_;
   RUVO_LOG(INFO,
@@ -179,7 +117,7 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
 
   const connection_settings settings{conn_timeout_tv_, socket_timeout_tv_, pool.redis_password_};
   connection_tally tally;
-  for (const server_addr& addr : server_addrs) {
+  for (const server_addr& addr : list.servers) {
     server_node& server = pool.servers_.emplace_back();
     server.addr_ = addr;
     server.index_ = pool.servers_.size() - 1;

@@ -30,7 +30,7 @@ void* ruvo_redis::exec_redis_cmd(const char* format, va_list ap, RedisServerType
            static_cast<int>(redisSrvType));
   reply_ptr reply;
   const command command{"exec_redis_cmd", no_key, redisSrvType, wire_command(format, ap),
-                        options_.end_of_command()};
+                        options_.deadline()};
   if (walk(*this, raw_route, command, reply) == walk_end::no_server_at_start) {
     RUVO_LOG(ERROR, "%s", no_key);
   }

@@ -118,12 +118,12 @@ conn_node* ruvo_redis::get_conn(server_node& svc_node, RedisServerType /*redisSr
   return &svc_node.context_arr_[index];
 }
 
-redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
+context_ptr ruvo_redis::open_replacement(const server_addr& addr, time_point deadline) {
   RUVO_LOG(WARN, "ruvo_redis::reset_connection | reset connection,ip:%s port:%d", ip_of(addr),
            port_of(addr));
   // The persistent pool's password opens the servers of every pool: deployed sites share one.
-  opened_connection fresh =
-      open_connection(addr, {conn_timeout_tv_, socket_timeout_tv_, p_pool_.redis_password_});
+  opened_connection fresh = open_connection(
+      addr, {conn_timeout_tv_, socket_timeout_tv_, p_pool_.redis_password_, deadline});
   if (fresh.outcome == open_outcome::unreachable) {
     RUVO_LOG(ERROR,
              "ruvo_redis::reset_connection | reconnect to server %s port:%d failed, error code is "
@@ -141,6 +141,14 @@ redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
         DEBUG, "ruvo_redis::reset_connection | redisSetTimeOut time_out:%d (ms), success",
         static_cast<int>(socket_timeout_tv_.tv_sec * 1000 + socket_timeout_tv_.tv_usec / 1000));
   }
-  replace_context(conn, std::move(fresh.context));
+  return std::move(fresh.context);
+}
+
+redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
+  context_ptr fresh = open_replacement(addr, no_deadline);
+  if (!fresh) {
+    return nullptr;
+  }
+  replace_context(conn, std::move(fresh));
   return conn.context_;
 }

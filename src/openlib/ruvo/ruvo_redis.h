@@ -66,8 +66,11 @@ class ruvo_redis {
   // Replaces a slot's context by a new one, or returns null and leaves the old one in place.
   // REQUIRES: the slot's lock is held.
   redisContext* reset_connection(conn_node& conn, server_addr& addr);
+  // The connection that it replaces the old one by.
+  context_ptr open_replacement(const server_addr& addr, time_point deadline);
 
   const client_options& options() const { return options_; }
+  const timeval& socket_timeout() const { return socket_timeout_tv_; }
 
   // ---- Forking ----
   // In the child of a fork: every connection is the parent's, and is rebuilt when it is used.

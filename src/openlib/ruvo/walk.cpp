@@ -5,121 +5,98 @@
 #include <vector>
 
 #include "connection.h"
-#include "connection_turn.h"
 #include "data_operation.h"
+#include "exclusive_call.h"
 #include "log_line.h"
+#include "pipeline.h"
 #include "ruvo_redis.h"
 
 namespace {
 
 constexpr std::size_t visits_per_server = 2;
 
-enum class visit_end { replied, no_reply, out_of_time, lock_failed };
-
-// Has the time passed that a command may take? If so, the log says it.
-bool is_out_of_time(const ruvo_redis& redis, const command& command) {
-  if (std::chrono::steady_clock::now() < command.not_after) {
-    return false;
-  }
+// The deadline of the call has come.
+void log_out_of_time(const ruvo_redis& redis, const command& command) {
   RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, call time-out of %d ms has passed", command.method,
            command.key, redis.options().call_timeout);
-  return true;
 }
 
-// The first send, by this thread or by another that leads. Without a reply, the call knows why.
-visit_end send_first(ruvo_redis& redis, const command& command, connection_turn& turn) {
-  waiting_call& call = turn.call();
-  if (!turn.wait()) {
-    return visit_end::lock_failed;
-  }
-  if (call.is_left_out || (turn.leads() && call.is_late())) {
-    is_out_of_time(redis, command);
-    return visit_end::out_of_time;
-  }
-  if (turn.leads()) {
-    if (!is_broken(turn.slot().context_)) {
-      turn.send();
-    } else if (turn.slot().context_ != nullptr) {
-      call.note_error(*turn.slot().context_);
-    }
-  }
-  return call.reply ? visit_end::replied : visit_end::no_reply;
+bool has_passed(time_point deadline) {
+  return deadline != no_deadline && std::chrono::steady_clock::now() >= deadline;
 }
 
-// What follows a first send without a reply: a connection that nobody has rebuilt since is rebuilt,
-// and the command sent once more.
-visit_end send_again(ruvo_redis& redis, const command& command, connection_turn& turn,
-                     server_node& server) {
-  waiting_call& call = turn.call();
-  if (is_out_of_time(redis, command)) {
-    return visit_end::out_of_time;
-  }
-  if (!turn.leads()) {
-    call.not_after = command.not_after;
-    if (!turn.wait()) {
-      return visit_end::lock_failed;
-    }
-    if ((turn.leads() || call.is_left_out) && is_out_of_time(redis, command)) {
-      return visit_end::out_of_time;
-    }
-  }
-  if (turn.leads()) {
-    if (!turn.was_rebuilt() || is_broken(turn.slot().context_)) {
-      turn.begin_rebuild();
-      if (redis.reset_connection(turn.slot(), server.addr_) == nullptr) {
-        call.rebuild_failed = true;
-        turn.share_failed_rebuild();
-        return visit_end::no_reply;
-      }
-      if (!redis.options().eject_silent_servers) {
-        redis.update_server_ok(&server);
-      }
-      if (is_out_of_time(redis, command)) {
-        return visit_end::out_of_time;
-      }
-    }
-    turn.send();
-  }
-  return call.reply ? visit_end::replied : visit_end::no_reply;
-}
+// Rebuilds a connection of a server.
+class connection_rebuilder final : public rebuilder {
+ public:
+  connection_rebuilder(ruvo_redis& redis, server_node& server, time_point deadline)
+      : redis_(redis), server_(server), deadline_(deadline) {}
 
-// With eject_silent_servers it is an answer on a rebuilt connection that clears the failures.
-void note_reply(ruvo_redis& redis, connection_turn& turn, server_node& server) {
-  if (redis.options().eject_silent_servers && turn.leads() &&
-      std::exchange(turn.slot().is_unproven_, false)) {
-    redis.update_server_ok(&server);
+  context_ptr rebuild() override {
+    context_ptr fresh = redis_.open_replacement(server_.addr_, deadline_);
+    if (fresh && !redis_.options().eject_silent_servers) {
+      redis_.update_server_ok(&server_);
+    }
+    return fresh;
+  }
+
+ private:
+  ruvo_redis& redis_;
+  server_node& server_;
+  time_point deadline_;
+};
+
+// Counts the failure of a visit that has ended without a reply. Where calls share what has
+// happened, one of them counts it.
+void count_failure(ruvo_redis& redis, const command& command, const slot_call& call,
+                   server_node& server, send_end end) {
+  const bool is_silent = redis.options().eject_silent_servers && !command.wire.refused();
+  const bool is_failure =
+      end == send_end::rebuild_failed ||
+      (is_silent && (end == send_end::unanswered || (end == send_end::out_of_time && call.was_sent())));
+  if (is_failure && call.state().counts_failure) {
+    redis.update_server_failed(&server, command.pool);
   }
 }
 
-// A visit: one send, and on a broken connection one rebuild and one more send. A call whose command
-// another thread has sent goes on from what came of that.
-visit_end visit(ruvo_redis& redis, const command& command, connection_turn& turn,
-                server_node& server) {
-  waiting_call& call = turn.call();
-  visit_end end = send_first(redis, command, turn);
-  if (end == visit_end::no_reply) {
-    if (call.error != 0) {
+// A visit: one send, and on a broken connection one rebuild and one more send.
+send_end visit(ruvo_redis& redis, const command& command, slot_call& call, server_node& server) {
+  send_end end = call.send();
+  if (end == send_end::unanswered) {
+    const connection_error& error = call.state().error;
+    if (error.code != 0) {
       RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
-               command.method, command.key, call.error, call.error_text);
+               command.method, command.key, error.code, error.text);
     }
-    if (!call.rebuild_failed) {
-      end = send_again(redis, command, turn, server);
-    }
-    if (call.rebuild_failed) {
-      redis.update_server_failed(&server, command.pool);
-      RUVO_LOG(ERROR,
-               "ruvo_redis::%s | key:%s, null reply and reset connection to server %s port:%d "
-               "failed.",
-               command.method, command.key, ip_of(server.addr_), port_of(server.addr_));
-    } else if (end != visit_end::replied && redis.options().eject_silent_servers &&
-               !command.wire.refused()) {
-      redis.update_server_failed(&server, command.pool);
-    }
+    connection_rebuilder rebuilder(redis, server, command.deadline);
+    end = call.send_again(rebuilder);
   }
-  if (end == visit_end::replied) {
-    note_reply(redis, turn, server);
+  if (end != send_end::replied) {
+    count_failure(redis, command, call, server, end);
+  } else if (redis.options().eject_silent_servers && call.state().is_first_reply) {
+    redis.update_server_ok(&server);  // a rebuilt connection alone would not do
+  }
+  if (end == send_end::rebuild_failed) {
+    RUVO_LOG(ERROR,
+             "ruvo_redis::%s | key:%s, null reply and reset connection to server %s port:%d "
+             "failed.",
+             command.method, command.key, ip_of(server.addr_), port_of(server.addr_));
+  } else if (end == send_end::out_of_time) {
+    log_out_of_time(redis, command);
   }
   return end;
+}
+
+send_end visit(ruvo_redis& redis, const command& command, conn_node& slot, server_node& server,
+               reply_ptr& reply) {
+  const auto visit_with = [&](auto&& call) {
+    const send_end end = visit(redis, command, call, server);
+    reply = call.take_reply();
+    return end;
+  };
+  const send_terms terms{{limit_of(redis.socket_timeout()), command.deadline}};
+  return redis.options().auto_pipelining
+             ? visit_with(pipelined_call(server, slot, command.wire, terms))
+             : visit_with(exclusive_call(slot, command.wire, terms));
 }
 
 server_node* next_of_pool(ruvo_redis& redis, const server_node& failed, RedisServerType pool) {
@@ -180,19 +157,16 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
       redis.update_server_failed(server, command.pool);
       next = route.next_server(redis, *server, command.pool);
     } else {
-      connection_turn turn(*server, *conn, command.wire, redis.options().auto_pipelining);
-      if (visits > 1) {
-        turn.call().not_after = command.not_after;
+      switch (visit(redis, command, *conn, *server, reply)) {
+        case send_end::replied:
+          return walk_end::replied;
+        case send_end::lock_failed:
+          return walk_end::lock_failed;
+        case send_end::out_of_time:
+          return walk_end::out_of_time;
+        default:
+          next = route.next_server(redis, *server, command.pool);
       }
-      const visit_end end = visit(redis, command, turn, *server);
-      if (end == visit_end::replied) {
-        reply = std::move(turn.call().reply);
-        return walk_end::replied;
-      }
-      if (end != visit_end::no_reply) {
-        return end == visit_end::lock_failed ? walk_end::lock_failed : walk_end::out_of_time;
-      }
-      next = route.next_server(redis, *server, command.pool);
     }
     if (next == nullptr) {
       return walk_end::no_server_left;
@@ -205,7 +179,8 @@ walk_end walk(ruvo_redis& redis, const route& route, const command& command, rep
       RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server", command.method);
       return walk_end::all_tried;
     }
-    if (is_out_of_time(redis, command)) {
+    if (has_passed(command.deadline)) {
+      log_out_of_time(redis, command);
       return walk_end::out_of_time;
     }
   }
@@ -222,7 +197,7 @@ int ruvo_redis::exec_command(const char* key, reply_ptr* reply, RedisServerType 
   RUVO_LOG(INFO, "ruvo_redis::do_exec_command | key:%s, redis-server-type:%d", key,
            static_cast<int>(redisSrvType));
   const command command{"do_exec_command", key, redisSrvType, wire_command(format, args),
-                        options_.end_of_command()};
+                        options_.deadline()};
   reply_ptr received;
   switch (walk(*this, typed_route, command, received)) {
     case walk_end::replied:

@@ -21,7 +21,7 @@ struct command {
   const char* key;     // that they show
   RedisServerType pool;
   wire_command wire;
-  std::chrono::steady_clock::time_point not_after;  // starts nothing more then
+  time_point deadline;
 };
 
 // The positions that a walk has visited. Those beyond the last bit count as visited.
