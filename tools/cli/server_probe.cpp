@@ -1,14 +1,11 @@
 #include "server_probe.h"
 
-#include <hiredis/hiredis.h>
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <memory>
 #include <optional>
 
+#include "hiredis_owners.h"
 #include "numbers.h"
 
 namespace {
@@ -17,14 +14,7 @@ constexpr const char* probe_key = "ruvo_cli:check";
 constexpr int longest_wait_ms = 5000;  // where the configuration sets no limit
 constexpr int most_port = 65535;
 
-using Context = std::unique_ptr<redisContext, decltype(&redisFree)>;
-using Reply = std::unique_ptr<redisReply, decltype(&freeReplyObject)>;
-
 int limit_of(int milliseconds) { return milliseconds < 1 ? longest_wait_ms : milliseconds; }
-
-timeval to_timeval(int milliseconds) {
-  return {milliseconds / 1000, (milliseconds % 1000) * 1000L};
-}
 
 bool holds(const std::string& text, const char* part) {
   return text.find(part) != std::string::npos;
@@ -86,7 +76,7 @@ Probe refusal(const redisReply& error, const std::string& key) {
 
 Reply ask(redisContext& context, const char* format, const std::string& word) {
   errno = 0;
-  return {static_cast<redisReply*>(redisCommand(&context, format, word.c_str())), freeReplyObject};
+  return Reply(static_cast<redisReply*>(redisCommand(&context, format, word.c_str())));
 }
 
 }  // namespace
@@ -101,8 +91,7 @@ Probe probe_server(const std::string& addr, const Configuration& configuration, 
   const int connect_ms = limit_of(configuration.connect_timeout_ms);
   const int answer_ms = limit_of(configuration.socket_timeout_ms);
   const Context context(
-      redisConnectWithTimeout(addr.substr(0, colon).c_str(), *port, to_timeval(connect_ms)),
-      redisFree);
+      redisConnectWithTimeout(addr.substr(0, colon).c_str(), *port, to_timeval(connect_ms)));
   if (!context || context->err != 0) {
     return not_connected(context ? context->errstr : "out of memory", connect_ms);
   }
