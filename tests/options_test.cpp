@@ -245,13 +245,13 @@ TEST_F(Options, TryEjectedServersLetsNoCallFailWhereOneIsUp) {
   RedisServer other;
   start("try_ejected_servers = true", one.addr() + "," + other.addr(),
         "p_server_failure_limit = 1");
-  for (int round = 0; round < 4; ++round) {  // one is struck while the other is still ejected
-    RedisServer& struck = round % 2 == 0 ? one : other;
-    struck.kill();
+  for (int round = 0; round < 4; ++round) {  // a fault in one while the other is still ejected
+    RedisServer& target = round % 2 == 0 ? one : other;
+    target.kill();
     for (int call = 0; call < 4; ++call) {
       EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
     }
-    struck.restart();
+    target.restart();
   }
   EXPECT_GT(log_.count_containing("all servers invalid"), 0);
 }
