@@ -264,8 +264,8 @@ TEST_F(Pipeline, ACallThatGivesUpLeavesItsPlaceToNobody) {
 
 // Where each call waits when its deadline comes.
 TEST_F(Pipeline, TheDeadlineEndsEveryWait) {
-  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
-  const ScriptedServer silent_at_login([](Peer& peer) {
+  const auto silent = [](Peer& peer) { peer.hang(); };
+  const auto silent_at_login = [](Peer& peer) {
     if (peer.number() < at_start) {
       peer.read_command();
       peer.send("+OK\r\n");
@@ -273,10 +273,10 @@ TEST_F(Pipeline, TheDeadlineEndsEveryWait) {
     } else {
       peer.hang();
     }
-  });
+  };
   const std::string login = "p_password = x\nt_password = x\nps_password = x";
   // clang-format off
-  const struct { const char* wait; const ScriptedServer& server; std::string server_keys; const char* mode; int calls; } cases[] = {
+  const struct { const char* wait; ScriptedServer::Script server; std::string server_keys; const char* mode; int calls; } cases[] = {
       {"for a reply", silent, "", "true", 1},
       {"in the write queue", silent, "", "true", 40},
       {"for the lock", silent, "", "false", 3},
@@ -286,10 +286,11 @@ TEST_F(Pipeline, TheDeadlineEndsEveryWait) {
   // clang-format on
   for (const auto& one : cases) {
     SCOPED_TRACE(one.wait);
+    const ScriptedServer server(one.server);
     ruvo_redis client;
     const HostConfig config(
         std::string("call_timeout = 300\nsocket_timeout = 10000\nauto_pipelining = ") + one.mode +
-            "\n" + pools_at(one.server.addr(), one.server.addr(), one.server.addr()),
+            "\n" + pools_at(server.addr(), server.addr(), server.addr()),
         one.server_keys);
     ASSERT_EQ(init_client(client, config), RUVO_OK);
     std::vector<std::jthread> threads;
@@ -318,6 +319,7 @@ TEST_F(Pipeline, TakesAFreeConnectionFirst) {
   EXPECT_EQ(get("a"), RUVO_OK);
   EXPECT_EQ(get("b"), RUVO_OK);  // whose turn would be the held one
   gate.open();
+  join();
 }
 
 }  // namespace
