@@ -40,6 +40,8 @@ NOT_RUN = {
     "scripts/test.sh tsan": ".ci/run has run it",
     "scripts/demo.sh": ".ci/run runs it",
     "scripts/demo.sh --shards 3": ".ci/run runs it",
+    "scripts/site.sh": ".ci/run runs it",
+    "scripts/site.sh --check role": "it shows what is wrong with that check",
     "scripts/bench.sh": ".ci/run runs it",
     "scripts/count_instructions.sh": ".ci/run runs it",
     "cmake -B build/plain -G Ninja -DRUVO_BUILD_TESTS=OFF": "this script begins with the release build",
