@@ -34,10 +34,7 @@ void call_until(const std::stop_token& stop, std::vector<SecondOfCalls>& seconds
     const Clock::time_point from = Clock::now();
     const bool failed = RUVO_ExistsKey("key", eTempServer, nullptr) == RUVO_ERR_FAILED;
     const double taken = std::chrono::duration<double, std::milli>(Clock::now() - from).count();
-    SecondOfCalls& second = seconds[current_second()];
-    ++second.calls;
-    second.failed += failed ? 1 : 0;
-    second.slowest_ms = std::max(second.slowest_ms, taken);
+    seconds[current_second()].add({1, failed ? 1 : 0, taken});
   }
 }
 
@@ -47,6 +44,21 @@ long calls_in(const std::vector<SecondOfCalls>& seconds, int from, int to) {
 }
 
 }  // namespace
+
+void SecondOfCalls::add(const SecondOfCalls& other) {
+  calls += other.calls;
+  failed += other.failed;
+  slowest_ms = std::max(slowest_ms, other.slowest_ms);
+  lines = std::max(lines, other.lines);
+}
+
+SecondOfCalls worst_of(const std::vector<SecondOfCalls>& seconds) {
+  SecondOfCalls worst;
+  for (const SecondOfCalls& one : seconds) {
+    worst.add(one);
+  }
+  return worst;
+}
 
 std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run) {
   const RedisServer good;
@@ -82,12 +94,9 @@ std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run)
   Logger::setOutput(nullptr);
   std::vector<SecondOfCalls> all(static_cast<std::size_t>(run.before + run.stopped + run.after));
   for (std::size_t second = 0; second < all.size(); ++second) {
-    SecondOfCalls& sum = all[second];
-    sum.lines = lines[second];
+    all[second].lines = lines[second];
     for (const std::vector<SecondOfCalls>& seconds : of_threads) {
-      sum.calls += seconds[second].calls;
-      sum.failed += seconds[second].failed;
-      sum.slowest_ms = std::max(sum.slowest_ms, seconds[second].slowest_ms);
+      all[second].add(seconds[second]);
     }
   }
   return all;

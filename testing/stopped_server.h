@@ -27,10 +27,15 @@ struct SecondOfCalls {
   long failed = 0;
   double slowest_ms = 0;
   long lines = 0;
+
+  void add(const SecondOfCalls& other);  // sums of calls and failures, else the greater
 };
 
 // Throws std::runtime_error when the library does not start.
 std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run);
+
+// All that failed, the slowest call and the most lines of a second.
+SecondOfCalls worst_of(const std::vector<SecondOfCalls>& seconds);
 
 // The calls of the worst `window` seconds on end of [from, to), as a share of as many of [0,
 // until).

@@ -17,13 +17,8 @@ Worst run_once() {
   run.after = 1;
   run.keys = keys_of_a_new_site;
   const std::vector<SecondOfCalls> seconds = calls_with_a_stopped_server(run);
-  Worst worst{worst_share(seconds, run.before, run.before + 2, run.before + run.stopped, 3), {}};
-  for (const SecondOfCalls& one : seconds) {
-    worst.second.failed += one.failed;
-    worst.second.slowest_ms = std::max(worst.second.slowest_ms, one.slowest_ms);
-    worst.second.lines = std::max(worst.second.lines, one.lines);
-  }
-  return worst;
+  return {worst_share(seconds, run.before, run.before + 2, run.before + run.stopped, 3),
+          worst_of(seconds)};
 }
 
 TEST(StoppedServer, CostsAHostTwoSeconds) {
