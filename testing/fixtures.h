@@ -6,15 +6,30 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 struct NoCopy {
   NoCopy() = default;
   NoCopy(const NoCopy&) = delete;
   NoCopy& operator=(const NoCopy&) = delete;
 };
+
+// Waits until the condition holds; false when it does not within 30 seconds.
+template <typename Condition>
+bool eventually(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
+}
 
 // A folder that goes when the object does.
 class TempDir : NoCopy {
@@ -89,7 +104,7 @@ class ServerProcess : NoCopy {
   FILE* output_ = nullptr;
 };
 
-// A redis-server that keeps nothing on disk.
+// A redis-server that saves nothing by itself.
 class RedisServer : NoCopy {
  public:
   explicit RedisServer(std::string options = "");
@@ -97,13 +112,16 @@ class RedisServer : NoCopy {
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill() { process_.kill(); }
   void signal(int number) const { process_.signal(number); }
-  void restart();  // on the same port
+  // When a start is over: it serves, or it answers and may still load its data.
+  enum class Until { ready, started };
+  void restart(const std::string& more_options = "", Until until = Until::ready);  // on its port
   // What redis-cli prints for a command, without the newline.
   std::string ask(const std::string& command) const;
 
  private:
-  bool start();
+  bool start(const std::string& options, Until until);
 
+  TempDir dir_;  // a replica saves what it is sent
   std::string options_;
   int port_ = 0;
   ServerProcess process_;

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "calling_host.h"
+
 struct StoppedServer {
   int threads = 16;
   int before = 10;   // seconds; then one server is stopped,
@@ -21,21 +23,8 @@ constexpr const char* keys_of_a_new_site =
     "log_limit = 5\ncall_timeout = 1000\n";
 constexpr int new_site_call_timeout_ms = 1000;
 
-// Of the calls that ended in it, and of the log at WARN.
-struct SecondOfCalls {
-  long calls = 0;
-  long failed = 0;
-  double slowest_ms = 0;
-  long lines = 0;
-
-  void add(const SecondOfCalls& other);  // sums of calls and failures, else the greater
-};
-
 // Throws std::runtime_error when the library does not start.
 std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run);
-
-// All that failed, the slowest call and the most lines of a second.
-SecondOfCalls worst_of(const std::vector<SecondOfCalls>& seconds);
 
 // The calls of the worst `window` seconds on end of [from, to), as a share of as many of [0,
 // until).

@@ -23,6 +23,12 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        "try_ejected_servers:true, log_limit:10, call_timeout:0 (ms)", K::options, "",
        {{F::auto_pipelining, "true"}, {F::eject_silent_servers, "false"},
         {F::try_ejected_servers, "true"}, {F::log_limit, "10"}, {F::call_timeout, "0"}}},
+      {"INFO", "ruvo_redis::init | raw_commands_stay_in_pool:true, start_without_servers:false, "
+       "failover_replies:ERR max, number,READONLY, send_once:false, wait_for_servers:true, "
+       "stats_file:-, slow_call_log:9 (ms)", K::options, "",
+       {{F::raw_commands_stay_in_pool, "true"}, {F::start_without_servers, "false"},
+        {F::failover_replies, "ERR max, number,READONLY"}, {F::send_once, "false"},
+        {F::wait_for_servers, "true"}, {F::stats_file, "-"}, {F::slow_call_log, "9"}}},
       {"INFO", "ruvo_redis::init | temp_server addr = a:1,b:2, persist_server addr = c:3.",
        K::addresses, "", {{F::temp_servers, "a:1,b:2"}, {F::persist_servers, "c:3"}}},
       {"INFO", "ruvo_redis::init | temp_server addr = a:1,b", K::addresses, "",

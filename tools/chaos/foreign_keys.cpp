@@ -1,11 +1,11 @@
 #include "foreign_keys.h"
 
-#include <cstdlib>
 #include <set>
 #include <stdexcept>
 #include <string_view>
 
 #include "hiredis_owners.h"
+#include "settings.h"
 #include "workload.h"
 
 namespace {
@@ -54,12 +54,11 @@ class Server {
 
  private:
   static redisContext* connect(const std::string& addr, const Settings& settings) {
-    const std::size_t colon = addr.rfind(':');
-    if (colon == std::string::npos) {
+    const std::optional<server_addr> server = parse_address(addr);
+    if (!server || server->port_ > max_port) {
       throw std::runtime_error("not ip:port: " + addr);
     }
-    return redisConnectWithTimeout(addr.substr(0, colon).c_str(),
-                                   static_cast<int>(std::strtol(&addr[colon + 1], nullptr, 10)),
+    return redisConnectWithTimeout(server->ip_.c_str(), static_cast<int>(server->port_),
                                    to_timeval(settings.connect_timeout_ms));
   }
 

@@ -32,6 +32,7 @@ const std::vector<Row>& table() {
       {K::configured_servers, "p_par_val: %s", {F::persist_servers}},
       {K::timeouts, "ruvo_worker::init | get timeout cfg, connect_timeout:%d (ms), socket_timeout:%d (ms)", {F::connect_timeout, F::socket_timeout}},
       {K::options, "ruvo_redis::init | auto_pipelining:%s, eject_silent_servers:%s, try_ejected_servers:%s, log_limit:%d, call_timeout:%d (ms)", {F::auto_pipelining, F::eject_silent_servers, F::try_ejected_servers, F::log_limit, F::call_timeout}},
+      {K::options, "ruvo_redis::init | raw_commands_stay_in_pool:%s, start_without_servers:%s, failover_replies:%s, send_once:%s, wait_for_servers:%s, stats_file:%s, slow_call_log:%d (ms)", {F::raw_commands_stay_in_pool, F::start_without_servers, F::failover_replies, F::send_once, F::wait_for_servers, F::stats_file, F::slow_call_log}},
       {K::addresses, "ruvo_redis::init | temp_server addr = %s, persist_server addr = %s.", {F::temp_servers, F::persist_servers}},
       {K::addresses, "ruvo_redis::init | temp_server addr = %s", {F::temp_servers}},  // cut at the end of the log's buffer
       {K::invalid_address, "ruvo_redis::init_server_pool | invalid server addr:%s", {F::error}},

@@ -20,7 +20,7 @@ enum class EventKind {
   configuration_path,  // of the second file
   configured_servers,  // an ERROR line that tells of nothing wrong
   timeouts,
-  options,
+  options,  // two lines
   addresses,
   invalid_address,
   pool_settings,
@@ -73,13 +73,20 @@ enum class Field {
   auto_eject,
   failure_limit,
   retry_timeout,    // seconds
-  connect_timeout,  // milliseconds, like the next two
+  connect_timeout,  // milliseconds, like the next three
   socket_timeout,
   call_timeout,
+  slow_call_log,
   auto_pipelining,
   eject_silent_servers,
   try_ejected_servers,
   log_limit,
+  raw_commands_stay_in_pool,
+  start_without_servers,
+  failover_replies,
+  send_once,
+  wait_for_servers,
+  stats_file,
   lines
 };
 
