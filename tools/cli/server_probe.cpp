@@ -87,8 +87,8 @@ Probe probe_server(const std::string& text, const site_settings& site, std::size
   }
   const int connect_ms = limit_of(site.limits.connect_timeout);
   const int answer_ms = limit_of(site.limits.socket_timeout);
-  const Context context(redisConnectWithTimeout(
-      addr->ip_.c_str(), static_cast<int>(addr->port_), to_timeval(connect_ms)));
+  const Context context(redisConnectWithTimeout(addr->ip_.c_str(), static_cast<int>(addr->port_),
+                                                to_timeval(connect_ms)));
   if (!context || context->err != 0) {
     return not_connected(context ? context->errstr : "out of memory", connect_ms);
   }
