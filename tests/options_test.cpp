@@ -353,30 +353,4 @@ TEST_F(Options, CallTimeoutIsTheSecondCommandsOwn) {
   EXPECT_EQ(log_.count_containing("call time-out"), 0);
 }
 
-// Of those that wait at a server, who is late for a second visit sends nothing, leading or not.
-TEST_F(Options, CallTimeoutLeavesThoseThatWaitOutOfTheBatch) {
-  std::atomic<int> sent{0};
-  std::atomic<bool> is_open{false};
-  const ScriptedServer slow([&](const std::vector<std::string>&) {
-    ++sent;
-    is_open.wait(false);
-    return nil;
-  });
-  start("auto_pipelining = true\ncall_timeout = 500", down_.addr() + "," + slow.addr());
-  std::vector<std::jthread> threads;
-  for (const std::int64_t turn : {1, 0, 1, 0}) {  // the first holds the slow server's connection
-    std::atomic_ref(pool_in(*client_).server_count_).store(turn);
-    const std::atomic_ref line(server(1).context_arr_[0].line_);
-    waiting_call* const newest = line.load();
-    threads.emplace_back([this] { get(); });
-    EXPECT_TRUE(eventually([&] { return line.load() != newest; }));
-  }
-  std::this_thread::sleep_for(milliseconds(550));
-  is_open = true;
-  is_open.notify_all();
-  threads.clear();
-  EXPECT_EQ(sent, 2);  // the one that was held, and the one on its first visit
-  EXPECT_EQ(log_.count_containing("call time-out of 500 ms has passed"), 2);
-}
-
 }  // namespace

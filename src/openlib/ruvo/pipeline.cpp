@@ -1,16 +1,14 @@
 #include "pipeline.h"
 
-#include <linux/futex.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
 #include "connection.h"
+#include "futex.h"
 #include "server_pool.h"
 #include "slot_lock.h"
 
@@ -18,23 +16,6 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 using place = queued_call::place;
-
-// Sleeps while the signal has this value, until then at the latest.
-void sleep_on(const std::atomic<std::uint32_t>& signal, std::uint32_t value, time_point until) {
-  timespec end{};
-  if (until != no_deadline) {
-    const std::chrono::nanoseconds at = until.time_since_epoch();
-    end.tv_sec = static_cast<std::time_t>(at.count() / 1000000000);
-    end.tv_nsec = static_cast<long>(at.count() % 1000000000);
-  }
-  // Steady time, absolute.
-  ::syscall(SYS_futex, &signal, FUTEX_WAIT_BITSET_PRIVATE, value,
-            until != no_deadline ? &end : nullptr, nullptr, FUTEX_BITSET_MATCH_ANY);
-}
-
-void wake(const std::atomic<std::uint32_t>* signal) {
-  ::syscall(SYS_futex, signal, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-}
 
 void add_user(pipeline_state& line, std::uint32_t count) {
   std::atomic_ref(line.users).fetch_add(count, std::memory_order_relaxed);
@@ -52,6 +33,14 @@ bool is_look_due(const pipeline_state& line, time_point now) {
   const auto interval =
       std::max<std::chrono::nanoseconds>(look_interval, look_round_trips * line.known_round_trip);
   return now - line.last_look >= interval;
+}
+
+// Before a write with nothing in flight: a command that must not be sent again is not to be lost on
+// a connection that its server has closed.
+bool needs_look(const pipeline_state& line, time_point now) {
+  const queued_call* const next = line.head();
+  return is_look_due(line, now) ||
+         (next != nullptr && next->must_not_resend && !next->is_second_send && !line.has_looked);
 }
 
 // Is it the turn of a command that goes alone? It comes after the second sends.
@@ -207,8 +196,7 @@ void pipelined_call::give_up(const char* reason) {
   lock.lock();
   call_.error = connection_error(REDIS_ERR_OOM, reason);
   // Only the first of those that have met the same event.
-  call_.counts_failure =
-      call_.sent_after == slot_.rebuilds_ && !line_.is_ending && !is_broken();
+  call_.counts_failure = call_.sent_after == slot_.rebuilds_ && !line_.is_ending && !is_broken();
   if (call_.counts_failure) {
     line_.is_ending = true;
     line_.end = call_.error;
@@ -348,7 +336,8 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
     return write_chance::on_event;
   }
   if (is_turn_of_alone(line_)) {
-    return line_.in_flight.empty() && !line_.is_writing ? write_chance::now : write_chance::on_event;
+    return line_.in_flight.empty() && !line_.is_writing ? write_chance::now
+                                                        : write_chance::on_event;
   }
   if (line_.unsent.empty() || (!line_.in_flight.empty() && is_look_due(line_, now))) {
     return write_chance::on_event;
@@ -356,14 +345,15 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
   if (line_.is_writing) {
     return write_chance::after_pause;
   }
-  const bool at_once = line_.in_flight.size() < direct_sends || has_replied ||
-                       now - line_.last_write >= line_.pause;
+  const bool at_once =
+      line_.in_flight.size() < direct_sends || has_replied || now - line_.last_write >= line_.pause;
   return at_once ? write_chance::now : write_chance::after_pause;
 }
 
 void pipelined_call::put_in_flight(queued_call& call, time_point now) {
   call.where = place::in_flight;
   call.sent_at = now;
+  call.was_sent = true;
   call.sent_after = slot_.rebuilds_;
   call.to_skip = line_.to_skip;
   set_to_skip(line_, 0);
@@ -394,7 +384,7 @@ std::size_t pipelined_call::take_batch(std::span<queued_call*> batch, time_point
 }
 
 void pipelined_call::write(guard& lock, time_point now) {
-  if (line_.in_flight.empty() && line_.to_skip == 0 && is_look_due(line_, now)) {
+  if (line_.in_flight.empty() && line_.to_skip == 0 && needs_look(line_, now)) {
     look_whether_in_step(lock, now);
     return;
   }
@@ -421,6 +411,7 @@ void pipelined_call::write(guard& lock, time_point now) {
     return iovec{call->wire->bytes() + call->written, call->wire->length() - call->written};
   });
   line_.is_writing = true;
+  line_.has_looked = false;
   line_.last_write = now;
   line_.pause = count > 1 ? write_pause : pause_after_single;
   lock.unlock();
@@ -460,7 +451,7 @@ void pipelined_call::put_back(queued_call& call) {
   line_.in_flight.remove(call);
   set_to_skip(line_, line_.to_skip + std::exchange(call.to_skip, 0));
   if (call.written == 0) {
-    call.sent_at = time_point();
+    call.was_sent = false;
   }
   const bool returns_alone = line_.is_alone && call.written == 0;
   call.where = returns_alone ? place::alone : place::unsent;
@@ -485,8 +476,7 @@ void pipelined_call::stop_writing(int error) {
 // The socket is full: the head of the queue waits until it takes more.
 void pipelined_call::wait_until_writable(guard& lock) {
   const auto timeout = terms_.limits.socket_timeout;
-  const time_point end =
-      timeout.count() > 0 ? line_.last_write + timeout : no_deadline;
+  const time_point end = timeout.count() > 0 ? line_.last_write + timeout : no_deadline;
   line_.is_writing = true;
   lock.unlock();
   const wait_end waited = wait_for_peer(*slot_.context_, POLLOUT, std::min(end, call_.deadline));
@@ -512,13 +502,12 @@ void pipelined_call::look_whether_in_step(guard& lock, time_point now) {
   if (quiet > now) {
     wait_for_peer(*slot_.context_, POLLIN, quiet);
   }
-  char byte = 0;
-  const bool is_out_of_step =
-      ::recv(slot_.context_->fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+  const connection_error found = look_at(*slot_.context_);
   lock.lock();
   line_.is_writing = false;
-  if (is_out_of_step) {
-    line_.end = out_of_step_error();
+  line_.has_looked = true;
+  if (found.code != 0) {
+    line_.end = found;
     break_off();
   }
   settle(lock);
@@ -532,8 +521,7 @@ void pipelined_call::read(guard& lock, time_point now) {
   const time_point due =
       timeout.count() > 0 ? std::max(call_.sent_at, line_.last_arrival) + timeout : no_deadline;
   std::array<reply_ptr, max_write_commands> replies;
-  const std::size_t most =
-      std::min(replies.size(), line_.in_flight.size() + call_.to_skip);
+  const std::size_t most = std::min(replies.size(), line_.in_flight.size() + call_.to_skip);
   std::size_t count = 0;
   const auto take_replies = [&] {
     while (count < most && (replies[count] = next_reply(context))) {

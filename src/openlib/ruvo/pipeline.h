@@ -75,28 +75,29 @@ class call_list {
 
 // What a slot knows of the calls that share it. Guarded by the slot's lock, but for `users`.
 struct pipeline_state {
-  call_list unsent;     // second sends first
-  call_list alone;      // to be sent with nothing else in flight
+  call_list unsent;  // second sends first
+  call_list alone;   // to be sent with nothing else in flight
   call_list in_flight;
   std::uint32_t to_skip = 0;  // replies of calls that have left, due after all of in_flight
   bool is_reading = false;
   bool is_writing = false;
   bool is_rebuilding = false;
-  bool is_blocked = false;      // the socket takes no more bytes
-  bool is_alone = false;        // what is in flight went alone
-  bool is_ending = false;       // takes no more commands; given up once nothing is in flight
+  bool is_blocked = false;  // the socket takes no more bytes
+  bool is_alone = false;    // what is in flight went alone
+  bool is_ending = false;   // takes no more commands; given up once nothing is in flight
   bool has_failed_to_write = false;
-  bool is_broken = false;       // the break waits for a thread that reads or writes
-  bool has_answered = false;    // since it was opened
+  bool is_broken = false;        // the break waits for a thread that reads or writes
+  bool has_answered = false;     // since it was opened
   bool silence_counted = false;  // as a failure of the server
-  connection_error end;         // why it is given up
+  bool has_looked = false;       // whether it is in step, since the last write
+  connection_error end;          // why it is given up
   time_point last_write{};
   std::chrono::microseconds pause{0};  // after it
-  time_point last_arrival{};  // of bytes
+  time_point last_arrival{};           // of bytes
   time_point last_look{};
-  std::chrono::nanoseconds round_trip{0};       // the shortest since the last look,
+  std::chrono::nanoseconds round_trip{0};        // the shortest since the last look,
   std::chrono::nanoseconds known_round_trip{0};  // and before it
-  std::uint64_t forks = 0;  // how often the process has forked into this one
+  std::uint64_t forks = 0;                       // how often the process has forked into this one
   std::uint32_t users = 0;  // calls at the slot, through atomic references; one more while
                             // replies of calls that have left are due
 

@@ -197,7 +197,7 @@ found_options find_options(const vop_config& config, const fault_listener& refus
       if (text != nullptr && !parse(key, text, read)) {
         why = key.kind == kind::truth ? setting_fault::no_truth : setting_fault::no_number;
       } else if (text != nullptr && is_idle && read != value) {
-        why = setting_fault::no_deadline;
+        why = setting_fault::lacks_deadline;
       }
       if (text != nullptr && !why) {
         value = read;
