@@ -4,6 +4,7 @@
 work=$(mktemp -d)
 declare -A pid_of   # what the script has started, by name
 stop_all() {
+  trap '' INT TERM  # once is enough
   for name in "${!pid_of[@]}"; do
     kill "${pid_of[$name]}" 2>/dev/null || true
     wait "${pid_of[$name]}" 2>/dev/null || true

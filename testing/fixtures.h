@@ -62,7 +62,7 @@ class HostConfig {
 std::string pools_at(const std::string& temp, const std::string& persist,
                      const std::string& personality);
 
-// All three pools at the same servers, and time-outs of a second.
+// All three pools at the same servers, and timeouts of a second.
 std::string all_pools_at(const std::string& addrs);
 
 // Keeps the progress lines of start-up out of the output while it lives.

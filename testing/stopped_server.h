@@ -12,7 +12,7 @@ struct StoppedServer {
   int before = 10;   // seconds; then one server is stopped,
   int stopped = 60;  // for so long,
   int after = 10;    // and goes on
-  std::string keys;  // of section common, besides the time-outs
+  std::string keys;  // of section common, besides the timeouts
 };
 
 constexpr int stopped_socket_timeout_ms = 200;

@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 
 namespace {
+
+constexpr const char* recommended_defaults = "recommended_defaults";
 
 // The replies that servers give now and that would end a call, with the servers.
 std::map<std::string, std::string> final_replies(const StartupReport& report) {
@@ -25,14 +28,44 @@ std::map<std::string, std::string> final_replies(const StartupReport& report) {
   return servers;
 }
 
-Advice for_failover_replies(const StartupReport& report) {
-  Advice advice{"failover_replies", "", "calls fail over where they end now:"};
+// What recommended_defaults would change; nothing where the file has it, or each of its keys.
+std::optional<Advice> for_new_site(const StartupReport& report) {
+  vop_config file;
+  file.open(report.redis_config.c_str());
+  const auto is_absent = [&file](const setting& key) {
+    return file.get_str_val(key.section, key.name.c_str()) == nullptr;
+  };
+  Advice advice;
+  std::string changes;
+  for (const setting& key : all_settings()) {
+    if (!key.is_option() || *key.recommended == '\0') {
+      continue;
+    }
+    if (key.name == recommended_defaults) {
+      if (!is_absent(key)) {
+        return std::nullopt;
+      }
+      advice = {key.name, key.recommended, "gives what a new site should have:"};
+    } else if (is_absent(key)) {
+      changes += (changes.empty() ? " " : ", ") + key.name + " " + key.recommended;
+    }
+  }
+  advice.reason += changes;
+  return changes.empty() ? std::nullopt : std::optional(advice);
+}
+
+std::optional<Advice> for_failover_replies(const StartupReport& report) {
+  const std::map<std::string, std::string> replies = final_replies(report);
+  if (replies.empty()) {
+    return std::nullopt;
+  }
+  Advice advice{"failover_replies", "", "lets calls fail over where they end now:"};
   for (const std::string& handled : report.configuration.options.failover_replies) {
     advice.value += handled + ",";
   }
-  for (const auto& [reply, servers] : final_replies(report)) {
+  for (const auto& [reply, servers] : replies) {
     advice.value += reply + ",";
-    advice.reason += " " + reply + " from " + servers + ";";
+    advice.reason += " at " + reply + " from " + servers + ",";
   }
   advice.value.pop_back();
   advice.reason.pop_back();
@@ -42,22 +75,11 @@ Advice for_failover_replies(const StartupReport& report) {
 }  // namespace
 
 std::vector<Advice> advise(const StartupReport& report) {
-  vop_config file;
-  file.open(report.redis_config.c_str());
   std::vector<Advice> all;
-  for (const setting& key : all_settings()) {
-    const bool is_absent = file.get_str_val(key.section, key.name.c_str()) == nullptr;
-    const bool is_followed =  // it already is what the advice would be
-        value_text(key, report.configuration.options) == key.recommended;
-    if (key.is_option() && *key.recommended != '\0' && is_absent && !is_followed &&
-        !report.configuration.options.recommended_defaults) {
-      all.push_back({key.name, key.recommended, key.meaning});
+  for (const auto& advice : {for_new_site(report), for_failover_replies(report)}) {
+    if (advice) {
+      all.push_back(*advice);
     }
-  }
-  const bool is_advised =
-      std::ranges::any_of(all, [](const Advice& one) { return one.key == "failover_replies"; });
-  if (!is_advised && !final_replies(report).empty()) {
-    all.push_back(for_failover_replies(report));
   }
   return all;
 }

@@ -134,11 +134,11 @@ std::string told_text(const StartupReport& report) {
 }
 
 std::string advice_text(const std::vector<Advice>& advice) {
-  std::vector<std::vector<std::string>> rows;
+  std::string text;
   for (const Advice& one : advice) {
-    rows.push_back({one.key + " = " + one.value, one.reason});
+    text += one.key + " = " + one.value + " " + one.reason + "\n";
   }
-  return columns(rows);
+  return text;
 }
 
 std::string report_text(const Options& options, const StartupReport& report,
