@@ -150,7 +150,7 @@ TEST(CliCheck, AdvisesTheKeysThatAreMissing) {
   std::string all_keys;
   for (const setting& key : all_settings()) {
     if (key.is_option() && key.name != "recommended_defaults" && *key.recommended != '\0') {
-      all_keys += key.name + " = " + default_text(key) + "\n";
+      all_keys += key.name + " = " + key.recommended + "\n";
     }
   }
   const struct {
