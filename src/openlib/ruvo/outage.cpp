@@ -88,10 +88,7 @@ bool pool_outage::join(const log_names& names, time_point began, time_point dead
 }
 
 void pool_outage::sleep(time_point until) const {
-  const std::uint32_t ended = ended_.load(std::memory_order_acquire);
-  if (is_on()) {
-    sleep_on(ended_, ended, until);
-  }
+  sleep_on(ended_, ended_.load(std::memory_order_acquire), until);
 }
 
 void pool_outage::end(const log_names& names) {

@@ -73,7 +73,9 @@ class visitor {
       redis_.update_server_ok(&server_);  // a rebuilt connection alone would not do
     }
     count_end(end);
-    return {end_of_visit(end), end == send_end::replied ? call_.take_reply() : std::move(refusal_)};
+    const bool was_sent = call_.state().was_sent && !refusal_;
+    return {end_of_visit(end), was_sent,
+            end == send_end::replied ? call_.take_reply() : std::move(refusal_)};
   }
 
  private:

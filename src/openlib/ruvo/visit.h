@@ -18,6 +18,7 @@ enum class visit_end { replied, unanswered, may_have_run, out_of_time, lock_fail
 
 struct visit_result {
   visit_end end;
+  bool was_sent;    // a byte of the command may have reached the server
   reply_ptr reply;  // also of a server that says it will not serve, where the visit is unanswered
 };
 

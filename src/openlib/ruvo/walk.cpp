@@ -16,7 +16,7 @@ using clock = std::chrono::steady_clock;
 
 constexpr std::size_t visits_per_server = 2;
 
-// A call whose walk fails while other calls are answered walks again so often.
+// A command that servers leave unanswered while they answer others is sent in so many walks.
 constexpr int most_walks_beside_answers = 3;
 
 // Who waits for servers looks so often whether one may be tried.
@@ -133,7 +133,8 @@ class walker {
   const command& command_;
   server_pool& pool_;
   pool_outage::log_names names_;
-  reply_ptr refusal_;  // the latest of a server that will not serve
+  reply_ptr refusal_;      // the latest of a server that will not serve
+  bool has_sent_ = false;  // in the latest walk, without a reply
   call_times times_;
   call_times* timed_ = nullptr;
   time_point begin_{};
@@ -144,6 +145,7 @@ class walker {
 // one could be held for a whole retry timeout by a server that accepts connections and never
 // answers.
 walk_end walker::walk_once(reply_ptr& reply) {
+  has_sent_ = false;
   server_choice choice = redis_.choose_server(command_.pool, -1);
   if (choice.server == nullptr) {
     return walk_end::no_server_at_start;
@@ -180,6 +182,7 @@ walk_end walker::walk_once(reply_ptr& reply) {
           case visit_end::unanswered:
             break;
         }
+        has_sent_ = has_sent_ || result.was_sent;
         if (result.reply) {
           refusal_ = std::move(result.reply);
         }
@@ -231,23 +234,22 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
     if (pool_.servers_.empty()) {
       return end;
     }
-    if (pool_.outage_.has_answered() && !pool_.outage_.is_on()) {
-      if (++walks_beside_answers > most_walks_beside_answers) {
-        return end;  // the command itself is what fails
-      }
-    } else if (!pool_.outage_.join(names_, began, command_.deadline)) {
+    const bool others_are_answered = pool_.outage_.has_answered() && !pool_.outage_.is_on();
+    if (others_are_answered && has_sent_ && ++walks_beside_answers > most_walks_beside_answers) {
+      return end;  // the command itself is what fails
+    }
+    if (!others_are_answered && !pool_.outage_.join(names_, began, command_.deadline)) {
       return end;
-    } else {
-      time_point next_try = no_deadline;
-      for (server_node& server : pool_.servers_) {
-        next_try = std::min(next_try, next_probe(server.probe_));
-      }
-      const time_point now = clock::now();
-      pool_.outage_.sleep(std::min(command_.deadline,
-                                   std::clamp(next_try, now + shortest_wait, now + longest_wait)));
-      if (has_passed(command_.deadline)) {
-        continue;
-      }
+    }
+    time_point next_try = no_deadline;
+    for (server_node& server : pool_.servers_) {
+      next_try = std::min(next_try, next_probe(server.probe_));
+    }
+    const time_point now = clock::now();
+    pool_.outage_.sleep(std::min(command_.deadline,
+                                 std::clamp(next_try, now + shortest_wait, now + longest_wait)));
+    if (has_passed(command_.deadline)) {
+      continue;
     }
     end = walk_once(reply);
   }
