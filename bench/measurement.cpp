@@ -12,7 +12,7 @@
 #include <thread>
 #include <utility>
 
-#include "distance.h"
+#include "tcp_proxy.h"
 
 namespace {
 
@@ -82,13 +82,13 @@ Share call_through(const Period& period, LatencyHistogram& latency, const Call& 
   return share;
 }
 
-// The way to the server: that of loopback, or one that takes longer.
-class Way : NoCopy {
+// The path to the server: loopback, or a proxy that delays.
+class Path : NoCopy {
  public:
-  Way(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
+  Path(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
     if (round_trip.count() > 0) {
-      distance_.emplace(port_, round_trip / 2);
-      port_ = distance_->port();
+      proxy_.emplace(port_, round_trip / 2);
+      port_ = proxy_->port();
     }
   }
   int port() const { return port_; }
@@ -96,7 +96,7 @@ class Way : NoCopy {
 
  private:
   int port_;
-  std::optional<Distance> distance_;
+  std::optional<TcpProxy> proxy_;
 };
 
 // The library as a slice wants it. It is started anew when the slice wants the other kind.
@@ -170,10 +170,10 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   if (one.info_log) {
     log.emplace();
   }
-  const Way way(redis, one.round_trip);
-  LibraryOfSlices library(way.addr(), one.connections);
-  BareConnections bare(way.port(), one.threads, pace.bare_time_out);
-  HandWrittenPool pool(way.port(), one.connections);
+  const Path path(redis, one.round_trip);
+  LibraryOfSlices library(path.addr(), one.connections);
+  BareConnections bare(path.port(), one.threads, pace.bare_timeout);
+  HandWrittenPool pool(path.port(), one.connections);
   const Operation& operation = *one.operation;
 
   // Over a distance a slice must hold the round trips of all threads one after the other, twice.

@@ -5,7 +5,8 @@
 #   scripts/bench.sh [FOLDER] [OPTION...]
 #       FOLDER   where performance.csv and the pictures go (build/plots); docs/figures for those of the guide,
 #                whose tables are then made anew too
-#       OPTION   of the benchmark, as --full or --rounds 5; --help lists them
+#       OPTION   of the benchmark, as --full or --rounds 5; --help lists them. One that chooses points
+#                (--operation, --bytes, --threads, --connections) leaves the pictures and their data alone.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=build/plots
@@ -16,8 +17,17 @@ if [ "$folder" -ef docs/figures ]; then guide=(docs/performance.md); fi
 scripts/deps.sh build bench
 cmake --preset bench >/dev/null
 cmake --build --preset bench --target ruvo_bench
+for option in "$@"; do
+  case $option in
+    --help | -h) sed -nE '/^#!/d; /^#/!q; s/^# ?//p' scripts/bench.sh ;;&
+    --help | -h | --operation* | --bytes* | --threads* | --connections*) exec build/bench/bench/ruvo_bench "$@" ;;
+  esac
+done
 mkdir -p "$folder"
-build/bench/bench/ruvo_bench --csv "$folder/performance.csv" "$@"
+measured=$(mktemp)
+trap 'rm -f "$measured"' EXIT
+build/bench/bench/ruvo_bench --csv "$measured" "$@"
+cp "$measured" "$folder/performance.csv"  # whole, or as it was
 echo
 bench/tables.py "$folder/performance.csv" "${guide[@]}"
 

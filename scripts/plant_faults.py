@@ -5,7 +5,7 @@
     scripts/plant_faults.py 3 17 --only walk     rows by number; those with this text
     scripts/plant_faults.py --tests walk,raw     tried with these tests only
     scripts/plant_faults.py --idle               lists the tests that have noticed none of these rows, too
-    scripts/plant_faults.py --list               the rows, without trying them
+    scripts/plant_faults.py --list               the rows, without trying them: do they apply?
 
 Each of the --jobs works in a copy of the tree with a build folder of its own, which it keeps for all
 of its rows, and with --folder for the next time as well. The test programs that stand behind a file's
@@ -14,7 +14,7 @@ Where none stands, any program may catch the fault, and the row ends with the fi
 text does not stand in its file exactly once, or that does not compile, is an error of the table. The exit
 status is 0 when every fault was caught, 1 when one was not, 2 when a row is in error.
 
-Not part of the regular checks: it takes a build and a run of the tests for every row.
+The regular checks run --list only: all the rest takes a build and a run of the tests for every row.
 """
 
 import argparse
@@ -87,6 +87,7 @@ class Workplace:
     catches = collections.Counter()  # of faults in a file, by program
     known = set()  # tests that have run, as "program Suite.Name"
     noticed = collections.Counter()  # faults, by test
+    interrupted = False
 
     def __init__(self, folder, faults, wanted):
         self.tree = pathlib.Path(folder) / "tree"
@@ -120,6 +121,8 @@ class Workplace:
             shutil.copy(source, target)
 
     def run(self, command):
+        if Workplace.interrupted:
+            raise RuntimeError("interrupted")
         # The compiler's cache serves any workplace.
         cache = {"CCACHE_BASEDIR": str(self.tree.parent.resolve()), "CCACHE_NOHASHDIR": "1"}
         done = subprocess.run(command, env={**os.environ, **NO_WARNINGS, **cache},
@@ -132,9 +135,10 @@ class Workplace:
         """The tests of a program that fail."""
         begin = time.monotonic()
         with tempfile.TemporaryFile("w+", errors="replace") as output:
-            process = subprocess.Popen([self.build / "tests" / test], stdin=subprocess.DEVNULL,
-                                       stdout=output, stderr=subprocess.DEVNULL,
-                                       start_new_session=True)
+            # In a session of its own CTRL-C does not reach it; it ends with this process.
+            process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", self.build / "tests" / test],
+                                       stdin=subprocess.DEVNULL, stdout=output,
+                                       stderr=subprocess.DEVNULL, start_new_session=True)
             try:
                 status = process.wait(TEST_TIMEOUT)
             except subprocess.TimeoutExpired:
@@ -187,7 +191,7 @@ def work(folder, faults, tests, waiting, report):
     except (RuntimeError, OSError) as error:
         report(None, f"no workplace: {error}")
         return
-    while True:
+    while not Workplace.interrupted:
         try:
             fault = waiting.get_nowait()
         except queue.Empty:
@@ -230,20 +234,27 @@ def main():
                 print(fault)
         except (ValueError, OSError) as error:
             report(fault, f"ERROR: {error}")
-    if not arguments.list and not errors:
+    if arguments.list:
+        print(f"{len(faults)} faults, {len(errors)} do not apply")
+    elif not errors:
         waiting = queue.Queue()
         for fault in faults:
             waiting.put(fault)
         with (contextlib.nullcontext(arguments.folder) if arguments.folder
-              else tempfile.TemporaryDirectory(prefix="ruvo-faults-")) as folder:
+              else tempfile.TemporaryDirectory(prefix="ruvo-faults-", ignore_cleanup_errors=True)) as folder:
             tests = [name + "_test" for name in (arguments.tests or "").split(",") if name]
             jobs = [threading.Thread(target=work, daemon=True,
                                      args=(f"{folder}/{job}", faults, tests, waiting, report))
                     for job in range(arguments.jobs)]
             for job in jobs:
                 job.start()
-            for job in jobs:
-                job.join()
+            try:
+                for job in jobs:
+                    job.join()
+            except KeyboardInterrupt:
+                signal.signal(signal.SIGINT, signal.SIG_IGN)  # once is enough
+                Workplace.interrupted = True
+                sys.exit(130)
         print(f"\n{len(faults)} faults, {len(missed)} not caught, {len(errors)} errors")
         for fault in sorted(missed, key=lambda fault: fault.number):
             print(fault)

@@ -128,11 +128,11 @@ TEST(Connection, ATornContextIsClosedAndNotFreed) {
     ASSERT_NE(old_socket, 0U);
     old->reader->fn = &counting;
     old->reader->reply = &counting;
-    slot.is_torn_ = is_torn;
+    slot.was_used_at_fork_ = is_torn;
     replace_context(slot, open());
     EXPECT_NE(socket_at(fd), old_socket);
     EXPECT_EQ(freed, is_torn ? 0 : 1);
-    EXPECT_FALSE(slot.is_torn_);
+    EXPECT_FALSE(slot.was_used_at_fork_);
     replace_context(slot, nullptr);
     if (is_torn) {
       old->fd = -1;

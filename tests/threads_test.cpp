@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "every_operation.h"
+#include "fixtures.h"
 #include "host.h"
-#include "sandbox.h"
 
 namespace {
 
