@@ -87,7 +87,7 @@ class ServerWatch {
       for (Server& server : servers_) {
         server.is_visited = false;
       }
-      RUVO_ExistsKey(probe_key, pool, nullptr);
+      [[maybe_unused]] const int ret = RUVO_ExistsKey(probe_key, pool, nullptr);  // the log tells
       leave();
     }
   }

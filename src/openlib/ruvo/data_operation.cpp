@@ -4,6 +4,7 @@
 #include <new>
 
 #include "ruvo_redis.h"
+#include "statistics.h"
 
 namespace {
 
@@ -72,6 +73,7 @@ bool has_type(const data_operation& operation, const redisReply& reply, int type
   if (reply.type == type) {
     return true;
   }
+  note_cause(RUVO_STATS_UNEXPECTED_REPLY);
   if (operation.policy == unexpected_type::warned_with_key) {
     RUVO_LOG_SHARED(BaseLib::Logger::WARN, operation.origin, 0,
                     "%s | key:%s, unexpected reply type:%d", operation.origin, key, reply.type);

@@ -57,6 +57,20 @@ std::size_t servers_of_all_pools(const ruvo_redis& redis, RedisServerType) {
          servers_of_pool(redis, ePersonalityServer);
 }
 
+// Why a call has failed, for the statistics.
+ruvo_stats_result cause_of(walk_end end) {
+  switch (end) {
+    case walk_end::out_of_time:
+      return RUVO_STATS_DEADLINE;
+    case walk_end::may_have_run:
+      return RUVO_STATS_MAY_HAVE_RUN;
+    case walk_end::lock_failed:
+      return RUVO_STATS_OTHER_FAILURE;
+    default:
+      return RUVO_STATS_NO_SERVER;
+  }
+}
+
 // A server that is being tried is given back when the visit has ended, however that was.
 class probe_guard {
  public:
@@ -99,6 +113,9 @@ class walker {
     if (end != walk_end::replied && end != walk_end::lock_failed && refusal_) {
       reply = std::move(refusal_);
       end = walk_end::replied;
+    }
+    if (end != walk_end::replied) {
+      note_cause(cause_of(end));
     }
     if (timed_ != nullptr) {
       log_slow_call();
