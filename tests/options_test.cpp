@@ -1,4 +1,4 @@
-// What a site may switch on: what each key does. The clock of the log's limit is the test's.
+// What a site may switch on: what each key does.
 #include "options.h"
 
 #include <gtest/gtest.h>
@@ -8,19 +8,7 @@
 #include <thread>
 
 #include "client.h"
-#include "log_line.h"
 #include "servers.h"
-
-namespace {
-std::atomic<std::time_t> fixed_time{0};  // 0: the system's
-}
-
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names, see --wrap
-extern "C" std::time_t __real_time(std::time_t* result);
-extern "C" std::time_t __wrap_time(std::time_t* result) {
-  return fixed_time != 0 ? fixed_time.load() : __real_time(result);
-}
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
@@ -56,10 +44,6 @@ const std::string passwords = "p_password = x\nt_password = x\nps_password = x\n
 
 class Options : public testing::Test {
  protected:
-  ~Options() override {
-    set_log_limit(0);
-    fixed_time = 0;
-  }
   void start(const std::string& options, const std::string& addrs, const std::string& server = "") {
     client_ = std::make_unique<ruvo_redis>();
     init_client(*client_, HostConfig(options + "\nconnect_timeout = 2000\nsocket_timeout = 2000\n" +
@@ -86,46 +70,6 @@ class Options : public testing::Test {
   std::unique_ptr<ruvo_redis> client_;
   LogCapture log_;
 };
-
-// All lines of start-up and shut-down are written, whatever the limit; after it none holds.
-TEST_F(Options, BeginFromOffAtEveryStartUp) {
-  static std::time_t of_this_run = 1000;
-  fixed_time = ++of_this_run;
-  const ScriptedServer good(nil);
-  const std::string addrs = good.addr() + "," + down_.addr() + "," + down_.addr();
-  ruvo_redis client;
-  ASSERT_EQ(init_client(client, HostConfig("try_ejected_servers = true\nlog_limit = 1\n" +
-                                           pools_at(addrs, addrs, addrs))),
-            0);
-  EXPECT_EQ(log_.count_containing("connect to node"), 6);
-  std::string before;
-  for (const LogCapture::Line& line : log_.take()) {
-    if (line.text.find("auto_pipelining:") != std::string::npos) {
-      EXPECT_NE(before.find("get timeout cfg"), std::string::npos);
-    }
-    before = line.text;
-  }
-  redisReply* none = nullptr;
-  for (int i = 0; i < 3; ++i) {
-    client.do_exec_command(nullptr, none, false, eTempServer, "PING");
-  }
-  EXPECT_EQ(log_.count_containing("key is NULL"), 1);
-  EXPECT_EQ(client.fini(), RUVO_OK);
-  const auto try_three_times = [&] {
-    for (int i = 0; i < 3; ++i) {
-      client.fini();
-      client.delete_key("k", eTempServer, nullptr);
-    }
-  };
-  try_three_times();
-  EXPECT_EQ(log_.count_containing("redis is not initialized"), 6);
-  set_log_limit(1);
-  try_three_times();
-  EXPECT_EQ(log_.count_containing("redis is not initialized"), 10);
-  ASSERT_EQ(init_client(client, HostConfig(pools_at(addrs, addrs, addrs))), 0);
-  EXPECT_FALSE(client.options().try_ejected_servers);
-  EXPECT_EQ(client.options().log_limit, 0);
-}
 
 TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
   // clang-format off
@@ -247,45 +191,6 @@ TEST_F(Options, TryEjectedServersLetsNoCallFailWhereOneIsUp) {
     target.restart();
   }
   EXPECT_GT(log_.count_containing("all servers invalid"), 0);
-}
-
-TEST_F(Options, LogLimitKeepsLinesOfAKindBackAndTellsHowMany) {
-  const auto write = [](int number) {
-    RUVO_LOG(WARN, "one kind %d", number);
-    RUVO_LOG(ERROR, "other kind %d", number);
-    RUVO_LOG(INFO, "no trouble");
-  };
-  const auto counts = [this](int one, int other, int info) {
-    EXPECT_EQ(log_.count_containing("one kind"), one);
-    EXPECT_EQ(log_.count_containing("other kind"), other);
-    EXPECT_EQ(log_.count_containing("no trouble"), info);
-  };
-  set_log_limit(1);
-  for (fixed_time = 1000; fixed_time < 1002; fixed_time = fixed_time + 1) {
-    for (int i = 0; i < 10; ++i) {
-      write(i);
-    }
-  }
-  counts(2, 2, 20);
-  fixed_time = 1001;  // again the second that has had its lines
-  const std::string told = "ruvo_redis::log_limit | 9 lines like the next one were kept back";
-  EXPECT_EQ(log_.count(WARN, told), 2);  // of each kind
-  const std::vector<LogCapture::Line> lines = log_.take();
-  const auto at = std::find(lines.begin(), lines.end(), LogCapture::Line{WARN, told});
-  ASSERT_NE(at, lines.end());
-  EXPECT_EQ(at[1].text, "one kind 0");
-  {
-    const unlimited_log all;
-    { const unlimited_log within; }
-    write(0);
-  }
-  write(0);
-  fixed_time = 1000;  // as a thread sees it that looked at the clock just before the others
-  std::thread([&] { write(0); }).join();
-  counts(1, 1, 3);
-  set_log_limit(0);
-  write(0);
-  counts(2, 2, 4);
 }
 
 // What a call of 100 ms starts and does not start any more once a step has taken longer.
