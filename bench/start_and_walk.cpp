@@ -65,7 +65,7 @@ double call_time(const Servers& servers, Logger::LogLevel level, const RedisServ
                               "socket_timeout = 10000\n",
                           "p_server_failure_limit = 1\np_server_retry_timeout = 3600");
   const StartedLibrary library(config.path());
-  const auto call = [] { RUVO_ExistsKey("key", eTempServer, nullptr); };
+  const auto call = [] { return RUVO_ExistsKey("key", eTempServer, nullptr); };
   for (int i = 0; i < 2 * (servers.up + servers.down); ++i) {
     call();  // until what is down is ejected
   }
