@@ -172,7 +172,7 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   }
   const Path path(redis, one.round_trip);
   LibraryOfSlices library(path.addr(), one.connections);
-  BareConnections bare(path.port(), one.threads, pace.bare_time_out);
+  BareConnections bare(path.port(), one.threads, pace.bare_timeout);
   HandWrittenPool pool(path.port(), one.connections);
   const Operation& operation = *one.operation;
 

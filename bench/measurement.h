@@ -22,7 +22,7 @@ struct Case {
 struct Pace {
   std::size_t rounds;
   std::chrono::milliseconds slice;  // of each side in each round
-  TimeOut bare_time_out;            // whether hiredis gets the time-outs of the others
+  Timeout bare_timeout;             // whether hiredis gets the timeouts of the others
 };
 
 // A middle value and the quarters that lie below and above.

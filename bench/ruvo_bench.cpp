@@ -40,7 +40,7 @@ struct Options {
   std::vector<std::size_t> connections;
   std::size_t rounds = 41;
   std::size_t slice_ms = 15;
-  bool bare_time_outs = false;
+  bool bare_timeouts = false;
   bool info_log = false;
   std::size_t round_trip_us = 0;
   std::string csv;
@@ -268,8 +268,8 @@ int run(int argc, char** argv) {
                  "Microseconds that the way to the server and back takes, beyond loopback")
       ->check(CLI::Range(0, 1000000))
       ->capture_default_str();
-  app.add_flag("--bare-time-outs", options.bare_time_outs,
-               "Give bare hiredis the time-outs that the library and the pool have");
+  app.add_flag("--bare-timeouts", options.bare_timeouts,
+               "Give bare hiredis the timeouts that the library and the pool have");
   app.add_option("--csv", options.csv, "File for all figures");
   CLI11_PARSE(app, argc, argv);
 
@@ -278,7 +278,7 @@ int run(int argc, char** argv) {
   Operations operations(redis);
   Csv csv(options.csv);
   const Pace pace{options.rounds, std::chrono::milliseconds(options.slice_ms),
-                  options.bare_time_outs ? TimeOut::set : TimeOut::none};
+                  options.bare_timeouts ? Timeout::set : Timeout::none};
   std::printf(
       "medians of %zu rounds, slices of %zu ms; [quartiles]; "
       "CPU us: of the library more than of hiredis, for each call\n",

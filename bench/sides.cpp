@@ -17,16 +17,16 @@ void to_file(BaseLib::Logger::LogLevel, const char* line, std::size_t length) {
 
 }  // namespace
 
-BareConnections::BareConnections(int port, std::size_t threads, TimeOut time_out)
+BareConnections::BareConnections(int port, std::size_t threads, Timeout timeout)
     : contexts_(threads) {
   for (Context& context : contexts_) {
-    context = connect_to(port, time_out);
+    context = connect_to(port, timeout);
   }
 }
 
 HandWrittenPool::HandWrittenPool(int port, std::size_t connections) : connections_(connections) {
   for (Connection& connection : connections_) {
-    connection.context = connect_to(port, TimeOut::set);
+    connection.context = connect_to(port, Timeout::set);
   }
 }
 
@@ -38,13 +38,13 @@ void HandWrittenPool::run(const Operation& operation) {
       const std::scoped_lock lock(connection.mutex);
       reply = run_command(command, *connection.context);
     }
-    hand_out(command.hands_out, *reply);
+    copy_result(command.copied, *reply);
   }
 }
 
 Library::Library(const std::string& addr, std::size_t connections, RoundTrips round_trips)
     : config_(
-          "connect_timeout = 10000\nsocket_timeout = " + std::to_string(time_out_seconds * 1000) +
+          "connect_timeout = 10000\nsocket_timeout = " + std::to_string(timeout_seconds * 1000) +
               "\n" + (round_trips == RoundTrips::shared ? "auto_pipelining = true\n" : "") +
               pools_at(addr, addr, addr),
           "p_connect_num = " + std::to_string(connections)) {

@@ -19,10 +19,10 @@ inline constexpr std::array sides{Side::library, Side::shared, Side::hiredis, Si
 inline constexpr std::array side_names{"library", "shared", "hiredis", "pool"};
 
 // The limit: hiredis alone, on a connection that no other thread uses. The result stays in the
-// reply. Without time-outs, as hiredis begins.
+// reply. Without timeouts, as hiredis begins.
 class BareConnections : NoCopy {
  public:
-  BareConnections(int port, std::size_t threads, TimeOut time_out);
+  BareConnections(int port, std::size_t threads, Timeout timeout);
   void run(const Operation& operation, std::size_t thread) {
     run_bare(operation, *contexts_[thread]);
   }
@@ -31,9 +31,9 @@ class BareConnections : NoCopy {
   std::vector<Context> contexts_;
 };
 
-// The floor: the plainest pool that one could write by hand. Connections in turn, each behind a
-// mutex; a value is copied out for the caller after the mutex is free again, as the library does,
-// and the sockets have time-outs, as the library's. It does not mend what breaks.
+// The floor: the plainest pool that one could write by hand. Round-robin over connections, each
+// behind a mutex; a value is copied out for the caller after the mutex is free again, as the
+// library does, and the sockets have timeouts, as the library's. It does not reconnect.
 class HandWrittenPool : NoCopy {
  public:
   HandWrittenPool(int port, std::size_t connections);

@@ -35,7 +35,7 @@ endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ COMPONENT devel
         DESTINATION ${RUVO_INSTALL_DOCDIR}/libruvo-dev/examples
         FILES_MATCHING PATTERN "*.cpp" PATTERN "*.c" PATTERN "*.h"
-                       PATTERN "CMakeLists.txt")
+                       PATTERN "*.cfg" PATTERN "CMakeLists.txt")
 # A sample, not a configuration: the servers in it are nobody's.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/conf/ COMPONENT tools
         DESTINATION ${RUVO_INSTALL_DOCDIR}/ruvo-tools/examples)

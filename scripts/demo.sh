@@ -33,37 +33,8 @@ scripts/deps.sh build run
 cmake -G Ninja -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
 cmake --build build/demo --target ruvo_chaos
 
-work=$(mktemp -d)
-declare -A pid_of   # what this script has started, by name
-stop_all() {
-  for name in "${!pid_of[@]}"; do
-    kill "${pid_of[$name]}" 2>/dev/null || true
-    wait "${pid_of[$name]}" 2>/dev/null || true
-  done
-  rm -rf "$work"
-}
-trap stop_all EXIT
-trap 'exit 130' INT TERM
-
-# Prints so many loopback ports that are free now.
-free_ports() {
-  perl -MSocket -e '
-    for (1 .. shift) {
-      my $s;
-      socket($s, PF_INET, SOCK_STREAM, 0) && bind($s, sockaddr_in(0, INADDR_LOOPBACK)) or die $!;
-      push @open, $s;
-      print((sockaddr_in(getsockname $s))[0], "\n");
-    }' "$1"
-}
-
-answers() {
-  for _ in $(seq 100); do
-    [ "$(redis-cli -p "$1" exists probe 2>/dev/null)" = 0 ] && return
-    sleep 0.05
-  done
-  echo "demo.sh: nothing answers on port $1" >&2
-  return 1
-}
+. scripts/throwaway.sh
+reads() { [ "$(redis-cli -p "$1" exists probe)" = 0 ]; }
 
 # A shard writes each change to a file before it answers, and reads the file when it starts. Without
 # fsync: Redis puts writes off while one takes long on a busy disk, and a kill would lose them.
@@ -73,7 +44,7 @@ start_shard() {  # name
     --appendfsync no --dir "$work/$1" \
     >>"$work/$1.log" 2>&1 &
   pid_of[$1]=$!
-  answers "${port_of[$1]}"
+  wait_for reads "${port_of[$1]}"
 }
 
 # The proxies of a pool list the same shards in the same order, and so agree where each key is.
@@ -95,24 +66,16 @@ YML
   nutcracker -c "$work/$1.yml" -a 127.0.0.1 -s "${port_of[$1-statistics]}" -p "$work/$1.pid" \
     -o "$work/$1.log" >/dev/null 2>&1 &
   pid_of[$1]=$!
-  answers "${port_of[$1]}"
+  wait_for reads "${port_of[$1]}"
 }
 
-kill_hard() {  # name
-  echo "--- SIGKILL to $1"
-  kill -KILL "${pid_of[$1]}"
-  { wait "${pid_of[$1]}" || true; } 2>/dev/null  # bash would tell of the kill
-}
-
-declare -A port_of
 pools=(temp persist personality)
 names=()
 for pool in "${pools[@]}"; do
   for number in $(seq "$shards"); do names+=("$pool-shard-$number"); done
   for number in 1 2; do names+=("$pool-proxy-$number" "$pool-proxy-$number-statistics"); done
 done
-mapfile -t ports < <(free_ports ${#names[@]})
-for i in "${!names[@]}"; do port_of[${names[i]}]=${ports[i]}; done
+give_ports "${names[@]}"
 for name in "${names[@]}"; do
   case $name in
     *-shard-?) start_shard "$name" ;;

@@ -5,16 +5,16 @@
 //   scaling_simulation                             all points of the pictures, as CSV
 //   scaling_simulation --threads 16 --servers 1    one point; --help lists its parameters
 //
-// The threads of a host take the next server and that server's next connection in turn, and wait
-// for the connection's lock. The request travels half the round trip, waits for the server's single
+// The threads of a host choose servers and their connections round-robin, and wait for the
+// connection's lock. The request travels half the round trip, waits for the server's single
 // thread, is served, and its reply travels back; then the lock is free and the thread, after some
 // work of its own, calls again. A freed lock wakes the thread that has waited longest, and whoever
 // comes before that one is awake gets it first, as with the mutexes of the system. Nothing fails.
 //
 // With auto_pipelining a thread whose connection is busy takes the next free one of that server,
-// and where there is none it leaves its command in the line of the connection. The oldest of a line
-// leads when the connection is free: when it is awake it sends all commands of the line at once,
-// reads all replies, and wakes the next leader and then the others of its batch.
+// and where there is none it leaves its command in the connection's queue. The oldest of a queue
+// becomes the leader when the connection is free: when it is awake it sends all commands of the
+// queue at once, reads all replies, and wakes the next leader and then the others of its batch.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -103,13 +103,13 @@ class Simulation {
     std::size_t connection = 0;
     std::size_t server = 0;
   };
-  using Line = std::deque<std::size_t>;  // of threads
+  using Queue = std::deque<std::size_t>;  // of threads
   struct Connection {
     bool locked = false;
-    Line waiting;
+    Queue waiting;
     // With auto_pipelining:
     std::size_t leader = 0;           // reads all replies
-    std::size_t under_way = 0;        // so many of them
+    std::size_t in_flight = 0;        // of them
     std::vector<std::size_t> served;  // whose replies it has
   };
 
@@ -177,9 +177,9 @@ class Simulation {
     const std::size_t host = number / point_.threads;
     thread.called = now_;
     thread.server = server_turns_[host]++ % point_.servers;
-    const std::size_t door = host * point_.servers + thread.server;
-    const std::size_t first = door * point_.connections;
-    const std::size_t turn = connection_turns_[door]++;
+    const std::size_t path = host * point_.servers + thread.server;
+    const std::size_t first = path * point_.connections;
+    const std::size_t turn = connection_turns_[path]++;
     thread.connection = first + turn % point_.connections;
     for (std::size_t i = 0; point_.auto_pipelining && i < point_.connections; ++i) {
       const std::size_t candidate = first + (turn + i) % point_.connections;
@@ -208,10 +208,10 @@ class Simulation {
   void send_batch(std::size_t leader) {
     Connection& connection = connections_[threads_[leader].connection];
     connection.leader = leader;
-    connection.under_way = 1;
+    connection.in_flight = 1;
     schedule(point_.round_trip / 2, Step::arrive, leader);
-    for (; !connection.waiting.empty() && connection.under_way < max_batch_commands;
-         ++connection.under_way) {
+    for (; !connection.waiting.empty() && connection.in_flight < max_batch_commands;
+         ++connection.in_flight) {
       schedule(point_.round_trip / 2, Step::arrive, connection.waiting.front());
       connection.waiting.pop_front();
     }
@@ -222,7 +222,7 @@ class Simulation {
   void take_reply_of_batch(std::size_t thread) {
     Connection& connection = connections_[threads_[thread].connection];
     connection.served.push_back(thread);
-    if (--connection.under_way > 0) {
+    if (--connection.in_flight > 0) {
       return;
     }
     double next_leads = 0;
@@ -272,7 +272,7 @@ class Simulation {
   std::vector<std::size_t> server_turns_;      // by host
   std::vector<std::size_t> connection_turns_;  // by host and server
   std::vector<Connection> connections_;        // by host, server and number
-  std::vector<Line> servers_;                  // the first of a line is being served
+  std::vector<Queue> servers_;                 // the first is being served
   std::vector<double> latencies_;
 };
 

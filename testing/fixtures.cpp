@@ -130,21 +130,21 @@ bool ServerProcess::ended_within(int milliseconds) {
 RedisServer::RedisServer(std::string options) : options_(std::move(options)) {
   for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the port first
     port_ = DownServer().port();
-    if (start()) {
+    if (start(options_, Until::ready)) {
       return;
     }
   }
   throw std::runtime_error("redis-server does not start");
 }
 
-bool RedisServer::start() {
-  process_.start("redis-server --port " + std::to_string(port_) + " --bind 127.0.0.1 --save '' " +
-                 options_);
-  return process_.says("Ready to accept");
+bool RedisServer::start(const std::string& options, Until until) {
+  process_.start("redis-server --port " + std::to_string(port_) + " --bind 127.0.0.1 --dir " +
+                 dir_.path("") + " --save '' " + options);
+  return process_.says(until == Until::ready ? "Ready to accept" : "Server initialized");
 }
 
-void RedisServer::restart() {
-  if (!start()) {
+void RedisServer::restart(const std::string& more_options, Until until) {
+  if (!start(options_ + " " + more_options, until)) {
     throw std::runtime_error("redis-server does not start again");
   }
 }

@@ -62,7 +62,7 @@ class HostConfig {
 std::string pools_at(const std::string& temp, const std::string& persist,
                      const std::string& personality);
 
-// All three pools at the same servers, and time-outs of a second.
+// All three pools at the same servers, and timeouts of a second.
 std::string all_pools_at(const std::string& addrs);
 
 // Keeps the progress lines of start-up out of the output while it lives.
@@ -104,7 +104,7 @@ class ServerProcess : NoCopy {
   FILE* output_ = nullptr;
 };
 
-// A redis-server that keeps nothing on disk.
+// A redis-server that saves nothing by itself.
 class RedisServer : NoCopy {
  public:
   explicit RedisServer(std::string options = "");
@@ -112,13 +112,16 @@ class RedisServer : NoCopy {
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill() { process_.kill(); }
   void signal(int number) const { process_.signal(number); }
-  void restart();  // on the same port
+  // When a start is over: it serves, or it answers and may still load its data.
+  enum class Until { ready, started };
+  void restart(const std::string& more_options = "", Until until = Until::ready);  // on its port
   // What redis-cli prints for a command, without the newline.
   std::string ask(const std::string& command) const;
 
  private:
-  bool start();
+  bool start(const std::string& options, Until until);
 
+  TempDir dir_;  // a replica saves what it is sent
   std::string options_;
   int port_ = 0;
   ServerProcess process_;

@@ -114,21 +114,21 @@ bool accepts_connections(int port) {
 
 }  // namespace
 
-Nutcracker::Nutcracker(const std::vector<std::string>& shards) {
+Nutcracker::Nutcracker(const std::vector<std::string>& shards) : shards_(shards) {
   for (int attempt = 0; attempt < 5; ++attempt) {  // another process may take the ports first
-    if (start(shards)) {
+    port_ = DownServer().port();
+    if (start()) {
       return;
     }
   }
   throw std::runtime_error("nutcracker does not start");
 }
 
-bool Nutcracker::start(const std::vector<std::string>& shards) {
-  port_ = DownServer().port();
+bool Nutcracker::start() {
   std::string pool =
       "pool:\n  listen: " + addr() +
       "\n  redis: true\n  hash: murmur\n  distribution: ketama\n  timeout: 1000\n  servers:\n";
-  for (const std::string& shard : shards) {
+  for (const std::string& shard : shards_) {
     pool += "    - " + shard + ":1\n";
   }
   process_.start("nutcracker --conf-file=" + dir_.write("proxy.yml", pool) +
@@ -140,4 +140,10 @@ bool Nutcracker::start(const std::vector<std::string>& shards) {
     }
   }
   return false;
+}
+
+void Nutcracker::restart() {
+  if (!start()) {
+    throw std::runtime_error("nutcracker does not start again");
+  }
 }

@@ -71,11 +71,13 @@ class Nutcracker : NoCopy {
   explicit Nutcracker(const std::vector<std::string>& shards);
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill() { process_.kill(); }
+  void restart();  // on the same port
 
  private:
-  bool start(const std::vector<std::string>& shards);
+  bool start();
 
   TempDir dir_;
+  std::vector<std::string> shards_;
   int port_ = 0;
   ServerProcess process_;
 };

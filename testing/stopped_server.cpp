@@ -1,45 +1,14 @@
 #include "stopped_server.h"
 
+#include <ruvo/ruvo.h>
+
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <numeric>
-#include <thread>
-
-#include "logger.h"
-#include "started_library.h"
+#include <stdexcept>
 
 namespace {
-
-using BaseLib::Logger;
-using Clock = std::chrono::steady_clock;
-
-constexpr std::size_t most_seconds = 1000;  // the last takes what comes later
-
-Clock::rep begin = 0;
-std::array<std::atomic<long>, most_seconds> lines;
-
-std::size_t current_second() {
-  const auto passed = std::chrono::duration_cast<std::chrono::seconds>(
-      Clock::now().time_since_epoch() - Clock::duration(begin));
-  return std::min(static_cast<std::size_t>(passed.count()), most_seconds - 1);
-}
-
-void count_line(Logger::LogLevel, const char*, std::size_t) { ++lines[current_second()]; }
-
-void call_until(const std::stop_token& stop, std::vector<SecondOfCalls>& seconds) {
-  while (!stop.stop_requested()) {
-    const Clock::time_point from = Clock::now();
-    const bool failed = RUVO_ExistsKey("key", eTempServer, nullptr) == RUVO_ERR_FAILED;
-    const double taken = std::chrono::duration<double, std::milli>(Clock::now() - from).count();
-    SecondOfCalls& second = seconds[current_second()];
-    ++second.calls;
-    second.failed += failed ? 1 : 0;
-    second.slowest_ms = std::max(second.slowest_ms, taken);
-  }
-}
 
 long calls_in(const std::vector<SecondOfCalls>& seconds, int from, int to) {
   return std::accumulate(seconds.begin() + from, seconds.begin() + to, 0L,
@@ -56,41 +25,21 @@ std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run)
       "connect_timeout = 200\nsocket_timeout = " + std::to_string(stopped_socket_timeout_ms) +
           "\n" + run.keys + pools_at(addrs, good.addr(), good.addr()),
       "p_connect_num = 2");
-  Logger::setOutput(count_line);
-  Logger::setLogLevel(Logger::WARN);
-  const StartedLibrary library(config.path());
-  std::fill(lines.begin(), lines.end(), 0);
-  const Clock::time_point start = Clock::now();
-  begin = start.time_since_epoch().count();
-  const auto wait = [start](int until) {
-    std::this_thread::sleep_until(start + std::chrono::seconds(until));
-  };
-  std::vector<std::vector<SecondOfCalls>> of_threads(static_cast<std::size_t>(run.threads),
-                                                     std::vector<SecondOfCalls>(most_seconds));
-  {
-    std::vector<std::jthread> threads;
-    threads.reserve(of_threads.size());
-    for (std::vector<SecondOfCalls>& seconds : of_threads) {
-      threads.emplace_back([&seconds](const std::stop_token& stop) { call_until(stop, seconds); });
-    }
-    wait(run.before);
-    hangs.signal(SIGSTOP);
-    wait(run.before + run.stopped);
-    hangs.signal(SIGCONT);
-    wait(run.before + run.stopped + run.after);
+  const std::chrono::seconds stop_at(run.before);
+  const std::chrono::seconds go_on_at = stop_at + std::chrono::seconds(run.stopped);
+  const std::chrono::seconds end = go_on_at + std::chrono::seconds(run.after);
+  CallingHost host(config.path(), run.threads,
+                   [](int) { return RUVO_ExistsKey("key", eTempServer, nullptr); });
+  if (host.start_result() != RUVO_OK) {
+    throw std::runtime_error(std::string("RUVO_Init: ") + ruvo_result_text(host.start_result()));
   }
-  Logger::setOutput(nullptr);
-  std::vector<SecondOfCalls> all(static_cast<std::size_t>(run.before + run.stopped + run.after));
-  for (std::size_t second = 0; second < all.size(); ++second) {
-    SecondOfCalls& sum = all[second];
-    sum.lines = lines[second];
-    for (const std::vector<SecondOfCalls>& seconds : of_threads) {
-      sum.calls += seconds[second].calls;
-      sum.failed += seconds[second].failed;
-      sum.slowest_ms = std::max(sum.slowest_ms, seconds[second].slowest_ms);
-    }
-  }
-  return all;
+  host.wait_until(stop_at);
+  hangs.signal(SIGSTOP);
+  host.wait_until(go_on_at);
+  hangs.signal(SIGCONT);
+  host.wait_until(end);
+  host.stop();
+  return host.seconds(static_cast<int>(end.count()));
 }
 
 double worst_share(const std::vector<SecondOfCalls>& seconds, int until, int from, int to,

@@ -5,12 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "calling_host.h"
+
 struct StoppedServer {
   int threads = 16;
   int before = 10;   // seconds; then one server is stopped,
   int stopped = 60;  // for so long,
   int after = 10;    // and goes on
-  std::string keys;  // of section common, besides the time-outs
+  std::string keys;  // of section common, besides the timeouts
 };
 
 constexpr int stopped_socket_timeout_ms = 200;
@@ -20,14 +22,6 @@ constexpr const char* keys_of_a_new_site =
     "auto_pipelining = true\neject_silent_servers = true\ntry_ejected_servers = true\n"
     "log_limit = 5\ncall_timeout = 1000\n";
 constexpr int new_site_call_timeout_ms = 1000;
-
-// Of the calls that ended in it, and of the log at WARN.
-struct SecondOfCalls {
-  long calls = 0;
-  long failed = 0;
-  double slowest_ms = 0;
-  long lines = 0;
-};
 
 // Throws std::runtime_error when the library does not start.
 std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run);

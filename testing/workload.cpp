@@ -1,10 +1,9 @@
 #include "workload.h"
 
-#include <hiredis/hiredis.h>
+#include <ruvo/ruvo.hpp>
 
 #include <chrono>
 #include <cstdio>
-#include <memory>
 #include <numeric>
 #include <thread>
 #include <vector>
@@ -239,24 +238,22 @@ void Worker::tag_friends(int round) {
   }
 }
 
-// Any command: the reply is hiredis' own. One whose server fails may go on in another pool, so what
-// it found there is asked for again.
+// Any command. The failover of one may lead to another pool, so what it found there is asked for
+// again.
 void Worker::ask_anything(int round) {
   const std::string note = key("note");
   const std::string text = text_for("note", round);
   for (int tries = 0; tries < raw_tries; ++tries) {
-    bool strayed = false;
+    bool left_pool = false;
     std::optional<bool> right =
-        reply_is("SETEX", REDIS_REPLY_STATUS, "OK", strayed, "SETEX %s %d %b", note.c_str(),
-                 session_seconds, text.data(), text.size());
+        reply_is(REDIS_REPLY_STATUS, "OK", left_pool, "SETEX", note, session_seconds, text);
     if (right == true) {
-      right = reply_is("GETRANGE", REDIS_REPLY_STRING, text, strayed, "GETRANGE %s %d %d",
-                       note.c_str(), 0, -1);
+      right = reply_is(REDIS_REPLY_STRING, text, left_pool, "GETRANGE", note, 0, -1);
     }
     if (!right) {
       return;
     }
-    if (*right || !strayed) {
+    if (*right || !left_pool) {
       check("note", *right);
       return;
     }
@@ -265,23 +262,27 @@ void Worker::ask_anything(int round) {
   check("note, asked for again and again", false);
 }
 
-// When a server fails, a raw command may also find its way back to that very server and give up,
-// where a typed one walks on: its caller asks again. Nothing is returned when all calls failed.
-template <typename... Args>
-std::optional<bool> Worker::reply_is(const char* what, int type, const std::string& text,
-                                     bool& strayed, const char* format, Args... args) {
-  std::unique_ptr<redisReply, decltype(&RUVO_FreeReplyObject)> reply(nullptr, RUVO_FreeReplyObject);
-  for (int tries = 0; reply == nullptr && tries < raw_tries; ++tries) {
-    call(raw, what, [&] {
-      reply.reset(static_cast<redisReply*>(RUVO_ExecRedisCmd(pool_, format, args...)));
-      return reply != nullptr ? RUVO_OK : RUVO_ERR_FAILED;
+// When a server fails, a raw command may also come back to that very server and give up, where a
+// typed one tries the next: its caller asks again. Nothing is returned when all calls failed.
+template <typename... Words>
+std::optional<bool> Worker::reply_is(int type, const std::string& text, bool& left_pool,
+                                     const char* name, const Words&... words) {
+  const ruvo::pool pool(static_cast<RedisServerType>(pool_));
+  std::optional<ruvo::reply> reply;
+  for (int tries = 0; !reply && tries < raw_tries; ++tries) {
+    call(raw, name, [&] {
+      ruvo::result<ruvo::reply> result = pool.command(name, words...);
+      if (result) {
+        reply = *std::move(result);
+      }
+      return result.code();
     });
-    strayed = strayed || observer_.may_have_strayed();
+    left_pool = left_pool || observer_.may_have_left_pool();
     totals_.asked_again += tries > 0 ? 1 : 0;
   }
-  const bool answered = reply != nullptr && reply->type != REDIS_REPLY_ERROR;
-  if (!judge(raw, what, answered ? RUVO_OK : RUVO_ERR_FAILED, RUVO_OK)) {
+  const bool answered = reply && !reply->is_error();
+  if (!judge(raw, name, answered ? RUVO_OK : RUVO_ERR_FAILED, RUVO_OK)) {
     return std::nullopt;
   }
-  return reply->type == type && std::string(reply->str, reply->len) == text;
+  return reply->type() == type && reply->text() == text;
 }

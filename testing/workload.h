@@ -48,8 +48,9 @@ class CallObserver {
   virtual void call_begins(const Call& /*call*/) {}
   // A raw command without a reply has the result RUVO_ERR_FAILED.
   virtual void call_ended(const Call& /*call*/, int /*result*/) {}
-  // Could this thread's last call have gone on in another pool? Only raw commands do.
-  virtual bool may_have_strayed() const { return false; }
+  // May the failover of this thread's last call have led to another pool? Only that of raw commands
+  // does.
+  virtual bool may_have_left_pool() const { return false; }
 };
 
 // One thread's work on one pool. Its keys are its own, so it knows what each of them must hold.
@@ -85,9 +86,9 @@ class Worker {
   void queue_message(int round);
   void tag_friends(int round);
   void ask_anything(int round);
-  template <typename... Args>
-  std::optional<bool> reply_is(const char* what, int type, const std::string& text, bool& strayed,
-                               const char* format, Args... args);
+  template <typename... Words>
+  std::optional<bool> reply_is(int type, const std::string& text, bool& left_pool, const char* name,
+                               const Words&... words);
 
   std::string name_;
   int pool_;

@@ -40,8 +40,8 @@ class Host {
 
   void calls(int number, ruvo_stats_result result, microseconds time) {
     for (int i = 0; i < number; ++i) {
-      count(server(0), &server_stats::calls);
-      count(server(0), &server_stats::replies);
+      count(server(0), &server_counters::calls);
+      count(server(0), &server_counters::replies);
       record_call(*file_.pool(0), result, time);
     }
   }

@@ -18,7 +18,7 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        {{F::temp_servers, "10.0.0.1:1"}}},
       {"INFO",
        "ruvo_worker::init | get timeout cfg, connect_timeout:-1 (ms), socket_timeout:20 (ms)",
-       K::time_outs, "", {{F::connect_timeout, "-1"}, {F::socket_timeout, "20"}}},
+       K::timeouts, "", {{F::connect_timeout, "-1"}, {F::socket_timeout, "20"}}},
       {"INFO", "ruvo_redis::init | auto_pipelining:true, eject_silent_servers:false, "
        "try_ejected_servers:true, log_limit:10, call_timeout:0 (ms)", K::options, "",
        {{F::auto_pipelining, "true"}, {F::eject_silent_servers, "false"},
@@ -44,7 +44,7 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        {{F::connection, "3"}, {F::connections, "16"}}},
       {"WARN",
        "ruvo_redis::is_server_valid | server,ip:h port:1 invalid, failure count:5, retry after 30 "
-       "seconds", K::passed_over, "h:1", {{F::failures, "5"}, {F::seconds, "30"}}},
+       "seconds", K::skipped, "h:1", {{F::failures, "5"}, {F::seconds, "30"}}},
       {"WARN", "ruvo_redis::is_server_valid | server, ip:h port:1 start retry", K::retry, "h:1",
        {}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:1", K::rebuild, "h:1",
@@ -59,7 +59,7 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        {{F::origin, "do_exec_command"}, {F::key, "k"}, {F::call_timeout, "50"}}},
       {"WARN",
        "ruvo_redis::log_limit | 18446744073709551615 lines like the next one were kept back",
-       K::lines_kept_back, "", {{F::lines, "18446744073709551615"}}},
+       K::lines_suppressed, "", {{F::lines, "18446744073709551615"}}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:", K::other, "", {}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:1 ", K::other, "", {}},
       {"WARN", "ruvo_redis::log_limit | -", K::other, "", {}},

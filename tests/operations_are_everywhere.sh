@@ -18,11 +18,11 @@ for function in $(sed -nE 's/^ (RUVO_[A-Za-z]+)@.*/\1/p' packaging/libruvo1.symb
   # RUVO_ExecRedisCmd for those who have a va_list, which is all it adds.
   [ "$function" != RUVO_ExecRedisvCmd ] || continue
   want "$function" ruvo.hpp "\\b$function\\(" src/openlib/ruvo/ruvo.hpp src/openlib/ruvo/results.hpp
-  want "$function" ruvo_cli "\\b$function\\b" tools/cli/*.cpp
   case $function in
     RUVO_Init | RUVO_Fini | RUVO_FreeResult | RUVO_FreeReplyObject) continue ;;  # no operations
   esac
-  want "$function" every_operation.h "^ +Operation\{\"${function#RUVO_}\", " sandbox/every_operation.h
+  want "$function" ruvo_cli "\\b$function\\b" tools/cli/operations.cpp tools/cli/raw_command.cpp
+  want "$function" every_operation.h "^ +Operation\{\"${function#RUVO_}\", " testing/every_operation.h
   operations=$((operations + 1))
 done
 

@@ -245,13 +245,13 @@ TEST_F(Options, TryEjectedServersLetsNoCallFailWhereOneIsUp) {
   RedisServer other;
   start("try_ejected_servers = true", one.addr() + "," + other.addr(),
         "p_server_failure_limit = 1");
-  for (int round = 0; round < 4; ++round) {  // one is struck while the other is still ejected
-    RedisServer& struck = round % 2 == 0 ? one : other;
-    struck.kill();
+  for (int round = 0; round < 4; ++round) {  // a fault in one while the other is still ejected
+    RedisServer& target = round % 2 == 0 ? one : other;
+    target.kill();
     for (int call = 0; call < 4; ++call) {
       EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
     }
-    struck.restart();
+    target.restart();
   }
   EXPECT_GT(log_.count_containing("all servers invalid"), 0);
 }
@@ -351,32 +351,6 @@ TEST_F(Options, CallTimeoutIsTheSecondCommandsOwn) {
   EXPECT_EQ(client_->list_push("k", "v", 1, 9, &count, eTempServer, nullptr), RUVO_OK);
   EXPECT_EQ(expired, 3 * 2);
   EXPECT_EQ(log_.count_containing("call time-out"), 0);
-}
-
-// Of those that wait at a server, who is late for a second visit sends nothing, leading or not.
-TEST_F(Options, CallTimeoutLeavesThoseThatWaitOutOfTheBatch) {
-  std::atomic<int> sent{0};
-  std::atomic<bool> is_open{false};
-  const ScriptedServer slow([&](const std::vector<std::string>&) {
-    ++sent;
-    is_open.wait(false);
-    return nil;
-  });
-  start("auto_pipelining = true\ncall_timeout = 500", down_.addr() + "," + slow.addr());
-  std::vector<std::jthread> threads;
-  for (const std::int64_t turn : {1, 0, 1, 0}) {  // the first holds the slow server's connection
-    std::atomic_ref(pool_in(*client_).server_count_).store(turn);
-    const std::atomic_ref line(server(1).context_arr_[0].line_);
-    waiting_call* const newest = line.load();
-    threads.emplace_back([this] { get(); });
-    EXPECT_TRUE(eventually([&] { return line.load() != newest; }));
-  }
-  std::this_thread::sleep_for(milliseconds(550));
-  is_open = true;
-  is_open.notify_all();
-  threads.clear();
-  EXPECT_EQ(sent, 2);  // the one that was held, and the one on its first visit
-  EXPECT_EQ(log_.count_containing("call time-out of 500 ms has passed"), 2);
 }
 
 }  // namespace

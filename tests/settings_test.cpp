@@ -4,13 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "busin_config.h"
 #include "host.h"
+#include "sutils.h"
 
 namespace {
 
@@ -95,6 +96,7 @@ TEST(Options, EachStandsInAFieldOfItsOwn) {
       {"start_without_servers", &client_options::start_without_servers},
       {"send_once", &client_options::send_once},
       {"wait_for_servers", &client_options::wait_for_servers}};
+  const LogCapture quiet;
   for (const auto& [name, field] : truths) {
     vop_config config;
     ASSERT_EQ(config.open("[common]\ncall_timeout = 6\n" + name + " = 1\nlog_limit = 5\n" +
@@ -129,9 +131,6 @@ TEST(Settings, AnAddressIsReadAsDeployedFilesHaveIt) {
   for (const auto& one : cases) {
     const std::optional<server_addr> addr = parse_address(one.text);
     EXPECT_EQ(addr ? std::optional(to_text(*addr)) : std::nullopt, one.read) << one.text;
-    if (addr && std::strtol(to_text(*addr).c_str() + addr->ip_.size() + 1, nullptr, 10) > 65535) {
-      EXPECT_GT(addr->port_, max_port);
-    }
   }
   EXPECT_EQ(parse_addresses("a:1, b:2").servers.size(), 2U);
   EXPECT_EQ(parse_addresses("a:1, b,c").malformed, "b");
@@ -144,39 +143,51 @@ std::string content_of(const std::string& path) {
   return content.str();
 }
 
-// What a guide says of a key: its default and what is recommended.
-using Said = std::map<std::string, std::pair<std::string, std::string>>;
-
-std::string first_words(const std::string& text) {
-  return text.substr(0, text.find_first_of(":;"));
+std::string from_to(const std::string& text, std::size_t begin, const char* end) {
+  return text.substr(begin, text.find(end, begin) - begin);
 }
 
-// The rows of every table with a column "Default" and a column "Recommended".
-Said said_in_tables(const std::string& guide) {
-  Said said;
-  std::istringstream lines(guide);
-  std::vector<std::string> head;
-  for (std::string line; std::getline(lines, line);) {
-    std::vector<std::string> cells;
-    std::istringstream row(line.substr(std::min<std::size_t>(line.size(), 1)));
-    for (std::string cell; line.starts_with('|') && std::getline(row, cell, '|');) {
-      cells.push_back(std::regex_replace(cell, std::regex("^ +| +$|`"), ""));
-    }
-    if (cells.empty() || head.empty()) {
-      head = cells;
-      continue;
-    }
-    const auto cell = [&](const char* name) {
-      const auto at = std::ranges::find(head, name);
-      return at != head.end() ? first_words(cells.at(static_cast<std::size_t>(at - head.begin()))) : "";
-    };
-    std::istringstream keys(cells[0]);
-    for (std::string key; std::getline(keys, key, ',');) {
-      sp_trim(key);
-      said[key] = {cell("Default"), cell("Recommended")};
-    }
+// The value that a guide gives; an explanation may follow it.
+std::string given_by(std::string text) {
+  std::erase(text, '`');
+  return text.substr(0, std::min(text.find(": "), text.find(", ")));
+}
+
+// The value behind the word that a line begins with.
+std::string value_behind(const std::string& word, const std::string& text) {
+  const std::size_t at = text.find("\n" + word + " ");
+  if (at == std::string::npos) {
+    return "";
   }
-  return said;
+  std::string line = from_to(text, at + word.size() + 2, "\n");
+  line.resize(line.size() - (line.ends_with('.') ? 1 : 0));
+  return given_by(line);
+}
+
+TEST(Settings, TheGuidesSayOfEachKeyWhatTheTableSays) {
+  const std::string guide = content_of(RUVO_TREE "/docs/configuration.md");
+  const std::string manual = content_of(RUVO_TREE "/packaging/man/ruvo.conf.5.in");
+  for (const setting& key : all_settings()) {
+    const std::string value = default_text(key).empty() ? "none" : default_text(key);
+    const bool has_prefix = key.section == std::string("server");
+    const std::string name = has_prefix ? key.name.substr(key.name.find('_') + 1) : key.name;
+    const std::size_t row = guide.find("\n| `" + name + "` | ");
+    ASSERT_NE(row, std::string::npos) << name;
+    std::vector<std::string> cells;
+    sp::split_str(from_to(guide, row + 1, "\n").c_str(), cells, "|");
+    EXPECT_EQ(given_by(cells.at(3)), value) << name;
+    EXPECT_EQ(given_by(cells.at(4)), key.recommended) << name;
+
+    // Keys that share an explanation stand one below the other.
+    std::size_t text = manual.find("\n.It Sy " + key.name + "\n") + 1;
+    ASSERT_NE(text, 0U) << key.name;
+    do {
+      text = manual.find('\n', text) + 1;
+    } while (manual.compare(text, 4, ".It ") == 0);
+    const std::string said = from_to(from_to(manual, text - 1, "\n.It "), 0, "\n.El");
+    EXPECT_EQ(value_behind("Default", said), value) << key.name;
+    EXPECT_EQ(value_behind("Recommended", said), key.recommended) << key.name;
+  }
 }
 
 }  // namespace

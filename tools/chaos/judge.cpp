@@ -34,8 +34,8 @@ void print(const char* verdict, const Call& call, double seconds, const Walk& wa
   for (const std::string& server : walk.rebuilds) {
     line << " tried " << server;
   }
-  for (const std::string& server : walk.passed_over) {
-    line << " passed over " << server;
+  for (const std::string& server : walk.skipped) {
+    line << " skipped " << server;
   }
   std::puts(line.str().c_str());
 }
@@ -161,7 +161,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   if (walk.timed_out) {
     return out_of_time;
   }
-  if (call.family == raw && walk.went_on()) {
+  if (call.family == raw && walk.failed_over()) {
     return raw_came_round;
   }
   const auto& servers = site_.pools.at(static_cast<std::size_t>(call.pool - 1));
@@ -174,7 +174,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
       std::chrono::seconds(settings.retry_timeout_s) + visit_bound(settings);
   for (const auto& server : servers) {
     if (!is_in(walk.rebuilds, server->addr()) &&
-        !(is_in(walk.passed_over, server->addr()) &&
+        !(is_in(walk.skipped, server->addr()) &&
           faults_.touches(server->addr(), from - ejection, to))) {
       return unexplained;
     }
@@ -182,7 +182,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   if (walk.rebuilds.size() >= visits_per_server * servers.size()) {
     return visits_used_up;
   }
-  return walk.passed_over.empty() ? each_had_a_fault : still_ejected;
+  return walk.skipped.empty() ? each_had_a_fault : still_ejected;
 }
 
-bool Judge::may_have_strayed() const { return current_walk().went_on(); }
+bool Judge::may_have_left_pool() const { return current_walk().failed_over(); }

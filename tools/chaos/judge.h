@@ -13,7 +13,7 @@
 
 // Why a call failed. The rules of the walk allow all but the last.
 enum Failure {
-  // The walk came to a server that was up and still ejected for its last failure: it is passed over
+  // The walk came to a server that was up and still ejected for its last failure: it is skipped
   // until its retry time has come.
   still_ejected,
   // Each server of the pool had a fault during the call: the second one when the call had already
@@ -40,7 +40,7 @@ class Judge : public CallObserver {
 
   void call_begins(const Call& call) override;
   void call_ended(const Call& call, int result) override;
-  bool may_have_strayed() const override;
+  bool may_have_left_pool() const override;
 
   // The longest that a call may take, and how that comes about.
   Clock::duration bound(const Call& call) const;

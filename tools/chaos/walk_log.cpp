@@ -40,9 +40,9 @@ void take_line(BaseLib::Logger::LogLevel /*level*/, const char* line, std::size_
       ++events.failed_rebuilds;
       walk.failed.push_back(server);
       break;
-    case EventKind::passed_over:
+    case EventKind::skipped:
       events.ejections += events.ejected.insert(server).second ? 1 : 0;
-      walk.passed_over.push_back(server);
+      walk.skipped.push_back(server);
       break;
     case EventKind::retry:
       events.ejected.erase(server);

@@ -8,14 +8,14 @@
 #include <vector>
 
 struct Walk {
-  std::vector<std::string> rebuilds;     // broken connections that were to be rebuilt
-  std::vector<std::string> failed;       // those of them that could not be
-  std::vector<std::string> passed_over;  // servers that were ejected
-  bool met_broken = false;               // connections, rebuilt by whichever thread
+  std::vector<std::string> rebuilds;  // broken connections that were to be rebuilt
+  std::vector<std::string> failed;    // those of them that could not be
+  std::vector<std::string> skipped;   // servers that were ejected
+  bool met_broken = false;            // connections, rebuilt by whichever thread
   bool timed_out = false;
 
   // Has it left the server that it began with, or could it have?
-  bool went_on() const { return met_broken || !rebuilds.empty() || !failed.empty(); }
+  bool failed_over() const { return met_broken || !rebuilds.empty() || !failed.empty(); }
 };
 
 struct ServerEvents {

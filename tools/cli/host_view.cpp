@@ -41,7 +41,7 @@ std::string HostView::text_of(const std::string& server) const {
     return "host: does not have it";
   }
   const double calls =
-      static_cast<double>(find(*counted_, server)->count(&ruvo_server_stats::calls));
+      static_cast<double>(find(*counted_, server)->count(&ruvo_server_counters::calls));
   return format("host: %s  calls/s %.1f  in flight %llu  waiting %llu",
                 state_text(*now, now_->read_time).c_str(), calls / seconds_,
                 static_cast<unsigned long long>(now->in_flight),

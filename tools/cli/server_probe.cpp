@@ -1,27 +1,19 @@
 #include "server_probe.h"
 
-#include <hiredis/hiredis.h>
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <memory>
 #include <optional>
+
+#include "hiredis_owners.h"
+#include "numbers.h"
 
 namespace {
 
 constexpr const char* probe_key = "ruvo_cli:check";
 constexpr int longest_wait_ms = 5000;  // where the configuration sets no limit
 
-using Context = std::unique_ptr<redisContext, decltype(&redisFree)>;
-using Reply = std::unique_ptr<redisReply, decltype(&freeReplyObject)>;
-
 int limit_of(int milliseconds) { return milliseconds < 1 ? longest_wait_ms : milliseconds; }
-
-timeval to_timeval(int milliseconds) {
-  return {milliseconds / 1000, (milliseconds % 1000) * 1000L};
-}
 
 bool holds(const std::string& text, const char* part) {
   return text.find(part) != std::string::npos;
@@ -83,7 +75,7 @@ Probe refusal(const redisReply& error, const std::string& key) {
 
 Reply ask(redisContext& context, const char* format, const std::string& word) {
   errno = 0;
-  return {static_cast<redisReply*>(redisCommand(&context, format, word.c_str())), freeReplyObject};
+  return Reply(static_cast<redisReply*>(redisCommand(&context, format, word.c_str())));
 }
 
 }  // namespace
@@ -95,9 +87,8 @@ Probe probe_server(const std::string& text, const site_settings& site, std::size
   }
   const int connect_ms = limit_of(site.limits.connect_timeout);
   const int answer_ms = limit_of(site.limits.socket_timeout);
-  const Context context(redisConnectWithTimeout(addr->ip_.c_str(), static_cast<int>(addr->port_),
-                                                to_timeval(connect_ms)),
-                        redisFree);
+  const Context context(redisConnectWithTimeout(
+      addr->ip_.c_str(), static_cast<int>(addr->port_), to_timeval(connect_ms)));
   if (!context || context->err != 0) {
     return not_connected(context ? context->errstr : "out of memory", connect_ms);
   }

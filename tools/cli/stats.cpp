@@ -130,17 +130,17 @@ std::string servers_text(const Look& look) {
     for (std::size_t j = 0; j < pool.servers.size(); ++j) {
       const ServerNumbers& server = pool.servers[j];
       const ServerNumbers& counted = look.counted.pools[i].servers[j];
-      const auto total = [&server](std::uint64_t ruvo_server_stats::*counter) {
+      const auto total = [&server](std::uint64_t ruvo_server_counters::*counter) {
         return std::to_string(server.count(counter));
       };
       rows.push_back(
           {pool.name + " " + server.name, state_text(server, look.now.read_time),
-           per_second(counted.count(&ruvo_server_stats::calls), look.seconds),
+           per_second(counted.count(&ruvo_server_counters::calls), look.seconds),
            std::to_string(server.in_flight), std::to_string(server.waiting),
-           total(&ruvo_server_stats::no_replies), total(&ruvo_server_stats::error_replies),
-           total(&ruvo_server_stats::second_sends), total(&ruvo_server_stats::reconnects),
-           total(&ruvo_server_stats::failed_reconnects), total(&ruvo_server_stats::ejections),
-           total(&ruvo_server_stats::retries)});
+           total(&ruvo_server_counters::no_replies), total(&ruvo_server_counters::error_replies),
+           total(&ruvo_server_counters::second_sends), total(&ruvo_server_counters::reconnects),
+           total(&ruvo_server_counters::failed_reconnects), total(&ruvo_server_counters::ejections),
+           total(&ruvo_server_counters::retries)});
     }
   }
   return table(rows);

@@ -77,25 +77,23 @@ ServerNumbers numbers_of(const ruvo_pool_stats& pool, const ruvo_server_stats& s
   numbers.state = ruvo_stats_server_state(&pool, &server, now);
   numbers.failure_count = ruvo_stats_load_signed(&server.failure_count);
   numbers.next_retry_time = ruvo_stats_load_signed(&server.next_retry_time);
-  numbers.waiting = ruvo_stats_load(&server.waiting);
-  numbers.in_flight = ruvo_stats_in_flight(&server);
+  ruvo_server_counters sums;
+  ruvo_stats_read_server(&server, &sums);
+  numbers.waiting = sums.waiting;
+  numbers.in_flight = ruvo_stats_in_flight(&sums);
   std::ranges::transform(server_counters, numbers.counts.begin(),
-                         [&server](const ServerCounter& counter) {
-                           return ruvo_stats_load(&(server.*counter.value));
-                         });
+                         [&sums](const ServerCounter& counter) { return sums.*counter.value; });
   return numbers;
 }
 
 PoolNumbers numbers_of(const void* file, const ruvo_pool_stats& pool, std::int64_t now) {
   PoolNumbers numbers;
   numbers.name = pool.name;
-  numbers.time_sum = ruvo_stats_load(&pool.time_sum);
-  for (std::size_t i = 0; i < numbers.results.size(); ++i) {
-    numbers.results.at(i) = ruvo_stats_load(&pool.results[i]);
-  }
-  for (std::size_t i = 0; i < numbers.buckets.size(); ++i) {
-    numbers.buckets.at(i) = ruvo_stats_load(&pool.buckets[i]);
-  }
+  ruvo_pool_counters sums;
+  ruvo_stats_read_pool(&pool, &sums);
+  numbers.time_sum = sums.time_sum;
+  std::copy_n(sums.results, numbers.results.size(), numbers.results.begin());
+  std::copy_n(sums.buckets, numbers.buckets.size(), numbers.buckets.begin());
   std::map<std::string, int> seen;
   for (std::uint32_t i = 0; i < pool.server_count; ++i) {
     ServerNumbers server = numbers_of(pool, *ruvo_stats_server(file, pool.first_server + i), now);
@@ -122,7 +120,7 @@ void subtract(std::array<std::uint64_t, size>& now, const std::array<std::uint64
 
 }  // namespace
 
-std::uint64_t ServerNumbers::count(std::uint64_t ruvo_server_stats::*counter) const {
+std::uint64_t ServerNumbers::count(std::uint64_t ruvo_server_counters::*counter) const {
   const auto found = std::ranges::find(server_counters, counter, &ServerCounter::value);
   return counts.at(static_cast<std::size_t>(found - server_counters.begin()));
 }
@@ -173,7 +171,7 @@ std::string state_text(const ServerNumbers& server, std::int64_t read_time) {
 }
 
 nlohmann::json to_json(const ServerNumbers& server, const ServerNumbers& counted, double seconds) {
-  const auto calls = static_cast<double>(counted.count(&ruvo_server_stats::calls));
+  const auto calls = static_cast<double>(counted.count(&ruvo_server_counters::calls));
   nlohmann::json json{{"server", server.name},
                       {"state", ruvo_stats_state_name(server.state)},
                       {"failure_count", server.failure_count},

@@ -14,25 +14,26 @@
 struct ServerCounter {
   const char* name;
   const char* help;
-  std::uint64_t ruvo_server_stats::*value;
+  std::uint64_t ruvo_server_counters::*value;
 };
 inline constexpr std::array server_counters{
     ServerCounter{"calls", "Calls that have chosen a connection of the server",
-                  &ruvo_server_stats::calls},
-    ServerCounter{"replies", "Calls that the server has answered", &ruvo_server_stats::replies},
+                  &ruvo_server_counters::calls},
+    ServerCounter{"replies", "Calls that the server has answered", &ruvo_server_counters::replies},
     ServerCounter{"error_replies", "Calls that the server has answered with an error",
-                  &ruvo_server_stats::error_replies},
+                  &ruvo_server_counters::error_replies},
     ServerCounter{"no_replies", "Calls that the server has not answered",
-                  &ruvo_server_stats::no_replies},
+                  &ruvo_server_counters::no_replies},
     ServerCounter{"second_sends", "Commands sent to the server a second time",
-                  &ruvo_server_stats::second_sends},
+                  &ruvo_server_counters::second_sends},
     ServerCounter{"reconnects", "Connections to the server rebuilt",
-                  &ruvo_server_stats::reconnects},
+                  &ruvo_server_counters::reconnects},
     ServerCounter{"failed_reconnects", "Connections to the server that could not be rebuilt",
-                  &ruvo_server_stats::failed_reconnects},
-    ServerCounter{"ejections", "Times that the server was ejected", &ruvo_server_stats::ejections},
+                  &ruvo_server_counters::failed_reconnects},
+    ServerCounter{"ejections", "Times that the server was ejected",
+                  &ruvo_server_counters::ejections},
     ServerCounter{"retries", "Times that the server was tried again after its ejection",
-                  &ruvo_server_stats::retries},
+                  &ruvo_server_counters::retries},
 };
 
 struct ServerNumbers {
@@ -44,7 +45,7 @@ struct ServerNumbers {
   std::uint64_t in_flight = 0;
   std::array<std::uint64_t, server_counters.size()> counts{};
 
-  std::uint64_t count(std::uint64_t ruvo_server_stats::*counter) const;
+  std::uint64_t count(std::uint64_t ruvo_server_counters::*counter) const;
 };
 
 struct PoolNumbers {

@@ -87,7 +87,7 @@ class ServerWatch {
       for (Server& server : servers_) {
         server.is_visited = false;
       }
-      [[maybe_unused]] const int told_by_the_log = RUVO_ExistsKey(probe_key, pool, nullptr);
+      [[maybe_unused]] const int ret = RUVO_ExistsKey(probe_key, pool, nullptr);  // the log tells
       leave();
     }
   }

@@ -30,7 +30,7 @@ const std::vector<Row>& table() {
       {K::configuration_path, "ruvo_redis::init_config redis_cfg_path = %s", {F::path}},
       {K::configured_servers, "t_par_val: %s", {F::temp_servers}},
       {K::configured_servers, "p_par_val: %s", {F::persist_servers}},
-      {K::time_outs, "ruvo_worker::init | get timeout cfg, connect_timeout:%d (ms), socket_timeout:%d (ms)", {F::connect_timeout, F::socket_timeout}},
+      {K::timeouts, "ruvo_worker::init | get timeout cfg, connect_timeout:%d (ms), socket_timeout:%d (ms)", {F::connect_timeout, F::socket_timeout}},
       {K::options, "ruvo_redis::init | auto_pipelining:%s, eject_silent_servers:%s, try_ejected_servers:%s, log_limit:%d, call_timeout:%d (ms)", {F::auto_pipelining, F::eject_silent_servers, F::try_ejected_servers, F::log_limit, F::call_timeout}},
       {K::options, "ruvo_redis::init | raw_commands_stay_in_pool:%s, start_without_servers:%s, failover_replies:%s, send_once:%s, wait_for_servers:%s, stats_file:%s, slow_call_log:%d (ms)", {F::raw_commands_stay_in_pool, F::start_without_servers, F::failover_replies, F::send_once, F::wait_for_servers, F::stats_file, F::slow_call_log}},
       {K::addresses, "ruvo_redis::init | temp_server addr = %s, persist_server addr = %s.", {F::temp_servers, F::persist_servers}},
@@ -47,7 +47,7 @@ const std::vector<Row>& table() {
       {K::server_considered, "ruvo_redis::get_server_node | try next server:%s,port:%d", {F::ip, F::port}},
       {K::connection_chosen, "ruvo_redis::get_conn | connection index: %u/%u", {F::connection, F::connections}},
       {K::no_connection, "ruvo_redis::get_conn | no connection %u on server %s port:%d", {F::connection, F::ip, F::port}},
-      {K::passed_over, "ruvo_redis::is_server_valid | server,ip:%s port:%d invalid, failure count:%d, retry after %ld seconds", {F::ip, F::port, F::failures, F::seconds}},
+      {K::skipped, "ruvo_redis::is_server_valid | server,ip:%s port:%d invalid, failure count:%d, retry after %ld seconds", {F::ip, F::port, F::failures, F::seconds}},
       {K::retry, "ruvo_redis::is_server_valid | server, ip:%s port:%d start retry", {F::ip, F::port}},
       {K::all_servers_invalid, "ruvo_redis::get_server_node | all servers invalid", {}},
       {K::no_server_available, "ruvo_redis::%s | can not find an available server", {F::origin}},
@@ -62,7 +62,7 @@ const std::vector<Row>& table() {
       {K::operation_done, "%s | do_exec_command success!", {F::origin}},
       {K::call_timed_out, "ruvo_redis::%s | key:%s, call time-out of %d ms has passed", {F::origin, F::key, F::call_timeout}},
 
-      {K::lines_kept_back, "ruvo_redis::log_limit | %llu lines like the next one were kept back", {F::lines}},
+      {K::lines_suppressed, "ruvo_redis::log_limit | %llu lines like the next one were kept back", {F::lines}},
   };
   return rows;
 }

@@ -19,7 +19,7 @@ enum class EventKind {
   // Start-up.
   configuration_path,  // of the second file
   configured_servers,  // an ERROR line that tells of nothing wrong
-  time_outs,
+  timeouts,
   options,  // two lines
   addresses,
   invalid_address,
@@ -34,7 +34,7 @@ enum class EventKind {
   server_considered,  // the next lines tell what comes of it
   connection_chosen,
   no_connection,  // of that number on the server
-  passed_over,    // the server is ejected
+  skipped,        // the server is ejected
   retry,          // its ejection is over
   all_servers_invalid,
   no_server_available,  // the walk came round, or used its visits up
@@ -50,7 +50,7 @@ enum class EventKind {
   operation_done,
   call_timed_out,
 
-  lines_kept_back
+  lines_suppressed
 };
 
 enum class Field {

@@ -90,8 +90,8 @@ open_outcome authenticate(redisContext& context, const server_addr& addr,
                                    {limit_of(settings.socket_timeout), settings.deadline});
   if (!reply) {
     const connection_error error(context);
-    const bool has_waited = error == timeout_error() || error == deadline_error() ||
-                            error == system_error(ETIMEDOUT);
+    const bool has_waited =
+        error == timeout_error() || error == deadline_error() || error == system_error(ETIMEDOUT);
     return has_waited ? open_outcome::unanswered : open_outcome::closed;
   }
   if (reply->type != REDIS_REPLY_ERROR) {

@@ -30,22 +30,24 @@ connection_error error_of_wait(const wait_limits& limits) {
   return steady_clock::now() >= limits.deadline ? deadline_error() : timeout_error();
 }
 
-bool send_whole(redisContext& context, const wire_command& command, const wait_limits& limits) {
+// The number of bytes that the socket has taken; fewer than all when the connection broke.
+std::size_t send_whole(redisContext& context, const wire_command& command,
+                       const wait_limits& limits) {
   iovec rest{command.bytes(), command.length()};
   for (;;) {
     const ssize_t sent = send_some(context, std::span(&rest, 1));
     if (sent < 0) {
       set_error(context, system_error(errno));
-      return false;
+      return command.length() - rest.iov_len;
     }
     rest.iov_base = static_cast<char*>(rest.iov_base) + sent;
     rest.iov_len -= static_cast<std::size_t>(sent);
     if (rest.iov_len == 0) {
-      return true;
+      return command.length();
     }
     if (wait_for_peer(context, POLLOUT, end_of_wait(limits)) == wait_end::timed_out) {
       set_error(context, error_of_wait(limits));
-      return false;
+      return command.length() - rest.iov_len;
     }
   }
 }
@@ -58,7 +60,8 @@ reply_ptr wait_for_reply(redisContext& context, const wait_limits& limits) {
     }
     // Without a deadline the socket's own timeout ends the read, and no clock is asked.
     const bool timed = limits.deadline != no_deadline;
-    switch (receive_some(context, limits.socket_timeout, timed ? end_of_wait(limits) : no_deadline)) {
+    switch (
+        receive_some(context, limits.socket_timeout, timed ? end_of_wait(limits) : no_deadline)) {
       case wait_end::ready:
         break;
       case wait_end::timed_out:
@@ -79,9 +82,7 @@ ssize_t receive(redisContext& context, std::span<char> buffer, int flags) {
 }
 
 // Has the reader begun a reply that is not complete?
-bool is_amid_reply(const redisReader& reader) {
-  return reader.ridx > 0 || reader.len > reader.pos;
-}
+bool is_amid_reply(const redisReader& reader) { return reader.ridx > 0 || reader.len > reader.pos; }
 
 }  // namespace
 
@@ -98,6 +99,7 @@ connection_error system_error(int error) {
   return {REDIS_ERR_IO, strerror_r(error, text.data(), text.size())};
 }
 
+connection_error closed_error() { return {REDIS_ERR_EOF, "Server closed the connection"}; }
 connection_error timeout_error() { return system_error(EAGAIN); }
 connection_error deadline_error() { return {REDIS_ERR_IO, "the call's time has passed"}; }
 connection_error out_of_step_error() {
@@ -134,12 +136,29 @@ wire_command format_command(const char* format, ...) {
   return command;
 }
 
-reply_ptr exchange(redisContext& context, const wire_command& command, const wait_limits& limits) {
+connection_error look_at(const redisContext& context) {
+  char byte = 0;
+  const ssize_t peeked = ::recv(context.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (peeked > 0) {
+    return out_of_step_error();
+  }
+  if (peeked == 0) {
+    return closed_error();
+  }
+  return errno == EAGAIN || errno == EINTR ? connection_error() : system_error(errno);
+}
+
+reply_ptr exchange(redisContext& context, const wire_command& command, const wait_limits& limits,
+                   bool* sent) {
   if (command.refused()) {
     command.report_refusal(context);
     return nullptr;
   }
-  if (!send_whole(context, command, limits)) {
+  const std::size_t sent_bytes = send_whole(context, command, limits);
+  if (sent != nullptr) {
+    *sent = sent_bytes > 0;
+  }
+  if (context.err != 0) {
     return nullptr;
   }
   reply_ptr reply = wait_for_reply(context, limits);
@@ -179,7 +198,8 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
   for (;;) {
     timespec left{};
     if (until != no_deadline) {
-      const auto rest = std::max(std::chrono::nanoseconds(0), std::chrono::nanoseconds(until - steady_clock::now()));
+      const auto rest = std::max(std::chrono::nanoseconds(0),
+                                 std::chrono::nanoseconds(until - steady_clock::now()));
       left.tv_sec = static_cast<std::time_t>(rest.count() / 1000000000);
       left.tv_nsec = static_cast<long>(rest.count() % 1000000000);
     }
@@ -201,8 +221,8 @@ wait_end receive_some(redisContext& context, std::chrono::microseconds socket_ti
   // The socket has the timeout, too: where that is the earlier, one system call does it.
   constexpr std::chrono::milliseconds tolerance{1};
   int flags = 0;
-  if (until != no_deadline && (socket_timeout.count() <= 0 ||
-                               until + tolerance < steady_clock::now() + socket_timeout)) {
+  if (until != no_deadline &&
+      (socket_timeout.count() <= 0 || until + tolerance < steady_clock::now() + socket_timeout)) {
     const wait_end waited = wait_for_peer(context, POLLIN, until);
     if (waited == wait_end::timed_out) {
       return waited;
@@ -217,12 +237,13 @@ wait_end receive_some(redisContext& context, std::chrono::microseconds socket_ti
   const std::span<char> buffer = large ? std::span(large.get(), large_read) : std::span(small);
   const ssize_t received = receive(context, buffer, flags);
   if (received > 0) {
-    if (redisReaderFeed(context.reader, buffer.data(), static_cast<std::size_t>(received)) == REDIS_OK) {
+    if (redisReaderFeed(context.reader, buffer.data(), static_cast<std::size_t>(received)) ==
+        REDIS_OK) {
       return wait_end::ready;
     }
     set_error(context, {context.reader->err, context.reader->errstr});
   } else if (received == 0) {
-    set_error(context, {REDIS_ERR_EOF, "Server closed the connection"});
+    set_error(context, closed_error());
   } else if (errno == EAGAIN) {
     return wait_end::timed_out;
   } else {

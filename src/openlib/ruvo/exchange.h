@@ -69,8 +69,9 @@ struct wait_limits {
 // Sends a command and reads its reply; null when the connection broke, the deadline has passed or
 // hiredis has refused the template (the context then carries the error). Never raises SIGPIPE in
 // the host.
+// `sent`: whether a byte of the command may have reached the server.
 reply_ptr exchange(redisContext& context, const wire_command& command,
-                   const wait_limits& limits = {});
+                   const wait_limits& limits = {}, bool* sent = nullptr);
 
 // ---- The parts of an exchange ----
 
@@ -103,9 +104,14 @@ struct connection_error {
   bool operator==(const connection_error& other) const;
 };
 connection_error system_error(int error);
+connection_error closed_error();    // by its server
 connection_error timeout_error();   // a wait has timed out
 connection_error deadline_error();  // the deadline has ended it
 connection_error out_of_step_error();
+
+// Looks at a connection on which nothing is awaited, without waiting: has its server closed it, or
+// sent what nobody asked for? The code is 0 when it is as it should be.
+connection_error look_at(const redisContext& context);
 
 // Leaves an error on the context as hiredis does, which the walk and its log lines read there.
 void set_error(redisContext& context, const connection_error& error);

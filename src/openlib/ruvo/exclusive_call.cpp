@@ -5,7 +5,11 @@
 #include "slot_lock.h"
 
 exclusive_call::exclusive_call(conn_node& slot, const wire_command& wire, const send_terms& terms)
-    : slot_call(wire, terms), slot_(slot), limits_(terms.limits), forks_(slot.pipeline_.forks) {
+    : slot_call(wire, terms),
+      slot_(slot),
+      limits_(terms.limits),
+      is_timed_(terms.is_timed),
+      forks_(slot.pipeline_.forks) {
   call_.counts_failure = true;
 }
 
@@ -25,6 +29,13 @@ send_end exclusive_call::send() {
       return send_end::lock_failed;
     case lock_end::timed_out:
       return send_end::out_of_time;
+  }
+  if (call_.must_not_resend && !is_broken(slot_.context_)) {
+    // It is not to be lost on a connection that its server has closed.
+    const connection_error found = look_at(*slot_.context_);
+    if (found.code != 0) {
+      set_error(*slot_.context_, found);
+    }
   }
   if (is_broken(slot_.context_)) {
     if (slot_.context_ != nullptr) {
@@ -50,8 +61,10 @@ void exclusive_call::give_up(const char* reason) {
 }
 
 send_end exclusive_call::exchange_over_slot() {
-  call_.sent_at = std::chrono::steady_clock::now();
-  call_.reply = exchange(*slot_.context_, *call_.wire, limits_);
+  if (is_timed_) {
+    call_.sent_at = std::chrono::steady_clock::now();
+  }
+  call_.reply = exchange(*slot_.context_, *call_.wire, limits_, &call_.was_sent);
   if (call_.reply) {
     call_.is_first_reply = std::exchange(slot_.awaits_first_reply_, false);
     return send_end::replied;

@@ -1,5 +1,5 @@
-// A call that has a slot's lock for its whole visit: threads that meet on a connection wait for each
-// other's round trips.
+// A call that has a slot's lock for its whole visit: threads that meet on a connection wait for
+// each other's round trips.
 #ifndef RUVO_EXCLUSIVE_CALL_H
 #define RUVO_EXCLUSIVE_CALL_H
 
@@ -19,6 +19,7 @@ class exclusive_call final : public slot_call {
 
   conn_node& slot_;
   wait_limits limits_;
+  bool is_timed_;
   std::uint64_t forks_;
   bool has_lock_ = false;
 };

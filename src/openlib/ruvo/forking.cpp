@@ -38,7 +38,9 @@ void ruvo_redis::forget_forks() {
 // by another thread: its context may be half changed, so it is marked and not looked into again.
 void ruvo_redis::disown_connections() noexcept {
   for (server_pool* pool : {&t_pool_, &p_pool_, &personality_pool_}) {
+    new (&pool->outage_) pool_outage;
     for (server_node& server : pool->servers_) {
+      server.probe_ = server_probe();
       for (conn_node& slot : server.context_arr_) {
         const pipeline_state& line = slot.pipeline_;
         slot.was_used_at_fork_ = slot.was_used_at_fork_ || line.is_reading || line.is_writing ||

@@ -17,7 +17,7 @@ void tell(const setting& key, setting_fault why, const char* value) {
       RUVO_LOG(ERROR, "ruvo_redis::init | %s must be a number from 0 to 2147483647: %s, left out",
                name, value);
       break;
-    case setting_fault::no_deadline:
+    case setting_fault::no_call_timeout:
       RUVO_LOG(ERROR, "ruvo_redis::init | %s needs a call_timeout: %s, left out", name, value);
   }
 }

@@ -1,16 +1,14 @@
 #include "pipeline.h"
 
-#include <linux/futex.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
 #include "connection.h"
+#include "futex.h"
 #include "server_pool.h"
 #include "slot_lock.h"
 
@@ -18,27 +16,6 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 using place = queued_call::place;
-
-// Sleeps while the signal has this value, until then at the latest.
-void sleep_on(const std::atomic<std::uint32_t>& signal, std::uint32_t value, time_point until) {
-  timespec end{};
-  if (until != no_deadline) {
-    const std::chrono::nanoseconds at = until.time_since_epoch();
-    end.tv_sec = static_cast<std::time_t>(at.count() / 1000000000);
-    end.tv_nsec = static_cast<long>(at.count() % 1000000000);
-  }
-  // Steady time, absolute.
-  ::syscall(SYS_futex, &signal, FUTEX_WAIT_BITSET_PRIVATE, value,
-            until != no_deadline ? &end : nullptr, nullptr, FUTEX_BITSET_MATCH_ANY);
-}
-
-// With `done`, the last touch of the call.
-void send_signal(queued_call& call, std::uint32_t value) {
-  std::atomic<std::uint32_t>* const signal = &call.signal;
-  if (signal->exchange(value, std::memory_order_release) == queued_call::asleep) {
-    ::syscall(SYS_futex, signal, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-  }
-}
 
 void add_user(pipeline_state& line, std::uint32_t count) {
   std::atomic_ref(line.users).fetch_add(count, std::memory_order_relaxed);
@@ -56,6 +33,14 @@ bool is_look_due(const pipeline_state& line, time_point now) {
   const auto interval =
       std::max<std::chrono::nanoseconds>(look_interval, look_round_trips * line.known_round_trip);
   return now - line.last_look >= interval;
+}
+
+// Before a write with nothing in flight: a command that must not be sent again is not to be lost on
+// a connection that its server has closed.
+bool needs_look(const pipeline_state& line, time_point now) {
+  const queued_call* const next = line.head();
+  return is_look_due(line, now) ||
+         (next != nullptr && next->must_not_resend && !next->is_second_send && !line.has_looked);
 }
 
 // Is it the turn of a command that goes alone? It comes after the second sends.
@@ -106,7 +91,8 @@ queued_call& call_list::pop_front() {
   return call;
 }
 
-// The slot's lock, held by this thread but for the moments in which it is let go.
+// The slot's lock, held by this thread but for the moments in which it is let go. Threads that are
+// signalled meanwhile are woken then: they would only wait for the lock.
 class pipelined_call::guard {
  public:
   explicit guard(conn_node& slot) : mutex_(*slot.lock_) {}
@@ -130,12 +116,30 @@ class pipelined_call::guard {
   void unlock() {
     is_held_ = false;
     mutex_.release();
+    for (const auto* sleeper : std::span(sleepers_).first(std::exchange(sleeper_count_, 0))) {
+      wake(sleeper);
+    }
   }
   bool is_held() const { return is_held_; }
+
+  // With `done`, the last touch of the call.
+  void send_signal(queued_call& call, std::uint32_t value) {
+    const std::atomic<std::uint32_t>* const signal = &call.signal;
+    if (call.signal.exchange(value, std::memory_order_release) != queued_call::asleep) {
+      return;
+    }
+    if (sleeper_count_ < sleepers_.size()) {
+      sleepers_[sleeper_count_++] = signal;
+    } else {
+      wake(signal);
+    }
+  }
 
  private:
   ACE_Thread_Mutex& mutex_;
   bool is_held_ = false;
+  std::size_t sleeper_count_ = 0;
+  std::array<const std::atomic<std::uint32_t>*, max_write_commands> sleepers_;
 };
 
 pipelined_call::pipelined_call(server_node& server, conn_node& slot, const wire_command& wire,
@@ -153,7 +157,7 @@ pipelined_call::~pipelined_call() {
   if (call_.where != place::nowhere) {
     guard lock(slot_);
     lock.lock();
-    leave();
+    leave(lock);
   }
   add_user(line_, ~0U);
 }
@@ -192,8 +196,7 @@ void pipelined_call::give_up(const char* reason) {
   lock.lock();
   call_.error = connection_error(REDIS_ERR_OOM, reason);
   // Only the first of those that have met the same event.
-  call_.counts_failure =
-      call_.sent_after == slot_.rebuilds_ && !line_.is_ending && !is_broken();
+  call_.counts_failure = call_.sent_after == slot_.rebuilds_ && !line_.is_ending && !is_broken();
   if (call_.counts_failure) {
     line_.is_ending = true;
     line_.end = call_.error;
@@ -205,7 +208,7 @@ void pipelined_call::give_up(const char* reason) {
   if (line_.in_flight.empty()) {
     check_idle_connection();
   }
-  settle();
+  settle(lock);
 }
 
 // Second sends come before first ones, in their order.
@@ -240,7 +243,7 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
     }
     const time_point now = clock::now();
     if (now >= call_.deadline && !call_.is_being_written) {
-      leave();
+      leave(lock);
       return send_end::out_of_time;
     }
     call_.is_leaving = now >= call_.deadline;
@@ -269,7 +272,7 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
         continue;
       }
       if (is_head && chance == write_chance::after_pause) {
-        until = std::min(until, (line_.is_writing ? now : line_.last_write) + write_pause);
+        until = std::min(until, (line_.is_writing ? now : line_.last_write) + line_.pause);
         call_.wakes_by_itself = true;
       }
     }
@@ -333,7 +336,8 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
     return write_chance::on_event;
   }
   if (is_turn_of_alone(line_)) {
-    return line_.in_flight.empty() && !line_.is_writing ? write_chance::now : write_chance::on_event;
+    return line_.in_flight.empty() && !line_.is_writing ? write_chance::now
+                                                        : write_chance::on_event;
   }
   if (line_.unsent.empty() || (!line_.in_flight.empty() && is_look_due(line_, now))) {
     return write_chance::on_event;
@@ -341,14 +345,15 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
   if (line_.is_writing) {
     return write_chance::after_pause;
   }
-  const bool at_once = line_.in_flight.size() < direct_sends || has_replied ||
-                       now - line_.last_write >= write_pause;
+  const bool at_once =
+      line_.in_flight.size() < direct_sends || has_replied || now - line_.last_write >= line_.pause;
   return at_once ? write_chance::now : write_chance::after_pause;
 }
 
 void pipelined_call::put_in_flight(queued_call& call, time_point now) {
   call.where = place::in_flight;
   call.sent_at = now;
+  call.was_sent = true;
   call.sent_after = slot_.rebuilds_;
   call.to_skip = line_.to_skip;
   set_to_skip(line_, 0);
@@ -379,7 +384,7 @@ std::size_t pipelined_call::take_batch(std::span<queued_call*> batch, time_point
 }
 
 void pipelined_call::write(guard& lock, time_point now) {
-  if (line_.in_flight.empty() && line_.to_skip == 0 && is_look_due(line_, now)) {
+  if (line_.in_flight.empty() && line_.to_skip == 0 && needs_look(line_, now)) {
     look_whether_in_step(lock, now);
     return;
   }
@@ -393,7 +398,7 @@ void pipelined_call::write(guard& lock, time_point now) {
     if (call.wire->refused()) {
       call.wire->report_refusal(*slot_.context_);
       break_off();
-      settle();
+      settle(lock);
       return;
     }
     call.is_being_written = true;
@@ -406,22 +411,24 @@ void pipelined_call::write(guard& lock, time_point now) {
     return iovec{call->wire->bytes() + call->written, call->wire->length() - call->written};
   });
   line_.is_writing = true;
+  line_.has_looked = false;
   line_.last_write = now;
+  line_.pause = count > 1 ? write_pause : pause_after_single;
   lock.unlock();
   const ssize_t sent = count > 0 ? send_some(*slot_.context_, std::span(bytes).first(count)) : 0;
   const int error = errno;
   lock.lock();
   line_.is_writing = false;
-  note_written(batch, sent > 0 ? static_cast<std::size_t>(sent) : 0);
+  note_written(lock, batch, sent > 0 ? static_cast<std::size_t>(sent) : 0);
   if (sent < 0) {
     stop_writing(error);
   }
-  settle();
+  settle(lock);
 }
 
 // Those of which the socket has taken all are in flight, the others go back to the head of the
 // queue. One that has got its reply meanwhile is done now.
-void pipelined_call::note_written(std::span<queued_call*> batch, std::size_t bytes) {
+void pipelined_call::note_written(guard& lock, std::span<queued_call*> batch, std::size_t bytes) {
   for (queued_call* call : batch) {
     const std::size_t taken = std::min(bytes, call->wire->length() - call->written);
     bytes -= taken;
@@ -431,11 +438,11 @@ void pipelined_call::note_written(std::span<queued_call*> batch, std::size_t byt
     queued_call& call = *batch[i];
     call.is_being_written = false;
     if (call.where == place::nowhere) {
-      send_signal(call, queued_call::done);
+      lock.send_signal(call, queued_call::done);
     } else if (call.written < call.wire->length()) {
       put_back(call);
     } else if (call.is_leaving) {
-      send_signal(call, queued_call::look);
+      lock.send_signal(call, queued_call::look);
     }
   }
 }
@@ -444,7 +451,7 @@ void pipelined_call::put_back(queued_call& call) {
   line_.in_flight.remove(call);
   set_to_skip(line_, line_.to_skip + std::exchange(call.to_skip, 0));
   if (call.written == 0) {
-    call.sent_at = time_point();
+    call.was_sent = false;
   }
   const bool returns_alone = line_.is_alone && call.written == 0;
   call.where = returns_alone ? place::alone : place::unsent;
@@ -469,8 +476,7 @@ void pipelined_call::stop_writing(int error) {
 // The socket is full: the head of the queue waits until it takes more.
 void pipelined_call::wait_until_writable(guard& lock) {
   const auto timeout = terms_.limits.socket_timeout;
-  const time_point end =
-      timeout.count() > 0 ? line_.last_write + timeout : no_deadline;
+  const time_point end = timeout.count() > 0 ? line_.last_write + timeout : no_deadline;
   line_.is_writing = true;
   lock.unlock();
   const wait_end waited = wait_for_peer(*slot_.context_, POLLOUT, std::min(end, call_.deadline));
@@ -482,7 +488,7 @@ void pipelined_call::wait_until_writable(guard& lock) {
     line_.end = timeout_error();
     break_off();
   }
-  settle();
+  settle(lock);
 }
 
 // Nothing is in flight: bytes that come now were asked for by nobody. A reply that has shifted the
@@ -496,16 +502,15 @@ void pipelined_call::look_whether_in_step(guard& lock, time_point now) {
   if (quiet > now) {
     wait_for_peer(*slot_.context_, POLLIN, quiet);
   }
-  char byte = 0;
-  const bool is_out_of_step =
-      ::recv(slot_.context_->fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+  const connection_error found = look_at(*slot_.context_);
   lock.lock();
   line_.is_writing = false;
-  if (is_out_of_step) {
-    line_.end = out_of_step_error();
+  line_.has_looked = true;
+  if (found.code != 0) {
+    line_.end = found;
     break_off();
   }
-  settle();
+  settle(lock);
 }
 
 // ---- Reading ----
@@ -516,8 +521,7 @@ void pipelined_call::read(guard& lock, time_point now) {
   const time_point due =
       timeout.count() > 0 ? std::max(call_.sent_at, line_.last_arrival) + timeout : no_deadline;
   std::array<reply_ptr, max_write_commands> replies;
-  const std::size_t most =
-      std::min(replies.size(), line_.in_flight.size() + call_.to_skip);
+  const std::size_t most = std::min(replies.size(), line_.in_flight.size() + call_.to_skip);
   std::size_t count = 0;
   const auto take_replies = [&] {
     while (count < most && (replies[count] = next_reply(context))) {
@@ -582,12 +586,13 @@ void pipelined_call::hand_out(guard& lock, std::span<reply_ptr> replies, time_po
     line_.is_alone = false;
     check_idle_connection();
   }
-  settle();
-  if (!replies.empty() && may_write(now, true) == write_chance::now) {
+  settle(lock);
+  for (bool has_replied = !replies.empty(); may_write(now, has_replied) == write_chance::now;) {
     write(lock, now);
+    has_replied = false;
   }
   for (queued_call* call : std::span(served).first(count)) {
-    send_signal(*call, queued_call::done);
+    lock.send_signal(*call, queued_call::done);
   }
 }
 
@@ -619,25 +624,25 @@ void pipelined_call::break_off() {
 }
 
 // After anything that may change what the next step is.
-void pipelined_call::settle() {
+void pipelined_call::settle(guard& lock) {
   if (line_.is_broken && !line_.is_reading && !line_.is_writing && !line_.is_rebuilding) {
-    finish_break();
+    finish_break(lock);
   }
   queued_call* const reads = line_.in_flight.front();
   if (reads != nullptr && reads != &call_ && !line_.is_reading) {
-    send_signal(*reads, queued_call::look);
+    lock.send_signal(*reads, queued_call::look);
   }
   queued_call* const head = line_.head();
   if (head != nullptr && head != &call_ && !head->wakes_by_itself && !line_.is_writing &&
       !line_.is_rebuilding) {
-    send_signal(*head, queued_call::look);
+    lock.send_signal(*head, queued_call::look);
   }
 }
 
 // Those in flight have used a send. The ones behind the call whose reply was due are sent again
 // first, in their order; that one goes alone and after them, so that a command which stalls or
 // kills its connection fails by itself. One that has been sent twice is ended.
-void pipelined_call::finish_break() {
+void pipelined_call::finish_break(guard& lock) {
   redisContext& context = *slot_.context_;
   if (context.err == 0) {
     set_error(context, line_.end);
@@ -653,7 +658,7 @@ void pipelined_call::finish_break() {
   const auto end = [&](queued_call& call) {
     call.where = place::nowhere;
     call.counts_failure = !std::exchange(is_counted, true);
-    send_signal(call, queued_call::done);
+    lock.send_signal(call, queued_call::done);
   };
   // A new connection that has not answered anything would not answer these either.
   for (queued_call* call = line_.has_answered ? nullptr : line_.alone.front(); call != nullptr;) {
@@ -684,7 +689,7 @@ void pipelined_call::finish_break() {
     } else {
       line_.unsent.insert_before(later, call);
     }
-    send_signal(call, queued_call::look);
+    lock.send_signal(call, queued_call::look);
   }
   set_to_skip(line_, 0);
   line_.is_alone = line_.is_blocked = line_.is_ending = line_.has_failed_to_write = false;
@@ -707,13 +712,13 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
     line_.round_trip = line_.known_round_trip = std::chrono::nanoseconds(0);
     line_.last_look = clock::now();
   } else if (clock::now() < call_.deadline) {
-    share_failed_rebuild();
+    share_failed_rebuild(lock);
   }
-  settle();
+  settle(lock);
 }
 
 // Those that have come meanwhile have not met the fault: they try for themselves.
-void pipelined_call::share_failed_rebuild() {
+void pipelined_call::share_failed_rebuild(guard& lock) {
   for (call_list* list : {&line_.unsent, &line_.alone}) {
     for (queued_call* call = list->front(); call != nullptr;) {
       queued_call* const next = call->next;
@@ -725,7 +730,7 @@ void pipelined_call::share_failed_rebuild() {
         if (slot_.context_ != nullptr && call->error.code == 0) {
           call->error = connection_error(*slot_.context_);
         }
-        send_signal(*call, queued_call::done);
+        lock.send_signal(*call, queued_call::done);
       }
       call = next;
     }
@@ -733,7 +738,7 @@ void pipelined_call::share_failed_rebuild() {
 }
 
 // The deadline has come. A command in flight is answered all the same: its reply will be dropped.
-void pipelined_call::leave() {
+void pipelined_call::leave(guard& lock) {
   if (call_.where == place::in_flight) {
     queued_call* const next = call_.next;
     const std::uint32_t replies = call_.to_skip + 1;
@@ -754,5 +759,5 @@ void pipelined_call::leave() {
     }
   }
   call_.where = place::nowhere;
-  settle();
+  settle(lock);
 }

@@ -42,15 +42,21 @@ struct connection_tally {
 };
 
 // Opens a connection. A server that is down keeps its slot, to be repaired when it is used; one
-// that does not take the password loses it.
-void connect_slot(server_node& server, const connection_settings& settings,
-                  std::unique_ptr<ACE_Thread_Mutex> lock, connection_tally& tally) {
+// that does not take the password loses it, unless every slot is to be kept.
+open_outcome connect_slot(server_node& server, const connection_settings& settings,
+                          bool keeps_every_slot, std::unique_ptr<ACE_Thread_Mutex> lock,
+                          connection_tally& tally) {
   const server_addr& addr = server.addr_;
   opened_connection opened = open_connection(addr, settings);
   switch (opened.outcome) {
-    case open_outcome::closed:
     case open_outcome::refused:
-      return;
+      set_error(*opened.context, {REDIS_ERR_OTHER, "the password was refused"});
+      [[fallthrough]];
+    case open_outcome::closed:
+      if (!keeps_every_slot) {
+        return opened.outcome;
+      }
+      break;
     case open_outcome::unreachable:
     case open_outcome::unanswered:
       RUVO_LOG(ERROR,
@@ -68,18 +74,27 @@ void connect_slot(server_node& server, const connection_settings& settings,
       ++tally.good;
   }
   add_slot(server, std::move(opened.context), std::move(lock));
+  return opened.outcome;
 }
 
-// Opens the connections of a server. False when there is no memory for a lock.
+// Opens the connections of a server. False when there is no memory for a lock. Where every slot is
+// kept, the first connection that cannot be opened leaves the others for their first use.
 bool connect_server(server_node& server, std::uint32_t connections,
-                    const connection_settings& settings, connection_tally& tally) {
+                    const connection_settings& settings, bool keeps_every_slot,
+                    connection_tally& tally) {
+  bool is_ready = true;
   for (std::uint32_t i = 0; i < connections; ++i) {
     std::unique_ptr<ACE_Thread_Mutex> lock(new (std::nothrow) ACE_Thread_Mutex);
     if (!lock) {
       RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | memory overflow.");
       return false;
     }
-    connect_slot(server, settings, std::move(lock), tally);
+    if (is_ready || !keeps_every_slot) {
+      is_ready = connect_slot(server, settings, keeps_every_slot, std::move(lock), tally) ==
+                 open_outcome::ready;
+    } else {
+      add_slot(server, nullptr, std::move(lock));
+    }
   }
   return true;
 }
@@ -94,6 +109,7 @@ ruvo_redis::~ruvo_redis() {
 int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
                                  RedisServerType type) {
   pool.use(pool_settings());
+  pool.number_ = type;
   if (addrs.empty()) {
     RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | addr is empty");
     return RUVO_ERR_ADDRESS_LIST;
@@ -121,7 +137,7 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
     server_node& server = pool.servers_.emplace_back();
     server.addr_ = addr;
     server.index_ = pool.servers_.size() - 1;
-    if (!connect_server(server, connections, settings, tally)) {
+    if (!connect_server(server, connections, settings, options_.start_without_servers, tally)) {
       close_slots(server);
       pool.servers_.pop_back();
       fini();  // says that nothing is initialised: deployed systems know the line
@@ -129,7 +145,7 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
     }
   }
   RUVO_LOG(INFO, "ruvo_redis::init_server_pool | connect to server ok num:%d", tally.good);
-  return tally.good > 0 ? RUVO_OK : tally.failure;
+  return tally.good > 0 || options_.start_without_servers ? RUVO_OK : tally.failure;
 }
 
 int ruvo_redis::fini_server_pool(server_pool& pool) {
@@ -139,6 +155,7 @@ int ruvo_redis::fini_server_pool(server_pool& pool) {
              port_of(server.addr_));
   }
   pool.servers_.clear();
+  pool.stats_ = nullptr;
   return RUVO_OK;
 }
 
@@ -156,6 +173,7 @@ int ruvo_redis::fini() {
   }
   if (init_count_.fetch_sub(1) == 1) {
     close_pools();
+    statistics_.end();
     ruvo_cfg.close();
     initialized_.store(false, std::memory_order_release);
     set_log_limit(0);

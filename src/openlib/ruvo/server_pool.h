@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "outage.h"
 #include "pipeline.h"
 #include "settings.h"
 
@@ -23,19 +24,24 @@
 struct conn_node {
   redisContext* context_ = nullptr;  // null or in error state: rebuilt when it is used
   ACE_Thread_Mutex* lock_ = nullptr;
-  pipeline_state pipeline_;           // who shares the connection; guarded by the lock
-  std::uint64_t rebuilds_ = 0;        // how often the context was replaced; guarded by the lock
-  bool awaits_first_reply_ = false;   // since then; guarded by the lock
-  bool was_used_at_fork_ = false;     // another thread was changing the context
+  pipeline_state pipeline_;          // who shares the connection; guarded by the lock
+  std::uint64_t rebuilds_ = 0;       // how often the context was replaced; guarded by the lock
+  bool awaits_first_reply_ = false;  // since then; guarded by the lock
+  bool was_used_at_fork_ = false;    // another thread was changing the context
 };
+
+struct ruvo_server_stats;
+struct ruvo_pool_stats;
 
 struct server_node {
   std::vector<conn_node> context_arr_;
   server_addr addr_;
-  std::int32_t failure_count_ = 0;   // failures since the last reconnection or retry
-  std::time_t next_retry_time_ = 0;  // when an ejected server may be tried again; 0: not set
-  std::size_t index_ = 0;            // position in the pool
-  std::int64_t conn_count_ = 0;      // whose turn it is among the slots
+  std::int32_t failure_count_ = 0;      // failures since the last reconnection or retry
+  std::time_t next_retry_time_ = 0;     // when an ejected server may be tried again; 0: not set
+  server_probe probe_;                  // while it is ejected, or its pool does not answer
+  ruvo_server_stats* stats_ = nullptr;  // null: none are kept
+  std::size_t index_ = 0;               // position in the pool
+  std::int64_t conn_count_ = 0;         // whose turn it is among the slots
 };
 
 struct server_pool {
@@ -58,6 +64,9 @@ struct server_pool {
   std::int32_t retry_timeout_ = 0;   // seconds that an ejected server is left alone
   std::int64_t server_count_ = 0;    // whose turn it is among the servers
   std::string redis_password_;       // empty: none
+  int number_ = 0;                   // its type; for the log
+  pool_outage outage_;
+  ruvo_pool_stats* stats_ = nullptr;  // null: none are kept
 };
 
 #endif

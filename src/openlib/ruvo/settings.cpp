@@ -121,21 +121,38 @@ const char* text_in(const vop_config& config, const setting& key) {
   return config.get_str_val(key.section, key.name.c_str());
 }
 
-// Fills the fields of `owner` that belong to the pool.
+// Stores what the file says of a key. False, and told, where it says nothing that can be used.
+template <typename Value>
+bool read(const vop_config& config, const setting& key, bool is_idle, Value& value,
+          const fault_listener& refuse) {
+  const char* const text = text_in(config, key);
+  if (text == nullptr) {
+    return false;
+  }
+  Value found = value;
+  const bool is_of_its_kind = parse(key, text, found);
+  if (is_of_its_kind && !(is_idle && found != value)) {
+    value = found;
+    return true;
+  }
+  if (refuse) {
+    refuse(key,
+           is_of_its_kind            ? setting_fault::no_call_timeout
+           : key.kind == kind::truth ? setting_fault::no_truth
+                                     : setting_fault::no_number,
+           text);
+  }
+  return false;
+}
+
+// The fields that belong to a pool, or to none.
 template <typename Owner>
 Owner read_fields(const vop_config& config, int pool, const fault_listener& refuse) {
   Owner owner;
   for (const setting& key : all_settings()) {
-    const char* const text = key.pool == pool ? text_in(config, key) : nullptr;
-    if (text == nullptr) {
-      continue;
+    if (key.pool == pool) {
+      key.with_field(owner, [&](auto& value) { read(config, key, false, value, refuse); });
     }
-    key.with_field(owner, [&](auto& value) {
-      if (!parse(key, text, value) && refuse) {
-        refuse(key, key.kind == kind::truth ? setting_fault::no_truth : setting_fault::no_number,
-               text);
-      }
-    });
   }
   return owner;
 }
@@ -190,24 +207,10 @@ found_options find_options(const vop_config& config, const fault_listener& refus
   client_options& options = found.options;
   for (const setting& key : all_settings()) {
     key.with_field(options, [&](auto& value) {
-      const char* const text = text_in(config, key);
       const bool is_idle = key.needed_number != nullptr && options.*key.needed_number == 0;
-      auto read = value;
-      std::optional<setting_fault> why;
-      if (text != nullptr && !parse(key, text, read)) {
-        why = key.kind == kind::truth ? setting_fault::no_truth : setting_fault::no_number;
-      } else if (text != nullptr && is_idle && read != value) {
-        why = setting_fault::no_deadline;
-      }
-      if (text != nullptr && !why) {
-        value = read;
+      if (read(config, key, is_idle, value, refuse)) {
         found.is_told.at(static_cast<std::size_t>(key.line)) = true;
-        return;
-      }
-      if (why && refuse) {
-        refuse(key, *why, text);
-      }
-      if (options.recommended_defaults && !is_idle && *key.recommended != '\0') {
+      } else if (options.recommended_defaults && !is_idle && *key.recommended != '\0') {
         parse(key, key.recommended, value);
       }
     });

@@ -92,7 +92,7 @@ std::string value_text(const setting& option, const client_options& options);
 
 // ---- Reading ----
 
-enum class setting_fault { no_truth, no_number, no_deadline };
+enum class setting_fault { no_truth, no_number, no_call_timeout };
 
 // Told of each value that is not used, and why.
 using fault_listener =

@@ -18,6 +18,7 @@ enum class send_end { replied, unanswered, rebuild_failed, out_of_time, lock_fai
 // What bounds a call's waits, and whether its command may be sent twice.
 struct send_terms {
   wait_limits limits;
+  bool is_timed = false;         // keep times though nothing of the send itself needs them
   bool must_not_resend = false;  // once a byte of it may have reached a server
 };
 
@@ -42,24 +43,25 @@ struct queued_call {
   time_point deadline = no_deadline;
   reply_ptr reply;
   connection_error error;
-  time_point sent_at{};
-  std::size_t written = 0;       // bytes of the command that the socket has taken
-  std::uint32_t to_skip = 0;     // replies of calls that have left, due before this one's
+  time_point sent_at{};       // where times are kept
+  bool was_sent = false;      // a byte of it may have reached a server
+  std::size_t written = 0;    // bytes of the command that the socket has taken
+  std::uint32_t to_skip = 0;  // replies of calls that have left, due before this one's
   place where = place::nowhere;
   bool is_being_written = false;  // a thread that writes has its address
   bool wakes_by_itself = false;   // sleeps for no longer than the pause
   bool is_leaving = false;        // its deadline has come while it is being written
   bool is_second_send = false;
-  bool must_not_resend = false;   // once a byte of it may have reached the server
-  bool has_broken = false;        // its first send ended without a reply; not told yet
-  bool shares_rebuild = false;    // waited when the present rebuild began
+  bool must_not_resend = false;  // once a byte of it may have reached the server
+  bool has_broken = false;       // its first send ended without a reply; not told yet
+  bool shares_rebuild = false;   // waited when the present rebuild began
   bool rebuild_failed = false;
-  bool counts_failure = false;    // of the calls that share an event, one counts it
-  bool is_first_reply = false;    // on its connection
-  std::uint64_t sent_after = 0;   // so many rebuilds of the connection
+  bool counts_failure = false;   // of the calls that share an event, one counts it
+  bool is_first_reply = false;   // on its connection
+  std::uint64_t sent_after = 0;  // so many rebuilds of the connection
   queued_call* previous = nullptr;
   queued_call* next = nullptr;
-  std::atomic<std::uint32_t> signal{asleep};
+  std::atomic<std::uint32_t> signal{look};
 };
 
 class slot_call {
@@ -82,7 +84,6 @@ class slot_call {
 
   reply_ptr take_reply() { return std::move(call_.reply); }
   const queued_call& state() const { return call_; }
-  bool was_sent() const { return call_.sent_at != time_point(); }
 
  protected:
   ~slot_call() = default;

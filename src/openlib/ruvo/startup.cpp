@@ -185,11 +185,32 @@ int ruvo_redis::build_pools() {
       RUVO_LOG(INFO, "ruvo_redis::init | %s server pool init success", start.success_name);
     }
   }
+  keep_statistics();
   if (ret_sum != RUVO_INIT_BOTH_POOLS_FAILED) {
     initialized_.store(true, std::memory_order_release);
   }
   print_progress("ret_sum = %d", ret_sum);
   return ret_sum;
+}
+
+void ruvo_redis::keep_statistics() {
+  if (options_.stats_file.empty()) {
+    return;
+  }
+  const std::array pools{&t_pool_, &p_pool_, &personality_pool_};
+  std::vector<statistics_file::counted_pool> counted;
+  for (const server_pool* pool : pools) {
+    counted.push_back({static_cast<RedisServerType>(pool->number_), *pool, t_pool_.conn_num_});
+  }
+  if (!statistics_.begin(options_.stats_file, counted)) {
+    return;
+  }
+  for (std::size_t i = 0; i < pools.size(); ++i) {
+    pools[i]->stats_ = statistics_.pool(i);
+    for (server_node& server : pools[i]->servers_) {
+      server.stats_ = statistics_.server(i, server.index_);
+    }
+  }
 }
 
 int ruvo_redis::init_config(const char* config) {

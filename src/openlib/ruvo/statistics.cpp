@@ -3,10 +3,12 @@
 
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -15,16 +17,60 @@
 
 #include "log_line.h"
 
-// What a counter of one server or pool writes does not share a cache line with another's.
+// The counters of one lane share no cache line with those of another.
 constexpr std::size_t cache_line = 64;
 static_assert(sizeof(ruvo_stats_header) % cache_line == 0);
 static_assert(sizeof(pool_stats) % cache_line == 0);
 static_assert(sizeof(server_stats) % cache_line == 0);
-static_assert(offsetof(pool_stats, time_sum) % cache_line == 0);
-static_assert(offsetof(server_stats, calls) % cache_line == 0);
+static_assert(sizeof(ruvo_pool_counters) % cache_line == 0);
+static_assert(sizeof(server_counters) % cache_line == 0);
+static_assert(offsetof(pool_stats, lanes) % cache_line == 0);
+static_assert(offsetof(server_stats, lanes) % cache_line == 0);
 static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free);
 
 namespace {
+
+// The lanes that threads of this process have; the first one is nobody's. Only the process that has
+// made a file may hand them out: in a forked child, both would store to them.
+std::atomic<std::uint64_t> taken_lanes{1};
+std::atomic<bool> hands_out_lanes{false};
+static_assert(RUVO_STATS_LANES == 64, "a bit for each");
+
+void release_lane() noexcept {
+  taken_lanes.fetch_and(~(std::uint64_t{1} << std::exchange(stats_lane, 0U)) | 1U,
+                        std::memory_order_release);
+}
+
+// Tells when a thread ends. A key of pthreads, whose value takes no memory that could be missing.
+class thread_end_key {
+ public:
+  thread_end_key() : is_made_(pthread_key_create(&key_, [](void*) { release_lane(); }) == 0) {}
+  ~thread_end_key() {
+    if (is_made_) {
+      pthread_key_delete(key_);
+    }
+  }
+  thread_end_key(const thread_end_key&) = delete;
+  thread_end_key& operator=(const thread_end_key&) = delete;
+
+  bool set() noexcept { return is_made_ && pthread_setspecific(key_, this) == 0; }
+
+ private:
+  pthread_key_t key_{};
+  bool is_made_;
+};
+
+void share_lane_in_child() {
+  hands_out_lanes.store(false);
+  taken_lanes.store(1);
+  stats_lane = 0;
+}
+
+// Until the next fork, for the process that makes a file.
+void hand_out_lanes() {
+  static const int registered = pthread_atfork(nullptr, nullptr, share_lane_in_child);
+  hands_out_lanes.store(registered == 0);
+}
 
 class file_descriptor {
  public:
@@ -92,6 +138,22 @@ void copy_text(char (&to)[size], const std::string& text) {  // NOLINT: the layo
 
 }  // namespace
 
+void claim_stats_lane() noexcept {
+  static thread_end_key at_thread_end;
+  std::uint64_t taken = taken_lanes.load(std::memory_order_relaxed);
+  while (hands_out_lanes.load(std::memory_order_relaxed) && ~taken != 0) {
+    const auto lane = static_cast<std::uint32_t>(std::countr_one(taken));
+    if (taken_lanes.compare_exchange_weak(taken, taken | (std::uint64_t{1} << lane),
+                                          std::memory_order_acquire, std::memory_order_relaxed)) {
+      stats_lane = lane;
+      if (!at_thread_end.set()) {
+        release_lane();
+      }
+      return;
+    }
+  }
+}
+
 ruvo_stats_result result_of(int code) noexcept {
   switch (code) {
     case RUVO_OK:
@@ -129,6 +191,7 @@ bool statistics_file::begin(const std::string& path, std::span<const counted_poo
   const std::string beside = name_beside(name);
   const bool is_made = make(beside.c_str(), pools);
   if (is_made && rename(beside.c_str(), name.c_str()) == 0) {
+    hand_out_lanes();
     return true;
   }
   const int error = errno;
@@ -160,6 +223,7 @@ bool statistics_file::make(const char* name, std::span<const counted_pool> pools
   head_->server_size = sizeof(server_stats);
   head_->pool_count = static_cast<std::uint32_t>(pools.size());
   head_->bucket_count = RUVO_STATS_BUCKETS;
+  head_->lane_count = RUVO_STATS_LANES;
   head_->file_size = size;
   head_->process_id = getpid();
   head_->start_time = std::chrono::duration_cast<std::chrono::nanoseconds>(

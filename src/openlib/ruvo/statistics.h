@@ -16,21 +16,24 @@
 //   note_cause(RUVO_STATS_DEADLINE)          where a call fails with RUVO_ERR_FAILED: why, for the
 //                                              timer of the same thread
 //
-//   count(server, &server_stats::calls)      a visit has chosen a slot
+//   count(server, &server_counters::calls)      a visit has chosen a slot
 //   waiting_mark mark(server)                lives while the visit waits for that slot
-//   count(server, &server_stats::second_sends)  the command goes out again
-//   count(server, &server_stats::replies)    the visit ends with a reply;
-//   count(server, &server_stats::error_replies)  and that is an error reply
-//   count(server, &server_stats::no_replies) the visit ends otherwise, for whatever reason. Exactly
+//   count(server, &server_counters::second_sends)  the command goes out again
+//   count(server, &server_counters::replies)    the visit ends with a reply;
+//   count(server, &server_counters::error_replies)  and that is an error reply
+//   count(server, &server_counters::no_replies) the visit ends otherwise, for whatever reason.
+//   Exactly
 //                                              one of the two ends every visit: what is in flight
 //                                              is told from their difference
-//   count(server, &server_stats::reconnects) reset_connection has succeeded;
-//   count(server, &server_stats::failed_reconnects)  or not
+//   count(server, &server_counters::reconnects) reset_connection has succeeded;
+//   count(server, &server_counters::failed_reconnects)  or not
 //   note_failures(server, failures, retry)   failure_count_ and next_retry_time_ have changed
-//   count(server, &server_stats::ejections)  the failure that reaches the limit of a pool that
-//   ejects count(server, &server_stats::retries)    an ejected server is tried again
+//   count(server, &server_counters::ejections)  the failure that reaches the limit of a pool that
+//   ejects count(server, &server_counters::retries)    an ejected server is tried again
 //
-// The counters are relaxed: nothing is ordered by them.
+// The counters are relaxed: nothing is ordered by them. The timer of a call gets its thread a lane,
+// where it has every cache line to itself and counts with plain loads and stores; who finds all
+// lanes taken, and the child of a fork, counts in the first one, which is shared.
 #ifndef RUVO_STATISTICS_H
 #define RUVO_STATISTICS_H
 
@@ -48,14 +51,27 @@
 
 using pool_stats = ruvo_pool_stats;
 using server_stats = ruvo_server_stats;
+using server_counters = ruvo_server_counters;
+
+// The lane of this thread; 0: the shared one. Of the initial-exec model, since a call looks at it
+// several times, and the other models take longer for that than the counting does.
+[[gnu::tls_model("initial-exec")]] inline constinit thread_local std::uint32_t stats_lane = 0;
+
+// Gets this thread a lane until it ends, if one is free.
+void claim_stats_lane() noexcept;
 
 inline void add(std::uint64_t& counter, std::uint64_t amount) noexcept {
-  std::atomic_ref(counter).fetch_add(amount, std::memory_order_relaxed);
+  const std::atomic_ref shared(counter);
+  if (stats_lane != 0) {
+    shared.store(shared.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+  } else {
+    shared.fetch_add(amount, std::memory_order_relaxed);
+  }
 }
 
-inline void count(server_stats* server, std::uint64_t server_stats::*counter) noexcept {
+inline void count(server_stats* server, std::uint64_t server_counters::*counter) noexcept {
   if (server != nullptr) {
-    add(server->*counter, 1);
+    add(server->lanes[stats_lane].*counter, 1);
   }
 }
 
@@ -70,26 +86,29 @@ inline void note_failures(server_stats* server, std::int64_t failures,
 class waiting_mark {
  public:
   explicit waiting_mark(server_stats* server) noexcept : server_(server) {
-    count(server_, &server_stats::waiting);
+    count(server_, &server_counters::waiting);
   }
   ~waiting_mark() {
     if (server_ != nullptr) {
-      std::atomic_ref(server_->waiting).fetch_sub(1, std::memory_order_relaxed);
+      add(server_->lanes[stats_lane].waiting, minus_one);
     }
   }
   waiting_mark(const waiting_mark&) = delete;
   waiting_mark& operator=(const waiting_mark&) = delete;
 
  private:
+  static constexpr std::uint64_t minus_one = ~std::uint64_t{0};
+
   server_stats* server_;
 };
 
 inline void record_call(pool_stats& pool, ruvo_stats_result result,
                         std::chrono::nanoseconds duration) noexcept {
   const auto time = static_cast<std::uint64_t>(duration.count());
-  add(pool.results[result], 1);
-  add(pool.time_sum, time);
-  add(pool.buckets[ruvo_stats_bucket(time)], 1);
+  ruvo_pool_counters& lane = pool.lanes[stats_lane];
+  add(lane.results[result], 1);
+  add(lane.time_sum, time);
+  add(lane.buckets[ruvo_stats_bucket(time)], 1);
 }
 
 // RUVO_ERR_FAILED alone says little: the place that fails a call notes why. The latest cause that
@@ -108,7 +127,11 @@ class call_timer {
   explicit call_timer(pool_stats* pool) noexcept
       : call_timer(pool, pool != nullptr ? clock::now() : clock::time_point()) {}
   // For a caller that has looked at the clock: a look costs more than all the counting of a call.
-  call_timer(pool_stats* pool, clock::time_point begin) noexcept : pool_(pool), begin_(begin) {}
+  call_timer(pool_stats* pool, clock::time_point begin) noexcept : pool_(pool), begin_(begin) {
+    if (pool_ != nullptr && stats_lane == 0) {
+      claim_stats_lane();
+    }
+  }
 
   // With the result code of a typed operation.
   void end(int code) noexcept {

@@ -11,8 +11,10 @@
 ///     if (error != NULL) { ... }
 ///     for (uint32_t i = 0; i < ruvo_stats_head(file)->server_count; ++i) {
 ///       const struct ruvo_server_stats* server = ruvo_stats_server(file, i);
+///       struct ruvo_server_counters now;
+///       ruvo_stats_read_server(server, &now);
 ///       printf("%s:%u %llu replies\n", server->address, server->port,
-///              (unsigned long long)ruvo_stats_load(&server->replies));
+///              (unsigned long long)now.replies);
 ///     }
 ///
 /// LIFETIME. A start-up of the library makes a new file under another name and renames it into
@@ -20,9 +22,11 @@
 /// open the path again. A reader that must survive a file that someone else truncates copies it
 /// with pread instead of mapping it, into memory that is aligned for uint64_t.
 ///
-/// COUNTERS. All are 64-bit words, read with ruvo_stats_load, which never sees a half-written one.
-/// They only grow, except where stated. Each is exact; two of them may be a few calls apart, since
-/// the host goes on while they are read.
+/// COUNTERS. A record has its counters many times over, in lanes: a thread of the host has a lane
+/// of its own if it can, so that counting costs next to nothing, and the first lane is for all
+/// others. ruvo_stats_read_pool and ruvo_stats_read_server add the lanes up. All counters are
+/// 64-bit words, read in one piece, and only grow, except where stated. Each sum is exact; two of
+/// them may be a few calls apart, since the host goes on while they are read.
 ///
 /// COMPATIBILITY. Later libraries may append fields to a record, which changes the sizes in the
 /// header. Find records with ruvo_stats_pool and ruvo_stats_server, which use those sizes. Any
@@ -37,8 +41,9 @@
 #define RUVO_STATS_MAGIC "RUVOSTAT"  ///< the file's first 8 bytes, without a terminating zero
 #define RUVO_STATS_VERSION 1u        ///< of the layout in this header
 
-#define RUVO_STATS_RESULT_SLOTS 15u   ///< counters in ruvo_pool_stats::results
-#define RUVO_STATS_BUCKETS 226u       ///< counters in ruvo_pool_stats::buckets
+#define RUVO_STATS_LANES 64u          ///< lanes of each record; the first is shared
+#define RUVO_STATS_RESULT_SLOTS 15u   ///< counters in ruvo_pool_counters::results
+#define RUVO_STATS_BUCKETS 226u       ///< counters in ruvo_pool_counters::buckets
 #define RUVO_STATS_ADDRESS_SIZE 256u  ///< bytes of ruvo_server_stats::address
 
 /// How a call of an exported function ended.
@@ -75,37 +80,25 @@ struct ruvo_stats_header {
   uint32_t pool_count;    ///< pools
   uint32_t server_count;  ///< servers of all pools
   uint32_t bucket_count;  ///< RUVO_STATS_BUCKETS
+  uint32_t lane_count;    ///< RUVO_STATS_LANES
+  uint32_t padding;       ///< zero
   uint64_t file_size;     ///< bytes of the file
   int64_t process_id;     ///< of the process that has started the library
   int64_t start_time;     ///< of the library, nanoseconds since 1970-01-01 00:00 UTC
-  char reserved[64];      ///< zero
+  char reserved[56];      ///< zero
 };
 
-/// A pool. The first half is written once.
-struct ruvo_pool_stats {
-  char name[16];            ///< "temp", "persist", "personality"
-  uint32_t type;            ///< RedisServerType
-  uint32_t first_server;    ///< number of its first server's record
-  uint32_t server_count;    ///< servers, in the order of the configuration
-  uint32_t connections;     ///< configured for each server
-  uint32_t ejects_servers;  ///< 1 if failing servers are ejected, else 0
-  uint32_t failure_limit;   ///< failures that eject a server
-  int32_t retry_timeout;    ///< seconds from a failure until an ejected server is retried
-  char reserved[20];        ///< zero
-  uint64_t time_sum;        ///< nanoseconds that all calls took
+/// What is counted for a pool.
+struct ruvo_pool_counters {
+  uint64_t time_sum;                          ///< nanoseconds that all calls took
   uint64_t results[RUVO_STATS_RESULT_SLOTS];  ///< calls, by ruvo_stats_result
   uint64_t buckets[RUVO_STATS_BUCKETS];       ///< calls, by ruvo_stats_bucket of their time
-  char padding[48];                           ///< zero
+  uint64_t reserved[6];                       ///< zero
 };
 
-/// A server of a pool. A call that fails over from one server to the next visits both. While
-/// `calls` exceeds `replies` + `no_replies`, the rest is under way, see ruvo_stats_in_flight.
-struct ruvo_server_stats {
-  char address[RUVO_STATS_ADDRESS_SIZE];  ///< as configured, zero-terminated, cut if longer
-  uint32_t port;                          ///< as configured
-  uint32_t pool;                          ///< number of its pool's record
-  uint32_t position;                      ///< in the pool, from 0
-  char reserved[52];                      ///< zero
+/// What is counted for a server. A call that fails over from one server to the next visits both.
+/// While `calls` exceeds `replies` + `no_replies`, the rest is under way.
+struct ruvo_server_counters {
   uint64_t calls;              ///< visits: calls that have chosen a connection of this server
   uint64_t replies;            ///< visits that ended with a reply, error replies included
   uint64_t error_replies;      ///< of these, error replies
@@ -116,9 +109,34 @@ struct ruvo_server_stats {
   uint64_t ejections;          ///< times that `failure_limit` was reached
   uint64_t retries;            ///< times that it was tried again after its ejection
   uint64_t waiting;            ///< visits that wait for a connection now; rises and falls
-  int64_t failure_count;    ///< failures now; of forked processes the latest one's, also the next
-  int64_t next_retry_time;  ///< end of its ejection, seconds since 1970; 0: none
-  char padding[32];         ///< zero
+  uint64_t reserved[6];        ///< zero
+};
+
+/// A pool. Written once, but for the counters.
+struct ruvo_pool_stats {
+  char name[16];            ///< "temp", "persist", "personality"
+  uint32_t type;            ///< RedisServerType
+  uint32_t first_server;    ///< number of its first server's record
+  uint32_t server_count;    ///< servers, in the order of the configuration
+  uint32_t connections;     ///< configured for each server
+  uint32_t ejects_servers;  ///< 1 if failing servers are ejected, else 0
+  uint32_t failure_limit;   ///< failures that eject a server
+  int32_t retry_timeout;    ///< seconds from a failure until an ejected server is retried
+  char reserved[20];        ///< zero
+  struct ruvo_pool_counters lanes[RUVO_STATS_LANES];
+};
+
+/// A server of a pool. Written once, but for failures, retry time and counters.
+struct ruvo_server_stats {
+  char address[RUVO_STATS_ADDRESS_SIZE];  ///< as configured, zero-terminated, cut if longer
+  uint32_t port;                          ///< as configured
+  uint32_t pool;                          ///< number of its pool's record
+  uint32_t position;                      ///< in the pool, from 0
+  uint32_t reserved;                      ///< zero
+  int64_t failure_count;                  ///< failures now; of forked processes the latest one's
+  int64_t next_retry_time;  ///< end of its ejection, seconds since 1970; 0: none; likewise
+  char reserved_too[32];    ///< zero
+  struct ruvo_server_counters lanes[RUVO_STATS_LANES];
 };
 
 /// A server as the host sees it.
@@ -190,7 +208,8 @@ static inline const char* ruvo_stats_check(const void* file, size_t length) {
   if (head->header_size < sizeof *head || head->header_size % sizeof(uint64_t) != 0 ||
       head->pool_size < sizeof(struct ruvo_pool_stats) || head->pool_size % sizeof(uint64_t) != 0 ||
       head->server_size < sizeof(struct ruvo_server_stats) ||
-      head->server_size % sizeof(uint64_t) != 0 || head->bucket_count != RUVO_STATS_BUCKETS) {
+      head->server_size % sizeof(uint64_t) != 0 || head->bucket_count != RUVO_STATS_BUCKETS ||
+      head->lane_count != RUVO_STATS_LANES) {
     return "its records have other sizes: read it with the tools of the library that writes it";
   }
   // A division, since the product of two numbers from a damaged file could overflow.
@@ -247,19 +266,19 @@ static inline uint64_t ruvo_stats_bucket_limit(uint32_t bucket) {
 }
 
 /// The time, in nanoseconds, that `percent` of the counted calls did not exceed: the limit of its
-/// bucket. 0 if there are none. `counts` holds RUVO_STATS_BUCKETS counters: a pool's buckets, or
-/// the differences of two readings of them.
+/// bucket. 0 if there are none. `counts` holds RUVO_STATS_BUCKETS numbers: the sums of a pool's
+/// buckets, or the differences of two readings.
 static inline uint64_t ruvo_stats_percentile(const uint64_t* counts, double percent) {
   uint64_t total = 0;
   uint64_t seen = 0;
   double wanted;
   uint32_t i;
   for (i = 0; i < RUVO_STATS_BUCKETS; ++i) {
-    total += ruvo_stats_load(&counts[i]);
+    total += counts[i];
   }
   wanted = RUVO_STATS_NUMBER(double, total) * percent / 100;
   for (i = 0; total > 0 && i < RUVO_STATS_BUCKETS; ++i) {
-    seen += ruvo_stats_load(&counts[i]);
+    seen += counts[i];
     if (seen > 0 && RUVO_STATS_NUMBER(double, seen) >= wanted) {
       return ruvo_stats_bucket_limit(i);
     }
@@ -267,13 +286,49 @@ static inline uint64_t ruvo_stats_percentile(const uint64_t* counts, double perc
   return 0;
 }
 
+/// Adds up a pool's counters.
+static inline void ruvo_stats_read_pool(const struct ruvo_pool_stats* pool,
+                                        struct ruvo_pool_counters* sum) {
+  uint32_t lane;
+  uint32_t i;
+  memset(sum, 0, sizeof *sum);
+  for (lane = 0; lane < RUVO_STATS_LANES; ++lane) {
+    const struct ruvo_pool_counters* from = &pool->lanes[lane];
+    sum->time_sum += ruvo_stats_load(&from->time_sum);
+    for (i = 0; i < RUVO_STATS_RESULT_SLOTS; ++i) {
+      sum->results[i] += ruvo_stats_load(&from->results[i]);
+    }
+    for (i = 0; i < RUVO_STATS_BUCKETS; ++i) {
+      sum->buckets[i] += ruvo_stats_load(&from->buckets[i]);
+    }
+  }
+}
+
+/// Adds up a server's counters.
+static inline void ruvo_stats_read_server(const struct ruvo_server_stats* server,
+                                          struct ruvo_server_counters* sum) {
+  uint32_t lane;
+  memset(sum, 0, sizeof *sum);
+  for (lane = 0; lane < RUVO_STATS_LANES; ++lane) {
+    const struct ruvo_server_counters* from = &server->lanes[lane];
+    // The ends before the begin: a visit that ends meanwhile then counts as under way.
+    sum->waiting += ruvo_stats_load(&from->waiting);
+    sum->error_replies += ruvo_stats_load(&from->error_replies);
+    sum->replies += ruvo_stats_load(&from->replies);
+    sum->no_replies += ruvo_stats_load(&from->no_replies);
+    sum->calls += ruvo_stats_load(&from->calls);
+    sum->second_sends += ruvo_stats_load(&from->second_sends);
+    sum->reconnects += ruvo_stats_load(&from->reconnects);
+    sum->failed_reconnects += ruvo_stats_load(&from->failed_reconnects);
+    sum->ejections += ruvo_stats_load(&from->ejections);
+    sum->retries += ruvo_stats_load(&from->retries);
+  }
+}
+
 /// Visits of a server that are under way and do not wait for a connection.
-static inline uint64_t ruvo_stats_in_flight(const struct ruvo_server_stats* server) {
-  // The ends first: a visit that ends meanwhile then counts as under way.
-  const uint64_t ended = ruvo_stats_load(&server->replies) + ruvo_stats_load(&server->no_replies) +
-                         ruvo_stats_load(&server->waiting);
-  const uint64_t begun = ruvo_stats_load(&server->calls);
-  return begun > ended ? begun - ended : 0;
+static inline uint64_t ruvo_stats_in_flight(const struct ruvo_server_counters* sum) {
+  const uint64_t rest = sum->replies + sum->no_replies + sum->waiting;
+  return sum->calls > rest ? sum->calls - rest : 0;
 }
 
 /// The state of a server at `now`, in seconds since 1970.
