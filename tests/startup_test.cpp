@@ -171,7 +171,7 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   EXPECT_EQ(client.init(nullptr), 0);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | redis alreadly initialize"), 1);
   EXPECT_EQ(client.fini(), 0);
-  EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersistServer, nullptr), 0);
+  EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersonalityServer, nullptr), 0);
   EXPECT_EQ(client.fini(), 0);
   EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);
   EXPECT_EQ(open_descriptors(), descriptors);
@@ -179,7 +179,8 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   const std::string addrs = redis.addr() + "," + redis.addr();
   const HostConfig second(pools_at("malformed", addrs, addrs));  // its pool fails early
   ASSERT_EQ(client.init(second.path()), RUVO_INIT_TEMP_POOL_FAILED);
-  EXPECT_EQ(client.get_server_node(ePersistServer, -1)->index_, 0U);  // turns begin anew as well
+  EXPECT_EQ(client.get_server_node(ePersonalityServer, -1)->index_,
+            0U);  // turns begin anew as well
   for (const RedisServerType type : all_types) {
     const server_pool& pool = client.getPool(type);
     EXPECT_EQ(pool.conn_num_, 1U);
