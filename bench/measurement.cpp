@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <random>
@@ -39,18 +40,27 @@ struct Share {
 
 // One side runs at a time, in short slices, each round in an order of its own: what else goes on
 // in the machine falls on all sides alike.
-std::vector<std::size_t> order_of_slices(std::size_t rounds) {
+std::vector<Side> order_of_slices(std::vector<Side> sides, std::size_t rounds) {
   std::mt19937_64 random(seed);
-  std::vector<std::size_t> order;
+  std::vector<Side> order;
   for (std::size_t round = 0; round < rounds; ++round) {
-    std::array<std::size_t, sides.size()> one{};
-    for (std::size_t side = 0; side < one.size(); ++side) {
-      one[side] = side;
-    }
-    std::shuffle(one.begin(), one.end(), random);
-    order.insert(order.end(), one.begin(), one.end());
+    std::shuffle(sides.begin(), sides.end(), random);
+    order.insert(order.end(), sides.begin(), sides.end());
   }
   return order;
+}
+
+// Over a network a slice must hold enough round trips that the ones it cuts off at its ends do not
+// matter; where the library has one call at a time on a connection, its threads' calls come one
+// after the other.
+std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
+  constexpr std::size_t round_trips = 20;
+  const bool one_at_a_time =
+      std::find(one.sides.begin(), one.sides.end(), Side::library) != one.sides.end() ||
+      std::find(one.sides.begin(), one.sides.end(), Side::pool) != one.sides.end();
+  const std::size_t in_a_row = one_at_a_time ? 2 * one.threads : 0;
+  return std::max(pace.slice, std::chrono::ceil<std::chrono::milliseconds>(
+                                  std::max(round_trips, in_a_row) * one.round_trip));
 }
 
 // When a slice is over, and from when on it counts: until then the library's connections, which
@@ -124,25 +134,31 @@ class LibraryOfSlices : NoCopy {
   RoundTrips round_trips_ = RoundTrips::own;
 };
 
-using Slices = std::array<std::vector<Slice>, sides.size()>;
+using Slices = std::array<std::vector<Slice>, all_sides.size()>;
+
+std::size_t index_of(Side side) { return static_cast<std::size_t>(side); }
 
 // Evaluates the slices of each side, which correspond: the n-th of each are of one round.
 void evaluate(const Slices& slices, Result& result) {
-  const auto& library = slices[static_cast<std::size_t>(Side::library)];
-  const auto& shared = slices[static_cast<std::size_t>(Side::shared)];
-  for (std::size_t side = 0; side < sides.size(); ++side) {
+  const auto& library = slices[index_of(Side::library)];
+  const auto& shared = slices[index_of(Side::shared)];
+  for (std::size_t side = 0; side < slices.size(); ++side) {
     std::vector<double> rates;
     std::vector<double> cpu;
     std::vector<double> library_ratios;
     std::vector<double> shared_ratios;
     std::vector<double> cpu_less;
-    for (std::size_t round = 0; round < library.size(); ++round) {
+    for (std::size_t round = 0; round < slices[side].size(); ++round) {
       const Slice& slice = slices[side][round];
       rates.push_back(slice.calls_per_second);
       cpu.push_back(slice.cpu_us);
-      library_ratios.push_back(library[round].calls_per_second / slice.calls_per_second);
-      shared_ratios.push_back(shared[round].calls_per_second / slice.calls_per_second);
-      cpu_less.push_back(library[round].cpu_us - slice.cpu_us);
+      if (!library.empty()) {
+        library_ratios.push_back(library[round].calls_per_second / slice.calls_per_second);
+        cpu_less.push_back(library[round].cpu_us - slice.cpu_us);
+      }
+      if (!shared.empty()) {
+        shared_ratios.push_back(shared[round].calls_per_second / slice.calls_per_second);
+      }
     }
     result[side].calls_per_second = spread_of(std::move(rates));
     result[side].cpu_us = spread_of(std::move(cpu));
@@ -155,6 +171,10 @@ void evaluate(const Slices& slices, Result& result) {
 }  // namespace
 
 Spread spread_of(std::vector<double> values) {
+  if (values.empty()) {
+    constexpr double none = std::numeric_limits<double>::quiet_NaN();
+    return {none, none, none};
+  }
   std::sort(values.begin(), values.end());
   const auto at = [&values](double part) {
     const double place = part * static_cast<double>(values.size() - 1);
@@ -176,14 +196,11 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   HandWrittenPool pool(way.port(), one.connections);
   const Operation& operation = *one.operation;
 
-  // Over a distance a slice must hold the round trips of all threads one after the other, twice.
-  const bool is_far = one.round_trip.count() > 0;
-  const std::chrono::milliseconds slice =
-      is_far ? std::chrono::ceil<std::chrono::milliseconds>(2 * one.threads * one.round_trip)
-             : pace.slice;
-  const std::size_t rounds = is_far ? (pace.rounds + 3) / 4 : pace.rounds;
+  const std::chrono::milliseconds slice = slice_of(one, pace);
+  // Long slices vary less.
+  const std::size_t rounds = slice > pace.slice ? (pace.rounds + 1) / 2 : pace.rounds;
   // The first round finds caches cold and buffers small, and does not count.
-  const std::vector<std::size_t> order = order_of_slices(rounds + 1);
+  const std::vector<Side> order = order_of_slices(one.sides, rounds + 1);
   std::vector<Share> shares(one.threads);
   Slices slices;
   auto result = std::make_unique<Result>();
@@ -191,7 +208,7 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   Period period;
   // Threads meet before and after each slice; the last to come begins and ends it.
   std::barrier before_slice(static_cast<std::ptrdiff_t>(one.threads), [&]() noexcept {
-    library.prepare_for(sides[order[number]]);
+    library.prepare_for(order[number]);
     period.counts = Clock::now() + slice / 5;
     period.ends = period.counts + slice;
   });
@@ -203,19 +220,20 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
       sum.cpu_us += share.cpu_us;
     }
     const auto calls = static_cast<double>(sum.calls);
-    if (number >= sides.size()) {
-      slices[order[number]].push_back({calls / passed.count(), sum.cpu_us / calls});
+    if (number >= one.sides.size()) {
+      slices[index_of(order[number])].push_back({calls / passed.count(), sum.cpu_us / calls});
     }
     ++number;
   });
 
-  std::vector<std::array<LatencyHistogram, sides.size()>> latencies(one.threads);
+  std::vector<std::array<LatencyHistogram, all_sides.size()>> latencies(one.threads);
   const auto work = [&](std::size_t thread) {
     for (std::size_t i = 0; i < order.size(); ++i) {
       before_slice.arrive_and_wait();
       LatencyHistogram unused;
-      LatencyHistogram& latency = i < sides.size() ? unused : latencies[thread][order[i]];
-      switch (sides[order[i]]) {
+      LatencyHistogram& latency =
+          i < one.sides.size() ? unused : latencies[thread][index_of(order[i])];
+      switch (order[i]) {
         case Side::library:
         case Side::shared:
           shares[thread] = call_through(period, latency, operation.through_library);
@@ -239,7 +257,7 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   }
   evaluate(slices, *result);
   for (const auto& of_thread : latencies) {
-    for (std::size_t side = 0; side < sides.size(); ++side) {
+    for (std::size_t side = 0; side < all_sides.size(); ++side) {
       (*result)[side].latency.add(of_thread[side]);
     }
   }

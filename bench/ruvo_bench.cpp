@@ -4,6 +4,7 @@
 // and quartiles.
 //
 //   ruvo_bench             what the aims of bench/tables.py ask for, in some minutes
+//   ruvo_bench --quick     auto_pipelining on one connection, on loopback and over a network
 //   ruvo_bench --full      every operation, thread count, connect number and size
 //   ruvo_bench --operation GET --bytes 100 --threads 4 --connections 4
 //   ruvo_bench --help      lists the rest
@@ -11,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <map>
@@ -34,6 +36,7 @@ const std::vector<std::size_t> all_connections{1, 4, 16, as_many_as_threads};
 
 struct Options {
   bool full = false;
+  bool quick = false;
   std::vector<std::string> operations;
   std::vector<std::size_t> bytes;
   std::vector<std::size_t> threads;
@@ -74,11 +77,25 @@ struct Part {
   std::vector<std::size_t> connections;
   bool info_log = false;
   std::chrono::microseconds round_trip{0};  // beyond loopback
+  std::vector<Side> sides{all_sides.begin(), all_sides.end()};
 };
 
 std::vector<Part> parts_of(const Options& options) {
   if (options.full) {
     return {{"everything", {}, all_bytes, all_threads, all_connections}};
+  }
+  if (options.quick) {
+    const auto one_connection = [](const char* title, std::chrono::milliseconds round_trip) {
+      return Part{.title = title,
+                  .operations = {"GET"},
+                  .bytes = {100},
+                  .threads = {2, 4, 16, 64},
+                  .connections = {1},
+                  .round_trip = round_trip,
+                  .sides = {Side::shared, Side::hiredis}};
+    };
+    return {one_connection("one connection, loopback", std::chrono::milliseconds(0)),
+            one_connection("one connection, a round trip of 1 ms", std::chrono::milliseconds(1))};
   }
   if (!options.operations.empty() || !options.bytes.empty() || !options.threads.empty() ||
       !options.connections.empty()) {
@@ -148,7 +165,7 @@ std::vector<Case> cases_of(const Part& part, Operations& operations) {
         for (const std::size_t connections : part.connections) {
           cases.push_back({&operation, threads,
                            connections == as_many_as_threads ? threads : connections, part.info_log,
-                           part.round_trip});
+                           part.round_trip, part.sides});
         }
       }
     }
@@ -166,28 +183,49 @@ double us(const SideResult& side, double percent) {
   return static_cast<double>(side.latency.percentile(percent)) / 1000;
 }
 
+// What is printed of a side beside its rate, p50 and p99.
+struct RatioColumn {
+  const char* title;
+  Side of;
+  Side to;
+};
+constexpr std::array ratio_columns{
+    RatioColumn{"library to hiredis", Side::library, Side::hiredis},
+    RatioColumn{"library to the pool", Side::library, Side::pool},
+    RatioColumn{"shared to library", Side::shared, Side::library},
+    RatioColumn{"shared to hiredis", Side::shared, Side::hiredis},
+};
+
+bool has(const std::vector<Side>& sides, Side side) {
+  return std::find(sides.begin(), sides.end(), side) != sides.end();
+}
+
 void print_head(const Part& part) {
-  std::printf("\n%s\n%-11s %8s %3s %5s %9s %9s %9s %9s  %-19s  %-19s  %-19s %7s %s\n", part.title,
-              "operation", "bytes", "thr", "conn", "library/s", "shared/s", "hiredis/s", "pool/s",
-              "to hiredis", "to the pool", "shared to hiredis", "CPU us",
-              "p99 us: library, shared, hiredis");
+  std::printf("\n%s\n%-11s %7s %3s %4s", part.title, "operation", "bytes", "thr", "conn");
+  for (const Side side : part.sides) {
+    std::printf(" %9s/s %6s %6s", side_names[static_cast<std::size_t>(side)], "p50", "p99");
+  }
+  for (const RatioColumn& column : ratio_columns) {
+    if (has(part.sides, column.of) && has(part.sides, column.to)) {
+      std::printf("  %-19s", column.title);
+    }
+  }
+  std::puts("");
 }
 
 void print(const Case& one, const Result& result) {
-  const auto ratio = [](const Spread& spread) {
-    std::printf("  %5.3f [%5.3f %5.3f]", spread.median, spread.lower, spread.upper);
-  };
-  std::printf("%-11s %8zu %3zu %5zu", one.operation->name.c_str(), one.operation->bytes,
+  std::printf("%-11s %7zu %3zu %4zu", one.operation->name.c_str(), one.operation->bytes,
               one.threads, one.connections);
-  for (const SideResult& side : result) {
-    std::printf(" %9.0f", side.calls_per_second.median);
+  for (const Side side : one.sides) {
+    const SideResult& row = of(result, side);
+    std::printf(" %11.0f %6.0f %6.0f", row.calls_per_second.median, us(row, 50), us(row, 99));
   }
-  ratio(of(result, Side::hiredis).library_ratio);
-  ratio(of(result, Side::pool).library_ratio);
-  ratio(of(result, Side::hiredis).shared_ratio);
-  std::printf(" %+7.2f", of(result, Side::hiredis).cpu_us_less.median);
-  for (const Side side : {Side::library, Side::shared, Side::hiredis}) {
-    std::printf(" %7.0f", us(of(result, side), 99));
+  for (const RatioColumn& column : ratio_columns) {
+    if (has(one.sides, column.of) && has(one.sides, column.to)) {
+      const SideResult& to = of(result, column.to);
+      const Spread& ratio = column.of == Side::library ? to.library_ratio : to.shared_ratio;
+      std::printf("  %5.3f [%5.3f %5.3f]", ratio.median, ratio.lower, ratio.upper);
+    }
   }
   std::puts("");
   std::fflush(stdout);
@@ -209,11 +247,12 @@ class Csv {
 
   void write(const Case& one, const Result& result) {
     const std::chrono::duration<double, std::milli> round_trip = one.round_trip;
-    for (std::size_t side = 0; side < sides.size(); ++side) {
-      const SideResult& row = result[side];
+    for (const Side side : one.sides) {
+      const SideResult& row = of(result, side);
       std::fprintf(file_.get(), "%s,%zu,%zu,%zu,%s,%g,%s", one.operation->name.c_str(),
                    one.operation->bytes, one.threads, one.connections,
-                   one.info_log ? "INFO" : "WARN", round_trip.count(), side_names[side]);
+                   one.info_log ? "INFO" : "WARN", round_trip.count(),
+                   side_names[static_cast<std::size_t>(side)]);
       write(row.calls_per_second, 0);
       write(row.library_ratio, 4);
       write(row.shared_ratio, 4);
@@ -252,6 +291,8 @@ int run(int argc, char** argv) {
   Options options;
   CLI::App app("The library beside bare hiredis and a hand-written pool");
   app.add_flag("--full", options.full, "Every operation, size, thread count and connect number");
+  app.add_flag("--quick", options.quick,
+               "auto_pipelining on one connection, on loopback and over a network");
   app.add_option("--operation", options.operations, "Only these, as the table names them");
   app.add_option("--bytes", options.bytes, "Sizes of values");
   app.add_option("--threads", options.threads, "Thread counts");
@@ -280,8 +321,8 @@ int run(int argc, char** argv) {
   const Pace pace{options.rounds, std::chrono::milliseconds(options.slice_ms),
                   options.bare_time_outs ? TimeOut::set : TimeOut::none};
   std::printf(
-      "medians of %zu rounds, slices of %zu ms; [quartiles]; "
-      "CPU us: of the library more than of hiredis, for each call\n",
+      "medians of %zu rounds, slices of %zu ms, longer over a network; ratios of rates "
+      "[quartiles]; p50 and p99 in microseconds\n",
       options.rounds, options.slice_ms);
   for (const Part& part : parts_of(options)) {
     run_part(part, redis, pace, operations, csv);

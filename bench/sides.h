@@ -13,7 +13,7 @@
 
 // `shared`: the library with auto_pipelining.
 enum class Side { library, shared, hiredis, pool };
-inline constexpr std::array sides{Side::library, Side::shared, Side::hiredis, Side::pool};
+inline constexpr std::array all_sides{Side::library, Side::shared, Side::hiredis, Side::pool};
 inline constexpr std::array side_names{"library", "shared", "hiredis", "pool"};
 
 // The limit: hiredis alone, on a connection that no other thread uses. The result stays in the

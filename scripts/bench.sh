@@ -6,6 +6,10 @@
 #       FOLDER   where performance.csv and the pictures go (build/plots); docs/figures for those of the guide,
 #                whose tables are then made anew too
 #       OPTION   of the benchmark, as --full or --rounds 5; --help lists them
+#
+#   scripts/bench.sh --quick
+#       auto_pipelining on one connection beside bare hiredis, on loopback and over a network, in half a minute:
+#       what whoever changes it looks at; draws nothing
 set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=build/plots
@@ -20,6 +24,7 @@ mkdir -p "$folder"
 build/bench/bench/ruvo_bench --csv "$folder/performance.csv" "$@"
 echo
 bench/tables.py "$folder/performance.csv" "${guide[@]}"
+case " $* " in *" --quick "*) exit ;; esac
 
 cd "$folder"
 gnuplot <<'PLOT'
