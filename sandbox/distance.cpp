@@ -2,16 +2,17 @@
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <optional>
 #include <stdexcept>
-#include <vector>
+#include <utility>
 
 namespace {
 
@@ -43,52 +44,56 @@ timespec as_timespec(std::chrono::nanoseconds time) {
 
 }  // namespace
 
-Distance::Distance(int port, std::chrono::microseconds each_way)
-    : target_port_(port), each_way_(each_way) {
-  if (listen(fd_, waiting_connections) != 0) {
-    throw std::runtime_error("the way to a server cannot listen");
+struct Distance::Connection : ::NoCopy {
+  Connection(int client_fd, int server_fd) : client(client_fd), server(server_fd) {}
+  ~Connection() {
+    close(client);
+    close(server);
   }
+  int client;
+  int server;
+};
+
+Distance::Distance(int port, std::chrono::microseconds each_way)
+    : target_port_(port), each_way_(each_way), epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+  if (epoll_ == -1 || listen(fd_, waiting_connections) != 0) {
+    throw std::runtime_error("the network to a server cannot listen");
+  }
+  wait_for(fd_);
   forwarder_ = std::jthread([this] { forward_all(); });
 }
 
 Distance::~Distance() {
   shutdown(fd_, SHUT_RDWR);
   forwarder_.join();
-  for (const Connection& one : connections_) {
-    close(one.there.from);
-    close(one.there.to);
-  }
+  close(epoll_);
+}
+
+void Distance::wait_for(int fd) const {
+  epoll_event event{.events = EPOLLIN, .data = {.fd = fd}};
+  epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
 }
 
 void Distance::forward_all() {
   prctl(PR_SET_TIMERSLACK, 1UL);  // or each piece comes 50 us late
+  std::array<epoll_event, 256> events{};
   for (;;) {
-    std::vector<pollfd> waits{{fd_, POLLIN, 0}};
-    for (const Connection& one : connections_) {
-      waits.push_back({one.there.from, POLLIN, 0});
-      waits.push_back({one.back.from, POLLIN, 0});
-    }
-    const Clock::time_point next = next_arrival();
     std::optional<timespec> pause;
-    if (next != Clock::time_point::max()) {
-      pause = as_timespec(std::max(next - Clock::now(), Clock::duration(0)));
+    if (!under_way_.empty()) {
+      pause = as_timespec(std::max(under_way_.front().arrives - Clock::now(), Clock::duration(0)));
     }
-    ppoll(waits.data(), waits.size(), pause ? &*pause : nullptr, nullptr);
-    deliver();
-    const pollfd* events = waits.data() + 1;
-    std::erase_if(connections_, [this, &events](Connection& one) {
-      const bool client = events++->revents != 0;
-      const bool server = events++->revents != 0;
-      const bool goes_on = (!client || take_from(one.there)) && (!server || take_from(one.back));
-      if (!goes_on) {
-        close(one.there.from);
-        close(one.there.to);
+    const int ready = epoll_pwait2(epoll_, events.data(), static_cast<int>(events.size()),
+                                   pause ? &*pause : nullptr, nullptr);
+    const Clock::time_point arrives = Clock::now() + each_way_;
+    for (int i = 0; i < ready; ++i) {
+      const int fd = events[static_cast<std::size_t>(i)].data.fd;
+      if (fd != fd_) {
+        take_from(fd, arrives);
+      } else if (!take_connection()) {
+        return;
       }
-      return !goes_on;
-    });
-    if (waits[0].revents != 0 && !take_connection()) {
-      return;
     }
+    deliver();
   }
 }
 
@@ -101,42 +106,45 @@ bool Distance::take_connection() {
   const int server = connect_to_loopback(target_port_);
   if (server == -1) {
     close(client);
-  } else {
-    connections_.push_back({{client, server, {}}, {server, client, {}}});
+    return true;
+  }
+  const auto connection = std::make_shared<Connection>(client, server);
+  for (const int fd : {client, server}) {
+    connections_[fd] = connection;
+    wait_for(fd);
   }
   return true;
 }
 
-bool Distance::take_from(Way& way) {
-  std::array<char, 16384> buffer{};
-  const ssize_t length = recv(way.from, buffer.data(), buffer.size(), MSG_DONTWAIT);
-  if (length > 0) {
-    way.pieces.push_back(
-        {Clock::now() + each_way_, std::string(buffer.data(), static_cast<std::size_t>(length))});
+void Distance::take_from(int fd, Clock::time_point arrives) {
+  const auto found = connections_.find(fd);
+  if (found == connections_.end()) {
+    return;  // the other end of it has just gone
   }
-  return length > 0;
+  const std::shared_ptr<Connection> connection = found->second;
+  const int to = fd == connection->client ? connection->server : connection->client;
+  std::array<char, 16384> buffer;  // NOLINT: filled by recv
+  const ssize_t length = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+  if (length > 0) {
+    under_way_.push_back(
+        {arrives, connection, to, std::string(buffer.data(), static_cast<std::size_t>(length))});
+  } else if (length == 0 || errno != EAGAIN) {
+    forget(*connection);
+  }
+}
+
+void Distance::forget(const Connection& connection) {
+  for (const int end : {connection.client, connection.server}) {
+    shutdown(end, SHUT_RDWR);
+    epoll_ctl(epoll_, EPOLL_CTL_DEL, end, nullptr);
+    connections_.erase(end);
+  }
 }
 
 void Distance::deliver() {
   const Clock::time_point now = Clock::now();
-  for (Connection& one : connections_) {
-    for (Way* way : {&one.there, &one.back}) {
-      for (; !way->pieces.empty() && way->pieces.front().arrives <= now; way->pieces.pop_front()) {
-        const std::string& bytes = way->pieces.front().bytes;
-        send(way->to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      }
-    }
+  for (; !under_way_.empty() && under_way_.front().arrives <= now; under_way_.pop_front()) {
+    const Piece& piece = under_way_.front();
+    send(piece.to, piece.bytes.data(), piece.bytes.size(), MSG_NOSIGNAL);
   }
-}
-
-Distance::Clock::time_point Distance::next_arrival() const {
-  Clock::time_point next = Clock::time_point::max();
-  for (const Connection& one : connections_) {
-    for (const Way* way : {&one.there, &one.back}) {
-      if (!way->pieces.empty()) {
-        next = std::min(next, way->pieces.front().arrives);
-      }
-    }
-  }
-  return next;
 }
