@@ -50,17 +50,27 @@ std::vector<Side> order_of_slices(std::vector<Side> sides, std::size_t rounds) {
   return order;
 }
 
-// Over a network a slice must hold enough round trips that the ones it cuts off at its ends do not
-// matter; where the library has one call at a time on a connection, its threads' calls come one
-// after the other.
+// Slices long enough that the calls which they cut off at their ends do not matter: over a network,
+// with values that take long, and where threads wait for each other's round trips.
 std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
-  constexpr std::size_t round_trips = 20;
-  const bool one_at_a_time =
-      std::find(one.sides.begin(), one.sides.end(), Side::library) != one.sides.end() ||
-      std::find(one.sides.begin(), one.sides.end(), Side::pool) != one.sides.end();
-  const std::size_t in_a_row = one_at_a_time ? 2 * one.threads : 0;
-  return std::max(pace.slice, std::chrono::ceil<std::chrono::milliseconds>(
-                                  std::max(round_trips, in_a_row) * one.round_trip));
+  constexpr std::size_t round_trips = 40;
+  constexpr std::size_t large = 1000000;  // bytes
+  const auto waits_for_others = [](Side side) {
+    return side == Side::library || side == Side::pool;
+  };
+  const std::size_t in_a_row = std::any_of(one.sides.begin(), one.sides.end(), waits_for_others)
+                                   ? 2 * std::max<std::size_t>(one.threads / one.connections, 1)
+                                   : 1;
+  const auto network = std::chrono::ceil<std::chrono::milliseconds>(
+      std::max(round_trips, in_a_row) * one.round_trip);
+  return std::max(network, pace.slice * (one.operation->bytes >= large ? 4 : 1));
+}
+
+// Fewer rounds of longer slices, which vary less.
+std::size_t rounds_of(std::chrono::milliseconds slice, const Pace& pace) {
+  constexpr std::size_t enough = 11;
+  const auto in_as_much_time = static_cast<std::size_t>(3 * pace.rounds * pace.slice / slice);
+  return std::min(pace.rounds, std::max(enough, in_as_much_time));
 }
 
 // When a slice is over, and from when on it counts: until then the library's connections, which
@@ -92,10 +102,10 @@ Share call_through(const Period& period, LatencyHistogram& latency, const Call& 
   return share;
 }
 
-// The way to the server: that of loopback, or one that takes longer.
-class Way : NoCopy {
+// The network to the server: loopback itself, or one of so long a round trip.
+class Network : NoCopy {
  public:
-  Way(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
+  Network(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
     if (round_trip.count() > 0) {
       distance_.emplace(port_, round_trip / 2);
       port_ = distance_->port();
@@ -112,41 +122,40 @@ class Way : NoCopy {
 // The library as a slice wants it. It is started anew when the slice wants the other kind.
 class LibraryOfSlices : NoCopy {
  public:
-  LibraryOfSlices(std::string addr, std::size_t connections)
-      : addr_(std::move(addr)), connections_(connections) {}
+  LibraryOfSlices(std::string addr, std::string other_pools, std::size_t connections)
+      : addr_(std::move(addr)), other_pools_(std::move(other_pools)), connections_(connections) {}
 
   void prepare_for(Side side) {
-    if (side != Side::library && side != Side::shared) {
+    if (side != Side::library && side != Side::pipelined) {
       return;
     }
-    const RoundTrips wanted = side == Side::shared ? RoundTrips::shared : RoundTrips::own;
-    if (!library_ || wanted != round_trips_) {
+    const auto wanted = side == Side::pipelined ? Pipelining::on : Pipelining::off;
+    if (!library_ || wanted != pipelining_) {
       library_.reset();
-      library_.emplace(addr_, connections_, wanted);
-      round_trips_ = wanted;
+      library_.emplace(addr_, other_pools_, connections_, wanted);
+      pipelining_ = wanted;
     }
   }
 
  private:
   std::string addr_;
+  std::string other_pools_;
   std::size_t connections_;
   std::optional<Library> library_;
-  RoundTrips round_trips_ = RoundTrips::own;
+  Pipelining pipelining_ = Pipelining::off;
 };
 
 using Slices = std::array<std::vector<Slice>, all_sides.size()>;
 
-std::size_t index_of(Side side) { return static_cast<std::size_t>(side); }
-
 // Evaluates the slices of each side, which correspond: the n-th of each are of one round.
 void evaluate(const Slices& slices, Result& result) {
   const auto& library = slices[index_of(Side::library)];
-  const auto& shared = slices[index_of(Side::shared)];
+  const auto& pipelined = slices[index_of(Side::pipelined)];
   for (std::size_t side = 0; side < slices.size(); ++side) {
     std::vector<double> rates;
     std::vector<double> cpu;
     std::vector<double> library_ratios;
-    std::vector<double> shared_ratios;
+    std::vector<double> pipelined_ratios;
     std::vector<double> cpu_less;
     for (std::size_t round = 0; round < slices[side].size(); ++round) {
       const Slice& slice = slices[side][round];
@@ -156,14 +165,14 @@ void evaluate(const Slices& slices, Result& result) {
         library_ratios.push_back(library[round].calls_per_second / slice.calls_per_second);
         cpu_less.push_back(library[round].cpu_us - slice.cpu_us);
       }
-      if (!shared.empty()) {
-        shared_ratios.push_back(shared[round].calls_per_second / slice.calls_per_second);
+      if (!pipelined.empty()) {
+        pipelined_ratios.push_back(pipelined[round].calls_per_second / slice.calls_per_second);
       }
     }
     result[side].calls_per_second = spread_of(std::move(rates));
     result[side].cpu_us = spread_of(std::move(cpu));
     result[side].library_ratio = spread_of(std::move(library_ratios));
-    result[side].shared_ratio = spread_of(std::move(shared_ratios));
+    result[side].pipelined_ratio = spread_of(std::move(pipelined_ratios));
     result[side].cpu_us_less = spread_of(std::move(cpu_less));
   }
 }
@@ -190,17 +199,15 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   if (one.info_log) {
     log.emplace();
   }
-  const Way way(redis, one.round_trip);
-  LibraryOfSlices library(way.addr(), one.connections);
-  BareConnections bare(way.port(), one.threads, pace.bare_time_out);
-  HandWrittenPool pool(way.port(), one.connections);
+  const Network network(redis, one.round_trip);
+  LibraryOfSlices library(network.addr(), redis.addr(), one.connections);
+  BareConnections bare(network.port(), one.threads, pace.bare_time_out);
+  HandWrittenPool pool(network.port(), one.connections);
   const Operation& operation = *one.operation;
 
   const std::chrono::milliseconds slice = slice_of(one, pace);
-  // Long slices vary less.
-  const std::size_t rounds = slice > pace.slice ? (pace.rounds + 1) / 2 : pace.rounds;
   // The first round finds caches cold and buffers small, and does not count.
-  const std::vector<Side> order = order_of_slices(one.sides, rounds + 1);
+  const std::vector<Side> order = order_of_slices(one.sides, rounds_of(slice, pace) + 1);
   std::vector<Share> shares(one.threads);
   Slices slices;
   auto result = std::make_unique<Result>();
@@ -235,7 +242,7 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
           i < one.sides.size() ? unused : latencies[thread][index_of(order[i])];
       switch (order[i]) {
         case Side::library:
-        case Side::shared:
+        case Side::pipelined:
           shares[thread] = call_through(period, latency, operation.through_library);
           break;
         case Side::hiredis:

@@ -38,7 +38,7 @@ struct SideResult {
   Spread calls_per_second;
   Spread cpu_us;             // of the calling threads, user and system, for each call
   Spread library_ratio;      // the library's rate over this side's, of each round
-  Spread shared_ratio;       // the same with auto_pipelining
+  Spread pipelined_ratio;    // the same with auto_pipelining
   Spread cpu_us_less;        // the library's processor time less this side's, of each round
   LatencyHistogram latency;  // all rounds, nanoseconds
 };

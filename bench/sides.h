@@ -11,13 +11,14 @@
 #include "operations.h"
 #include "sandbox.h"
 
-// `shared`: the library with auto_pipelining.
-enum class Side { library, shared, hiredis, pool };
-inline constexpr std::array all_sides{Side::library, Side::shared, Side::hiredis, Side::pool};
-inline constexpr std::array side_names{"library", "shared", "hiredis", "pool"};
+// `library`: as it is without any key; `pipelined`: with auto_pipelining.
+enum class Side { library, pipelined, hiredis, pool };
+inline constexpr std::array all_sides{Side::library, Side::pipelined, Side::hiredis, Side::pool};
+inline constexpr std::array side_names{"library", "pipelined", "hiredis", "pool"};
+constexpr std::size_t index_of(Side side) { return static_cast<std::size_t>(side); }
 
-// The limit: hiredis alone, on a connection that no other thread uses. The result stays in the
-// reply. Without time-outs, as hiredis begins.
+// The yardstick: hiredis alone, on a connection that no other thread uses. The result stays in the
+// reply. Without timeouts, as hiredis begins.
 class BareConnections : NoCopy {
  public:
   BareConnections(int port, std::size_t threads, TimeOut time_out);
@@ -29,9 +30,9 @@ class BareConnections : NoCopy {
   std::vector<Context> contexts_;
 };
 
-// The floor: the plainest pool that one could write by hand. Connections in turn, each behind a
+// The floor: the plainest pool that one could write by hand. Connections round-robin, each behind a
 // mutex; a value is copied out for the caller after the mutex is free again, as the library does,
-// and the sockets have time-outs, as the library's. It does not mend what breaks.
+// and the sockets have timeouts, as the library's. It does not reconnect.
 class HandWrittenPool : NoCopy {
  public:
   HandWrittenPool(int port, std::size_t connections);
@@ -46,11 +47,13 @@ class HandWrittenPool : NoCopy {
   std::atomic<std::size_t> turn_{0};
 };
 
-// The library, from RUVO_Init to RUVO_Fini, with one server in each pool. A process has one.
-enum class RoundTrips { own, shared };
+// The library, from RUVO_Init to RUVO_Fini, with one server in each pool. A process has one. The
+// operations use the first pool, whose server is at `addr`; the others are at `other_pools`.
+enum class Pipelining { off, on };
 class Library : NoCopy {
  public:
-  Library(const std::string& addr, std::size_t connections, RoundTrips round_trips);
+  Library(const std::string& addr, const std::string& other_pools, std::size_t connections,
+          Pipelining pipelining);
   ~Library();
 
  private:
