@@ -15,8 +15,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=build/plots
 case ${1:-} in -* | "") ;; *) folder=$1; shift ;; esac
+case " $* " in *" --quick "*) quick=yes ;; *) quick= ;; esac
 guide=()
-if [ "$folder" -ef docs/figures ]; then guide=(docs/performance.md); fi
+if [ -z "$quick" ] && [ "$folder" -ef docs/figures ]; then guide=(docs/performance.md); fi
 
 scripts/deps.sh build bench
 cmake --preset bench >/dev/null
@@ -25,7 +26,7 @@ mkdir -p "$folder"
 build/bench/bench/ruvo_bench --csv "$folder/performance.csv" "$@"
 echo
 bench/tables.py "$folder/performance.csv" "${guide[@]}"
-case " $* " in *" --quick "*) exit ;; esac
+[ -z "$quick" ] || exit 0
 
 plots=$PWD/bench/performance.gnuplot
 cd "$folder"
