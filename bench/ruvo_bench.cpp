@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -45,6 +46,7 @@ struct Options {
   std::vector<std::size_t> threads;
   std::vector<std::size_t> connections;
   std::vector<std::size_t> round_trips_us;
+  std::vector<std::string> sides;
   std::size_t rounds = 41;
   std::size_t slice_ms = 15;
   bool bare_time_outs = false;
@@ -97,6 +99,12 @@ std::vector<Part> parts_as_asked_for(const Options& options) {
     return given.empty() ? otherwise : given;
   };
   const std::vector<std::size_t> round_trips = or_else(options.round_trips_us, {0});
+  std::vector<Side> sides;
+  std::copy_if(all_sides.begin(), all_sides.end(), std::back_inserter(sides), [&](Side side) {
+    const auto& wanted = options.sides;
+    return wanted.empty() ||
+           std::find(wanted.begin(), wanted.end(), side_names[index_of(side)]) != wanted.end();
+  });
   return {{.title = "as asked for",
            .operations = options.operations,
            .bytes = or_else(options.bytes, {100}),
@@ -104,7 +112,8 @@ std::vector<Part> parts_as_asked_for(const Options& options) {
            .connections = or_else(options.connections, {as_many_as_threads}),
            .more_connections_than_threads = true,
            .round_trips = {round_trips.begin(), round_trips.end()},
-           .info_log = options.info_log}};
+           .info_log = options.info_log,
+           .sides = sides}};
 }
 
 std::vector<Part> parts_of_the_aims() {
@@ -154,7 +163,7 @@ std::vector<Part> parts_of(const Options& options) {
   }
   const bool asked_for = !options.operations.empty() || !options.bytes.empty() ||
                          !options.threads.empty() || !options.connections.empty() ||
-                         !options.round_trips_us.empty();
+                         !options.round_trips_us.empty() || !options.sides.empty();
   return asked_for ? parts_as_asked_for(options) : parts_of_the_aims();
 }
 
@@ -213,6 +222,7 @@ int run(int argc, char** argv) {
   app.add_option("--round-trip", options.round_trips_us,
                  "Microseconds of a round trip over the network to the server; 0: loopback")
       ->check(CLI::Range(0, 1000000));
+  app.add_option("--sides", options.sides, "Only these")->check(CLI::IsMember(side_names));
   app.add_option("--rounds", options.rounds, "Slices of each side in each case")
       ->envname("RUVO_BENCH_ROUNDS")
       ->check(CLI::Range(1, 100000))
