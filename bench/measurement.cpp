@@ -201,7 +201,7 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   }
   const Network network(redis, one.round_trip);
   LibraryOfSlices library(network.addr(), redis.addr(), one.connections);
-  BareConnections bare(network.port(), one.threads, pace.bare_time_out);
+  BareConnections bare(network.port(), one.threads, pace.bare_timeout);
   HandWrittenPool pool(network.port(), one.connections);
   const Operation& operation = *one.operation;
 

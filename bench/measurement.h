@@ -23,7 +23,7 @@ struct Case {
 struct Pace {
   std::size_t rounds;
   std::chrono::milliseconds slice;  // of each side in each round, at least
-  TimeOut bare_time_out;            // whether hiredis gets the time-outs of the others
+  Timeout bare_timeout;             // whether hiredis gets the timeouts of the others
 };
 
 // A median and its quartiles; not numbers where there was nothing to measure.

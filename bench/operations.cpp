@@ -58,11 +58,11 @@ void require(bool succeeded) {
   }
 }
 
-Context connect_to(int port, TimeOut time_out) {
+Context connect_to(int port, Timeout timeout) {
   Context context(redisConnect("127.0.0.1", port));
   require(context != nullptr && context->err == 0);
-  if (time_out == TimeOut::set) {
-    require(redisSetTimeout(context.get(), {time_out_seconds, 0}) == REDIS_OK);
+  if (timeout == Timeout::set) {
+    require(redisSetTimeout(context.get(), {timeout_seconds, 0}) == REDIS_OK);
   }
   return context;
 }

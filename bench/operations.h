@@ -22,9 +22,9 @@ struct ContextDeleter {
 using Context = std::unique_ptr<redisContext, ContextDeleter>;
 
 // A read or write on the connection ends after this time; a loaded machine does not reach it.
-constexpr int time_out_seconds = 10;
-enum class TimeOut { none, set };
-Context connect_to(int port, TimeOut time_out = TimeOut::none);
+constexpr int timeout_seconds = 10;
+enum class Timeout { none, set };
+Context connect_to(int port, Timeout timeout = Timeout::none);
 
 // What a call promises its caller beside the result code: the library hands values out as copies.
 enum class HandsOut { nothing, buffer, text, texts };

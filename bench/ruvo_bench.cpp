@@ -49,7 +49,7 @@ struct Options {
   std::vector<std::string> sides;
   std::size_t rounds = 41;
   std::size_t slice_ms = 15;
-  bool bare_time_outs = false;
+  bool bare_timeouts = false;
   bool info_log = false;
   std::string csv;
 };
@@ -133,6 +133,10 @@ std::vector<Part> parts_of_the_aims() {
       {.title = "loopback: threads and connections",
        .threads = all_threads,
        .connections = {1, 2, 4, 8, 16, as_many_as_threads}},
+      {.title = "loopback: more connections than threads",
+       .threads = {2, 4},
+       .connections = {8, 16},
+       .more_connections_than_threads = true},
       {.title = "loopback: one thread, every operation", .operations = {}},
       {.title = "loopback: storing", .operations = {"SET"}, .threads = all_threads},
       {.title = "loopback: small and large values",
@@ -231,7 +235,7 @@ int run(int argc, char** argv) {
       ->check(CLI::Range(1, 10000))
       ->capture_default_str();
   app.add_flag("--info", options.info_log, "With the log at INFO, to a file");
-  app.add_flag("--bare-time-outs", options.bare_time_outs,
+  app.add_flag("--bare-timeouts", options.bare_timeouts,
                "Give bare hiredis the timeouts that the library and the pool have");
   app.add_option("--csv", options.csv, "File for all figures");
   CLI11_PARSE(app, argc, argv);
@@ -241,7 +245,7 @@ int run(int argc, char** argv) {
   Operations operations(redis);
   Csv csv(options.csv);
   const Pace pace{options.rounds, std::chrono::milliseconds(options.slice_ms),
-                  options.bare_time_outs ? TimeOut::set : TimeOut::none};
+                  options.bare_timeouts ? Timeout::set : Timeout::none};
   std::printf(
       "medians of %zu rounds, slices of %zu ms, fewer and longer over a network; ratios of rates "
       "[quartiles]; p50 and p99 in microseconds\n",

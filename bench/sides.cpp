@@ -17,16 +17,16 @@ void to_file(BaseLib::Logger::LogLevel, const char* line, std::size_t length) {
 
 }  // namespace
 
-BareConnections::BareConnections(int port, std::size_t threads, TimeOut time_out)
+BareConnections::BareConnections(int port, std::size_t threads, Timeout timeout)
     : contexts_(threads) {
   for (Context& context : contexts_) {
-    context = connect_to(port, time_out);
+    context = connect_to(port, timeout);
   }
 }
 
 HandWrittenPool::HandWrittenPool(int port, std::size_t connections) : connections_(connections) {
   for (Connection& connection : connections_) {
-    connection.context = connect_to(port, TimeOut::set);
+    connection.context = connect_to(port, Timeout::set);
   }
 }
 
@@ -45,7 +45,7 @@ void HandWrittenPool::run(const Operation& operation) {
 Library::Library(const std::string& addr, const std::string& other_pools, std::size_t connections,
                  Pipelining pipelining)
     : config_(
-          "connect_timeout = 10000\nsocket_timeout = " + std::to_string(time_out_seconds * 1000) +
+          "connect_timeout = 10000\nsocket_timeout = " + std::to_string(timeout_seconds * 1000) +
               "\n" + (pipelining == Pipelining::on ? "auto_pipelining = true\n" : "") +
               pools_at(addr, other_pools, other_pools),
           "p_connect_num = " + std::to_string(connections)) {

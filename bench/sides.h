@@ -21,7 +21,7 @@ constexpr std::size_t index_of(Side side) { return static_cast<std::size_t>(side
 // reply. Without timeouts, as hiredis begins.
 class BareConnections : NoCopy {
  public:
-  BareConnections(int port, std::size_t threads, TimeOut time_out);
+  BareConnections(int port, std::size_t threads, Timeout timeout);
   void run(const Operation& operation, std::size_t thread) {
     run_bare(operation, *contexts_[thread]);
   }
