@@ -6,7 +6,8 @@
 #   scripts/bench.sh [FOLDER] [OPTION...]
 #       FOLDER   where performance.csv and the pictures go (build/plots); docs/figures for those of the guide,
 #                whose tables are then made anew too
-#       OPTION   of the benchmark, as --full or --rounds 5; --help lists them
+#       OPTION   of the benchmark, as --rounds 5 or --full; --help lists them. Those that choose cases leave the
+#                pictures and the guide as they are
 #
 #   scripts/bench.sh --quick
 #       auto_pipelining on one connection beside bare hiredis, on loopback and over a network, in half a minute:
@@ -15,9 +16,14 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=build/plots
 case ${1:-} in -* | "") ;; *) folder=$1; shift ;; esac
-case " $* " in *" --quick "*) quick=yes ;; *) quick= ;; esac
+# What measures only some cases leaves the guide and the pictures alone.
+case " $* " in
+  *" --quick "* | *" --full "* | *" --operation "* | *" --bytes "* | *" --threads "* | *" --connections "* | \
+    *" --round-trip "* | *" --sides "*) whole= ;;
+  *) whole=yes ;;
+esac
 guide=()
-if [ -z "$quick" ] && [ "$folder" -ef docs/figures ]; then guide=(docs/performance.md); fi
+if [ -n "$whole" ] && [ "$folder" -ef docs/figures ]; then guide=(docs/performance.md); fi
 
 scripts/deps.sh build bench
 cmake --preset bench >/dev/null
@@ -26,7 +32,7 @@ mkdir -p "$folder"
 build/bench/bench/ruvo_bench --csv "$folder/performance.csv" "$@"
 echo
 bench/tables.py "$folder/performance.csv" "${guide[@]}"
-[ -z "$quick" ] || exit 0
+[ -n "$whole" ] || exit 0
 
 plots=$PWD/bench/performance.gnuplot
 cd "$folder"
