@@ -13,7 +13,7 @@
 #include <thread>
 #include <utility>
 
-#include "distance.h"
+#include "tcp_proxy.h"
 
 namespace {
 
@@ -107,8 +107,8 @@ class Network : NoCopy {
  public:
   Network(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
     if (round_trip.count() > 0) {
-      distance_.emplace(port_, round_trip / 2);
-      port_ = distance_->port();
+      proxy_.emplace(port_, round_trip / 2);
+      port_ = proxy_->port();
     }
   }
   int port() const { return port_; }
@@ -116,7 +116,7 @@ class Network : NoCopy {
 
  private:
   int port_;
-  std::optional<Distance> distance_;
+  std::optional<TcpProxy> proxy_;
 };
 
 // The library as a slice wants it. It is started anew when the slice wants the other kind.

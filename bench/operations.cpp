@@ -18,14 +18,14 @@ void keep(const void* pointer) { asm volatile("" : : "g"(pointer) : "memory"); }
 void require_ok(int result) { require(result == RUVO_OK); }
 
 template <typename... Args>
-Command command(int reply_type, HandsOut hands_out, const char* format, Args... args) {
+Command command(int reply_type, Copied copied, const char* format, Args... args) {
   return {[=](redisContext& context) { return redisCommand(&context, format, args...); },
-          reply_type, hands_out};
+          reply_type, copied};
 }
 
 template <typename... Args>
 Command command(int reply_type, const char* format, Args... args) {
-  return command(reply_type, HandsOut::nothing, format, args...);
+  return command(reply_type, Copied::nothing, format, args...);
 }
 
 // A value that the library has copied out.
@@ -80,7 +80,7 @@ std::vector<Operation> operations_on(std::size_t bytes) {
   const char* const list = lasting(key_of("list", bytes));
   const char* const set = lasting(key_of("set", bytes));
   const std::size_t elements = elements_of(bytes);
-  const auto get = command(REDIS_REPLY_STRING, HandsOut::buffer, "GET %s", text);
+  const auto get = command(REDIS_REPLY_STRING, Copied::buffer, "GET %s", text);
 
   std::vector<Operation> all;
   const auto add = [&all, bytes](const char* name, std::function<void()> through_library,
@@ -138,7 +138,7 @@ std::vector<Operation> operations_on(std::size_t bytes) {
         require_ok(RUVO_HashGet(hash, "field", 5, &read.data, &read.len, pool, nullptr));
         require(read.len == bytes);
       },
-      {command(REDIS_REPLY_STRING, HandsOut::buffer, "HGET %s %b", hash, "field", std::size_t{5})});
+      {command(REDIS_REPLY_STRING, Copied::buffer, "HGET %s %b", hash, "field", std::size_t{5})});
   add("HINCRBY",
       [=] {
         long long sum = 0;
@@ -155,14 +155,14 @@ std::vector<Operation> operations_on(std::size_t bytes) {
         require(popped.size() == bytes);
       },
       {command(REDIS_REPLY_INTEGER, "LPUSH %s %b", queue, value, bytes),
-       command(REDIS_REPLY_STRING, HandsOut::text, "RPOP %s", queue)});
+       command(REDIS_REPLY_STRING, Copied::text, "RPOP %s", queue)});
   add("LRANGE",
       [=] {
         std::vector<std::string> values;
         require_ok(RUVO_LRange(list, 0, -1, values, pool, nullptr));
         require(values.size() == elements);
       },
-      {command(REDIS_REPLY_ARRAY, HandsOut::texts, "LRANGE %s %d %d", list, 0, -1)});
+      {command(REDIS_REPLY_ARRAY, Copied::texts, "LRANGE %s %d %d", list, 0, -1)});
   // Sets.
   add("SADD", [=] { require(RUVO_SAdd(set, member, bytes, pool, nullptr) == RUVO_NOTHING_DONE); },
       {command(REDIS_REPLY_INTEGER, "SADD %s %b", set, member, bytes)});
@@ -174,7 +174,7 @@ std::vector<Operation> operations_on(std::size_t bytes) {
         require_ok(RUVO_SMembers(set, values, pool, nullptr));
         require(values.size() == elements);
       },
-      {command(REDIS_REPLY_ARRAY, HandsOut::texts, "SMEMBERS %s", set)});
+      {command(REDIS_REPLY_ARRAY, Copied::texts, "SMEMBERS %s", set)});
   return all;
 }
 
@@ -208,22 +208,22 @@ void run_bare(const Operation& operation, redisContext& context) {
   }
 }
 
-void hand_out(HandsOut what, const redisReply& reply) {
+void copy_result(Copied what, const redisReply& reply) {
   switch (what) {
-    case HandsOut::nothing:
+    case Copied::nothing:
       break;
-    case HandsOut::buffer: {
+    case Copied::buffer: {
       const std::unique_ptr<char[]> copy(new char[reply.len]);  // NOLINT: not to be filled twice
       std::memcpy(copy.get(), reply.str, reply.len);
       keep(copy.get());
       break;
     }
-    case HandsOut::text: {
+    case Copied::text: {
       const std::string copy(reply.str, reply.len);
       keep(copy.data());
       break;
     }
-    case HandsOut::texts: {
+    case Copied::texts: {
       std::vector<std::string> copies;
       copies.reserve(reply.elements);
       for (std::size_t i = 0; i < reply.elements; ++i) {

@@ -3,36 +3,25 @@
 #ifndef RUVO_BENCH_OPERATIONS_H
 #define RUVO_BENCH_OPERATIONS_H
 
-#include <hiredis/hiredis.h>
-
 #include <cstddef>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
-struct ReplyDeleter {
-  void operator()(redisReply* reply) const { freeReplyObject(reply); }
-};
-using Reply = std::unique_ptr<redisReply, ReplyDeleter>;
+#include "hiredis_owners.h"
 
-struct ContextDeleter {
-  void operator()(redisContext* context) const { redisFree(context); }
-};
-using Context = std::unique_ptr<redisContext, ContextDeleter>;
-
-// A read or write on the connection ends after this time; a loaded machine does not reach it.
+// The timeout of a read or write on the connection; a loaded machine does not reach it.
 constexpr int timeout_seconds = 10;
 enum class Timeout { none, set };
 Context connect_to(int port, Timeout timeout = Timeout::none);
 
-// What a call promises its caller beside the result code: the library hands values out as copies.
-enum class HandsOut { nothing, buffer, text, texts };
+// What the library copies for its caller, beside the result code.
+enum class Copied { nothing, buffer, text, texts };
 
 struct Command {
   std::function<void*(redisContext&)> send;
   int reply_type;
-  HandsOut hands_out = HandsOut::nothing;
+  Copied copied = Copied::nothing;
 };
 
 struct Operation {
@@ -58,7 +47,7 @@ void run_bare(const Operation& operation, redisContext& context);
 Reply run_command(const Command& command, redisContext& context);
 
 // Copies what a reply holds as the library does for its caller, and lets the copy go again.
-void hand_out(HandsOut what, const redisReply& reply);
+void copy_result(Copied what, const redisReply& reply);
 
 // Throws std::runtime_error.
 void require(bool succeeded);

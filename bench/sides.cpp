@@ -38,7 +38,7 @@ void HandWrittenPool::run(const Operation& operation) {
       const std::scoped_lock lock(connection.mutex);
       reply = run_command(command, *connection.context);
     }
-    hand_out(command.hands_out, *reply);
+    copy_result(command.copied, *reply);
   }
 }
 
@@ -50,14 +50,11 @@ Library::Library(const std::string& addr, const std::string& other_pools, std::s
               pools_at(addr, other_pools, other_pools),
           "p_connect_num = " + std::to_string(connections)) {
   using BaseLib::Logger;
-  const QuietConsole quiet;
   const Logger::LogLevel level = Logger::logLevel();
   Logger::setLogLevel(Logger::FATAL);  // start-up tells of its settings at ERROR
-  require(RUVO_Init(config_.path()) == RUVO_OK);
+  library_.emplace(config_.path());
   Logger::setLogLevel(level);
 }
-
-Library::~Library() { RUVO_Fini(); }
 
 LogFile::LogFile() {
   log_lock.open(nullptr);

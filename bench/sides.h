@@ -6,10 +6,12 @@
 #include <atomic>
 #include <cstddef>
 #include <mutex>
+#include <optional>
 #include <vector>
 
+#include "fixtures.h"
 #include "operations.h"
-#include "sandbox.h"
+#include "started_library.h"
 
 // `library`: as it is without any key; `pipelined`: with auto_pipelining.
 enum class Side { library, pipelined, hiredis, pool };
@@ -30,9 +32,9 @@ class BareConnections : NoCopy {
   std::vector<Context> contexts_;
 };
 
-// The floor: the plainest pool that one could write by hand. Connections round-robin, each behind a
-// mutex; a value is copied out for the caller after the mutex is free again, as the library does,
-// and the sockets have timeouts, as the library's. It does not reconnect.
+// The floor: the plainest pool that one could write by hand. Round-robin over connections, each
+// behind a mutex; a value is copied out for the caller after the mutex is free again, as the
+// library does, and the sockets have timeouts, as the library's. It does not reconnect.
 class HandWrittenPool : NoCopy {
  public:
   HandWrittenPool(int port, std::size_t connections);
@@ -54,10 +56,10 @@ class Library : NoCopy {
  public:
   Library(const std::string& addr, const std::string& other_pools, std::size_t connections,
           Pipelining pipelining);
-  ~Library();
 
  private:
   HostConfig config_;
+  std::optional<StartedLibrary> library_;
 };
 
 // While it lives, the library's lines from INFO on go to a file, through the sink and the lock that

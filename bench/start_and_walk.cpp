@@ -1,18 +1,16 @@
 // How long a start-up takes with many servers and connections, of which some are down, and what a
 // call pays for each ejected server that it passes by.
-#include <ruvo/ruvo.h>
 #include <stream_log/logger.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "run_main.h"
-#include "sandbox.h"
+#include "started_library.h"
 
 namespace {
 
@@ -45,13 +43,6 @@ double median(std::vector<double> values) {
   return *middle;
 }
 
-void start(const HostConfig& config) {
-  const QuietConsole quiet;
-  if (RUVO_Init(config.path()) != RUVO_OK) {
-    throw std::runtime_error("RUVO_Init failed");
-  }
-}
-
 // One pool has the servers; the others have one each, and are the same in every row.
 double start_time(const Servers& servers, int connections, const RedisServer& redis,
                   const DownServer& down) {
@@ -60,9 +51,8 @@ double start_time(const Servers& servers, int connections, const RedisServer& re
   std::vector<double> times;
   for (int i = 0; i < repetitions; ++i) {
     const Clock::time_point begin = Clock::now();
-    start(config);
+    const StartedLibrary library(config.path());
     times.push_back(microseconds_since(begin));
-    RUVO_Fini();
   }
   return median(times);
 }
@@ -74,8 +64,8 @@ double call_time(const Servers& servers, Logger::LogLevel level, const RedisServ
   const HostConfig config(pools_at(list_of(servers, redis, down), redis.addr(), redis.addr()) +
                               "socket_timeout = 10000\n",
                           "p_server_failure_limit = 1\np_server_retry_timeout = 3600");
-  start(config);
-  const auto call = [] { RUVO_ExistsKey("key", eTempServer, nullptr); };
+  const StartedLibrary library(config.path());
+  const auto call = [] { return RUVO_ExistsKey("key", eTempServer, nullptr); };
   for (int i = 0; i < 2 * (servers.up + servers.down); ++i) {
     call();  // until what is down is ejected
   }
@@ -89,7 +79,6 @@ double call_time(const Servers& servers, Logger::LogLevel level, const RedisServ
     times.push_back(microseconds_since(begin) / calls);
   }
   Logger::setLogLevel(Logger::FATAL);
-  RUVO_Fini();
   return median(times);
 }
 

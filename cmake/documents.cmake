@@ -44,14 +44,17 @@ endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/figures DESTINATION ${guides_dir} COMPONENT tools
         FILES_MATCHING PATTERN "*.svg")
 
-# Each package has the change log.
-configure_file(${change_log} ${PROJECT_BINARY_DIR}/changelog COPYONLY)
+# Each package has the change log, in Debian's form, and says under what terms it is.
+set(changelog_script ${PROJECT_SOURCE_DIR}/packaging/changelog.awk)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${change_log} ${changelog_script})
+execute_process(COMMAND awk -v maintainer=${RUVO_MAINTAINER} -f ${changelog_script} ${change_log}
+                OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog COMMAND_ERROR_IS_FATAL ANY)
 compress(${PROJECT_BINARY_DIR}/changelog)
 foreach(package IN ITEMS libruvo1:runtime libruvo-dev:devel ruvo-tools:tools)
   string(REPLACE ":" ";" package ${package})
   list(POP_FRONT package name component)
-  install(FILES ${PROJECT_BINARY_DIR}/changelog.gz COMPONENT ${component}
-          DESTINATION ${RUVO_INSTALL_DOCDIR}/${name})
+  install(FILES ${PROJECT_BINARY_DIR}/changelog.gz ${PROJECT_SOURCE_DIR}/packaging/copyright
+          DESTINATION ${RUVO_INSTALL_DOCDIR}/${name} COMPONENT ${component})
 endforeach()
 
 find_package(Doxygen QUIET)

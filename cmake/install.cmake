@@ -5,6 +5,10 @@ set(package_dir ${RUVO_INSTALL_LIBDIR}/cmake/ruvo)
 # Every rule names its component: runtime, devel or tools. Each is a package, see packages.cmake.
 install(TARGETS ruvo stream_log EXPORT ruvo-targets
         LIBRARY DESTINATION ${RUVO_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT devel)
+if(RUVO_BUILD_TOOLS)
+  set_target_properties(ruvo_cli ruvo_chaos PROPERTIES INSTALL_RPATH "$ORIGIN/../${RUVO_INSTALL_LIBDIR}")
+  install(TARGETS ruvo_cli ruvo_chaos RUNTIME DESTINATION bin COMPONENT tools)
+endif()
 install(EXPORT ruvo-targets NAMESPACE ruvo:: FILE ruvoTargets.cmake DESTINATION ${package_dir}
         COMPONENT devel)
 
@@ -31,7 +35,7 @@ endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ COMPONENT devel
         DESTINATION ${RUVO_INSTALL_DOCDIR}/libruvo-dev/examples
         FILES_MATCHING PATTERN "*.cpp" PATTERN "*.c" PATTERN "*.h"
-                       PATTERN "CMakeLists.txt")
+                       PATTERN "*.cfg" PATTERN "CMakeLists.txt")
 # A sample, not a configuration: the servers in it are nobody's.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/conf/ COMPONENT tools
         DESTINATION ${RUVO_INSTALL_DOCDIR}/ruvo-tools/examples)

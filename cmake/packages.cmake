@@ -1,6 +1,10 @@
 # The Debian packages: libruvo1, libruvo-dev and ruvo-tools, one for each component of the install
 # rules. `cmake --workflow --preset package` leaves them in build/package.
 
+if(NOT RUVO_INSTALL)
+  message(FATAL_ERROR "RUVO_DEBIAN_PACKAGES needs RUVO_INSTALL: the packages are made of the install rules")
+endif()
+
 # What is missing is told here: without dpkg-shlibdeps cpack makes packages that depend on nothing, and
 # without `file` it ends after everything has been built.
 foreach(program IN ITEMS dpkg-shlibdeps file)
@@ -25,11 +29,13 @@ endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_MAINTAINER "libruvo developers <libruvo@localhost>")
+set(CPACK_DEBIAN_PACKAGE_SOURCE libruvo)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${RUVO_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# A program that is linked with the library gets its dependency from these, by the way of
-# dpkg-shlibdeps; they concern libruvo1, which alone has libraries.
+# A program that is linked with the library gets its dependency from the symbols, by the way of
+# dpkg-shlibdeps; from the shlibs where that is too old for symbols. Both concern libruvo1, which alone has
+# libraries.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # Each description below begins with its own summary.
@@ -41,7 +47,17 @@ of servers.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libruvo1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers
+                                               ${PROJECT_BINARY_DIR}/symbols)
+# Refuses libraries that export other symbols than the list has.
+add_custom_command(
+  OUTPUT ${PROJECT_BINARY_DIR}/symbols
+  COMMAND dpkg-gensymbols -plibruvo1 -v${PROJECT_VERSION} -e$<TARGET_FILE:ruvo> -e$<TARGET_FILE:stream_log>
+          -I${PROJECT_SOURCE_DIR}/packaging/libruvo1.symbols -c4 -O${PROJECT_BINARY_DIR}/symbols
+  DEPENDS ruvo stream_log ${PROJECT_SOURCE_DIR}/packaging/libruvo1.symbols
+  COMMENT "Symbols of libruvo1"
+  VERBATIM)
+add_custom_target(debian_symbols ALL DEPENDS ${PROJECT_BINARY_DIR}/symbols)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Redis for multi-threaded server processes
 ${about}
 

@@ -9,7 +9,9 @@ function(public_headers target folder)
     cmake_path(GET header FILENAME name)
     file(MAKE_DIRECTORY ${RUVO_STAGED_INCLUDES}/${folder})
     file(CREATE_LINK ${header} ${RUVO_STAGED_INCLUDES}/${folder}/${name} SYMBOLIC)
-    install(FILES ${header} DESTINATION ${RUVO_INSTALL_INCLUDEDIR}/${folder} COMPONENT devel)
+    if(RUVO_INSTALL)
+      install(FILES ${header} DESTINATION ${RUVO_INSTALL_INCLUDEDIR}/${folder} COMPONENT devel)
+    endif()
   endforeach()
   target_include_directories(
     ${target} INTERFACE $<BUILD_INTERFACE:${RUVO_STAGED_INCLUDES}>

@@ -10,12 +10,15 @@ int main(int argc, char** argv) {
   BaseLib::Logger::setLogLevel(BaseLib::Logger::WARN);
   const ruvo::library library(argc > 1 ? argv[1] : "sruvo.conf");
   if (!library) {
-    std::cerr << ruvo_result_text(library.code()) << '\n';
+    std::cerr << library.error().message() << '\n';
     return 1;
   }
   const ruvo::pool temp(eTempServer);
-  temp.set("user:7", "Ada", std::chrono::hours(1));
+  if (const auto stored = temp.set("user:7", "Ada", std::chrono::hours(1)); !stored) {
+    std::cerr << "not stored: " << stored.error().message() << '\n';
+    return 1;
+  }
   if (const auto name = temp.get("user:7")) {
-    std::cout << "user:7 is " << std::string_view(*name) << '\n';
+    std::cout << "user:7 is " << *name << '\n';
   }
 }

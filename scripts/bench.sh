@@ -6,33 +6,40 @@
 #   scripts/bench.sh [FOLDER] [OPTION...]
 #       FOLDER   where performance.csv and the pictures go (build/plots); docs/figures for those of the guide,
 #                whose tables are then made anew too
-#       OPTION   of the benchmark, as --rounds 5 or --full; --help lists them. Those that choose cases leave the
-#                pictures and the guide as they are
+#       OPTION   of the benchmark, as --rounds 5 or --full; --help lists them. One that chooses cases leaves the
+#                pictures, their data and the guide alone.
 #
 #   scripts/bench.sh --quick
 #       auto_pipelining on one connection beside bare hiredis, on loopback and over a network, in half a minute:
-#       what whoever changes it looks at; draws nothing
+#       what whoever changes it looks at.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=build/plots
 case ${1:-} in -* | "") ;; *) folder=$1; shift ;; esac
-# What measures only some cases leaves the guide and the pictures alone.
-case " $* " in
-  *" --quick "* | *" --full "* | *" --operation "* | *" --bytes "* | *" --threads "* | *" --connections "* | \
-    *" --round-trip "* | *" --sides "*) whole= ;;
-  *) whole=yes ;;
-esac
-guide=()
-if [ -n "$whole" ] && [ "$folder" -ef docs/figures ]; then guide=(docs/performance.md); fi
 
 scripts/deps.sh build bench
 cmake --preset bench >/dev/null
 cmake --build --preset bench --target ruvo_bench
-mkdir -p "$folder"
-build/bench/bench/ruvo_bench --csv "$folder/performance.csv" "$@"
+whole=yes
+for option in "$@"; do
+  case $option in
+    --help | -h) sed -nE '/^#!/d; /^#/!q; s/^# ?//p' scripts/bench.sh; exec build/bench/bench/ruvo_bench --help ;;
+    --quick | --full | --operation* | --bytes* | --threads* | --connections* | --round-trip* | --sides*) whole= ;;
+  esac
+done
+measured=$(mktemp)
+trap 'rm -f "$measured"' EXIT
+build/bench/bench/ruvo_bench --csv "$measured" "$@"
 echo
+if [ -z "$whole" ]; then
+  bench/tables.py "$measured"
+  exit
+fi
+mkdir -p "$folder"
+cp "$measured" "$folder/performance.csv"  # whole, or as it was
+guide=()
+if [ "$folder" -ef docs/figures ]; then guide=(docs/performance.md); fi
 bench/tables.py "$folder/performance.csv" "${guide[@]}"
-[ -n "$whole" ] || exit 0
 
 plots=$PWD/bench/performance.gnuplot
 cd "$folder"

@@ -1,49 +1,99 @@
 #!/usr/bin/env bash
-# The headers for C++ hosts: each on its own; the examples of ruvo.hpp as C++17 and C++20, with GCC and Clang,
-# unoptimised and not; and the mistakes that must not compile. Wants the release build, whose headers it takes.
+# The headers for C++ hosts, with GCC and Clang, as C++17, C++20 without exceptions and RTTI, and C++23: the
+# examples of ruvo.hpp, optimised and not; the mistakes that must not compile; each header on its own; a hiredis
+# that is not the library's. Wants the release build, whose headers it takes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 warnings=(-Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wold-style-cast -Werror)
+configurations=("-std=c++17" "-std=c++20 -fno-exceptions -fno-rtti" "-std=c++2b")
+headers=build/release/include
+mistakes=tests/ruvo_hpp_mistakes.cpp
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-compile() { "$@" "${warnings[@]}" -Ibuild/release/include -c -o "$work/object"; }
-
-for header in results arguments; do
-  echo "#include <ruvo/$header.hpp>" >"$work/$header.cpp"
-  compile clang++ -std=c++17 "$work/$header.cpp"
-done
 
 {
   printf '#include <ruvo/ruvo.hpp>\n#include <iostream>\nint main() {\n'
-  sed -nE 's|^ */// {5}||p' src/openlib/ruvo/{ruvo,results}.hpp
+  sed -nE 's|^ */// {5}||p' src/openlib/ruvo/{ruvo,results,arguments}.hpp
   echo '}'
 } >"$work/examples.cpp"
-for compiler in g++ clang++; do
-  for standard in 17 20; do
-    for level in 0 2; do
-      compile "$compiler" "-std=c++$standard" "-O$level" "$work/examples.cpp"
-    done
-  done
-done
 
-# GCC sees a time only when it optimises.
-refused=0
-for compiler in "g++ -O1" "clang++ -O0"; do
-  read -ra words <<<"$compiler -std=c++17"
-  compile "${words[@]}" -DMISTAKE=0 tests/ruvo_hpp_mistakes.cpp
-  while read -r number sentence; do
-    if compile "${words[@]}" "-DMISTAKE=$number" tests/ruvo_hpp_mistakes.cpp 2>"$work/errors" ||
-      ! grep -q "error: .*ruvo: .*$sentence" "$work/errors"; then
-      cat "$work/errors" >&2
-      echo "$compiler does not refuse mistake $number with '$sentence'" >&2
-      exit 1
+# Compiles the mistakes one by one, with a header that has been compiled before. $1: the compiler, the others: how.
+refuse_mistakes() {
+  local compiler=$1 name number sentence only refused=0
+  name=$(mktemp -d -p "$work")
+  mkdir "$name/ruvo"
+  local compile=("$@" "${warnings[@]}" -O1)
+  if [ "$compiler" = g++ ]; then
+    "${compile[@]}" -I"$headers" -x c++-header "$headers/ruvo/ruvo.hpp" -o "$name/ruvo/ruvo.hpp.gch"
+    compile+=("-I$name")
+  else
+    "${compile[@]}" -I"$headers" -x c++-header "$headers/ruvo/ruvo.hpp" -o "$name/ruvo.pch"
+    compile+=(-include-pch "$name/ruvo.pch")
+  fi
+  compile+=("-I$headers" -c -o "$name/object" "$mistakes")
+  "${compile[@]}" -DMISTAKE=0
+  while read -r number only sentence; do
+    if [ "$only" = any ] || [ "$only" = "$compiler" ]; then
+      if "${compile[@]}" "-DMISTAKE=$number" 2>"$name/errors" || ! grep -qE "error: .*($sentence)" "$name/errors"; then
+        cat "$name/errors" >&2
+        echo "$* does not refuse mistake $number with '$sentence'" >&2
+        return 1
+      fi
+      refused=$((refused + 1))
     fi
-    refused=$((refused + 1))
-  done < <(sed -nE 's|^#elif MISTAKE == ([0-9]+) +// (.*)|\1 \2|p' tests/ruvo_hpp_mistakes.cpp)
-done
-if [ "$refused" -ne $((2 * $(grep -c '#elif MISTAKE' tests/ruvo_hpp_mistakes.cpp))) ]; then
-  echo "a mistake stands there without its sentence" >&2
+  done <"$work/mistakes"
+  echo "$*: refuses $refused mistakes"
+}
+
+# Everything that one compiler must do. $1: which.
+check() {
+  local configuration options level header
+  for header in results arguments; do
+    echo "#include <ruvo/$header.hpp>" >"$work/$1-$header.cpp"
+    "$1" -std=c++17 "${warnings[@]}" -I"$headers" -fsyntax-only "$work/$1-$header.cpp"
+  done
+  for configuration in "${configurations[@]}"; do
+    read -ra options <<<"$configuration"
+    for level in 0 2; do
+      "$1" "${options[@]}" "${warnings[@]}" "-O$level" -I"$headers" -c "$work/examples.cpp" -o "$work/$1-object"
+    done
+    refuse_mistakes "$1" "${options[@]}"
+  done
+}
+
+# Number, compiler or "any", sentence.
+sed -nE -e 's|^#elif MISTAKE == ([0-9]+) +// (g\+\+\|clang\+\+): (.*)|\1 \2 \3|p; t' \
+  -e 's|^#elif MISTAKE == ([0-9]+) +// (.*)|\1 any \2|p' "$mistakes" >"$work/mistakes"
+[ "$(wc -l <"$work/mistakes")" -eq "$(grep -c '#elif MISTAKE' "$mistakes")" ] ||
+  { echo "a mistake stands there without its sentence" >&2; exit 1; }
+
+check g++ &
+with_gcc=$!
+check clang++
+wait "$with_gcc"
+
+# A hiredis of another major version.
+mkdir "$work/hiredis"
+printf '#include_next <hiredis/hiredis.h>\n#undef HIREDIS_MAJOR\n#define HIREDIS_MAJOR 99\n' >"$work/hiredis/hiredis.h"
+if g++ -std=c++17 -I"$work" -I"$headers" -fsyntax-only "$work/examples.cpp" 2>"$work/errors" ||
+  ! grep -q "this libruvo was built with hiredis" "$work/errors"; then
+  echo "ruvo.hpp takes another hiredis than the library's" >&2
   exit 1
 fi
-echo "ruvo.hpp compiles with both compilers and standards; $refused mistakes are refused"
+
+# Without exceptions the program ends where one would be thrown, and says why.
+cat >"$work/no_exceptions.cpp" <<'CODE'
+#include <ruvo/ruvo.hpp>
+int main() { return ruvo::pool(eTempServer).increment("k").value() > 0 ? 0 : 1; }
+CODE
+g++ -std=c++17 -fno-exceptions -I"$headers" "$work/no_exceptions.cpp" -o "$work/no_exceptions" -Lbuild/release/src -lruvo \
+  -Wl,-rpath,"$PWD/build/release/src" -Wl,-rpath-link,"$PWD/build/release/platform/stream_log"
+status=0
+(ulimit -c 0 && exec "$work/no_exceptions") 2>"$work/said" || status=$?
+if [ "$status" -ne 134 ] || ! grep -q "ruvo: a result without a value was read: not initialised" "$work/said"; then
+  cat "$work/said" >&2
+  echo "value() of a failure does not end a program without exceptions: status $status" >&2
+  exit 1
+fi
+echo "ruvo.hpp compiles with both compilers and all standards, and refuses what it should"

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs what README.md and docs/*.md show, so that it works as it is written.
+"""Runs what README.md, CONTRIBUTING.md and docs/*.md show, so that it works as it is written.
 
     scripts/check_docs.py [DOCUMENT...]      (no argument: all of them)
 
@@ -40,6 +40,8 @@ NOT_RUN = {
     "scripts/test.sh tsan": ".ci/run has run it",
     "scripts/demo.sh": ".ci/run runs it",
     "scripts/demo.sh --shards 3": ".ci/run runs it",
+    "scripts/site.sh": ".ci/run runs it",
+    "scripts/site.sh --check role": "it shows what is wrong with that check",
     "scripts/bench.sh": ".ci/run runs it",
     "scripts/count_instructions.sh": ".ci/run runs it",
     "cmake -B build/plain -G Ninja -DRUVO_BUILD_TESTS=OFF": "this script begins with the release build",
@@ -57,6 +59,9 @@ MUST_HOLD = {
     "docs/configuration.md": {"sh", "ini", "yaml"},
     "docs/operations.md": {"sh", "cpp"},
 }
+
+# Documents that say where in the tree things are.
+MAPS = {"CONTRIBUTING.md", "docs/architecture.md"}
 
 WARNINGS = "-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror"
 COMPILERS = {"cpp": "c++", "c": "cc"}
@@ -274,6 +279,18 @@ def refuse_missing_lines(document):
                 raise Refused(f"{document}: the line '{line}' of {source.name} is missing")
 
 
+def refuse_missing_places(document):
+    """Refuses a map of the tree that names a file which is not there: "walk.cpp", "tests/walk_test.cpp",
+    "pipeline.{h,cpp}" for two."""
+    tracked = subprocess.run(["git", "ls-files", "-z"], cwd=TREE, check=True, capture_output=True,
+                             text=True).stdout.split("\0")
+    text = re.sub(r"([\w./]+)\.\{(\w+),(\w+)\}", r"\1.\2 \1.\3", (TREE / document).read_text())
+    named = re.findall(r"(?<![\w./-])[\w./-]+\.(?:cpp|h|hpp|sh|py|txt|map|in|symbols|cmake)\b", text)
+    missing = {name for name in named if not any(f"/{path}".endswith(f"/{name}") for path in tracked)}
+    if missing or not named:
+        raise Refused(f"{document}: not in the tree: {', '.join(sorted(missing))}")
+
+
 def check(document, sandbox):
     """Runs a document's blocks; how many passed and how many failed."""
     try:
@@ -281,6 +298,8 @@ def check(document, sandbox):
         refuse_mistakes(document, blocks)
         if document == "docs/operations.md":
             refuse_missing_lines(document)
+        if document in MAPS:
+            refuse_missing_places(document)
         first = [block for block in read_blocks("README.md") if block.kind == "ini"]
         for block in first + blocks:
             if block.file:
@@ -307,7 +326,7 @@ def check(document, sandbox):
 
 
 def main():
-    documents = sys.argv[1:] or ["README.md", *sorted(f"docs/{p.name}" for p in TREE.glob("docs/*.md"))]
+    documents = sys.argv[1:] or ["README.md", "CONTRIBUTING.md", *sorted(f"docs/{p.name}" for p in TREE.glob("docs/*.md"))]
     set_child_subreaper = 36
     ctypes.CDLL(None).prctl(set_child_subreaper, 1, 0, 0, 0)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))

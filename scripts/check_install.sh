@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the release build into a folder of its own, looks at its hardening, and builds the installed
 # examples where they lie: the hosts and a program through the CMake package, one in C through pkg-config.
-# The programs are run.
+# The programs are run. Then what the project is as a part of another one, and what it refuses to be.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -32,4 +32,31 @@ export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$examples/installed_package/program.c" -o "$work/program_c" \
   $(pkg-config --cflags --libs ruvo stream_log) -Wl,-rpath,"$prefix/lib" -Wl,-rpath-link,"$prefix/lib"
 "$work/program_c"
+
+mkdir "$work/host"
+cat >"$work/host/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.25)
+project(host LANGUAGES C CXX)
+set(CMAKE_CXX_STANDARD 17)
+set(BUILD_SHARED_LIBS OFF)
+add_subdirectory($PWD ruvo)
+CMAKE
+# Prints what of the project the host would install with these options: documents, which need no build.
+installed_by_host() {
+  rm -rf "$work/host_build" "$work/host_prefix"
+  cmake -S "$work/host" -B "$work/host_build" -G Ninja "$@" >/dev/null
+  cmake --install "$work/host_build" --prefix "$work/host_prefix" --component tools >/dev/null
+  find "$work/host_prefix" -type f 2>/dev/null || true
+}
+files=$(installed_by_host)
+[ -z "$files" ] || { echo "installed by a project that this one is a part of: $files" >&2; exit 1; }
+[[ $(installed_by_host -DRUVO_INSTALL=ON) == *ruvo.conf.5.gz* ]] || { echo "RUVO_INSTALL=ON installs nothing" >&2; exit 1; }
+
+for wish in BUILD_SHARED_LIBS=OFF CMAKE_CXX_STANDARD=17; do
+  if cmake -S . -B "$work/$wish" -G Ninja "-D$wish" >/dev/null 2>"$work/refusal" ||
+    ! grep -qF "$wish: libruvo is" "$work/refusal"; then
+    echo "$wish is not refused" >&2
+    exit 1
+  fi
+done
 echo "the installed package works"

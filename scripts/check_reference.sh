@@ -9,15 +9,10 @@ cmake --build build/release --target reference
 
 pages=(build/release/man/*.[135])
 mandoc -T lint -W warning "${pages[@]}"
-missing=0
-while read -r name; do
-  grep -qF "$name" build/release/man/libruvo.3 || { echo "libruvo(3) lacks $name" >&2; missing=1; }
-done < <(grep '^RUVO_' tests/exports.txt)
-
 version=$(sed -nE 's/^CMAKE_PROJECT_VERSION:STATIC=//p' build/release/CMakeCache.txt)
 newest=$(sed -nE 's/^## \[([0-9.]+)\].*/\1/p' CHANGELOG.md | head -n 1)
 if [ "$version" != "$newest" ]; then
   echo "CHANGELOG.md ends with $newest, the project is $version" >&2
-  missing=1
+  exit 1
 fi
-[ "$missing" -eq 0 ] && echo "reference, ${#pages[@]} manual pages and change log are in order"
+echo "reference, ${#pages[@]} manual pages and change log are in order"

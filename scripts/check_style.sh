@@ -17,9 +17,9 @@ clang-format --dry-run --Werror "${sources[@]}"
 
 # What the build compiles, the benchmarks too; headers are looked at where they are included. One file
 # at a time and the largest first, so that the processors end together. A template that explodes meets
-# the limits before it takes the machine down.
+# the limits before it takes the machine down; in the foreground CTRL-C reaches it.
 cmake --preset bench -B build/check -DRUVO_BUILD_TESTS=ON >/dev/null
 tidied=('*.cpp' ':!examples/installed_package' ':!tests/ruvo_hpp_mistakes.cpp')
 [ "${1:-}" != --libraries ] || tidied=('src/*.cpp' 'platform/*.cpp' examples/quick_start.cpp)
 git ls-files -z "${tidied[@]}" | xargs -0 ls -S |
-  xargs -P "$(nproc)" -n 1 prlimit --as=6000000000 timeout 600 clang-tidy -p build/check --quiet
+  xargs -P "$(nproc)" -n 1 prlimit --as=6000000000 timeout --foreground 600 clang-tidy -p build/check --quiet

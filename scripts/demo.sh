@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Shows the library at work: builds it, starts throwaway servers on loopback, runs a host with eight
-# threads on them, kills one of a pool's two servers under its feet and brings it back.
+# threads on them (ruvo_chaos, which checks every value), kills one of a pool's two servers under its
+# feet and brings it back.
 #
 #   scripts/demo.sh [--shards N]     DEMO_SECONDS=N in the environment: how long the host runs (12)
 #
-# The servers of a pool are doors to the same data: two proxies before N Redis servers, the shards,
-# that share the keys out between them. The host sees the proxies, and it is a proxy that dies first:
+# The servers of a pool serve the same data: two proxies before N Redis servers, the shards, which the
+# keys are distributed over. The host sees the proxies, and it is a proxy that dies first:
 # no operation fails. With two shards or more, a shard dies next. Nothing stands in for it, so the
 # operations on its keys fail until it is back; it has kept its data.
 set -euo pipefail
@@ -20,7 +21,7 @@ while [ $# -gt 0 ]; do
   shards=$2
   shift 2
 done
-# Each victim is killed after a pause and comes back after another; then the host has three seconds.
+# Each target is killed after a pause and comes back after another; then the host has three seconds.
 pauses=$((shards > 1 ? 4 : 2))
 seconds=${DEMO_SECONDS:-12}
 [[ $seconds =~ ^[1-9][0-9]{0,3}$ && $seconds -ge $((pauses + 3)) ]] ||
@@ -29,40 +30,11 @@ pause=$(((seconds - 3) / pauses))
 connections=2
 
 scripts/deps.sh build run
-cmake -G Ninja -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_TOOLS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
-cmake --build build/demo
+cmake -G Ninja -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
+cmake --build build/demo --target ruvo_chaos
 
-work=$(mktemp -d)
-declare -A pid_of   # what this script has started, by name
-stop_all() {
-  for name in "${!pid_of[@]}"; do
-    kill "${pid_of[$name]}" 2>/dev/null || true
-    wait "${pid_of[$name]}" 2>/dev/null || true
-  done
-  rm -rf "$work"
-}
-trap stop_all EXIT
-trap 'exit 130' INT TERM
-
-# Prints so many loopback ports that are free now.
-free_ports() {
-  perl -MSocket -e '
-    for (1 .. shift) {
-      my $s;
-      socket($s, PF_INET, SOCK_STREAM, 0) && bind($s, sockaddr_in(0, INADDR_LOOPBACK)) or die $!;
-      push @open, $s;
-      print((sockaddr_in(getsockname $s))[0], "\n");
-    }' "$1"
-}
-
-answers() {
-  for _ in $(seq 100); do
-    [ "$(redis-cli -p "$1" exists probe 2>/dev/null)" = 0 ] && return
-    sleep 0.05
-  done
-  echo "demo.sh: nothing answers on port $1" >&2
-  return 1
-}
+. scripts/throwaway.sh
+reads() { [ "$(redis-cli -p "$1" exists probe)" = 0 ]; }
 
 # A shard writes each change to a file before it answers, and reads the file when it starts. Without
 # fsync: Redis puts writes off while one takes long on a busy disk, and a kill would lose them.
@@ -72,7 +44,7 @@ start_shard() {  # name
     --appendfsync no --dir "$work/$1" \
     >>"$work/$1.log" 2>&1 &
   pid_of[$1]=$!
-  answers "${port_of[$1]}"
+  wait_for reads "${port_of[$1]}"
 }
 
 # The proxies of a pool list the same shards in the same order, and so agree where each key is.
@@ -94,37 +66,29 @@ YML
   nutcracker -c "$work/$1.yml" -a 127.0.0.1 -s "${port_of[$1-statistics]}" -p "$work/$1.pid" \
     -o "$work/$1.log" >/dev/null 2>&1 &
   pid_of[$1]=$!
-  answers "${port_of[$1]}"
+  wait_for reads "${port_of[$1]}"
 }
 
-kill_hard() {  # name
-  echo "--- SIGKILL to $1"
-  kill -KILL "${pid_of[$1]}"
-  { wait "${pid_of[$1]}" || true; } 2>/dev/null  # bash would tell of the kill
-}
-
-declare -A port_of
 pools=(temp persist personality)
 names=()
 for pool in "${pools[@]}"; do
   for number in $(seq "$shards"); do names+=("$pool-shard-$number"); done
   for number in 1 2; do names+=("$pool-proxy-$number" "$pool-proxy-$number-statistics"); done
 done
-mapfile -t ports < <(free_ports ${#names[@]})
-for i in "${!names[@]}"; do port_of[${names[i]}]=${ports[i]}; done
+give_ports "${names[@]}"
 for name in "${names[@]}"; do
   case $name in
     *-shard-?) start_shard "$name" ;;
     *-proxy-?) start_proxy "$name" ;;
   esac
 done
-doors_of() { echo "127.0.0.1:${port_of[$1-proxy-1]},127.0.0.1:${port_of[$1-proxy-2]}"; }
+proxies_of() { echo "127.0.0.1:${port_of[$1-proxy-1]},127.0.0.1:${port_of[$1-proxy-2]}"; }
 
 cat >"$work/sruvo.conf" <<CONF
 [redis_cfg]
 redis_cfg_path = $work/ruvo_redis.conf
 CONF
-# The keys of a new site; the limit keeps nothing back, since the host counts what the log tells.
+# The keys of a new site; the limit suppresses nothing, since the host reads every line of the log.
 cat >"$work/ruvo_redis.conf" <<CONF
 [common]
 connect_timeout = 200
@@ -134,9 +98,9 @@ eject_silent_servers = true
 try_ejected_servers = true
 log_limit = 1000000
 call_timeout = 10000
-temp_server = $(doors_of temp)
-persist_server = $(doors_of persist)
-personality_server = $(doors_of personality)
+temp_server = $(proxies_of temp)
+persist_server = $(proxies_of persist)
+personality_server = $(proxies_of personality)
 
 [server]
 p_connect_num = $connections
@@ -146,15 +110,15 @@ t_server_retry_timeout = 2
 ps_server_retry_timeout = 2
 CONF
 
-outage=()
-[ "$shards" -eq 1 ] || outage=(--outage-expected)
+faults=single
+[ "$shards" -eq 1 ] || faults=outage
 echo
-echo "--- session_host: 8 threads, $seconds seconds; each pool: $shards Redis behind two proxies"
-build/demo/sandbox/session_host --config "$work/sruvo.conf" --log "$work/session_host.log" \
-  --seconds "$seconds" --threads 8 "${outage[@]}" &
-pid_of[session_host]=$!
+echo "--- the host: 8 threads, $seconds seconds; each pool: $shards Redis behind two proxies"
+build/demo/tools/chaos/ruvo_chaos --config "$work/sruvo.conf" --throwaway --log "$work/host.log" \
+  --seconds "$seconds" --threads 8 --outside-faults "$faults" &
+pid_of[host]=$!
 
-sleep "$pause"
+sleep $((pause + 1)) # it warms up for a second
 kill_hard temp-proxy-1
 sleep "$pause"
 echo "--- temp-proxy-1 starts again"
@@ -170,14 +134,14 @@ if [ "$shards" -gt 1 ]; then
 fi
 
 result=0
-wait "${pid_of[session_host]}" || result=$?
-unset "pid_of[session_host]"
+wait "${pid_of[host]}" || result=$?
+unset "pid_of[host]"
 echo
 echo "--- what the log told, by kind"
 sed -E 's/^[^ ]+ [^ ]+ [0-9]+ ([A-Z]+) [^ ]+ /\1 /; s/(key|ruvo_workload):[^ ,]+/\1:.../g;
         s/[0-9]+ seconds/N seconds/; s/failure count:[0-9]+/failure count:N/' \
-  "$work/session_host.log" | sort | uniq -c | sort -rn | head -n 12
+  "$work/host.log" | sort | uniq -c | sort -rn | head -n 12
 if [ "$result" -ne 0 ]; then
-  echo "demo.sh: the host reported failed operations or wrong values" >&2
+  echo "demo.sh: the host reports that something did not hold" >&2
 fi
 exit "$result"

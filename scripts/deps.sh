@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # Installs from Debian what this machine lacks; does nothing when all is there.
 #
-#   scripts/deps.sh [build] [package] [run] [test] [bench] [check] [plot]     (no argument: all groups)
+#   scripts/deps.sh [build] [package] [run] [site] [test] [bench] [check] [plot]     (no argument: all groups)
 #
 #   build    compiler, build tools, hiredis and ACE
 #   package  what makes Debian packages of the build
 #   run      Redis and the proxy that the demo starts
+#   site     what scripts/site.sh starts: Redis, which is the Sentinel too, and HAProxy
 #   test     Redis, the proxy, GoogleTest
-#   bench    Redis, valgrind and gnuplot, for the benchmark, its pictures and the count of instructions
-#   check    format, tidy and static checks, fuzzing, reference, manual pages, packages, what the guides show
+#   bench    Redis, the proxy, valgrind and gnuplot, for the benchmark, its pictures and the count of instructions
+#   check    format, tidy and static checks, binary interface, fuzzing, reference, manual pages, packages, what
+#            the guides show
 #   plot     the pictures of docs/scaling.md
 set -euo pipefail
 
@@ -16,14 +18,15 @@ declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev libffi-dev"
   [package]="dpkg-dev file"
   [run]="redis-server nutcracker"
+  [site]="redis-server haproxy"
   [test]="redis-server nutcracker libgtest-dev binutils"
-  [bench]="redis-server valgrind gnuplot-nox python3"
-  [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck doxygen mandoc binutils debootstrap
-           python3 libspdlog-dev stunnel4 openssl"
+  [bench]="redis-server nutcracker valgrind gnuplot-nox python3"
+  [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck abigail-tools doxygen mandoc binutils
+           debootstrap lintian prometheus python3 libspdlog-dev stunnel4 openssl"
   [plot]="gnuplot-nox"
 )
 groups=("$@")
-[ ${#groups[@]} -gt 0 ] || groups=(build package run test bench check plot)
+[ ${#groups[@]} -gt 0 ] || groups=(build package run site test bench check plot)
 
 missing=()
 for group in "${groups[@]}"; do

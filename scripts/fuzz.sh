@@ -14,12 +14,20 @@ scripts/deps.sh build check
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 corpus=$(mktemp -d)  # what is found goes there, so that the tree stays as it is
-trap 'rm -rf "$corpus"' EXIT
+fuzzer=
+finish() {
+  [ -z "$fuzzer" ] || kill "$fuzzer" 2>/dev/null || true
+  rm -rf "$corpus"
+}
+trap finish EXIT
+trap 'exit 130' INT TERM
 cp -r tests/fuzz/corpus/. "$corpus"
 for target in "${targets[@]}"; do
   log=build/fuzz/$target.log
   build/fuzz/tests/fuzz/"$target" -max_total_time=$((seconds / ${#targets[@]})) -max_len=4096 -timeout=10 \
-    -print_final_stats=1 -artifact_prefix="build/fuzz/$target-" "$corpus/$target" >"$log" 2>&1 \
-    || { cat "$log"; exit 1; }
+    -print_final_stats=1 -artifact_prefix="build/fuzz/$target-" "$corpus/$target" >"$log" 2>&1 &
+  fuzzer=$!  # in the background, so that a signal to this script ends it at once
+  wait "$fuzzer" || { cat "$log"; exit 1; }
+  fuzzer=
   echo "$target: $(sed -n 's/^stat::number_of_executed_units: *//p' "$log") inputs, none fails"
 done

@@ -4,14 +4,14 @@
     scripts/plant_faults.py                      all rows of scripts/faults.txt
     scripts/plant_faults.py 3 17 --only walk     rows by number; those with this text
     scripts/plant_faults.py --tests walk,raw     tried with these tests only
-    scripts/plant_faults.py --list               the rows, without trying them
+    scripts/plant_faults.py --list               the rows, without trying them: do they apply?
 
 Each of the --jobs works in a copy of the tree with a build folder of its own, which it keeps for all
 of its rows, and with --folder for the next time as well. A row ends with its first failing test. A row whose text does not stand in its file exactly
 once, or that does not compile, is an error of the table. The exit status is 0 when every fault was
 caught, 1 when one was not, 2 when a row is in error.
 
-Not part of the regular checks: it takes a build and a run of the tests for every row.
+The regular checks run --list only: all the rest takes a build and a run of the tests for every row.
 """
 
 import argparse
@@ -79,6 +79,7 @@ class Workplace:
     # Over all workplaces:
     seconds = {}  # that a test takes
     catches = collections.Counter()  # of faults in a file, by test
+    interrupted = False
 
     def __init__(self, folder, wanted):
         self.tree = pathlib.Path(folder) / "tree"
@@ -106,6 +107,8 @@ class Workplace:
             shutil.copy(source, target)
 
     def run(self, command):
+        if Workplace.interrupted:
+            raise RuntimeError("interrupted")
         done = subprocess.run(command, env={**os.environ, **NO_WARNINGS}, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, text=True, errors="replace")
         if done.returncode != 0:
@@ -113,7 +116,9 @@ class Workplace:
 
     def passes(self, test):
         begin = time.monotonic()
-        process = subprocess.Popen([self.build / "tests" / test, "--gtest_fail_fast", "--gtest_brief=1"],
+        # In a session of its own CTRL-C does not reach it; it ends with this process.
+        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", self.build / "tests" / test,
+                                    "--gtest_fail_fast", "--gtest_brief=1"],
                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                    stderr=subprocess.DEVNULL, start_new_session=True)
         try:
@@ -156,7 +161,7 @@ def work(folder, tests, waiting, report):
     except (RuntimeError, OSError) as error:
         report(None, f"no workplace: {error}")
         return
-    while True:
+    while not Workplace.interrupted:
         try:
             fault = waiting.get_nowait()
         except queue.Empty:
@@ -197,20 +202,27 @@ def main():
                 print(fault)
         except (ValueError, OSError) as error:
             report(fault, f"ERROR: {error}")
-    if not arguments.list and not errors:
+    if arguments.list:
+        print(f"{len(faults)} faults, {len(errors)} do not apply")
+    elif not errors:
         waiting = queue.Queue()
         for fault in faults:
             waiting.put(fault)
         with (contextlib.nullcontext(arguments.folder) if arguments.folder
-              else tempfile.TemporaryDirectory(prefix="ruvo-faults-")) as folder:
+              else tempfile.TemporaryDirectory(prefix="ruvo-faults-", ignore_cleanup_errors=True)) as folder:
             tests = arguments.tests.split(",") if arguments.tests else []
             jobs = [threading.Thread(target=work, daemon=True,
                                      args=(f"{folder}/{job}", tests, waiting, report))
                     for job in range(arguments.jobs)]
             for job in jobs:
                 job.start()
-            for job in jobs:
-                job.join()
+            try:
+                for job in jobs:
+                    job.join()
+            except KeyboardInterrupt:
+                signal.signal(signal.SIGINT, signal.SIG_IGN)  # once is enough
+                Workplace.interrupted = True
+                sys.exit(130)
         print(f"\n{len(faults)} faults, {len(missed)} not caught, {len(errors)} errors")
         for fault in sorted(missed, key=lambda fault: fault.number):
             print(fault)

@@ -10,7 +10,7 @@ scripts/deps.sh build test plot
 cmake --preset bench >/dev/null
 cmake --build --preset bench --target scaling_simulation
 mkdir -p "$folder"
-build/bench/models/scaling_simulation >"$folder/scaling.csv"
+build/bench/simulation/scaling_simulation >"$folder/scaling.csv"
 
 # The columns of the CSV: series, hosts, threads, connections, servers, requests per second, mean, p50, p99.
 cd "$folder"

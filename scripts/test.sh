@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the tests. Needs no server: the tests start their own.
 #
-#   scripts/test.sh [preset]     release (the default), debug, asan or tsan
+#   scripts/test.sh [PRESET] [ARGUMENT OF CTEST...]
+#       PRESET    release (the default), debug, asan or tsan
+#       ARGUMENT  as -R walk (only tests with this in their names), --repeat until-fail:20, -j 1
 set -euo pipefail
 cd "$(dirname "$0")/.."
-preset=${1:-release}
+preset=release
+case ${1:-} in -* | "") ;; *) preset=$1; shift ;; esac
 
 scripts/deps.sh build test
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset"
-ctest --preset "$preset" --parallel "$(nproc)"
+ctest --preset "$preset" --parallel "$(nproc)" "$@"

@@ -29,8 +29,8 @@ TEST(CliCheck, TellsOfPoolsAndConnections) {
         "persist      " + redis.addr() + "  2/2          up\n"}},
       {all_pools_at(redis.addr()) + "eject_silent_servers = 1\nlog_limit = 9\ncall_timeout = 1500",
        "", 0,
-       {"eject_silent_servers on, try_ejected_servers off",
-        "log_limit 9 lines a second, call_timeout 1500 ms"}},
+       {"options        eject_silent_servers true\n               log_limit 9 lines\n"
+        "               call_timeout 1500 ms\n"}},
       {pools_at(redis.addr() + "," + down.addr(), redis.addr(), redis.addr()), "p_connect_num = 3",
        7,
        {"temp         up in part", down.addr() + "  0/3          refused  nobody listens there"}},
@@ -135,6 +135,11 @@ TEST(CliCheck, NamesWhatIsNotReadAsWritten) {
         "4 t_auto_eject_server = off is none of true, 1, false, 0: the default, true, is used",
         "5 p_connect_num = -2 is negative: the default, 1, is used",
         "6 ps_password is empty: it counts as left out"}},
+      {"[common]\nwait_for_servers = true\nfailover_replies = ,\nslow_call_log = 1s\n",
+       {"2 wait_for_servers = true needs a call_timeout: it counts as left out",
+        "4 slow_call_log = 1s is no number from 0 to 2147483647: the default, 0, is used"}},
+      {"[common]\nlog_limit = few\nrecommended_defaults = true\n",
+       {"2 log_limit = few is no number from 0 to 2147483647: the default, 5, is used"}},
       {"[common]\ntemp_server = a:70000,b,c:x\n[server]\np_connect_num = 1\np_connect_num = "
        "2\n[Server]\nz = 1\np_word\n",
        {"2 temp_server: port 70000 of 'a:70000' is not from 1 to 65535: it is never connected to",

@@ -18,11 +18,17 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        {{F::temp_servers, "10.0.0.1:1"}}},
       {"INFO",
        "ruvo_worker::init | get timeout cfg, connect_timeout:-1 (ms), socket_timeout:20 (ms)",
-       K::time_outs, "", {{F::connect_timeout, "-1"}, {F::socket_timeout, "20"}}},
+       K::timeouts, "", {{F::connect_timeout, "-1"}, {F::socket_timeout, "20"}}},
       {"INFO", "ruvo_redis::init | auto_pipelining:true, eject_silent_servers:false, "
        "try_ejected_servers:true, log_limit:10, call_timeout:0 (ms)", K::options, "",
        {{F::auto_pipelining, "true"}, {F::eject_silent_servers, "false"},
         {F::try_ejected_servers, "true"}, {F::log_limit, "10"}, {F::call_timeout, "0"}}},
+      {"INFO", "ruvo_redis::init | raw_commands_stay_in_pool:true, start_without_servers:false, "
+       "failover_replies:ERR max, number,READONLY, send_once:false, wait_for_servers:true, "
+       "stats_file:-, slow_call_log:9 (ms)", K::options, "",
+       {{F::raw_commands_stay_in_pool, "true"}, {F::start_without_servers, "false"},
+        {F::failover_replies, "ERR max, number,READONLY"}, {F::send_once, "false"},
+        {F::wait_for_servers, "true"}, {F::stats_file, "-"}, {F::slow_call_log, "9"}}},
       {"INFO", "ruvo_redis::init | temp_server addr = a:1,b:2, persist_server addr = c:3.",
        K::addresses, "", {{F::temp_servers, "a:1,b:2"}, {F::persist_servers, "c:3"}}},
       {"INFO", "ruvo_redis::init | temp_server addr = a:1,b", K::addresses, "",
@@ -38,7 +44,7 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        {{F::connection, "3"}, {F::connections, "16"}}},
       {"WARN",
        "ruvo_redis::is_server_valid | server,ip:h port:1 invalid, failure count:5, retry after 30 "
-       "seconds", K::passed_over, "h:1", {{F::failures, "5"}, {F::seconds, "30"}}},
+       "seconds", K::skipped, "h:1", {{F::failures, "5"}, {F::seconds, "30"}}},
       {"WARN", "ruvo_redis::is_server_valid | server, ip:h port:1 start retry", K::retry, "h:1",
        {}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:1", K::rebuild, "h:1",
@@ -53,7 +59,7 @@ TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
        {{F::origin, "do_exec_command"}, {F::key, "k"}, {F::call_timeout, "50"}}},
       {"WARN",
        "ruvo_redis::log_limit | 18446744073709551615 lines like the next one were kept back",
-       K::lines_kept_back, "", {{F::lines, "18446744073709551615"}}},
+       K::lines_suppressed, "", {{F::lines, "18446744073709551615"}}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:", K::other, "", {}},
       {"WARN", "ruvo_redis::reset_connection | reset connection,ip:h port:1 ", K::other, "", {}},
       {"WARN", "ruvo_redis::log_limit | -", K::other, "", {}},

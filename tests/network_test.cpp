@@ -1,14 +1,13 @@
 // A network that fails in every way: what a call returns then, and how long it takes.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <csignal>
 
 #include "client.h"
 #include "servers.h"
+#include "sockets.h"
 
 namespace {
 
@@ -39,14 +38,9 @@ class FullServer : public DownServer {
  public:
   FullServer() {
     listen(fd_, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<std::uint16_t>(port()));
     for (int& fd : waiting_) {
       fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      [[maybe_unused]] const int pending =
-          connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+      connect_to_loopback(fd, port());
     }
   }
   ~FullServer() {

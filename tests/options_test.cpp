@@ -1,5 +1,4 @@
-// What a site may switch on: how the keys are read, and what each of them does. The clock of the
-// log's limit is the test's.
+// What a site may switch on: what each key does. The clock of the log's limit is the test's.
 #include "options.h"
 
 #include <gtest/gtest.h>
@@ -87,51 +86,6 @@ class Options : public testing::Test {
   std::unique_ptr<ruvo_redis> client_;
   LogCapture log_;
 };
-
-TEST_F(Options, AreReadAndWhatMakesNoSenseIsToldAndLeftOut) {
-  const std::string truth = " must be true or false: ";
-  const std::string number = " must be a number from 0 to 2147483647: ";
-  // clang-format off
-  const struct { const char* key; const char* value; std::string complaint; const char* told; } cases[] = {
-      {"auto_pipelining", "true", "", "true, false, false, 0, 0"},
-      {"eject_silent_servers", "TRUE", "", "false, true, false, 0, 0"},
-      {"try_ejected_servers", "1", "", "false, false, true, 0, 0"},
-      {"log_limit", "2147483647", "", "false, false, false, 2147483647, 0"},
-      {"call_timeout", "250", "", "false, false, false, 0, 250"},
-      {"call_timeout", "0", "", "false, false, false, 0, 0"},
-      {"auto_pipelining", "perhaps", truth, nullptr},
-      {"try_ejected_servers", "-1", truth, nullptr}, {"log_limit", "-1", number, nullptr},
-      {"log_limit", "2147483648", number, nullptr}, {"log_limit", "many", number, nullptr},
-      {"call_timeout", "250ms", number, nullptr}, {"misspelt", "1", "", nullptr},
-  };
-  // clang-format on
-  for (const auto& one : cases) {
-    const std::string setting = one.key + std::string(" = ") + one.value;
-    vop_config config;
-    ASSERT_EQ(config.open(("[common]\n" + setting).c_str(), true), 0);
-    const client_options read = read_options(config);
-    const auto word = [](bool value) { return value ? std::string("true, ") : "false, "; };
-    EXPECT_EQ(word(read.auto_pipelining) + word(read.eject_silent_servers) +
-                  word(read.try_ejected_servers) + std::to_string(read.log_limit) + ", " +
-                  std::to_string(read.call_timeout),
-              one.told != nullptr ? one.told : "false, false, false, 0, 0");
-    const std::vector<LogCapture::Line> lines = log_.take();
-    ASSERT_EQ(lines.size(), one.told != nullptr || !one.complaint.empty() ? 1U : 0U) << setting;
-    if (!one.complaint.empty()) {
-      EXPECT_EQ(lines[0].level, ERROR);
-      EXPECT_EQ(lines[0].text,
-                "ruvo_redis::init | " + (one.key + one.complaint) + one.value + ", left out");
-    }
-  }
-  vop_config config;
-  ASSERT_EQ(config.open("[common]\ntry_ejected_servers = 1\nlog_limit = 8\ncall_timeout = 9", true),
-            0);
-  read_options(config);
-  EXPECT_EQ(log_.count(BaseLib::Logger::INFO,
-                       "ruvo_redis::init | auto_pipelining:false, eject_silent_servers:false, "
-                       "try_ejected_servers:true, log_limit:8, call_timeout:9 (ms)"),
-            1);
-}
 
 // All lines of start-up and shut-down are written, whatever the limit; after it none holds.
 TEST_F(Options, BeginFromOffAtEveryStartUp) {
@@ -275,16 +229,13 @@ TEST_F(Options, TheReadmesServerServesAgainAtOnce) {
   for (int restart = 0; restart < 2; ++restart) {
     ++changes;
     redis.kill();
-    for (const int before = failed_down; failed_down < before + 100;) {  // long ejected
-      std::this_thread::yield();
-    }
+    ASSERT_TRUE(eventually(  // long ejected
+        [&failed_down, enough = failed_down + 100] { return failed_down >= enough; }));
     redis.restart();
     get();  // behind those that may still share an attempt from before
     ++changes;
   }
-  while (done < 1000) {
-    std::this_thread::yield();
-  }
+  ASSERT_TRUE(eventually([&] { return done >= 1000; }));
   threads.clear();
   EXPECT_EQ(failed_up, 0);
 }
@@ -294,13 +245,13 @@ TEST_F(Options, TryEjectedServersLetsNoCallFailWhereOneIsUp) {
   RedisServer other;
   start("try_ejected_servers = true", one.addr() + "," + other.addr(),
         "p_server_failure_limit = 1");
-  for (int round = 0; round < 4; ++round) {  // one is struck while the other is still ejected
-    RedisServer& struck = round % 2 == 0 ? one : other;
-    struck.kill();
+  for (int round = 0; round < 4; ++round) {  // a fault in one while the other is still ejected
+    RedisServer& target = round % 2 == 0 ? one : other;
+    target.kill();
     for (int call = 0; call < 4; ++call) {
       EXPECT_EQ(get(), RUVO_ERR_NOT_FOUND);
     }
-    struck.restart();
+    target.restart();
   }
   EXPECT_GT(log_.count_containing("all servers invalid"), 0);
 }
@@ -400,34 +351,6 @@ TEST_F(Options, CallTimeoutIsTheSecondCommandsOwn) {
   EXPECT_EQ(client_->list_push("k", "v", 1, 9, &count, eTempServer, nullptr), RUVO_OK);
   EXPECT_EQ(expired, 3 * 2);
   EXPECT_EQ(log_.count_containing("call time-out"), 0);
-}
-
-// Of those that wait at a server, who is late for a second visit sends nothing, leading or not.
-TEST_F(Options, CallTimeoutLeavesThoseThatWaitOutOfTheBatch) {
-  std::atomic<int> sent{0};
-  std::atomic<bool> is_open{false};
-  const ScriptedServer slow([&](const std::vector<std::string>&) {
-    ++sent;
-    is_open.wait(false);
-    return nil;
-  });
-  start("auto_pipelining = true\ncall_timeout = 500", down_.addr() + "," + slow.addr());
-  std::vector<std::jthread> threads;
-  for (const std::int64_t turn : {1, 0, 1, 0}) {  // the first holds the slow server's connection
-    std::atomic_ref(pool_in(*client_).server_count_).store(turn);
-    const std::atomic_ref line(server(1).context_arr_[0].line_);
-    waiting_call* const newest = line.load();
-    threads.emplace_back([this] { get(); });
-    while (line.load() == newest) {
-      std::this_thread::yield();
-    }
-  }
-  std::this_thread::sleep_for(milliseconds(550));
-  is_open = true;
-  is_open.notify_all();
-  threads.clear();
-  EXPECT_EQ(sent, 2);  // the one that was held, and the one on its first visit
-  EXPECT_EQ(log_.count_containing("call time-out of 500 ms has passed"), 2);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Every operation through two proxies before two shards: each value is checked, on keys of both
-// shards, and again after one of the proxies has died. Calls go to the proxies in turn, so a value
-// is right only where both agree on its shard.
+// shards, and again after one of the proxies has died. Calls go to the proxies round-robin, so a
+// value is right only where both agree on its shard.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -21,7 +21,7 @@ TEST(OnProxies, EveryOperationWorksAndOutlivesAProxy) {
   const RedisServer first;
   const RedisServer second;
   const std::vector<std::string> shards{first.addr(), second.addr()};
-  std::array<Proxy, 2> proxies{Proxy(shards), Proxy(shards)};
+  std::array<Nutcracker, 2> proxies{Nutcracker(shards), Nutcracker(shards)};
   const HostConfig config(all_pools_at(proxies[0].addr() + ',' + proxies[1].addr()),
                           "p_connect_num = 2");
   ASSERT_EQ(start(config), RUVO_OK);

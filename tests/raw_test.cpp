@@ -14,8 +14,8 @@ constexpr auto ERROR = BaseLib::Logger::ERROR;
 class Raw : public testing::Test {
  protected:
   void start(const std::string& pools, const std::string& server = "") {
-    const std::string time_outs = "connect_timeout = 1000\nsocket_timeout = 1000";
-    init_client(client_, HostConfig(pools + time_outs, server));
+    const std::string timeouts = "connect_timeout = 1000\nsocket_timeout = 1000";
+    init_client(client_, HostConfig(pools + timeouts, server));
     log_.clear();
   }
   // The text of the reply, or "null".

@@ -29,6 +29,9 @@
 /// Threads: setLogLevel, setOutput and logging are safe from any number of threads. The output is
 /// called from every thread that logs, possibly from several at once. A Logger object belongs to
 /// one thread.
+///
+/// A host that is compiled with a macro of a level's name, -DDEBUG say, cannot write Logger::DEBUG;
+/// it has BaseLib::Logger::LogLevel(STREAM_LOG_DEBUG).
 #ifndef STREAM_LOG_LOGGER_H
 #define STREAM_LOG_LOGGER_H
 
@@ -75,6 +78,20 @@ __attribute__((visibility("default"))) void stream_log_set_output(void (*output)
 #include <cstring>
 #include <ostream>
 #include <sstream>
+
+// Hosts have macros of these names, which would take the place of the levels; they keep them.
+#pragma push_macro("TRACE")
+#pragma push_macro("DEBUG")
+#pragma push_macro("INFO")
+#pragma push_macro("WARN")
+#pragma push_macro("ERROR")
+#pragma push_macro("FATAL")
+#undef TRACE
+#undef DEBUG
+#undef INFO
+#undef WARN
+#undef ERROR
+#undef FATAL
 
 /// Shared by hosts and libraries.
 namespace BaseLib {
@@ -130,6 +147,13 @@ class __attribute__((visibility("default"))) Logger {
 };
 
 }  // namespace BaseLib
+
+#pragma pop_macro("TRACE")
+#pragma pop_macro("DEBUG")
+#pragma pop_macro("INFO")
+#pragma pop_macro("WARN")
+#pragma pop_macro("ERROR")
+#pragma pop_macro("FATAL")
 
 #endif  // __cplusplus
 

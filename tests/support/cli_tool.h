@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox.h"
+#include "fixtures.h"
 #include "shell.h"
 
 // The tool on a configuration of its own.

@@ -8,7 +8,7 @@ using std::chrono::milliseconds;
 namespace {
 
 // A pause between two faults may be shorter than an ejection and longer. A fault is from a moment
-// to several socket time-outs long.
+// to several socket timeouts long.
 constexpr int shortest_pause_ms = 200;
 constexpr int longest_pause_ms = 2500;
 constexpr int shortest_fault_ms = 50;
@@ -38,9 +38,9 @@ void FaultRecord::end(const std::string& server) {
 bool FaultRecord::touches(const std::string& server, Clock::time_point from,
                           Clock::time_point to) const {
   const std::scoped_lock lock(mutex_);
-  return std::any_of(spans_.rbegin(), spans_.rend(), [&](const Span& span) {
-    return span.server == server && span.from <= to && span.to >= from;
-  });
+  return outside_ || std::any_of(spans_.rbegin(), spans_.rend(), [&](const Span& span) {
+           return span.server == server && span.from <= to && span.to >= from;
+         });
 }
 
 Driver::Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record,
@@ -61,12 +61,12 @@ Clock::time_point Driver::step() {
   for (std::size_t number = 0; number < pool_count && !faults_.empty(); ++number) {
     Pool& pool = pools_[number];
     if (pool.next <= Clock::now()) {
-      if (pool.struck == nullptr && calls_from_before_(pool.mended)) {
+      if (pool.target == nullptr && calls_from_before_(pool.cleared)) {
         pool.next = Clock::now() + milliseconds(shortest_fault_ms);
-      } else if (pool.struck == nullptr) {
-        strike(number, pool);
+      } else if (pool.target == nullptr) {
+        inject(number, pool);
       } else {
-        mend(pool);
+        clear(pool);
         plan_next(pool);
       }
     }
@@ -75,29 +75,29 @@ Clock::time_point Driver::step() {
   return next;
 }
 
-void Driver::mend_all() {
+void Driver::clear_all() {
   for (Pool& pool : pools_) {
-    if (pool.struck != nullptr) {
-      mend(pool);
+    if (pool.target != nullptr) {
+      clear(pool);
     }
   }
   faults_.clear();
 }
 
-void Driver::strike(std::size_t number, Pool& pool) {
+void Driver::inject(std::size_t number, Pool& pool) {
   const auto& servers = site_.pools[number];
   const std::size_t server = pool.plan() % servers.size();
   pool.fault = faults_[pool.plan() % faults_.size()];
   const milliseconds length = between(pool.plan, shortest_fault_ms, longest_fault_ms);
-  pool.struck = servers[server].get();
+  pool.target = servers[server].get();
   std::printf("%8.2f s  planned %8.2f s  %-5s  pool %zu server %zu", seconds(Clock::now() - start_),
               seconds(pool.next - start_), fault_names[pool.fault], number + 1, server + 1);
   std::printf(pool.fault == reset ? "\n" : "  for %4ld ms\n", static_cast<long>(length.count()));
-  record_.begin(pool.struck->addr());
-  pool.struck->strike(pool.fault);
-  ++done_[pool.fault];
+  record_.begin(pool.target->addr());
+  pool.target->inject(pool.fault);
+  ++injected_[pool.fault];
   if (pool.fault == reset) {
-    mend(pool);
+    clear(pool);
     plan_next(pool);
   } else {
     pool.next += length;
@@ -110,9 +110,9 @@ void Driver::plan_next(Pool& pool) {
                        Clock::now() + milliseconds(shortest_pause_ms));
 }
 
-void Driver::mend(Pool& pool) {
-  pool.struck->mend(pool.fault);
-  record_.end(pool.struck->addr());
-  pool.mended = Clock::now();
-  pool.struck = nullptr;
+void Driver::clear(Pool& pool) {
+  pool.target->clear(pool.fault);
+  record_.end(pool.target->addr());
+  pool.cleared = Clock::now();
+  pool.target = nullptr;
 }

@@ -1,5 +1,5 @@
-// Strikes one server of each pool at a time, after a plan that a seed determines, and remembers
-// when.
+// Injects faults into one server of each pool at a time, on a plan that a seed determines, and
+// remembers when.
 #ifndef RUVO_TOOLS_CHAOS_DRIVER_H
 #define RUVO_TOOLS_CHAOS_DRIVER_H
 
@@ -18,6 +18,8 @@ using Clock = std::chrono::steady_clock;
 // When each server was at fault. Asked by the threads that call, written by the driver.
 class FaultRecord {
  public:
+  // `outside`: somebody else injects faults, and any server may have one at any time.
+  explicit FaultRecord(bool outside) : outside_(outside) {}
   void begin(const std::string& server);
   void end(const std::string& server);
   // Was it at fault at any time in between?
@@ -30,6 +32,7 @@ class FaultRecord {
     Clock::time_point to;  // the greatest there is while it lasts
   };
 
+  bool outside_;
   mutable std::mutex mutex_;
   std::vector<Span> spans_;  // guarded by mutex_; the latest last
 };
@@ -39,28 +42,27 @@ class Driver {
   // Is a call still under way that began before this?
   using CallsFrom = std::function<bool(Clock::time_point)>;
 
-  // A server is not struck while `calls_from_before` says that a call has seen the fault before:
-  // no call meets two.
+  // No fault is injected while `calls_from_before` says that a call has seen the one before: no
+  // call meets two.
   Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record,
          CallsFrom calls_from_before);
 
-  // Does what is due, and returns when the next thing is. To be called from the thread that has
-  // started the servers.
+  // Does what is due, and returns when the next thing is.
   Clock::time_point step();
-  void mend_all();  // what is at fault; step() begins nothing afterwards
-  const std::array<long, fault_count>& done() const { return done_; }
+  void clear_all();  // step() injects nothing afterwards
+  const std::array<long, fault_count>& injected() const { return injected_; }
 
  private:
   struct Pool {
     std::mt19937_64 plan;
     Clock::time_point next;
-    Clock::time_point mended;
-    Victim* struck = nullptr;
+    Clock::time_point cleared;
+    Target* target = nullptr;  // that has a fault
     Fault fault = killed;
   };
 
-  void strike(std::size_t number, Pool& pool);
-  void mend(Pool& pool);
+  void inject(std::size_t number, Pool& pool);
+  void clear(Pool& pool);
   static void plan_next(Pool& pool);
 
   Site& site_;
@@ -69,7 +71,7 @@ class Driver {
   CallsFrom calls_from_before_;
   Clock::time_point start_ = Clock::now();
   std::array<Pool, pool_count> pools_;
-  std::array<long, fault_count> done_{};
+  std::array<long, fault_count> injected_{};
 };
 
 #endif

@@ -1,20 +1,14 @@
 #include "foreign_keys.h"
 
-#include <hiredis/hiredis.h>
-
-#include <cstdlib>
-#include <memory>
 #include <set>
 #include <stdexcept>
 #include <string_view>
 
+#include "hiredis_owners.h"
+#include "settings.h"
 #include "workload.h"
 
 namespace {
-
-using Reply = std::unique_ptr<redisReply, decltype(&freeReplyObject)>;
-
-timeval from_ms(int milliseconds) { return {milliseconds / 1000, milliseconds % 1000 * 1000L}; }
 
 std::string_view text_of(const redisReply& reply) { return {reply.str, reply.len}; }
 
@@ -22,11 +16,11 @@ std::string_view text_of(const redisReply& reply) { return {reply.str, reply.len
 class Server {
  public:
   Server(const std::string& addr, const Settings& settings, const std::string& password)
-      : addr_(addr), context_(connect(addr, settings), redisFree) {
+      : addr_(addr), context_(connect(addr, settings)) {
     if (context_ == nullptr || context_->err != 0) {
       hides_its_keys(context_ == nullptr ? "no memory" : context_->errstr);
     }
-    redisSetTimeout(context_.get(), from_ms(settings.socket_timeout_ms));
+    redisSetTimeout(context_.get(), to_timeval(settings.socket_timeout_ms));
     if (!password.empty()) {
       ask(REDIS_REPLY_STATUS, "AUTH %s", password.c_str());
     }
@@ -60,19 +54,17 @@ class Server {
 
  private:
   static redisContext* connect(const std::string& addr, const Settings& settings) {
-    const std::size_t colon = addr.rfind(':');
-    if (colon == std::string::npos) {
+    const std::optional<server_addr> server = parse_address(addr);
+    if (!server || server->port_ > max_port) {
       throw std::runtime_error("not ip:port: " + addr);
     }
-    return redisConnectWithTimeout(addr.substr(0, colon).c_str(),
-                                   static_cast<int>(std::strtol(&addr[colon + 1], nullptr, 10)),
-                                   from_ms(settings.connect_timeout_ms));
+    return redisConnectWithTimeout(server->ip_.c_str(), static_cast<int>(server->port_),
+                                   to_timeval(settings.connect_timeout_ms));
   }
 
   template <typename... Args>
   Reply ask(int type, const char* format, Args... args) {
-    Reply reply(static_cast<redisReply*>(redisCommand(context_.get(), format, args...)),
-                freeReplyObject);
+    Reply reply(static_cast<redisReply*>(redisCommand(context_.get(), format, args...)));
     if (reply == nullptr) {
       hides_its_keys(context_->errstr);
     }
@@ -93,7 +85,7 @@ class Server {
   }
 
   std::string addr_;
-  std::unique_ptr<redisContext, decltype(&redisFree)> context_;
+  Context context_;
 };
 
 }  // namespace
@@ -101,9 +93,9 @@ class Server {
 void refuse_foreign_keys(const Site& site) {
   std::set<std::string> seen;  // pools may share servers
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
-    for (const auto& victim : site.pools[pool]) {
-      if (seen.insert(victim->addr()).second) {
-        Server(victim->addr(), site.settings, site.passwords[pool]).refuse_foreign_keys();
+    for (const auto& target : site.pools[pool]) {
+      if (seen.insert(target->addr()).second) {
+        Server(target->addr(), site.settings, site.passwords[pool]).refuse_foreign_keys();
       }
     }
   }

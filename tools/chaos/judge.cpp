@@ -8,10 +8,11 @@
 using std::chrono::milliseconds;
 
 const std::array<const char*, failure_count> failure_names{"the other server still ejected",
-                                                           "each server struck during the call",
+                                                           "a fault in each server",
                                                            "visits used up",
                                                            "raw command came round",
-                                                           "call time-out",
+                                                           "call timeout",
+                                                           "outage expected",
                                                            "NOT ALLOWED"};
 
 namespace {
@@ -33,8 +34,8 @@ void print(const char* verdict, const Call& call, double seconds, const Walk& wa
   for (const std::string& server : walk.rebuilds) {
     line << " tried " << server;
   }
-  for (const std::string& server : walk.passed_over) {
-    line << " passed over " << server;
+  for (const std::string& server : walk.skipped) {
+    line << " skipped " << server;
   }
   std::puts(line.str().c_str());
 }
@@ -58,7 +59,7 @@ std::atomic<Judge::Ticks>& Judge::my_begin() {
 // Threads that meet on a connection wait for each other: one visit each, or, where they share its
 // round trips, one visit of the thread that leads, whose last send takes those along that wait.
 //
-// When the call time-out passes, what is under way still ends, and nothing else is begun: at most
+// When call_timeout passes, what is under way still ends, and nothing else is begun: at most
 // such a wait and one step of this thread's own, a rebuild (C + 2 S) or an exchange (2 S).
 Clock::duration Judge::bound(const Call& call) const {
   const Settings& settings = site_.settings;
@@ -145,19 +146,22 @@ void Judge::call_ended(const Call& call, int result) {
 
 Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point from,
                        Clock::time_point to) const {
+  if (site_.outage_expected) {
+    return in_an_outage;
+  }
   if (call.family != raw && site_.settings.spares_calls()) {
     return unexplained;  // none may fail
   }
-  const bool tried_struck_ones_only =
+  const bool tried_faulty_ones_only =
       std::all_of(walk.rebuilds.begin(), walk.rebuilds.end(),
                   [&](const std::string& server) { return faults_.touches(server, from, to); });
-  if (!tried_struck_ones_only) {
+  if (!tried_faulty_ones_only) {
     return unexplained;
   }
   if (walk.timed_out) {
     return out_of_time;
   }
-  if (call.family == raw && walk.went_on()) {
+  if (call.family == raw && walk.failed_over()) {
     return raw_came_round;
   }
   const auto& servers = site_.pools.at(static_cast<std::size_t>(call.pool - 1));
@@ -170,7 +174,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
       std::chrono::seconds(settings.retry_timeout_s) + visit_bound(settings);
   for (const auto& server : servers) {
     if (!is_in(walk.rebuilds, server->addr()) &&
-        !(is_in(walk.passed_over, server->addr()) &&
+        !(is_in(walk.skipped, server->addr()) &&
           faults_.touches(server->addr(), from - ejection, to))) {
       return unexplained;
     }
@@ -178,7 +182,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   if (walk.rebuilds.size() >= visits_per_server * servers.size()) {
     return visits_used_up;
   }
-  return walk.passed_over.empty() ? each_was_struck : still_ejected;
+  return walk.skipped.empty() ? each_had_a_fault : still_ejected;
 }
 
-bool Judge::may_have_strayed() const { return current_walk().went_on(); }
+bool Judge::may_have_left_pool() const { return current_walk().failed_over(); }

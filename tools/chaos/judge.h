@@ -13,12 +13,12 @@
 
 // Why a call failed. The rules of the walk allow all but the last.
 enum Failure {
-  // The walk came to a server that was up and still ejected for its last failure: it is passed over
+  // The walk came to a server that was up and still ejected for its last failure: it is skipped
   // until its retry time has come.
   still_ejected,
-  // Each server of the pool was struck while the call went on: the second one when the call had
-  // already waited for the first.
-  each_was_struck,
+  // Each server of the pool had a fault during the call: the second one when the call had already
+  // waited for the first.
+  each_had_a_fault,
   // The walk made the two visits for each server that bound it, and no server replied.
   visits_used_up,
   // A raw command leaves its pool when its server fails: for the pool whose number is the position
@@ -27,6 +27,8 @@ enum Failure {
   raw_came_round,
   // The time that a call may take had passed.
   out_of_time,
+  // The operator has said that all servers of a pool may fail at once.
+  in_an_outage,
   unexplained,
   failure_count
 };
@@ -38,7 +40,7 @@ class Judge : public CallObserver {
 
   void call_begins(const Call& call) override;
   void call_ended(const Call& call, int result) override;
-  bool may_have_strayed() const override;
+  bool may_have_left_pool() const override;
 
   // The longest that a call may take, and how that comes about.
   Clock::duration bound(const Call& call) const;

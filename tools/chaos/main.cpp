@@ -7,17 +7,18 @@
 #include <random>
 #include <thread>
 
-#include "door.h"
 #include "foreign_keys.h"
 #include "judge.h"
 #include "resources.h"
 #include "run_main.h"
+#include "started_library.h"
 
 namespace {
 
 constexpr std::chrono::seconds warm_up(1);
 constexpr std::chrono::seconds calm(1);
 constexpr std::chrono::seconds progress_interval(5);
+constexpr std::chrono::seconds short_progress_interval(1);  // where no fault has a line
 constexpr std::chrono::milliseconds longest_sleep(100);
 constexpr long allocated_tolerance = 256L * 1024;      // the C library's caches of the main thread
 constexpr long resident_tolerance = 8L * 1024 * 1024;  // pages that it keeps for itself
@@ -25,32 +26,23 @@ constexpr long resident_tolerance = 8L * 1024 * 1024;  // pages that it keeps fo
 constexpr int most_runs = 8;
 
 constexpr const char* description =
-    "Keeps a host at work while its servers fail, and checks that it can trust the library with "
-    "its\n"
-    "life: threads use all families of operations on the three pools and check every value, while "
-    "a\n"
-    "driver strikes one server of each pool at a time (kill and start again, stop and continue, "
-    "pause,\n"
-    "reset connections) on a plan that --seed determines.\n"
-    "\n"
-    "Without --config it starts servers of its own on loopback: for each pool a Redis and two "
-    "doors\n"
-    "to it (small forwarders, which are what is struck). They are gone when it ends.\n"
-    "\n"
-    "With --config it works on an operator's servers. THEY MUST BE THROWAWAY ONES: it writes keys "
-    "of\n"
-    "its own in all pools (ruvo_workload:...) and leaves them there, and a server that loses data "
-    "or\n"
-    "carries out commands late makes values wrong. A server that holds any other key, or does not "
-    "let\n"
-    "that be seen, as a proxy does not, is refused, unless --throwaway says that it may be "
-    "broken.\n"
-    "With --fault-command it takes one server of each pool down at a time and brings it "
-    "back:\n"
-    "COMMAND down IP:PORT, COMMAND up IP:PORT; the servers of a pool must be doors to the same "
-    "data.\n"
-    "\n"
-    "Exit status: 0 all held, 1 something did not, 2 it could not run.";
+    R"(Keeps a host at work while its servers fail, and checks that it can trust the library with its
+life: threads use all families of operations on the three pools and check every value, while faults
+are injected into one server of each pool at a time (kill and start again, stop and continue, pause,
+reset connections) on a plan that --seed determines.
+
+Without --config it starts servers of its own on loopback: for each pool a Redis behind two TCP
+proxies, which the faults are injected into. They are gone when it ends.
+
+With --config it works on an operator's servers. THEY MUST BE THROWAWAY ONES: it writes keys of its
+own in all pools (ruvo_workload:...) and leaves them there, and a server that loses data or carries
+out commands late makes values wrong. A server that holds any other key, or does not let that be
+seen, as a proxy does not, is refused, unless --throwaway says that it may be broken.
+With --fault-command it takes one server of each pool down at a time and brings it back:
+COMMAND down IP:PORT, COMMAND up IP:PORT; the servers of a pool must be proxies of the same data.
+With --outside-faults somebody else takes servers down, and has them back when the run ends.
+
+Exit status: 0 all held, 1 something did not, 2 it could not run.)";
 
 struct Options {
   std::uint64_t seed = std::random_device()();
@@ -61,9 +53,8 @@ struct Options {
   std::string config;
   bool throwaway = false;
   std::string fault_command;
+  std::string outside_faults;
   std::string log;
-  int door = 0;
-  int redis = 0;
 };
 
 // The threads of the host: all three pools, round after round, until the object goes.
@@ -95,19 +86,6 @@ class Host {
   std::vector<std::jthread> threads_;
 };
 
-class Library {
- public:
-  explicit Library(const Site& site) {
-    const QuietConsole quiet;
-    if (const int ret = RUVO_Init(site.config.c_str())) {
-      throw std::runtime_error(std::string("RUVO_Init: ") + ruvo_result_text(ret));
-    }
-  }
-  ~Library() { RUVO_Fini(); }
-  Library(const Library&) = delete;
-  Library& operator=(const Library&) = delete;
-};
-
 void end_if_hung(const Judge& judge) {
   if (judge.finds_hang()) {
     std::puts("HANG: a call has taken longer than any may");
@@ -125,7 +103,9 @@ void wait_until(Clock::time_point end, const Judge& judge) {
 void run_driver(const Options& options, Driver& driver, const Judge& judge, const Totals& totals) {
   const Clock::time_point begin = Clock::now();
   const Clock::time_point end = begin + std::chrono::seconds(options.seconds);
-  Clock::time_point progress = begin + progress_interval;
+  const auto interval =
+      options.outside_faults.empty() ? progress_interval : short_progress_interval;
+  Clock::time_point progress = begin + interval;
   while (Clock::now() < end) {
     wait_until(std::min({driver.step(), end, progress}), judge);
     if (Clock::now() >= progress) {
@@ -134,19 +114,19 @@ void run_driver(const Options& options, Driver& driver, const Judge& judge, cons
                   std::chrono::duration<double>(Clock::now() - begin).count(),
                   totals.all_operations(), totals.values_checked.load(), totals.wrong_values.load(),
                   totals.failed.load());
-      progress += progress_interval;
+      progress += interval;
     }
     std::fflush(stdout);
   }
-  driver.mend_all();
+  driver.clear_all();
 }
 
 // Until the calls that began in a fault have ended and every ejected server has been tried again.
 void settle(const Site& site, const Judge& judge) {
-  const Clock::time_point mended = Clock::now();
+  const Clock::time_point cleared = Clock::now();
   const Clock::time_point last =
-      mended + std::chrono::seconds(site.settings.retry_timeout_s) + judge.bound({raw, "", 1});
-  while ((judge.has_call_from_before(mended) || !ejections().present.empty()) &&
+      cleared + std::chrono::seconds(site.settings.retry_timeout_s) + judge.bound({raw, "", 1});
+  while ((judge.has_call_from_before(cleared) || !server_events().ejected.empty()) &&
          Clock::now() < last) {
     wait_until(Clock::now() + longest_sleep, judge);
   }
@@ -164,29 +144,44 @@ class Verdict {
   bool all_held_ = true;
 };
 
-void print_report(const Totals& totals, const Judge& judge, const Driver& driver) {
+void print_report(const Totals& totals, const Judge& judge, const Driver& driver,
+                  bool is_from_outside) {
   std::printf("\noperations               %" PRId64 "\n", totals.all_operations());
   for (std::size_t family = 0; family < family_names.size(); ++family) {
     std::printf("  %-22s %" PRId64 "\n", family_names[family], totals.operations[family].load());
   }
   std::printf("values checked           %" PRId64 "\nwrong values             %" PRId64
-              "\nran more than once       %" PRId64 "\nraw commands asked again %" PRId64
-              "\nfaults                  ",
-              totals.values_checked.load(), totals.wrong_values.load(), totals.run_twice.load(),
-              totals.asked_again.load());
-  for (std::size_t fault = 0; fault < fault_names.size(); ++fault) {
-    std::printf(" %ld %s", driver.done()[fault], fault_names[fault]);
+              "\nfailed operations        %" PRId64 "\nran more than once       %" PRId64
+              "\nraw commands asked again %" PRId64 "\nfaults                  ",
+              totals.values_checked.load(), totals.wrong_values.load(), totals.failed.load(),
+              totals.run_twice.load(), totals.asked_again.load());
+  if (is_from_outside) {
+    std::printf(" from outside");
+  }
+  for (std::size_t fault = 0; fault < fault_names.size() && !is_from_outside; ++fault) {
+    std::printf(" %ld %s", driver.injected()[fault], fault_names[fault]);
   }
   std::puts("\nfailed calls");
   for (std::size_t why = 0; why < failure_names.size(); ++why) {
     std::printf("  %-36s %ld\n", failure_names[why], judge.failures(static_cast<Failure>(why)));
   }
-  const Ejections seen = ejections();
+  const ServerEvents seen = server_events();
   std::printf(
+      "reconnections            %ld, and %ld attempts that failed\n"
       "ejections                %ld, retries %ld, ended by a rebuilt connection %ld\n"
       "longest call             %.3f s typed, %.3f s raw\nbound                    %s\n",
-      seen.ejections, seen.retries, seen.ended_by_rebuild, judge.longest_typed(),
-      judge.longest_raw(), judge.explain_bound().c_str());
+      seen.rebuilds, seen.failed_rebuilds, seen.ejections, seen.retries, seen.ended_by_rebuild,
+      judge.longest_typed(), judge.longest_raw(), judge.explain_bound().c_str());
+}
+
+// Without what the proxies of the run hold for a host that has gone.
+Resources resources_in_use(const Site& site) {
+  for (const auto& pool : site.pools) {
+    for (const auto& target : pool) {
+      target->drop_connections();
+    }
+  }
+  return ::resources_in_use();
 }
 
 void print_resources(const char* when, const Resources& held) {
@@ -199,12 +194,13 @@ int run_chaos(const Options& options, Site& site) {
               options.seconds, options.threads, options.settings.password ? " --password" : "",
               options.plain ? " --plain" : "");
   Verdict verdict;
-  FaultRecord faults;
+  const bool is_from_outside = !options.outside_faults.empty();
+  FaultRecord faults(is_from_outside);
   {
     // What the first use of threads, library and log leaves behind is not a leak.
     Totals totals;
     Judge judge(site, faults, options.threads);
-    const Library library(site);
+    const StartedLibrary library(site.config);
     {
       const Host host(options.threads, totals, judge);
       wait_until(Clock::now() + warm_up, judge);
@@ -212,7 +208,7 @@ int run_chaos(const Options& options, Site& site) {
     verdict.expect(totals.failed + totals.wrong_values == 0 && totals.all_operations() > 0,
                    "nothing fails and no value is wrong without faults");
   }
-  const Resources before = resources_in_use();
+  const Resources before = resources_in_use(site);
   Totals totals;
   totals.outage_expected = true;
   totals.most_runs = most_runs;
@@ -229,7 +225,7 @@ int run_chaos(const Options& options, Site& site) {
   std::int64_t failed_late = 0;
   std::int64_t done_late = 0;
   {
-    const Library library(site);
+    const StartedLibrary library(site.config);
     const Host host(options.threads, totals, judge);
     run_driver(options, driver, judge, totals);
     settle(site, judge);
@@ -239,20 +235,24 @@ int run_chaos(const Options& options, Site& site) {
     failed_late = totals.failed - failed_late;
     done_late = totals.all_operations() - done_late;
   }
-  const Resources after = resources_in_use();
-  print_report(totals, judge, driver);
+  const Resources after = resources_in_use(site);
+  print_report(totals, judge, driver, is_from_outside);
   print_resources("before", before);
   print_resources("after", after);
   std::puts("");
   verdict.expect(totals.wrong_values == 0 && totals.values_checked > 0, "no wrong value");
   verdict.expect(judge.too_long() == 0, "every call within its bound");
-  verdict.expect(judge.failures(unexplained) == 0,
-                 site.settings.spares_calls()
-                     ? "no typed call failed, and no raw one but where the walk's rules allow it"
-                     : "no failed call while another server was up, but where the walk's rules "
-                       "allow it");
-  verdict.expect(judge.failed_without_fault() == 0, "no server given up while it was up");
-  verdict.expect(ejections().present.empty(), "every ejection followed by a retry");
+  if (!site.outage_expected) {
+    verdict.expect(judge.failures(unexplained) == 0,
+                   site.settings.spares_calls()
+                       ? "no typed call failed, and no raw one but where the walk's rules allow it"
+                       : "no failed call while another server was up, but where the walk's rules "
+                         "allow it");
+  }
+  if (!is_from_outside) {
+    verdict.expect(judge.failed_without_fault() == 0, "no server given up while it was up");
+  }
+  verdict.expect(server_events().ejected.empty(), "every ejection followed by a retry");
   verdict.expect(failed_late == 0 && done_late > 0, "all well again after the last fault");
   verdict.expect(after.descriptors == before.descriptors, "descriptors as at the start");
   verdict.expect(after.allocated <= before.allocated + allocated_tolerance,
@@ -266,7 +266,7 @@ int run_chaos(const Options& options, Site& site) {
 
 void add_options(CLI::App& app, Options& options) {
   app.add_option("--seed", options.seed, "Number that the plan of faults comes from [random]");
-  app.add_option("--seconds", options.seconds, "How long to strike")
+  app.add_option("--seconds", options.seconds, "How long to inject faults")
       ->capture_default_str()
       ->check(CLI::Range(1, 7 * 86400));
   app.add_option("--threads", options.threads, "Threads of the host")
@@ -278,9 +278,15 @@ void add_options(CLI::App& app, Options& options) {
   app.add_flag("--throwaway", options.throwaway,
                "Work on the servers of --config whatever keys they hold: nobody misses them")
       ->needs(config);
-  app.add_option("--fault-command", options.fault_command,
-                 "Program that takes a configured server down and up")
-      ->needs(config);
+  auto* command = app.add_option("--fault-command", options.fault_command,
+                                 "Program that takes a configured server down and up")
+                      ->needs(config);
+  app.add_option("--outside-faults", options.outside_faults,
+                 "Somebody else injects faults: into a 'single' server of a pool at a time, or so "
+                 "that calls may fail, in an 'outage'")
+      ->needs(config)
+      ->excludes(command)
+      ->check(CLI::IsMember({"single", "outage"}));
   const auto add_setting = [&](const char* name, int& value, const char* text) {
     app.add_option(name, value, std::string(text) + " of its own servers")
         ->capture_default_str()
@@ -299,8 +305,6 @@ void add_options(CLI::App& app, Options& options) {
          "Without the keys that a new site switches on: a call may then fail where the walk's "
          "rules allow it")
       ->excludes(config);
-  app.add_option("--door", options.door)->group("");  // what a door is started with
-  app.add_option("--redis", options.redis)->group("");
 }
 
 int run(int argc, char** argv) {
@@ -308,9 +312,6 @@ int run(int argc, char** argv) {
   CLI::App app(description);
   add_options(app, options);
   CLI11_PARSE(app, argc, argv);
-  if (options.door != 0) {
-    return run_door(options.door, options.redis);
-  }
   if (!open_walk_log(options.log)) {
     throw std::runtime_error("cannot write " + options.log);
   }
@@ -325,6 +326,7 @@ int run(int argc, char** argv) {
     result = run_chaos(options, servers.site());
   } else {
     Site site = configured_site(options.config, options.fault_command);
+    site.outage_expected = options.outside_faults == "outage";
     if (!options.throwaway) {
       refuse_foreign_keys(site);
     }

@@ -3,15 +3,14 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
-#include <iterator>
+
+#include "host.h"
 
 Resources resources_in_use() {
   malloc_trim(0);
   Resources held;
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  held.descriptors = static_cast<long>(std::distance(begin(descriptors), end(descriptors)));
+  held.descriptors = open_descriptors();
   const struct mallinfo2 heap = mallinfo2();
   held.allocated = static_cast<long>(heap.uordblks + heap.hblkhd);
   long pages = 0;

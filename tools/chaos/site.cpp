@@ -1,83 +1,52 @@
 #include "site.h"
 
 #include <ruvo/busin_config.h>
-#include <ruvo/sutils.h>
 
-#include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
-#include "door.h"
+#include "settings.h"
+#include "tcp_proxy.h"
 
 namespace {
 
 constexpr const char* password = "chaos";
 
-// A door on a port that nobody else gets while it is down.
-class OwnDoor : public Victim {
+class OwnProxy : public Target {
  public:
-  OwnDoor(std::unique_ptr<DownServer> port, int redis_port)
-      : Victim(port->addr()),
-        port_(std::move(port)),
-        command_(std::filesystem::read_symlink("/proc/self/exe").string() + " --door " +
-                 std::to_string(port_->port()) + " --redis " + std::to_string(redis_port)) {
-    start();
-  }
+  explicit OwnProxy(std::unique_ptr<TcpProxy> proxy)
+      : Target(proxy->addr()), proxy_(std::move(proxy)) {}
 
-  void strike(Fault fault) override {
+  void inject(Fault fault) override {
     switch (fault) {
       case killed:
-        return process_.kill();
+        return proxy_->set_mode(TcpProxy::Mode::refuse);
       case stopped:
-        return process_.signal(SIGSTOP);
+        return proxy_->set_mode(TcpProxy::Mode::hang);
       case paused:
-        return signal(SIGUSR1, door_has_paused);
+        return proxy_->set_mode(TcpProxy::Mode::swallow);
       default:
-        return signal(SIGHUP, door_has_dropped);
+        return proxy_->reset_connections();
     }
   }
-
-  void mend(Fault fault) override {
-    switch (fault) {
-      case killed:
-        return start();
-      case stopped:
-        return signal(SIGCONT, door_has_dropped);
-      case paused:
-        return signal(SIGUSR2, door_has_dropped);
-      default:
-        return;
+  void clear(Fault fault) override {
+    if (fault != reset) {
+      proxy_->set_mode(TcpProxy::Mode::forward);
     }
   }
+  void drop_connections() override { proxy_->reset_connections(); }
 
  private:
-  void start() {
-    process_.start(command_);
-    wait_for(door_is_ready);
-  }
-  void signal(int number, const char* answer) {
-    process_.signal(number);
-    wait_for(answer);
-  }
-  void wait_for(const char* answer) {
-    if (!process_.says(answer)) {
-      throw std::runtime_error("a door has ended: " + addr());
-    }
-  }
-
-  std::unique_ptr<DownServer> port_;
-  std::string command_;
-  ServerProcess process_;
+  std::unique_ptr<TcpProxy> proxy_;
 };
 
-class CommandVictim : public Victim {
+class CommandTarget : public Target {
  public:
-  CommandVictim(std::string addr, std::string command)
-      : Victim(std::move(addr)), command_(std::move(command)) {}
-  void strike(Fault /*fault*/) override { run("down"); }
-  void mend(Fault /*fault*/) override { run("up"); }
+  CommandTarget(std::string addr, std::string command)
+      : Target(std::move(addr)), command_(std::move(command)) {}
+  void inject(Fault /*fault*/) override { run("down"); }
+  void clear(Fault /*fault*/) override { run("up"); }
 
  private:
   void run(const std::string& what) const {
@@ -126,10 +95,10 @@ OwnServers::OwnServers(const Settings& settings) {
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
     redis_[pool] = std::make_unique<RedisServer>(
         settings.password ? std::string("--requirepass ") + password : "");
-    for (int door = 0; door < 2; ++door) {
+    for (int proxy = 0; proxy < 2; ++proxy) {
       site_.pools[pool].push_back(
-          std::make_unique<OwnDoor>(std::make_unique<DownServer>(), redis_[pool]->port()));
-      addrs[pool] += (door > 0 ? "," : "") + site_.pools[pool].back()->addr();
+          std::make_unique<OwnProxy>(std::make_unique<TcpProxy>(redis_[pool]->port())));
+      addrs[pool] += (proxy > 0 ? "," : "") + site_.pools[pool].back()->addr();
     }
   }
   config_.emplace(common_settings(settings) + pools_at(addrs[0], addrs[1], addrs[2]),
@@ -140,49 +109,41 @@ OwnServers::OwnServers(const Settings& settings) {
 Site configured_site(const std::string& config, const std::string& command) {
   vop_config reader;
   const char* path = nullptr;
-  if (reader.open(config.c_str()) != 0 ||
-      (path = reader.get_str_val("redis_cfg", "redis_cfg_path")) == nullptr ||
+  if (reader.open(config.c_str()) != 0 || (path = find_redis_config(reader)) == nullptr ||
       reader.open(std::string(path).c_str()) != 0) {
     throw std::runtime_error("cannot read the configuration " + config);
   }
+  const site_settings read = read_site_settings(reader);
   Site site;
   site.config = config;
-  site.settings.connect_timeout_ms = reader.get_int_val("common", "connect_timeout", 100);
-  site.settings.socket_timeout_ms = reader.get_int_val("common", "socket_timeout", 100);
-  site.settings.connections = reader.get_int_val("server", "p_connect_num", 1);
-  if (site.settings.connect_timeout_ms < 1 || site.settings.socket_timeout_ms < 1 ||
-      site.settings.connections < 1) {
+  Settings& settings = site.settings;
+  settings.connect_timeout_ms = read.limits.connect_timeout;
+  settings.socket_timeout_ms = read.limits.socket_timeout;
+  settings.connections = read.pools[0].connect_num;
+  if (settings.connect_timeout_ms < 1 || settings.socket_timeout_ms < 1 ||
+      settings.connections < 1) {
     throw std::runtime_error("connect_timeout, socket_timeout and p_connect_num must be above 0");
   }
-  site.settings.auto_pipelining = reader.get_bool_val("common", "auto_pipelining", false);
-  site.settings.eject_silent_servers = reader.get_bool_val("common", "eject_silent_servers", false);
-  site.settings.try_ejected_servers = reader.get_bool_val("common", "try_ejected_servers", false);
-  site.settings.call_timeout_ms = std::max(0, reader.get_int_val("common", "call_timeout", 0));
-  const int log_limit = reader.get_int_val("common", "log_limit", 0);
-  if (log_limit > 0 && log_limit < most_lines) {
-    throw std::runtime_error("log_limit must be left out, or " + std::to_string(most_lines) +
+  settings.auto_pipelining = read.options.auto_pipelining;
+  settings.eject_silent_servers = read.options.eject_silent_servers;
+  settings.try_ejected_servers = read.options.try_ejected_servers;
+  settings.call_timeout_ms = read.options.call_timeout;
+  if (read.options.log_limit > 0 && read.options.log_limit < most_lines) {
+    throw std::runtime_error("log_limit must be 0, or " + std::to_string(most_lines) +
                              " at least: every line is read");
   }
-  site.settings.retry_timeout_s = 0;
-  for (const char* key :
-       {"p_server_retry_timeout", "t_server_retry_timeout", "ps_server_retry_timeout"}) {
-    site.settings.retry_timeout_s =
-        std::max(site.settings.retry_timeout_s, reader.get_int_val("server", key, 30));
-  }
-  const std::array keys{"temp_server", "persist_server", "personality_server"};
-  const std::array passwords{"p_password", "t_password", "ps_password"};
+  settings.retry_timeout_s = 0;
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
-    const char* addrs = reader.get_str_val("common", keys[pool]);
-    sp::str_arr list;
-    sp::split_str(addrs != nullptr ? addrs : "", list, ",");
-    for (const std::string& addr : list) {
-      site.pools[pool].push_back(std::make_unique<CommandVictim>(addr, command));
+    const pool_settings& own = read.pools[pool];
+    settings.retry_timeout_s = std::max(settings.retry_timeout_s, own.server_retry_timeout);
+    for (const server_addr& addr : parse_addresses(own.addresses.value_or("")).servers) {
+      site.pools[pool].push_back(std::make_unique<CommandTarget>(to_text(addr), command));
     }
     if (site.pools[pool].empty()) {
-      throw std::runtime_error(std::string("the configuration names no ") + keys[pool]);
+      throw std::runtime_error("the configuration names no servers for pool " +
+                               std::to_string(pool + 1));
     }
-    const char* given = reader.get_str_val("server", passwords[pool]);
-    site.passwords[pool] = given != nullptr ? given : "";
+    site.passwords[pool] = own.password;
   }
   return site;
 }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox.h"
+#include "fixtures.h"
 
 constexpr std::size_t pool_count = 3;
 
@@ -31,15 +31,17 @@ struct Settings {
 enum Fault { killed, stopped, paused, reset, fault_count };
 constexpr std::array<const char*, fault_count> fault_names{"kill", "stop", "pause", "reset"};
 
-// A server of a pool, as far as the run can do something to it.
-class Victim : NoCopy {
+// A server of a pool, as far as the run can inject faults into it.
+class Target : NoCopy {
  public:
-  explicit Victim(std::string addr) : addr_(std::move(addr)) {}
-  virtual ~Victim() = default;
+  explicit Target(std::string addr) : addr_(std::move(addr)) {}
+  virtual ~Target() = default;
   const std::string& addr() const { return addr_; }
   // Both return when it has happened, and throw std::runtime_error when it cannot be done.
-  virtual void strike(Fault fault) = 0;
-  virtual void mend(Fault fault) = 0;
+  virtual void inject(Fault fault) = 0;
+  virtual void clear(Fault fault) = 0;
+  // Of this process, on the server's side.
+  virtual void drop_connections() {}
 
  private:
   std::string addr_;
@@ -48,12 +50,13 @@ class Victim : NoCopy {
 struct Site {
   std::string config;
   Settings settings;
-  std::array<std::vector<std::unique_ptr<Victim>>, pool_count> pools;
+  std::array<std::vector<std::unique_ptr<Target>>, pool_count> pools;
   std::array<std::string, pool_count> passwords;  // an operator's, empty for none
+  bool outage_expected = false;  // of all servers of a pool at once: its calls may fail
   std::size_t all_servers() const { return pools[0].size() + pools[1].size() + pools[2].size(); }
 };
 
-// A Redis for each pool and two doors before it. Starts processes that end with the calling thread.
+// A Redis for each pool behind two proxies. The Redis processes end with the calling thread.
 class OwnServers {
  public:
   explicit OwnServers(const Settings& settings);

@@ -15,7 +15,7 @@ thread_local Walk walk;
 // Guarded by `mutex`: every thread logs.
 std::mutex mutex;
 FILE* file = nullptr;
-Ejections told;
+ServerEvents events;
 
 void take_line(BaseLib::Logger::LogLevel /*level*/, const char* line, std::size_t length) {
   const LogEvent event = read_event({line, length});
@@ -32,18 +32,21 @@ void take_line(BaseLib::Logger::LogLevel /*level*/, const char* line, std::size_
       walk.timed_out = true;
       break;
     case EventKind::rebuild:
+      ++events.rebuilds;  // until a later line says that it failed
       walk.rebuilds.push_back(server);
       break;
     case EventKind::visit_failed:
+      --events.rebuilds;
+      ++events.failed_rebuilds;
       walk.failed.push_back(server);
       break;
-    case EventKind::passed_over:
-      told.ejections += told.present.insert(server).second ? 1 : 0;
-      walk.passed_over.push_back(server);
+    case EventKind::skipped:
+      events.ejections += events.ejected.insert(server).second ? 1 : 0;
+      walk.skipped.push_back(server);
       break;
     case EventKind::retry:
-      told.present.erase(server);
-      ++told.retries;
+      events.ejected.erase(server);
+      ++events.retries;
       break;
     default:
       break;
@@ -77,12 +80,12 @@ void end_walk() {
     if (std::count(walk.rebuilds.begin(), walk.rebuilds.end(), server) >
         std::count(walk.failed.begin(), walk.failed.end(), server)) {
       const std::scoped_lock lock(mutex);
-      told.ended_by_rebuild += static_cast<long>(told.present.erase(server));
+      events.ended_by_rebuild += static_cast<long>(events.ejected.erase(server));
     }
   }
 }
 
-Ejections ejections() {
+ServerEvents server_events() {
   const std::scoped_lock lock(mutex);
-  return told;
+  return events;
 }

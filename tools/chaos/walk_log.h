@@ -8,21 +8,23 @@
 #include <vector>
 
 struct Walk {
-  std::vector<std::string> rebuilds;     // broken connections that were to be rebuilt
-  std::vector<std::string> failed;       // those of them that could not be
-  std::vector<std::string> passed_over;  // servers that were ejected
-  bool met_broken = false;               // connections, rebuilt by whichever thread
+  std::vector<std::string> rebuilds;  // broken connections that were to be rebuilt
+  std::vector<std::string> failed;    // those of them that could not be
+  std::vector<std::string> skipped;   // servers that were ejected
+  bool met_broken = false;            // connections, rebuilt by whichever thread
   bool timed_out = false;
 
   // Has it left the server that it began with, or could it have?
-  bool went_on() const { return met_broken || !rebuilds.empty() || !failed.empty(); }
+  bool failed_over() const { return met_broken || !rebuilds.empty() || !failed.empty(); }
 };
 
-struct Ejections {
+struct ServerEvents {
+  long rebuilds = 0;         // broken connections that were rebuilt
+  long failed_rebuilds = 0;  // and those that could not be
   long ejections = 0;
   long retries = 0;
   long ended_by_rebuild = 0;      // a visit that was under way found the server well again
-  std::set<std::string> present;  // servers that are ejected
+  std::set<std::string> ejected;  // now
 };
 
 // From now on the log is read here, and written to `path` unless that is empty. False when it
@@ -34,6 +36,6 @@ void begin_walk();           // of this thread
 const Walk& current_walk();  // of this thread
 void end_walk();
 
-Ejections ejections();
+ServerEvents server_events();
 
 #endif

@@ -77,26 +77,6 @@ std::string down_text(const ServerReport& server) {
   return join(reasons, ", ");
 }
 
-// Rows of cells in columns as wide as their widest cell.
-std::string table(const std::vector<std::vector<std::string>>& rows) {
-  std::vector<std::size_t> widths;
-  for (const auto& row : rows) {
-    widths.resize(std::max(widths.size(), row.size()));
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      widths[i] = std::max(widths[i], row[i].size());
-    }
-  }
-  std::string text;
-  for (const auto& row : rows) {
-    std::string line;
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
-    }
-    text += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
-  }
-  return text;
-}
-
 // Why a server is not wholly up.
 std::string reason_of(const ServerReport& server) {
   if (!server.probe.is_up()) {
@@ -108,14 +88,16 @@ std::string reason_of(const ServerReport& server) {
   return server.down.empty() ? "" : "not up: " + down_text(server);
 }
 
-std::string options_text(const ClientOptions& options) {
-  const auto switched = [](bool is_on) { return is_on ? "on" : "off"; };
-  return format("auto_pipelining %s, eject_silent_servers %s, try_ejected_servers %s,\n",
-                switched(options.auto_pipelining), switched(options.eject_silent_servers),
-                switched(options.try_ejected_servers)) +
-         "               log_limit " +
-         (options.log_limit == 0 ? "none" : format("%d lines a second", options.log_limit)) +
-         ", call_timeout " + limit_text(options.call_timeout_ms);
+// One below the other, but for those that are not set.
+std::string options_text(const client_options& options) {
+  std::vector<std::string> texts;
+  for (const setting& key : all_settings()) {
+    const std::string value = value_text(key, options);
+    if (key.is_option() && value != default_text(key)) {
+      texts.push_back(key.name + " " + value + (*key.unit != '\0' ? " " : "") + key.unit);
+    }
+  }
+  return texts.empty() ? "none" : join(texts, "\n               ");
 }
 
 std::string result_text(const StartupReport& report, int result) {
@@ -168,13 +150,13 @@ std::string report_text(const Options& options, const StartupReport& report,
   std::ostringstream text;
   text << "configuration  " << options.config << "\n"
        << "redis file     " << report.redis_config << "\n"
-       << "time-outs      connect " << limit_text(report.configuration.connect_timeout_ms)
-       << ", socket " << limit_text(report.configuration.socket_timeout_ms) << "\n"
-       << "options        " << options_text(report.options) << "\n"
+       << "time-outs      connect " << limit_text(report.configuration.limits.connect_timeout)
+       << ", socket " << limit_text(report.configuration.limits.socket_timeout) << "\n"
+       << "options        " << options_text(report.configuration.options) << "\n"
        << "result         " << result_text(report, result) << "\n\n"
-       << table(pools);
+       << columns(pools);
   if (servers.size() > 1) {
-    text << "\n" << table(servers);
+    text << "\n" << columns(servers);
   }
   if (!findings.empty()) {
     text << "\nnot read as written:\n" << findings_text(report, findings);
@@ -212,20 +194,21 @@ json report_json(const Options& options, const StartupReport& report,
                      {"servers", servers},
                      {"told", pool.told}});
   }
-  return {{"configuration", options.config},
-          {"redis_configuration", report.redis_config},
-          {"connect_timeout_ms", report.configuration.connect_timeout_ms},
-          {"socket_timeout_ms", report.configuration.socket_timeout_ms},
-          {"auto_pipelining", report.options.auto_pipelining},
-          {"eject_silent_servers", report.options.eject_silent_servers},
-          {"try_ejected_servers", report.options.try_ejected_servers},
-          {"log_limit", report.options.log_limit},
-          {"call_timeout_ms", report.options.call_timeout_ms},
-          {"findings", found},
-          {"result", result},
-          {"text", start_text(result)},
-          {"told", report.told},
-          {"pools", pools}};
+  json all{{"configuration", options.config},
+           {"redis_configuration", report.redis_config},
+           {"findings", found},
+           {"result", result},
+           {"text", start_text(result)},
+           {"told", report.told},
+           {"pools", pools}};
+  for (const setting& key : all_settings()) {
+    const auto add = [&](const auto& value) {
+      all[key.name + (key.unit == std::string_view("ms") ? "_ms" : "")] = value;
+    };
+    key.with_field(report.configuration.limits, add);
+    key.with_field(report.configuration.options, add);
+  }
+  return all;
 }
 
 ExitStatus status_of(const StartupReport& report, const std::vector<Finding>& findings) {

@@ -10,11 +10,25 @@
 // A start-up as a table, each server asked by itself, the settings reviewed.
 ExitStatus check(const Options& options);
 
+// Every key that the configuration files can hold; needs no configuration.
+ExitStatus list_settings(const Options& options);
+
 // The state of a pool's servers, once a second: until a signal, or for so many rounds.
 struct WatchOptions {
-  int rounds = 0;  // 0: no end
+  int rounds = 0;          // 0: no end
+  std::string stats_file;  // of a host, whose view is shown beside; empty: none
 };
 ExitStatus watch(const Options& options, const WatchOptions& watch_options);
+
+// What a host has counted into its statistics file: as a table, or as the options say.
+struct StatsOptions {
+  std::string file;
+  int seconds = 0;  // from look to look; 0: one look
+  int rounds = 0;   // 0: no end
+  bool prometheus = false;
+  std::vector<std::string> labels;  // name=value, for prometheus
+};
+ExitStatus stats(const Options& options, const StatsOptions& wanted);
 
 // A load on a pool, with what it came to.
 struct LoadOptions {

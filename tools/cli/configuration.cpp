@@ -2,46 +2,24 @@
 
 #include <fcntl.h>
 #include <ruvo/busin_config.h>
-#include <ruvo/sutils.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <cstdlib>
 #include <system_error>
 
-namespace {
-
-constexpr int default_timeout_ms = 100;
-
-std::string text_of(const char* text) { return text != nullptr ? text : ""; }
-
-}  // namespace
-
-Configuration read_configuration(const std::string& redis_config) {
+site_settings read_configuration(const std::string& redis_config) {
   vop_config file;
   file.open(redis_config.c_str());
-  Configuration configuration;
-  configuration.connect_timeout_ms =
-      file.get_int_val("common", "connect_timeout", default_timeout_ms);
-  configuration.socket_timeout_ms =
-      file.get_int_val("common", "socket_timeout", default_timeout_ms);
-  for (std::size_t i = 0; i < pool_keys.size(); ++i) {
-    PoolSettings& pool = configuration.pools.at(i);
-    if (const char* addresses = file.get_str_val("common", pool_keys.at(i).addresses)) {
-      pool.addresses = addresses;
-    }
-    pool.auto_eject = file.get_bool_val("server", pool_keys.at(i).auto_eject, true);
-    pool.password = text_of(file.get_str_val("server", pool_keys.at(i).password));
-  }
-  return configuration;
+  return read_site_settings(file);
 }
 
 std::string redis_config_of(const std::string& config) {
   vop_config file;
   file.open(config.c_str());
-  return text_of(file.get_str_val("redis_cfg", "redis_cfg_path"));
+  const char* const path = find_redis_config(file);
+  return path != nullptr ? path : "";
 }
 
 std::string open_error(const std::string& path) {
@@ -57,16 +35,19 @@ std::string open_error(const std::string& path) {
 }
 
 std::vector<std::string> servers_of(const std::string& addresses) {
-  sp::str_arr pieces;
-  sp::split_str(addresses.c_str(), pieces, ",");
-  for (std::string& piece : pieces) {
-    sp::str_arr parts;
-    sp::split_str(piece.c_str(), parts, ":");
-    if (parts.size() != 2) {
-      return {};
-    }
-    const auto port = static_cast<std::uint32_t>(std::strtol(parts[1].c_str(), nullptr, 0));
-    piece = parts[0] + ":" + std::to_string(static_cast<int>(port));
+  const address_list list = parse_addresses(addresses);
+  std::vector<std::string> servers;
+  if (!list.malformed) {
+    std::ranges::transform(list.servers, std::back_inserter(servers), to_text);
   }
-  return pieces;
+  return servers;
+}
+
+const std::string& password_key(std::size_t pool) {
+  return std::ranges::find_if(all_settings(),
+                              [pool](const setting& key) {
+                                return key.kind == setting_kind::text &&
+                                       key.pool == static_cast<int>(pool) + 1;
+                              })
+      ->name;
 }

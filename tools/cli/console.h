@@ -4,6 +4,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <vector>
 
 // Fills the places of standard streams that are closed, so that no connection gets one of their
 // numbers and with it what is meant for them. To be called before anything is opened.
@@ -19,6 +20,9 @@ std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)
 // more asks the tool to end, as a signal does.
 void print(const std::string& text);
 void print_json(const nlohmann::json& json);  // on a line of its own
+
+// Rows of cells in columns as wide as their widest cell.
+std::string columns(const std::vector<std::vector<std::string>>& rows);
 
 // Is the output a terminal with more than so many lines?
 bool is_terminal(std::size_t lines);

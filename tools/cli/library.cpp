@@ -41,26 +41,20 @@ const char* start_text(int result) {
   }
 }
 
-Library::Library(const std::string& config) : config_(config), result_(RUVO_Init(config.c_str())) {}
-
-Library::~Library() {
-  if (is_ready()) {
-    RUVO_Fini();
-  }
-}
+Library::Library(const std::string& config) : config_(config), library_(config) {}
 
 // One main pool is enough for the library to be ready.
 bool Library::is_ready() const {
-  return result_ == RUVO_OK || result_ == RUVO_INIT_TEMP_POOL_FAILED ||
-         result_ == RUVO_INIT_PERSIST_POOL_FAILED;
+  return library_ || result() == RUVO_INIT_TEMP_POOL_FAILED ||
+         result() == RUVO_INIT_PERSIST_POOL_FAILED;
 }
 
 void Library::require_ready() const {
   if (is_ready()) {
     return;
   }
-  const std::string file = file_error(config_, result_);
-  throw Failure(status_of_start(result_),
-                "start-up failed: " + (file.empty() ? start_text(result_) : file) + " (" +
-                    std::to_string(result_) + ")");
+  const std::string file = file_error(config_, result());
+  throw Failure(status_of_start(result()),
+                "start-up failed: " + (file.empty() ? start_text(result()) : file) + " (" +
+                    std::to_string(result()) + ")");
 }

@@ -2,7 +2,7 @@
 #ifndef RUVO_TOOLS_CLI_LIBRARY_H
 #define RUVO_TOOLS_CLI_LIBRARY_H
 
-#include <ruvo/ruvo.h>
+#include <ruvo/ruvo.hpp>
 
 #include <array>
 #include <string>
@@ -27,17 +27,14 @@ const char* start_text(int result);
 class Library {
  public:
   explicit Library(const std::string& config);
-  ~Library();
-  Library(const Library&) = delete;
-  Library& operator=(const Library&) = delete;
 
-  int result() const { return result_; }
+  int result() const { return library_.code(); }
   bool is_ready() const;
   void require_ready() const;  // throws Failure, which names a file that cannot be used
 
  private:
   std::string config_;
-  int result_;
+  ruvo::library library_;
 };
 
 #endif

@@ -38,6 +38,7 @@ struct CommandLine {
   std::optional<std::string> value_file;
   bool no_newline = false;
   WatchOptions watch;
+  StatsOptions stats;
   LoadOptions load;
   std::function<ExitStatus()> command;
 };
@@ -237,6 +238,33 @@ std::string operation_names() {
   return names;
 }
 
+void add_stats(CLI::App& app, CommandLine& line, const std::string& group) {
+  StatsOptions& wanted = line.stats;
+  CLI::App& command = add_command(app, line, "stats", "Show what a host has counted", group,
+                                  [&line] { return stats(line.options, line.stats); });
+  command.parse_complete_callback([&app] { app.get_option("--config")->required(false); });
+  command.add_option("FILE", wanted.file, "The host's stats_file")->required();
+  CLI::Option* watching =
+      add_number(command, "--watch", wanted.seconds,
+                 "Look again every so many seconds (default 1), with the rates between", 1, 86400)
+          ->expected(0, 1)
+          ->default_str("1");
+  add_number(command, "--rounds", wanted.rounds, "Stop after so many looks; 0, the default: never",
+             0, std::numeric_limits<int>::max())
+      ->needs(watching);
+  CLI::Option* prometheus =
+      command.add_flag("--prometheus", wanted.prometheus, "Print it as Prometheus reads it")
+          ->excludes(watching)
+          ->excludes(app.get_option("--json"));
+  command
+      .add_option("--label", wanted.labels, "NAME=VALUE: a label for every series; may be repeated")
+      ->needs(prometheus)
+      ->allow_extra_args(false)
+      ->type_name("NAME=VALUE");
+  command.footer(exit_status_help(
+      {{succeeded, "success"}, {unreadable_input, "the file cannot be read, or is no such"}}));
+}
+
 void add_programs(CLI::App& app, CommandLine& line) {
   static const char* const group = "Servers";
   add_command(app, line, "check", "Start up, ask every server, review the settings", group,
@@ -246,14 +274,23 @@ void add_programs(CLI::App& app, CommandLine& line) {
            {pools_down, "some pool cannot be used"},
            {connections_down, "every pool can be used; some servers or connections are not up"},
            {settings_misread, "all is up, but settings are not read as written"}}));
+  CLI::App& listing =
+      add_command(app, line, "settings", "List every key of the configuration, without one", group,
+                  [&line] { return list_settings(line.options); });
+  listing.parse_complete_callback([&app] { app.get_option("--config")->required(false); });
+  listing.footer(exit_status_help({{succeeded, "success"}}));
 
   CLI::App& watching = add_command(app, line, "watch", "Tell of a pool's servers once a second",
                                    group, [&line] { return watch(line.options, line.watch); });
   add_number(watching, "--rounds", line.watch.rounds, "Stop after so many; 0, the default: never",
              0, std::numeric_limits<int>::max());
+  watching.add_option("--stats-file", line.watch.stats_file,
+                      "A host's stats_file: show beside how that host sees each server");
   watching.footer(exit_status_help({{succeeded, "in the last round every server was up"},
                                     {pools_down, "none was, or the pool has no servers"},
                                     {connections_down, "some were not"}}));
+
+  add_stats(app, line, group);
 
   const LoadOptions& standard = line.load;
   const auto or_default = [](const std::string& help, int value) {

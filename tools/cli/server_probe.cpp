@@ -1,30 +1,19 @@
 #include "server_probe.h"
 
-#include <hiredis/hiredis.h>
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <memory>
 #include <optional>
 
+#include "hiredis_owners.h"
 #include "numbers.h"
 
 namespace {
 
 constexpr const char* probe_key = "ruvo_cli:check";
 constexpr int longest_wait_ms = 5000;  // where the configuration sets no limit
-constexpr int most_port = 65535;
-
-using Context = std::unique_ptr<redisContext, decltype(&redisFree)>;
-using Reply = std::unique_ptr<redisReply, decltype(&freeReplyObject)>;
 
 int limit_of(int milliseconds) { return milliseconds < 1 ? longest_wait_ms : milliseconds; }
-
-timeval to_timeval(int milliseconds) {
-  return {milliseconds / 1000, (milliseconds % 1000) * 1000L};
-}
 
 bool holds(const std::string& text, const char* part) {
   return text.find(part) != std::string::npos;
@@ -86,29 +75,26 @@ Probe refusal(const redisReply& error, const std::string& key) {
 
 Reply ask(redisContext& context, const char* format, const std::string& word) {
   errno = 0;
-  return {static_cast<redisReply*>(redisCommand(&context, format, word.c_str())), freeReplyObject};
+  return Reply(static_cast<redisReply*>(redisCommand(&context, format, word.c_str())));
 }
 
 }  // namespace
 
-Probe probe_server(const std::string& addr, const Configuration& configuration, std::size_t pool) {
-  const std::size_t colon = addr.rfind(':');
-  const std::optional<int> port =
-      parse_number(std::string_view(addr).substr(colon + 1), 1, most_port);
-  if (!port) {
+Probe probe_server(const std::string& text, const site_settings& site, std::size_t pool) {
+  const std::optional<server_addr> addr = parse_address(text);
+  if (!addr || addr->port_ < 1 || addr->port_ > max_port) {
     return {"no such port", "ports are numbers from 1 to 65535"};
   }
-  const int connect_ms = limit_of(configuration.connect_timeout_ms);
-  const int answer_ms = limit_of(configuration.socket_timeout_ms);
-  const Context context(
-      redisConnectWithTimeout(addr.substr(0, colon).c_str(), *port, to_timeval(connect_ms)),
-      redisFree);
+  const int connect_ms = limit_of(site.limits.connect_timeout);
+  const int answer_ms = limit_of(site.limits.socket_timeout);
+  const Context context(redisConnectWithTimeout(
+      addr->ip_.c_str(), static_cast<int>(addr->port_), to_timeval(connect_ms)));
   if (!context || context->err != 0) {
     return not_connected(context ? context->errstr : "out of memory", connect_ms);
   }
   redisSetTimeout(context.get(), to_timeval(answer_ms));
-  const std::string& password = configuration.pools.at(pool).password;
-  const char* const key = pool_keys.at(pool).password;
+  const std::string& password = site.pools.at(pool).password;
+  const std::string& key = password_key(pool);
   if (!password.empty()) {
     const Reply reply = ask(*context, "AUTH %s", password);
     if (!reply) {

@@ -16,6 +16,6 @@ struct Probe {
 
 // With the time-outs and the password that the library uses for a server of that pool. Where it
 // would wait for ever, the probe waits for five seconds.
-Probe probe_server(const std::string& addr, const Configuration& configuration, std::size_t pool);
+Probe probe_server(const std::string& text, const site_settings& site, std::size_t pool);
 
 #endif

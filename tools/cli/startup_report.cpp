@@ -56,13 +56,6 @@ void StartupReader::read(const LogEvent& event) {
     case EventKind::configuration_path:
       report_.redis_config = event.field(Field::path);
       break;
-    case EventKind::options:
-      report_.options = {event.field(Field::auto_pipelining) == "true",
-                         event.field(Field::eject_silent_servers) == "true",
-                         event.field(Field::try_ejected_servers) == "true",
-                         static_cast<int>(event.number(Field::log_limit)),
-                         static_cast<int>(event.number(Field::call_timeout))};
-      break;
     case EventKind::addresses:
       builds_pools_ = true;
       if (event.fields.size() == main_addresses_.size()) {  // else too long for a line of the log
@@ -116,11 +109,11 @@ StartupReport StartupReader::report() const {
   report.configuration = read_configuration(report.redis_config);
   for (std::size_t i = 0; i < report.pools.size(); ++i) {
     PoolReport& pool = report.pools[i];
-    const PoolSettings& settings = report.configuration.pools.at(i);
+    const pool_settings& settings = report.configuration.pools.at(i);
     pool.is_configured = settings.addresses.has_value();
     pool.addresses =
         settings.addresses.value_or(i < main_addresses_.size() ? main_addresses_[i] : "");
-    pool.auto_eject = settings.auto_eject;
+    pool.auto_eject = settings.auto_eject_server;
     auto outcome = outcomes_[i].begin();
     for (const std::string& addr : servers_of(pool.addresses)) {
       ServerReport server;

@@ -33,19 +33,9 @@ struct PoolReport {
   std::vector<ServerReport> servers;
 };
 
-// The five settings that are off unless a site asks for them.
-struct ClientOptions {
-  bool auto_pipelining = false;
-  bool eject_silent_servers = false;
-  bool try_ejected_servers = false;
-  int log_limit = 0;        // lines
-  int call_timeout_ms = 0;  // 0: none
-};
-
 struct StartupReport {
   std::string redis_config;  // path
-  Configuration configuration;
-  ClientOptions options;
+  site_settings configuration;
   std::vector<std::string> told;  // errors from before the pools were built
   std::array<PoolReport, 3> pools;
 };

@@ -16,6 +16,7 @@
 #include "commands.h"
 #include "configuration.h"
 #include "console.h"
+#include "host_view.h"
 #include "library_log.h"
 #include "server_probe.h"
 #include "startup_report.h"
@@ -86,7 +87,7 @@ class ServerWatch {
       for (Server& server : servers_) {
         server.is_visited = false;
       }
-      RUVO_ExistsKey(probe_key, pool, nullptr);
+      [[maybe_unused]] const int ret = RUVO_ExistsKey(probe_key, pool, nullptr);  // the log tells
       leave();
     }
   }
@@ -164,19 +165,25 @@ std::string state_text(const Server& server) {
   return (server.is_retried ? "retried, " : "") + std::string(text_of(server.state));
 }
 
-std::string line_of(const Options& options, const Server& server) {
-  return format("%s  %s  %s  %-16s  reads %ld  failures %ld  ejections %ld  retries %ld%s%s\n",
+std::string line_of(const Options& options, const Server& server, const HostView* host) {
+  return format("%s  %s  %s  %-16s  reads %ld  failures %ld  ejections %ld  retries %ld%s%s%s%s\n",
                 time_text().c_str(), pool_name(options.pool), server.addr.c_str(),
                 state_text(server).c_str(), server.reads, server.failures, server.ejections,
-                server.retries, server.cause.empty() ? "" : "  ", server.cause.c_str());
+                server.retries, server.cause.empty() ? "" : "  ", server.cause.c_str(),
+                host != nullptr ? "  " : "",
+                host != nullptr ? host->text_of(server.addr).c_str() : "");
 }
 
-nlohmann::json json_of(const Options& options, const Server& server) {
-  return {{"time", time_text()},          {"pool", pool_name(options.pool)},
-          {"server", server.addr},        {"state", text_of(server.state)},
-          {"retried", server.is_retried}, {"reads", server.reads},
-          {"failures", server.failures},  {"ejections", server.ejections},
-          {"retries", server.retries},    {"cause", server.cause}};
+nlohmann::json json_of(const Options& options, const Server& server, const HostView* host) {
+  nlohmann::json json{{"time", time_text()},          {"pool", pool_name(options.pool)},
+                      {"server", server.addr},        {"state", text_of(server.state)},
+                      {"retried", server.is_retried}, {"reads", server.reads},
+                      {"failures", server.failures},  {"ejections", server.ejections},
+                      {"retries", server.retries},    {"cause", server.cause}};
+  if (host != nullptr) {
+    json["host"] = host->json_of(server.addr);
+  }
+  return json;
 }
 
 bool is_up(const Server& server) {
@@ -185,14 +192,15 @@ bool is_up(const Server& server) {
 }
 
 // In place of the last round's lines where that is wanted; each stays one line of the terminal.
-void show(const Options& options, const std::vector<Server>& servers, bool in_place) {
+void show(const Options& options, const std::vector<Server>& servers, const HostView* host,
+          bool in_place) {
   std::string text = in_place ? format("\033[%zuA\033[?7l", servers.size()) : "";
   for (const Server& server : servers) {
     if (options.json) {
-      print_json(json_of(options, server));
+      print_json(json_of(options, server, host));
       continue;
     }
-    text += (in_place ? "\033[K" : "") + line_of(options, server);
+    text += (in_place ? "\033[K" : "") + line_of(options, server, host);
   }
   print(text + (in_place ? "\033[?7h" : ""));
 }
@@ -291,7 +299,7 @@ class Watch {
 
   const Options& options_;
   std::size_t pool_;
-  std::optional<Configuration> configuration_;
+  std::optional<site_settings> configuration_;
   std::vector<std::string> addresses_;
   std::unique_ptr<Library> library_;
   std::unique_ptr<ServerWatch> following_;
@@ -302,11 +310,18 @@ class Watch {
 
 ExitStatus watch(const Options& options, const WatchOptions& watch_options) {
   catch_end_signals();
+  std::optional<HostView> host;
+  if (!watch_options.stats_file.empty()) {
+    host.emplace(watch_options.stats_file, pool_name(options.pool));
+  }
   Watch all(options);
   const bool in_place = !options.json && is_terminal(all.servers().size());
   for (int round = 0;; ++round) {
     all.run_round();
-    show(options, all.servers(), in_place && round > 0);
+    if (host && round > 0) {
+      host->look_again();
+    }
+    show(options, all.servers(), host ? &*host : nullptr, in_place && round > 0);
     if (round + 1 == watch_options.rounds || wait_for_end(round_ms)) {
       return all.status();
     }

@@ -3,7 +3,9 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -37,15 +39,43 @@ void limit_arrays(redisReader& reader) {
   reader.fn = &limited;
 }
 
-bool sets_limit(const timeval& timeout) { return timeout.tv_sec > 0 || timeout.tv_usec > 0; }
+bool sets_limit(const timeval& timeout) { return limit_of(timeout).count() > 0; }
 
-context_ptr connect_to(const server_addr& addr, const timeval& timeout) {
+// When an attempt to connect that begins now must have ended.
+time_point end_of_connect(const connection_settings& settings) {
+  return sets_limit(settings.connect_timeout)
+             ? std::min(settings.deadline,
+                        std::chrono::steady_clock::now() + limit_of(settings.connect_timeout))
+             : settings.deadline;
+}
+
+context_ptr connect_until(const server_addr& addr, time_point end) {
+  if (end == no_deadline) {
+    return context_ptr(redisConnect(ip_of(addr), port_of(addr)));
+  }
+  const auto left = std::max(std::chrono::microseconds(1000),
+                             std::chrono::duration_cast<std::chrono::microseconds>(
+                                 end - std::chrono::steady_clock::now()));
+  const timeval timeout{static_cast<std::time_t>(left.count() / 1000000),
+                        static_cast<suseconds_t>(left.count() % 1000000)};
+  return context_ptr(redisConnectWithTimeout(ip_of(addr), port_of(addr), timeout));
+}
+
+// hiredis gives up when a signal handler has run meanwhile. That says nothing of the server.
+bool was_interrupted(const redisContext* context) {
+  return context != nullptr && context->err == REDIS_ERR_IO &&
+         std::strstr(context->errstr, system_error(EINTR).text) != nullptr;
+}
+
+context_ptr connect_to(const server_addr& addr, const connection_settings& settings) {
   if (addr.port_ > std::numeric_limits<in_port_t>::max()) {
     return nullptr;  // the resolver would take it modulo 65536, and connect to somebody else
   }
-  context_ptr context(sets_limit(timeout)
-                          ? redisConnectWithTimeout(ip_of(addr), port_of(addr), timeout)
-                          : redisConnect(ip_of(addr), port_of(addr)));
+  const time_point end = end_of_connect(settings);
+  context_ptr context;
+  do {
+    context = connect_until(addr, end);
+  } while (was_interrupted(context.get()) && std::chrono::steady_clock::now() < end);
   if (context && context->reader != nullptr) {
     context->reader->maxbuf = kept_reply_buffer;
     limit_arrays(*context->reader);
@@ -54,12 +84,15 @@ context_ptr connect_to(const server_addr& addr, const timeval& timeout) {
 }
 
 open_outcome authenticate(redisContext& context, const server_addr& addr,
-                          const std::string& password) {
-  errno = 0;
-  const reply_ptr reply = exchange(context, format_command("AUTH %s", password.c_str()));
+                          const connection_settings& settings) {
+  const std::string& password = settings.password;
+  const reply_ptr reply = exchange(context, format_command("AUTH %s", password.c_str()),
+                                   {limit_of(settings.socket_timeout), settings.deadline});
   if (!reply) {
-    // hiredis has one code for all failures of a read; what the time-out sets apart is errno.
-    return errno == EAGAIN || errno == ETIMEDOUT ? open_outcome::unanswered : open_outcome::closed;
+    const connection_error error(context);
+    const bool has_waited =
+        error == timeout_error() || error == deadline_error() || error == system_error(ETIMEDOUT);
+    return has_waited ? open_outcome::unanswered : open_outcome::closed;
   }
   if (reply->type != REDIS_REPLY_ERROR) {
     return open_outcome::ready;
@@ -76,7 +109,7 @@ open_outcome authenticate(redisContext& context, const server_addr& addr,
 
 // The socket time-out stands before the password is sent: a server may accept and never answer.
 opened_connection open_connection(const server_addr& addr, const connection_settings& settings) {
-  opened_connection opened{connect_to(addr, settings.connect_timeout), open_outcome::ready, {}};
+  opened_connection opened{connect_to(addr, settings), open_outcome::ready, {}};
   if (is_broken(opened.context.get())) {
     opened.outcome = open_outcome::unreachable;
     return opened;
@@ -85,7 +118,7 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
     opened.timeout_result = redisSetTimeout(opened.context.get(), settings.socket_timeout);
   }
   if (!settings.password.empty()) {
-    opened.outcome = authenticate(*opened.context, addr, settings.password);
+    opened.outcome = authenticate(*opened.context, addr, settings);
     if (opened.outcome == open_outcome::ready && is_broken(opened.context.get())) {
       opened.outcome = open_outcome::unreachable;  // what came behind the answer would be next
     }
@@ -97,8 +130,8 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
 void replace_context(conn_node& slot, context_ptr context) {
   context_ptr old(std::exchange(slot.context_, context.release()));
   ++slot.rebuilds_;
-  slot.is_unproven_ = true;
-  if (std::exchange(slot.is_torn_, false) && old) {
+  slot.awaits_first_reply_ = true;
+  if (std::exchange(slot.was_used_at_fork_, false) && old) {
     ::close(old->fd);
     static_cast<void>(old.release());  // what another thread was changing when the process forked
   }

@@ -15,6 +15,7 @@ struct connection_settings {
   timeval connect_timeout;      // where it sets a limit: seconds or microseconds above 0
   timeval socket_timeout;       // likewise, for each read and write
   const std::string& password;  // empty: none
+  time_point deadline = no_deadline;
 };
 
 // How far the opening of a connection came.
@@ -33,6 +34,13 @@ struct opened_connection {
 };
 
 opened_connection open_connection(const server_addr& addr, const connection_settings& settings);
+
+// A timeout as it bounds a wait; 0 where it sets no limit.
+inline std::chrono::microseconds limit_of(const timeval& timeout) {
+  return timeout.tv_sec > 0 || timeout.tv_usec > 0
+             ? std::chrono::seconds(timeout.tv_sec) + std::chrono::microseconds(timeout.tv_usec)
+             : std::chrono::microseconds(0);
+}
 
 // A slot's context may be missing altogether; that is treated like one in error state.
 inline bool is_broken(const redisContext* context) {

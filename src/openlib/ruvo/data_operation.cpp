@@ -4,6 +4,7 @@
 #include <new>
 
 #include "ruvo_redis.h"
+#include "statistics.h"
 
 namespace {
 
@@ -16,7 +17,8 @@ constexpr std::size_t max_argument_length = std::size_t{512} << 20U;
 int ruvo_redis::run(const operation_call& call, reply_ptr* reply, const char* format, ...) {
   const data_operation& operation = call.operation;
   if (!is_initialized()) {
-    RUVO_LOG(ERROR, "%s | redis is not initialized", operation.origin);
+    RUVO_LOG_SHARED(BaseLib::Logger::ERROR, operation.origin, 0, "%s | redis is not initialized",
+                    operation.origin);
     return RUVO_ERR_NOT_INITIALIZED;
   }
   bool null_pointer = call.key == nullptr;
@@ -24,22 +26,26 @@ int ruvo_redis::run(const operation_call& call, reply_ptr* reply, const char* fo
     null_pointer = null_pointer || argument.pointer == nullptr;
   }
   if (null_pointer) {
-    RUVO_LOG(ERROR, "%s | %s", operation.origin, operation.null_text);
+    RUVO_LOG_SHARED(BaseLib::Logger::ERROR, operation.origin, 0, "%s | %s", operation.origin,
+                    operation.null_text);
     return RUVO_ERR_NULL_ARGUMENT;
   }
   for (const required_argument& argument : call.required) {
     if (argument.length > max_argument_length) {
-      RUVO_LOG(ERROR, "%s | too long for redis: %zu bytes", operation.origin, argument.length);
+      RUVO_LOG_SHARED(BaseLib::Logger::ERROR, operation.origin, 0,
+                      "%s | too long for redis: %zu bytes", operation.origin, argument.length);
       return RUVO_ERR_FAILED;
     }
   }
   va_list args;
   va_start(args, format);
-  const int ret = exec_command(call.key, reply, call.pool, format, args);
+  const call_terms terms{call.deadline, must_not_resend(operation.is_idempotent)};
+  const int ret = exec_command(terms, call.key, reply, call.pool, format, args);
   va_end(args);
   if (ret != RUVO_OK) {
-    RUVO_LOG_AT(ret == RUVO_ERR_NOT_FOUND ? operation.absent_level : BaseLib::Logger::ERROR,
-                "%s | do_exec_command failed, ret:%d", operation.failed_origin, ret);
+    RUVO_LOG_SHARED(ret == RUVO_ERR_NOT_FOUND ? operation.absent_level : BaseLib::Logger::ERROR,
+                    operation.origin, ret, "%s | do_exec_command failed, ret:%d",
+                    operation.failed_origin, ret);
     return ret;
   }
   RUVO_LOG(INFO, "%s | do_exec_command success!", operation.origin);
@@ -51,7 +57,8 @@ int ruvo_redis::run(const operation_call& call, reply_ptr* reply, const char* fo
   }
   if (!*reply) {
     // No server can cause it: a success has a reply. Kept for what is promised of every code.
-    RUVO_LOG(ERROR, "%s | reply is NULL", operation.origin);
+    RUVO_LOG_SHARED(BaseLib::Logger::ERROR, operation.origin, 0, "%s | reply is NULL",
+                    operation.origin);
     return RUVO_ERR_NO_REPLY;
   }
   if (operation.reply_type != any_type &&
@@ -66,10 +73,13 @@ bool has_type(const data_operation& operation, const redisReply& reply, int type
   if (reply.type == type) {
     return true;
   }
+  note_cause(RUVO_STATS_UNEXPECTED_REPLY);
   if (operation.policy == unexpected_type::warned_with_key) {
-    RUVO_LOG(WARN, "%s | key:%s, unexpected reply type:%d", operation.origin, key, reply.type);
+    RUVO_LOG_SHARED(BaseLib::Logger::WARN, operation.origin, 0,
+                    "%s | key:%s, unexpected reply type:%d", operation.origin, key, reply.type);
   } else {
-    RUVO_LOG(ERROR, "%s | unexpected redis type:%d", operation.origin, reply.type);
+    RUVO_LOG_SHARED(BaseLib::Logger::ERROR, operation.origin, 0, "%s | unexpected redis type:%d",
+                    operation.origin, reply.type);
   }
   return false;
 }

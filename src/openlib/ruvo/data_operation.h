@@ -38,6 +38,7 @@ struct data_operation {
   int reply_type = any_type;
   unexpected_type policy = unexpected_type::told_as_error;
   int unexpected_result = RUVO_ERR_FAILED;  // of a reply of another type
+  bool is_idempotent = true;                // may run twice
 };
 
 // A pointer that must not be null, with the length of what it points to where the caller gives one.
@@ -53,6 +54,7 @@ struct operation_call {
   RedisServerType pool;
   const char* key;
   std::initializer_list<required_argument> required;  // besides the key
+  time_point deadline;
 };
 
 constexpr reply_ptr* no_reply = nullptr;  // to run(): the operation wants only the code

@@ -1,40 +1,115 @@
 #include "exchange.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-
-void set_error(redisContext& context, int type, const char* text) {
-  context.err = type;
-  std::strncpy(context.errstr, text, sizeof(context.errstr) - 1);
-  context.errstr[sizeof(context.errstr) - 1] = '\0';
-}
+#include <ctime>
+#include <new>
 
 namespace {
 
-// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed,
-// and in a host with the default disposition that ends the process. So the library writes itself:
-// it can say that it does not want the signal, which costs nothing, where blocking and consuming it
-// would cost two system calls for each command.
-bool send_whole(redisContext& context, const char* bytes, std::size_t length) {
-  while (length > 0) {
-    const ssize_t sent = ::send(context.fd, bytes, length, MSG_NOSIGNAL);
-    if (sent >= 0) {
-      bytes += sent;
-      length -= static_cast<std::size_t>(sent);
-    } else if (errno != EINTR) {
-      std::array<char, sizeof(context.errstr)> text{};
-      set_error(context, REDIS_ERR_IO, strerror_r(errno, text.data(), text.size()));
-      return false;
-    }
-  }
-  return true;
+using std::chrono::steady_clock;
+
+// What one read takes. A reply that one read does not complete is read on in larger pieces: each
+// read is a system call, and hiredis' own 16 KiB make 64 of them for a megabyte.
+constexpr std::size_t small_read = std::size_t{16} << 10U;
+constexpr std::size_t large_read = std::size_t{256} << 10U;
+
+// The earlier of the deadline and the end of a wait that begins now.
+time_point end_of_wait(const wait_limits& limits) {
+  return limits.socket_timeout.count() > 0
+             ? std::min(limits.deadline, steady_clock::now() + limits.socket_timeout)
+             : limits.deadline;
 }
 
+connection_error error_of_wait(const wait_limits& limits) {
+  return steady_clock::now() >= limits.deadline ? deadline_error() : timeout_error();
+}
+
+// The number of bytes that the socket has taken; fewer than all when the connection broke.
+std::size_t send_whole(redisContext& context, const wire_command& command,
+                       const wait_limits& limits) {
+  iovec rest{command.bytes(), command.length()};
+  for (;;) {
+    const ssize_t sent = send_some(context, std::span(&rest, 1));
+    if (sent < 0) {
+      set_error(context, system_error(errno));
+      return command.length() - rest.iov_len;
+    }
+    rest.iov_base = static_cast<char*>(rest.iov_base) + sent;
+    rest.iov_len -= static_cast<std::size_t>(sent);
+    if (rest.iov_len == 0) {
+      return command.length();
+    }
+    if (wait_for_peer(context, POLLOUT, end_of_wait(limits)) == wait_end::timed_out) {
+      set_error(context, error_of_wait(limits));
+      return command.length() - rest.iov_len;
+    }
+  }
+}
+
+reply_ptr wait_for_reply(redisContext& context, const wait_limits& limits) {
+  for (;;) {
+    reply_ptr reply = next_reply(context);
+    if (reply || context.err != 0) {
+      return reply;
+    }
+    // Without a deadline the socket's own timeout ends the read, and no clock is asked.
+    const bool timed = limits.deadline != no_deadline;
+    switch (
+        receive_some(context, limits.socket_timeout, timed ? end_of_wait(limits) : no_deadline)) {
+      case wait_end::ready:
+        break;
+      case wait_end::timed_out:
+        set_error(context, error_of_wait(limits));
+        return nullptr;
+      case wait_end::broken:
+        return nullptr;
+    }
+  }
+}
+
+ssize_t receive(redisContext& context, std::span<char> buffer, int flags) {
+  ssize_t received = 0;
+  do {
+    received = ::recv(context.fd, buffer.data(), buffer.size(), flags);
+  } while (received < 0 && errno == EINTR);
+  return received;
+}
+
+// Has the reader begun a reply that is not complete?
+bool is_amid_reply(const redisReader& reader) { return reader.ridx > 0 || reader.len > reader.pos; }
+
 }  // namespace
+
+connection_error::connection_error(int error_code, const char* error_text) : code(error_code) {
+  std::memcpy(text, error_text, strnlen(error_text, sizeof(text) - 1));
+}
+
+bool connection_error::operator==(const connection_error& other) const {
+  return code == other.code && std::strcmp(text, other.text) == 0;
+}
+
+connection_error system_error(int error) {
+  std::array<char, sizeof(connection_error::text)> text{};
+  return {REDIS_ERR_IO, strerror_r(error, text.data(), text.size())};
+}
+
+connection_error closed_error() { return {REDIS_ERR_EOF, "Server closed the connection"}; }
+connection_error timeout_error() { return system_error(EAGAIN); }
+connection_error deadline_error() { return {REDIS_ERR_IO, "the call's time has passed"}; }
+connection_error out_of_step_error() {
+  return {REDIS_ERR_PROTOCOL, "unexpected data after the reply"};
+}
+
+void set_error(redisContext& context, const connection_error& error) {
+  context.err = error.code;
+  std::copy(std::begin(error.text), std::end(error.text), std::begin(context.errstr));
+}
 
 wire_command::wire_command(const char* format, va_list args) {
   va_list copy;
@@ -47,9 +122,9 @@ wire_command::wire_command(const char* format, va_list args) {
 
 void wire_command::report_refusal(redisContext& context) const {
   if (length_ == -1) {
-    set_error(context, REDIS_ERR_OOM, "Out of memory");
+    set_error(context, {REDIS_ERR_OOM, "Out of memory"});
   } else {
-    set_error(context, REDIS_ERR_OTHER, "Invalid format string");
+    set_error(context, {REDIS_ERR_OTHER, "Invalid format string"});
   }
 }
 
@@ -61,54 +136,134 @@ wire_command format_command(const char* format, ...) {
   return command;
 }
 
-reply_ptr exchange(redisContext& context, const wire_command& command) {
+connection_error look_at(const redisContext& context) {
+  char byte = 0;
+  const ssize_t peeked = ::recv(context.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (peeked > 0) {
+    return out_of_step_error();
+  }
+  if (peeked == 0) {
+    return closed_error();
+  }
+  return errno == EAGAIN || errno == EINTR ? connection_error() : system_error(errno);
+}
+
+reply_ptr exchange(redisContext& context, const wire_command& command, const wait_limits& limits,
+                   bool* sent) {
   if (command.refused()) {
     command.report_refusal(context);
     return nullptr;
   }
-  if (!send_whole(context, command.bytes(), command.length())) {
+  const std::size_t sent_bytes = send_whole(context, command, limits);
+  if (sent != nullptr) {
+    *sent = sent_bytes > 0;
+  }
+  if (context.err != 0) {
     return nullptr;
   }
-  reply_ptr reply = wait_for_reply(context);
+  reply_ptr reply = wait_for_reply(context, limits);
   if (reply) {
     break_if_out_of_step(context);
   }
   return reply;
 }
 
-bool send_together(redisContext& context, std::span<iovec> bytes) {
+// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed,
+// and in a host with the default disposition that ends the process. So the library writes itself:
+// it can say that it does not want the signal, which costs nothing, where blocking and consuming it
+// would cost two system calls for each command.
+ssize_t send_some(const redisContext& context, std::span<iovec> bytes) {
+  constexpr int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
   msghdr message{};
   message.msg_iov = bytes.data();
   message.msg_iovlen = bytes.size();
-  const ssize_t sent = ::sendmsg(context.fd, &message, MSG_NOSIGNAL);
-  auto skipped = static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
-  for (const iovec& one :
-       bytes) {  // those that were not taken, or in part; after an error the first
-    const std::size_t taken = std::min(skipped, one.iov_len);
-    skipped -= taken;
-    if (!send_whole(context, static_cast<const char*>(one.iov_base) + taken, one.iov_len - taken)) {
-      return false;
+  for (;;) {
+    const ssize_t sent = bytes.size() == 1
+                             ? ::send(context.fd, bytes[0].iov_base, bytes[0].iov_len, flags)
+                             : ::sendmsg(context.fd, &message, flags);
+    if (sent >= 0) {
+      return sent;
+    }
+    if (errno == EAGAIN) {
+      return 0;
+    }
+    if (errno != EINTR) {
+      return -1;
     }
   }
-  return true;
 }
 
-reply_ptr received_reply(redisContext& context) {
-  void* reply = nullptr;
-  // An error is not lost: who waits for the reply then meets it again.
-  redisReaderGetReply(context.reader, &reply);
-  return reply_ptr(static_cast<redisReply*>(reply));
+wait_end wait_for_peer(const redisContext& context, short events, time_point until) {
+  pollfd peer{context.fd, events, 0};
+  for (;;) {
+    timespec left{};
+    if (until != no_deadline) {
+      const auto rest = std::max(std::chrono::nanoseconds(0),
+                                 std::chrono::nanoseconds(until - steady_clock::now()));
+      left.tv_sec = static_cast<std::time_t>(rest.count() / 1000000000);
+      left.tv_nsec = static_cast<long>(rest.count() % 1000000000);
+    }
+    const int ready = ::ppoll(&peer, 1, until != no_deadline ? &left : nullptr, nullptr);
+    if (ready > 0) {
+      return wait_end::ready;
+    }
+    if (ready == 0) {
+      return wait_end::timed_out;
+    }
+    if (errno != EINTR) {
+      return wait_end::broken;
+    }
+  }
 }
 
-reply_ptr wait_for_reply(redisContext& context) {
+wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
+                      time_point until) {
+  // The socket has the timeout, too: where that is the earlier, one system call does it.
+  constexpr std::chrono::milliseconds tolerance{1};
+  int flags = 0;
+  if (until != no_deadline &&
+      (socket_timeout.count() <= 0 || until + tolerance < steady_clock::now() + socket_timeout)) {
+    const wait_end waited = wait_for_peer(context, POLLIN, until);
+    if (waited == wait_end::timed_out) {
+      return waited;
+    }
+    flags = MSG_DONTWAIT;
+  }
+  std::unique_ptr<char[]> large;
+  if (is_amid_reply(*context.reader)) {
+    large.reset(new (std::nothrow) char[large_read]);
+  }
+  std::array<char, small_read> small;
+  const std::span<char> buffer = large ? std::span(large.get(), large_read) : std::span(small);
+  const ssize_t received = receive(context, buffer, flags);
+  if (received > 0) {
+    if (redisReaderFeed(context.reader, buffer.data(), static_cast<std::size_t>(received)) ==
+        REDIS_OK) {
+      return wait_end::ready;
+    }
+    set_error(context, {context.reader->err, context.reader->errstr});
+  } else if (received == 0) {
+    set_error(context, closed_error());
+  } else if (errno == EAGAIN) {
+    return wait_end::timed_out;
+  } else {
+    set_error(context, system_error(errno));
+  }
+  return wait_end::broken;
+}
+
+reply_ptr next_reply(redisContext& context) {
   void* reply = nullptr;
-  redisGetReply(&context, &reply);  // there is nothing left to write: it reads
+  if (redisReaderGetReply(context.reader, &reply) != REDIS_OK) {
+    set_error(context, {context.reader->err, context.reader->errstr});
+    return nullptr;
+  }
   return reply_ptr(static_cast<redisReply*>(reply));
 }
 
 void break_if_out_of_step(redisContext& context) {
   const redisReader* reader = context.reader;
   if (reader != nullptr && reader->pos < reader->len) {
-    set_error(context, REDIS_ERR_PROTOCOL, "unexpected data after the reply");
+    set_error(context, out_of_step_error());
   }
 }

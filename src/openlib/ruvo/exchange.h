@@ -1,24 +1,35 @@
-// Commands as bytes, one exchange of them with a Redis server, and the owners of what hiredis hands
-// out.
+// Commands as bytes, their exchange with a Redis server, and the owners of what hiredis hands out.
 #ifndef RUVO_EXCHANGE_H
 #define RUVO_EXCHANGE_H
 
 #include <hiredis/hiredis.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstdarg>
 #include <cstddef>
 #include <memory>
 #include <span>
 
 struct context_deleter {
-  void operator()(redisContext* context) const { redisFree(context); }
+  void operator()(redisContext* context) const {
+    // hiredis 0.14 takes descriptor 0 for none; a host that has closed its input gets it.
+    const bool stays_open = HIREDIS_MAJOR == 0 && context->fd == 0;
+    redisFree(context);
+    if (stays_open) {
+      ::close(0);
+    }
+  }
 };
 struct reply_deleter {
   void operator()(redisReply* reply) const { freeReplyObject(reply); }
 };
 using context_ptr = std::unique_ptr<redisContext, context_deleter>;
 using reply_ptr = std::unique_ptr<redisReply, reply_deleter>;
+
+using time_point = std::chrono::steady_clock::time_point;
+constexpr time_point no_deadline = time_point::max();
 
 // A command as it goes over the wire, or the reason why hiredis refused its template. Formatted
 // once, sent as often as it takes.
@@ -45,19 +56,65 @@ class wire_command {
 
 wire_command format_command(const char* format, ...);
 
-// Sends a command and reads its reply; null when the connection broke or hiredis has refused the
-// template (the context then carries the error). Never raises SIGPIPE in the host.
-reply_ptr exchange(redisContext& context, const wire_command& command);
+// How long an exchange may take.
+struct wait_limits {
+  std::chrono::microseconds socket_timeout{0};  // of each wait for the peer; 0: none
+  time_point deadline = no_deadline;            // of the whole call
 
-// The parts of an exchange, for several commands at once. Sends them in one write; false when the
-// connection broke.
-bool send_together(redisContext& context, std::span<iovec> bytes);
-// The next reply, if it has been received whole.
-reply_ptr received_reply(redisContext& context);
-// The next reply, waited for; null when the connection broke.
-reply_ptr wait_for_reply(redisContext& context);
+  bool has_passed() const {
+    return deadline != no_deadline && std::chrono::steady_clock::now() >= deadline;
+  }
+};
+
+// Sends a command and reads its reply; null when the connection broke, the deadline has passed or
+// hiredis has refused the template (the context then carries the error). Never raises SIGPIPE in
+// the host.
+// `sent`: whether a byte of the command may have reached the server.
+reply_ptr exchange(redisContext& context, const wire_command& command,
+                   const wait_limits& limits = {}, bool* sent = nullptr);
+
+// ---- The parts of an exchange ----
+
+// Sends what the socket takes at once. The number of bytes; -1 and errno when the connection broke.
+ssize_t send_some(const redisContext& context, std::span<iovec> bytes);
+
+enum class wait_end { ready, timed_out, broken };
+
+// Waits until the socket can be read or written.
+wait_end wait_for_peer(const redisContext& context, short events, time_point until);
+
+// Receives what has come, or waits for it until then, and hands it to the context's reader. After
+// `timed_out` the context is as it was.
+wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
+                      time_point until);
+
+// The next reply, if it has been received whole; null when it has not or when its bytes are no
+// reply (the context then carries the error).
+reply_ptr next_reply(redisContext& context);
+
+// Why a connection is of no use any more, as hiredis tells it.
+struct connection_error {
+  int code = 0;  // 0: it told of none
+  decltype(redisContext::errstr) text{};
+
+  connection_error() = default;
+  connection_error(int error_code, const char* error_text);
+  explicit connection_error(const redisContext& context)
+      : connection_error(context.err, context.errstr) {}
+  bool operator==(const connection_error& other) const;
+};
+connection_error system_error(int error);
+connection_error closed_error();    // by its server
+connection_error timeout_error();   // a wait has timed out
+connection_error deadline_error();  // the deadline has ended it
+connection_error out_of_step_error();
+
+// Looks at a connection on which nothing is awaited, without waiting: has its server closed it, or
+// sent what nobody asked for? The code is 0 when it is as it should be.
+connection_error look_at(const redisContext& context);
+
 // Leaves an error on the context as hiredis does, which the walk and its log lines read there.
-void set_error(redisContext& context, int type, const char* text);
+void set_error(redisContext& context, const connection_error& error);
 // After the reply to the last command: bytes that are left were asked for by nobody, and every
 // later reply would go to the wrong caller. The connection is then broken.
 void break_if_out_of_step(redisContext& context);

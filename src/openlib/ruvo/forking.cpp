@@ -38,13 +38,19 @@ void ruvo_redis::forget_forks() {
 // by another thread: its context may be half changed, so it is marked and not looked into again.
 void ruvo_redis::disown_connections() noexcept {
   for (server_pool* pool : {&t_pool_, &p_pool_, &personality_pool_}) {
+    new (&pool->outage_) pool_outage;
     for (server_node& server : pool->servers_) {
+      server.probe_ = server_probe();
       for (conn_node& slot : server.context_arr_) {
-        slot.is_torn_ = slot.is_torn_ || slot.lock_->tryacquire() == -1;
+        const pipeline_state& line = slot.pipeline_;
+        slot.was_used_at_fork_ = slot.was_used_at_fork_ || line.is_reading || line.is_writing ||
+                                 slot.lock_->tryacquire() == -1;
         new (slot.lock_) ACE_Thread_Mutex;
-        slot.line_ = nullptr;
+        const std::uint64_t forks = line.forks + 1;
+        slot.pipeline_ = pipeline_state{};
+        slot.pipeline_.forks = forks;
         if (slot.context_ != nullptr) {
-          set_error(*slot.context_, REDIS_ERR_EOF, "the process has forked");
+          set_error(*slot.context_, {REDIS_ERR_EOF, "the process has forked"});
         }
       }
     }

@@ -9,14 +9,15 @@ int ruvo_redis::hash_set(const char* key, const char* field, unsigned long f_len
                          const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::hash_set",
                                             .null_text = "key or field or value is NULL"};
-  const int ret = run({operation, redisSrvType, key, {{field, f_len}, {value, v_len}}}, no_reply,
-                      "HSET %s %b %b", key, field, f_len, value, v_len);
+  const time_point deadline = options_.deadline();
+  const int ret = run({operation, redisSrvType, key, {{field, f_len}, {value, v_len}}, deadline},
+                      no_reply, "HSET %s %b %b", key, field, f_len, value, v_len);
   if (ret != RUVO_OK) {
     return ret;
   }
   // The field is set, whatever becomes of the time-out.
   if (time_out != no_expiry) {
-    exec_regardless(key, redisSrvType, "EXPIRE %s %d", key, time_out);
+    exec_regardless(deadline, key, redisSrvType, "EXPIRE %s %d", key, time_out);
   }
   RUVO_LOG(DEBUG,
            "ruvo_redis::hash_set | key %s, field:%s, value:%s time_out:%d, successfully inserted.",
@@ -31,8 +32,8 @@ int ruvo_redis::hash_get(const char* key, const char* field, unsigned long f_len
                                             .null_text = null_key_or_field,
                                             .reply_type = REDIS_REPLY_STRING};
   reply_ptr reply;
-  int ret = run({operation, redisSrvType, key, {{field, f_len}}}, &reply, "HGET %s %b", key, field,
-                f_len);
+  int ret = run({operation, redisSrvType, key, {{field, f_len}}, options_.deadline()}, &reply,
+                "HGET %s %b", key, field, f_len);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -51,8 +52,8 @@ int ruvo_redis::hash_field_exist(const char* key, const char* field, unsigned lo
                                             .null_text = null_key_or_field,
                                             .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
-  const int ret = run({operation, redisSrvType, key, {{field, f_len}}}, &reply, "HEXISTS %s %b",
-                      key, field, f_len);
+  const int ret = run({operation, redisSrvType, key, {{field, f_len}}, options_.deadline()}, &reply,
+                      "HEXISTS %s %b", key, field, f_len);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -74,9 +75,10 @@ int ruvo_redis::hash_incr_by(const char* key, const char* field, unsigned long f
                              const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::hash_incr_by",
                                             .null_text = null_key_or_field,
-                                            .reply_type = REDIS_REPLY_INTEGER};
+                                            .reply_type = REDIS_REPLY_INTEGER,
+                                            .is_idempotent = false};
   reply_ptr reply;
-  const int ret = run({operation, redisSrvType, key, {{field, f_len}}}, &reply,
+  const int ret = run({operation, redisSrvType, key, {{field, f_len}}, options_.deadline()}, &reply,
                       "HINCRBY %s %b %lld ", key, field, f_len, increment);
   if (ret != RUVO_OK) {
     return ret;
@@ -94,7 +96,8 @@ int ruvo_redis::hash_fields_num(const char* key, long long* fields_num,
                                             .null_text = null_key,
                                             .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
-  const int ret = run({operation, redisSrvType, key, {}}, &reply, "HLEN %s", key);
+  const int ret =
+      run({operation, redisSrvType, key, {}, options_.deadline()}, &reply, "HLEN %s", key);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -112,6 +115,6 @@ int ruvo_redis::hash_del_field(const char* key, const char* field, unsigned long
                                RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::hash_del_field",
                                             .null_text = null_key_or_field};
-  return run({operation, redisSrvType, key, {{field, f_len}}}, no_reply, "HDEL %s %b", key, field,
-             f_len);
+  return run({operation, redisSrvType, key, {{field, f_len}}, options_.deadline()}, no_reply,
+             "HDEL %s %b", key, field, f_len);
 }

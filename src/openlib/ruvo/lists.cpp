@@ -8,10 +8,11 @@ int ruvo_redis::list_rem(const char* key, int count, const char* value,
                          RedisServerType redisSrvType, const char* /*server_addr*/) {
   const data_operation operation{.origin = "ruvo_redis::list_rem",
                                  .null_text = key == nullptr ? null_key : null_key_or_value,
-                                 .reply_type = REDIS_REPLY_INTEGER};
+                                 .reply_type = REDIS_REPLY_INTEGER,
+                                 .is_idempotent = count == 0};
   reply_ptr reply;
-  const int ret =
-      run({operation, redisSrvType, key, {value}}, &reply, "LREM %s %d %s", key, count, value);
+  const int ret = run({operation, redisSrvType, key, {value}, options_.deadline()}, &reply,
+                      "LREM %s %d %s", key, count, value);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -26,11 +27,12 @@ int ruvo_redis::list_rem(const char* key, int count, const char* value,
 int ruvo_redis::list_push(const char* key, const char* value, std::size_t length, int timeout,
                           long long* count, RedisServerType redisSrvType,
                           const char* /*server_addr*/) {
-  static constexpr data_operation operation{.origin = "ruvo_redis::list_push",
-                                            .null_text = null_key_or_value};
+  static constexpr data_operation operation{
+      .origin = "ruvo_redis::list_push", .null_text = null_key_or_value, .is_idempotent = false};
+  const time_point deadline = options_.deadline();
   reply_ptr reply;
-  int ret = run({operation, redisSrvType, key, {{value, length}}}, &reply, "LPUSH %s %b", key,
-                value, length);
+  int ret = run({operation, redisSrvType, key, {{value, length}}, deadline}, &reply, "LPUSH %s %b",
+                key, value, length);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -44,18 +46,21 @@ int ruvo_redis::list_push(const char* key, const char* value, std::size_t length
   }
   reply.reset();
   if (timeout > 0) {
-    ret = expire_key(key, static_cast<unsigned int>(timeout), redisSrvType, nullptr);
+    ret = expire(deadline, key, static_cast<unsigned int>(timeout), redisSrvType);
   }
   return ret;
 }
 
 int ruvo_redis::list_rpop(const char* key, std::string& value, RedisServerType redisSrvType,
                           const char* /*server_addr*/) {
-  static constexpr data_operation operation{
-      .origin = "ruvo_redis::list_rpop", .null_text = null_key, .reply_type = REDIS_REPLY_STRING};
+  static constexpr data_operation operation{.origin = "ruvo_redis::list_rpop",
+                                            .null_text = null_key,
+                                            .reply_type = REDIS_REPLY_STRING,
+                                            .is_idempotent = false};
   value.clear();
   reply_ptr reply;
-  const int ret = run({operation, redisSrvType, key, {}}, &reply, "RPOP %s", key);
+  const int ret =
+      run({operation, redisSrvType, key, {}, options_.deadline()}, &reply, "RPOP %s", key);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -74,18 +79,20 @@ int ruvo_redis::list_range(const char* key, int start, int end, std::vector<std:
       .origin = "ruvo_redis::list_range", .null_text = null_key, .reply_type = REDIS_REPLY_ARRAY};
   value.clear();
   reply_ptr reply;
-  const int ret =
-      run({operation, redisSrvType, key, {}}, &reply, "LRANGE %s %d %d", key, start, end);
+  const int ret = run({operation, redisSrvType, key, {}, options_.deadline()}, &reply,
+                      "LRANGE %s %d %d", key, start, end);
   return ret != RUVO_OK ? ret : collect(operation, *reply, value, key);
 }
 
 int ruvo_redis::list_trim(const char* key, int start, int end, RedisServerType redisSrvType,
                           const char* /*server_addr*/) {
-  static constexpr data_operation operation{
-      .origin = "ruvo_redis::list_trim", .null_text = null_key, .reply_type = REDIS_REPLY_STATUS};
+  static constexpr data_operation operation{.origin = "ruvo_redis::list_trim",
+                                            .null_text = null_key,
+                                            .reply_type = REDIS_REPLY_STATUS,
+                                            .is_idempotent = false};
   reply_ptr reply;
-  const int ret =
-      run({operation, redisSrvType, key, {}}, &reply, "LTRIM %s %d %d", key, start, end);
+  const int ret = run({operation, redisSrvType, key, {}, options_.deadline()}, &reply,
+                      "LTRIM %s %d %d", key, start, end);
   if (ret != RUVO_OK) {
     return ret;
   }

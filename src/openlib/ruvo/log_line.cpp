@@ -14,27 +14,11 @@ namespace {
 std::atomic<int> log_limit{0};
 thread_local bool is_unlimited = false;
 
+// A window is a second of the clock, a mark that its notice is being written, and the lines written
+// in it.
 constexpr unsigned second_shift = 32;
-constexpr std::uint64_t count_mask = (std::uint64_t{1} << second_shift) - 1;
-
-// May a line be written here now? `kept_back`: how many were not, since the last that was.
-bool admits(log_place& place, std::uint64_t limit, unsigned long long& kept_back) {
-  const auto now = static_cast<std::uint64_t>(std::time(nullptr)) << second_shift;
-  std::uint64_t window = place.window.load(std::memory_order_relaxed);
-  std::uint64_t next = 0;
-  do {
-    // A second ahead is that of a thread that has looked at the clock just after this one.
-    const std::uint64_t second = window & ~count_mask;
-    const bool is_open = second == now || second == now + count_mask + 1;
-    next = is_open ? window + 1 : now + 1;
-    if ((next & count_mask) > limit) {
-      place.kept_back.fetch_add(1, std::memory_order_relaxed);
-      return false;
-    }
-  } while (!place.window.compare_exchange_weak(window, next, std::memory_order_relaxed));
-  kept_back = place.kept_back.exchange(0, std::memory_order_relaxed);
-  return true;
-}
+constexpr std::uint64_t one_second = std::uint64_t{1} << second_shift;
+constexpr std::uint64_t notice_mark = std::uint64_t{1} << (second_shift - 1);
 
 __attribute__((format(printf, 3, 0))) void vwrite(const log_place& place,
                                                   BaseLib::Logger::LogLevel level,
@@ -59,25 +43,66 @@ __attribute__((format(printf, 3, 4))) void write(const log_place& place,
   va_end(args);
 }
 
+// May a line be written here now? If so, and some were suppressed, the log has been told how many;
+// lines that come while it is being told are suppressed, too, so that none overtakes it.
+bool admits(const log_place& place, std::uint64_t limit) {
+  log_rate& rate = *place.rate;
+  const std::uint64_t now = static_cast<std::uint64_t>(std::time(nullptr)) << second_shift;
+  std::uint64_t window = rate.window.load(std::memory_order_relaxed);
+  std::uint64_t next = 0;
+  bool has_notice = false;
+  do {
+    // A second ahead is that of a thread that has looked at the clock just after this one.
+    const std::uint64_t second = window & ~(one_second - 1);
+    const bool is_open = second == now || second == now + one_second;
+    next = is_open ? window + 1 : now + 1;
+    has_notice = rate.suppressed.load(std::memory_order_relaxed) > 0;
+    if ((next & notice_mark) != 0 || (next & (notice_mark - 1)) > limit) {
+      rate.suppressed.fetch_add(1, std::memory_order_relaxed);
+      return false;
+    }
+    next |= has_notice ? notice_mark : 0;
+  } while (!rate.window.compare_exchange_weak(window, next, std::memory_order_relaxed));
+  if (has_notice) {
+    const unsigned long long suppressed = rate.suppressed.exchange(0, std::memory_order_relaxed);
+    if (is_logged(BaseLib::Logger::WARN)) {
+      write(place, BaseLib::Logger::WARN,
+            "ruvo_redis::log_limit | %llu lines like the next one were kept back", suppressed);
+    }
+    rate.window.fetch_and(~notice_mark, std::memory_order_relaxed);
+  }
+  return true;
+}
+
 }  // namespace
+
+// A table that is never full: there are some 20 operations, with some 10 lines and results each.
+log_rate& shared_rate(const char* operation, int result, int line) noexcept {
+  static constinit std::array<log_rate, 1024> rates;
+  const std::uint64_t kind =
+      (reinterpret_cast<std::uintptr_t>(operation) << 16U) ^
+      (static_cast<std::uint64_t>(static_cast<std::uint32_t>(result)) << 48U) ^
+      static_cast<std::uint64_t>(line);
+  for (std::size_t i = kind * 0x9e3779b97f4a7c15U >> 54U;; i = (i + 1) % rates.size()) {
+    std::uint64_t found = rates[i].kind.load(std::memory_order_relaxed);
+    if (found == kind ||
+        (found == 0 && (rates[i].kind.compare_exchange_strong(found, kind) || found == kind))) {
+      return rates[i];
+    }
+  }
+}
 
 void set_log_limit(int lines) { log_limit.store(lines, std::memory_order_relaxed); }
 
 unlimited_log::unlimited_log() : before_(std::exchange(is_unlimited, true)) {}
 unlimited_log::~unlimited_log() { is_unlimited = before_; }
 
-void write_log_line(log_place& place, BaseLib::Logger::LogLevel level, const char* format,
+void write_log_line(const log_place& place, BaseLib::Logger::LogLevel level, const char* format,
                     ...) noexcept {
   const int limit = log_limit.load(std::memory_order_relaxed);
-  if (limit > 0 && level >= BaseLib::Logger::WARN && !is_unlimited) {
-    unsigned long long kept_back = 0;
-    if (!admits(place, static_cast<std::uint64_t>(limit), kept_back)) {
-      return;
-    }
-    if (kept_back > 0 && is_logged(BaseLib::Logger::WARN)) {
-      write(place, BaseLib::Logger::WARN,
-            "ruvo_redis::log_limit | %llu lines like the next one were kept back", kept_back);
-    }
+  if (limit > 0 && level >= BaseLib::Logger::WARN && !is_unlimited &&
+      !admits(place, static_cast<std::uint64_t>(limit))) {
+    return;
   }
   va_list args;
   va_start(args, format);

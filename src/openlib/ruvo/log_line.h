@@ -17,27 +17,44 @@ inline bool is_logged(BaseLib::Logger::LogLevel level) {
   return BaseLib::Logger::logLevel() <= level;
 }
 
-// A place in the source that writes lines. They are lines of one kind, whatever they name.
+// How many lines of one kind were written in the present second, and how many suppressed.
+struct log_rate {
+  std::atomic<std::uint64_t> window{0};  // see admits()
+  std::atomic<unsigned long long> suppressed{0};
+  std::atomic<std::uint64_t> kind{0};  // of the table of shared_rate()
+};
+
+// A place in the source that writes lines.
 struct log_place {
   const char* file;
   int line;
-  std::atomic<std::uint64_t> window{0};  // a second of the clock, and the lines written in it
-  std::atomic<unsigned long long> kept_back{0};
+  log_rate* rate;
 };
 
-#define RUVO_LOG_AT(level, ...)                                      \
-  do {                                                               \
-    if (is_logged(level)) {                                          \
-      static constinit log_place ruvo_log_place{__FILE__, __LINE__}; \
-      write_log_line(ruvo_log_place, level, __VA_ARGS__);            \
-    }                                                                \
+// The lines of one place are one kind, whatever they name.
+#define RUVO_LOG_AT(level, ...)                                                 \
+  do {                                                                          \
+    if (is_logged(level)) {                                                     \
+      static constinit log_rate ruvo_log_rate;                                  \
+      write_log_line({__FILE__, __LINE__, &ruvo_log_rate}, level, __VA_ARGS__); \
+    }                                                                           \
   } while (false)
+
+// Where operations share a place, each operation (told by its text) and result is a kind.
+#define RUVO_LOG_SHARED(level, operation, result, ...)                                       \
+  do {                                                                                       \
+    if (is_logged(level)) {                                                                  \
+      write_log_line({__FILE__, __LINE__, &shared_rate(operation, result, __LINE__)}, level, \
+                     __VA_ARGS__);                                                           \
+    }                                                                                        \
+  } while (false)
+log_rate& shared_rate(const char* operation, int result, int line) noexcept;
 
 #define RUVO_LOG(level, ...) RUVO_LOG_AT(BaseLib::Logger::level, __VA_ARGS__)
 
 // Formats and writes a line, or keeps it back where a limit is set. Never throws: a line for which
 // there is no memory is dropped.
-void write_log_line(log_place& place, BaseLib::Logger::LogLevel level, const char* format,
+void write_log_line(const log_place& place, BaseLib::Logger::LogLevel level, const char* format,
                     ...) noexcept __attribute__((format(printf, 3, 4), cold));
 
 // Of the WARN and ERROR lines of one kind so many are written in a second; 0: every line.

@@ -3,18 +3,29 @@
 #define RUVO_OPTIONS_H
 
 #include <chrono>
+#include <string>
+#include <vector>
 
 class vop_config;
 
+// What each key means stands in its row of settings.cpp.
 struct client_options {
-  bool auto_pipelining = false;       // threads that meet on a connection share its round trips
-  bool eject_silent_servers = false;  // a visit without a reply counts as a failure
-  bool try_ejected_servers = false;   // rather than fail a call
-  int log_limit = 0;                  // WARN and ERROR lines of one kind a second; 0: every line
-  int call_timeout = 0;               // ms that a command may take; 0: as long as it takes
+  bool recommended_defaults = false;
+  bool auto_pipelining = false;
+  bool eject_silent_servers = false;
+  bool try_ejected_servers = false;
+  int log_limit = 0;     // lines a second; 0: every line
+  int call_timeout = 0;  // ms; 0: none
+  bool raw_commands_stay_in_pool = false;
+  bool start_without_servers = false;
+  std::vector<std::string> failover_replies;  // trimmed, none of them empty
+  bool send_once = false;
+  bool wait_for_servers = false;  // never without a call_timeout
+  std::string stats_file;         // empty: none
+  int slow_call_log = 0;          // ms; 0: none
 
-  // When a command that begins now is to start nothing more.
-  std::chrono::steady_clock::time_point end_of_command() const {
+  // When a call that begins now must have ended.
+  std::chrono::steady_clock::time_point deadline() const {
     using clock = std::chrono::steady_clock;
     return call_timeout > 0 ? clock::now() + std::chrono::milliseconds(call_timeout)
                             : clock::time_point::max();

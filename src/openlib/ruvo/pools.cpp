@@ -1,6 +1,4 @@
 // Building a pool from its address list and settings, and closing it.
-#include <array>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <utility>
@@ -8,81 +6,19 @@
 #include "connection.h"
 #include "log_line.h"
 #include "ruvo_redis.h"
-#include "sutils.h"
+#include "settings.h"
 
 namespace {
 
-struct pool_keys {
-  RedisServerType type;
-  const char* connect_num;
-  const char* auto_eject;
-  const char* failure_limit;
-  const char* retry_timeout;
-  const char* password;
-};
-
-// The temporary pool reads the p_ keys and the persistent pool the t_ keys: deployed configuration
-// files are written for it.
-constexpr std::array keys_of_pools{
-    pool_keys{eTempServer, "p_connect_num", "p_auto_eject_server", "p_server_failure_limit",
-              "p_server_retry_timeout", "p_password"},
-    pool_keys{ePersistServer, "t_connect_num", "t_auto_eject_server", "t_server_failure_limit",
-              "t_server_retry_timeout", "t_password"},
-    pool_keys{ePersonalityServer, "ps_connect_num", "ps_auto_eject_server",
-              "ps_server_failure_limit", "ps_server_retry_timeout", "ps_password"},
-};
-
-constexpr const char* server_section = "server";
-
-void set_default_settings(server_pool& pool) {
-  const server_pool defaults;
-  pool.conn_num_ = defaults.conn_num_;
-  pool.auto_eject_ = defaults.auto_eject_;
-  pool.failure_limit_ = defaults.failure_limit_;
-  pool.retry_timeout_ = defaults.retry_timeout_;
-  pool.redis_password_.clear();
-}
-
-// A type without keys of its own keeps the defaults.
-void read_settings(server_pool& pool, RedisServerType type) {
-  for (const pool_keys& keys : keys_of_pools) {
-    if (keys.type != type) {
-      continue;
-    }
-    const int conn_num =
-        ruvo_cfg.get_int_val(server_section, keys.connect_num, static_cast<int>(pool.conn_num_));
-    if (conn_num >= 0) {
-      pool.conn_num_ = static_cast<std::uint32_t>(conn_num);
-    } else {
-      RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | %s must not be negative: %d, using %u",
-               keys.connect_num, conn_num, pool.conn_num_);
-    }
-    pool.auto_eject_ = ruvo_cfg.get_bool_val(server_section, keys.auto_eject, pool.auto_eject_);
-    pool.failure_limit_ = static_cast<std::uint32_t>(ruvo_cfg.get_int_val(
-        server_section, keys.failure_limit, static_cast<int>(pool.failure_limit_)));
-    pool.retry_timeout_ =
-        ruvo_cfg.get_int_val(server_section, keys.retry_timeout, pool.retry_timeout_);
-    if (const char* password = ruvo_cfg.get_str_val(server_section, keys.password)) {
-      pool.redis_password_ = password;
-    }
-  }
-}
-
-// False when a piece is not of the form ip:port; it is then named in the log.
-bool parse_addrs(const std::string& addrs, std::vector<server_addr>& parsed) {
-  sp::str_arr pieces;
-  sp::split_str(addrs.c_str(), pieces, ",");
-  for (const std::string& piece : pieces) {
-    sp::str_arr parts;
-    sp::split_str(piece.c_str(), parts, ":");
-    if (parts.size() != 2) {
-      RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | invalid server addr:%s", piece.c_str());
-      return false;
-    }
-    parsed.push_back(
-        {parts[0], static_cast<std::uint32_t>(std::strtol(parts[1].c_str(), nullptr, 0))});
-  }
-  return true;
+// The type decides which keys are the pool's.
+pool_settings read_settings(RedisServerType type) {
+  return read_pool_settings(
+      ruvo_cfg, type, [](const setting& key, setting_fault why, const char* value) {
+        if (why == setting_fault::no_number) {  // a truth value that is none is not told
+          RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | %s must not be negative: %d, using %s",
+                   key.name.c_str(), parse_leading_number(value), default_text(key).c_str());
+        }
+      });
 }
 
 void add_slot(server_node& server, context_ptr context, std::unique_ptr<ACE_Thread_Mutex> lock) {
@@ -106,15 +42,21 @@ struct connection_tally {
 };
 
 // Opens a connection. A server that is down keeps its slot, to be repaired when it is used; one
-// that does not take the password loses it.
-void connect_slot(server_node& server, const connection_settings& settings,
-                  std::unique_ptr<ACE_Thread_Mutex> lock, connection_tally& tally) {
+// that does not take the password loses it, unless every slot is to be kept.
+open_outcome connect_slot(server_node& server, const connection_settings& settings,
+                          bool keeps_every_slot, std::unique_ptr<ACE_Thread_Mutex> lock,
+                          connection_tally& tally) {
   const server_addr& addr = server.addr_;
   opened_connection opened = open_connection(addr, settings);
   switch (opened.outcome) {
-    case open_outcome::closed:
     case open_outcome::refused:
-      return;
+      set_error(*opened.context, {REDIS_ERR_OTHER, "the password was refused"});
+      [[fallthrough]];
+    case open_outcome::closed:
+      if (!keeps_every_slot) {
+        return opened.outcome;
+      }
+      break;
     case open_outcome::unreachable:
     case open_outcome::unanswered:
       RUVO_LOG(ERROR,
@@ -132,18 +74,27 @@ void connect_slot(server_node& server, const connection_settings& settings,
       ++tally.good;
   }
   add_slot(server, std::move(opened.context), std::move(lock));
+  return opened.outcome;
 }
 
-// Opens the connections of a server. False when there is no memory for a lock.
+// Opens the connections of a server. False when there is no memory for a lock. Where every slot is
+// kept, the first connection that cannot be opened leaves the others for their first use.
 bool connect_server(server_node& server, std::uint32_t connections,
-                    const connection_settings& settings, connection_tally& tally) {
+                    const connection_settings& settings, bool keeps_every_slot,
+                    connection_tally& tally) {
+  bool is_ready = true;
   for (std::uint32_t i = 0; i < connections; ++i) {
     std::unique_ptr<ACE_Thread_Mutex> lock(new (std::nothrow) ACE_Thread_Mutex);
     if (!lock) {
       RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | memory overflow.");
       return false;
     }
-    connect_slot(server, settings, std::move(lock), tally);
+    if (is_ready || !keeps_every_slot) {
+      is_ready = connect_slot(server, settings, keeps_every_slot, std::move(lock), tally) ==
+                 open_outcome::ready;
+    } else {
+      add_slot(server, nullptr, std::move(lock));
+    }
   }
   return true;
 }
@@ -157,18 +108,21 @@ ruvo_redis::~ruvo_redis() {
 
 int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
                                  RedisServerType type) {
-  set_default_settings(pool);
+  pool.use(pool_settings());
+  pool.number_ = type;
   if (addrs.empty()) {
     RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | addr is empty");
     return RUVO_ERR_ADDRESS_LIST;
   }
-  std::vector<server_addr> server_addrs;
-  if (!parse_addrs(addrs, server_addrs)) {
+  const address_list list = parse_addresses(addrs);
+  if (list.malformed) {
+    RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | invalid server addr:%s",
+             list.malformed->c_str());
     return RUVO_ERR_ADDRESS_LIST;
   }
-  read_settings(pool, type);
+  pool.use(read_settings(type));
   pool.server_count_ = 0;
-  pool.server_num_ = static_cast<std::uint32_t>(server_addrs.size());
+  pool.server_num_ = static_cast<std::uint32_t>(list.servers.size());
   // The temporary pool's number sizes the servers of every pool, as get_conn counts.
   const std::uint32_t connections = t_pool_.conn_num_;
   RUVO_LOG(INFO,
@@ -179,11 +133,11 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
 
   const connection_settings settings{conn_timeout_tv_, socket_timeout_tv_, pool.redis_password_};
   connection_tally tally;
-  for (const server_addr& addr : server_addrs) {
+  for (const server_addr& addr : list.servers) {
     server_node& server = pool.servers_.emplace_back();
     server.addr_ = addr;
     server.index_ = pool.servers_.size() - 1;
-    if (!connect_server(server, connections, settings, tally)) {
+    if (!connect_server(server, connections, settings, options_.start_without_servers, tally)) {
       close_slots(server);
       pool.servers_.pop_back();
       fini();  // says that nothing is initialised: deployed systems know the line
@@ -191,7 +145,7 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
     }
   }
   RUVO_LOG(INFO, "ruvo_redis::init_server_pool | connect to server ok num:%d", tally.good);
-  return tally.good > 0 ? RUVO_OK : tally.failure;
+  return tally.good > 0 || options_.start_without_servers ? RUVO_OK : tally.failure;
 }
 
 int ruvo_redis::fini_server_pool(server_pool& pool) {
@@ -201,6 +155,7 @@ int ruvo_redis::fini_server_pool(server_pool& pool) {
              port_of(server.addr_));
   }
   pool.servers_.clear();
+  pool.stats_ = nullptr;
   return RUVO_OK;
 }
 
@@ -218,6 +173,7 @@ int ruvo_redis::fini() {
   }
   if (init_count_.fetch_sub(1) == 1) {
     close_pools();
+    statistics_.end();
     ruvo_cfg.close();
     initialized_.store(false, std::memory_order_release);
     set_log_limit(0);

@@ -29,9 +29,11 @@ void* ruvo_redis::exec_redis_cmd(const char* format, va_list ap, RedisServerType
   RUVO_LOG(INFO, "ruvo_redis::exec_redis_cmd | %s redis server type:%d", format,
            static_cast<int>(redisSrvType));
   reply_ptr reply;
-  const command command{"exec_redis_cmd", no_key, redisSrvType, wire_command(format, ap),
-                        options_.end_of_command()};
-  if (walk(*this, raw_route, command, reply) == walk_end::no_server_at_start) {
+  const command command{"exec_redis_cmd",    no_key,
+                        redisSrvType,        wire_command(format, ap),
+                        options_.deadline(), must_not_resend(false)};
+  const route& route = options_.raw_commands_stay_in_pool ? typed_route : raw_route;
+  if (walk(*this, route, command, reply) == walk_end::no_server_at_start) {
     RUVO_LOG(ERROR, "%s", no_key);
   }
   return reply.release();

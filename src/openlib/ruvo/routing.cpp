@@ -6,6 +6,7 @@
 #include "connection.h"
 #include "log_line.h"
 #include "ruvo_redis.h"
+#include "statistics.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ std::uint64_t next_turn(std::int64_t& counter) {
 void clear_failures(server_node& server) {
   std::atomic_ref(server.failure_count_).store(0);
   std::atomic_ref(server.next_retry_time_).store(0);
+  note_failures(server.stats_, 0, 0);
 }
 
 // The position where a search for a server begins.
@@ -48,9 +50,19 @@ server_pool ruvo_redis::*ruvo_redis::pool_of(RedisServerType type) {
 }
 
 server_node* ruvo_redis::get_server_node(RedisServerType redisSrvType, int svc_index) {
-  server_pool& pool = getPool(redisSrvType);
+  const server_choice choice = choose_server(redisSrvType, svc_index);
+  if (choice.is_probe) {
+    release_probe(choice.server->probe_);
+  }
+  return choice.server;
+}
+
+server_choice ruvo_redis::choose_server(RedisServerType type, int svc_index) {
+  server_pool& pool = getPool(type);
   const std::size_t count = pool.servers_.size();
   const std::size_t start = count > 0 ? start_position(pool, svc_index) : 0;
+  // In an outage each server is tried by one call at a time, ejected or not.
+  const bool only_probes = pool.outage_.is_on();
   for (std::size_t looked_at = 0; looked_at < count; ++looked_at) {
     server_node& candidate = pool.servers_[(start + looked_at) % count];
     if (looked_at == 0) {
@@ -60,12 +72,18 @@ server_node* ruvo_redis::get_server_node(RedisServerType redisSrvType, int svc_i
       RUVO_LOG(DEBUG, "ruvo_redis::get_server_node | try next server:%s,port:%d",
                ip_of(candidate.addr_), port_of(candidate.addr_));
     }
-    if (is_server_valid(&candidate, redisSrvType)) {
-      return &candidate;
+    if (only_probes ? begin_probe(candidate.probe_) : is_server_valid(&candidate, type)) {
+      return {&candidate, only_probes};
     }
   }
   RUVO_LOG(INFO, "ruvo_redis::get_server_node | all servers invalid");
-  return options_.try_ejected_servers && count > 0 ? &pool.servers_[start] : nullptr;
+  for (std::size_t i = 0; options_.try_ejected_servers && !only_probes && i < count; ++i) {
+    server_node& candidate = pool.servers_[(start + i) % count];
+    if (begin_probe(candidate.probe_)) {
+      return {&candidate, true};
+    }
+  }
+  return {};
 }
 
 bool ruvo_redis::is_server_valid(server_node* svc_node, RedisServerType redisSrvType) {
@@ -82,6 +100,7 @@ bool ruvo_redis::is_server_valid(server_node* svc_node, RedisServerType redisSrv
     RUVO_LOG(WARN, "ruvo_redis::is_server_valid | server, ip:%s port:%d start retry",
              ip_of(svc_node->addr_), port_of(svc_node->addr_));
     clear_failures(*svc_node);
+    count(svc_node->stats_, &server_counters::retries);
     return true;
   }
   RUVO_LOG(WARN,
@@ -100,8 +119,14 @@ void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType red
   const std::int32_t failures = std::atomic_ref(svc_node->failure_count_).fetch_add(1) + 1;
   RUVO_LOG(DEBUG, "ruvo_redis::update_server_failed | server, ip:%s port:%d failure count:%d",
            ip_of(svc_node->addr_), port_of(svc_node->addr_), failures);
-  std::atomic_ref(svc_node->next_retry_time_)
-      .store(std::time(nullptr) + getPool(redisSrvType).retry_timeout_);
+  const server_pool& pool = getPool(redisSrvType);
+  const std::time_t next_retry = std::time(nullptr) + pool.retry_timeout_;
+  std::atomic_ref(svc_node->next_retry_time_).store(next_retry);
+  note_failures(svc_node->stats_, failures, next_retry);
+  if (pool.auto_eject_ && static_cast<std::uint32_t>(failures) == pool.failure_limit_) {
+    count(svc_node->stats_, &server_counters::ejections);
+    reset_probe(svc_node->probe_);
+  }
 }
 
 // Counts in the temporary pool's number of connections, which sizes the servers of every pool.
@@ -118,12 +143,12 @@ conn_node* ruvo_redis::get_conn(server_node& svc_node, RedisServerType /*redisSr
   return &svc_node.context_arr_[index];
 }
 
-redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
+context_ptr ruvo_redis::open_replacement(const server_addr& addr, time_point deadline) {
   RUVO_LOG(WARN, "ruvo_redis::reset_connection | reset connection,ip:%s port:%d", ip_of(addr),
            port_of(addr));
   // The persistent pool's password opens the servers of every pool: deployed sites share one.
-  opened_connection fresh =
-      open_connection(addr, {conn_timeout_tv_, socket_timeout_tv_, p_pool_.redis_password_});
+  opened_connection fresh = open_connection(
+      addr, {conn_timeout_tv_, socket_timeout_tv_, p_pool_.redis_password_, deadline});
   if (fresh.outcome == open_outcome::unreachable) {
     RUVO_LOG(ERROR,
              "ruvo_redis::reset_connection | reconnect to server %s port:%d failed, error code is "
@@ -141,6 +166,14 @@ redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
         DEBUG, "ruvo_redis::reset_connection | redisSetTimeOut time_out:%d (ms), success",
         static_cast<int>(socket_timeout_tv_.tv_sec * 1000 + socket_timeout_tv_.tv_usec / 1000));
   }
-  replace_context(conn, std::move(fresh.context));
+  return std::move(fresh.context);
+}
+
+redisContext* ruvo_redis::reset_connection(conn_node& conn, server_addr& addr) {
+  context_ptr fresh = open_replacement(addr, no_deadline);
+  if (!fresh) {
+    return nullptr;
+  }
+  replace_context(conn, std::move(fresh));
   return conn.context_;
 }

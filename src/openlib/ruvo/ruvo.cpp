@@ -6,8 +6,10 @@
 #include <pthread.h>
 
 #include <functional>
+#include <type_traits>
 
 #include "ruvo_redis.h"
+#include "statistics.h"
 
 namespace {
 
@@ -28,6 +30,36 @@ class cancellation_block {
 // still run then find it.
 ruvo_redis* instance() { return ACE_Unmanaged_Singleton<ruvo_redis, ACE_Null_Mutex>::instance(); }
 
+// The pool among the arguments of an operation.
+template <typename... Args>
+RedisServerType pool_among(Args... args) {
+  RedisServerType pool{};
+  const auto look = [&pool](auto arg) {
+    if constexpr (std::is_same_v<decltype(arg), RedisServerType>) {
+      pool = arg;
+    }
+  };
+  (look(args), ...);
+  return pool;
+}
+
+// Calls a method, and counts an operation where statistics are kept.
+template <typename Method, typename... Args>
+auto call(ruvo_redis& redis, Method method, Args... args) {
+  if constexpr ((std::is_same_v<Args, RedisServerType> || ...)) {
+    call_timer timer(redis.getPool(pool_among(args...)).stats_);
+    const auto result = std::invoke(method, redis, args...);
+    if constexpr (std::is_same_v<decltype(result), const int>) {
+      timer.end(result);
+    } else {
+      timer.end(static_cast<const redisReply*>(result));
+    }
+    return result;
+  } else {
+    return std::invoke(method, redis, args...);
+  }
+}
+
 // Calls the instance; `failure` is the result when there is none, or when memory runs out in the
 // call. No exception leaves the library.
 template <typename Result, typename Method, typename... Args>
@@ -35,7 +67,7 @@ Result forward(Result failure, Method method, Args... args) noexcept {
   const cancellation_block block;
   try {
     ruvo_redis* redis = instance();
-    return redis != nullptr ? std::invoke(method, *redis, args...) : failure;
+    return redis != nullptr ? call(*redis, method, args...) : failure;
   } catch (...) {
     return failure;
   }

@@ -90,6 +90,9 @@
 /// Marks the functions that the library exports.
 #define RUVO_API __attribute__((visibility("default")))
 
+/// Marks the functions whose result tells whether there is one: ignoring it is a warning.
+#define RUVO_CHECKED __attribute__((warn_unused_result))
+
 /// The server pools. Their addresses and settings come from the configuration.
 #ifdef __cplusplus
 enum RedisServerType : int {
@@ -196,7 +199,7 @@ extern "C" {
 /// Prints a few progress lines to standard output. Blocks for each connection in turn: at most
 /// connect_timeout, plus 2 x socket_timeout with a password. A pool without configured addresses
 /// also waits for the host's own name to be resolved.
-RUVO_API int RUVO_Init(const char* config);
+RUVO_API RUVO_CHECKED int RUVO_Init(const char* config);
 
 /// Undoes one RUVO_Init; the last call closes all connections, and the library can then be
 /// initialised again. Buffers and raw replies obtained from the library must be released before
@@ -233,13 +236,14 @@ RUVO_API int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvTyp
 /// @retval RUVO_OK             success
 /// @retval RUVO_ERR_NOT_FOUND  no such key; both results are unchanged
 /// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*data` is null
-RUVO_API int RUVO_QueryKey(const char* key, const char** data, unsigned long* len, int redisSrvType,
-                           const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_QueryKey(const char* key, const char** data, unsigned long* len,
+                                        int redisSrvType, const char* server_addr);
 
 /// Tests whether a key exists.
 /// @retval RUVO_OK      it exists
 /// @retval RUVO_ABSENT  it does not
-RUVO_API int RUVO_ExistsKey(const char* key, int redisSrvType, const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_ExistsKey(const char* key, int redisSrvType,
+                                         const char* server_addr);
 
 /// Releases a buffer from RUVO_QueryKey or RUVO_HashGet; `data` may be null. Releases nothing while
 /// the library is not initialised. Does not block.
@@ -278,15 +282,16 @@ RUVO_API int RUVO_HashSet(const char* key, const char* field, unsigned long f_le
 /// @retval RUVO_OK             success
 /// @retval RUVO_ERR_NOT_FOUND  no such key or field; both results are unchanged
 /// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*value` is null
-RUVO_API int RUVO_HashGet(const char* key, const char* field, unsigned long f_len,
-                          const char** value, unsigned long* v_len, int redisSrvType,
-                          const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_HashGet(const char* key, const char* field, unsigned long f_len,
+                                       const char** value, unsigned long* v_len, int redisSrvType,
+                                       const char* server_addr);
 
 /// Tests whether a field exists. `field` is required.
 /// @retval RUVO_OK      it exists
 /// @retval RUVO_ABSENT  it does not
-RUVO_API int RUVO_HashFieldExist(const char* key, const char* field, unsigned long f_len,
-                                 int redisSrvType, const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_HashFieldExist(const char* key, const char* field,
+                                              unsigned long f_len, int redisSrvType,
+                                              const char* server_addr);
 
 /// Adds `increment` to the number in a field (required; a missing one counts as 0) and stores the
 /// sum in `*result`. Sets no expiry.
@@ -297,8 +302,8 @@ RUVO_API int RUVO_HashIncrBy(const char* key, const char* field, unsigned long f
 
 /// Stores the number of fields in `*fields_num`; 0 if there is no such key.
 /// @retval RUVO_OK  success
-RUVO_API int RUVO_HashFieldsNum(const char* key, long long* fields_num, int redisSrvType,
-                                const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_HashFieldsNum(const char* key, long long* fields_num,
+                                             int redisSrvType, const char* server_addr);
 
 /// Deletes a field. `field` is required.
 /// @retval RUVO_OK  whether or not it existed
@@ -330,10 +335,10 @@ RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long
 /// Successive commands may use different servers and connections. Do not send commands that need a
 /// connection of their own (MULTI, SUBSCRIBE, WATCH, SELECT) or that block for longer than
 /// socket_timeout (BLPOP). Arguments must not exceed 512 MiB.
-RUVO_API void* RUVO_ExecRedisCmd(int redisSrvType, const char* format, ...);
+RUVO_API RUVO_CHECKED void* RUVO_ExecRedisCmd(int redisSrvType, const char* format, ...);
 
 /// Like RUVO_ExecRedisCmd, with the arguments in a va_list, which is left unchanged.
-RUVO_API void* RUVO_ExecRedisvCmd(int redisSrvType, const char* format, va_list ap);
+RUVO_API RUVO_CHECKED void* RUVO_ExecRedisvCmd(int redisSrvType, const char* format, va_list ap);
 
 /// Releases a reply, from any thread. Releases nothing while the library is not initialised. Does
 /// not block.
@@ -367,21 +372,22 @@ RUVO_API int RUVO_LPush(const char* key, const char* value, size_t length, int t
 /// @retval RUVO_OK             `value` holds it
 /// @retval RUVO_NOTHING_DONE   it was empty; it is gone from the list
 /// @retval RUVO_ERR_NOT_FOUND  no such list
-RUVO_API int RUVO_RPop(const char* key, std::string& value, int redisSrvType,
-                       const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_RPop(const char* key, std::string& value, int redisSrvType,
+                                    const char* server_addr);
 
 /// Gets the elements from `start` to `end` inclusive. 0 is the head; negative positions count from
 /// the tail, -1 being the last element. Empty elements are left out.
 /// @retval RUVO_OK            `value` holds them in order
 /// @retval RUVO_NOTHING_DONE  there are none
-RUVO_API int RUVO_LRange(const char* key, int start, int end, std::vector<std::string>& value,
-                         int redisSrvType, const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_LRange(const char* key, int start, int end,
+                                      std::vector<std::string>& value, int redisSrvType,
+                                      const char* server_addr);
 
 /// Gets all members of a set, in the order in which Redis lists them. An empty member is left out.
 /// @retval RUVO_OK            `value` holds them
 /// @retval RUVO_NOTHING_DONE  there are none
-RUVO_API int RUVO_SMembers(const char* key, std::vector<std::string>& value, int redisSrvType,
-                           const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_SMembers(const char* key, std::vector<std::string>& value,
+                                        int redisSrvType, const char* server_addr);
 #endif
 
 /// Trims a list to the elements from `start` to `end`, counted as for RUVO_LRange.
@@ -408,8 +414,8 @@ RUVO_API int RUVO_SRem(const char* key, const char* data, size_t len, int redisS
 /// Tests whether `data` (required) is a member.
 /// @retval RUVO_OK            it is a member
 /// @retval RUVO_NOTHING_DONE  it is not
-RUVO_API int RUVO_SIsmember(const char* key, const char* data, size_t len, int redisSrvType,
-                            const char* server_addr);
+RUVO_API RUVO_CHECKED int RUVO_SIsmember(const char* key, const char* data, size_t len,
+                                         int redisSrvType, const char* server_addr);
 
 /// @}
 

@@ -1,49 +1,63 @@
 /// @file
 /// libruvo for hosts in C++17 and later: what ruvo.h declares, with owners, views and results that
-/// cannot be mistaken for values. Header only; ruvo.h says what holds for pools, threads, blocking
-/// and commands that run more than once.
+/// cannot be mistaken for values, and typed answers to any command. Header only; ruvo.h says what
+/// holds for pools, threads, blocking and commands that run more than once.
 ///
 ///     #include <ruvo/ruvo.hpp>
 ///
 ///     const ruvo::library library("sruvo.conf");  // once, before everything else
 ///     if (!library) {
-///       std::cerr << ruvo_result_text(library.code()) << '\n';
+///       std::cerr << library.error().message() << '\n';
 ///     }
 ///     const ruvo::pool temp(eTempServer);  // from any thread
 ///
-///     temp.set("user:7", "Ada", std::chrono::hours(1));
-///
+///     if (const auto stored = temp.set("user:7", "Ada", std::chrono::hours(1)); !stored) {
+///       std::cerr << "not stored: " << stored.error().message() << '\n';
+///     }
 ///     if (const auto name = temp.get("user:7")) {
-///       std::cout << std::string_view(*name) << '\n';  // Ada
+///       std::cout << *name << '\n';  // Ada
 ///     } else if (name.absent()) {
 ///       std::cout << "no such user\n";
 ///     } else {
 ///       std::cerr << name.error().message() << '\n';
 ///     }
 ///
-/// What holds for all of it, and is not repeated below:
+/// The following applies to everything here and is not repeated below.
 ///
-/// RESULTS. Every operation returns a ruvo::result. Nothing throws but value() of one that failed
-/// (a std::system_error), and memory that runs out: in a container, and for the copy of a key of
-/// more than 127 bytes (std::bad_alloc).
+/// RESULTS. Every operation returns a ruvo::result, and a result that is dropped is a warning: a
+/// write that fails does not fail in silence. Nothing throws but value() of a failure (a
+/// std::system_error) and memory that runs out (std::bad_alloc): in a container, in a raw command,
+/// and for the copy of a key of more than 127 bytes. All of it compiles without exceptions (value()
+/// of a failure then ends the program with its message) and without RTTI.
 ///
-/// KEYS are texts: a literal, a `const char*`, a std::string, or what a std::string_view takes. The
-/// functions want them zero-terminated; only one that need not be (a std::string_view, say) is
-/// copied, without an allocation when it has at most 127 bytes. One that has a zero byte in it is
-/// refused with RUVO_ERR_NULL_ARGUMENT, like a null pointer.
+/// KEYS are texts: a literal, a `const char*`, a std::string, or what converts to a
+/// std::string_view. The functions want them zero-terminated; only one that need not be (a
+/// std::string_view, say) is copied, without an allocation when it has at most 127 bytes. One that
+/// has a zero byte in it is refused with RUVO_ERR_NULL_ARGUMENT. So is a null pointer, here and as
+/// a value, field, element, member or word; a literal null, and 0, do not compile.
 ///
-/// VALUES, fields, elements and members are std::string_view, hold any bytes and are not copied. At
-/// log level DEBUG the library prints some of them as zero-terminated texts, whatever their length:
-/// in a process that logs at DEBUG they must be terminated.
+/// VALUES, fields, elements and members are texts too, hold any bytes and are not copied, but for
+/// one thing. At log level DEBUG the library prints fields, elements, members and the values of
+/// fields as zero-terminated texts, whatever their length. So one that need not be terminated is
+/// copied when it has at most 127 bytes; a longer one must be terminated in a process that logs at
+/// DEBUG.
 ///
-/// TIMES are whole seconds of std::chrono, from 1 (where it is said, from 0) to what the function
+/// TIMES are of std::chrono, from 1 of their unit (where it is said, from 0) to what the function
 /// takes. Another one is refused with RUVO_ERR_NULL_ARGUMENT before anything is sent. One that is
 /// too short and known to the compiler is an error at compile time: with Clang always, with GCC
 /// from -O1 on.
 ///
 /// OWNERS (bytes, reply) are moved, not copied; one that was moved from is empty. What they hand
-/// out are views that end with them. Destroy them before the library: one that outlives it can
-/// still be read, and then its memory is lost, and a line in the log tells.
+/// out are views that end with them; one of a temporary owner does not compile. Destroy owners
+/// before the library: one that outlives it can still be read, and then its memory is lost, and a
+/// line in the log tells.
+///
+/// RAW. The functions of ruvo.h have no MGET, say. An operation that says "raw" is sent with
+/// RUVO_ExecRedisCmd, in one round trip unless it says more. Where a server fails, such a command
+/// may go on in ANOTHER POOL, unless the configuration says `raw_commands_stay_in_pool` (as
+/// `recommended_defaults` does): without it, use them only where all pools have the same data. With
+/// `send_once` a raw command is never sent again once it may have run. Its failures tell more:
+/// reply_text() has what Redis said.
 #ifndef RUVO_RUVO_HPP
 #define RUVO_RUVO_HPP
 
@@ -51,9 +65,13 @@
 #error "ruvo.hpp needs C++17; hosts in C and in older C++ use ruvo.h"
 #endif
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <initializer_list>
 #include <limits>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -66,166 +84,515 @@
 /// libruvo for hosts in C++17 and later, see ruvo.hpp.
 namespace ruvo {
 
-/// Starts the library, and ends it with its own lifetime; make it before everything else that uses
-/// the library, in `main` say. Several are counted, see RUVO_Init.
+/// Starts the library, and ends it with its own lifetime. Make it before everything else that uses
+/// the library, in `main` say, and let every thread that calls the library end before it does.
+/// Several are counted, see RUVO_Init.
 class [[nodiscard]] library {
  public:
   /// Reads the configuration and connects, see RUVO_Init.
-  explicit library(const c_text& config) noexcept : code_(RUVO_Init(config.c_str())) {}
+  [[nodiscard]] explicit library(const c_text& config) noexcept
+      : code_(RUVO_Init(config.c_str())),
+        counted_(code_ == RUVO_OK || code_ == RUVO_INIT_TEMP_POOL_FAILED ||
+                 code_ == RUVO_INIT_PERSIST_POOL_FAILED) {
+    // RUVO_Init only counts when a former start-up has failed for good, or has not ended yet.
+    if (counted_ && RUVO_FreeResult(nullptr) != RUVO_OK) {
+      code_ = RUVO_ERR_NOT_INITIALIZED;
+    }
+  }
   library(const library&) = delete;
   library& operator=(const library&) = delete;
   ~library() {
-    if (code_ == RUVO_OK || code_ == RUVO_INIT_TEMP_POOL_FAILED ||
-        code_ == RUVO_INIT_PERSIST_POOL_FAILED) {
+    if (counted_) {
       RUVO_Fini();
     }
   }
 
-  /// Is it ready, with all its pools?
+  /// Can calls work? Then the temporary and the persistent pool are ready; of the personality pool
+  /// only the log tells.
   explicit operator bool() const noexcept { return code_ == RUVO_OK; }
   /// What RUVO_Init returned: after RUVO_INIT_TEMP_POOL_FAILED and RUVO_INIT_PERSIST_POOL_FAILED it
-  /// is ready but for that pool, and a host may go on.
+  /// is ready but for that pool, and a host may go on. But RUVO_ERR_NOT_INITIALIZED where RUVO_Init
+  /// has only counted: a former start-up of this process has failed, which is final, or another
+  /// thread is still in one.
   int code() const noexcept { return code_; }
+  /// The same in category().
+  ruvo::error_code error() const noexcept { return ruvo::error_code(code_); }
 
  private:
   int code_;
+  bool counted_;
+};
+
+/// For set: only where there is no such key, or only where there is one.
+enum class condition : bool { if_absent, if_present };
+/// Only where there is no such key.
+inline constexpr condition if_absent = condition::if_absent;
+/// Only where there is such a key.
+inline constexpr condition if_present = condition::if_present;
+
+/// What pool::ttl gives for a key that stays: longer than all other times.
+inline constexpr std::chrono::milliseconds stays = std::chrono::milliseconds::max();
+
+/// Where the scan of a set or hash stands, see pool::sscan.
+class cursor {
+ public:
+  /// Has the scan come round?
+  bool done() const noexcept { return done_; }
+
+ private:
+  template <typename Backend>
+  friend class basic_pool;
+  std::string position_ = "0";
+  bool done_ = false;
+};
+
+/// The backend of `pool`: the functions of ruvo.h.
+struct functions {
+  /// @cond
+  static result<void> set(RedisServerType pool, const c_text& key, const bytes_view& value,
+                          int seconds) noexcept {
+    return done(key,
+                RUVO_InsertKey(key.c_str(), value.data(), value.size(), seconds, pool, nullptr));
+  }
+  static result<void> append(RedisServerType pool, const c_text& key,
+                             const bytes_view& value) noexcept {
+    return done(key, RUVO_AppendKey(key.c_str(), value.data(), value.size(), pool, nullptr));
+  }
+  static result<bytes> get(RedisServerType pool, const c_text& key) noexcept {
+    const char* data = nullptr;
+    unsigned long size = 0;
+    const int code = RUVO_QueryKey(key.c_str(), &data, &size, pool, nullptr);
+    return owned(key, code, data, size);
+  }
+  static result<long long> increment(RedisServerType pool, const c_text& key) noexcept {
+    // What no sum with 1 comes to: it stays where Redis answered with something that is no number.
+    constexpr long long no_sum = std::numeric_limits<long long>::min();
+    long long sum = no_sum;
+    const int code = RUVO_IncreaseKey(key.c_str(), &sum, pool, nullptr);
+    return value_of(key, code == RUVO_OK && sum == no_sum ? RUVO_ERR_FAILED : code, sum);
+  }
+  static result<bool> exists(RedisServerType pool, const c_text& key) noexcept {
+    return yes_or_no(key, RUVO_ExistsKey(key.c_str(), pool, nullptr), RUVO_ABSENT);
+  }
+  static result<void> remove(RedisServerType pool, const c_text& key) noexcept {
+    return done(key, RUVO_DeleteKey(key.c_str(), pool, nullptr));
+  }
+  static result<void> expire(RedisServerType pool, const c_text& key, unsigned seconds) noexcept {
+    return done(key, RUVO_ExpireKey(key.c_str(), seconds, pool, nullptr));
+  }
+  static result<void> persist(RedisServerType pool, const c_text& key) noexcept {
+    return done(key, RUVO_PersistKey(key.c_str(), pool, nullptr));
+  }
+  static result<void> hset(RedisServerType pool, const c_text& key, const c_bytes& field,
+                           const c_bytes& value, int seconds) noexcept {
+    return done(key, RUVO_HashSet(key.c_str(), field.data(), field.size(), value.data(),
+                                  value.size(), seconds, pool, nullptr));
+  }
+  static result<bytes> hget(RedisServerType pool, const c_text& key,
+                            const c_bytes& field) noexcept {
+    const char* data = nullptr;
+    unsigned long size = 0;
+    const int code =
+        RUVO_HashGet(key.c_str(), field.data(), field.size(), &data, &size, pool, nullptr);
+    return owned(key, code, data, size);
+  }
+  static result<bool> hexists(RedisServerType pool, const c_text& key,
+                              const c_bytes& field) noexcept {
+    return yes_or_no(key,
+                     RUVO_HashFieldExist(key.c_str(), field.data(), field.size(), pool, nullptr),
+                     RUVO_ABSENT);
+  }
+  static result<long long> hincrby(RedisServerType pool, const c_text& key, const c_bytes& field,
+                                   long long amount) noexcept {
+    long long sum = 0;
+    const int code =
+        RUVO_HashIncrBy(key.c_str(), field.data(), field.size(), amount, &sum, pool, nullptr);
+    return value_of(key, code, sum);
+  }
+  static result<long long> hlen(RedisServerType pool, const c_text& key) noexcept {
+    long long fields = 0;
+    const int code = RUVO_HashFieldsNum(key.c_str(), &fields, pool, nullptr);
+    return value_of(key, code, fields);
+  }
+  static result<void> hdel(RedisServerType pool, const c_text& key, const c_bytes& field) noexcept {
+    return done(key, RUVO_HashDelField(key.c_str(), field.data(), field.size(), pool, nullptr));
+  }
+  static result<long long> lpush(RedisServerType pool, const c_text& key, const c_bytes& value,
+                                 int seconds) noexcept {
+    long long length = 0;
+    const int code =
+        RUVO_LPush(key.c_str(), value.data(), value.size(), seconds, &length, pool, nullptr);
+    return value_of(key, code == RUVO_OK && length == 0 ? RUVO_ERR_FAILED : code, length);
+  }
+  static result<std::string> rpop(RedisServerType pool, const c_text& key) noexcept {
+    std::string element;
+    const int code = RUVO_RPop(key.c_str(), element, pool, nullptr);
+    return value_of(key, code == RUVO_NOTHING_DONE ? RUVO_OK : code, std::move(element));
+  }
+  static result<std::vector<std::string>> lrange(RedisServerType pool, const c_text& key, int first,
+                                                 int last) noexcept {
+    std::vector<std::string> elements;
+    const int code = RUVO_LRange(key.c_str(), first, last, elements, pool, nullptr);
+    return value_of(key, code, std::move(elements));
+  }
+  static result<void> ltrim(RedisServerType pool, const c_text& key, int first, int last) noexcept {
+    return done(key, RUVO_LTrim(key.c_str(), first, last, pool, nullptr));
+  }
+  static result<void> lrem(RedisServerType pool, const c_text& key, int count,
+                           const c_text& value) noexcept {
+    return done(key.has_zero_byte() ? key : value,
+                RUVO_LRem(key.c_str(), count, value.c_str(), pool, nullptr));
+  }
+  static result<bool> sadd(RedisServerType pool, const c_text& key,
+                           const c_bytes& member) noexcept {
+    return yes_or_no(key, RUVO_SAdd(key.c_str(), member.data(), member.size(), pool, nullptr),
+                     RUVO_NOTHING_DONE);
+  }
+  static result<bool> sismember(RedisServerType pool, const c_text& key,
+                                const c_bytes& member) noexcept {
+    return yes_or_no(key, RUVO_SIsmember(key.c_str(), member.data(), member.size(), pool, nullptr),
+                     RUVO_NOTHING_DONE);
+  }
+  static result<void> srem(RedisServerType pool, const c_text& key,
+                           const c_bytes& member) noexcept {
+    return done(key, RUVO_SRem(key.c_str(), member.data(), member.size(), pool, nullptr));
+  }
+  static result<std::vector<std::string>> smembers(RedisServerType pool,
+                                                   const c_text& key) noexcept {
+    std::vector<std::string> members;
+    const int code = RUVO_SMembers(key.c_str(), members, pool, nullptr);
+    return value_of(key, code, std::move(members));
+  }
+  template <std::size_t count>
+  static result<reply> command(RedisServerType pool,
+                               const std::string_view (&words)[count]) noexcept {
+    return replied(detail::execute(pool, count, words, std::make_index_sequence<2 * count>()));
+  }
+  static result<reply> command(RedisServerType pool, words_view words) {
+    return replied(detail::execute(pool, words));
+  }
+  /// @endcond
+
+ private:
+  static failure failed(const c_text& key, int code) noexcept {
+    if (code == RUVO_ERR_NULL_ARGUMENT && key.has_zero_byte()) {
+      return {code, detail::cause::zero_byte};
+    }
+    return code;
+  }
+  static result<void> done(const c_text& key, int code) noexcept {
+    if (code != RUVO_OK) {
+      return failed(key, code);
+    }
+    return {};
+  }
+  template <typename T>
+  static result<T> value_of(const c_text& key, int code, T value) noexcept {
+    if (code != RUVO_OK) {
+      return failed(key, code);
+    }
+    return value;
+  }
+  static result<bool> yes_or_no(const c_text& key, int code, int no) noexcept {
+    return value_of(key, code == no ? RUVO_OK : code, code != no);
+  }
+  // A buffer is missing where Redis answered with something that is no text.
+  static result<bytes> owned(const c_text& key, int code, const char* data,
+                             std::size_t size) noexcept {
+    return value_of(key, code == RUVO_OK && data == nullptr ? RUVO_ERR_FAILED : code,
+                    bytes(data, size));
+  }
+  static result<reply> replied(void* raw) noexcept {
+    if (raw == nullptr) {
+      // The function has no code: whether calls can work is known to another one.
+      return RUVO_FreeResult(nullptr) == RUVO_OK ? failure(RUVO_ERR_FAILED, detail::cause::no_reply)
+                                                 : failure(RUVO_ERR_NOT_INITIALIZED);
+    }
+    return reply(raw);
+  }
 };
 
 /// A pool of servers: all operations. A number that is copied and shared freely. Each function says
 /// only what ruvo.h does not say of the one in brackets.
-class pool {
+///
+/// `pool` is the one over the functions of ruvo.h. A host that takes the pool as a template
+/// parameter can be tested without a Redis, on a backend of its own: a type that is copied, with
+/// those of the functions of ruvo::functions that the host needs. Each takes the RedisServerType
+/// and what the function here takes (texts as std::string_view, times as seconds, -1 for none) and
+/// returns the same. What is raw arrives as `result<reply> command(RedisServerType, words_view)`,
+/// and reply::of_text and the like make the answer:
+///
+///     struct all_is_well {
+///       static ruvo::result<ruvo::reply> command(RedisServerType, ruvo::words_view) {
+///         return ruvo::reply::of_status("OK");
+///       }
+///     };
+///     const ruvo::basic_pool<all_is_well> tested(eTempServer);
+///     std::cout << tested.command("SHUTDOWN").value() << '\n';  // OK
+template <typename Backend>
+class basic_pool : private Backend {
  public:
   /// The pool of this type.
-  explicit constexpr pool(RedisServerType type) noexcept : pool_(type) {}
+  explicit constexpr basic_pool(RedisServerType type, Backend backend = Backend()) noexcept
+      : Backend(std::move(backend)), pool_(type) {}
 
   /// @name String keys
   ///
-  ///     temp.set("motto", "per aspera", std::chrono::minutes(10));
-  ///     temp.append("motto", " ad astra");
+  ///     temp.set("motto", "per aspera", std::chrono::minutes(10)).value();  // throws if it fails
+  ///     temp.append("motto", " ad astra").value();
   ///     if (const ruvo::result<ruvo::bytes> motto = temp.get("motto")) {
   ///       std::cout << motto->size() << " bytes\n";  // 19 bytes
   ///     }
-  ///     temp.expire("motto", std::chrono::hours(24));
+  ///     temp.expire("motto", std::chrono::hours(24)).value();
   ///     if (const ruvo::result<void> gone = temp.remove("motto"); !gone) {
   ///       std::cerr << gone.error().message() << '\n';
   ///     }
+  ///     const auto locked =
+  ///         temp.set("lock:7", "me", std::chrono::milliseconds(1500), ruvo::if_absent);
+  ///     std::cout << (locked.yes() ? "mine" : "not mine") << '\n';  // mine
   /// @{
 
   /// Stores a value that stays (RUVO_InsertKey).
-  result<void> set(const c_text& key, std::string_view value) const noexcept {
-    return insert(key, value, -1);
+  result<void> set(const c_text& key, const bytes_view& value) const noexcept {
+    return Backend::set(pool_, key, value, -1);
   }
   /// Stores a value for a time.
-  [[gnu::always_inline]] result<void> set(const c_text& key, std::string_view value,
+  [[gnu::always_inline]] result<void> set(const c_text& key, const bytes_view& value,
                                           std::chrono::seconds time) const noexcept
       RUVO_FROM(1, time) {
-    return detail::fits<int>(time, 1) ? insert(key, value, static_cast<int>(time.count()))
-                                      : RUVO_ERR_NULL_ARGUMENT;
+    return detail::fits<int>(time, 1)
+               ? Backend::set(pool_, key, value, static_cast<int>(time.count()))
+               : result<void>(out_of_range());
+  }
+  /// Stores a value for a time that is not whole seconds. Raw: SET with PX.
+  template <typename Time, typename = detail::if_milliseconds<Time>>
+  [[gnu::always_inline]] result<void> set(const c_text& key, const bytes_view& value,
+                                          Time time) const RUVO_FROM(1, time) {
+    const std::chrono::milliseconds exact = time;
+    return detail::fits<long long>(exact, 1)
+               ? ask_key<void>(key, "SET", std::string_view(key), value, "PX", exact.count())
+               : result<void>(out_of_range());
+  }
+  /// Stores a value that stays if there is no such key, or if there is: was it stored? Raw: SET
+  /// with NX or XX. If a reply is lost and the command sent again, the second one answers.
+  result<bool> set(const c_text& key, const bytes_view& value, condition only) const {
+    return stored(ask_key<void>(key, "SET", std::string_view(key), value, name_of(only)));
+  }
+  /// The same for a time. Raw.
+  [[gnu::always_inline]] result<bool> set(const c_text& key, const bytes_view& value,
+                                          std::chrono::milliseconds time, condition only) const
+      RUVO_FROM(1, time) {
+    return detail::fits<long long>(time, 1)
+               ? stored(ask_key<void>(key, "SET", std::string_view(key), value, "PX", time.count(),
+                                      name_of(only)))
+               : result<bool>(out_of_range());
   }
   /// Puts more bytes at the end of a value (RUVO_AppendKey).
-  result<void> append(const c_text& key, std::string_view value) const noexcept {
-    return RUVO_AppendKey(key.c_str(), detail::data_of(value), value.size(), pool_, nullptr);
+  result<void> append(const c_text& key, const bytes_view& value) const noexcept {
+    return Backend::append(pool_, key, value);
   }
   /// Reads a value (RUVO_QueryKey).
-  [[nodiscard]] result<bytes> get(const c_text& key) const noexcept {
-    const char* data = nullptr;
-    unsigned long size = 0;
-    const int code = RUVO_QueryKey(key.c_str(), &data, &size, pool_, nullptr);
-    return owned(code, data, size);
-  }
+  result<bytes> get(const c_text& key) const noexcept { return Backend::get(pool_, key); }
   /// Adds 1 to a counter for the day (RUVO_IncreaseKey), and gives the sum.
   result<long long> increment(const c_text& key) const noexcept {
-    // What no sum with 1 comes to: it stays where Redis answered with something that is no number.
-    constexpr long long no_sum = std::numeric_limits<long long>::min();
-    long long sum = no_sum;
-    const int code = RUVO_IncreaseKey(key.c_str(), &sum, pool_, nullptr);
-    return value_of(code == RUVO_OK && sum == no_sum ? RUVO_ERR_FAILED : code, sum);
+    return Backend::increment(pool_, key);
+  }
+  /// Adds to a counter that stays, and gives the sum. Raw: INCRBY.
+  result<long long> increment(const c_text& key, long long by) const {
+    return ask_key<long long>(key, "INCRBY", std::string_view(key), by);
+  }
+  /// Adds to a counter that goes after a time, and gives the sum. The time is set with the first
+  /// count, by the same command, so that no counter stays for ever: one that has no time gets it.
+  /// Later counts do not prolong it. Raw: EVAL.
+  [[gnu::always_inline]] result<long long> increment(const c_text& key, long long by,
+                                                     std::chrono::milliseconds time) const
+      RUVO_FROM(1, time) {
+    return detail::fits<long long>(time, 1) ? count(key, by, time)
+                                            : result<long long>(out_of_range());
   }
   /// Is the key there? (RUVO_ExistsKey)
-  [[nodiscard]] result<bool> exists(const c_text& key) const noexcept {
-    return yes_or_no(RUVO_ExistsKey(key.c_str(), pool_, nullptr), RUVO_ABSENT);
-  }
+  result<bool> exists(const c_text& key) const noexcept { return Backend::exists(pool_, key); }
   /// Deletes a key, of whatever type (RUVO_DeleteKey).
-  result<void> remove(const c_text& key) const noexcept {
-    return RUVO_DeleteKey(key.c_str(), pool_, nullptr);
-  }
+  result<void> remove(const c_text& key) const noexcept { return Backend::remove(pool_, key); }
   /// Lets a key, of whatever type, go after a time; 0 deletes it (RUVO_ExpireKey).
   [[gnu::always_inline]] result<void> expire(const c_text& key,
                                              std::chrono::seconds time) const noexcept
       RUVO_FROM(0, time) {
     return detail::fits<unsigned>(time, 0)
-               ? RUVO_ExpireKey(key.c_str(), static_cast<unsigned>(time.count()), pool_, nullptr)
-               : RUVO_ERR_NULL_ARGUMENT;
+               ? Backend::expire(pool_, key, static_cast<unsigned>(time.count()))
+               : result<void>(out_of_range());
   }
   /// Lets a key stay (RUVO_PersistKey).
-  result<void> persist(const c_text& key) const noexcept {
-    return RUVO_PersistKey(key.c_str(), pool_, nullptr);
+  result<void> persist(const c_text& key) const noexcept { return Backend::persist(pool_, key); }
+  /// How long a key has to live; `stays` if it has no such time, and absent() if there is no such
+  /// key. Raw: PTTL.
+  result<std::chrono::milliseconds> ttl(const c_text& key) const {
+    constexpr long long no_key = -2;
+    const result<long long> left = ask_key<long long>(key, "PTTL", std::string_view(key));
+    if (!left) {
+      return left.why();
+    }
+    if (*left == no_key) {
+      return failure(RUVO_ERR_NOT_FOUND);
+    }
+    return *left < 0 ? stays : std::chrono::milliseconds(*left);
+  }
+
+  /// @}
+
+  /// @name Many keys at once
+  ///
+  ///     temp.mset({{"user:1", "Ada"}, {"user:2", "Bob"}}).value();
+  ///     const std::vector<std::string> wanted = {"user:1", "user:3"};
+  ///     for (const auto& name : temp.mget(wanted).value()) {
+  ///       std::cout << name.value_or("nobody") << '\n';  // Ada, nobody
+  ///     }
+  ///     std::cout << temp.remove({"user:1", "user:2", "user:3"}).value_or(0) << '\n';  // 2
+  ///
+  /// They take a range (a std::vector, say) or a list in braces. One that is too long for a command
+  /// is sent as several, each by itself: if one fails, those before it have been carried out. For
+  /// an empty one nothing is sent.
+  /// @{
+
+  /// Reads the values of keys, in their order; none where there is no such string. Raw: MGET, with
+  /// up to 1,023 keys in each.
+  template <typename Keys>
+  result<std::vector<std::optional<std::string>>> mget(const Keys& keys) const {
+    std::vector<std::optional<std::string>> values;
+    const failure why = in_batches<std::vector<std::optional<std::string>>>(
+        words("MGET"), keys_of(keys), 1, [&values](auto part) {
+          values.insert(values.end(), std::make_move_iterator(part.begin()),
+                        std::make_move_iterator(part.end()));
+        });
+    return value_unless(why, std::move(values));
+  }
+  /// The same.
+  result<std::vector<std::optional<std::string>>> mget(
+      std::initializer_list<bytes_view> keys) const {
+    return mget<std::initializer_list<bytes_view>>(keys);
+  }
+  /// Stores values that stay, from pairs of key and value (a std::map, say). Raw: MSET, with up to
+  /// 511 pairs in each.
+  template <typename Pairs>
+  result<void> mset(const Pairs& pairs) const {
+    return in_batches<void>(words("MSET"), pairs_of(pairs), 2);
+  }
+  /// The same.
+  result<void> mset(std::initializer_list<std::pair<bytes_view, bytes_view>> pairs) const {
+    return mset<std::initializer_list<std::pair<bytes_view, bytes_view>>>(pairs);
+  }
+  /// Deletes keys, and gives the number of those that there were. Raw: DEL, with up to 1,023 keys
+  /// in each.
+  template <typename Keys, typename = std::enable_if_t<!detail::is_text<Keys>>>
+  result<long long> remove(const Keys& keys) const {
+    long long removed = 0;
+    const failure why = in_batches<long long>(words("DEL"), keys_of(keys), 1,
+                                              [&removed](long long part) { removed += part; });
+    return value_unless(why, removed);
+  }
+  /// The same.
+  result<long long> remove(std::initializer_list<bytes_view> keys) const {
+    return remove<std::initializer_list<bytes_view>>(keys);
   }
 
   /// @}
 
   /// @name Hashes
   ///
-  ///     temp.hset("user:7:profile", "city", "London");
+  ///     temp.hset("user:7:profile", "city", "London").value();
   ///     std::cout << temp.hincrby("user:7:profile", "logins", 2).value_or(0) << '\n';  // 2
   ///     if (const auto city = temp.hget("user:7:profile", "city")) {
-  ///       std::cout << std::string_view(*city) << '\n';  // London
+  ///       std::cout << *city << '\n';  // London
+  ///     }
+  ///     temp.hset("session:9", {{"user", "7"}, {"role", "guest"}}, std::chrono::hours(1)).value();
+  ///     for (const auto& [field, value] : temp.hgetall("session:9").value_or({})) {
+  ///       std::cout << field << '=' << value << '\n';  // role=guest, user=7
   ///     }
   /// @{
 
   /// Sets a field (RUVO_HashSet).
-  result<void> hset(const c_text& key, std::string_view field,
-                    std::string_view value) const noexcept {
-    return set_field(key, field, value, -1);
+  result<void> hset(const c_text& key, const c_bytes& field, const c_bytes& value) const noexcept {
+    return Backend::hset(pool_, key, field, value, -1);
   }
   /// Sets a field, and lets the whole hash go after a time.
-  [[gnu::always_inline]] result<void> hset(const c_text& key, std::string_view field,
-                                           std::string_view value,
+  [[gnu::always_inline]] result<void> hset(const c_text& key, const c_bytes& field,
+                                           const c_bytes& value,
                                            std::chrono::seconds time) const noexcept
       RUVO_FROM(1, time) {
-    return detail::fits<int>(time, 1) ? set_field(key, field, value, static_cast<int>(time.count()))
-                                      : RUVO_ERR_NULL_ARGUMENT;
+    return detail::fits<int>(time, 1)
+               ? Backend::hset(pool_, key, field, value, static_cast<int>(time.count()))
+               : result<void>(out_of_range());
+  }
+  /// Sets fields, from pairs of field and value (a std::map, say). Raw: HSET, with up to 511 pairs
+  /// in each.
+  template <typename Pairs>
+  result<void> hset(const c_text& key, const Pairs& fields) const {
+    return key.c_str() == nullptr
+               ? refused(key)
+               : in_batches<void>(words("HSET", std::string_view(key)), pairs_of(fields), 2,
+                                  ignore(), first_word::any);
+  }
+  /// The same.
+  result<void> hset(const c_text& key,
+                    std::initializer_list<std::pair<bytes_view, bytes_view>> fields) const {
+    return hset<std::initializer_list<std::pair<bytes_view, bytes_view>>>(key, fields);
+  }
+  /// Sets fields and the time after which the whole hash goes, by one command, so that no hash
+  /// stays for ever. Raw: EVAL, with up to 509 pairs in each.
+  template <typename Pairs>
+  [[gnu::always_inline]] result<void> hset(const c_text& key, const Pairs& fields,
+                                           std::chrono::milliseconds time) const
+      RUVO_FROM(1, time) {
+    return !detail::fits<long long>(time, 1) ? result<void>(out_of_range())
+           : key.c_str() == nullptr          ? refused(key)
+                                             : set_fields(key, fields, time);
+  }
+  /// The same.
+  [[gnu::always_inline]] result<void> hset(
+      const c_text& key, std::initializer_list<std::pair<bytes_view, bytes_view>> fields,
+      std::chrono::milliseconds time) const RUVO_FROM(1, time) {
+    return hset<std::initializer_list<std::pair<bytes_view, bytes_view>>>(key, fields, time);
   }
   /// Reads a field (RUVO_HashGet).
-  [[nodiscard]] result<bytes> hget(const c_text& key, std::string_view field) const noexcept {
-    const char* data = nullptr;
-    unsigned long size = 0;
-    const int code = RUVO_HashGet(key.c_str(), detail::data_of(field), field.size(), &data, &size,
-                                  pool_, nullptr);
-    return owned(code, data, size);
+  result<bytes> hget(const c_text& key, const c_bytes& field) const noexcept {
+    return Backend::hget(pool_, key, field);
+  }
+  /// Reads all fields; absent() where there is no such hash. Raw: HGETALL.
+  result<std::map<std::string, std::string>> hgetall(const c_text& key) const {
+    auto all = ask_key<std::map<std::string, std::string>>(key, "HGETALL", std::string_view(key));
+    if (all && all->empty()) {
+      return failure(RUVO_ERR_NOT_FOUND);
+    }
+    return all;
   }
   /// Is the field there? (RUVO_HashFieldExist)
-  [[nodiscard]] result<bool> hexists(const c_text& key, std::string_view field) const noexcept {
-    return yes_or_no(
-        RUVO_HashFieldExist(key.c_str(), detail::data_of(field), field.size(), pool_, nullptr),
-        RUVO_ABSENT);
+  result<bool> hexists(const c_text& key, const c_bytes& field) const noexcept {
+    return Backend::hexists(pool_, key, field);
   }
   /// Adds to the number in a field, and gives the sum (RUVO_HashIncrBy).
-  result<long long> hincrby(const c_text& key, std::string_view field,
+  result<long long> hincrby(const c_text& key, const c_bytes& field,
                             long long amount) const noexcept {
-    long long sum = 0;
-    const int code = RUVO_HashIncrBy(key.c_str(), detail::data_of(field), field.size(), amount,
-                                     &sum, pool_, nullptr);
-    return value_of(code, sum);
+    return Backend::hincrby(pool_, key, field, amount);
   }
   /// How many fields there are; 0 where there is no such hash (RUVO_HashFieldsNum).
-  [[nodiscard]] result<long long> hlen(const c_text& key) const noexcept {
-    long long fields = 0;
-    const int code = RUVO_HashFieldsNum(key.c_str(), &fields, pool_, nullptr);
-    return value_of(code, fields);
-  }
+  result<long long> hlen(const c_text& key) const noexcept { return Backend::hlen(pool_, key); }
   /// Deletes a field (RUVO_HashDelField).
-  result<void> hdel(const c_text& key, std::string_view field) const noexcept {
-    return RUVO_HashDelField(key.c_str(), detail::data_of(field), field.size(), pool_, nullptr);
+  result<void> hdel(const c_text& key, const c_bytes& field) const noexcept {
+    return Backend::hdel(pool_, key, field);
+  }
+  /// Reads the next page of a hash, see sscan. Raw: HSCAN.
+  result<std::vector<std::pair<std::string, std::string>>> hscan(const c_text& key, cursor& at,
+                                                                 unsigned page = 100) const {
+    return scan<std::pair<std::string, std::string>>("HSCAN", key, at, page);
   }
 
   /// @}
 
   /// @name Lists
   ///
-  ///     temp.lpush("jobs", "first");
+  ///     std::cout << temp.lpush("jobs", "first").value_or(0) << " job\n";  // 1 job
   ///     std::cout << temp.lpush("jobs", "second").value_or(0) << " jobs\n";  // 2 jobs
-  ///     for (const std::string& job : temp.lrange("jobs", 0, -1).value()) {
+  ///     for (const std::string& job : temp.lrange("jobs", 0, -1).value_or({})) {
   ///       std::cout << job << '\n';  // second, first
   ///     }
   ///     while (const ruvo::result<std::string> job = temp.rpop("jobs")) {
@@ -234,37 +601,32 @@ class pool {
   /// @{
 
   /// Puts an element at the head, and gives the new length (RUVO_LPush).
-  result<long long> lpush(const c_text& key, std::string_view value) const noexcept {
-    return push(key, value, 0);
+  result<long long> lpush(const c_text& key, const c_bytes& value) const noexcept {
+    return Backend::lpush(pool_, key, value, 0);
   }
   /// The same, and lets the whole list go after a time.
-  [[gnu::always_inline]] result<long long> lpush(const c_text& key, std::string_view value,
+  [[gnu::always_inline]] result<long long> lpush(const c_text& key, const c_bytes& value,
                                                  std::chrono::seconds time) const noexcept
       RUVO_FROM(1, time) {
-    return detail::fits<int>(time, 1) ? push(key, value, static_cast<int>(time.count()))
-                                      : failure{RUVO_ERR_NULL_ARGUMENT};
+    return detail::fits<int>(time, 1)
+               ? Backend::lpush(pool_, key, value, static_cast<int>(time.count()))
+               : result<long long>(out_of_range());
   }
   /// Takes the element at the tail, which may be an empty one (RUVO_RPop).
-  result<std::string> rpop(const c_text& key) const noexcept {
-    std::string element;
-    const int code = RUVO_RPop(key.c_str(), element, pool_, nullptr);
-    return value_of(code == RUVO_NOTHING_DONE ? RUVO_OK : code, std::move(element));
-  }
-  /// Reads the elements from `first` to `last`, without empty ones (RUVO_LRange).
-  [[nodiscard]] result<std::vector<std::string>> lrange(const c_text& key, int first,
-                                                        int last) const noexcept {
-    std::vector<std::string> elements;
-    const int code = RUVO_LRange(key.c_str(), first, last, elements, pool_, nullptr);
-    return value_of(code, std::move(elements));
+  result<std::string> rpop(const c_text& key) const noexcept { return Backend::rpop(pool_, key); }
+  /// Reads the elements from `first` to `last`, without empty ones; absent() where there are none
+  /// (RUVO_LRange).
+  result<std::vector<std::string>> lrange(const c_text& key, int first, int last) const noexcept {
+    return Backend::lrange(pool_, key, first, last);
   }
   /// Cuts a list down to the elements from `first` to `last` (RUVO_LTrim).
   result<void> ltrim(const c_text& key, int first, int last) const noexcept {
-    return RUVO_LTrim(key.c_str(), first, last, pool_, nullptr);
+    return Backend::ltrim(pool_, key, first, last);
   }
   /// Removes elements that equal `value`, which is refused like a key when it has a zero byte in
   /// it; absent() when there were none (RUVO_LRem).
   result<void> lrem(const c_text& key, int count, const c_text& value) const noexcept {
-    return RUVO_LRem(key.c_str(), count, value.c_str(), pool_, nullptr);
+    return Backend::lrem(pool_, key, count, value);
   }
 
   /// @}
@@ -272,37 +634,88 @@ class pool {
   /// @name Sets
   ///
   ///     const auto added = temp.sadd("online", "Ada");
-  ///     std::cout << (added.value() ? "new" : "known") << '\n';  // new
-  ///     const bool online = temp.sismember("online", "Bob").value_or(false);
-  ///     std::cout << (online ? "here" : "gone") << '\n';  // gone
-  ///     std::cout << temp.smembers("online")->front() << '\n';  // Ada
+  ///     std::cout << (added.yes() ? "new" : "known") << '\n';  // new
+  ///     if (const auto online = temp.sismember("online", "Bob"); online.no()) {
+  ///       std::cout << "gone\n";  // gone
+  ///     } else if (online.failed()) {
+  ///       std::cerr << online.error().message() << '\n';
+  ///     }
+  ///     for (const std::string& name : temp.smembers("online").value_or({})) {
+  ///       std::cout << name << '\n';  // Ada
+  ///     }
   /// @{
 
   /// Adds a member: is it new? (RUVO_SAdd)
-  result<bool> sadd(const c_text& key, std::string_view member) const noexcept {
-    return yes_or_no(RUVO_SAdd(key.c_str(), detail::data_of(member), member.size(), pool_, nullptr),
-                     RUVO_NOTHING_DONE);
+  result<bool> sadd(const c_text& key, const c_bytes& member) const noexcept {
+    return Backend::sadd(pool_, key, member);
   }
   /// Is it a member? (RUVO_SIsmember)
-  [[nodiscard]] result<bool> sismember(const c_text& key, std::string_view member) const noexcept {
-    return yes_or_no(
-        RUVO_SIsmember(key.c_str(), detail::data_of(member), member.size(), pool_, nullptr),
-        RUVO_NOTHING_DONE);
+  result<bool> sismember(const c_text& key, const c_bytes& member) const noexcept {
+    return Backend::sismember(pool_, key, member);
   }
   /// Removes a member (RUVO_SRem).
-  result<void> srem(const c_text& key, std::string_view member) const noexcept {
-    return RUVO_SRem(key.c_str(), detail::data_of(member), member.size(), pool_, nullptr);
+  result<void> srem(const c_text& key, const c_bytes& member) const noexcept {
+    return Backend::srem(pool_, key, member);
   }
-  /// Reads all members but an empty one (RUVO_SMembers).
-  [[nodiscard]] result<std::vector<std::string>> smembers(const c_text& key) const noexcept {
-    std::vector<std::string> members;
-    const int code = RUVO_SMembers(key.c_str(), members, pool_, nullptr);
-    return value_of(code, std::move(members));
+  /// Reads all members but an empty one; absent() where there are none (RUVO_SMembers).
+  result<std::vector<std::string>> smembers(const c_text& key) const noexcept {
+    return Backend::smembers(pool_, key);
+  }
+  /// Reads the next page of a set of any size: about `page` members, sometimes none, sometimes one
+  /// twice. A page that fails leaves the cursor where it is. All servers of the pool must know the
+  /// cursors of each other, as proxies in front of one Redis do. Raw: SSCAN.
+  ///
+  ///     for (ruvo::cursor at; !at.done();) {
+  ///       for (const std::string& name : temp.sscan("online", at).value()) {
+  ///         std::cout << name << " is online\n";  // Ada is online
+  ///       }
+  ///     }
+  result<std::vector<std::string>> sscan(const c_text& key, cursor& at, unsigned page = 100) const {
+    return scan<std::string>("SSCAN", key, at, page);
   }
 
   /// @}
 
   /// @name Any command
+  ///
+  ///     const auto both = temp.ask<std::vector<std::string>>("HMGET", "session:9", "user",
+  ///     "role"); std::cout << (both ? (*both)[1] : both.error().message()) << '\n';  // guest
+  ///     std::cout << temp.ask<int>("INCR", "user:7").reply_text().substr(0, 3) << '\n';  // ERR
+  ///     temp.ask<void>("ZADD", "scores", 2.5, "Ada", 1, "Bob").value();
+  ///     using scores = std::vector<std::pair<std::string, double>>;
+  ///     const auto top = temp.ask<scores>("ZREVRANGE", "scores", 0, 0, "WITHSCORES").value();
+  ///     std::cout << top[0].first << ' ' << top[0].second << '\n';  // Ada 2.5
+  ///
+  /// A word is a text, taken whatever bytes it holds, or a number, written shortest; no format
+  /// string. A range of these (pairs too, as in a std::map) and ruvo::words may stand anywhere
+  /// among them. Raw, of course. A command has at most 1,024 words; more are refused with
+  /// RUVO_ERR_NULL_ARGUMENT, and more than 1 GiB with RUVO_ERR_FAILED.
+  /// @{
+
+  /// Runs a command and gives its answer as a T:
+  ///
+  /// - `void`: anything
+  /// - `bool`: of 1 and 0, and of the status OK
+  /// - a whole number or floating-point type: of a number, or of a text that is one and fits
+  /// - std::string, bytes: of a text
+  /// - std::pair of these: of an array of two
+  /// - std::optional: also of nil
+  /// - std::vector: of an array
+  /// - std::vector of std::pair, std::map, std::unordered_map: of an array of keys and values in
+  ///   turn, or of arrays of two
+  ///
+  /// and of these again, as deep as it goes. Nil is absent(), except for std::optional. An error
+  /// reply is a failure with RUVO_ERR_FAILED, and so is one that has another shape; reply_text()
+  /// has what Redis said.
+  template <typename T, typename... Words>
+  result<T> ask(const Words&... words) const {
+    static_assert(detail::reader<T>::known,
+                  "ruvo: ask gives void, bool, numbers, texts and containers of these");
+    return answer<T>(command(words...));
+  }
+
+  /// Runs a command and gives Redis' reply (RUVO_ExecRedisCmd). A reply that is an error is a
+  /// success of the call: look at is_error(), or use ask.
   ///
   ///     const auto range = temp.command("GETRANGE", "user:7", 0, 1);
   ///     if (range && !range->is_error()) {
@@ -310,85 +723,194 @@ class pool {
   ///     }
   ///     const auto found = temp.command("MGET", "user:7", "user:8").value();
   ///     for (const ruvo::reply_view element : found) {
-  ///       std::cout << (element.is_nil() ? "nobody" : element.text()) << '\n';  // Ada, nobody
+  ///       std::cout << element << '\n';  // "Ada", (nil)
   ///     }
-  ///     std::cout << temp.command("INCR", "user:7")->is_error() << '\n';  // 1
-  /// @{
-
-  /// Runs a command and gives Redis' reply (RUVO_ExecRedisCmd, which says when it goes to another
-  /// pool). A word is a text, taken whatever bytes it holds, or a whole number. A reply that is an
-  /// error is a success of the call, see reply_view::is_error. More than 1 GiB is refused with
-  /// RUVO_ERR_FAILED.
   template <typename... Words>
-  result<reply> command(const Words&... words) const noexcept {
+  result<reply> command(const Words&... words) const {
     constexpr bool is_command = sizeof...(Words) > 0;
-    constexpr bool are_words = ((detail::is_text<Words> || detail::is_whole_number<Words>)&&...);
+    constexpr bool are_words = (detail::is_word<Words> && ...);
     static_assert(is_command, "ruvo: a command has at least one word");
-    static_assert(are_words, "ruvo: a word of a command is a text or a whole number");
-    if constexpr (is_command && are_words) {
+    static_assert(are_words, "ruvo: a word of a command is a text or a number, or a range of them");
+    if constexpr (!is_command || !are_words) {
+      return failure(RUVO_ERR_FAILED);
+    } else if constexpr ((detail::is_single_word<Words> && ...)) {
       const detail::word all[] = {detail::word(words)...};
-      return run(all, std::make_index_sequence<2 * sizeof...(Words)>());
+      return run(all, std::index_sequence_for<Words...>());
+    } else if constexpr (sizeof...(Words) == 1 && (std::is_same_v<Words, ruvo::words> && ...)) {
+      return run((words.views(), ...));
     } else {
-      return failure{RUVO_ERR_FAILED};
+      return run(ruvo::words(words...).views());
     }
   }
 
   /// @}
 
  private:
+  static failure out_of_range() noexcept {
+    return {RUVO_ERR_NULL_ARGUMENT, detail::cause::time_out_of_range};
+  }
+  static failure refused(const c_text& key) noexcept {
+    return {RUVO_ERR_NULL_ARGUMENT,
+            key.has_zero_byte() ? detail::cause::zero_byte : detail::cause::of_code};
+  }
+  static const char* name_of(condition only) noexcept {
+    return only == condition::if_absent ? "NX" : "XX";
+  }
+  // A SET whose condition does not hold answers nil.
+  static result<bool> stored(const result<void>& set) noexcept {
+    if (!set && !set.absent()) {
+      return set.why();
+    }
+    return static_cast<bool>(set);
+  }
   template <typename T>
-  static result<T> value_of(int code, T value) noexcept {
-    if (code != RUVO_OK) {
-      return failure{code};
+  static result<T> value_unless(const failure& why, T value) noexcept {
+    if (why.code() != RUVO_OK) {
+      return why;
     }
     return value;
   }
-  static result<bool> yes_or_no(int code, int no) noexcept {
-    return value_of(code == no ? RUVO_OK : code, code != no);
-  }
-  // A buffer is missing where Redis answered with something that is no text.
-  static result<bytes> owned(int code, const char* data, std::size_t size) noexcept {
-    return value_of(code == RUVO_OK && data == nullptr ? RUVO_ERR_FAILED : code, bytes(data, size));
+
+  // Raw commands take a key like the functions do: one with a zero byte would be another key there.
+  template <typename T, typename... Words>
+  result<T> ask_key(const c_text& key, const Words&... words) const {
+    if (key.c_str() == nullptr) {
+      return refused(key);
+    }
+    return ask<T>(words...);
   }
 
-  int insert(const c_text& key, std::string_view value, int time_out) const noexcept {
-    return RUVO_InsertKey(key.c_str(), detail::data_of(value), value.size(), time_out, pool_,
-                          nullptr);
+  result<long long> count(const c_text& key, long long by, std::chrono::milliseconds time) const {
+    // The sum as a text, since a number of the script's language has 53 bits.
+    return ask_key<long long>(key, "EVAL",
+                              "redis.call('INCRBY',KEYS[1],ARGV[1]) "
+                              "if redis.call('PTTL',KEYS[1])<0 then "
+                              "redis.call('PEXPIRE',KEYS[1],ARGV[2]) end "
+                              "return redis.call('GET',KEYS[1])",
+                              1, std::string_view(key), by, time.count());
   }
-  int set_field(const c_text& key, std::string_view field, std::string_view value,
-                int time_out) const noexcept {
-    return RUVO_HashSet(key.c_str(), detail::data_of(field), field.size(), detail::data_of(value),
-                        value.size(), time_out, pool_, nullptr);
+
+  template <typename Pairs>
+  result<void> set_fields(const c_text& key, const Pairs& fields,
+                          std::chrono::milliseconds time) const {
+    return in_batches<void>(words("EVAL",
+                                  "redis.call('HSET',KEYS[1],unpack(ARGV,2)) "
+                                  "return redis.call('PEXPIRE',KEYS[1],ARGV[1])",
+                                  1, std::string_view(key), time.count()),
+                            pairs_of(fields), 2, ignore(), first_word::any);
   }
-  result<long long> push(const c_text& key, std::string_view value, int time_out) const noexcept {
-    long long length = 0;
-    const int code = RUVO_LPush(key.c_str(), detail::data_of(value), value.size(), time_out,
-                                &length, pool_, nullptr);
-    return value_of(code == RUVO_OK && length == 0 ? RUVO_ERR_FAILED : code, length);
+
+  template <typename Element>
+  result<std::vector<Element>> scan(const char* command, const c_text& key, cursor& at,
+                                    unsigned page) const {
+    auto got = ask_key<std::pair<std::string, std::vector<Element>>>(
+        key, command, std::string_view(key), at.position_, "COUNT", page);
+    if (!got) {
+      return got.why();
+    }
+    at.position_ = got->first;
+    at.done_ = got->first == "0";
+    return std::move(got->second);
+  }
+
+  struct ignore {
+    template <typename... T>
+    void operator()(T&&...) const noexcept {}
+  };
+
+  template <typename T>
+  static result<T> answer(const result<reply>& got) {
+    if (!got) {
+      return got.why();
+    }
+    return detail::answer<T>(*got);
+  }
+
+  // Sends the words of a range behind `head`, as often as it takes, and hands each answer to
+  // `take`. So many words at a time belong together; the first of them is a key, if there are keys.
+  enum class first_word : bool { key, any };
+  template <typename T, typename Take = ignore>
+  failure in_batches(const words& head, const words& all, std::size_t together, Take take = {},
+                     first_word first = first_word::key) const {
+    const std::vector<std::string_view> parts = all.views();
+    for (std::size_t i = 0; i < parts.size(); i += together) {
+      if (first == first_word::key && parts[i].find('\0') != std::string_view::npos) {
+        return {RUVO_ERR_NULL_ARGUMENT, detail::cause::zero_byte};
+      }
+    }
+    if (failure why = check(parts); why.code() == RUVO_ERR_NULL_ARGUMENT) {
+      return why;  // before the first batch, so that nothing is half done
+    }
+    const std::size_t room = (words::most - head.size()) / together * together;
+    for (std::size_t i = 0; i < parts.size(); i += room) {
+      std::vector<std::string_view> batch = head.views();
+      const auto from = parts.begin() + static_cast<std::ptrdiff_t>(i);
+      const std::size_t count = std::min(room, parts.size() - i);
+      batch.insert(batch.end(), from, from + static_cast<std::ptrdiff_t>(count));
+      auto part = answer<T>(run(batch));
+      if (!part) {
+        return part.why();
+      }
+      if constexpr (!std::is_void_v<T>) {
+        take(*std::move(part));
+      }
+    }
+    return RUVO_OK;
+  }
+
+  template <typename Keys>
+  static words keys_of(const Keys& keys) {
+    static_assert(detail::is_list<Keys>, "ruvo: keys are a range of texts");
+    return words(keys);
+  }
+  template <typename Pairs>
+  static words pairs_of(const Pairs& pairs) {
+    static_assert(detail::is_list_of_pairs<Pairs>, "ruvo: what is set is a range of pairs");
+    return words(pairs);
   }
 
   // Redis reads no more of one command; hiredis counts in an int and has an end at twice that.
   static constexpr std::size_t max_command = std::size_t{1} << 30U;
 
-  template <std::size_t... position>
-  result<reply> run(const detail::word* words, std::index_sequence<position...>) const noexcept {
+  // Why a command cannot be sent, or RUVO_OK.
+  static failure check(words_view words) noexcept {
     std::size_t size = 0;
-    for (std::size_t i = 0; i < sizeof...(position) / 2; ++i) {
-      size += words[i].size();
+    for (const std::string_view word : words) {
+      if (word.data() == nullptr) {
+        return RUVO_ERR_NULL_ARGUMENT;
+      }
+      size += word.size();
     }
     if (size > max_command) {
-      return failure{RUVO_ERR_FAILED};
+      return {RUVO_ERR_FAILED, detail::cause::too_large};
     }
-    void* raw = RUVO_ExecRedisCmd(pool_, detail::command_template<sizeof...(position) / 2>.data(),
-                                  detail::argument<position>(words)...);
-    if (raw == nullptr) {
-      return failure{RUVO_ERR_FAILED};
+    return RUVO_OK;
+  }
+
+  template <std::size_t... position>
+  result<reply> run(const detail::word* words, std::index_sequence<position...>) const {
+    const std::string_view all[] = {words[position].text()...};
+    if (failure why = check(all); why.code() != RUVO_OK) {
+      return why;
     }
-    return reply(raw);
+    return Backend::command(pool_, all);
+  }
+  result<reply> run(const std::vector<std::string_view>& words) const {
+    if (words.empty() || words.size() > words::most) {
+      return failure(RUVO_ERR_NULL_ARGUMENT, detail::cause::number_of_words);
+    }
+    const words_view all(words);
+    if (failure why = check(all); why.code() != RUVO_OK) {
+      return why;
+    }
+    return Backend::command(pool_, all);
   }
 
   RedisServerType pool_;
 };
+
+/// A pool of the library's servers.
+using pool = basic_pool<functions>;
 
 #undef RUVO_FROM
 #undef RUVO_TIME_TOO_SHORT

@@ -28,11 +28,23 @@
 #include "options.h"
 #include "ruvo.h"
 #include "server_pool.h"
+#include "statistics.h"
 
 struct operation_call;
 
 // The reader that start-up loads the library's configuration with.
 extern vop_config ruvo_cfg;
+
+// What bounds a command of a call, and whether it may be sent twice.
+struct call_terms {
+  time_point deadline = no_deadline;
+  bool must_not_resend = false;
+};
+
+struct server_choice {
+  server_node* server = nullptr;  // null: none is usable
+  bool is_probe = false;
+};
 
 class ruvo_redis {
  public:
@@ -58,6 +70,8 @@ class ruvo_redis {
   // A usable server of the pool, or null: the next in turn when `svc_index` is negative, else the
   // first from that position on.
   server_node* get_server_node(RedisServerType redisSrvType, int svc_index);
+  // The same for a walk. A server that is being tried is this call's alone until end_probe().
+  server_choice choose_server(RedisServerType type, int svc_index);
   // The slot whose turn it is, or null when the server does not have it.
   conn_node* get_conn(server_node& svc_node, RedisServerType redisSrvType);
   bool is_server_valid(server_node* svc_node, RedisServerType redisSrvType);
@@ -66,8 +80,11 @@ class ruvo_redis {
   // Replaces a slot's context by a new one, or returns null and leaves the old one in place.
   // REQUIRES: the slot's lock is held.
   redisContext* reset_connection(conn_node& conn, server_addr& addr);
+  // The connection that it replaces the old one by.
+  context_ptr open_replacement(const server_addr& addr, time_point deadline);
 
   const client_options& options() const { return options_; }
+  const timeval& socket_timeout() const { return socket_timeout_tv_; }
 
   // ---- Forking ----
   // In the child of a fork: every connection is the parent's, and is rebuilt when it is used.
@@ -145,15 +162,20 @@ class ruvo_redis {
   void read_timeouts();
   void choose_addresses();
   int build_pools();
+  void keep_statistics();
   void watch_forks();
   void forget_forks();
   void close_pools();
 
   // Runs a command on a pool; see do_exec_command. A null `reply` asks for the code only.
-  int exec_command(const char* key, reply_ptr* reply, RedisServerType redisSrvType,
-                   const char* format, va_list args);
-  // For a second command whose outcome does not change that of the first.
-  void exec_regardless(const char* key, RedisServerType redisSrvType, const char* format, ...);
+  int exec_command(const call_terms& terms, const char* key, reply_ptr* reply,
+                   RedisServerType redisSrvType, const char* format, va_list args);
+  // For a second command whose outcome does not change that of the first, and which shares its
+  // time.
+  void exec_regardless(time_point deadline, const char* key, RedisServerType redisSrvType,
+                       const char* format, ...);
+  int expire(time_point deadline, const char* key, unsigned int time_out, RedisServerType type);
+  bool must_not_resend(bool is_idempotent) const { return options_.send_once && !is_idempotent; }
   // The road of every data operation up to its reply, see data_operation.h.
   int run(const operation_call& call, reply_ptr* reply, const char* format, ...);
 
@@ -166,6 +188,7 @@ class ruvo_redis {
   server_pool p_pool_;
   server_pool personality_pool_;
   client_options options_;
+  statistics_file statistics_;
   timeval conn_timeout_tv_{-1, 0};    // seconds -1: no limit
   timeval socket_timeout_tv_{-1, 0};  // likewise
 };

@@ -2,8 +2,8 @@
 //
 // The lists do not change between start-up and shut-down and are read without a lock. The counters
 // and the failure state are plain fields that all threads share: they are touched through atomic
-// references only. A slot's context is touched only by the thread that holds the slot's lock, and
-// by the handler of a fork; the line of those who wait for it is told in connection_turn.h.
+// references only. A slot's context is touched only by the thread that holds the slot's lock, by
+// those that pipeline.h tells of, and by the handler of a fork.
 #ifndef RUVO_SERVER_POOL_H
 #define RUVO_SERVER_POOL_H
 
@@ -16,41 +16,57 @@
 #include <string>
 #include <vector>
 
-struct server_addr {
-  std::string ip_;  // address or host name, as the configuration has it
-  std::uint32_t port_ = 0;
-};
-
-struct waiting_call;
+#include "outage.h"
+#include "pipeline.h"
+#include "settings.h"
 
 // A connection slot. Owns context and lock; its server's pool frees them.
 struct conn_node {
   redisContext* context_ = nullptr;  // null or in error state: rebuilt when it is used
   ACE_Thread_Mutex* lock_ = nullptr;
-  waiting_call* line_ = nullptr;  // who uses the slot and who waits for it
-  std::uint64_t rebuilds_ = 0;    // how often the context was replaced; guarded by the lock
-  bool is_unproven_ = false;      // nothing has been answered on it since; guarded by the lock
-  bool is_torn_ = false;          // the context was in use when the process forked
+  pipeline_state pipeline_;          // who shares the connection; guarded by the lock
+  std::uint64_t rebuilds_ = 0;       // how often the context was replaced; guarded by the lock
+  bool awaits_first_reply_ = false;  // since then; guarded by the lock
+  bool was_used_at_fork_ = false;    // another thread was changing the context
 };
+
+struct ruvo_server_stats;
+struct ruvo_pool_stats;
 
 struct server_node {
   std::vector<conn_node> context_arr_;
   server_addr addr_;
-  std::int32_t failure_count_ = 0;   // failures since the last reconnection or retry
-  std::time_t next_retry_time_ = 0;  // when an ejected server may be tried again; 0: not set
-  std::size_t index_ = 0;            // position in the pool
-  std::int64_t conn_count_ = 0;      // whose turn it is among the slots
+  std::int32_t failure_count_ = 0;      // failures since the last reconnection or retry
+  std::time_t next_retry_time_ = 0;     // when an ejected server may be tried again; 0: not set
+  server_probe probe_;                  // while it is ejected, or its pool does not answer
+  ruvo_server_stats* stats_ = nullptr;  // null: none are kept
+  std::size_t index_ = 0;               // position in the pool
+  std::int64_t conn_count_ = 0;         // whose turn it is among the slots
 };
 
 struct server_pool {
+  server_pool() { use(pool_settings()); }
+
+  // A negative failure limit is one that is never reached.
+  void use(const pool_settings& settings) {
+    conn_num_ = static_cast<std::uint32_t>(settings.connect_num);
+    auto_eject_ = settings.auto_eject_server;
+    failure_limit_ = static_cast<std::uint32_t>(settings.server_failure_limit);
+    retry_timeout_ = settings.server_retry_timeout;
+    redis_password_ = settings.password;
+  }
+
   std::vector<server_node> servers_;
   std::uint32_t server_num_ = 0;     // addresses in the configured list
-  std::uint32_t conn_num_ = 1;       // connections to each server
-  bool auto_eject_ = true;           // leave failing servers alone for a while
-  std::uint32_t failure_limit_ = 5;  // failures that eject a server
-  std::int32_t retry_timeout_ = 30;  // seconds that an ejected server is left alone
+  std::uint32_t conn_num_ = 0;       // connections to each server
+  bool auto_eject_ = false;          // leave failing servers alone for a while
+  std::uint32_t failure_limit_ = 0;  // failures that eject a server
+  std::int32_t retry_timeout_ = 0;   // seconds that an ejected server is left alone
   std::int64_t server_count_ = 0;    // whose turn it is among the servers
   std::string redis_password_;       // empty: none
+  int number_ = 0;                   // its type; for the log
+  pool_outage outage_;
+  ruvo_pool_stats* stats_ = nullptr;  // null: none are kept
 };
 
 #endif

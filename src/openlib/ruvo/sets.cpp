@@ -8,8 +8,8 @@ int ruvo_redis::set_add(const char* key, const char* value, std::size_t len,
                                             .null_text = null_key_or_value,
                                             .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
-  const int ret =
-      run({operation, redisSrvType, key, {{value, len}}}, &reply, "SADD %s %b", key, value, len);
+  const int ret = run({operation, redisSrvType, key, {{value, len}}, options_.deadline()}, &reply,
+                      "SADD %s %b", key, value, len);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -29,8 +29,8 @@ int ruvo_redis::set_rem(const char* key, const char* value, std::size_t len,
                                             .null_text = null_key_or_value,
                                             .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
-  const int ret =
-      run({operation, redisSrvType, key, {{value, len}}}, &reply, "SREM %s %b", key, value, len);
+  const int ret = run({operation, redisSrvType, key, {{value, len}}, options_.deadline()}, &reply,
+                      "SREM %s %b", key, value, len);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -45,8 +45,8 @@ int ruvo_redis::set_ismember(const char* key, const char* value, std::size_t len
                                             .null_text = null_key_or_value,
                                             .reply_type = REDIS_REPLY_INTEGER};
   reply_ptr reply;
-  const int ret = run({operation, redisSrvType, key, {{value, len}}}, &reply, "SISMEMBER %s %b",
-                      key, value, len);
+  const int ret = run({operation, redisSrvType, key, {{value, len}}, options_.deadline()}, &reply,
+                      "SISMEMBER %s %b", key, value, len);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -64,6 +64,7 @@ int ruvo_redis::set_members(const char* key, std::vector<std::string>& value,
       .origin = "ruvo_redis::set_members", .null_text = null_key, .reply_type = REDIS_REPLY_ARRAY};
   value.clear();
   reply_ptr reply;
-  const int ret = run({operation, redisSrvType, key, {}}, &reply, "SMEMBERS %s", key);
+  const int ret =
+      run({operation, redisSrvType, key, {}, options_.deadline()}, &reply, "SMEMBERS %s", key);
   return ret != RUVO_OK ? ret : collect(operation, *reply, value, key);
 }

@@ -13,15 +13,13 @@
 
 #include "log_line.h"
 #include "ruvo_redis.h"
+#include "settings.h"
 #include "site_defaults.h"
 #include "sutils.h"
 
 vop_config ruvo_cfg;
 
 namespace {
-
-constexpr int default_timeout_ms = 100;
-constexpr const char* common_section = "common";
 
 __attribute__((format(printf, 1, 2))) void print_progress(const char* format, ...) {
   va_list args;
@@ -123,32 +121,34 @@ int ruvo_redis::init(const char* config) {
 }
 
 void ruvo_redis::read_timeouts() {
-  const int connect_timeout =
-      ruvo_cfg.get_int_val(common_section, "connect_timeout", default_timeout_ms);
-  const int socket_timeout =
-      ruvo_cfg.get_int_val(common_section, "socket_timeout", default_timeout_ms);
+  const time_limits limits = read_time_limits(ruvo_cfg);
   RUVO_LOG(INFO,
            "ruvo_worker::init | get timeout cfg, connect_timeout:%d (ms), socket_timeout:%d (ms)",
-           connect_timeout, socket_timeout);
-  conn_timeout_tv_ = to_timeval(connect_timeout);
-  socket_timeout_tv_ = to_timeval(socket_timeout);
+           limits.connect_timeout, limits.socket_timeout);
+  conn_timeout_tv_ = to_timeval(limits.connect_timeout);
+  socket_timeout_tv_ = to_timeval(limits.socket_timeout);
 }
 
 void ruvo_redis::choose_addresses() {
+  const auto configured = [](RedisServerType type) {
+    return read_pool_settings(ruvo_cfg, type).addresses;
+  };
+  const auto or_null = [](const std::optional<std::string>& addrs) {
+    return or_null_text(addrs ? addrs->c_str() : nullptr);
+  };
   // The two diagnostic lines are errors on purpose: deployed systems rely on seeing them whatever
   // the level they log at.
-  const char* temp_server = ruvo_cfg.get_str_val(common_section, "temp_server");
-  RUVO_LOG(ERROR, "t_par_val: %s\n", or_null_text(temp_server));
-  const char* persist_server = ruvo_cfg.get_str_val(common_section, "persist_server");
-  RUVO_LOG(ERROR, "p_par_val: %s\n", or_null_text(persist_server));
-  const char* personality_server = ruvo_cfg.get_str_val(common_section, "personality_server");
+  const std::optional<std::string> temp_server = configured(eTempServer);
+  RUVO_LOG(ERROR, "t_par_val: %s\n", or_null(temp_server));
+  const std::optional<std::string> persist_server = configured(ePersistServer);
+  RUVO_LOG(ERROR, "p_par_val: %s\n", or_null(persist_server));
 
-  const auto configured_or_default = [this](const char* addrs, RedisServerType type) {
-    return addrs != nullptr ? std::string(addrs) : getDefaultAddr(type);
+  const auto or_default = [this](const std::optional<std::string>& addrs, RedisServerType type) {
+    return addrs ? *addrs : getDefaultAddr(type);
   };
-  t_server_addrs_ = configured_or_default(temp_server, eTempServer);
-  p_server_addrs_ = configured_or_default(persist_server, ePersistServer);
-  personality_server_addrs_ = configured_or_default(personality_server, ePersonalityServer);
+  t_server_addrs_ = or_default(temp_server, eTempServer);
+  p_server_addrs_ = or_default(persist_server, ePersistServer);
+  personality_server_addrs_ = or_default(configured(ePersonalityServer), ePersonalityServer);
   RUVO_LOG(INFO, "ruvo_redis::init | temp_server addr = %s, persist_server addr = %s.",
            t_server_addrs_.c_str(), p_server_addrs_.c_str());
   print_progress("ruvo_redis::init | temp_server addr = %sp_server_addrs_ = %s",
@@ -185,11 +185,32 @@ int ruvo_redis::build_pools() {
       RUVO_LOG(INFO, "ruvo_redis::init | %s server pool init success", start.success_name);
     }
   }
+  keep_statistics();
   if (ret_sum != RUVO_INIT_BOTH_POOLS_FAILED) {
     initialized_.store(true, std::memory_order_release);
   }
   print_progress("ret_sum = %d", ret_sum);
   return ret_sum;
+}
+
+void ruvo_redis::keep_statistics() {
+  if (options_.stats_file.empty()) {
+    return;
+  }
+  const std::array pools{&t_pool_, &p_pool_, &personality_pool_};
+  std::vector<statistics_file::counted_pool> counted;
+  for (const server_pool* pool : pools) {
+    counted.push_back({static_cast<RedisServerType>(pool->number_), *pool, t_pool_.conn_num_});
+  }
+  if (!statistics_.begin(options_.stats_file, counted)) {
+    return;
+  }
+  for (std::size_t i = 0; i < pools.size(); ++i) {
+    pools[i]->stats_ = statistics_.pool(i);
+    for (server_node& server : pools[i]->servers_) {
+      server.stats_ = statistics_.server(i, server.index_);
+    }
+  }
 }
 
 int ruvo_redis::init_config(const char* config) {
@@ -198,7 +219,7 @@ int ruvo_redis::init_config(const char* config) {
     print_progress("ruvo_worker::init_config | cannot open config file:%s", or_null_text(config));
     return RUVO_ERR_CONFIG_FILE;
   }
-  const char* path = ruvo_cfg.get_str_val("redis_cfg", "redis_cfg_path");
+  const char* path = find_redis_config(ruvo_cfg);
   RUVO_LOG(ERROR, "ruvo_redis::init_config redis_cfg_path = %s", or_null_text(path));
   print_progress("ruvo_redis::init_config redis_cfg_path = %s", or_null_text(path));
   if (path == nullptr) {

@@ -22,10 +22,11 @@ int ruvo_redis::insert_key(const char* key, const char* data, unsigned long len,
                            RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::insert_key",
                                             .null_text = null_pointer};
-  const int ret = time_out == no_expiry ? run({operation, redisSrvType, key, {{data, len}}},
-                                              no_reply, "SET %s %b", key, data, len)
-                                        : run({operation, redisSrvType, key, {{data, len}}},
-                                              no_reply, "SETEX %s %d %b", key, time_out, data, len);
+  const int ret = time_out == no_expiry
+                      ? run({operation, redisSrvType, key, {{data, len}}, options_.deadline()},
+                            no_reply, "SET %s %b", key, data, len)
+                      : run({operation, redisSrvType, key, {{data, len}}, options_.deadline()},
+                            no_reply, "SETEX %s %d %b", key, time_out, data, len);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::insert_key | key %s successfully inserted.", key);
   }
@@ -34,10 +35,12 @@ int ruvo_redis::insert_key(const char* key, const char* data, unsigned long len,
 
 int ruvo_redis::append_key(const char* key, const char* data, unsigned long len,
                            RedisServerType redisSrvType, const char* /*server_addr*/) {
-  static constexpr data_operation operation{
-      .origin = "ruvo_redis::append_key", .null_text = null_pointer, .verb = "APPEND"};
-  return run({operation, redisSrvType, key, {{data, len}}}, no_reply, "APPEND %s %b", key, data,
-             len);
+  static constexpr data_operation operation{.origin = "ruvo_redis::append_key",
+                                            .null_text = null_pointer,
+                                            .verb = "APPEND",
+                                            .is_idempotent = false};
+  return run({operation, redisSrvType, key, {{data, len}}, options_.deadline()}, no_reply,
+             "APPEND %s %b", key, data, len);
 }
 
 int ruvo_redis::increase_key(const char* key, long long* value, RedisServerType redisSrvType,
@@ -48,9 +51,11 @@ int ruvo_redis::increase_key(const char* key, long long* value, RedisServerType 
                                             .verb = "GET",
                                             .reply_type = REDIS_REPLY_INTEGER,
                                             .policy = unexpected_type::warned_with_key,
-                                            .unexpected_result = RUVO_OK};
+                                            .unexpected_result = RUVO_OK,
+                                            .is_idempotent = false};
+  const time_point deadline = options_.deadline();
   reply_ptr reply;
-  const int ret = run({operation, redisSrvType, key, {}}, &reply, "INCR %s", key);
+  const int ret = run({operation, redisSrvType, key, {}, deadline}, &reply, "INCR %s", key);
   if (reply) {
     store(value, reply->integer);
     RUVO_LOG(DEBUG,
@@ -58,7 +63,7 @@ int ruvo_redis::increase_key(const char* key, long long* value, RedisServerType 
              key, reply->integer);
     // A new counter lives until midnight. That it could not be told so does not undo the count.
     if (reply->integer == 1) {
-      exec_regardless(key, redisSrvType, "EXPIRE %s %ld", key, seconds_to_midnight());
+      exec_regardless(deadline, key, redisSrvType, "EXPIRE %s %ld", key, seconds_to_midnight());
     }
   }
   return ret;
@@ -74,7 +79,8 @@ int ruvo_redis::query_key(const char* key, const char** data, unsigned long* len
                                             .policy = unexpected_type::warned_with_key,
                                             .unexpected_result = RUVO_OK};
   reply_ptr reply;
-  int ret = run({operation, redisSrvType, key, {data, len}}, &reply, "GET %s", key);
+  int ret =
+      run({operation, redisSrvType, key, {data, len}, options_.deadline()}, &reply, "GET %s", key);
   if (reply) {
     ret = copy_out(*reply, data, len);
   }
@@ -93,7 +99,8 @@ int ruvo_redis::exists_key(const char* key, RedisServerType redisSrvType,
                                             .reply_type = REDIS_REPLY_INTEGER,
                                             .policy = unexpected_type::warned_with_key};
   reply_ptr reply;
-  const int ret = run({operation, redisSrvType, key, {}}, &reply, "EXISTS %s", key);
+  const int ret =
+      run({operation, redisSrvType, key, {}, options_.deadline()}, &reply, "EXISTS %s", key);
   if (ret != RUVO_OK) {
     return ret;
   }
@@ -114,14 +121,20 @@ int ruvo_redis::delete_key(const char* key, RedisServerType redisSrvType,
                            const char* /*server_addr*/) {
   static constexpr data_operation operation{
       .origin = "ruvo_redis::delete_key", .null_text = null_key, .verb = "DEL"};
-  return run({operation, redisSrvType, key, {}}, no_reply, "DEL %s", key);
+  return run({operation, redisSrvType, key, {}, options_.deadline()}, no_reply, "DEL %s", key);
 }
 
 int ruvo_redis::expire_key(const char* key, unsigned int time_out, RedisServerType redisSrvType,
                            const char* /*server_addr*/) {
+  return expire(options_.deadline(), key, time_out, redisSrvType);
+}
+
+int ruvo_redis::expire(time_point deadline, const char* key, unsigned int time_out,
+                       RedisServerType type) {
   static constexpr data_operation operation{.origin = "ruvo_redis::expire_key",
                                             .null_text = null_key};
-  const int ret = run({operation, redisSrvType, key, {}}, no_reply, "EXPIRE %s %u", key, time_out);
+  const int ret =
+      run({operation, type, key, {}, deadline}, no_reply, "EXPIRE %s %u", key, time_out);
   if (ret == RUVO_OK) {
     RUVO_LOG(DEBUG, "ruvo_redis::expire_key | EXPIRE  %s %u successfully.", key, time_out);
   }
@@ -132,7 +145,7 @@ int ruvo_redis::persist_key(const char* key, RedisServerType redisSrvType,
                             const char* /*server_addr*/) {
   static constexpr data_operation operation{
       .origin = "ruvo_redis::persist_key", .null_text = null_key, .verb = "PERSIST"};
-  return run({operation, redisSrvType, key, {}}, no_reply, "PERSIST %s", key);
+  return run({operation, redisSrvType, key, {}, options_.deadline()}, no_reply, "PERSIST %s", key);
 }
 
 int ruvo_redis::free_result(const char* data) {

@@ -5,155 +5,274 @@
 #include <vector>
 
 #include "connection.h"
-#include "connection_turn.h"
-#include "data_operation.h"
 #include "log_line.h"
 #include "ruvo_redis.h"
+#include "statistics.h"
+#include "visit.h"
 
 namespace {
 
+using clock = std::chrono::steady_clock;
+
 constexpr std::size_t visits_per_server = 2;
 
-enum class visit_end { replied, no_reply, out_of_time, lock_failed };
+// A command that servers leave unanswered while they answer others is sent in so many walks.
+constexpr int most_walks_beside_answers = 3;
 
-// Has the time passed that a command may take? If so, the log says it.
-bool is_out_of_time(const ruvo_redis& redis, const command& command) {
-  if (std::chrono::steady_clock::now() < command.not_after) {
-    return false;
-  }
-  RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, call time-out of %d ms has passed", command.method,
-           command.key, redis.options().call_timeout);
-  return true;
-}
+// Who waits for servers looks so often whether one may be tried.
+constexpr std::chrono::milliseconds shortest_wait{1};
+constexpr std::chrono::milliseconds longest_wait{50};
 
-// The first send, by this thread or by another that leads. Without a reply, the call knows why.
-visit_end send_first(ruvo_redis& redis, const command& command, connection_turn& turn) {
-  waiting_call& call = turn.call();
-  if (!turn.wait()) {
-    return visit_end::lock_failed;
-  }
-  if (call.is_left_out || (turn.leads() && call.is_late())) {
-    is_out_of_time(redis, command);
-    return visit_end::out_of_time;
-  }
-  if (turn.leads()) {
-    if (!is_broken(turn.slot().context_)) {
-      turn.send();
-    } else if (turn.slot().context_ != nullptr) {
-      call.note_error(*turn.slot().context_);
-    }
-  }
-  return call.reply ? visit_end::replied : visit_end::no_reply;
-}
-
-// What follows a first send without a reply: a connection that nobody has rebuilt since is rebuilt,
-// and the command sent once more.
-visit_end send_again(ruvo_redis& redis, const command& command, connection_turn& turn,
-                     server_node& server) {
-  waiting_call& call = turn.call();
-  if (is_out_of_time(redis, command)) {
-    return visit_end::out_of_time;
-  }
-  if (!turn.leads()) {
-    call.not_after = command.not_after;
-    if (!turn.wait()) {
-      return visit_end::lock_failed;
-    }
-    if ((turn.leads() || call.is_left_out) && is_out_of_time(redis, command)) {
-      return visit_end::out_of_time;
-    }
-  }
-  if (turn.leads()) {
-    if (!turn.was_rebuilt() || is_broken(turn.slot().context_)) {
-      turn.begin_rebuild();
-      if (redis.reset_connection(turn.slot(), server.addr_) == nullptr) {
-        call.rebuild_failed = true;
-        turn.share_failed_rebuild();
-        return visit_end::no_reply;
-      }
-      if (!redis.options().eject_silent_servers) {
-        redis.update_server_ok(&server);
-      }
-      if (is_out_of_time(redis, command)) {
-        return visit_end::out_of_time;
-      }
-    }
-    turn.send();
-  }
-  return call.reply ? visit_end::replied : visit_end::no_reply;
-}
-
-// With eject_silent_servers it is an answer on a rebuilt connection that clears the failures.
-void note_reply(ruvo_redis& redis, connection_turn& turn, server_node& server) {
-  if (redis.options().eject_silent_servers && turn.leads() &&
-      std::exchange(turn.slot().is_unproven_, false)) {
-    redis.update_server_ok(&server);
-  }
-}
-
-// A visit: one send, and on a broken connection one rebuild and one more send. A call whose command
-// another thread has sent goes on from what came of that.
-visit_end visit(ruvo_redis& redis, const command& command, connection_turn& turn,
-                server_node& server) {
-  waiting_call& call = turn.call();
-  visit_end end = send_first(redis, command, turn);
-  if (end == visit_end::no_reply) {
-    if (call.error != 0) {
-      RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
-               command.method, command.key, call.error, call.error_text);
-    }
-    if (!call.rebuild_failed) {
-      end = send_again(redis, command, turn, server);
-    }
-    if (call.rebuild_failed) {
-      redis.update_server_failed(&server, command.pool);
-      RUVO_LOG(ERROR,
-               "ruvo_redis::%s | key:%s, null reply and reset connection to server %s port:%d "
-               "failed.",
-               command.method, command.key, ip_of(server.addr_), port_of(server.addr_));
-    } else if (end != visit_end::replied && redis.options().eject_silent_servers &&
-               !command.wire.refused()) {
-      redis.update_server_failed(&server, command.pool);
-    }
-  }
-  if (end == visit_end::replied) {
-    note_reply(redis, turn, server);
-  }
-  return end;
-}
-
-server_node* next_of_pool(ruvo_redis& redis, const server_node& failed, RedisServerType pool) {
-  return redis.get_server_node(pool, static_cast<int>(failed.index_) + 1);
+server_choice next_of_pool(ruvo_redis& redis, const server_node& failed, RedisServerType pool) {
+  return redis.choose_server(pool, static_cast<int>(failed.index_) + 1);
 }
 
 // With try_ejected_servers a call does not fail while a server may answer that is ejected for an
 // earlier fault, also where the others are not ejected yet.
-server_node* ejected_of_pool(ruvo_redis& redis, const tried_servers& tried, RedisServerType pool) {
+server_choice ejected_of_pool(ruvo_redis& redis, const tried_servers& tried, RedisServerType pool) {
   std::vector<server_node>& servers = redis.getPool(pool).servers_;
   const std::size_t count = std::min(servers.size(), tried.size());
   for (std::size_t i = 0; redis.options().try_ejected_servers && i < count; ++i) {
-    if (!tried[i]) {
-      return &servers[i];
+    if (!tried[i] && begin_probe(servers[i].probe_)) {
+      return {&servers[i], true};
     }
   }
-  return nullptr;
+  return {};
 }
 
 std::size_t servers_of_pool(const ruvo_redis& redis, RedisServerType pool) {
   return redis.getPool(pool).servers_.size();
 }
 
-// Takes the next position as the number of a pool, and that pool's next server in turn: deployed
-// systems rely on raw commands reaching the other pools.
-server_node* next_of_any_pool(ruvo_redis& redis, const server_node& failed, RedisServerType) {
-  return redis.get_server_node(static_cast<RedisServerType>(failed.index_ + 1), -1);
+// Takes the next position as the number of a pool, and that pool's next server by round-robin:
+// deployed systems rely on raw commands reaching the other pools.
+server_choice next_of_any_pool(ruvo_redis& redis, const server_node& failed, RedisServerType) {
+  return redis.choose_server(static_cast<RedisServerType>(failed.index_ + 1), -1);
 }
 
-server_node* none(ruvo_redis&, const tried_servers&, RedisServerType) { return nullptr; }
+server_choice none(ruvo_redis&, const tried_servers&, RedisServerType) { return {}; }
 
 std::size_t servers_of_all_pools(const ruvo_redis& redis, RedisServerType) {
   return servers_of_pool(redis, eTempServer) + servers_of_pool(redis, ePersistServer) +
          servers_of_pool(redis, ePersonalityServer);
+}
+
+// Why a call has failed, for the statistics.
+ruvo_stats_result cause_of(walk_end end) {
+  switch (end) {
+    case walk_end::out_of_time:
+      return RUVO_STATS_DEADLINE;
+    case walk_end::may_have_run:
+      return RUVO_STATS_MAY_HAVE_RUN;
+    case walk_end::lock_failed:
+      return RUVO_STATS_OTHER_FAILURE;
+    default:
+      return RUVO_STATS_NO_SERVER;
+  }
+}
+
+// A server that is being tried is given back when the visit has ended, however that was.
+class probe_guard {
+ public:
+  explicit probe_guard(const server_choice& choice)
+      : probe_(choice.is_probe ? &choice.server->probe_ : nullptr) {}
+  ~probe_guard() {
+    if (probe_ != nullptr) {
+      end_probe(*probe_, has_answered);
+    }
+  }
+  probe_guard(const probe_guard&) = delete;
+  probe_guard& operator=(const probe_guard&) = delete;
+
+  bool has_answered = false;
+
+ private:
+  server_probe* probe_;
+};
+
+// The walk of a command, and what it keeps from one visit to the next.
+class walker {
+ public:
+  walker(ruvo_redis& redis, const route& route, const command& command)
+      : redis_(redis),
+        route_(route),
+        command_(command),
+        pool_(redis.getPool(command.pool)),
+        names_{command.method, pool_.number_} {
+    if (redis.options().slow_call_log > 0) {
+      begin_ = clock::now();
+      timed_ = &times_;
+    }
+  }
+
+  walk_end run(reply_ptr& reply) {
+    walk_end end = walk_once(reply);
+    if (redis_.options().wait_for_servers) {
+      end = wait_and_walk_again(end, reply);
+    }
+    if (end != walk_end::replied && end != walk_end::lock_failed && refusal_) {
+      reply = std::move(refusal_);
+      end = walk_end::replied;
+    }
+    if (end != walk_end::replied) {
+      note_cause(cause_of(end));
+    }
+    if (timed_ != nullptr) {
+      log_slow_call();
+    }
+    return end;
+  }
+
+ private:
+  walk_end walk_once(reply_ptr& reply);
+  walk_end wait_and_walk_again(walk_end end, reply_ptr& reply);
+  void log_slow_call() const;
+
+  ruvo_redis& redis_;
+  const route& route_;
+  const command& command_;
+  server_pool& pool_;
+  pool_outage::log_names names_;
+  reply_ptr refusal_;      // the latest of a server that will not serve
+  bool has_sent_ = false;  // in the latest walk, without a reply
+  call_times times_;
+  call_times* timed_ = nullptr;
+  time_point begin_{};
+};
+
+// Each visit has one connection, which it lets go before the next is taken. The bound is for walks
+// that do not come back to where they began: one that crosses pools can go on for ever, and a typed
+// one could be held for a whole retry timeout by a server that accepts connections and never
+// answers.
+walk_end walker::walk_once(reply_ptr& reply) {
+  has_sent_ = false;
+  server_choice choice = redis_.choose_server(command_.pool, -1);
+  if (choice.server == nullptr) {
+    return walk_end::no_server_at_start;
+  }
+  const std::size_t first = choice.server->index_;
+  tried_servers tried;
+  bool is_back = false;
+  for (std::size_t visits = 1;; ++visits) {
+    server_node& server = *choice.server;
+    server_choice next;
+    {
+      probe_guard probe(choice);
+      conn_node* const conn = redis_.get_conn(server, command_.pool);
+      if (conn == nullptr) {
+        redis_.update_server_failed(&server, command_.pool);
+      } else {
+        visit_result result = visit(redis_, command_, *conn, server, timed_);
+        if (timed_ != nullptr) {
+          ++times_.visits;
+          times_.last_server = &server;
+        }
+        switch (result.end) {
+          case visit_end::replied:
+            probe.has_answered = true;
+            pool_.outage_.note_answer(names_);
+            reply = std::move(result.reply);
+            return walk_end::replied;
+          case visit_end::lock_failed:
+            return walk_end::lock_failed;
+          case visit_end::may_have_run:
+            return walk_end::may_have_run;
+          case visit_end::out_of_time:
+            return walk_end::out_of_time;
+          case visit_end::unanswered:
+            break;
+        }
+        has_sent_ = has_sent_ || result.was_sent;
+        if (result.reply) {
+          refusal_ = std::move(result.reply);
+        }
+      }
+      next = route_.next_server(redis_, server, command_.pool);
+    }
+    if (next.server == nullptr) {
+      return walk_end::no_server_left;
+    }
+    tried.set(std::min(server.index_, tried.size() - 1));
+    if (is_back || next.server->index_ == first) {
+      is_back = true;
+      if (next.is_probe) {
+        release_probe(next.server->probe_);
+      }
+      next = route_.ejected_server(redis_, tried, command_.pool);
+    }
+    const std::size_t bound = visits_per_server * route_.servers_in_reach(redis_, command_.pool);
+    if (next.server == nullptr || visits == bound) {
+      if (next.is_probe) {
+        release_probe(next.server->probe_);
+      }
+      RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server", command_.method);
+      return walk_end::all_tried;
+    }
+    if (has_passed(command_.deadline)) {
+      if (next.is_probe) {
+        release_probe(next.server->probe_);
+      }
+      log_out_of_time(redis_, command_);
+      return walk_end::out_of_time;
+    }
+    choice = next;
+  }
+}
+
+// In an outage of the pool the call sleeps until a server answers, and tries a server itself when
+// none other does and its pause is over.
+walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
+  const time_point began =
+      command_.deadline - std::chrono::milliseconds(redis_.options().call_timeout);
+  int walks_beside_answers = 1;
+  while (end == walk_end::no_server_at_start || end == walk_end::no_server_left ||
+         end == walk_end::all_tried) {
+    if (has_passed(command_.deadline)) {
+      log_out_of_time(redis_, command_);
+      return walk_end::out_of_time;
+    }
+    if (pool_.servers_.empty()) {
+      return end;
+    }
+    const bool others_are_answered = pool_.outage_.has_answered() && !pool_.outage_.is_on();
+    if (others_are_answered && has_sent_ && ++walks_beside_answers > most_walks_beside_answers) {
+      return end;  // the command itself is what fails
+    }
+    if (!others_are_answered && !pool_.outage_.join(names_, began, command_.deadline)) {
+      return end;
+    }
+    time_point next_try = no_deadline;
+    for (server_node& server : pool_.servers_) {
+      next_try = std::min(next_try, next_probe(server.probe_));
+    }
+    const time_point now = clock::now();
+    pool_.outage_.sleep(std::min(command_.deadline,
+                                 std::clamp(next_try, now + shortest_wait, now + longest_wait)));
+    if (has_passed(command_.deadline)) {
+      continue;
+    }
+    end = walk_once(reply);
+  }
+  return end;
+}
+
+void walker::log_slow_call() const {
+  const auto ms = [](std::chrono::nanoseconds time) {
+    return static_cast<long long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
+  };
+  const std::chrono::nanoseconds total = clock::now() - begin_;
+  if (ms(total) < redis_.options().slow_call_log) {
+    return;
+  }
+  const server_node* const last = times_.last_server;
+  RUVO_LOG(WARN,
+           "ruvo_redis::%s | key:%s, slow call: %lld ms, of these %lld waiting to be sent, %lld "
+           "connecting, %lld for replies; visits:%zu, last server %s port:%d",
+           command_.method, command_.key, ms(total),
+           ms(std::max(std::chrono::nanoseconds(0), total - times_.connecting - times_.replies)),
+           ms(times_.connecting), ms(times_.replies), times_.visits,
+           last != nullptr ? ip_of(last->addr_) : "-", last != nullptr ? port_of(last->addr_) : 0);
 }
 
 }  // namespace
@@ -161,113 +280,6 @@ std::size_t servers_of_all_pools(const ruvo_redis& redis, RedisServerType) {
 const route typed_route{next_of_pool, ejected_of_pool, servers_of_pool};
 const route raw_route{next_of_any_pool, none, servers_of_all_pools};
 
-// Each visit has its turn at one connection, also while the next server is chosen, and lets it go
-// before the next is taken. The bound is for walks that do not come round: one that crosses pools
-// can turn for ever, and a typed one could be held for a whole retry time-out by a server that
-// accepts connections and never answers.
 walk_end walk(ruvo_redis& redis, const route& route, const command& command, reply_ptr& reply) {
-  server_node* server = redis.get_server_node(command.pool, -1);
-  if (server == nullptr) {
-    return walk_end::no_server_at_start;
-  }
-  const std::size_t first = server->index_;
-  tried_servers tried;
-  bool has_come_round = false;
-  for (std::size_t visits = 1;; ++visits) {
-    conn_node* conn = redis.get_conn(*server, command.pool);
-    server_node* next = nullptr;
-    if (conn == nullptr) {
-      redis.update_server_failed(server, command.pool);
-      next = route.next_server(redis, *server, command.pool);
-    } else {
-      connection_turn turn(*server, *conn, command.wire, redis.options().auto_pipelining);
-      if (visits > 1) {
-        turn.call().not_after = command.not_after;
-      }
-      const visit_end end = visit(redis, command, turn, *server);
-      if (end == visit_end::replied) {
-        reply = std::move(turn.call().reply);
-        return walk_end::replied;
-      }
-      if (end != visit_end::no_reply) {
-        return end == visit_end::lock_failed ? walk_end::lock_failed : walk_end::out_of_time;
-      }
-      next = route.next_server(redis, *server, command.pool);
-    }
-    if (next == nullptr) {
-      return walk_end::no_server_left;
-    }
-    tried.set(std::min(server->index_, tried.size() - 1));
-    has_come_round = has_come_round || next->index_ == first;
-    server = has_come_round ? route.last_resort(redis, tried, command.pool) : next;
-    const std::size_t bound = visits_per_server * route.servers_in_reach(redis, command.pool);
-    if (server == nullptr || visits == bound) {
-      RUVO_LOG(WARN, "ruvo_redis::%s | can not find an available server", command.method);
-      return walk_end::all_tried;
-    }
-    if (is_out_of_time(redis, command)) {
-      return walk_end::out_of_time;
-    }
-  }
-}
-
-// ---- The typed path, which makes a result code of the reply ----
-
-int ruvo_redis::exec_command(const char* key, reply_ptr* reply, RedisServerType redisSrvType,
-                             const char* format, va_list args) {
-  if (key == nullptr) {
-    RUVO_LOG(ERROR, "ruvo_redis::do_exec_command | key is NULL");
-    return RUVO_ERR_NULL_ARGUMENT;
-  }
-  RUVO_LOG(INFO, "ruvo_redis::do_exec_command | key:%s, redis-server-type:%d", key,
-           static_cast<int>(redisSrvType));
-  const command command{"do_exec_command", key, redisSrvType, wire_command(format, args),
-                        options_.end_of_command()};
-  reply_ptr received;
-  switch (walk(*this, typed_route, command, received)) {
-    case walk_end::replied:
-      break;
-    case walk_end::lock_failed:
-      return RUVO_ERR_FAILED;
-    default:
-      log_key_as_format(key);
-      return RUVO_ERR_FAILED;
-  }
-  if (received->type == REDIS_REPLY_ERROR) {
-    RUVO_LOG(ERROR, "ruvo_redis::do_exec_command | exec key:%s failed, redis reply str:%s.", key,
-             received->str);
-    return RUVO_ERR_FAILED;
-  }
-  if (received->type == REDIS_REPLY_NIL) {
-    // Every pool counts as persistent here, only the number 0 does not: deployed systems rely on
-    // it.
-    RUVO_LOG(WARN, "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil",
-             key, static_cast<int>(redisSrvType) != 0 ? "true" : "false");
-    return RUVO_ERR_NOT_FOUND;
-  }
-  if (reply != nullptr) {
-    *reply = std::move(received);
-  }
-  return RUVO_OK;
-}
-
-int ruvo_redis::do_exec_command(const char* key, redisReply*& reply, bool need_reply,
-                                RedisServerType redisSrvType, const char* format, ...) {
-  reply_ptr received;
-  va_list args;
-  va_start(args, format);
-  const int ret = exec_command(key, need_reply ? &received : no_reply, redisSrvType, format, args);
-  va_end(args);
-  if (received) {
-    reply = received.release();
-  }
-  return ret;
-}
-
-void ruvo_redis::exec_regardless(const char* key, RedisServerType redisSrvType, const char* format,
-                                 ...) {
-  va_list args;
-  va_start(args, format);
-  exec_command(key, no_reply, redisSrvType, format, args);
-  va_end(args);
+  return walker(redis, route, command).run(reply);
 }

@@ -7,13 +7,13 @@
 #define RUVO_WALK_H
 
 #include <bitset>
-#include <chrono>
 
 #include "exchange.h"
 #include "ruvo.h"
 #include "server_pool.h"
 
 class ruvo_redis;
+struct server_choice;
 
 // A command on its way.
 struct command {
@@ -21,7 +21,8 @@ struct command {
   const char* key;     // that they show
   RedisServerType pool;
   wire_command wire;
-  std::chrono::steady_clock::time_point not_after;  // starts nothing more then
+  time_point deadline;
+  bool must_not_resend;  // once a byte of it may have reached a server
 };
 
 // The positions that a walk has visited. Those beyond the last bit count as visited.
@@ -29,10 +30,11 @@ using tried_servers = std::bitset<256>;
 
 // Where a walk goes.
 struct route {
-  // The server after one that failed; null when none is usable.
-  server_node* (*next_server)(ruvo_redis& redis, const server_node& failed, RedisServerType pool);
-  // Once the walk has come round: a server of the pool that it has passed over; null for none.
-  server_node* (*last_resort)(ruvo_redis& redis, const tried_servers& tried, RedisServerType pool);
+  // The server after one that failed; none when none is usable.
+  server_choice (*next_server)(ruvo_redis& redis, const server_node& failed, RedisServerType pool);
+  // When the walk is back where it began: a server of the pool that it has passed over.
+  server_choice (*ejected_server)(ruvo_redis& redis, const tried_servers& tried,
+                                  RedisServerType pool);
   // The servers that the walk's bound counts.
   std::size_t (*servers_in_reach)(const ruvo_redis& redis, RedisServerType pool);
 };
@@ -44,11 +46,13 @@ enum class walk_end {
   no_server_at_start,
   no_server_left,
   out_of_time,
-  all_tried,  // round to where it began, or as many visits as the bound allows
+  may_have_run,  // a command that must not be sent again
+  all_tried,     // back where it began, or as many visits as the bound allows
   lock_failed
 };
 
-// Visits servers until one replies; `reply` then holds what it said.
+// Visits servers until one replies; `reply` then holds what it said. With wait_for_servers it waits
+// in an outage of the pool, and visits them again.
 walk_end walk(ruvo_redis& redis, const route& route, const command& command, reply_ptr& reply);
 
 #endif

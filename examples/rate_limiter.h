@@ -1,0 +1,46 @@
+// A rate limiter in Redis, for all hosts together: so many requests of a client in a window, which
+// begins with the first of them.
+//
+//   rate_limiter<ruvo::pool> limiter(ruvo::pool(eTempServer), 5, std::chrono::minutes(1));
+//   if (limiter.allow(client).no()) ...   // more than 5 in a minute
+#ifndef RATE_LIMITER_H
+#define RATE_LIMITER_H
+
+#include <chrono>
+#include <ruvo/ruvo.hpp>
+#include <string>
+#include <string_view>
+#include <utility>
+
+// The pool is a parameter, so that a test can bring one on a backend of its own.
+template <typename Pool>
+class rate_limiter {
+ public:
+  rate_limiter(Pool pool, long long most, std::chrono::milliseconds window)
+      : pool_(std::move(pool)), most_(most), window_(window) {}
+
+  // Counts a request: may it go on? yes(), no(), or failed() if Redis could not be asked. What is
+  // right then only the host knows: a login page refuses, a news page goes on.
+  ruvo::result<bool> allow(std::string_view client) const {
+    const auto count = pool_.increment(key_of(client), 1, window_);
+    if (!count) {
+      return count.why();
+    }
+    return *count <= most_;
+  }
+
+  // How long it takes until the window of a client ends; none if it has no window.
+  ruvo::result<std::chrono::milliseconds> wait(std::string_view client) const {
+    auto left = pool_.ttl(key_of(client));
+    return left.absent() ? std::chrono::milliseconds(0) : left;
+  }
+
+ private:
+  static std::string key_of(std::string_view client) { return "rate:" + std::string(client); }
+
+  Pool pool_;
+  long long most_;
+  std::chrono::milliseconds window_;
+};
+
+#endif

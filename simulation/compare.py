@@ -1,0 +1,60 @@
+#!/usr/bin/env python3
+"""Holds the model of docs/scaling.md against the library: measures (on a calm machine), simulates the same
+points, and makes the guide's table of both.
+
+    simulation/compare.py [GUIDE]      print the table, or put it where the guide has its mark
+"""
+import csv
+import subprocess
+import sys
+from pathlib import Path
+
+TREE = Path(__file__).resolve().parent.parent
+PROGRAMS = TREE / "build/bench/simulation"
+sys.path.append(str(TREE / "bench"))
+from tables import put_into, table  # noqa: E402
+
+# What the model needs to know of the two ways, in microseconds, so that the median of one thread comes out right.
+WAYS = {"far away": ("5 ms", {"round-trip": 5140, "service": 10, "host-work": 5}),
+        "loopback": ("loopback", {"round-trip": 8, "service": 10, "host-work": 1})}
+POINTS = [(1, 1), (4, 1), (4, 4), (16, 1), (16, 4), (16, 8), (16, 32)]  # threads, connections
+
+
+def rows_of(program, *arguments):
+    output = subprocess.run([PROGRAMS / program, *arguments], check=True, capture_output=True, text=True).stdout
+    return list(csv.DictReader(output.splitlines()))
+
+
+def simulated(way, shared, threads, connections):
+    parameters = {"threads": threads, "connections": connections, "servers": 1, **WAYS[way][1]}
+    options = [f"--{name}={value}" for name, value in parameters.items()]
+    return rows_of("scaling_simulation", *options, *["--auto-pipelining"] * shared)[0]
+
+
+def milliseconds(us):
+    ms = float(us) / 1000
+    return f"{ms:.2f}" if ms < 1 else f"{ms:.1f}" if ms < 100 else f"{ms:.0f}"
+
+
+def main():
+    measured = {(row["series"], int(row["threads"]), int(row["connections"])): row
+                for row in rows_of("scaling_measurement")}
+    lines = []
+    for way, (name, _) in WAYS.items():
+        for point in POINTS:
+            for shared in (False, True):
+                both = (measured[way + " shared" * shared, *point], simulated(way, shared, *point))
+                lines.append([name, str(point[0]), str(point[1]), "yes" if shared else "no"]
+                             + [f"{float(row['requests_per_second']):,.0f}" for row in both]
+                             + [milliseconds(row["p50_us"]) for row in both]
+                             + [milliseconds(row["p99_us"]) for row in both])
+    made = table(["Server", "Threads", "Connections", "Shared", "Requests/s: measured", "model",
+                  "Median, ms: measured", "model", "p99, ms: measured", "model"], lines, 1)
+    if len(sys.argv) > 1:
+        put_into(Path(sys.argv[1]), {"measured": made})
+    else:
+        print("\n".join(made))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,350 @@
+// How throughput and latency change with threads, connections and servers: a closed queueing model
+// of hosts that use the library, for the pictures of docs/scaling.md. Seeded: it prints the same
+// each time.
+//
+//   scaling_simulation                             all points of the pictures, as CSV
+//   scaling_simulation --threads 16 --servers 1    one point; --help lists its parameters
+//
+// The threads of a host choose servers and their connections round-robin, and wait for the
+// connection's lock. The request travels half the round trip, waits for the server's single
+// thread, is served, and its reply travels back; then the lock is free and the thread, after some
+// work of its own, calls again. A freed lock wakes the thread that has waited longest, and whoever
+// comes before that one is awake gets it first, as with the mutexes of the system. Nothing fails.
+//
+// With auto_pipelining a thread whose connection is busy takes the next free one of that server,
+// and where there is none it leaves its command in the connection's queue. The oldest of a queue
+// becomes the leader when the connection is free: when it is awake it sends all commands of the
+// queue at once, reads all replies, and wakes the next leader and then the others of its batch.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <queue>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "run_main.h"
+
+namespace {
+
+constexpr std::uint64_t seed = 1;
+constexpr std::size_t requests_measured = 200000;
+constexpr std::size_t requests_before = 50000;  // until the queues have found their lengths
+
+// What the pictures go through.
+constexpr std::array<std::size_t, 3> thread_counts{4, 16, 64};
+constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  12,
+                                                        16, 24, 32, 48, 64, 96, 128};
+constexpr std::size_t most_servers = 8;
+
+constexpr std::size_t max_batch_commands = 128;
+
+struct Point {
+  std::string series = "one";
+  std::size_t hosts = 1;
+  std::size_t threads = 16;      // of each host
+  std::size_t connections = 16;  // of each host, to each server
+  std::size_t servers = 2;
+  double round_trip = 200;  // microseconds; so are the next two
+  double service = 10;    // the mean; the times are distributed exponentially, and so are wake_up's
+  double host_work = 10;  // between a reply and the next call
+  double pause = 0;       // the mean of what a thread idles beyond that, exponentially distributed
+  double wake_up = 50;    // from a freed lock to the thread that waited for it
+  bool auto_pipelining = false;
+};
+
+struct Result {
+  double requests_per_second;
+  double mean;
+  double p50;
+  double p99;
+};
+
+class Simulation {
+ public:
+  explicit Simulation(const Point& point)
+      : point_(point),
+        threads_(point.hosts * point.threads),
+        server_turns_(point.hosts),
+        connection_turns_(point.hosts * point.servers),
+        connections_(point.hosts * point.servers * point.connections),
+        servers_(point.servers) {}
+
+  Result run() {
+    for (std::size_t thread = 0; thread < threads_.size(); ++thread) {
+      schedule(random_time(std::max(point_.round_trip, point_.pause)), Step::call, thread);
+    }
+    while (latencies_.size() < requests_before + requests_measured) {
+      const Event event = events_.top();
+      events_.pop();
+      now_ = event.time;
+      take(event);
+    }
+    return evaluate();
+  }
+
+ private:
+  enum class Step { call, woken, leads, arrive, served, reply, returns };
+  struct Event {
+    double time;
+    std::uint64_t number;  // orders what happens at the same time
+    Step step;
+    std::size_t thread;
+    bool operator<(const Event& other) const {  // the queue has the greatest on top
+      return time != other.time ? time > other.time : number > other.number;
+    }
+  };
+  struct Thread {
+    double called = 0;
+    std::size_t connection = 0;
+    std::size_t server = 0;
+  };
+  using Queue = std::deque<std::size_t>;  // of threads
+  struct Connection {
+    bool locked = false;
+    Queue waiting;
+    // With auto_pipelining:
+    std::size_t leader = 0;           // reads all replies
+    std::size_t in_flight = 0;        // of them
+    std::vector<std::size_t> served;  // whose replies it has
+  };
+
+  void schedule(double delay, Step step, std::size_t thread) {
+    events_.push({now_ + delay, event_count_++, step, thread});
+  }
+
+  // By hand: the standard's distributions differ from library to library.
+  double random_time(double mean) {
+    const double uniform = (static_cast<double>(random_() >> 11U) + 0.5) * 0x1p-53;
+    return -std::log(uniform) * mean;
+  }
+
+  void take(const Event& event) {
+    Thread& thread = threads_[event.thread];
+    switch (event.step) {
+      case Step::call:
+        choose(event.thread);
+        lock(event.thread);
+        break;
+      case Step::woken:
+        lock(event.thread);
+        break;
+      case Step::leads:
+        send_batch(event.thread);
+        break;
+      case Step::arrive:
+        servers_[thread.server].push_back(event.thread);
+        if (servers_[thread.server].size() == 1) {
+          schedule(random_time(point_.service), Step::served, event.thread);
+        }
+        break;
+      case Step::served:
+        servers_[thread.server].pop_front();
+        if (!servers_[thread.server].empty()) {
+          schedule(random_time(point_.service), Step::served, servers_[thread.server].front());
+        }
+        schedule(point_.round_trip / 2, Step::reply, event.thread);
+        break;
+      case Step::reply:
+        if (point_.auto_pipelining) {
+          take_reply_of_batch(event.thread);
+        } else {
+          unlock(connections_[thread.connection]);
+          return_from_call(event.thread);
+        }
+        break;
+      case Step::returns:
+        return_from_call(event.thread);
+        break;
+    }
+  }
+
+  void return_from_call(std::size_t thread) {
+    latencies_.push_back(now_ - threads_[thread].called);
+    if (latencies_.size() == requests_before) {
+      measured_from_ = now_;
+    }
+    const double idle = point_.pause > 0 ? random_time(point_.pause) : 0;
+    schedule(point_.host_work + idle, Step::call, thread);
+  }
+
+  void choose(std::size_t number) {
+    Thread& thread = threads_[number];
+    const std::size_t host = number / point_.threads;
+    thread.called = now_;
+    thread.server = server_turns_[host]++ % point_.servers;
+    const std::size_t path = host * point_.servers + thread.server;
+    const std::size_t first = path * point_.connections;
+    const std::size_t turn = connection_turns_[path]++;
+    thread.connection = first + turn % point_.connections;
+    for (std::size_t i = 0; point_.auto_pipelining && i < point_.connections; ++i) {
+      const std::size_t candidate = first + (turn + i) % point_.connections;
+      if (!connections_[candidate].locked) {
+        thread.connection = candidate;
+        return;
+      }
+    }
+  }
+
+  void lock(std::size_t thread) {
+    Connection& connection = connections_[threads_[thread].connection];
+    if (connection.locked) {
+      connection.waiting.push_back(thread);
+      return;
+    }
+    connection.locked = true;
+    if (point_.auto_pipelining) {
+      send_batch(thread);
+    } else {
+      schedule(point_.round_trip / 2, Step::arrive, thread);
+    }
+  }
+
+  // This thread's command and those that wait, in order of arrival.
+  void send_batch(std::size_t leader) {
+    Connection& connection = connections_[threads_[leader].connection];
+    connection.leader = leader;
+    connection.in_flight = 1;
+    schedule(point_.round_trip / 2, Step::arrive, leader);
+    for (; !connection.waiting.empty() && connection.in_flight < max_batch_commands;
+         ++connection.in_flight) {
+      schedule(point_.round_trip / 2, Step::arrive, connection.waiting.front());
+      connection.waiting.pop_front();
+    }
+  }
+
+  // After the last reply the next leader is woken first, so that it sends before the others call
+  // again.
+  void take_reply_of_batch(std::size_t thread) {
+    Connection& connection = connections_[threads_[thread].connection];
+    connection.served.push_back(thread);
+    if (--connection.in_flight > 0) {
+      return;
+    }
+    double next_leads = 0;
+    if (connection.waiting.empty()) {
+      connection.locked = false;
+    } else {
+      next_leads = random_time(point_.wake_up);
+      schedule(next_leads, Step::leads, connection.waiting.front());
+      connection.waiting.pop_front();
+    }
+    for (const std::size_t served : connection.served) {
+      if (served != connection.leader) {
+        schedule(next_leads + random_time(point_.wake_up), Step::returns, served);
+      }
+    }
+    connection.served.clear();
+    return_from_call(connection.leader);
+  }
+
+  void unlock(Connection& connection) {
+    connection.locked = false;
+    if (!connection.waiting.empty()) {
+      schedule(random_time(point_.wake_up), Step::woken, connection.waiting.front());
+      connection.waiting.pop_front();
+    }
+  }
+
+  Result evaluate() {
+    latencies_.erase(latencies_.begin(), latencies_.begin() + requests_before);
+    std::sort(latencies_.begin(), latencies_.end());
+    double sum = 0;
+    for (const double latency : latencies_) {
+      sum += latency;
+    }
+    const auto count = static_cast<double>(latencies_.size());
+    return {count / (now_ - measured_from_) * 1e6, sum / count, latencies_[latencies_.size() / 2],
+            latencies_[latencies_.size() * 99 / 100]};
+  }
+
+  Point point_;
+  std::mt19937_64 random_{seed};
+  double now_ = 0;
+  double measured_from_ = 0;
+  std::uint64_t event_count_ = 0;
+  std::priority_queue<Event> events_;
+  std::vector<Thread> threads_;
+  std::vector<std::size_t> server_turns_;      // by host
+  std::vector<std::size_t> connection_turns_;  // by host and server
+  std::vector<Connection> connections_;        // by host, server and number
+  std::vector<Queue> servers_;                 // the first is being served
+  std::vector<double> latencies_;
+};
+
+// One host: what more connections give to so many threads. Eight hosts: what more servers give.
+std::vector<Point> points_of_the_pictures() {
+  std::vector<Point> points;
+  for (const std::size_t threads : thread_counts) {
+    for (const std::size_t connections : connection_counts) {
+      points.push_back({.series = "connections", .threads = threads, .connections = connections});
+    }
+  }
+  for (const std::size_t threads : thread_counts) {
+    for (const std::size_t connections : connection_counts) {
+      points.push_back({.series = "shared",
+                        .threads = threads,
+                        .connections = connections,
+                        .auto_pipelining = true});
+    }
+  }
+  for (const std::size_t threads : thread_counts) {
+    for (std::size_t servers = 1; servers <= most_servers; ++servers) {
+      points.push_back({.series = "servers",
+                        .hosts = 8,
+                        .threads = threads,
+                        .connections = 2 * threads,
+                        .servers = servers});
+    }
+  }
+  return points;
+}
+
+void print(const Point& point) {
+  const Result result = Simulation(point).run();
+  std::printf("%s,%zu,%zu,%zu,%zu,%.0f,%.1f,%.1f,%.1f\n", point.series.c_str(), point.hosts,
+              point.threads, point.connections, point.servers, result.requests_per_second,
+              result.mean, result.p50, result.p99);
+}
+
+int run(int argc, char** argv) {
+  Point point;
+  CLI::App app("Simulates hosts that use the library; times are microseconds");
+  const auto add = [&app](const char* name, auto& value, const char* text, auto range) {
+    app.add_option(name, value, text)->capture_default_str()->check(range);
+  };
+  const CLI::Range number(1, 10000);
+  const CLI::Range microseconds(0.0, 1e6);
+  add("--hosts", point.hosts, "Hosts", number);
+  add("--threads", point.threads, "Threads of each host", number);
+  add("--connections", point.connections, "Connections of each host to each server", number);
+  add("--servers", point.servers, "Servers of the pool", number);
+  add("--round-trip", point.round_trip, "Network time of a request and its reply", microseconds);
+  add("--service", point.service, "Mean time in the server", microseconds);
+  add("--host-work", point.host_work, "Time between a reply and the next call", microseconds);
+  add("--pause", point.pause, "Mean time that a thread idles beyond that", microseconds);
+  app.add_flag("--auto-pipelining", point.auto_pipelining,
+               "Threads that meet on a connection share its round trips");
+  add("--wake-up", point.wake_up, "Mean time that a thread takes to wake up for a lock",
+      microseconds);
+  CLI11_PARSE(app, argc, argv);
+
+  std::printf(
+      "series,hosts,threads,connections,servers,requests_per_second,mean_us,p50_us,p99_us\n");
+  if (argc > 1) {
+    print(point);
+    return 0;
+  }
+  for (const Point& one : points_of_the_pictures()) {
+    print(one);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return run_main(run, argc, argv); }

@@ -1,0 +1,74 @@
+#include "exclusive_call.h"
+
+#include "connection.h"
+#include "server_pool.h"
+#include "slot_lock.h"
+
+exclusive_call::exclusive_call(conn_node& slot, const wire_command& wire, const send_terms& terms)
+    : slot_call(wire, terms),
+      slot_(slot),
+      limits_(terms.limits),
+      is_timed_(terms.is_timed),
+      forks_(slot.pipeline_.forks) {
+  call_.counts_failure = true;
+}
+
+exclusive_call::~exclusive_call() {
+  // In the child of a fork the lock has been made anew, and this call does not hold it.
+  if (has_lock_ && forks_ == slot_.pipeline_.forks) {
+    slot_.lock_->release();
+  }
+}
+
+send_end exclusive_call::send() {
+  switch (lock_until(*slot_.lock_, limits_.deadline)) {
+    case lock_end::locked:
+      has_lock_ = true;
+      break;
+    case lock_end::failed:
+      return send_end::lock_failed;
+    case lock_end::timed_out:
+      return send_end::out_of_time;
+  }
+  if (call_.must_not_resend && !is_broken(slot_.context_)) {
+    // It is not to be lost on a connection that its server has closed.
+    const connection_error found = look_at(*slot_.context_);
+    if (found.code != 0) {
+      set_error(*slot_.context_, found);
+    }
+  }
+  if (is_broken(slot_.context_)) {
+    if (slot_.context_ != nullptr) {
+      call_.error = connection_error(*slot_.context_);
+    }
+    return send_end::unanswered;
+  }
+  return exchange_over_slot();
+}
+
+send_end exclusive_call::send_again(rebuilder& rebuilder) {
+  context_ptr fresh = rebuilder.rebuild();
+  if (!fresh) {
+    return limits_.has_passed() ? send_end::out_of_time : send_end::rebuild_failed;
+  }
+  replace_context(slot_, std::move(fresh));
+  return limits_.has_passed() ? send_end::out_of_time : exchange_over_slot();
+}
+
+void exclusive_call::give_up(const char* reason) {
+  call_.error = connection_error(REDIS_ERR_OOM, reason);
+  set_error(*slot_.context_, call_.error);
+}
+
+send_end exclusive_call::exchange_over_slot() {
+  if (is_timed_) {
+    call_.sent_at = std::chrono::steady_clock::now();
+  }
+  call_.reply = exchange(*slot_.context_, *call_.wire, limits_, &call_.was_sent);
+  if (call_.reply) {
+    call_.is_first_reply = std::exchange(slot_.awaits_first_reply_, false);
+    return send_end::replied;
+  }
+  call_.error = connection_error(*slot_.context_);
+  return limits_.has_passed() ? send_end::out_of_time : send_end::unanswered;
+}

@@ -1,0 +1,108 @@
+#include "outage.h"
+
+#include <algorithm>
+#include <limits>
+#include <random>
+
+#include "futex.h"
+#include "log_line.h"
+
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr std::int64_t being_tried = std::numeric_limits<std::int64_t>::max();
+
+std::int64_t ticks(time_point at) {
+  return std::chrono::nanoseconds(at.time_since_epoch()).count();
+}
+
+// So that hosts which lost a server at the same moment do not all try it at the same moment.
+std::chrono::nanoseconds shortened(std::chrono::nanoseconds pause) {
+  thread_local std::minstd_rand random(std::random_device{}());
+  std::uniform_int_distribution<std::int64_t> part(0, pause.count() / 2);
+  return pause - std::chrono::nanoseconds(part(random));
+}
+
+}  // namespace
+
+bool begin_probe(server_probe& probe) {
+  const std::atomic_ref shared(probe.rests_until);
+  std::int64_t rests_until = shared.load(std::memory_order_relaxed);
+  return rests_until <= ticks(steady_clock::now()) &&
+         shared.compare_exchange_strong(rests_until, being_tried, std::memory_order_acquire,
+                                        std::memory_order_relaxed);
+}
+
+void end_probe(server_probe& probe, bool has_answered) {
+  const std::atomic_ref pause(probe.pause_ms);
+  std::int64_t rests_until = 0;
+  if (has_answered) {
+    pause.store(0, std::memory_order_relaxed);
+  } else {
+    const std::int64_t next =
+        std::clamp<std::int64_t>(2 * pause.load(std::memory_order_relaxed),
+                                 first_probe_pause.count(), longest_probe_pause.count());
+    pause.store(next, std::memory_order_relaxed);
+    rests_until = ticks(steady_clock::now() + shortened(std::chrono::milliseconds(next)));
+  }
+  std::atomic_ref(probe.rests_until).store(rests_until, std::memory_order_release);
+}
+
+void release_probe(server_probe& probe) {
+  std::atomic_ref(probe.rests_until).store(0, std::memory_order_release);
+}
+
+void reset_probe(server_probe& probe) {
+  std::atomic_ref(probe.pause_ms).store(0, std::memory_order_relaxed);
+  const std::atomic_ref shared(probe.rests_until);
+  std::int64_t rests_until = shared.load(std::memory_order_relaxed);
+  if (rests_until != being_tried) {
+    shared.compare_exchange_strong(rests_until, 0, std::memory_order_relaxed);
+  }
+}
+
+time_point next_probe(server_probe& probe) {
+  const std::int64_t rests_until =
+      std::atomic_ref(probe.rests_until).load(std::memory_order_relaxed);
+  return rests_until == being_tried ? no_deadline
+                                    : time_point(std::chrono::nanoseconds(rests_until));
+}
+
+bool pool_outage::join(const log_names& names, time_point began, time_point deadline) {
+  const std::scoped_lock lock(mutex_);
+  if (!is_on()) {
+    began_ = steady_clock::now();
+    given_up_at_ = deadline;
+    waited_ = 0;
+    is_on_.store(true, std::memory_order_relaxed);
+    RUVO_LOG(WARN, "ruvo_redis::%s | no server of pool %d answers, calls wait up to %d ms",
+             names.method, names.pool,
+             static_cast<int>(
+                 std::chrono::duration_cast<std::chrono::milliseconds>(deadline - began).count()));
+  } else if (began >= given_up_at_) {
+    return false;
+  }
+  ++waited_;
+  return true;
+}
+
+void pool_outage::sleep(time_point until) const {
+  sleep_on(ended_, ended_.load(std::memory_order_acquire), until);
+}
+
+void pool_outage::end(const log_names& names) {
+  const std::scoped_lock lock(mutex_);
+  if (!is_on()) {
+    return;
+  }
+  is_on_.store(false, std::memory_order_relaxed);
+  ended_.fetch_add(1, std::memory_order_release);
+  wake(&ended_, std::numeric_limits<int>::max());
+  RUVO_LOG(INFO, "ruvo_redis::%s | pool %d answers again after %lld ms, %llu calls waited",
+           names.method, names.pool,
+           static_cast<long long>(
+               std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - began_)
+                   .count()),
+           waited_);
+}

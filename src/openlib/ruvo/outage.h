@@ -1,0 +1,74 @@
+// Servers and pools that do not answer: who tries them, when, and who waits meanwhile.
+#ifndef RUVO_OUTAGE_H
+#define RUVO_OUTAGE_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+
+#include "exchange.h"
+
+// An ejected server is tried by one call at a time: at once, then after pauses that double (an
+// exponential backoff), each shortened by a random part of up to half.
+constexpr std::chrono::milliseconds first_probe_pause{10};
+constexpr std::chrono::milliseconds longest_probe_pause{500};
+
+// Plain fields that all threads share, touched through atomic references.
+struct server_probe {
+  std::int64_t rests_until = 0;  // steady nanoseconds; the greatest value while a call tries it
+  std::int64_t pause_ms = 0;     // before the next try but one
+};
+
+// Takes the server to be tried by this call, unless another call tries it or it rests.
+bool begin_probe(server_probe& probe);
+// As if it had not been taken.
+void release_probe(server_probe& probe);
+void end_probe(server_probe& probe, bool has_answered);
+// The server has been ejected anew: it is tried at once.
+void reset_probe(server_probe& probe);
+// When it may be tried: in the past when at once, no_deadline while a call tries it.
+time_point next_probe(server_probe& probe);
+
+// A pool none of whose servers answers (wait_for_servers). Its calls wait until one does.
+class pool_outage {
+ public:
+  // What the log calls the pool, and who tells it.
+  struct log_names {
+    const char* method;
+    int pool;
+  };
+
+  bool is_on() const { return is_on_.load(std::memory_order_relaxed); }
+
+  // A call's connection has broken: has the pool answered since?
+  void note_break() { has_answered_.store(false, std::memory_order_relaxed); }
+  bool has_answered() const { return has_answered_.load(std::memory_order_relaxed); }
+  void note_answer(const log_names& names) {
+    if (!has_answered_.load(std::memory_order_relaxed)) {
+      has_answered_.store(true, std::memory_order_relaxed);
+    }
+    if (is_on()) {
+      end(names);
+    }
+  }
+
+  // A call of this time span has found no server. False when it is not to wait: the deadline of the
+  // first one that waited has passed, and the pool is given up until a server answers.
+  bool join(const log_names& names, time_point began, time_point deadline);
+  // Sleeps until a server answers, or until then.
+  void sleep(time_point until) const;
+
+ private:
+  void end(const log_names& names);
+
+  std::atomic<bool> has_answered_{false};
+  std::atomic<bool> is_on_{false};
+  std::atomic<std::uint32_t> ended_{0};  // outages; who waits sleeps on it
+  std::mutex mutex_;
+  time_point began_{};  // guarded by mutex_, like the next two
+  time_point given_up_at_{};
+  unsigned long long waited_ = 0;
+};
+
+#endif

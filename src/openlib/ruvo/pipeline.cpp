@@ -1,0 +1,763 @@
+#include "pipeline.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "connection.h"
+#include "futex.h"
+#include "server_pool.h"
+#include "slot_lock.h"
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+using place = queued_call::place;
+
+void add_user(pipeline_state& line, std::uint32_t count) {
+  std::atomic_ref(line.users).fetch_add(count, std::memory_order_relaxed);
+}
+
+// Replies that nobody waits for any more make a slot look used: others are chosen before it.
+void set_to_skip(pipeline_state& line, std::uint32_t replies) {
+  if ((line.to_skip == 0) != (replies == 0)) {
+    add_user(line, replies > 0 ? 1 : ~0U);
+  }
+  line.to_skip = replies;
+}
+
+bool is_look_due(const pipeline_state& line, time_point now) {
+  const auto interval =
+      std::max<std::chrono::nanoseconds>(look_interval, look_round_trips * line.known_round_trip);
+  return now - line.last_look >= interval;
+}
+
+// Before a write with nothing in flight: a command that must not be sent again is not to be lost on
+// a connection that its server has closed.
+bool needs_look(const pipeline_state& line, time_point now) {
+  const queued_call* const next = line.head();
+  return is_look_due(line, now) ||
+         (next != nullptr && next->must_not_resend && !next->is_second_send && !line.has_looked);
+}
+
+// Is it the turn of a command that goes alone? It comes after the second sends.
+bool is_turn_of_alone(const pipeline_state& line) {
+  const queued_call* next = line.unsent.front();
+  return !line.alone.empty() && (next == nullptr || (!next->is_second_send && next->written == 0));
+}
+
+// The slot of that number, or the next one of the server that nobody uses; this call is then one of
+// its users. Where all are used it is the slot of that number.
+conn_node& choose_slot(server_node& server, conn_node& slot) {
+  const std::size_t count = server.context_arr_.size();
+  const auto first = static_cast<std::size_t>(&slot - server.context_arr_.data());
+  for (std::size_t i = 0; i < count; ++i) {
+    conn_node& candidate = server.context_arr_[(first + i) % count];
+    const std::atomic_ref users(candidate.pipeline_.users);
+    std::uint32_t none = 0;
+    // Looks first: among many slots that are used, only the free one is written to.
+    if (users.load(std::memory_order_relaxed) == 0 &&
+        users.compare_exchange_strong(none, 1, std::memory_order_relaxed)) {
+      return candidate;
+    }
+  }
+  add_user(slot.pipeline_, 1);
+  return slot;
+}
+
+}  // namespace
+
+void call_list::insert_before(queued_call* position, queued_call& call) {
+  call.next = position;
+  call.previous = position != nullptr ? position->previous : last_;
+  (call.previous != nullptr ? call.previous->next : first_) = &call;
+  (position != nullptr ? position->previous : last_) = &call;
+  ++size_;
+}
+
+void call_list::remove(queued_call& call) {
+  (call.previous != nullptr ? call.previous->next : first_) = call.next;
+  (call.next != nullptr ? call.next->previous : last_) = call.previous;
+  call.previous = call.next = nullptr;
+  --size_;
+}
+
+queued_call& call_list::pop_front() {
+  queued_call& call = *first_;
+  remove(call);
+  return call;
+}
+
+// The slot's lock, held by this thread but for the moments in which it is let go. Threads that are
+// signalled meanwhile are woken then: they would only wait for the lock.
+class pipelined_call::guard {
+ public:
+  explicit guard(conn_node& slot) : mutex_(*slot.lock_) {}
+  ~guard() {
+    if (is_held_) {
+      unlock();
+    }
+  }
+  guard(const guard&) = delete;
+  guard& operator=(const guard&) = delete;
+
+  lock_end lock_until(time_point deadline) {
+    const lock_end end = ::lock_until(mutex_, deadline);
+    is_held_ = end == lock_end::locked;
+    return end;
+  }
+  void lock() {
+    pthread_mutex_lock(native_handle(mutex_));
+    is_held_ = true;
+  }
+  void unlock() {
+    is_held_ = false;
+    mutex_.release();
+    for (const auto* sleeper : std::span(sleepers_).first(std::exchange(sleeper_count_, 0))) {
+      wake(sleeper);
+    }
+  }
+  bool is_held() const { return is_held_; }
+
+  // With `done`, the last touch of the call.
+  void send_signal(queued_call& call, std::uint32_t value) {
+    const std::atomic<std::uint32_t>* const signal = &call.signal;
+    if (call.signal.exchange(value, std::memory_order_release) != queued_call::asleep) {
+      return;
+    }
+    if (sleeper_count_ < sleepers_.size()) {
+      sleepers_[sleeper_count_++] = signal;
+    } else {
+      wake(signal);
+    }
+  }
+
+ private:
+  ACE_Thread_Mutex& mutex_;
+  bool is_held_ = false;
+  std::size_t sleeper_count_ = 0;
+  std::array<const std::atomic<std::uint32_t>*, max_write_commands> sleepers_;
+};
+
+pipelined_call::pipelined_call(server_node& server, conn_node& slot, const wire_command& wire,
+                               const send_terms& terms)
+    : slot_call(wire, terms),
+      slot_(choose_slot(server, slot)),
+      line_(slot_.pipeline_),
+      terms_(terms),
+      forks_(line_.forks) {}
+
+pipelined_call::~pipelined_call() {
+  if (line_.forks != forks_) {
+    return;  // in the child of a fork: the slot has been made anew, without this call
+  }
+  if (call_.where != place::nowhere) {
+    guard lock(slot_);
+    lock.lock();
+    leave(lock);
+  }
+  add_user(line_, ~0U);
+}
+
+// ---- The two sends ----
+
+send_end pipelined_call::send() {
+  guard lock(slot_);
+  switch (lock.lock_until(terms_.limits.deadline)) {
+    case lock_end::locked:
+      break;
+    case lock_end::failed:
+      return send_end::lock_failed;
+    case lock_end::timed_out:
+      return send_end::out_of_time;
+  }
+  enqueue();
+  const send_end end = wait(lock, nullptr);
+  return std::exchange(call_.has_broken, false) ? send_end::unanswered : end;
+}
+
+send_end pipelined_call::send_again(rebuilder& rebuilder) {
+  guard lock(slot_);
+  lock.lock();
+  if (line_.forks != forks_) {
+    call_.where = place::nowhere;
+    call_.signal.store(queued_call::look, std::memory_order_relaxed);
+    add_user(line_, 1);
+    enqueue();
+  }
+  return wait(lock, &rebuilder);
+}
+
+void pipelined_call::give_up(const char* reason) {
+  guard lock(slot_);
+  lock.lock();
+  call_.error = connection_error(REDIS_ERR_OOM, reason);
+  // Only the first of those that have met the same event.
+  call_.counts_failure = call_.sent_after == slot_.rebuilds_ && !line_.is_ending && !is_broken();
+  if (call_.counts_failure) {
+    line_.is_ending = true;
+    line_.end = call_.error;
+  }
+  if (!std::exchange(call_.is_second_send, true)) {
+    call_.signal.store(queued_call::look, std::memory_order_relaxed);
+    enqueue();
+  }
+  if (line_.in_flight.empty()) {
+    check_idle_connection();
+  }
+  settle(lock);
+}
+
+// Second sends come before first ones, in their order.
+void pipelined_call::enqueue() {
+  forks_ = line_.forks;
+  if (call_.wire->refused()) {
+    call_.where = place::alone;
+    line_.alone.push_back(call_);
+    return;
+  }
+  queued_call* position = nullptr;
+  if (call_.is_second_send) {
+    position = line_.unsent.front();
+    while (position != nullptr && position->is_second_send) {
+      position = position->next;
+    }
+  }
+  call_.where = place::unsent;
+  line_.unsent.insert_before(position, call_);
+}
+
+// Does whatever falls to this call, until it is served or has ended.
+send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
+  for (;;) {
+    if (call_.where == place::nowhere) {
+      lock.unlock();
+      sleep_until_done();
+      return end_of_call();
+    }
+    if (call_.has_broken && rebuilder == nullptr) {
+      return send_end::unanswered;
+    }
+    const time_point now = clock::now();
+    if (now >= call_.deadline && !call_.is_being_written) {
+      leave(lock);
+      return send_end::out_of_time;
+    }
+    call_.is_leaving = now >= call_.deadline;
+    time_point until = call_.is_leaving ? no_deadline : call_.deadline;
+    const bool is_head = line_.head() == &call_;
+    if (is_broken()) {
+      if (is_head && !line_.is_rebuilding && !line_.is_reading && !line_.is_writing) {
+        if (rebuilder == nullptr) {
+          note_broken_connection();
+          return send_end::unanswered;
+        }
+        rebuild(lock, *rebuilder);
+        continue;
+      }
+    } else if (is_head && line_.is_blocked && !line_.is_writing) {
+      wait_until_writable(lock);
+      continue;
+    } else {
+      const write_chance chance = may_write(now, false);
+      if (chance == write_chance::now) {
+        write(lock, now);
+        continue;
+      }
+      if (line_.in_flight.front() == &call_ && !line_.is_reading) {
+        read(lock, now);
+        continue;
+      }
+      if (is_head && chance == write_chance::after_pause) {
+        until = std::min(until, (line_.is_writing ? now : line_.last_write) + line_.pause);
+        call_.wakes_by_itself = true;
+      }
+    }
+    sleep(lock, until);
+    if (!lock.is_held()) {
+      return end_of_call();
+    }
+  }
+}
+
+send_end pipelined_call::end_of_call() const {
+  if (call_.reply) {
+    return send_end::replied;
+  }
+  return call_.rebuild_failed ? send_end::rebuild_failed : send_end::unanswered;
+}
+
+// Served or ended: whoever did it is about to store `done`.
+void pipelined_call::sleep_until_done() {
+  std::uint32_t signal = queued_call::look;
+  call_.signal.compare_exchange_strong(signal, queued_call::asleep, std::memory_order_acquire);
+  while (call_.signal.load(std::memory_order_acquire) != queued_call::done) {
+    sleep_on(call_.signal, queued_call::asleep, no_deadline);
+  }
+}
+
+// Comes back with the lock, or without it once the call is done.
+void pipelined_call::sleep(guard& lock, time_point until) {
+  call_.signal.store(queued_call::asleep, std::memory_order_relaxed);
+  lock.unlock();
+  sleep_on(call_.signal, queued_call::asleep, until);
+  if (call_.signal.load(std::memory_order_acquire) != queued_call::done) {
+    lock.lock();
+    call_.wakes_by_itself = false;
+  }
+}
+
+// Only a thread that reads changes the context without the lock.
+bool pipelined_call::is_broken() const {
+  return line_.is_broken || (!line_.is_reading && ::is_broken(slot_.context_));
+}
+
+// The connection was broken before this call could use it: that counts as its first send.
+void pipelined_call::note_broken_connection() {
+  if (slot_.context_ != nullptr) {
+    call_.error = connection_error(*slot_.context_);
+  }
+  call_.is_second_send = true;
+}
+
+// ---- Writing ----
+
+pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_replied) const {
+  if (line_.is_rebuilding || line_.is_blocked || line_.has_failed_to_write || is_broken()) {
+    return write_chance::on_event;
+  }
+  if (!line_.unsent.empty() && line_.unsent.front()->written > 0) {
+    return line_.is_writing ? write_chance::on_event : write_chance::now;  // the rest of it
+  }
+  if (line_.is_ending || line_.is_alone) {
+    return write_chance::on_event;
+  }
+  if (is_turn_of_alone(line_)) {
+    return line_.in_flight.empty() && !line_.is_writing ? write_chance::now
+                                                        : write_chance::on_event;
+  }
+  if (line_.unsent.empty() || (!line_.in_flight.empty() && is_look_due(line_, now))) {
+    return write_chance::on_event;
+  }
+  if (line_.is_writing) {
+    return write_chance::after_pause;
+  }
+  const bool at_once =
+      line_.in_flight.size() < direct_sends || has_replied || now - line_.last_write >= line_.pause;
+  return at_once ? write_chance::now : write_chance::after_pause;
+}
+
+void pipelined_call::put_in_flight(queued_call& call, time_point now) {
+  call.where = place::in_flight;
+  call.sent_at = now;
+  call.was_sent = true;
+  call.sent_after = slot_.rebuilds_;
+  call.to_skip = line_.to_skip;
+  set_to_skip(line_, 0);
+  line_.in_flight.push_back(call);
+}
+
+// Puts what has gathered in flight, oldest first and within the bounds of a write. Late calls stay:
+// they are about to leave.
+std::size_t pipelined_call::take_batch(std::span<queued_call*> batch, time_point now) {
+  std::size_t count = 0;
+  std::size_t bytes = 0;
+  const std::size_t most = line_.is_alone ? 1 : batch.size();
+  for (queued_call* call = line_.unsent.front(); call != nullptr && count < most;) {
+    queued_call* const next = call->next;
+    if (now < call->deadline || call->written > 0) {
+      bytes += call->wire->length();
+      if (count > 0 && bytes > max_write_bytes) {
+        break;
+      }
+      line_.unsent.remove(*call);
+      put_in_flight(*call, now);
+      call->is_being_written = true;
+      batch[count++] = call;
+    }
+    call = next;
+  }
+  return count;
+}
+
+void pipelined_call::write(guard& lock, time_point now) {
+  if (line_.in_flight.empty() && line_.to_skip == 0 && needs_look(line_, now)) {
+    look_whether_in_step(lock, now);
+    return;
+  }
+  std::array<queued_call*, max_write_commands> calls;
+  std::array<iovec, max_write_commands> bytes;
+  std::size_t count = 1;
+  if (is_turn_of_alone(line_)) {
+    queued_call& call = line_.alone.pop_front();
+    put_in_flight(call, now);
+    line_.is_alone = true;
+    if (call.wire->refused()) {
+      call.wire->report_refusal(*slot_.context_);
+      break_off();
+      settle(lock);
+      return;
+    }
+    call.is_being_written = true;
+    calls[0] = &call;
+  } else {
+    count = take_batch(calls, now);
+  }
+  const std::span<queued_call*> batch = std::span(calls).first(count);
+  std::transform(batch.begin(), batch.end(), bytes.begin(), [](const queued_call* call) {
+    return iovec{call->wire->bytes() + call->written, call->wire->length() - call->written};
+  });
+  line_.is_writing = true;
+  line_.has_looked = false;
+  line_.last_write = now;
+  line_.pause = count > 1 ? write_pause : pause_after_single;
+  lock.unlock();
+  const ssize_t sent = count > 0 ? send_some(*slot_.context_, std::span(bytes).first(count)) : 0;
+  const int error = errno;
+  lock.lock();
+  line_.is_writing = false;
+  note_written(lock, batch, sent > 0 ? static_cast<std::size_t>(sent) : 0);
+  if (sent < 0) {
+    stop_writing(error);
+  }
+  settle(lock);
+}
+
+// Those of which the socket has taken all are in flight, the others go back to the head of the
+// queue. One that has got its reply meanwhile is done now.
+void pipelined_call::note_written(guard& lock, std::span<queued_call*> batch, std::size_t bytes) {
+  for (queued_call* call : batch) {
+    const std::size_t taken = std::min(bytes, call->wire->length() - call->written);
+    bytes -= taken;
+    call->written += taken;
+  }
+  for (std::size_t i = batch.size(); i-- > 0;) {
+    queued_call& call = *batch[i];
+    call.is_being_written = false;
+    if (call.where == place::nowhere) {
+      lock.send_signal(call, queued_call::done);
+    } else if (call.written < call.wire->length()) {
+      put_back(call);
+    } else if (call.is_leaving) {
+      lock.send_signal(call, queued_call::look);
+    }
+  }
+}
+
+void pipelined_call::put_back(queued_call& call) {
+  line_.in_flight.remove(call);
+  set_to_skip(line_, line_.to_skip + std::exchange(call.to_skip, 0));
+  if (call.written == 0) {
+    call.was_sent = false;
+  }
+  const bool returns_alone = line_.is_alone && call.written == 0;
+  call.where = returns_alone ? place::alone : place::unsent;
+  call_list& list = returns_alone ? line_.alone : line_.unsent;
+  list.insert_before(list.front(), call);
+  line_.is_alone = line_.is_alone && call.written > 0;
+  line_.is_blocked = true;
+}
+
+// A connection that takes no bytes may still hold replies that have come: those are read first.
+void pipelined_call::stop_writing(int error) {
+  line_.is_blocked = false;
+  line_.has_failed_to_write = true;
+  if (!std::exchange(line_.is_ending, true)) {
+    line_.end = system_error(error);
+  }
+  if (line_.in_flight.empty()) {
+    check_idle_connection();
+  }
+}
+
+// The socket is full: the head of the queue waits until it takes more.
+void pipelined_call::wait_until_writable(guard& lock) {
+  const auto timeout = terms_.limits.socket_timeout;
+  const time_point end = timeout.count() > 0 ? line_.last_write + timeout : no_deadline;
+  line_.is_writing = true;
+  lock.unlock();
+  const wait_end waited = wait_for_peer(*slot_.context_, POLLOUT, std::min(end, call_.deadline));
+  lock.lock();
+  line_.is_writing = false;
+  if (waited != wait_end::timed_out) {
+    line_.is_blocked = false;
+  } else if (clock::now() < call_.deadline) {
+    line_.end = timeout_error();
+    break_off();
+  }
+  settle(lock);
+}
+
+// Nothing is in flight: bytes that come now were asked for by nobody. A reply that has shifted the
+// others arrives within a round trip of the last command, so the look does not end before that.
+void pipelined_call::look_whether_in_step(guard& lock, time_point now) {
+  line_.is_writing = true;
+  line_.last_look = now;
+  const time_point quiet = line_.last_write + line_.known_round_trip;
+  line_.known_round_trip = std::exchange(line_.round_trip, std::chrono::nanoseconds(0));
+  lock.unlock();
+  if (quiet > now) {
+    wait_for_peer(*slot_.context_, POLLIN, quiet);
+  }
+  const connection_error found = look_at(*slot_.context_);
+  lock.lock();
+  line_.is_writing = false;
+  line_.has_looked = true;
+  if (found.code != 0) {
+    line_.end = found;
+    break_off();
+  }
+  settle(lock);
+}
+
+// ---- Reading ----
+
+void pipelined_call::read(guard& lock, time_point now) {
+  redisContext& context = *slot_.context_;
+  const auto timeout = terms_.limits.socket_timeout;
+  const time_point due =
+      timeout.count() > 0 ? std::max(call_.sent_at, line_.last_arrival) + timeout : no_deadline;
+  std::array<reply_ptr, max_write_commands> replies;
+  const std::size_t most = std::min(replies.size(), line_.in_flight.size() + call_.to_skip);
+  std::size_t count = 0;
+  const auto take_replies = [&] {
+    while (count < most && (replies[count] = next_reply(context))) {
+      ++count;
+    }
+  };
+  line_.is_reading = true;
+  lock.unlock();
+  wait_end end = wait_end::ready;
+  bool has_received = false;
+  take_replies();
+  if (count == 0 && context.err == 0) {
+    end = receive_some(context, timeout, std::min(due, call_.deadline));
+    has_received = end == wait_end::ready;
+    take_replies();
+  }
+  now = clock::now();
+  lock.lock();
+  line_.is_reading = false;
+  if (has_received) {
+    line_.last_arrival = now;
+  }
+  if (context.err == 0 && end == wait_end::timed_out && now < call_.deadline) {
+    set_error(context, timeout_error());
+  }
+  if (context.err != 0) {
+    break_off();
+  }
+  hand_out(lock, std::span(replies).first(count), now);
+}
+
+// Gives the replies to those that they are due to, and what this thread did to the next call. Only
+// then those that have been served are woken: what they do next needs the processor, too.
+void pipelined_call::hand_out(guard& lock, std::span<reply_ptr> replies, time_point now) {
+  std::array<queued_call*, max_write_commands> served;
+  std::size_t count = 0;
+  for (reply_ptr& reply : replies) {
+    queued_call* const first = line_.in_flight.front();
+    if (first == nullptr) {
+      set_to_skip(line_, line_.to_skip - 1);
+      continue;
+    }
+    if (first->to_skip > 0) {
+      --first->to_skip;
+      continue;
+    }
+    queued_call& call = line_.in_flight.pop_front();
+    call.where = place::nowhere;
+    call.reply = std::move(reply);
+    call.is_first_reply = std::exchange(slot_.awaits_first_reply_, false);
+    line_.has_answered = true;
+    line_.silence_counted = false;
+    const std::chrono::nanoseconds round_trip = now - call.sent_at;
+    if (line_.round_trip.count() == 0 || round_trip < line_.round_trip) {
+      line_.round_trip = round_trip;
+    }
+    if (!call.is_being_written) {
+      served[count++] = &call;
+    }
+  }
+  if (line_.in_flight.empty()) {
+    line_.is_alone = false;
+    check_idle_connection();
+  }
+  settle(lock);
+  for (bool has_replied = !replies.empty(); may_write(now, has_replied) == write_chance::now;) {
+    write(lock, now);
+    has_replied = false;
+  }
+  for (queued_call* call : std::span(served).first(count)) {
+    lock.send_signal(*call, queued_call::done);
+  }
+}
+
+// Nothing is in flight: is the connection to be given up?
+void pipelined_call::check_idle_connection() {
+  redisContext& context = *slot_.context_;
+  if (context.err != 0) {
+    return;
+  }
+  if (line_.is_ending) {
+    set_error(context, line_.end);
+  } else {
+    break_if_out_of_step(context);
+  }
+  if (context.err != 0) {
+    break_off();
+  }
+}
+
+// ---- Breaks ----
+
+// The connection is of no use any more. Threads that wait for its socket come back at once; the
+// last of them goes on with finish_break().
+void pipelined_call::break_off() {
+  line_.is_broken = true;
+  if (line_.is_reading || line_.is_writing) {
+    ::shutdown(slot_.context_->fd, SHUT_RDWR);
+  }
+}
+
+// After anything that may change what the next step is.
+void pipelined_call::settle(guard& lock) {
+  if (line_.is_broken && !line_.is_reading && !line_.is_writing && !line_.is_rebuilding) {
+    finish_break(lock);
+  }
+  queued_call* const reads = line_.in_flight.front();
+  if (reads != nullptr && reads != &call_ && !line_.is_reading) {
+    lock.send_signal(*reads, queued_call::look);
+  }
+  queued_call* const head = line_.head();
+  if (head != nullptr && head != &call_ && !head->wakes_by_itself && !line_.is_writing &&
+      !line_.is_rebuilding) {
+    lock.send_signal(*head, queued_call::look);
+  }
+}
+
+// Those in flight have used a send. The ones behind the call whose reply was due are sent again
+// first, in their order; that one goes alone and after them, so that a command which stalls or
+// kills its connection fails by itself. One that has been sent twice is ended.
+void pipelined_call::finish_break(guard& lock) {
+  redisContext& context = *slot_.context_;
+  if (context.err == 0) {
+    set_error(context, line_.end);
+  }
+  // The call whose reply was due, unless it has left.
+  queued_call* const first = line_.in_flight.front();
+  queued_call* const due = first != nullptr && first->to_skip == 0 ? first : nullptr;
+  // What is partly written has been sent, too.
+  while (!line_.unsent.empty() && line_.unsent.front()->written > 0) {
+    line_.in_flight.push_back(line_.unsent.pop_front());
+  }
+  bool is_counted = false;
+  const auto end = [&](queued_call& call) {
+    call.where = place::nowhere;
+    call.counts_failure = !std::exchange(is_counted, true);
+    lock.send_signal(call, queued_call::done);
+  };
+  // A new connection that has not answered anything would not answer these either.
+  for (queued_call* call = line_.has_answered ? nullptr : line_.alone.front(); call != nullptr;) {
+    queued_call* const next = call->next;
+    if (call->is_second_send) {
+      line_.alone.remove(*call);
+      end(*call);
+    }
+    call = next;
+  }
+  queued_call* const later = line_.unsent.front();
+  while (!line_.in_flight.empty()) {
+    queued_call& call = line_.in_flight.pop_front();
+    call.error = connection_error(context);
+    call.written = 0;
+    call.to_skip = 0;
+    const bool is_resent = !call.is_second_send && !call.must_not_resend;
+    call.has_broken = !call.is_second_send;
+    if (!is_resent) {
+      end(call);
+      continue;
+    }
+    call.is_second_send = true;
+    const bool goes_alone = &call == due || call.wire->refused();
+    call.where = goes_alone ? place::alone : place::unsent;
+    if (goes_alone) {
+      line_.alone.push_back(call);
+    } else {
+      line_.unsent.insert_before(later, call);
+    }
+    lock.send_signal(call, queued_call::look);
+  }
+  set_to_skip(line_, 0);
+  line_.is_alone = line_.is_blocked = line_.is_ending = line_.has_failed_to_write = false;
+}
+
+void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
+  line_.is_rebuilding = true;
+  for (call_list* list : {&line_.unsent, &line_.alone}) {
+    for (queued_call* call = list->front(); call != nullptr; call = call->next) {
+      call->shares_rebuild = true;
+    }
+  }
+  lock.unlock();
+  context_ptr fresh = rebuilder.rebuild();
+  lock.lock();
+  line_.is_rebuilding = false;
+  if (fresh) {
+    replace_context(slot_, std::move(fresh));
+    line_.is_broken = line_.has_answered = line_.silence_counted = false;
+    line_.round_trip = line_.known_round_trip = std::chrono::nanoseconds(0);
+    line_.last_look = clock::now();
+  } else if (clock::now() < call_.deadline) {
+    share_failed_rebuild(lock);
+  }
+  settle(lock);
+}
+
+// Those that have come meanwhile have not met the fault: they try for themselves.
+void pipelined_call::share_failed_rebuild(guard& lock) {
+  for (call_list* list : {&line_.unsent, &line_.alone}) {
+    for (queued_call* call = list->front(); call != nullptr;) {
+      queued_call* const next = call->next;
+      if (call->shares_rebuild) {
+        list->remove(*call);
+        call->where = place::nowhere;
+        call->rebuild_failed = true;
+        call->counts_failure = call == &call_;
+        if (slot_.context_ != nullptr && call->error.code == 0) {
+          call->error = connection_error(*slot_.context_);
+        }
+        lock.send_signal(*call, queued_call::done);
+      }
+      call = next;
+    }
+  }
+}
+
+// The deadline has come. A command in flight is answered all the same: its reply will be dropped.
+void pipelined_call::leave(guard& lock) {
+  if (call_.where == place::in_flight) {
+    queued_call* const next = call_.next;
+    const std::uint32_t replies = call_.to_skip + 1;
+    line_.in_flight.remove(call_);
+    if (next != nullptr) {
+      next->to_skip += replies;
+    } else {
+      set_to_skip(line_, line_.to_skip + replies);
+    }
+    if (line_.last_arrival <= call_.sent_at) {
+      call_.counts_failure = !std::exchange(line_.silence_counted, true);
+    }
+  } else if (call_.where != place::nowhere) {
+    (call_.where == place::alone ? line_.alone : line_.unsent).remove(call_);
+    if (call_.written > 0) {
+      line_.end = deadline_error();
+      break_off();
+    }
+  }
+  call_.where = place::nowhere;
+  settle(lock);
+}

@@ -1,0 +1,159 @@
+// Calls that share a connection in full duplex (auto_pipelining).
+//
+// A slot has two lists of calls, `unsent` and `in_flight`, both in the order in which replies are
+// due. A call puts itself at the end of `unsent` and then does, in a loop, whatever of the
+// connection's work falls to it, or sleeps until it is woken (pipelined_call::wait()):
+//
+//   write    The call that finds that a write may begin takes what has gathered, puts it in flight
+//            and sends it. A write may begin at once while few commands are in flight; otherwise a
+//            pause after the last write, or the next reply, lets commands gather that then share
+//            one system call.
+//   read     The call whose reply is due first reads. It hands out every reply that has come, hands
+//            the reading over to the call that is due next, writes what has gathered, wakes those
+//            that it has served, and returns: it never reads on for others.
+//   rebuild  The call at the head of the queue replaces a broken connection; see break_off() for
+//            who is sent again, and in which order.
+//
+// So whoever changes what the next step is wakes the call that it falls to: the front of
+// `in_flight` when nobody reads, the head of the queue when nobody writes. Only the head of the
+// queue sleeps for no longer than the pause; the others sleep until they are woken or their
+// deadline comes.
+//
+// Locking. The slot's lock guards everything here. It is not held during a write, a read, a rebuild
+// or a sleep: `is_writing`, `is_reading` and `is_rebuilding` say that a thread is about one of them
+// and has the context's socket, reader or replacement to itself. A break is finished by whoever
+// comes back last.
+//
+// Lifetime and memory order. A call lies on the stack of its thread. Other threads touch it with
+// the lock held, while it is in a list; or, once it is in none, only to store `done` in its signal,
+// with release: that is their last touch, and what they have written before (its reply) is seen by
+// its thread, which loads the signal with acquire. So a call that is in no list and not done waits
+// for that store. A wake-up system call is given an address that it does not look into.
+#ifndef RUVO_PIPELINE_H
+#define RUVO_PIPELINE_H
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "slot_call.h"
+
+struct server_node;
+
+// So many commands may be in flight before commands are held back to share a write, and so long at
+// most. Measured with GET on one connection: holding back fewer than 4 makes 2 to 4 threads slower;
+// no pause at all costs 64 threads on loopback half their rate. After a write of a single command
+// the long pause would only add to the latency: 6 % at 16 threads and a round trip of 1 ms.
+constexpr std::size_t direct_sends = 4;
+constexpr std::chrono::microseconds write_pause{100};
+constexpr std::chrono::microseconds pause_after_single{20};
+
+// Bounds of a write. A larger command goes alone.
+constexpr std::size_t max_write_commands = 128;
+constexpr std::size_t max_write_bytes = std::size_t{64} << 10U;
+
+// A connection under unbroken traffic is let run empty so often, to see whether it is in step.
+constexpr std::chrono::milliseconds look_interval{100};
+constexpr int look_round_trips = 64;
+
+class call_list {
+ public:
+  queued_call* front() const { return first_; }
+  bool empty() const { return first_ == nullptr; }
+  std::size_t size() const { return size_; }
+  void insert_before(queued_call* position, queued_call& call);  // null: at the end
+  void push_back(queued_call& call) { insert_before(nullptr, call); }
+  void remove(queued_call& call);
+  queued_call& pop_front();
+
+ private:
+  queued_call* first_ = nullptr;
+  queued_call* last_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+// What a slot knows of the calls that share it. Guarded by the slot's lock, but for `users`.
+struct pipeline_state {
+  call_list unsent;  // second sends first
+  call_list alone;   // to be sent with nothing else in flight
+  call_list in_flight;
+  std::uint32_t to_skip = 0;  // replies of calls that have left, due after all of in_flight
+  bool is_reading = false;
+  bool is_writing = false;
+  bool is_rebuilding = false;
+  bool is_blocked = false;  // the socket takes no more bytes
+  bool is_alone = false;    // what is in flight went alone
+  bool is_ending = false;   // takes no more commands; given up once nothing is in flight
+  bool has_failed_to_write = false;
+  bool is_broken = false;        // the break waits for a thread that reads or writes
+  bool has_answered = false;     // since it was opened
+  bool silence_counted = false;  // as a failure of the server
+  bool has_looked = false;       // whether it is in step, since the last write
+  connection_error end;          // why it is given up
+  time_point last_write{};
+  std::chrono::microseconds pause{0};  // after it
+  time_point last_arrival{};           // of bytes
+  time_point last_look{};
+  std::chrono::nanoseconds round_trip{0};        // the shortest since the last look,
+  std::chrono::nanoseconds known_round_trip{0};  // and before it
+  std::uint64_t forks = 0;                       // how often the process has forked into this one
+  std::uint32_t users = 0;  // calls at the slot, through atomic references; one more while
+                            // replies of calls that have left are due
+
+  // Who is to be sent next, and rebuilds a broken connection.
+  queued_call* head() const { return !unsent.empty() ? unsent.front() : alone.front(); }
+};
+
+// A call's visit of a slot whose connection other calls use at the same time.
+class pipelined_call final : public slot_call {
+ public:
+  // At `slot`, or at another one of the server that nobody uses when that is in use.
+  pipelined_call(server_node& server, conn_node& slot, const wire_command& wire,
+                 const send_terms& terms);
+  ~pipelined_call();
+
+  send_end send() override;
+  send_end send_again(rebuilder& rebuilder) override;
+  void give_up(const char* reason) override;
+
+ private:
+  class guard;
+  enum class write_chance { now, after_pause, on_event };
+
+  void enqueue();
+  send_end wait(guard& lock, rebuilder* rebuilder);
+  send_end end_of_call() const;
+  void sleep(guard& lock, time_point until);
+  void sleep_until_done();
+  bool is_broken() const;
+  void note_broken_connection();
+
+  write_chance may_write(time_point now, bool has_replied) const;
+  void put_in_flight(queued_call& call, time_point now);
+  std::size_t take_batch(std::span<queued_call*> batch, time_point now);
+  void write(guard& lock, time_point now);
+  void note_written(guard& lock, std::span<queued_call*> batch, std::size_t bytes);
+  void put_back(queued_call& call);
+  void stop_writing(int error);
+  void wait_until_writable(guard& lock);
+  void look_whether_in_step(guard& lock, time_point now);
+
+  void read(guard& lock, time_point now);
+  void hand_out(guard& lock, std::span<reply_ptr> replies, time_point now);
+  void check_idle_connection();
+
+  void break_off();
+  void finish_break(guard& lock);
+  void rebuild(guard& lock, rebuilder& rebuilder);
+  void share_failed_rebuild(guard& lock);
+  void leave(guard& lock);
+  void settle(guard& lock);
+
+  conn_node& slot_;
+  pipeline_state& line_;
+  send_terms terms_;
+  std::uint64_t forks_;
+};
+
+#endif

@@ -1,0 +1,286 @@
+#include "settings.h"
+
+#include <strings.h>
+
+#include <charconv>
+#include <cstdlib>
+
+#include "busin_config.h"
+#include "ruvo.h"
+#include "sutils.h"
+
+namespace {
+
+using kind = setting_kind;
+
+struct pool_keys {
+  RedisServerType type;
+  const char* prefix;
+  const char* addresses;
+};
+
+// The temporary pool reads the p_ keys and the persistent pool the t_ keys: deployed configuration
+// files are written for it.
+constexpr std::array keys_of_pools{pool_keys{eTempServer, "p_", "temp_server"},
+                                   pool_keys{ePersistServer, "t_", "persist_server"},
+                                   pool_keys{ePersonalityServer, "ps_", "personality_server"}};
+
+// clang-format off
+std::vector<setting> make_settings() {
+  using O = client_options;
+  using P = pool_settings;
+  constexpr const char* common = "common";
+  constexpr const char* server = "server";
+  constexpr const char* failover_replies = "LOADING,READONLY,MASTERDOWN,CLUSTERDOWN,NOAUTH,ERR max number of clients";
+  std::vector<setting> all{
+      {"redis_cfg", "redis_cfg_path", kind::path, "", "", 0, "the file with all other settings; required", {}},
+
+      {common, "connect_timeout", kind::number, "ms", "200", INT_MIN, "opening a connection; below 1: no limit", &time_limits::connect_timeout},
+      {common, "socket_timeout", kind::number, "ms", "500", INT_MIN, "each read and each write on a connection; below 1: no limit", &time_limits::socket_timeout},
+
+      // First of the options, since it changes the defaults of the others.
+      {common, "recommended_defaults", kind::truth, "", "true", 0, "the recommended values of the keys below hold where the file has none", &O::recommended_defaults},
+      {common, "auto_pipelining", kind::truth, "", "true", 0, "threads that meet on a connection pipeline their commands on it", &O::auto_pipelining, 0, 1},
+      {common, "eject_silent_servers", kind::truth, "", "true", 0, "a visit without a reply counts as a failure of the server", &O::eject_silent_servers, 0, 1},
+      {common, "try_ejected_servers", kind::truth, "", "true", 0, "where every server is ejected, one is tried rather than failing the call", &O::try_ejected_servers, 0, 1},
+      {common, "log_limit", kind::number, "lines", "5", 0, "WARN and ERROR lines of one kind that are written in a second; 0: all", &O::log_limit, 0, 1},
+      {common, "call_timeout", kind::number, "ms", "2000", 0, "deadline of a call, with all its retries and waits; 0: none", &O::call_timeout, 0, 1},
+      {common, "raw_commands_stay_in_pool", kind::truth, "", "true", 0, "a raw command fails over within its own pool only", &O::raw_commands_stay_in_pool, 0, 2},
+      {common, "start_without_servers", kind::truth, "", "true", 0, "start-up keeps the connections that cannot be opened, for their first use", &O::start_without_servers, 0, 2},
+      {common, "failover_replies", kind::texts, "", failover_replies, 0, "an error reply that begins so counts as none: the call fails over", &O::failover_replies, 0, 2},
+      {common, "send_once", kind::truth, "", "", 0, "a command that may not run twice is sent at most once", &O::send_once, 0, 2},
+      {common, "wait_for_servers", kind::truth, "", "true", 0, "a call waits until a server answers again or its deadline comes; needs call_timeout", &O::wait_for_servers, 0, 2, &O::call_timeout},
+      {common, "stats_file", kind::path, "", "", 0, "the file that statistics are counted in; %p in it is the process id", &O::stats_file, 0, 2},
+      {common, "slow_call_log", kind::number, "ms", "", 0, "a call that takes so long is logged at WARN; 0: none", &O::slow_call_log, 0, 2},
+  };
+  for (const pool_keys& pool : keys_of_pools) {
+    all.push_back({common, pool.addresses, kind::addresses, "", "", 0, "its servers; absent: the default of the host's network", &P::addresses, pool.type});
+  }
+  for (const setting& key : std::initializer_list<setting>{
+           {server, "connect_num", kind::number, "", "", 0, "connections to each server; p_ counts for every pool, t_ and ps_ are not used", &P::connect_num},
+           {server, "auto_eject_server", kind::truth, "", "", 0, "a server that fails is ejected", &P::auto_eject_server},
+           {server, "server_failure_limit", kind::number, "", "", INT_MIN, "failures that eject a server; negative: never", &P::server_failure_limit},
+           {server, "server_retry_timeout", kind::number, "s", "", INT_MIN, "how long an ejected server is left out; below 1: not at all", &P::server_retry_timeout},
+           {server, "password", kind::text, "", "", 0, "password of the servers; t_ counts for every connection that is rebuilt", &P::password}}) {
+    for (const pool_keys& pool : keys_of_pools) {
+      setting& own = all.emplace_back(key);
+      own.name.insert(0, pool.prefix);
+      own.pool = pool.type;
+    }
+  }
+  return all;
+}
+// clang-format on
+
+std::vector<std::string> split(const std::string& text, const char* separator) {
+  sp::str_arr pieces;
+  sp::split_str(text.c_str(), pieces, separator);
+  return pieces;
+}
+
+// False for a text that is no value of the key; the value is then as it was.
+template <typename Value>
+bool store(Value& value, const std::optional<Value>& parsed) {
+  value = parsed.value_or(value);
+  return parsed.has_value();
+}
+bool parse(const setting& /*key*/, const std::string& text, bool& value) {
+  return store(value, parse_truth(text));
+}
+bool parse(const setting& key, const std::string& text, int& value) {
+  if (key.is_option()) {
+    return store(value, parse_number(text, key.least));
+  }
+  const int number = parse_leading_number(text);
+  return store(value, number < key.least ? std::nullopt : std::optional(number));
+}
+bool parse(const setting& /*key*/, const std::string& text, std::vector<std::string>& value) {
+  value = split(text, ",");
+  std::erase(value, "");
+  return true;
+}
+template <typename Text>
+bool parse(const setting& /*key*/, const std::string& text, Text& value) {
+  value = text;
+  return true;
+}
+
+std::string as_text(bool value) { return value ? "true" : "false"; }
+std::string as_text(int value) { return std::to_string(value); }
+std::string as_text(const std::string& value) { return value; }
+std::string as_text(const std::optional<std::string>& value) { return value.value_or(""); }
+std::string as_text(const std::vector<std::string>& value) {
+  std::string all;
+  for (const std::string& one : value) {
+    all += (all.empty() ? "" : ",") + one;
+  }
+  return all;
+}
+
+const char* text_in(const vop_config& config, const setting& key) {
+  return config.get_str_val(key.section, key.name.c_str());
+}
+
+// Stores what the file says of a key. False, and told, where it says nothing that can be used.
+template <typename Value>
+bool read(const vop_config& config, const setting& key, bool is_idle, Value& value,
+          const fault_listener& refuse) {
+  const char* const text = text_in(config, key);
+  if (text == nullptr) {
+    return false;
+  }
+  Value found = value;
+  const bool is_of_its_kind = parse(key, text, found);
+  if (is_of_its_kind && !(is_idle && found != value)) {
+    value = found;
+    return true;
+  }
+  if (refuse) {
+    refuse(key,
+           is_of_its_kind            ? setting_fault::no_call_timeout
+           : key.kind == kind::truth ? setting_fault::no_truth
+                                     : setting_fault::no_number,
+           text);
+  }
+  return false;
+}
+
+// The fields that belong to a pool, or to none.
+template <typename Owner>
+Owner read_fields(const vop_config& config, int pool, const fault_listener& refuse) {
+  Owner owner;
+  for (const setting& key : all_settings()) {
+    if (key.pool == pool) {
+      key.with_field(owner, [&](auto& value) { read(config, key, false, value, refuse); });
+    }
+  }
+  return owner;
+}
+
+}  // namespace
+
+bool setting::is_option() const {
+  client_options options;
+  return with_field(options, [](auto& /*value*/) {});
+}
+
+const std::vector<setting>& all_settings() {
+  static const std::vector<setting> all = make_settings();
+  return all;
+}
+
+const char* kind_text(setting_kind kind) {
+  constexpr std::array names{"text",         "path",        "address list",
+                             "whole number", "truth value", "list of texts"};
+  return names.at(static_cast<std::size_t>(kind));
+}
+
+std::string default_text(const setting& key, bool recommended_defaults) {
+  if (recommended_defaults && key.is_option() && *key.recommended != '\0') {
+    return key.recommended;
+  }
+  site_settings site;
+  std::string text;
+  const auto take = [&text](const auto& value) { text = as_text(value); };
+  if (!key.with_field(site.limits, take) && !key.with_field(site.options, take)) {
+    key.with_field(site.pools.front(), take);
+  }
+  return text;
+}
+
+std::string value_text(const setting& option, const client_options& options) {
+  std::string text;
+  option.with_field(options, [&text](const auto& value) { text = as_text(value); });
+  return text;
+}
+
+const char* find_redis_config(const vop_config& config) {
+  return text_in(config, all_settings().front());
+}
+
+time_limits read_time_limits(const vop_config& config) {
+  return read_fields<time_limits>(config, 0, {});
+}
+
+found_options find_options(const vop_config& config, const fault_listener& refuse) {
+  found_options found;
+  client_options& options = found.options;
+  for (const setting& key : all_settings()) {
+    key.with_field(options, [&](auto& value) {
+      const bool is_idle = key.needed_number != nullptr && options.*key.needed_number == 0;
+      if (read(config, key, is_idle, value, refuse)) {
+        found.is_told.at(static_cast<std::size_t>(key.line)) = true;
+      } else if (options.recommended_defaults && !is_idle && *key.recommended != '\0') {
+        parse(key, key.recommended, value);
+      }
+    });
+  }
+  if (options.recommended_defaults) {
+    found.is_told.fill(true);
+  }
+  return found;
+}
+
+pool_settings read_pool_settings(const vop_config& config, RedisServerType type,
+                                 const fault_listener& refuse) {
+  return read_fields<pool_settings>(config, type, refuse);
+}
+
+site_settings read_site_settings(const vop_config& config) {
+  site_settings site;
+  site.limits = read_time_limits(config);
+  site.options = find_options(config).options;
+  for (const pool_keys& pool : keys_of_pools) {
+    site.pools.at(static_cast<std::size_t>(pool.type) - 1) = read_pool_settings(config, pool.type);
+  }
+  return site;
+}
+
+std::optional<bool> parse_truth(const std::string& text) {
+  if (text == "1" || strcasecmp(text.c_str(), "true") == 0) {
+    return true;
+  }
+  if (text == "0" || strcasecmp(text.c_str(), "false") == 0) {
+    return false;
+  }
+  return std::nullopt;
+}
+
+std::optional<int> parse_number(const std::string& text, int least) {
+  int value = 0;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, value);
+  return error == std::errc() && rest == end && value >= least ? std::optional(value)
+                                                               : std::nullopt;
+}
+
+int parse_leading_number(const std::string& text) {
+  return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
+std::optional<server_addr> parse_address(const std::string& text) {
+  const std::vector<std::string> parts = split(text, ":");
+  if (parts.size() != 2) {
+    return std::nullopt;
+  }
+  const long port = std::strtol(parts[1].c_str(), nullptr, 0);
+  const bool fits = INT_MIN <= port && port <= UINT32_MAX;
+  return server_addr{parts[0], static_cast<std::uint32_t>(fits ? port : INT_MAX)};
+}
+
+address_list parse_addresses(const std::string& text) {
+  address_list list;
+  for (const std::string& piece : split(text, ",")) {
+    const std::optional<server_addr> addr = parse_address(piece);
+    if (!addr) {
+      list.malformed = piece;
+      break;
+    }
+    list.servers.push_back(*addr);
+  }
+  return list;
+}
+
+std::string to_text(const server_addr& addr) {
+  return addr.ip_ + ":" + std::to_string(static_cast<int>(addr.port_));
+}

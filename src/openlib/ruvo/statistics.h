@@ -1,0 +1,181 @@
+// Statistics for whoever looks at the host from outside: counters in a file that the process maps
+// (its layout and its readers' part: stats.h). Without the key `stats_file` every pointer below is
+// null, and a hook is one test.
+//
+// Start-up makes the file once the pools are built, and gives each server_pool and server_node the
+// pointer to its record:
+//
+//   statistics_.begin(path, pools)           before operations are let in
+//   pool.stats_ = statistics_.pool(i), server.stats_ = statistics_.server(i, server.index_)
+//   statistics_.end()                        in fini, when the pools are closed
+//
+// The hooks, each with its place on the path of a call:
+//
+//   call_timer timer(pool stats)             an exported operation, around the method's call:
+//   timer.end(result)                          counts it by result code and time
+//   note_cause(RUVO_STATS_DEADLINE)          where a call fails with RUVO_ERR_FAILED: why, for the
+//                                              timer of the same thread
+//
+//   count(server, &server_counters::calls)      a visit has chosen a slot
+//   waiting_mark mark(server)                lives while the visit waits for that slot
+//   count(server, &server_counters::second_sends)  the command goes out again
+//   count(server, &server_counters::replies)    the visit ends with a reply;
+//   count(server, &server_counters::error_replies)  and that is an error reply
+//   count(server, &server_counters::no_replies) the visit ends otherwise, for whatever reason.
+//   Exactly
+//                                              one of the two ends every visit: what is in flight
+//                                              is told from their difference
+//   count(server, &server_counters::reconnects) reset_connection has succeeded;
+//   count(server, &server_counters::failed_reconnects)  or not
+//   note_failures(server, failures, retry)   failure_count_ and next_retry_time_ have changed
+//   count(server, &server_counters::ejections)  the failure that reaches the limit of a pool that
+//   ejects count(server, &server_counters::retries)    an ejected server is tried again
+//
+// The counters are relaxed: nothing is ordered by them. The timer of a call gets its thread a lane,
+// where it has every cache line to itself and counts with plain loads and stores; who finds all
+// lanes taken, and the child of a fork, counts in the first one, which is shared.
+#ifndef RUVO_STATISTICS_H
+#define RUVO_STATISTICS_H
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <span>
+#include <string>
+
+#include "ruvo.h"
+#include "server_pool.h"
+#include "stats.h"
+
+using pool_stats = ruvo_pool_stats;
+using server_stats = ruvo_server_stats;
+using server_counters = ruvo_server_counters;
+
+// The lane of this thread; 0: the shared one. Of the initial-exec model, since a call looks at it
+// several times, and the other models take longer for that than the counting does.
+[[gnu::tls_model("initial-exec")]] inline constinit thread_local std::uint32_t stats_lane = 0;
+
+// Gets this thread a lane until it ends, if one is free.
+void claim_stats_lane() noexcept;
+
+inline void add(std::uint64_t& counter, std::uint64_t amount) noexcept {
+  const std::atomic_ref shared(counter);
+  if (stats_lane != 0) {
+    shared.store(shared.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+  } else {
+    shared.fetch_add(amount, std::memory_order_relaxed);
+  }
+}
+
+inline void count(server_stats* server, std::uint64_t server_counters::*counter) noexcept {
+  if (server != nullptr) {
+    add(server->lanes[stats_lane].*counter, 1);
+  }
+}
+
+inline void note_failures(server_stats* server, std::int64_t failures,
+                          std::time_t next_retry_time) noexcept {
+  if (server != nullptr) {
+    std::atomic_ref(server->failure_count).store(failures, std::memory_order_relaxed);
+    std::atomic_ref(server->next_retry_time).store(next_retry_time, std::memory_order_relaxed);
+  }
+}
+
+class waiting_mark {
+ public:
+  explicit waiting_mark(server_stats* server) noexcept : server_(server) {
+    count(server_, &server_counters::waiting);
+  }
+  ~waiting_mark() {
+    if (server_ != nullptr) {
+      add(server_->lanes[stats_lane].waiting, minus_one);
+    }
+  }
+  waiting_mark(const waiting_mark&) = delete;
+  waiting_mark& operator=(const waiting_mark&) = delete;
+
+ private:
+  static constexpr std::uint64_t minus_one = ~std::uint64_t{0};
+
+  server_stats* server_;
+};
+
+inline void record_call(pool_stats& pool, ruvo_stats_result result,
+                        std::chrono::nanoseconds duration) noexcept {
+  const auto time = static_cast<std::uint64_t>(duration.count());
+  ruvo_pool_counters& lane = pool.lanes[stats_lane];
+  add(lane.results[result], 1);
+  add(lane.time_sum, time);
+  add(lane.buckets[ruvo_stats_bucket(time)], 1);
+}
+
+// RUVO_ERR_FAILED alone says little: the place that fails a call notes why. The latest cause that
+// its thread has noted counts; one of a second command that changes no result is passed over.
+inline constinit thread_local ruvo_stats_result latest_cause = RUVO_STATS_OTHER_FAILURE;
+inline void note_cause(ruvo_stats_result cause) noexcept { latest_cause = cause; }
+
+ruvo_stats_result result_of(int code) noexcept;
+
+// Measures one call. The host's thread may end it without end(), by an exception: then it is not
+// counted.
+class call_timer {
+ public:
+  using clock = std::chrono::steady_clock;
+
+  explicit call_timer(pool_stats* pool) noexcept
+      : call_timer(pool, pool != nullptr ? clock::now() : clock::time_point()) {}
+  // For a caller that has looked at the clock: a look costs more than all the counting of a call.
+  call_timer(pool_stats* pool, clock::time_point begin) noexcept : pool_(pool), begin_(begin) {
+    if (pool_ != nullptr && stats_lane == 0) {
+      claim_stats_lane();
+    }
+  }
+
+  // With the result code of a typed operation.
+  void end(int code) noexcept {
+    if (pool_ != nullptr) {
+      record_call(*pool_, code == RUVO_OK ? RUVO_STATS_OK : result_of(code), clock::now() - begin_);
+    }
+  }
+  // With the reply of a raw command; null where there is none.
+  void end(const redisReply* reply) noexcept;
+
+ private:
+  pool_stats* pool_;
+  clock::time_point begin_;
+};
+
+// The file of one start-up.
+class statistics_file {
+ public:
+  struct counted_pool {
+    RedisServerType type;
+    const server_pool& pool;
+    std::uint32_t connections;  // to each server
+  };
+
+  statistics_file() = default;
+  ~statistics_file() { end(); }
+  statistics_file(const statistics_file&) = delete;
+  statistics_file& operator=(const statistics_file&) = delete;
+
+  // Makes the file, with a record for each pool and each server, and puts it in place; "%p" in the
+  // path stands for the process id. False when it cannot be made, which the log tells; the pointers
+  // are then null.
+  bool begin(const std::string& path, std::span<const counted_pool> pools);
+  // Leaves the file with its last numbers. Pointers into it must not be used any more.
+  void end() noexcept;
+
+  pool_stats* pool(std::size_t number) noexcept;
+  server_stats* server(std::size_t pool_number, std::size_t position) noexcept;
+
+ private:
+  bool make(const char* name, std::span<const counted_pool> pools);
+  void describe(std::uint32_t number, const counted_pool& from);
+
+  ruvo_stats_header* head_ = nullptr;  // the mapping
+};
+
+#endif

@@ -1,0 +1,54 @@
+// A real Redis that answers and does not serve: a replica, one that loads its data, one at its
+// limit of clients, one that wants a password. Each function changes a running server and closes
+// the connections of its clients, so that the next command meets the new state.
+#ifndef RUVO_TESTING_SERVER_STATES_H
+#define RUVO_TESTING_SERVER_STATES_H
+
+#include <string>
+
+#include "fixtures.h"
+
+// A connection that stays open, so that its commands are done while the server takes no other.
+class ControlConnection : NoCopy {
+ public:
+  explicit ControlConnection(const RedisServer& server, const std::string& password = "");
+  ~ControlConnection();
+  // Returns the first line of the reply. REQUIRES: no word of the command holds blanks or quotes.
+  std::string send(const std::string& command) const;  // throws std::runtime_error
+  void close_clients() const { send("CLIENT KILL TYPE normal"); }
+
+ private:
+  int fd_;
+};
+
+// Writes are answered with READONLY, from the moment at which the copy of the data is complete.
+void become_replica(const RedisServer& server, const RedisServer& primary);
+
+// Every command for data is answered with MASTERDOWN.
+void become_replica_without_primary(const RedisServer& server);
+
+// Ends both.
+void become_primary(const RedisServer& server);
+
+// Every command but AUTH is answered with NOAUTH.
+void want_password(const RedisServer& server, const std::string& password);
+void want_no_password(const RedisServer& server, const std::string& password);
+
+// Restarts the server with data that take a minute to load: commands are answered with LOADING. It
+// ends with finish_loading, or with the next restart.
+void restart_loading(RedisServer& server);
+void finish_loading(const RedisServer& server);
+
+// While it lives the server is at its limit of clients: it takes so many connections, answers any
+// further one with an error, and closes it.
+class ClientLimit : NoCopy {
+ public:
+  explicit ClientLimit(const RedisServer& server, int clients = 0,
+                       const std::string& password = "");
+  ~ClientLimit();
+
+ private:
+  ControlConnection control_;
+};
+
+#endif

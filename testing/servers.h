@@ -1,0 +1,85 @@
+// Servers of the caller's own, all on loopback ports that the kernel handed out: a real Redis, one
+// that follows a script, one that is down, and a nutcracker.
+#ifndef RUVO_TESTING_SERVERS_H
+#define RUVO_TESTING_SERVERS_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fixtures.h"
+
+// One connection, seen from a scripted server.
+class Peer : NoCopy {
+ public:
+  Peer(int fd, int number) : fd_(fd), number_(number), input_(fdopen(fd, "r")) {}
+  ~Peer() { (void)fclose(input_); }
+
+  int number() const { return number_; }  // 0 for the first connection to the server
+  // The words of the next command, or nothing when the client has gone.
+  std::vector<std::string> read_command();
+  void send(const std::string& bytes) const;
+  void answer_all(const std::string& bytes);  // every command that comes
+  void hang() { answer_all(""); }             // until the client gives up
+  void drip(const std::string& bytes, std::chrono::milliseconds pause) const;  // one at a time
+  void reset() const;   // as a crashed machine does: what was sent may be lost
+  void vanish() const;  // closes, then resets: the client's next write raises SIGPIPE
+
+ private:
+  long read_number(char mark);
+
+  int fd_;
+  int number_;
+  FILE* input_;
+};
+
+// Runs a script for every connection, each in a thread of its own, and closes it when that returns.
+class ScriptedServer : public DownServer {
+ public:
+  using Script = std::function<void(Peer&)>;
+  explicit ScriptedServer(Script script);
+  // What it answers to the words of each command.
+  using Answer = std::function<std::string(const std::vector<std::string>& words)>;
+  explicit ScriptedServer(const Answer& answer);
+  explicit ScriptedServer(const std::string& reply)
+      : ScriptedServer([reply](Peer& peer) { peer.answer_all(reply); }) {}
+  ~ScriptedServer();
+  int connections() const { return connections_; }
+  void refuse();  // further connections
+
+ private:
+  void accept_all();
+
+  Script script_;
+  std::atomic<int> connections_{0};
+  std::mutex mutex_;
+  std::set<int> open_;  // guarded by mutex_
+  std::vector<std::jthread> threads_;
+  std::jthread acceptor_;
+};
+
+// The proxy of that name, which distributes the keys over Redis servers. Those of the same list
+// agree where each key is.
+class Nutcracker : NoCopy {
+ public:
+  explicit Nutcracker(const std::vector<std::string>& shards);
+  std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
+  void kill() { process_.kill(); }
+  void restart();  // on the same port
+
+ private:
+  bool start();
+
+  TempDir dir_;
+  std::vector<std::string> shards_;
+  int port_ = 0;
+  ServerProcess process_;
+};
+
+#endif

@@ -1,0 +1,31 @@
+// The library as a host in these rooms starts it.
+#ifndef RUVO_TESTING_STARTED_LIBRARY_H
+#define RUVO_TESTING_STARTED_LIBRARY_H
+
+#include <ruvo/ruvo.hpp>
+
+#include <stdexcept>
+#include <string>
+
+#include "fixtures.h"
+
+// Ready while it lives, and started without what that prints; throws std::runtime_error if a pool
+// cannot be used.
+class StartedLibrary : NoCopy {
+ public:
+  explicit StartedLibrary(const std::string& config) : library_(start(config)) {
+    if (!library_) {
+      throw std::runtime_error(std::string("RUVO_Init: ") + ruvo_result_text(library_.code()));
+    }
+  }
+
+ private:
+  static ruvo::library start(const std::string& config) {
+    const QuietConsole quiet;
+    return ruvo::library(config);
+  }
+
+  ruvo::library library_;
+};
+
+#endif

@@ -1,0 +1,81 @@
+// A TCP proxy on loopback that delays what it forwards, and fails in every way a server fails.
+#ifndef RUVO_TESTING_TCP_PROXY_H
+#define RUVO_TESTING_TCP_PROXY_H
+
+#include <poll.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fixtures.h"
+
+// Runs in a thread of its own; its functions are for one thread at a time, and return when it is
+// done. What is under way when either end closes is lost. It waits until the receiver has taken
+// what it forwards, so it is not for more than the buffers of a socket hold.
+class TcpProxy : public DownServer {
+ public:
+  enum class Mode {
+    forward,
+    refuse,   // a crash: closes its connections and refuses new ones
+    hang,     // the system accepts connections for it; nothing is read
+    swallow,  // accepts connections and commands, and answers nothing
+    end
+  };
+
+  // Each piece of data arrives `delay` later, whatever else is under way.
+  explicit TcpProxy(int target_port, std::chrono::microseconds delay = {});
+  ~TcpProxy();
+
+  // Back to `forward` it resets its connections: commands whose callers have given them up must not
+  // run late, after newer ones. (A server that does otherwise brings old values back; nothing in a
+  // host can prevent it.)
+  void set_mode(Mode mode);
+  // Also those that the system has accepted and the proxy has not. REQUIRES: mode `forward`.
+  void reset_connections();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  struct Connection {
+    int client;
+    int target;
+  };
+  struct Piece {
+    Clock::time_point arrives;
+    int to;
+    std::string bytes;
+  };
+
+  void run_in_forwarder(const std::function<void()>& action);
+  void forward_all();
+  void wait_for_events(std::vector<pollfd>& events) const;
+  void accept_connection();
+  bool take_from(int from, int to);
+  void deliver();
+  void close_connection(const Connection& one);
+  void close_all();
+  void reset_all();
+  void start_listening();
+  void stop_listening();
+
+  int target_port_;
+  std::chrono::microseconds delay_;
+  int wake_up_;  // an eventfd: there is an action
+  std::atomic<const std::function<void()>*> action_{nullptr};
+  std::binary_semaphore action_done_{0};
+  // Of the forwarder:
+  Mode mode_ = Mode::forward;
+  bool listens_ = false;
+  std::vector<Connection> connections_;
+  std::deque<Piece> pieces_;  // in the order of arrival
+  std::array<char, 65536> buffer_{};
+  std::jthread forwarder_;
+};
+
+#endif

@@ -1,0 +1,103 @@
+// What a host does with the library, checked value by value: the work of ruvo_chaos and of a test.
+#ifndef RUVO_TESTING_WORKLOAD_H
+#define RUVO_TESTING_WORKLOAD_H
+
+#include <ruvo/ruvo.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+enum Family { strings, hashes, lists, sets, raw, family_count };
+constexpr std::array<const char*, family_count> family_names{"string keys", "hashes", "lists",
+                                                             "sets", "raw commands"};
+
+// What all keys of the work begin with, so that they are nobody else's.
+constexpr std::string_view workload_prefix = "ruvo_workload:";
+
+struct Totals {
+  bool outage_expected = false;  // failed operations are counted, and end a worker's round
+  int most_runs = 2;  // how often a command may have run that was sent again: more is wrong
+  std::array<std::atomic<std::int64_t>, family_count> operations{};
+  std::atomic<std::int64_t> values_checked{0};
+  std::atomic<std::int64_t> run_twice{0};
+  std::atomic<std::int64_t> asked_again{0};
+  std::atomic<std::int64_t> failed{0};
+  std::atomic<std::int64_t> wrong_values{0};
+
+  std::int64_t all_operations() const;
+};
+
+struct Call {
+  Family family;
+  const char* what;
+  int pool;
+};
+
+// Looks on at every single call, in the thread that makes it.
+class CallObserver {
+ public:
+  CallObserver() = default;
+  CallObserver(const CallObserver&) = delete;
+  CallObserver& operator=(const CallObserver&) = delete;
+  virtual ~CallObserver() = default;
+  virtual void call_begins(const Call& /*call*/) {}
+  // A raw command without a reply has the result RUVO_ERR_FAILED.
+  virtual void call_ended(const Call& /*call*/, int /*result*/) {}
+  // May the failover of this thread's last call have led to another pool? Only that of raw commands
+  // does.
+  virtual bool may_have_left_pool() const { return false; }
+};
+
+// One thread's work on one pool. Its keys are its own, so it knows what each of them must hold.
+//
+// A connection that breaks between a command and its reply has the command sent again. What is not
+// the same when done twice (counting, pushing) may then have been done twice, and never less than
+// once; the checks allow for that and count it.
+class Worker {
+ public:
+  Worker(int thread, int pool, Totals& totals, CallObserver& observer)
+      : name_(std::to_string(thread)), pool_(pool), totals_(totals), observer_(observer) {}
+
+  void work(int round);
+
+ private:
+  void start_afresh();
+  std::string key(const char* kind) const;
+  std::string text_for(const char* kind, int round) const;
+
+  template <typename Operation>
+  int call(Family family, const char* what, const Operation& operation);
+  bool judge(Family family, const char* what, int result, int expected);
+  template <typename Operation>
+  bool expect(Family family, const char* what, const Operation& operation, int expected = RUVO_OK);
+  void check(const char* what, bool right);
+  void check_moved(const char* what, long long& known, long long now, long long step);
+  void check_and_free(const char* what, const char* data, unsigned long len,
+                      const std::string& expected);
+
+  void keep_session(int round);
+  void count_visit();
+  void update_profile(int round);
+  void queue_message(int round);
+  void tag_friends(int round);
+  void ask_anything(int round);
+  template <typename... Words>
+  std::optional<bool> reply_is(int type, const std::string& text, bool& left_pool, const char* name,
+                               const Words&... words);
+
+  std::string name_;
+  int pool_;
+  Totals& totals_;
+  CallObserver& observer_;
+  bool on_track_ = false;  // the fields below say what the keys hold
+  long long visits_ = 0;
+  long long points_ = 0;
+  std::set<std::string> friends_;
+};
+
+#endif

@@ -1,0 +1,391 @@
+// The statistics file: what the library counts into it, and what a reader finds.
+#include "statistics.h"
+
+#include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <barrier>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include "host.h"
+
+namespace {
+
+using std::chrono::nanoseconds;
+
+// A file as a reader copies it.
+class FileCopy {
+ public:
+  explicit FileCopy(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    bytes_.assign(std::istreambuf_iterator<char>(file), {});
+    copy();
+  }
+
+  const char* check() const { return ruvo_stats_check(words_.data(), bytes_.size()); }
+  std::string error() const { return check() != nullptr ? check() : ""; }
+  const ruvo_stats_header& head() const { return *ruvo_stats_head(words_.data()); }
+  const pool_stats& pool(std::uint32_t number) const {
+    return *ruvo_stats_pool(words_.data(), number);
+  }
+  const server_stats& server(std::uint32_t number) const {
+    return *ruvo_stats_server(words_.data(), number);
+  }
+  ruvo_pool_counters sums_of_pool(std::uint32_t number) const { return sums_of(pool(number)); }
+  server_counters sums_of_server(std::uint32_t number) const {
+    server_counters sums;
+    ruvo_stats_read_server(&server(number), &sums);
+    return sums;
+  }
+  static ruvo_pool_counters sums_of(const pool_stats& pool) {
+    ruvo_pool_counters sums;
+    ruvo_stats_read_pool(&pool, &sums);
+    return sums;
+  }
+
+  FileCopy cut(std::size_t length) const {
+    FileCopy copied = *this;
+    copied.bytes_.resize(length);
+    copied.copy();
+    return copied;
+  }
+  FileCopy with(std::size_t offset, std::uint32_t value) const {
+    FileCopy copied = *this;
+    std::memcpy(copied.bytes_.data() + offset, &value, sizeof value);
+    copied.copy();
+    return copied;
+  }
+  std::size_t size() const { return bytes_.size(); }
+
+ private:
+  // Of exactly the file's length, rounded up to a word, so that a sanitizer sees a look beyond it.
+  void copy() {
+    words_.assign((bytes_.size() + 7) / 8, 0);
+    std::copy(bytes_.begin(), bytes_.end(), reinterpret_cast<char*>(words_.data()));
+  }
+
+  std::vector<char> bytes_;
+  std::vector<std::uint64_t> words_;
+};
+
+class Statistics : public testing::Test {
+ protected:
+  Statistics() {
+    add_server(temp_, "127.0.0.1", 6379);
+    add_server(temp_, std::string(300, 'n'), 70000);
+    temp_.failure_limit_ = 3;
+    temp_.retry_timeout_ = 7;
+    add_server(personality_, "10.0.0.1", 1);
+    personality_.auto_eject_ = false;
+  }
+
+  static void add_server(server_pool& pool, const std::string& ip, std::uint32_t port) {
+    server_node& server = pool.servers_.emplace_back();
+    server.addr_ = {ip, port};
+  }
+
+  bool begin(const std::string& path) {
+    const std::array pools{statistics_file::counted_pool{eTempServer, temp_, 4},
+                           statistics_file::counted_pool{ePersistServer, persist_, 4},
+                           statistics_file::counted_pool{ePersonalityServer, personality_, 4}};
+    return file_.begin(path, pools);
+  }
+
+  std::size_t files() const {
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator(dir_.path("")), {}));
+  }
+
+  TempDir dir_;
+  const std::string path_ = dir_.path("stats");
+  server_pool temp_;
+  server_pool persist_;
+  server_pool personality_;
+  statistics_file file_;
+};
+
+TEST(StatisticsBuckets, FollowEachOtherFromAMicrosecondToAHundredSeconds) {
+  std::uint64_t before = 0;
+  for (std::uint32_t bucket = 0; bucket + 1 < RUVO_STATS_BUCKETS; ++bucket) {
+    const std::uint64_t limit = ruvo_stats_bucket_limit(bucket);
+    EXPECT_EQ(ruvo_stats_bucket(limit), bucket);
+    EXPECT_EQ(ruvo_stats_bucket(limit + 1), bucket + 1);
+    if (bucket > 0) {
+      EXPECT_LE((limit - before) * 8, before);  // as wide as an eighth of its lower bound
+    }
+    before = limit;
+  }
+  EXPECT_LT(ruvo_stats_bucket_limit(0), 1'000U);
+  EXPECT_GT(before, 100'000'000'000U);
+  EXPECT_EQ(ruvo_stats_bucket(0), 0U);
+  EXPECT_EQ(ruvo_stats_bucket(UINT64_MAX), RUVO_STATS_BUCKETS - 1);
+  EXPECT_EQ(ruvo_stats_bucket_limit(RUVO_STATS_BUCKETS - 1), UINT64_MAX);
+}
+
+TEST(StatisticsBuckets, GivePercentiles) {
+  std::vector<std::uint64_t> counts(RUVO_STATS_BUCKETS);
+  EXPECT_EQ(ruvo_stats_percentile(counts.data(), 50), 0U);
+  counts[ruvo_stats_bucket(100'000)] = 98;
+  counts[ruvo_stats_bucket(5'000'000)] = 2;
+  const std::uint64_t fast = ruvo_stats_bucket_limit(ruvo_stats_bucket(100'000));
+  const std::uint64_t slow = ruvo_stats_bucket_limit(ruvo_stats_bucket(5'000'000));
+  EXPECT_EQ(ruvo_stats_percentile(counts.data(), 0), fast);
+  EXPECT_EQ(ruvo_stats_percentile(counts.data(), 98), fast);
+  EXPECT_EQ(ruvo_stats_percentile(counts.data(), 99), slow);
+  EXPECT_EQ(ruvo_stats_percentile(counts.data(), 100), slow);
+}
+
+TEST_F(Statistics, AReaderFindsWhatTheHostCounts) {
+  ASSERT_TRUE(begin(path_));
+  server_stats* const first = file_.server(0, 0);
+  server_stats* const last = file_.server(2, 0);
+  for (int i = 0; i < 5; ++i) {
+    count(first, &server_counters::calls);
+  }
+  count(first, &server_counters::replies);
+  count(first, &server_counters::no_replies);
+  note_failures(first, 3, 4'000'000'000);
+  note_failures(last, 3, 0);
+  const waiting_mark waiting(first);
+  { const waiting_mark over(first); }
+  record_call(*file_.pool(0), RUVO_STATS_DEADLINE, nanoseconds(5'000'000'000));
+  record_call(*file_.pool(0), RUVO_STATS_OK, nanoseconds(1));
+
+  const FileCopy copy(path_);
+  ASSERT_EQ(copy.error(), "");
+  EXPECT_EQ(copy.head().state, static_cast<std::uint32_t>(RUVO_STATS_LIVE));
+  EXPECT_EQ(copy.head().process_id, getpid());
+  EXPECT_EQ(copy.head().file_size, copy.size());
+  EXPECT_NEAR(static_cast<double>(copy.head().start_time) / 1e9,
+              static_cast<double>(std::time(nullptr)), 60);
+  ASSERT_EQ(copy.head().pool_count, 3U);
+  ASSERT_EQ(copy.head().server_count, 3U);
+  EXPECT_STREQ(copy.pool(0).name, "temp");
+  EXPECT_STREQ(copy.pool(1).name, "persist");
+  EXPECT_EQ(copy.pool(1).server_count, 0U);
+  EXPECT_STREQ(copy.pool(2).name, "personality");
+  EXPECT_EQ(copy.pool(2).first_server, 2U);
+  EXPECT_EQ(copy.pool(0).connections, 4U);
+  EXPECT_EQ(copy.pool(0).retry_timeout, 7);
+  EXPECT_EQ(copy.sums_of_pool(0).results[RUVO_STATS_OK], 1U);
+  EXPECT_EQ(copy.sums_of_pool(0).results[RUVO_STATS_DEADLINE], 1U);
+  EXPECT_EQ(copy.sums_of_pool(0).time_sum, 5'000'000'001U);
+  EXPECT_EQ(copy.sums_of_pool(0).buckets[ruvo_stats_bucket(5'000'000'000)], 1U);
+  EXPECT_STREQ(copy.server(0).address, "127.0.0.1");
+  EXPECT_EQ(copy.server(0).port, 6379U);
+  EXPECT_EQ(std::string(copy.server(1).address), std::string(RUVO_STATS_ADDRESS_SIZE - 1, 'n'));
+  EXPECT_EQ(copy.server(1).position, 1U);
+  EXPECT_EQ(copy.server(2).pool, 2U);
+  EXPECT_EQ(copy.sums_of_server(0).waiting, 1U);
+  const server_counters first_sums = copy.sums_of_server(0);
+  EXPECT_EQ(ruvo_stats_in_flight(&first_sums), 2U);
+  const auto state = [&copy](std::uint32_t number, std::int64_t now) {
+    const server_stats& server = copy.server(number);
+    return ruvo_stats_server_state(&copy.pool(server.pool), &server, now);
+  };
+  EXPECT_EQ(state(0, 3'999'999'999), RUVO_SERVER_EJECTED);
+  EXPECT_EQ(state(0, 4'000'000'000), RUVO_SERVER_RETRY_DUE);
+  EXPECT_EQ(state(1, 0), RUVO_SERVER_HEALTHY);
+  EXPECT_EQ(state(2, 0), RUVO_SERVER_FAILING);  // of a pool that ejects nobody
+}
+
+TEST_F(Statistics, CallsAreCountedByResultAndCause) {
+  ASSERT_TRUE(begin(path_));
+  const struct {
+    int code;
+    ruvo_stats_result result;
+  } cases[] = {{RUVO_OK, RUVO_STATS_OK},
+               {RUVO_ABSENT, RUVO_STATS_ABSENT},
+               {RUVO_ERR_NOT_FOUND, RUVO_STATS_ABSENT},
+               {RUVO_NOTHING_DONE, RUVO_STATS_NOTHING_DONE},
+               {RUVO_ERR_NULL_ARGUMENT, RUVO_STATS_BAD_ARGUMENT},
+               {RUVO_ERR_NO_MEMORY, RUVO_STATS_NO_MEMORY},
+               {RUVO_ERR_FAILED, RUVO_STATS_OTHER_FAILURE},
+               {RUVO_ERR_NO_REPLY, RUVO_STATS_OTHER_FAILURE}};
+  pool_stats& pool = *file_.pool(0);
+  for (const auto& one : cases) {
+    const std::uint64_t before = FileCopy::sums_of(pool).results[one.result];
+    call_timer(&pool).end(one.code);
+    EXPECT_EQ(FileCopy::sums_of(pool).results[one.result], before + 1) << one.code;
+  }
+  note_cause(RUVO_STATS_NO_SERVER);
+  call_timer(&pool).end(RUVO_ERR_FAILED);
+  EXPECT_EQ(FileCopy::sums_of(pool).results[RUVO_STATS_NO_SERVER], 1U);
+  call_timer(&pool).end(RUVO_ERR_FAILED);  // a cause counts once
+  EXPECT_EQ(FileCopy::sums_of(pool).results[RUVO_STATS_NO_SERVER], 1U);
+
+  pool_stats& raw = *file_.pool(1);
+  redisReply reply{};
+  for (const auto& [type, result] :
+       {std::pair(REDIS_REPLY_STATUS, RUVO_STATS_OK), std::pair(REDIS_REPLY_NIL, RUVO_STATS_ABSENT),
+        std::pair(REDIS_REPLY_ERROR, RUVO_STATS_ERROR_REPLY)}) {
+    reply.type = type;
+    call_timer(&raw).end(&reply);
+    EXPECT_EQ(FileCopy::sums_of(raw).results[result], 1U) << type;
+  }
+  note_cause(RUVO_STATS_MAY_HAVE_RUN);
+  call_timer(&raw).end(nullptr);
+  EXPECT_EQ(FileCopy::sums_of(raw).results[RUVO_STATS_MAY_HAVE_RUN], 1U);
+}
+
+TEST_F(Statistics, WhatIsNoGoodFileIsTold) {
+  ASSERT_TRUE(begin(path_));
+  const FileCopy good(path_);
+  const std::size_t pools = sizeof(ruvo_stats_header);
+  const std::size_t servers = pools + 3 * sizeof(pool_stats);
+  const auto reaching = [](std::size_t base, std::size_t field) { return base + field; };
+  const struct {
+    FileCopy file;
+    const char* told;
+  } cases[] = {
+      {good.cut(0), "not a statistics file"},
+      {good.with(0, 0), "not a statistics file"},
+      {good.with(offsetof(ruvo_stats_header, version), 2), "another version"},
+      {good.with(offsetof(ruvo_stats_header, version), 2).cut(12), "another version"},
+      {good.cut(sizeof(ruvo_stats_header) - 1), "shorter than its header"},
+      {good.with(offsetof(ruvo_stats_header, state), RUVO_STATS_INCOMPLETE), "not complete"},
+      {good.with(offsetof(ruvo_stats_header, pool_size), 1024), "other sizes"},
+      {good.with(offsetof(ruvo_stats_header, server_size), sizeof(server_stats) + 1),
+       "other sizes"},
+      {good.with(offsetof(ruvo_stats_header, header_size), 0), "other sizes"},
+      {good.with(offsetof(ruvo_stats_header, bucket_count), 225), "other sizes"},
+      {good.with(offsetof(ruvo_stats_header, lane_count), 63), "other sizes"},
+      {good.with(offsetof(ruvo_stats_header, header_size), 0xfffffff8),
+       "shorter than its header s"},
+      {good.with(offsetof(ruvo_stats_header, pool_count), 0xffffffff), "shorter than its header s"},
+      {good.with(offsetof(ruvo_stats_header, server_count), 4), "shorter than its header says"},
+      {good.cut(good.size() - 1), "shorter than its header says"},
+      {good.with(reaching(pools, offsetof(pool_stats, server_count)), 4), "damaged"},
+      {good.with(reaching(pools, offsetof(pool_stats, first_server)), 0xffffffff), "damaged"},
+      {good.with(reaching(servers, offsetof(server_stats, pool)), 3), "damaged"},
+  };
+  EXPECT_EQ(good.error(), "");
+  for (const auto& one : cases) {
+    EXPECT_NE(one.file.error().find(one.told), std::string::npos)
+        << one.told << ": " << one.file.error();
+  }
+  for (std::size_t length = 0; length < good.size(); length += 997) {
+    EXPECT_NE(good.cut(length).check(), nullptr) << length;
+  }
+}
+
+// As a later library writes it.
+TEST_F(Statistics, LongerRecordsAreRead) {
+  ASSERT_TRUE(begin(path_));
+  std::ifstream file(path_, std::ios::binary);
+  std::string bytes(std::istreambuf_iterator<char>(file), {});
+  const std::string longer(64, '\xff');
+  for (std::size_t i = 3; i > 0; --i) {
+    bytes.insert(bytes.size() - (i - 1) * sizeof(server_stats), longer);
+  }
+  const auto server_size = static_cast<std::uint32_t>(sizeof(server_stats) + longer.size());
+  const FileCopy copy = FileCopy(dir_.write("longer", bytes))
+                            .with(offsetof(ruvo_stats_header, server_size), server_size);
+  ASSERT_EQ(copy.error(), "");
+  EXPECT_STREQ(copy.server(2).address, "10.0.0.1");
+}
+
+TEST_F(Statistics, AnotherStartBeginsANewFile) {
+  ASSERT_TRUE(begin(path_));
+  count(file_.server(0, 0), &server_counters::calls);
+  std::filesystem::create_hard_link(path_, dir_.path("old"));
+  ASSERT_TRUE(begin(path_));
+  const FileCopy old(dir_.path("old"));
+  EXPECT_EQ(old.head().state, static_cast<std::uint32_t>(RUVO_STATS_ENDED));
+  EXPECT_EQ(old.sums_of_server(0).calls, 1U);
+  const FileCopy fresh(path_);
+  EXPECT_EQ(fresh.head().state, static_cast<std::uint32_t>(RUVO_STATS_LIVE));
+  EXPECT_EQ(fresh.sums_of_server(0).calls, 0U);
+  EXPECT_EQ(files(), 2U);
+}
+
+TEST_F(Statistics, WhatCannotBeMadeIsTold) {
+  const LogCapture log(BaseLib::Logger::ERROR);
+  ASSERT_TRUE(begin(dir_.path("%p.%p")));
+  const std::string id = std::to_string(getpid());
+  std::filesystem::rename(dir_.path(id + "." + id), path_);
+  std::filesystem::create_directory(dir_.path("folder"));
+  for (const auto& [path, error] : {std::pair(dir_.path("none/stats"), "No such file or directory"),
+                                    std::pair(dir_.path("folder"), "Is a directory"),
+                                    std::pair(dir_.path("stats/x"), "Not a directory")}) {
+    EXPECT_FALSE(begin(path));
+    EXPECT_EQ(log.count(BaseLib::Logger::ERROR, "ruvo_redis::init | cannot make stats_file " +
+                                                    path + ": " + error + ", left out"),
+              1);
+  }
+  EXPECT_EQ(files(), 2U);
+  EXPECT_EQ(file_.pool(0), nullptr);
+  EXPECT_EQ(file_.server(0, 0), nullptr);
+  count(nullptr, &server_counters::calls);
+  note_failures(nullptr, 1, 1);
+  const waiting_mark mark(nullptr);
+  call_timer(nullptr).end(RUVO_OK);
+}
+
+// More threads than lanes, twice: a lane is handed on with what was counted in it.
+TEST_F(Statistics, EveryThreadIsCounted) {
+  ASSERT_TRUE(begin(path_));
+  constexpr int threads = 2 * RUVO_STATS_LANES;
+  constexpr int calls = 1'000;
+  const call_timer own(file_.pool(0));  // takes a lane of this thread, and leaves it empty
+  for (int round = 0; round < 2; ++round) {
+    std::barrier all(threads);
+    std::vector<std::jthread> callers;
+    for (int i = 0; i < threads; ++i) {
+      callers.emplace_back([&] {
+        call_timer timer(file_.pool(0));
+        all.arrive_and_wait();
+        for (int call = 0; call < calls; ++call) {
+          const waiting_mark mark(file_.server(0, 1));
+          count(file_.server(0, 1), &server_counters::retries);
+        }
+        timer.end(RUVO_OK);
+      });
+    }
+  }
+  const FileCopy copy(path_);
+  EXPECT_EQ(copy.sums_of_server(1).retries, 2U * threads * calls);
+  EXPECT_EQ(copy.sums_of_server(1).waiting, 0U);
+  EXPECT_EQ(copy.sums_of_pool(0).results[RUVO_STATS_OK], 2U * threads);
+  int used = 0;
+  for (const server_counters& lane : copy.server(1).lanes) {
+    used += lane.retries > 0 ? 1 : 0;
+  }
+  EXPECT_EQ(used, static_cast<int>(RUVO_STATS_LANES) - 1);
+}
+
+TEST_F(Statistics, AForkedChildCountsIntoTheSameFile) {
+  ASSERT_TRUE(begin(path_));
+  const auto count_calls = [this] {
+    for (int i = 0; i < 10'000; ++i) {
+      call_timer timer(file_.pool(0));
+      count(file_.server(0, 0), &server_counters::calls);
+      timer.end(RUVO_OK);
+    }
+  };
+  count_calls();
+  const pid_t child = fork();
+  if (child == 0) {
+    std::jthread(count_calls).join();
+    count_calls();
+    file_.end();
+    _exit(0);
+  }
+  std::jthread other(count_calls);
+  count_calls();
+  other.join();
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  const FileCopy copy(path_);
+  EXPECT_EQ(copy.head().state, static_cast<std::uint32_t>(RUVO_STATS_LIVE));
+  EXPECT_EQ(copy.sums_of_server(0).calls, 50'000U);
+  EXPECT_EQ(copy.sums_of_pool(0).results[RUVO_STATS_OK], 50'000U);
+}
+
+}  // namespace

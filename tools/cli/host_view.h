@@ -1,0 +1,33 @@
+// How a host sees the servers that `watch` looks at, from the host's statistics file.
+#ifndef RUVO_TOOLS_CLI_HOST_VIEW_H
+#define RUVO_TOOLS_CLI_HOST_VIEW_H
+
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+
+#include "stats_file.h"
+
+class HostView {
+ public:
+  // Of one pool. Reads the file; throws Failure when it cannot be read.
+  HostView(std::string path, std::string pool);
+
+  // Reads it again. A host that starts anew may have none for a moment: nothing is known then.
+  void look_again();
+
+  // Of a server, "address:port". Rates are those since the look before.
+  std::string text_of(const std::string& server) const;
+  nlohmann::json json_of(const std::string& server) const;
+
+ private:
+  const ServerNumbers* find(const Statistics& numbers, const std::string& server) const;
+
+  std::string path_;
+  std::string pool_;
+  std::optional<Statistics> now_;
+  std::optional<Statistics> counted_;
+  double seconds_ = 1;
+};
+
+#endif
