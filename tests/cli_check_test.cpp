@@ -6,7 +6,9 @@
 #include <thread>
 
 #include "cli_tool.h"
+#include "server_states.h"
 #include "servers.h"
+#include "settings.h"
 #include "settings_review.h"
 
 namespace {
@@ -63,7 +65,16 @@ TEST(CliCheck, AsksEveryServerByItself) {
   const ScriptedServer closing([](Peer& peer) { peer.read_command(); });
   const ScriptedServer web("HTTP/1.1 400 Bad Request\r\n\r\n");
   const ScriptedServer friendly("+OK\r\n");
-  const ScriptedServer full("-ERR max number of \x1b clients reached\r\n");
+  const ScriptedServer strange("-ERR no \x1b such thing\r\n");
+  RedisServer loading;
+  restart_loading(loading);
+  const RedisServer full;
+  const ClientLimit limit(full);
+  const RedisServer replica;
+  become_replica(replica, redis);
+  const RedisServer alone;
+  become_replica_without_primary(alone);
+  const RedisServer stale("--replicaof 127.0.0.1 " + std::to_string(down.port()));
   std::map<std::string, std::string> states{
       {"temp " + redis.addr(), "up "},
       {"temp " + guarded.addr(),
@@ -75,7 +86,18 @@ TEST(CliCheck, AsksEveryServerByItself) {
        "not a Redis what answers there is no Redis; one behind TLS looks like this, too"},
       {"temp " + friendly.addr(),
        "not a Redis what answers there is no Redis; one behind TLS looks like this, too"},
-      {"temp " + full.addr(), "error reply ERR max number of ? clients reached"},
+      {"temp " + strange.addr(), "error reply ERR no ? such thing"},
+      {"temp " + loading.addr(), "loading loads its data, and answers no command until it is done"},
+      {"temp " + full.addr(),
+       "at its limit of clients closes every further connection: see its maxclients"},
+      {"temp " + replica.addr(),
+       "replica follows " + redis.addr() + ", and answers writes with READONLY"},
+      {"temp " + alone.addr(),
+       "replica without its primary the link to its primary is down, and it answers no command "
+       "until it is up again"},
+      {"temp " + stale.addr(), "replica without its primary follows " + down.addr() +
+                                   ", but the link is down (connect): its data get old, and it "
+                                   "answers writes with READONLY"},
       {"temp a..b:1",
        "no such name the resolver does not know the name: Name or service not known"},
       {"temp 127.0.0.1:70000", "no such port ports are numbers from 1 to 65535"},
@@ -110,6 +132,64 @@ TEST(CliCheck, AsksEveryServerByItself) {
     }
   }
   EXPECT_TRUE(states.empty());
+}
+
+// ---- The keys that a configuration lacks ----
+
+std::map<std::string, std::string> advice_for(const std::string& common) {
+  const json report = json::parse(Tool(common).run("--json check").output);
+  std::map<std::string, std::string> advice;
+  for (const json& one : report["advice"]) {
+    advice[one["key"]] = one["value"].get<std::string>() + ": " + one["reason"].get<std::string>();
+  }
+  return advice;
+}
+
+TEST(CliCheck, AdvisesTheKeysThatAreMissing) {
+  const RedisServer redis;
+  std::string all_keys;
+  for (const setting& key : all_settings()) {
+    if (key.is_option() && key.name != "recommended_defaults" && *key.recommended != '\0') {
+      all_keys += key.name + " = " + key.recommended + "\n";
+    }
+  }
+  const struct {
+    std::string keys;
+    bool is_advised;
+  } cases[] = {
+      {"", true},
+      {"auto_pipelining = true\ncall_timeout = 10", true},
+      {"recommended_defaults = true", false},
+      {"recommended_defaults = true\nlog_limit = 0\nwait_for_servers = false", false},
+      {"recommended_defaults = false", false},
+      {all_keys, false},
+  };
+  for (const auto& one : cases) {
+    EXPECT_EQ(advice_for(all_pools_at(redis.addr()) + one.keys).size(), one.is_advised ? 1 : 0)
+        << one.keys;
+  }
+  const std::string reason =
+      advice_for(all_pools_at(redis.addr()) + "auto_pipelining = 0")["recommended_defaults"];
+  EXPECT_EQ(reason.find("auto_pipelining"), std::string::npos) << reason;
+  EXPECT_NE(reason.find(", call_timeout 2000,"), std::string::npos) << reason;
+  expect_told(Tool(all_pools_at(redis.addr())), "check", 0,
+              {"\nworth setting:\nrecommended_defaults = true gives "});
+}
+
+TEST(CliCheck, AdvisesTheRepliesThatItHasSeen) {
+  const RedisServer redis;
+  const RedisServer replica;
+  become_replica(replica, redis);
+  const std::string common =
+      pools_at(redis.addr() + "," + replica.addr(), redis.addr(), redis.addr());
+  EXPECT_EQ(
+      advice_for(common + "recommended_defaults = 1\nfailover_replies = LOADING"),
+      (std::map<std::string, std::string>{
+          {"failover_replies",
+           "LOADING,READONLY: lets calls fail over where they end now: at READONLY from temp " +
+               replica.addr()}}));
+  EXPECT_TRUE(advice_for(common + "recommended_defaults = 1").empty());
+  expect_told(Tool(common), "check", 7, {"temp         up in part", "replica  follows"});
 }
 
 TEST(CliCheck, NamesWhatIsNotReadAsWritten) {

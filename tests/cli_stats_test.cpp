@@ -75,7 +75,7 @@ TEST(CliStats, ShowsATable) {
   expect_all(run.output,
              {"process " + std::to_string(getpid()) + " runs; started ",
               "  106 us  106 us  2.01 s  2.01 s\n", "of temp: no_server 2\n",
-              "temp 127.0.0.1:6379  ", "  ejected, ", "temp 127.0.0.1:6379#2       failing, 2  "});
+              "temp 127.0.0.1:6379  ", "  ejected, ", "temp 127.0.0.1:6379#2  failing, 2 "});
   host.end();
   expect_all(stats("stats " + dir.path("s")).output, {"has shut the library down; "});
 }

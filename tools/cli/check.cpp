@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "advice.h"
 #include "commands.h"
 #include "console.h"
 #include "library.h"
@@ -22,9 +23,11 @@ std::string join(const std::vector<std::string>& parts, const char* between) {
   return all;
 }
 
-bool is_usable(const ServerReport& server) { return server.probe.is_up() && server.up > 0; }
+bool is_usable(const ServerReport& server) { return server.probe.answers() && server.up > 0; }
 
-bool is_whole(const ServerReport& server) { return is_usable(server) && server.down.empty(); }
+bool is_whole(const ServerReport& server) {
+  return is_usable(server) && server.probe.is_up() && server.down.empty();
+}
 
 bool is_up(const PoolReport& pool) {
   return pool.result == RUVO_OK && std::ranges::any_of(pool.servers, is_usable);
@@ -130,6 +133,14 @@ std::string told_text(const StartupReport& report) {
   return told;
 }
 
+std::string advice_text(const std::vector<Advice>& advice) {
+  std::string text;
+  for (const Advice& one : advice) {
+    text += one.key + " = " + one.value + " " + one.reason + "\n";
+  }
+  return text;
+}
+
 std::string report_text(const Options& options, const StartupReport& report,
                         const std::vector<Finding>& findings, int result) {
   std::vector<std::vector<std::string>> pools{
@@ -161,6 +172,9 @@ std::string report_text(const Options& options, const StartupReport& report,
   if (!findings.empty()) {
     text << "\nnot read as written:\n" << findings_text(report, findings);
   }
+  if (const std::vector<Advice> advice = advise(report); !advice.empty()) {
+    text << "\nworth setting:\n" << advice_text(advice);
+  }
   if (const std::string told = told_text(report); !told.empty()) {
     text << "\nthe library says:\n" << told;
   }
@@ -172,6 +186,10 @@ json report_json(const Options& options, const StartupReport& report,
   json found = json::array();
   for (const Finding& finding : findings) {
     found.push_back({{"line", finding.line}, {"text", finding.text}});
+  }
+  json advice = json::array();
+  for (const Advice& one : advise(report)) {
+    advice.push_back({{"key", one.key}, {"value", one.value}, {"reason", one.reason}});
   }
   json pools = json::array();
   for (const PoolReport& pool : report.pools) {
@@ -197,6 +215,7 @@ json report_json(const Options& options, const StartupReport& report,
   json all{{"configuration", options.config},
            {"redis_configuration", report.redis_config},
            {"findings", found},
+           {"advice", advice},
            {"result", result},
            {"text", start_text(result)},
            {"told", report.told},

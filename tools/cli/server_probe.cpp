@@ -1,6 +1,7 @@
 #include "server_probe.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <optional>
@@ -20,8 +21,8 @@ bool holds(const std::string& text, const char* part) {
 }
 
 // What a server says may be anything; on a terminal it is a line of text.
-std::string printable(const redisReply& error) {
-  std::string text(error.str, static_cast<std::size_t>(error.len));
+std::string printable(const redisReply& reply) {
+  std::string text(reply.str, static_cast<std::size_t>(reply.len));
   std::replace_if(
       text.begin(), text.end(), [](unsigned char one) { return std::isprint(one) == 0; }, '?');
   return text;
@@ -59,10 +60,25 @@ Probe no_reply(const redisContext& context, int limit_ms) {
              : Probe{"closed", "closes the connection on the first command"};
 }
 
+// States that pass, or that another server of the pool need not be in.
+const std::array passing_states{
+    Probe{"loading", "loads its data, and answers no command until it is done", "LOADING"},
+    Probe{"at its limit of clients", "closes every further connection: see its maxclients",
+          "ERR max number of clients"},
+    Probe{"replica without its primary",
+          "the link to its primary is down, and it answers no command until it is up again",
+          "MASTERDOWN"},
+};
+
 Probe refusal(const redisReply& error, const std::string& key) {
   const std::string text = printable(error);
+  const auto* const passing = std::ranges::find_if(
+      passing_states, [&text](const Probe& state) { return text.starts_with(state.error_reply); });
+  if (passing != passing_states.end()) {
+    return *passing;
+  }
   if (text.starts_with("NOAUTH")) {
-    return {"no password given", "asks for a password, and " + key + " is not set"};
+    return {"no password given", "asks for a password, and " + key + " is not set", "NOAUTH"};
   }
   if (holds(text, "no password is set") || holds(text, "without any password")) {
     return {"no password wanted", "has none, and " + key + " gives one: it is refused"};
@@ -73,9 +89,34 @@ Probe refusal(const redisReply& error, const std::string& key) {
   return {"error reply", text};
 }
 
-Reply ask(redisContext& context, const char* format, const std::string& word) {
+template <typename... Words>
+Reply ask(redisContext& context, const char* format, Words... words) {
   errno = 0;
-  return Reply(static_cast<redisReply*>(redisCommand(&context, format, word.c_str())));
+  return Reply(static_cast<redisReply*>(redisCommand(&context, format, words...)));
+}
+
+bool is_text(const redisReply& reply) { return reply.type == REDIS_REPLY_STRING; }
+
+// A replica answers reads as any server does, and only its role tells. A proxy knows no role.
+Probe up_or_replica(redisContext& context) {
+  const Reply role = ask(context, "ROLE");
+  if (!role || role->type != REDIS_REPLY_ARRAY || role->elements < 4 ||
+      !is_text(*role->element[0]) || printable(*role->element[0]) != "slave" ||
+      !is_text(*role->element[1]) || role->element[2]->type != REDIS_REPLY_INTEGER ||
+      !is_text(*role->element[3])) {
+    return {"up", ""};
+  }
+  const std::string primary =
+      printable(*role->element[1]) + ":" + std::to_string(role->element[2]->integer);
+  const std::string link = printable(*role->element[3]);
+  Probe probe{"replica", "follows " + primary + ", and answers writes with READONLY", "READONLY"};
+  if (link != "connected") {
+    probe.state = "replica without its primary";
+    probe.reason = "follows " + primary + ", but the link is down (" + link +
+                   "): its data get old, and it answers writes with READONLY";
+  }
+  probe.is_replica = true;
+  return probe;
 }
 
 }  // namespace
@@ -87,8 +128,8 @@ Probe probe_server(const std::string& text, const site_settings& site, std::size
   }
   const int connect_ms = limit_of(site.limits.connect_timeout);
   const int answer_ms = limit_of(site.limits.socket_timeout);
-  const Context context(redisConnectWithTimeout(
-      addr->ip_.c_str(), static_cast<int>(addr->port_), to_timeval(connect_ms)));
+  const Context context(redisConnectWithTimeout(addr->ip_.c_str(), static_cast<int>(addr->port_),
+                                                to_timeval(connect_ms)));
   if (!context || context->err != 0) {
     return not_connected(context ? context->errstr : "out of memory", connect_ms);
   }
@@ -96,7 +137,7 @@ Probe probe_server(const std::string& text, const site_settings& site, std::size
   const std::string& password = site.pools.at(pool).password;
   const std::string& key = password_key(pool);
   if (!password.empty()) {
-    const Reply reply = ask(*context, "AUTH %s", password);
+    const Reply reply = ask(*context, "AUTH %s", password.c_str());
     if (!reply) {
       return no_reply(*context, answer_ms);
     }
@@ -111,5 +152,5 @@ Probe probe_server(const std::string& text, const site_settings& site, std::size
   if (reply->type == REDIS_REPLY_ERROR) {
     return refusal(*reply, key);
   }
-  return reply->type == REDIS_REPLY_INTEGER ? Probe{"up", ""} : not_a_redis();
+  return reply->type == REDIS_REPLY_INTEGER ? up_or_replica(*context) : not_a_redis();
 }

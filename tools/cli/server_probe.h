@@ -11,7 +11,13 @@
 struct Probe {
   std::string state;   // "up", or in a few words what is wrong
   std::string reason;  // a sentence; empty when the server is up
+  // What its error replies begin with in this state, as failover_replies names them; empty if it
+  // has none.
+  std::string error_reply = {};
+  bool is_replica = false;  // that answers reads
+
   bool is_up() const { return state == "up"; }
+  bool answers() const { return is_up() || is_replica; }
 };
 
 // With the time-outs and the password that the library uses for a server of that pool. Where it

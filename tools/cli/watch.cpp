@@ -268,7 +268,7 @@ class Watch {
         return true;
       }
       for (const std::string& addr : servers_of(*addresses)) {
-        if (probe_server(addr, *configuration_, pool).is_up()) {
+        if (probe_server(addr, *configuration_, pool).answers()) {
           return true;
         }
       }

@@ -26,7 +26,8 @@ class connection_rebuilder final : public rebuilder {
     if (times_ != nullptr) {
       times_->connecting += clock::now() - begin;
     }
-    count(server_.stats_, fresh ? &server_counters::reconnects : &server_counters::failed_reconnects);
+    count(server_.stats_,
+          fresh ? &server_counters::reconnects : &server_counters::failed_reconnects);
     if (fresh && !redis_.options().eject_silent_servers) {
       redis_.update_server_ok(&server_);
     }

@@ -246,8 +246,8 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
       next_try = std::min(next_try, next_probe(server.probe_));
     }
     const time_point now = clock::now();
-    pool_.outage_.sleep(std::min(command_.deadline,
-                                 std::clamp(next_try, now + shortest_wait, now + longest_wait)));
+    pool_.outage_.sleep(
+        std::min(command_.deadline, std::clamp(next_try, now + shortest_wait, now + longest_wait)));
     if (has_passed(command_.deadline)) {
       continue;
     }
