@@ -4,6 +4,7 @@
 #include <new>
 
 #include "ruvo_redis.h"
+#include "statistics.h"
 
 namespace {
 
@@ -31,6 +32,7 @@ int ruvo_redis::run(const operation_call& call, reply_ptr* reply, const char* fo
   }
   for (const required_argument& argument : call.required) {
     if (argument.length > max_argument_length) {
+      note_cause(RUVO_STATS_BAD_ARGUMENT);
       RUVO_LOG_SHARED(BaseLib::Logger::ERROR, operation.origin, 0,
                       "%s | too long for redis: %zu bytes", operation.origin, argument.length);
       return RUVO_ERR_FAILED;
@@ -72,6 +74,7 @@ bool has_type(const data_operation& operation, const redisReply& reply, int type
   if (reply.type == type) {
     return true;
   }
+  note_cause(RUVO_STATS_UNEXPECTED_REPLY);
   if (operation.policy == unexpected_type::warned_with_key) {
     RUVO_LOG_SHARED(BaseLib::Logger::WARN, operation.origin, 0,
                     "%s | key:%s, unexpected reply type:%d", operation.origin, key, reply.type);

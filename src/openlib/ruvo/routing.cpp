@@ -100,7 +100,7 @@ bool ruvo_redis::is_server_valid(server_node* svc_node, RedisServerType redisSrv
     RUVO_LOG(WARN, "ruvo_redis::is_server_valid | server, ip:%s port:%d start retry",
              ip_of(svc_node->addr_), port_of(svc_node->addr_));
     clear_failures(*svc_node);
-    count(svc_node->stats_, &server_stats::retries);
+    count(svc_node->stats_, &server_counters::retries);
     return true;
   }
   RUVO_LOG(WARN,
@@ -124,7 +124,7 @@ void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType red
   std::atomic_ref(svc_node->next_retry_time_).store(next_retry);
   note_failures(svc_node->stats_, failures, next_retry);
   if (pool.auto_eject_ && static_cast<std::uint32_t>(failures) == pool.failure_limit_) {
-    count(svc_node->stats_, &server_stats::ejections);
+    count(svc_node->stats_, &server_counters::ejections);
     reset_probe(svc_node->probe_);
   }
 }

@@ -8,6 +8,7 @@
 #include <functional>
 
 #include "ruvo_redis.h"
+#include "statistics.h"
 
 namespace {
 
@@ -28,17 +29,32 @@ class cancellation_block {
 // still run then find it.
 ruvo_redis* instance() { return ACE_Unmanaged_Singleton<ruvo_redis, ACE_Null_Mutex>::instance(); }
 
+// Operations name their pool, and are counted there.
+pool_stats* stats_of(ruvo_redis& redis, RedisServerType pool) { return redis.getPool(pool).stats_; }
+template <typename Other>
+pool_stats* stats_of(ruvo_redis& /*redis*/, const Other& /*argument*/) {
+  return nullptr;
+}
+
 // Calls the instance; `failure` is the result when there is none, or when memory runs out in the
 // call. No exception leaves the library.
 template <typename Result, typename Method, typename... Args>
 Result forward(Result failure, Method method, Args... args) noexcept {
   const cancellation_block block;
+  call_timer timer;
+  Result result = failure;
   try {
-    ruvo_redis* redis = instance();
-    return redis != nullptr ? std::invoke(method, *redis, args...) : failure;
+    if (ruvo_redis* redis = instance()) {
+      pool_stats* stats = nullptr;
+      ((stats = stats != nullptr ? stats : stats_of(*redis, args)), ...);
+      timer = call_timer(stats);
+      result = std::invoke(method, *redis, args...);
+    }
   } catch (...) {
-    return failure;
+    note_cause(RUVO_STATS_NO_MEMORY);
   }
+  timer.end(result);
+  return result;
 }
 
 template <typename Method, typename... Args>

@@ -17,7 +17,7 @@
 //                                              timer of the same thread
 //
 //   count(server, &server_counters::calls)      a visit has chosen a slot
-//   waiting_mark mark(server)                lives while the visit waits for that slot
+//   mark.begin(server), mark.end()           from then until its command is sent for the first time
 //   count(server, &server_counters::second_sends)  the command goes out again
 //   count(server, &server_counters::replies)    the visit ends with a reply;
 //   count(server, &server_counters::error_replies)  and that is an error reply
@@ -44,10 +44,12 @@
 #include <ctime>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "ruvo.h"
-#include "server_pool.h"
 #include "stats.h"
+
+struct server_pool;
 
 using pool_stats = ruvo_pool_stats;
 using server_stats = ruvo_server_stats;
@@ -83,23 +85,28 @@ inline void note_failures(server_stats* server, std::int64_t failures,
   }
 }
 
+// A visit that waits for its command to be sent. Another thread may end it: the sum over all lanes
+// is what counts.
 class waiting_mark {
  public:
-  explicit waiting_mark(server_stats* server) noexcept : server_(server) {
-    count(server_, &server_counters::waiting);
-  }
-  ~waiting_mark() {
-    if (server_ != nullptr) {
-      add(server_->lanes[stats_lane].waiting, minus_one);
-    }
-  }
+  waiting_mark() = default;
+  ~waiting_mark() { end(); }
   waiting_mark(const waiting_mark&) = delete;
   waiting_mark& operator=(const waiting_mark&) = delete;
 
- private:
-  static constexpr std::uint64_t minus_one = ~std::uint64_t{0};
+  void begin(server_stats* server) noexcept {
+    server_ = server;
+    count(server_, &server_counters::waiting);
+  }
+  void end() noexcept {
+    if (server_ != nullptr) {
+      constexpr std::uint64_t minus_one = ~std::uint64_t{0};
+      add(std::exchange(server_, nullptr)->lanes[stats_lane].waiting, minus_one);
+    }
+  }
 
-  server_stats* server_;
+ private:
+  server_stats* server_ = nullptr;
 };
 
 inline void record_call(pool_stats& pool, ruvo_stats_result result,
@@ -118,11 +125,12 @@ inline void note_cause(ruvo_stats_result cause) noexcept { latest_cause = cause;
 
 ruvo_stats_result result_of(int code) noexcept;
 
-// Measures one call. The host's thread may end it without end(), by an exception: then it is not
-// counted.
+// Measures one call.
 class call_timer {
  public:
   using clock = std::chrono::steady_clock;
+
+  call_timer() = default;  // counts nothing
 
   explicit call_timer(pool_stats* pool) noexcept
       : call_timer(pool, pool != nullptr ? clock::now() : clock::time_point()) {}
@@ -139,12 +147,12 @@ class call_timer {
       record_call(*pool_, code == RUVO_OK ? RUVO_STATS_OK : result_of(code), clock::now() - begin_);
     }
   }
-  // With the reply of a raw command; null where there is none.
-  void end(const redisReply* reply) noexcept;
+  // With the reply of a raw command, a redisReply; null where there is none.
+  void end(const void* reply) noexcept;
 
  private:
-  pool_stats* pool_;
-  clock::time_point begin_;
+  pool_stats* pool_ = nullptr;
+  clock::time_point begin_{};
 };
 
 // The file of one start-up.

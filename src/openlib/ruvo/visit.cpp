@@ -26,7 +26,8 @@ class connection_rebuilder final : public rebuilder {
     if (times_ != nullptr) {
       times_->connecting += clock::now() - begin;
     }
-    count(server_.stats_, fresh ? &server_stats::reconnects : &server_stats::failed_reconnects);
+    count(server_.stats_,
+          fresh ? &server_counters::reconnects : &server_counters::failed_reconnects);
     if (fresh && !redis_.options().eject_silent_servers) {
       redis_.update_server_ok(&server_);
     }
@@ -78,13 +79,12 @@ class visitor {
 
  private:
   send_end send_first() {
-    const waiting_mark mark(server_.stats_);
     return timed([this] { return call_.send(); });
   }
 
   send_end send_again() {
     connection_rebuilder rebuilder(redis_, server_, command_.deadline, times_);
-    count(server_.stats_, &server_stats::second_sends);
+    count(server_.stats_, &server_counters::second_sends);
     return timed([&] { return call_.send_again(rebuilder); });
   }
 
@@ -134,12 +134,12 @@ class visitor {
 
   void count_end(send_end end) const {
     if (end != send_end::replied) {
-      count(server_.stats_, &server_stats::no_replies);
+      count(server_.stats_, &server_counters::no_replies);
       return;
     }
-    count(server_.stats_, &server_stats::replies);
+    count(server_.stats_, &server_counters::replies);
     if (call_.state().reply->type == REDIS_REPLY_ERROR) {
-      count(server_.stats_, &server_stats::error_replies);
+      count(server_.stats_, &server_counters::error_replies);
     }
   }
 
@@ -190,8 +190,9 @@ visit_result visit(ruvo_redis& redis, const command& command, conn_node& slot, s
                    call_times* times) {
   const send_terms terms{{limit_of(redis.socket_timeout()), command.deadline},
                          times != nullptr,
-                         command.must_not_resend};
-  count(server.stats_, &server_stats::calls);
+                         command.must_not_resend,
+                         server.stats_};
+  count(server.stats_, &server_counters::calls);
   if (redis.options().auto_pipelining) {
     pipelined_call call(server, slot, command.wire, terms);
     return visitor(redis, command, server, call, times).run();
