@@ -45,9 +45,7 @@ Result forward(Result failure, Method method, Args... args) noexcept {
   Result result = failure;
   try {
     if (ruvo_redis* redis = instance()) {
-      pool_stats* stats = nullptr;
-      ((stats = stats != nullptr ? stats : stats_of(*redis, args)), ...);
-      timer = call_timer(stats);
+      (timer.begin(stats_of(*redis, args)), ...);
       result = std::invoke(method, *redis, args...);
     }
   } catch (...) {

@@ -9,31 +9,24 @@
 //   pool.stats_ = statistics_.pool(i), server.stats_ = statistics_.server(i, server.index_)
 //   statistics_.end()                        in fini, when the pools are closed
 //
-// The hooks, each with its place on the path of a call:
+// What is counted where:
 //
-//   call_timer timer(pool stats)             an exported operation, around the method's call:
-//   timer.end(result)                          counts it by result code and time
-//   note_cause(RUVO_STATS_DEADLINE)          where a call fails with RUVO_ERR_FAILED: why, for the
-//                                              timer of the same thread
-//
-//   count(server, &server_counters::calls)      a visit has chosen a slot
-//   mark.begin(server), mark.end()           from then until its command is sent for the first time
-//   count(server, &server_counters::second_sends)  the command goes out again
-//   count(server, &server_counters::replies)    the visit ends with a reply;
-//   count(server, &server_counters::error_replies)  and that is an error reply
-//   count(server, &server_counters::no_replies) the visit ends otherwise, for whatever reason.
-//   Exactly
-//                                              one of the two ends every visit: what is in flight
-//                                              is told from their difference
-//   count(server, &server_counters::reconnects) reset_connection has succeeded;
-//   count(server, &server_counters::failed_reconnects)  or not
-//   note_failures(server, failures, retry)   failure_count_ and next_retry_time_ have changed
-//   count(server, &server_counters::ejections)  the failure that reaches the limit of a pool that
-//   ejects count(server, &server_counters::retries)    an ejected server is tried again
+//   call_timer            around an exported operation: its result code and its time
+//   note_cause()          where a call fails with RUVO_ERR_FAILED: why
+//   calls                 a visit has chosen a slot
+//   waiting_mark          from then until the command is sent for the first time
+//   second_sends          the command goes out again
+//   replies, no_replies   a visit has ended: exactly one of them for each, since what is in flight
+//                         is told from their difference; error_replies besides
+//   reconnects, failed_reconnects
+//                         a connection has been rebuilt, or not
+//   note_failures()       failure_count_ and next_retry_time_ have changed
+//   ejections, retries    the failure that reaches the limit of a pool that ejects, and what ends
+//   it
 //
 // The counters are relaxed: nothing is ordered by them. The timer of a call gets its thread a lane,
-// where it has every cache line to itself and counts with plain loads and stores; who finds all
-// lanes taken, and the child of a fork, counts in the first one, which is shared.
+// where it has every cache line to itself and counts with plain loads and stores. Threads that find
+// all lanes taken, and the child of a fork, count in the first one, which is shared.
 #ifndef RUVO_STATISTICS_H
 #define RUVO_STATISTICS_H
 
@@ -46,6 +39,7 @@
 #include <string>
 #include <utility>
 
+#include "call_clock.h"
 #include "ruvo.h"
 #include "stats.h"
 
@@ -125,26 +119,28 @@ inline void note_cause(ruvo_stats_result cause) noexcept { latest_cause = cause;
 
 ruvo_stats_result result_of(int code) noexcept;
 
-// Measures one call.
+// Measures one call. One at a time in a thread: an exported function calls no other.
 class call_timer {
  public:
-  using clock = std::chrono::steady_clock;
+  call_timer() = default;
+  explicit call_timer(pool_stats* pool) noexcept { begin(pool); }
 
-  call_timer() = default;  // counts nothing
-
-  explicit call_timer(pool_stats* pool) noexcept
-      : call_timer(pool, pool != nullptr ? clock::now() : clock::time_point()) {}
-  // For a caller that has looked at the clock: a look costs more than all the counting of a call.
-  call_timer(pool_stats* pool, clock::time_point begin) noexcept : pool_(pool), begin_(begin) {
-    if (pool_ != nullptr && stats_lane == 0) {
-      claim_stats_lane();
+  // Null: the call is not counted.
+  void begin(pool_stats* pool) noexcept {
+    if (pool != nullptr) {
+      pool_ = pool;
+      call_begin = call_clock::now();
+      if (stats_lane == 0) {
+        claim_stats_lane();
+      }
     }
   }
 
   // With the result code of a typed operation.
   void end(int code) noexcept {
     if (pool_ != nullptr) {
-      record_call(*pool_, code == RUVO_OK ? RUVO_STATS_OK : result_of(code), clock::now() - begin_);
+      record_call(*pool_, code == RUVO_OK ? RUVO_STATS_OK : result_of(code),
+                  call_clock::now() - std::exchange(call_begin, call_clock::time_point()));
     }
   }
   // With the reply of a raw command, a redisReply; null where there is none.
@@ -152,7 +148,6 @@ class call_timer {
 
  private:
   pool_stats* pool_ = nullptr;
-  clock::time_point begin_{};
 };
 
 // The file of one start-up.
