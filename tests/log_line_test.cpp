@@ -18,7 +18,6 @@ extern "C" std::time_t __wrap_time(std::time_t* /*result*/) { return now; }
 namespace {
 
 constexpr auto DEBUG = BaseLib::Logger::DEBUG;
-constexpr auto INFO = BaseLib::Logger::INFO;
 constexpr auto WARN = BaseLib::Logger::WARN;
 constexpr auto ERROR = BaseLib::Logger::ERROR;
 

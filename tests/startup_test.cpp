@@ -171,17 +171,20 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   EXPECT_EQ(client.init(nullptr), 0);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | redis alreadly initialize"), 1);
   EXPECT_EQ(client.fini(), 0);
-  EXPECT_EQ(client.insert_key("k", "v", 1, -1, eTempServer, nullptr), 0);
+  EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersonalityServer, nullptr), 0);
   EXPECT_EQ(client.fini(), 0);
   EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);
   EXPECT_EQ(open_descriptors(), descriptors);
   EXPECT_EQ(ruvo_cfg.get_str_val("common", "temp_server"), nullptr);
-  const HostConfig second(all_pools_at(redis.addr() + "," + redis.addr()));
-  ASSERT_EQ(client.init(second.path()), 0);
-  EXPECT_EQ(client.get_server_node(eTempServer, -1)->index_, 0U);  // turns begin anew as well
+  const std::string addrs = redis.addr() + "," + redis.addr();
+  const HostConfig second(pools_at("malformed", addrs, addrs));  // its pool fails early
+  ASSERT_EQ(client.init(second.path()), RUVO_INIT_TEMP_POOL_FAILED);
+  EXPECT_EQ(client.get_server_node(ePersonalityServer, -1)->index_,
+            0U);  // turns begin anew as well
   for (const RedisServerType type : all_types) {
     const server_pool& pool = client.getPool(type);
-    EXPECT_EQ(pool.servers_.at(0).context_arr_.size(), 1U);
+    EXPECT_EQ(pool.conn_num_, 1U);
+    EXPECT_EQ(pool.servers_.empty() ? 1U : pool.servers_[0].context_arr_.size(), 1U);
     EXPECT_TRUE(pool.auto_eject_ && pool.failure_limit_ == 5 && pool.retry_timeout_ == 30);
     EXPECT_EQ(pool.redis_password_, "");
   }

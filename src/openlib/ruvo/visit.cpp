@@ -81,7 +81,6 @@ class visitor {
 
  private:
   send_end send_first() {
-    const waiting_mark mark(server_.stats_);
     return timed([this] { return call_.send(); });
   }
 
@@ -193,7 +192,8 @@ visit_result visit(ruvo_redis& redis, const command& command, conn_node& slot, s
                    call_times* times) {
   const send_terms terms{{limit_of(redis.socket_timeout()), command.deadline},
                          times != nullptr,
-                         command.must_not_resend};
+                         command.must_not_resend,
+                         server.stats_};
   count(server.stats_, &server_counters::calls);
   if (redis.options().auto_pipelining) {
     pipelined_call call(server, slot, command.wire, terms);
