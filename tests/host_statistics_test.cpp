@@ -50,12 +50,12 @@ TEST(HostStatistics, EveryCallIsCountedByItsResult) {
   const char* data = nullptr;
   unsigned long length = 0;
   insert("k");
-  RUVO_QueryKey("none", &data, &length, eTempServer, nullptr);
-  RUVO_ExistsKey("none", eTempServer, nullptr);
+  EXPECT_EQ(RUVO_QueryKey("none", &data, &length, eTempServer, nullptr), RUVO_ERR_NOT_FOUND);
+  EXPECT_EQ(RUVO_ExistsKey("none", eTempServer, nullptr), RUVO_ABSENT);
   RUVO_SAdd("s", "m", 1, eTempServer, nullptr);
   RUVO_SAdd("s", "m", 1, eTempServer, nullptr);
   insert(nullptr);
-  RUVO_HashFieldsNum("k", nullptr, eTempServer, nullptr);  // a string
+  EXPECT_EQ(RUVO_HashFieldsNum("k", nullptr, eTempServer, nullptr), RUVO_ERR_FAILED);  // a string
   raw("GET k");
   raw("GET none");
   raw("FLY");
