@@ -94,7 +94,7 @@ int run(int argc, char** argv) {
   }
   for (const Operation& operation : operations_on(value_bytes)) {
     const Call bare = [&] { run_bare(operation, *context); };
-    auto library = std::make_unique<Library>(redis.addr(), 2, RoundTrips::own);
+    auto library = std::make_unique<Library>(redis.addr(), redis.addr(), 2, Pipelining::off);
     Tape tape;
     tape.record();
     bare();
@@ -117,9 +117,9 @@ int run(int argc, char** argv) {
       if (operation.through_cpp) {  // one that stores, one that reads and a raw one are enough
         Tape::stop();
         library.reset();
-        library = std::make_unique<Library>(redis.addr(), 2, RoundTrips::shared);
+        library = std::make_unique<Library>(redis.addr(), redis.addr(), 2, Pipelining::on);
         tape.play();
-        count("shared " + operation.name, operation.through_library);
+        count("pipelined " + operation.name, operation.through_library);
       }
     }
   }

@@ -3,9 +3,9 @@
 
     bench/instructions.py FOLDER [--record] [--functions OPERATION]
 
-FOLDER holds the dumps. Prints a table and compares the library's share with bench/instructions.txt;
-ends with status 1 when one has grown by more than the margin. --record writes that file instead,
---functions lists the library's functions in one operation too.
+FOLDER holds the dumps. Prints a table and compares the library's share and the whole call with
+bench/instructions.txt; ends with status 1 when one has grown by more than the margin. --record
+writes that file instead, --functions lists the library's functions in one operation too.
 """
 import argparse
 import re
@@ -100,16 +100,23 @@ def shares(counts):
     return tuple(round(count / CALLS) for count in (own, called, hiredis))
 
 
+def name_of(side, name):
+    return name if side == "library" else f"{name}, {side}"
+
+
 def print_table(dumps):
+    before = recorded()
     print(f"{'instructions for each call':28}{'library':>9}{'it calls':>9}{'hiredis':>9}"
-          f"{'bare hiredis':>14}{'added':>8}")
+          f"{'bare hiredis':>14}{'added':>8}{'all, to recorded':>18}")
     for (side, name), (_, counts, _) in dumps.items():
         if side == "hiredis":
             continue
         own, called, hiredis = shares(counts)
         bare = shares(dumps["hiredis", name][1])[2]
-        title = {"library": name, "INFO": f"{name}, log at INFO"}.get(side, f"{name}, {side}")
-        print(f"{title:28}{own:9}{called:9}{hiredis:9}{bare:14}{own + called + hiredis - bare:8}")
+        title = f"{name}, log at INFO" if side == "INFO" else name_of(side, name)
+        known = before.get(name_of(side, name))
+        growth = f"{(own + called + hiredis) / sum(known):.3f}" if known else ""
+        print(f"{title:28}{own:9}{called:9}{hiredis:9}{bare:14}{own + called + hiredis - bare:8}{growth:>18}")
 
 
 def print_functions(functions):
@@ -119,9 +126,9 @@ def print_functions(functions):
 
 
 def recorded():
-    lines = [line.rsplit(None, 2) for line in RECORD.read_text().splitlines()
+    lines = [line.rsplit(None, 3) for line in RECORD.read_text().splitlines()
              if line and not line.startswith("#")]
-    return {name: (int(own), int(called)) for name, own, called in lines}
+    return {name: tuple(map(int, counts)) for name, *counts in lines}
 
 
 def compare(found):
@@ -131,7 +138,9 @@ def compare(found):
         if name not in before:
             yield f"{name}: not in {RECORD.name}"
             continue
-        for what, count, limit in zip(("the library's code", "what it calls"), now, before[name]):
+        known = before[name]
+        for what, count, limit in (("the library's code", now[0], known[0]), ("what it calls", now[1], known[1]),
+                                   ("the whole call", sum(now), sum(known))):
             if count > limit * (1 + MARGIN):
                 yield f"{name}: {what} takes {count} instructions, {limit} are recorded"
 
@@ -148,14 +157,14 @@ def main():
     if options.functions:
         print(f"\nthe library's functions in {options.functions}")
         print_functions(dumps["library", options.functions][2])
-    found = {name if side == "library" else f"{name}, {side}": shares(counts)[:2]
-             for (side, name), (_, counts, _) in dumps.items() if side in {"library", "ruvo.hpp", "shared"}}
+    found = {name_of(side, name): shares(counts)
+             for (side, name), (_, counts, _) in dumps.items() if side in {"library", "ruvo.hpp", "pipelined"}}
     if not found:
         sys.exit("no dumps")
     if options.record:
-        lines = [f"{name:18} {own:6} {called:6}" for name, (own, called) in found.items()]
-        RECORD.write_text("# Instructions for each call, at 100 B, log at WARN: the library's own code,"
-                          "\n# and ACE and the C library when it calls them. Written by"
+        lines = [f"{name:18} {own:6} {called:6} {hiredis:7}" for name, (own, called, hiredis) in found.items()]
+        RECORD.write_text("# Instructions for each call, at 100 B, log at WARN: the library's own code, ACE and"
+                          "\n# the C library when it calls them, and hiredis with what that calls. Written by"
                           "\n# scripts/count_instructions.sh --record.\n" + "\n".join(lines) + "\n")
         return
     if grown := list(compare(found)):

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <random>
@@ -39,18 +40,37 @@ struct Share {
 
 // One side runs at a time, in short slices, each round in an order of its own: what else goes on
 // in the machine falls on all sides alike.
-std::vector<std::size_t> order_of_slices(std::size_t rounds) {
+std::vector<Side> order_of_slices(std::vector<Side> sides, std::size_t rounds) {
   std::mt19937_64 random(seed);
-  std::vector<std::size_t> order;
+  std::vector<Side> order;
   for (std::size_t round = 0; round < rounds; ++round) {
-    std::array<std::size_t, sides.size()> one{};
-    for (std::size_t side = 0; side < one.size(); ++side) {
-      one[side] = side;
-    }
-    std::shuffle(one.begin(), one.end(), random);
-    order.insert(order.end(), one.begin(), one.end());
+    std::shuffle(sides.begin(), sides.end(), random);
+    order.insert(order.end(), sides.begin(), sides.end());
   }
   return order;
+}
+
+// Slices long enough that the calls which they cut off at their ends do not matter: over a network,
+// with values that take long, and where threads wait for each other's round trips.
+std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
+  constexpr std::size_t round_trips = 40;
+  constexpr std::size_t large = 1000000;  // bytes
+  const auto waits_for_others = [](Side side) {
+    return side == Side::library || side == Side::pool;
+  };
+  const std::size_t in_a_row = std::any_of(one.sides.begin(), one.sides.end(), waits_for_others)
+                                   ? 2 * std::max<std::size_t>(one.threads / one.connections, 1)
+                                   : 1;
+  const auto network = std::chrono::ceil<std::chrono::milliseconds>(
+      std::max(round_trips, in_a_row) * one.round_trip);
+  return std::max(network, pace.slice * (one.operation->bytes >= large ? 4 : 1));
+}
+
+// Fewer rounds of longer slices, which vary less.
+std::size_t rounds_of(std::chrono::milliseconds slice, const Pace& pace) {
+  constexpr std::size_t enough = 11;
+  const auto in_as_much_time = static_cast<std::size_t>(3 * pace.rounds * pace.slice / slice);
+  return std::min(pace.rounds, std::max(enough, in_as_much_time));
 }
 
 // When a slice is over, and from when on it counts: until then the library's connections, which
@@ -82,10 +102,10 @@ Share call_through(const Period& period, LatencyHistogram& latency, const Call& 
   return share;
 }
 
-// The path to the server: loopback, or a proxy that delays.
-class Path : NoCopy {
+// The network to the server: loopback itself, or one of so long a round trip.
+class Network : NoCopy {
  public:
-  Path(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
+  Network(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
     if (round_trip.count() > 0) {
       proxy_.emplace(port_, round_trip / 2);
       port_ = proxy_->port();
@@ -102,52 +122,57 @@ class Path : NoCopy {
 // The library as a slice wants it. It is started anew when the slice wants the other kind.
 class LibraryOfSlices : NoCopy {
  public:
-  LibraryOfSlices(std::string addr, std::size_t connections)
-      : addr_(std::move(addr)), connections_(connections) {}
+  LibraryOfSlices(std::string addr, std::string other_pools, std::size_t connections)
+      : addr_(std::move(addr)), other_pools_(std::move(other_pools)), connections_(connections) {}
 
   void prepare_for(Side side) {
-    if (side != Side::library && side != Side::shared) {
+    if (side != Side::library && side != Side::pipelined) {
       return;
     }
-    const RoundTrips wanted = side == Side::shared ? RoundTrips::shared : RoundTrips::own;
-    if (!library_ || wanted != round_trips_) {
+    const auto wanted = side == Side::pipelined ? Pipelining::on : Pipelining::off;
+    if (!library_ || wanted != pipelining_) {
       library_.reset();
-      library_.emplace(addr_, connections_, wanted);
-      round_trips_ = wanted;
+      library_.emplace(addr_, other_pools_, connections_, wanted);
+      pipelining_ = wanted;
     }
   }
 
  private:
   std::string addr_;
+  std::string other_pools_;
   std::size_t connections_;
   std::optional<Library> library_;
-  RoundTrips round_trips_ = RoundTrips::own;
+  Pipelining pipelining_ = Pipelining::off;
 };
 
-using Slices = std::array<std::vector<Slice>, sides.size()>;
+using Slices = std::array<std::vector<Slice>, all_sides.size()>;
 
 // Evaluates the slices of each side, which correspond: the n-th of each are of one round.
 void evaluate(const Slices& slices, Result& result) {
-  const auto& library = slices[static_cast<std::size_t>(Side::library)];
-  const auto& shared = slices[static_cast<std::size_t>(Side::shared)];
-  for (std::size_t side = 0; side < sides.size(); ++side) {
+  const auto& library = slices[index_of(Side::library)];
+  const auto& pipelined = slices[index_of(Side::pipelined)];
+  for (std::size_t side = 0; side < slices.size(); ++side) {
     std::vector<double> rates;
     std::vector<double> cpu;
     std::vector<double> library_ratios;
-    std::vector<double> shared_ratios;
+    std::vector<double> pipelined_ratios;
     std::vector<double> cpu_less;
-    for (std::size_t round = 0; round < library.size(); ++round) {
+    for (std::size_t round = 0; round < slices[side].size(); ++round) {
       const Slice& slice = slices[side][round];
       rates.push_back(slice.calls_per_second);
       cpu.push_back(slice.cpu_us);
-      library_ratios.push_back(library[round].calls_per_second / slice.calls_per_second);
-      shared_ratios.push_back(shared[round].calls_per_second / slice.calls_per_second);
-      cpu_less.push_back(library[round].cpu_us - slice.cpu_us);
+      if (!library.empty()) {
+        library_ratios.push_back(library[round].calls_per_second / slice.calls_per_second);
+        cpu_less.push_back(library[round].cpu_us - slice.cpu_us);
+      }
+      if (!pipelined.empty()) {
+        pipelined_ratios.push_back(pipelined[round].calls_per_second / slice.calls_per_second);
+      }
     }
     result[side].calls_per_second = spread_of(std::move(rates));
     result[side].cpu_us = spread_of(std::move(cpu));
     result[side].library_ratio = spread_of(std::move(library_ratios));
-    result[side].shared_ratio = spread_of(std::move(shared_ratios));
+    result[side].pipelined_ratio = spread_of(std::move(pipelined_ratios));
     result[side].cpu_us_less = spread_of(std::move(cpu_less));
   }
 }
@@ -155,6 +180,10 @@ void evaluate(const Slices& slices, Result& result) {
 }  // namespace
 
 Spread spread_of(std::vector<double> values) {
+  if (values.empty()) {
+    constexpr double none = std::numeric_limits<double>::quiet_NaN();
+    return {none, none, none};
+  }
   std::sort(values.begin(), values.end());
   const auto at = [&values](double part) {
     const double place = part * static_cast<double>(values.size() - 1);
@@ -170,20 +199,15 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   if (one.info_log) {
     log.emplace();
   }
-  const Path path(redis, one.round_trip);
-  LibraryOfSlices library(path.addr(), one.connections);
-  BareConnections bare(path.port(), one.threads, pace.bare_timeout);
-  HandWrittenPool pool(path.port(), one.connections);
+  const Network network(redis, one.round_trip);
+  LibraryOfSlices library(network.addr(), redis.addr(), one.connections);
+  BareConnections bare(network.port(), one.threads, pace.bare_timeout);
+  HandWrittenPool pool(network.port(), one.connections);
   const Operation& operation = *one.operation;
 
-  // Over a distance a slice must hold the round trips of all threads one after the other, twice.
-  const bool is_far = one.round_trip.count() > 0;
-  const std::chrono::milliseconds slice =
-      is_far ? std::chrono::ceil<std::chrono::milliseconds>(2 * one.threads * one.round_trip)
-             : pace.slice;
-  const std::size_t rounds = is_far ? (pace.rounds + 3) / 4 : pace.rounds;
+  const std::chrono::milliseconds slice = slice_of(one, pace);
   // The first round finds caches cold and buffers small, and does not count.
-  const std::vector<std::size_t> order = order_of_slices(rounds + 1);
+  const std::vector<Side> order = order_of_slices(one.sides, rounds_of(slice, pace) + 1);
   std::vector<Share> shares(one.threads);
   Slices slices;
   auto result = std::make_unique<Result>();
@@ -191,7 +215,7 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   Period period;
   // Threads meet before and after each slice; the last to come begins and ends it.
   std::barrier before_slice(static_cast<std::ptrdiff_t>(one.threads), [&]() noexcept {
-    library.prepare_for(sides[order[number]]);
+    library.prepare_for(order[number]);
     period.counts = Clock::now() + slice / 5;
     period.ends = period.counts + slice;
   });
@@ -203,21 +227,22 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
       sum.cpu_us += share.cpu_us;
     }
     const auto calls = static_cast<double>(sum.calls);
-    if (number >= sides.size()) {
-      slices[order[number]].push_back({calls / passed.count(), sum.cpu_us / calls});
+    if (number >= one.sides.size()) {
+      slices[index_of(order[number])].push_back({calls / passed.count(), sum.cpu_us / calls});
     }
     ++number;
   });
 
-  std::vector<std::array<LatencyHistogram, sides.size()>> latencies(one.threads);
+  std::vector<std::array<LatencyHistogram, all_sides.size()>> latencies(one.threads);
   const auto work = [&](std::size_t thread) {
     for (std::size_t i = 0; i < order.size(); ++i) {
       before_slice.arrive_and_wait();
       LatencyHistogram unused;
-      LatencyHistogram& latency = i < sides.size() ? unused : latencies[thread][order[i]];
-      switch (sides[order[i]]) {
+      LatencyHistogram& latency =
+          i < one.sides.size() ? unused : latencies[thread][index_of(order[i])];
+      switch (order[i]) {
         case Side::library:
-        case Side::shared:
+        case Side::pipelined:
           shares[thread] = call_through(period, latency, operation.through_library);
           break;
         case Side::hiredis:
@@ -239,7 +264,7 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   }
   evaluate(slices, *result);
   for (const auto& of_thread : latencies) {
-    for (std::size_t side = 0; side < sides.size(); ++side) {
+    for (std::size_t side = 0; side < all_sides.size(); ++side) {
       (*result)[side].latency.add(of_thread[side]);
     }
   }

@@ -16,16 +16,17 @@ struct Case {
   std::size_t threads;
   std::size_t connections;  // of all but hiredis, which has one per thread
   bool info_log = false;  // the library logs at INFO to a file; otherwise at WARN, which is silent
-  std::chrono::microseconds round_trip{0};  // of the way to the server, beyond loopback
+  std::chrono::microseconds round_trip{0};  // of the network to the server, beyond loopback
+  std::vector<Side> sides;                  // those that are measured
 };
 
 struct Pace {
   std::size_t rounds;
-  std::chrono::milliseconds slice;  // of each side in each round
+  std::chrono::milliseconds slice;  // of each side in each round, at least
   Timeout bare_timeout;             // whether hiredis gets the timeouts of the others
 };
 
-// A middle value and the quarters that lie below and above.
+// A median and its quartiles; not numbers where there was nothing to measure.
 struct Spread {
   double median = 0;
   double lower = 0;
@@ -37,12 +38,13 @@ struct SideResult {
   Spread calls_per_second;
   Spread cpu_us;             // of the calling threads, user and system, for each call
   Spread library_ratio;      // the library's rate over this side's, of each round
-  Spread shared_ratio;       // the same with auto_pipelining
+  Spread pipelined_ratio;    // the same with auto_pipelining
   Spread cpu_us_less;        // the library's processor time less this side's, of each round
   LatencyHistogram latency;  // all rounds, nanoseconds
 };
 
-using Result = std::array<SideResult, sides.size()>;
+// By side; one that was not measured has no latencies.
+using Result = std::array<SideResult, all_sides.size()>;
 
 Result measure(const Case& one, const RedisServer& redis, const Pace& pace);
 

@@ -4,8 +4,9 @@
 // and quartiles.
 //
 //   ruvo_bench             what the aims of bench/tables.py ask for, in some minutes
+//   ruvo_bench --quick     auto_pipelining on one connection, on loopback and over a network
 //   ruvo_bench --full      every operation, thread count, connect number and size
-//   ruvo_bench --operation GET --bytes 100 --threads 4 --connections 4
+//   ruvo_bench --operation GET --bytes 100 --threads 4 --connections 4 --round-trip 1000
 //   ruvo_bench --help      lists the rest
 #include <stream_log/logger.h>
 
@@ -13,36 +14,43 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <iterator>
 #include <map>
-#include <memory>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "measurement.h"
+#include "report.h"
 #include "run_main.h"
 
 namespace {
 
+using std::chrono::microseconds;
+
 constexpr std::size_t as_many_as_threads = 0;  // in place of a number of connections
+constexpr microseconds loopback{0};
 
 const std::vector<std::size_t> all_bytes{16, 100, 10000, 1000000};
 const std::vector<std::size_t> all_threads{1, 2, 4, 16, 64};
 const std::vector<std::size_t> all_connections{1, 4, 16, as_many_as_threads};
+const std::vector<Side> every_side{all_sides.begin(), all_sides.end()};
+const std::vector<Side> beside_hiredis{Side::pipelined, Side::hiredis};
 
 struct Options {
   bool full = false;
+  bool quick = false;
   std::vector<std::string> operations;
   std::vector<std::size_t> bytes;
   std::vector<std::size_t> threads;
   std::vector<std::size_t> connections;
+  std::vector<std::size_t> round_trips_us;
+  std::vector<std::string> sides;
   std::size_t rounds = 41;
   std::size_t slice_ms = 15;
   bool bare_timeouts = false;
   bool info_log = false;
-  std::size_t round_trip_us = 0;
   std::string csv;
 };
 
@@ -65,90 +73,123 @@ class Operations {
   std::map<std::size_t, std::vector<Operation>> by_bytes_;
 };
 
-// A part of the run. No operations: all of them.
+// A part of the run: every combination of these. No operations: all of them.
 struct Part {
   const char* title;
-  std::vector<std::string> operations;
-  std::vector<std::size_t> bytes;
-  std::vector<std::size_t> threads;
-  std::vector<std::size_t> connections;
+  std::vector<std::string> operations{"GET"};
+  std::vector<std::size_t> bytes{100};
+  std::vector<std::size_t> threads{1};
+  std::vector<std::size_t> connections{as_many_as_threads};
+  bool more_connections_than_threads = false;       // otherwise such combinations are left out
+  std::vector<microseconds> round_trips{loopback};  // of a network; loopback itself has none
   bool info_log = false;
-  std::chrono::microseconds round_trip{0};  // beyond loopback
+  std::vector<Side> sides = every_side;
 };
 
-std::vector<Part> parts_of(const Options& options) {
-  if (options.full) {
-    return {{"everything", {}, all_bytes, all_threads, all_connections}};
-  }
-  if (!options.operations.empty() || !options.bytes.empty() || !options.threads.empty() ||
-      !options.connections.empty()) {
-    const auto or_else = [](const auto& given, std::vector<std::size_t> otherwise) {
-      return given.empty() ? otherwise : given;
-    };
-    return {{"as asked for", options.operations, or_else(options.bytes, {100}),
-             or_else(options.threads, {1}), or_else(options.connections, {as_many_as_threads}),
-             options.info_log, std::chrono::microseconds(options.round_trip_us)}};
-  }
+std::vector<Part> quick_parts() {
+  return {{.title = "auto_pipelining on one connection",
+           .threads = {2, 4, 16, 64},
+           .connections = {1},
+           .round_trips = {loopback, microseconds(1000)},
+           .sides = beside_hiredis}};
+}
+
+std::vector<Part> parts_as_asked_for(const Options& options) {
+  const auto or_else = [](const auto& given, std::vector<std::size_t> otherwise) {
+    return given.empty() ? otherwise : given;
+  };
+  const std::vector<std::size_t> round_trips = or_else(options.round_trips_us, {0});
+  std::vector<Side> sides;
+  std::copy_if(all_sides.begin(), all_sides.end(), std::back_inserter(sides), [&](Side side) {
+    const auto& wanted = options.sides;
+    return wanted.empty() ||
+           std::find(wanted.begin(), wanted.end(), side_names[index_of(side)]) != wanted.end();
+  });
+  return {{.title = "as asked for",
+           .operations = options.operations,
+           .bytes = or_else(options.bytes, {100}),
+           .threads = or_else(options.threads, {1}),
+           .connections = or_else(options.connections, {as_many_as_threads}),
+           .more_connections_than_threads = true,
+           .round_trips = {round_trips.begin(), round_trips.end()},
+           .info_log = options.info_log,
+           .sides = sides}};
+}
+
+std::vector<Part> parts_of_the_aims() {
   return {
-      {.title = "one thread, every operation",
-       .operations = {},
-       .bytes = {100},
-       .threads = {1},
-       .connections = {as_many_as_threads}},
-      {.title = "threads and connections",
-       .operations = {"GET"},
-       .bytes = {100},
-       .threads = {1, 2, 4},
-       .connections = all_connections},
-      {.title = "many threads, few connections and many",
-       .operations = {"GET"},
-       .bytes = {100},
-       .threads = {16, 64},
-       .connections = {1, 2, 4, 8, 16, as_many_as_threads}},
-      {.title = "many threads over a distance",
-       .operations = {"GET"},
-       .bytes = {100},
-       .threads = {64},
-       .connections = {1, 2, 8},
-       .round_trip = std::chrono::milliseconds(1)},
-      {.title = "storing, as many connections as threads",
-       .operations = {"SET"},
-       .bytes = {100},
+      // Where calls wait for the network, the library's without auto_pipelining wait for each other
+      // too: one distance shows it.
+      {.title = "over a network, with and without auto_pipelining",
        .threads = all_threads,
-       .connections = {as_many_as_threads}},
-      {.title = "small and large values",
+       .connections = {1, 2, 8, as_many_as_threads},
+       .round_trips = {microseconds(1000)},
+       .sides = {Side::library, Side::pipelined, Side::hiredis}},
+      {.title = "over other networks",
+       .threads = all_threads,
+       .connections = {1, 2, 8, as_many_as_threads},
+       .round_trips = {microseconds(200), microseconds(5000)},
+       .sides = beside_hiredis},
+      {.title = "loopback: threads and connections",
+       .threads = all_threads,
+       .connections = {1, 2, 4, 8, 16, as_many_as_threads}},
+      {.title = "loopback: more connections than threads",
+       .threads = {2, 4},
+       .connections = {8, 16},
+       .more_connections_than_threads = true},
+      {.title = "loopback: one thread, every operation", .operations = {}},
+      {.title = "loopback: storing", .operations = {"SET"}, .threads = all_threads},
+      {.title = "loopback: small and large values",
        .operations = {"GET", "SET", "HGET", "LPUSH+RPOP"},
        .bytes = {16, 10000},
-       .threads = {1, 4},
-       .connections = {as_many_as_threads}},
-      {.title = "values of 1 MB",
+       .threads = {1, 4}},
+      {.title = "loopback: values of 1 MB",
        .operations = {"GET", "SET", "HGET", "HSET"},
-       .bytes = {1000000},
-       .threads = {1},
-       .connections = {as_many_as_threads}},
-      {.title = "log at INFO, to a file",
+       .bytes = {1000000}},
+      {.title = "loopback: log at INFO, to a file",
        .operations = {"GET", "SET", "HGET", "SISMEMBER"},
-       .bytes = {100},
        .threads = {1, 4},
-       .connections = {as_many_as_threads},
        .info_log = true},
   };
 }
 
+std::vector<Part> parts_of(const Options& options) {
+  if (options.full) {
+    return {{.title = "everything",
+             .operations = {},
+             .bytes = all_bytes,
+             .threads = all_threads,
+             .connections = all_connections,
+             .more_connections_than_threads = true}};
+  }
+  if (options.quick) {
+    return quick_parts();
+  }
+  const bool asked_for = !options.operations.empty() || !options.bytes.empty() ||
+                         !options.threads.empty() || !options.connections.empty() ||
+                         !options.round_trips_us.empty() || !options.sides.empty();
+  return asked_for ? parts_as_asked_for(options) : parts_of_the_aims();
+}
+
+bool is_wanted(const Part& part, const Operation& operation) {
+  const auto& wanted = part.operations;
+  return wanted.empty() || std::find(wanted.begin(), wanted.end(), operation.name) != wanted.end();
+}
+
 std::vector<Case> cases_of(const Part& part, Operations& operations) {
   std::vector<Case> cases;
-  for (const std::size_t bytes : part.bytes) {
-    for (const Operation& operation : operations.on(bytes)) {
-      const auto& wanted = part.operations;
-      if (!wanted.empty() &&
-          std::find(wanted.begin(), wanted.end(), operation.name) == wanted.end()) {
-        continue;
-      }
-      for (const std::size_t threads : part.threads) {
-        for (const std::size_t connections : part.connections) {
-          cases.push_back({&operation, threads,
-                           connections == as_many_as_threads ? threads : connections, part.info_log,
-                           part.round_trip});
+  for (const microseconds round_trip : part.round_trips) {
+    for (const std::size_t bytes : part.bytes) {
+      for (const Operation& operation : operations.on(bytes)) {
+        for (const std::size_t threads : part.threads) {
+          for (const std::size_t number : part.connections) {
+            const std::size_t connections = number == as_many_as_threads ? threads : number;
+            if (is_wanted(part, operation) &&
+                (connections <= threads || part.more_connections_than_threads)) {
+              cases.push_back(
+                  {&operation, threads, connections, part.info_log, round_trip, part.sides});
+            }
+          }
         }
       }
     }
@@ -156,87 +197,11 @@ std::vector<Case> cases_of(const Part& part, Operations& operations) {
   return cases;
 }
 
-// ---- Output ----
-
-const SideResult& of(const Result& result, Side side) {
-  return result[static_cast<std::size_t>(side)];
-}
-
-double us(const SideResult& side, double percent) {
-  return static_cast<double>(side.latency.percentile(percent)) / 1000;
-}
-
-void print_head(const Part& part) {
-  std::printf("\n%s\n%-11s %8s %3s %5s %9s %9s %9s %9s  %-19s  %-19s  %-19s %7s %s\n", part.title,
-              "operation", "bytes", "thr", "conn", "library/s", "shared/s", "hiredis/s", "pool/s",
-              "to hiredis", "to the pool", "shared to hiredis", "CPU us",
-              "p99 us: library, shared, hiredis");
-}
-
-void print(const Case& one, const Result& result) {
-  const auto ratio = [](const Spread& spread) {
-    std::printf("  %5.3f [%5.3f %5.3f]", spread.median, spread.lower, spread.upper);
-  };
-  std::printf("%-11s %8zu %3zu %5zu", one.operation->name.c_str(), one.operation->bytes,
-              one.threads, one.connections);
-  for (const SideResult& side : result) {
-    std::printf(" %9.0f", side.calls_per_second.median);
-  }
-  ratio(of(result, Side::hiredis).library_ratio);
-  ratio(of(result, Side::pool).library_ratio);
-  ratio(of(result, Side::hiredis).shared_ratio);
-  std::printf(" %+7.2f", of(result, Side::hiredis).cpu_us_less.median);
-  for (const Side side : {Side::library, Side::shared, Side::hiredis}) {
-    std::printf(" %7.0f", us(of(result, side), 99));
-  }
-  std::puts("");
-  std::fflush(stdout);
-}
-
-class Csv {
- public:
-  explicit Csv(const std::string& path)
-      : file_(std::fopen(path.empty() ? "/dev/null" : path.c_str(), "w"), std::fclose) {
-    if (!file_) {
-      throw std::runtime_error(path + " cannot be written");
-    }
-    std::fputs(
-        "operation,bytes,threads,connections,log,round_trip_ms,side,calls_per_s,calls_per_s_q1,"
-        "calls_per_s_q3,library_ratio,library_ratio_q1,library_ratio_q3,shared_ratio,"
-        "shared_ratio_q1,shared_ratio_q3,cpu_us,library_cpu_us_more,p50_us,p90_us,p99_us,p999_us\n",
-        file_.get());
-  }
-
-  void write(const Case& one, const Result& result) {
-    const std::chrono::duration<double, std::milli> round_trip = one.round_trip;
-    for (std::size_t side = 0; side < sides.size(); ++side) {
-      const SideResult& row = result[side];
-      std::fprintf(file_.get(), "%s,%zu,%zu,%zu,%s,%g,%s", one.operation->name.c_str(),
-                   one.operation->bytes, one.threads, one.connections,
-                   one.info_log ? "INFO" : "WARN", round_trip.count(), side_names[side]);
-      write(row.calls_per_second, 0);
-      write(row.library_ratio, 4);
-      write(row.shared_ratio, 4);
-      std::fprintf(file_.get(), ",%.3f,%.3f,%.1f,%.1f,%.1f,%.1f\n", row.cpu_us.median,
-                   row.cpu_us_less.median, us(row, 50), us(row, 90), us(row, 99), us(row, 99.9));
-    }
-    std::fflush(file_.get());
-  }
-
- private:
-  void write(const Spread& spread, int digits) {
-    std::fprintf(file_.get(), ",%.*f,%.*f,%.*f", digits, spread.median, digits, spread.lower,
-                 digits, spread.upper);
-  }
-
-  std::unique_ptr<FILE, decltype(&std::fclose)> file_;
-};
-
 // Measures and prints a part, but what an earlier one has measured.
 void run_part(const Part& part, const RedisServer& redis, const Pace& pace, Operations& operations,
               Csv& csv) {
   static std::set<std::tuple<const Operation*, std::size_t, std::size_t, bool, long>> done;
-  print_head(part);
+  print_head(part.title, part.sides);
   for (const Case& one : cases_of(part, operations)) {
     if (done.emplace(one.operation, one.threads, one.connections, one.info_log,
                      one.round_trip.count())
@@ -252,22 +217,24 @@ int run(int argc, char** argv) {
   Options options;
   CLI::App app("The library beside bare hiredis and a hand-written pool");
   app.add_flag("--full", options.full, "Every operation, size, thread count and connect number");
+  app.add_flag("--quick", options.quick,
+               "auto_pipelining on one connection, on loopback and over a network");
   app.add_option("--operation", options.operations, "Only these, as the table names them");
   app.add_option("--bytes", options.bytes, "Sizes of values");
   app.add_option("--threads", options.threads, "Thread counts");
   app.add_option("--connections", options.connections, "Connect numbers; 0: as many as threads");
+  app.add_option("--round-trip", options.round_trips_us,
+                 "Microseconds of a round trip over the network to the server; 0: loopback")
+      ->check(CLI::Range(0, 1000000));
+  app.add_option("--sides", options.sides, "Only these")->check(CLI::IsMember(side_names));
   app.add_option("--rounds", options.rounds, "Slices of each side in each case")
       ->envname("RUVO_BENCH_ROUNDS")
       ->check(CLI::Range(1, 100000))
       ->capture_default_str();
-  app.add_option("--slice", options.slice_ms, "Milliseconds of a slice")
+  app.add_option("--slice", options.slice_ms, "Milliseconds of a slice, at least")
       ->check(CLI::Range(1, 10000))
       ->capture_default_str();
   app.add_flag("--info", options.info_log, "With the log at INFO, to a file");
-  app.add_option("--round-trip", options.round_trip_us,
-                 "Microseconds that the way to the server and back takes, beyond loopback")
-      ->check(CLI::Range(0, 1000000))
-      ->capture_default_str();
   app.add_flag("--bare-timeouts", options.bare_timeouts,
                "Give bare hiredis the timeouts that the library and the pool have");
   app.add_option("--csv", options.csv, "File for all figures");
@@ -280,8 +247,8 @@ int run(int argc, char** argv) {
   const Pace pace{options.rounds, std::chrono::milliseconds(options.slice_ms),
                   options.bare_timeouts ? Timeout::set : Timeout::none};
   std::printf(
-      "medians of %zu rounds, slices of %zu ms; [quartiles]; "
-      "CPU us: of the library more than of hiredis, for each call\n",
+      "medians of %zu rounds, slices of %zu ms, fewer and longer over a network; ratios of rates "
+      "[quartiles]; p50 and p99 in microseconds\n",
       options.rounds, options.slice_ms);
   for (const Part& part : parts_of(options)) {
     run_part(part, redis, pace, operations, csv);

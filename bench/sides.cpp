@@ -42,11 +42,12 @@ void HandWrittenPool::run(const Operation& operation) {
   }
 }
 
-Library::Library(const std::string& addr, std::size_t connections, RoundTrips round_trips)
+Library::Library(const std::string& addr, const std::string& other_pools, std::size_t connections,
+                 Pipelining pipelining)
     : config_(
           "connect_timeout = 10000\nsocket_timeout = " + std::to_string(timeout_seconds * 1000) +
-              "\n" + (round_trips == RoundTrips::shared ? "auto_pipelining = true\n" : "") +
-              pools_at(addr, addr, addr),
+              "\n" + (pipelining == Pipelining::on ? "auto_pipelining = true\n" : "") +
+              pools_at(addr, other_pools, other_pools),
           "p_connect_num = " + std::to_string(connections)) {
   using BaseLib::Logger;
   const Logger::LogLevel level = Logger::logLevel();

@@ -13,12 +13,13 @@
 #include "operations.h"
 #include "started_library.h"
 
-// `shared`: the library with auto_pipelining.
-enum class Side { library, shared, hiredis, pool };
-inline constexpr std::array sides{Side::library, Side::shared, Side::hiredis, Side::pool};
-inline constexpr std::array side_names{"library", "shared", "hiredis", "pool"};
+// `library`: as it is without any key; `pipelined`: with auto_pipelining.
+enum class Side { library, pipelined, hiredis, pool };
+inline constexpr std::array all_sides{Side::library, Side::pipelined, Side::hiredis, Side::pool};
+inline constexpr std::array side_names{"library", "pipelined", "hiredis", "pool"};
+constexpr std::size_t index_of(Side side) { return static_cast<std::size_t>(side); }
 
-// The limit: hiredis alone, on a connection that no other thread uses. The result stays in the
+// The yardstick: hiredis alone, on a connection that no other thread uses. The result stays in the
 // reply. Without timeouts, as hiredis begins.
 class BareConnections : NoCopy {
  public:
@@ -48,11 +49,13 @@ class HandWrittenPool : NoCopy {
   std::atomic<std::size_t> turn_{0};
 };
 
-// The library, from RUVO_Init to RUVO_Fini, with one server in each pool. A process has one.
-enum class RoundTrips { own, shared };
+// The library, from RUVO_Init to RUVO_Fini, with one server in each pool. A process has one. The
+// operations use the first pool, whose server is at `addr`; the others are at `other_pools`.
+enum class Pipelining { off, on };
 class Library : NoCopy {
  public:
-  Library(const std::string& addr, std::size_t connections, RoundTrips round_trips);
+  Library(const std::string& addr, const std::string& other_pools, std::size_t connections,
+          Pipelining pipelining);
 
  private:
   HostConfig config_;

@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -65,7 +66,11 @@ double call_time(const Servers& servers, Logger::LogLevel level, const RedisServ
                               "socket_timeout = 10000\n",
                           "p_server_failure_limit = 1\np_server_retry_timeout = 3600");
   const StartedLibrary library(config.path());
-  const auto call = [] { RUVO_ExistsKey("key", eTempServer, nullptr); };
+  const auto call = [] {
+    if (RUVO_ExistsKey("key", eTempServer, nullptr) != RUVO_ABSENT) {
+      throw std::runtime_error("a call failed");
+    }
+  };
   for (int i = 0; i < 2 * (servers.up + servers.down); ++i) {
     call();  // until what is down is ejected
   }

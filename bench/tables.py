@@ -44,21 +44,28 @@ class Case:
         return tuple(float(self.sides[to][f"{of}_ratio{part}"]) for part in ("", "_q1", "_q3"))
 
     def ratio(self, of, to):
-        return "{:.3f} [{:.3f}, {:.3f}]".format(*self.spread(of, to))
+        return f"{self.spread(of, to)[0]:.2f}"
 
     def latency(self, side, percentile):
         return float(self.sides[side][percentile + "_us"])
 
     def latencies(self, side):
-        return " / ".join(f"{self.latency(side, percentile):,.0f}" for percentile in ("p50", "p99", "p999"))
+        """The median and the 99th percentile; in milliseconds where a network lies between."""
+        one, digits = (1000, 2) if self.round_trip else (1, 0)
+        return " / ".join(f"{self.latency(side, percentile) / one:,.{digits}f}" for percentile in ("p50", "p99"))
 
     def processor(self):
         return f"{float(self.sides['hiredis']['library_cpu_us_more']):+.2f}"
+
+    def has(self, *sides):
+        return all(side in self.sides for side in sides)
 
     def __str__(self):
         ends = [f"`{self.operation}`"]
         if self.bytes != 100:
             ends.append(SIZES.get(self.bytes, f"{self.bytes} B"))
+        if self.round_trip:
+            ends.append(f"{self.round_trip:g} ms")
         return ", ".join([*ends, f"{self.threads} / {self.connections}"])
 
 
@@ -76,86 +83,106 @@ def read_cases(path):
 
 def rates(of, to):
     """By how much one side calls more often than another."""
-    return lambda case: case.spread(of, to)
+    return (of, to), lambda case: case.spread(of, to)
 
 
-def p99(of, to):
-    """How many times the 99th percentile of one side is that of another."""
-    return lambda case: (case.latency(of, "p99") / case.latency(to, "p99"),) * 3
+def latency(percentile, of, to):
+    """How many times the percentile of one side is that of another."""
+    return (of, to), lambda case: (case.latency(of, percentile) / case.latency(to, percentile),) * 3
 
 
 @dataclass
 class Aim:
+    """A bound for all cases that it holds for, with what is measured of them."""
     text: str
-    at_least: float
-    measured: Callable[[Case], tuple]
+    bound: float
+    measures: tuple[tuple[str, str], Callable[[Case], tuple]]
     holds_for: Callable[[Case], bool]
+    at_most: bool = False
     seen: list = field(default_factory=list)
 
     def look_at(self, cases):
-        self.seen = [(self.measured(case), case) for case in cases if self.holds_for(case)]
+        sides, measured = self.measures
+        self.seen = [(measured(case), case) for case in cases
+                     if self.holds_for(case) and case.has(*sides)]
+
+    def is_met(self, ratio):
+        return ratio <= self.bound if self.at_most else ratio >= self.bound
 
     def row(self):
-        met = sum(ratio[0] >= self.at_least for ratio, _ in self.seen)
-        (median, lower, upper), case = min(self.seen, key=lambda one: one[0][0])
+        met = sum(self.is_met(ratio[0]) for ratio, _ in self.seen)
+        worst = max if self.at_most else min
+        (median, lower, upper), case = worst(self.seen, key=lambda one: one[0][0])
         quartiles = f" [{lower:.3f}, {upper:.3f}]" if lower != upper else ""
         verdict = "met" if met == len(self.seen) else f"met by {met} of {len(self.seen)}" if met else "not met"
-        return [self.text, f"{self.at_least:g}", verdict, f"{median:.3f}{quartiles}", str(case)]
+        bound = f"{'at most' if self.at_most else 'at least'} {self.bound:g}"
+        return [self.text, bound, verdict, f"{median:.3f}{quartiles}", str(case)]
 
 
-def crowded(threads, *connections):
-    return lambda case: case.small and case.threads == threads and case.connections in connections
+def loopback(threads, *connections):
+    """GET of 100 B on so many connections, where no network lies between."""
+    return lambda case: (case.small and case.operation == "GET" and case.threads == threads
+                         and case.connections in connections)
+
+
+def network(round_trips=(0.2, 1, 5), threads=(2, 4, 16, 64)):
+    """GET of 100 B on one connection over a network."""
+    return lambda case: (case.operation == "GET" and case.bytes == 100 and case.connections == 1
+                         and case.threads in threads and case.round_trip in round_trips)
+
+
+def single(case):
+    return case.small and case.threads == case.connections == 1
 
 
 AIMS = [
-    Aim("one thread, library to hiredis", 0.97, rates("library", "hiredis"),
-        lambda case: case.small and case.threads == case.connections == 1),
-    Aim("one connection a thread, library to the pool", 0.97, rates("library", "pool"),
-        lambda case: case.small and case.even),
-    Aim("values of 1 MB, library to hiredis", 0.95, rates("library", "hiredis"),
-        lambda case: case.bytes == 1000000),
-    Aim("log at INFO, library to hiredis", 0.80, rates("library", "hiredis"),
-        lambda case: case.log == "INFO"),
-    Aim("one thread, shared to library", 0.98, rates("shared", "library"),
-        lambda case: case.small and case.threads == case.connections == 1),
-    Aim("one connection a thread, shared to hiredis", 0.97, rates("shared", "hiredis"),
+    # auto_pipelining over a network.
+    Aim("network, one connection, 2 to 64 threads: pipelined to hiredis", 0.97, rates("pipelined", "hiredis"), network()),
+    Aim("the same: p50 of pipelined to hiredis", 1.05, latency("p50", "pipelined", "hiredis"), network(), at_most=True),
+    Aim("network of 1 ms, one connection, 64 threads: pipelined to hiredis", 1.3, rates("pipelined", "hiredis"),
+        network((1,), (64,))),
+    # auto_pipelining on loopback.
+    *(Aim(f"{threads} threads on one connection: pipelined to hiredis", bound, rates("pipelined", "hiredis"),
+          loopback(threads, 1)) for threads, bound in ((64, 2.0), (16, 1.4), (4, 0.95), (2, 0.85))),
+    Aim("64 threads on two connections: pipelined to hiredis", 2.0, rates("pipelined", "hiredis"), loopback(64, 2)),
+    Aim("a connection for each thread: pipelined to hiredis", 0.97, rates("pipelined", "hiredis"),
         lambda case: case.small and case.even and case.threads > 1),
-    Aim("16 threads on 1 and 2 connections, shared to hiredis", 1.3, rates("shared", "hiredis"),
-        crowded(16, 1, 2)),
-    Aim("64 threads on 1 and 2 connections, shared to hiredis", 1.7, rates("shared", "hiredis"),
-        crowded(64, 1, 2)),
-    Aim("64 threads on 8 connections, shared to hiredis", 1.5, rates("shared", "hiredis"),
-        crowded(64, 8)),
-    Aim("64 threads on 1, 2 and 8, 99th percentile, library to shared", 8, p99("library", "shared"),
-        crowded(64, 1, 2, 8)),
-    Aim("64 threads on one, 1 ms away, shared to library", 20, rates("shared", "library"),
-        lambda case: case.round_trip == 1 and case.threads == 64 and case.connections == 1),
+    Aim("64 threads on one and two connections: p99 of pipelined to hiredis", 1.0, latency("p99", "pipelined", "hiredis"),
+        loopback(64, 1, 2), at_most=True),
+    Aim("64 threads on eight connections: p99 of pipelined to hiredis", 1.5, latency("p99", "pipelined", "hiredis"),
+        loopback(64, 8), at_most=True),
+    Aim("one thread: pipelined to library", 0.98, rates("pipelined", "library"), single),
+    Aim("GET and HGET of 1 MB: pipelined to hiredis", 1.0, rates("pipelined", "hiredis"),
+        lambda case: case.bytes == 1000000 and case.operation in ("GET", "HGET")),
+    # The library without the key.
+    Aim("GET and HGET of 1 MB: library to hiredis", 1.0, rates("library", "hiredis"),
+        lambda case: case.bytes == 1000000 and case.operation in ("GET", "HGET")),
+    Aim("one thread: library to hiredis", 0.97, rates("library", "hiredis"), single),
+    Aim("a connection for each thread: library to the pool", 0.97, rates("library", "pool"),
+        lambda case: case.small and case.even),
+    Aim("log at INFO: library to hiredis", 0.80, rates("library", "hiredis"), lambda case: case.log == "INFO"),
 ]
 
 
 # ---- The tables ----
 
-OPERATION = {"Operation": lambda case: case.operation}
+# The columns of the guide by their heads; it explains them. Quartiles stand in the CSV.
+ROUND_TRIP = {"RTT, ms": lambda case: f"{case.round_trip:g}"}
 THREADS = {"Threads": lambda case: case.threads}
 CONNECTIONS = {"Connections": lambda case: case.connections}
-SIZE = {"Size": lambda case: SIZES.get(case.bytes, case.bytes)}
-RATES = {
-    "Library/s": lambda case: case.rate("library"),
-    "Shared/s": lambda case: case.rate("shared"),
-    "hiredis/s": lambda case: case.rate("hiredis"),
-    "Pool/s": lambda case: case.rate("pool"),
-    "Library to hiredis": lambda case: case.ratio("library", "hiredis"),
-    "Library to the pool": lambda case: case.ratio("library", "pool"),
-    "Shared to hiredis": lambda case: case.ratio("shared", "hiredis"),
-}
-PROCESSOR = {"CPU µs": lambda case: case.processor()}
-LATENCIES = {
-    "Shared to library": lambda case: case.ratio("shared", "library"),
-    "Shared to hiredis": lambda case: case.ratio("shared", "hiredis"),
-    "Library, µs": lambda case: case.latencies("library"),
-    "Shared, µs": lambda case: case.latencies("shared"),
-    "hiredis, µs": lambda case: case.latencies("hiredis"),
-}
+HIREDIS = {"hiredis, calls/s": lambda case: case.rate("hiredis")}
+LIBRARY = {"Library, calls/s": lambda case: case.rate("library")}
+PIPELINED = {"Pipelined, calls/s": lambda case: case.rate("pipelined")}
+POOL = {"Pool, calls/s": lambda case: case.rate("pool")}
+LIBRARY_RATIO = {"Library / hiredis": lambda case: case.ratio("library", "hiredis")}
+PIPELINED_RATIO = {"Pipelined / hiredis": lambda case: case.ratio("pipelined", "hiredis")}
+POOL_RATIO = {"Library / pool": lambda case: case.ratio("library", "pool")}
+PROCESSOR = {"Library, CPU µs more": lambda case: case.processor()}
+
+
+def latencies(unit, *sides):
+    heads = {"hiredis": "hiredis", "library": "Library", "pipelined": "Pipelined"}
+    return {f"{heads[side]}, p50 / p99, {unit}": lambda case, side=side: case.latencies(side) for side in sides}
 
 
 def table(heads, rows, names):
@@ -168,24 +195,46 @@ def table_of(cases, columns):
     return table([*columns], [[str(value(case)) for value in columns.values()] for case in cases], 1)
 
 
+def ratios_of_threads(cases, name):
+    """A row for each operation of some cases, or whatever `name` calls it: what both forms of the library reach
+    with one thread and with four."""
+    rows = {}
+    for case in cases:
+        rows.setdefault(name(case), {})[case.threads] = case
+    heads = ["", *(f"{side} / hiredis, {threads}" for threads in ("1 thread", "4 threads")
+                   for side in ("Library", "Pipelined"))]
+
+    def ratios(by_threads):
+        for threads in (1, 4):
+            for side in ("library", "pipelined"):
+                yield by_threads[threads].ratio(side, "hiredis") if threads in by_threads else ""
+    return table(heads, [[row, *ratios(by_threads)] for row, by_threads in rows.items()], 1)
+
+
 def tables(cases):
     small = [case for case in cases if case.small]
-    crowd = sorted((case for case in cases if case.bytes == 100 and case.log == "WARN"
-                    and case.operation == "GET" and case.threads > 1),
-                   key=lambda case: (case.round_trip, case.threads, case.connections))
+    gets = sorted((case for case in cases
+                   if case.bytes == 100 and case.log == "WARN" and case.operation == "GET"),
+                  key=lambda case: (case.round_trip, case.threads, case.connections))
+    far = [case for case in gets if case.round_trip > 0]
     return {
-        "one thread": table_of([case for case in small if case.threads == case.connections == 1],
-                               OPERATION | RATES | PROCESSOR),
-        "threads": table_of([case for case in small if case.operation == "GET"]
-                            + [case for case in small if case.operation == "SET" and case.even],
-                            OPERATION | THREADS | CONNECTIONS | RATES | PROCESSOR),
-        "shared": table_of([case for case in crowd if case.round_trip == 0], THREADS | CONNECTIONS | LATENCIES),
-        "distance": table_of([case for case in crowd if case.round_trip > 0], THREADS | CONNECTIONS | LATENCIES),
-        "sizes": table_of([case for case in cases if case.bytes != 100],
-                          OPERATION | SIZE | THREADS | RATES | PROCESSOR),
-        "log": table_of([case for case in cases if case.log == "INFO"],
-                        OPERATION | THREADS | RATES | PROCESSOR),
-        "aims": table(["Ratio", "at least", "", "lowest", "of"], [aim.row() for aim in AIMS if aim.seen], 1),
+        "network": table_of([case for case in far if case.connections == 1],
+                            ROUND_TRIP | THREADS | HIREDIS | PIPELINED | PIPELINED_RATIO
+                            | latencies("ms", "hiredis", "pipelined")),
+        "network, connections": table_of(
+            [case for case in far if case.has("library") and case.threads > 1],
+            THREADS | CONNECTIONS | HIREDIS | LIBRARY | PIPELINED
+            | latencies("ms", "hiredis", "library", "pipelined")),
+        "loopback": table_of([case for case in gets if case.round_trip == 0],
+                             THREADS | CONNECTIONS | HIREDIS | POOL | LIBRARY | PIPELINED | LIBRARY_RATIO
+                             | PIPELINED_RATIO | latencies("µs", "hiredis", "library", "pipelined")),
+        "operations": table_of([case for case in small if case.threads == case.connections == 1],
+                               {"Operation": lambda case: case.operation} | HIREDIS | POOL | LIBRARY | PIPELINED
+                               | LIBRARY_RATIO | POOL_RATIO | PIPELINED_RATIO | PROCESSOR),
+        "sizes": ratios_of_threads([case for case in cases if case.bytes != 100],
+                                   lambda case: f"{case.operation}, {SIZES.get(case.bytes, case.bytes)}"),
+        "log": ratios_of_threads([case for case in cases if case.log == "INFO"], lambda case: case.operation),
+        "aims": table(["Ratio", "Aim", "", "Worst", "Of"], [aim.row() for aim in AIMS if aim.seen], 1),
     }
 
 
@@ -200,7 +249,7 @@ def put_into(guide, made):
 
 
 def print_aims():
-    rows = [["ratio", "at least", "", "lowest", "of"], *(aim.row() for aim in AIMS if aim.seen)]
+    rows = [["ratio", "aim", "", "worst", "of"], *(aim.row() for aim in AIMS if aim.seen)]
     widths = [max(map(len, column)) for column in zip(*rows)]
     for row in rows:
         print("  ".join(text.ljust(width) for text, width in zip(row, widths)).rstrip())

@@ -2,8 +2,8 @@
 // memory, without a system call. What is left is the time and the instructions of user space, and
 // each run has the same.
 //
-// It stands in for read(2), write(2) and send(2) of the whole program, shared libraries included.
-// Use it in a single thread.
+// It stands in for read(2), recv(2), write(2), send(2), sendmsg(2) and ppoll(2) of the whole
+// program, shared libraries included. Use it in a single thread.
 #ifndef RUVO_BENCH_TAPE_H
 #define RUVO_BENCH_TAPE_H
 
@@ -27,7 +27,8 @@ class Tape {
 
   void sent();
   void received(const char* bytes, std::size_t length);
-  std::size_t next(char* buffer, std::size_t size);
+  std::size_t next(char* buffer, std::size_t size, bool peeks);
+  bool has_more() const;
 
  private:
   std::vector<std::string> replies_;

@@ -11,7 +11,7 @@ prefix=$work/prefix
 cmake --install build/release --prefix "$prefix" >/dev/null
 
 missing=0
-for file in include/ruvo/{ruvo,busin_config,sutils}.h include/ruvo/{ruvo,results,arguments}.hpp include/stream_log/logger.h \
+for file in include/ruvo/{ruvo,stats,busin_config,sutils}.h include/ruvo/{ruvo,results,arguments}.hpp include/stream_log/logger.h \
   lib/libruvo.so.1 lib/libstream_log.so.1 lib/cmake/ruvo/ruvoConfig.cmake \
   lib/pkgconfig/{ruvo,stream_log}.pc include/ruvo/log_{io,mutex,cfg}.h; do
   [ -e "$prefix/$file" ] || { echo "not installed: $file" >&2; missing=1; }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Counts the instructions of each operation, and whose they are: the library's, hiredis', the C
-# library's. Fails when the library's share has grown by more than 5% over bench/instructions.txt.
+# library's. Fails when the library's share or the whole call has grown by more than 5% over bench/instructions.txt.
 #
 #   scripts/count_instructions.sh [--record] [--functions OPERATION]
 #       --record      write bench/instructions.txt afresh

@@ -30,7 +30,7 @@ pause=$(((seconds - 3) / pauses))
 connections=2
 
 scripts/deps.sh build run
-cmake -G Ninja -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
+cmake -G Ninja -DRUVO_BUILD_TOOLS=ON -DRUVO_BUILD_TESTS=OFF -DRUVO_BUILD_EXAMPLES=OFF -B build/demo >/dev/null
 cmake --build build/demo --target ruvo_chaos
 
 . scripts/throwaway.sh

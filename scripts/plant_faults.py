@@ -1,15 +1,18 @@
 #!/usr/bin/env python3
-"""Plants one-line faults in the libraries, one after the other, and lists those that no test catches.
+"""Plants one-line faults in libraries and tools, one after the other, and lists those that no test catches.
 
     scripts/plant_faults.py                      all rows of scripts/faults.txt
     scripts/plant_faults.py 3 17 --only walk     rows by number; those with this text
     scripts/plant_faults.py --tests walk,raw     tried with these tests only
+    scripts/plant_faults.py --idle               lists the tests that have noticed none of these rows, too
     scripts/plant_faults.py --list               the rows, without trying them: do they apply?
 
 Each of the --jobs works in a copy of the tree with a build folder of its own, which it keeps for all
-of its rows, and with --folder for the next time as well. A row ends with its first failing test. A row whose text does not stand in its file exactly
-once, or that does not compile, is an error of the table. The exit status is 0 when every fault was
-caught, 1 when one was not, 2 when a row is in error.
+of its rows, and with --folder for the next time as well. The test programs that stand behind a file's
+name in the table are all run for each of its rows, and the tests in them that noticed the fault are told.
+Where none stands, any program may catch the fault, and the row ends with the first that does. A row whose
+text does not stand in its file exactly once, or that does not compile, is an error of the table. The exit
+status is 0 when every fault was caught, 1 when one was not, 2 when a row is in error.
 
 The regular checks run --list only: all the rest takes a build and a run of the tests for every row.
 """
@@ -35,7 +38,7 @@ TABLE = ROOT / "scripts" / "faults.txt"
 SEPARATOR = " ~> "
 TEST_TIMEOUT = 60  # seconds; a test that hangs has caught its fault
 # No symbols and no optimisation: most of the time goes into compiling and linking.
-CONFIGURATION = ["-DCMAKE_BUILD_TYPE=None", "-DRUVO_BUILD_TOOLS=OFF", "-DRUVO_BUILD_EXAMPLES=OFF",
+CONFIGURATION = ["-DCMAKE_BUILD_TYPE=None", "-DRUVO_BUILD_EXAMPLES=OFF", "-DRUVO_BUILD_DEMO=OFF",
                  "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DCMAKE_COMPILE_WARNING_AS_ERROR=OFF"]
 NO_WARNINGS = {"CXXFLAGS": "-w", "CFLAGS": "-w"}
 
@@ -44,6 +47,7 @@ NO_WARNINGS = {"CXXFLAGS": "-w", "CFLAGS": "-w"}
 class Fault:
     number: int
     file: str
+    tests: list  # of the file, by the names of their programs; empty: any
     stands: str
     put: str
 
@@ -62,14 +66,16 @@ class Fault:
 def read_table():
     faults = []
     file = None
+    tests = []
     for line in TABLE.read_text().splitlines():
-        if line.startswith("[") and line.endswith("]"):
-            file = line[1:-1]
+        if head := re.fullmatch(r"\[(\S+)\]((?: \w+)*)", line):
+            file = head[1]
+            tests = [name + "_test" for name in head[2].split()]
         elif line.strip() and not line.startswith("#"):
             stands, separator, put = line.partition(SEPARATOR.rstrip())
             if not separator or file is None:
                 sys.exit(f"{TABLE.name}: neither a file nor a fault: {line}")
-            faults.append(Fault(len(faults) + 1, file, stands.strip(), put.strip()))
+            faults.append(Fault(len(faults) + 1, file, tests, stands.strip(), put.strip()))
     return faults
 
 
@@ -77,11 +83,13 @@ class Workplace:
     """A copy of the tree, its build folder, and the tests in it."""
 
     # Over all workplaces:
-    seconds = {}  # that a test takes
-    catches = collections.Counter()  # of faults in a file, by test
+    seconds = {}  # that a program takes
+    catches = collections.Counter()  # of faults in a file, by program
+    known = set()  # tests that have run, as "program Suite.Name"
+    noticed = collections.Counter()  # faults, by test
     interrupted = False
 
-    def __init__(self, folder, wanted):
+    def __init__(self, folder, faults, wanted):
         self.tree = pathlib.Path(folder) / "tree"
         self.build = pathlib.Path(folder) / "build"
         files = subprocess.run(["git", "ls-files", "-z", "--cached", "--others",
@@ -91,13 +99,19 @@ class Workplace:
             if (ROOT / name).exists():
                 self.copy(ROOT / name, self.tree / name)
         self.run(["cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, *CONFIGURATION])
-        self.tests = [path.stem for path in (self.tree / "tests").glob("*_test.cpp")
-                      if not path.stem.startswith(("cli_", "chaos_"))  # the tools', not the libraries'
-                      and (not wanted or path.stem.removesuffix("_test") in wanted)]
-        self.run(["cmake", "--build", self.build, "-j2", "--target", *self.tests])
-        for test in self.tests:
-            if not self.passes(test):
-                raise RuntimeError(f"{test} fails without any fault")
+        every = {path.stem for path in (self.tree / "tests").glob("*_test.cpp")}
+        self.wanted = wanted
+        self.anywhere = sorted(test for test in every if not test.startswith(("cli_", "chaos_")))
+        needed = {test for fault in faults for test in self.programs(fault)}
+        if unknown := needed - every:
+            raise RuntimeError(f"no such test: {' '.join(unknown)}")
+        self.run(["cmake", "--build", self.build, "-j2", "--target", *needed])
+        for test in needed:
+            if failed := self.failures(test):
+                raise RuntimeError(f"without any fault: {', '.join(failed)}")
+
+    def programs(self, fault):
+        return self.wanted or fault.tests or self.anywhere
 
     @staticmethod
     def copy(source, target):
@@ -109,55 +123,71 @@ class Workplace:
     def run(self, command):
         if Workplace.interrupted:
             raise RuntimeError("interrupted")
-        done = subprocess.run(command, env={**os.environ, **NO_WARNINGS}, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, errors="replace")
+        # The compiler's cache serves any workplace.
+        cache = {"CCACHE_BASEDIR": str(self.tree.parent.resolve()), "CCACHE_NOHASHDIR": "1"}
+        done = subprocess.run(command, env={**os.environ, **NO_WARNINGS, **cache},
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              errors="replace")
         if done.returncode != 0:
             raise RuntimeError(done.stdout[-2000:])
 
-    def passes(self, test):
+    def failures(self, test):
+        """The tests of a program that fail."""
         begin = time.monotonic()
-        # In a session of its own CTRL-C does not reach it; it ends with this process.
-        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", self.build / "tests" / test,
-                                    "--gtest_fail_fast", "--gtest_brief=1"],
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                   stderr=subprocess.DEVNULL, start_new_session=True)
-        try:
-            passed = process.wait(TEST_TIMEOUT) == 0
-        except subprocess.TimeoutExpired:
-            passed = False
-        finally:
-            if process.poll() is None:
-                os.killpg(process.pid, signal.SIGKILL)
-                process.wait()
-        if passed:
+        with tempfile.TemporaryFile("w+", errors="replace") as output:
+            # In a session of its own CTRL-C does not reach it; it ends with this process.
+            process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", self.build / "tests" / test],
+                                       stdin=subprocess.DEVNULL, stdout=output,
+                                       stderr=subprocess.DEVNULL, start_new_session=True)
+            try:
+                status = process.wait(TEST_TIMEOUT)
+            except subprocess.TimeoutExpired:
+                status = -1
+            finally:
+                if process.poll() is None:
+                    os.killpg(process.pid, signal.SIGKILL)
+                    process.wait()
+            output.seek(0)
+            told = output.read()
+        begun = re.findall(r"\[ RUN      \] (\S+)", told)
+        ended = re.findall(r"\[  (?:     OK|SKIPPED|FAILED ) \] (\S+?),? .*\(\d+ ms\)", told)
+        self.known.update(f"{test} {name}" for name in begun)
+        if status == 0:
             self.seconds[test] = time.monotonic() - begin
-        return passed
+            return []
+        failed = re.findall(r"\[  FAILED  \] ([^\s,]+).*\(\d+ ms\)", told)
+        failed += [name for name in begun if name not in ended]  # the one that it died in
+        return [f"{test} {name}" for name in failed] or [test]
 
     def caught_by(self, fault):
-        """The name of the test that catches the fault, or None."""
+        """The tests that notice the fault."""
         path = self.tree / fault.file
         sound = path.read_text()
-        planted = fault.plant(sound)
-        path.write_text(planted)
+        path.write_text(fault.plant(sound))
+        caught = []
         try:
-            # First the test of the file itself, then those that have caught faults in this file, then
-            # the quick ones. Each is built when its turn has come.
+            # Where any may catch it: first the test of the file itself, then those that have caught
+            # faults in this file, then the quick ones. Each is built when its turn has come.
             subject = pathlib.PurePath(fault.file).stem
-            for test in sorted(self.tests, key=lambda test: (not test.startswith(subject),
-                                                             -self.catches[fault.file, test],
-                                                             self.seconds[test])):
+            for test in sorted(self.programs(fault),
+                               key=lambda test: (not test.startswith(subject),
+                                                 -self.catches[fault.file, test],
+                                                 self.seconds[test])):
                 self.run(["cmake", "--build", self.build, "-j2", "--target", test])
-                if not self.passes(test):
-                    self.catches[fault.file, test] += 1
-                    return test
-            return None
+                failed = self.failures(test)
+                caught += failed
+                self.catches[fault.file, test] += 1 if failed else 0
+                if failed and not (self.wanted or fault.tests):
+                    break
         finally:
             path.write_text(sound)
+        self.noticed.update(caught)
+        return caught
 
 
-def work(folder, tests, waiting, report):
+def work(folder, faults, tests, waiting, report):
     try:
-        place = Workplace(folder, tests)
+        place = Workplace(folder, faults, tests)
     except (RuntimeError, OSError) as error:
         report(None, f"no workplace: {error}")
         return
@@ -167,8 +197,8 @@ def work(folder, tests, waiting, report):
         except queue.Empty:
             return
         try:
-            test = place.caught_by(fault)
-            report(fault, f"caught by {test}" if test else "NOT CAUGHT")
+            caught = place.caught_by(fault)
+            report(fault, f"caught by {', '.join(caught)}" if caught else "NOT CAUGHT")
         except (ValueError, RuntimeError, OSError) as error:
             report(fault, f"ERROR: {error}")
 
@@ -179,6 +209,8 @@ def main():
     parser.add_argument("--only", metavar="SUBSTRING", help="rows that contain this text")
     parser.add_argument("--jobs", type=int, default=1, help="rows that are tried at a time")
     parser.add_argument("--tests", metavar="NAMES", help="comma between them, without _test")
+    parser.add_argument("--idle", action="store_true",
+                        help="list the tests that have noticed nothing, too")
     parser.add_argument("--folder", help="where the copies are; kept")
     parser.add_argument("--list", action="store_true",
                         help="print the rows, and check that each text stands once")
@@ -210,9 +242,9 @@ def main():
             waiting.put(fault)
         with (contextlib.nullcontext(arguments.folder) if arguments.folder
               else tempfile.TemporaryDirectory(prefix="ruvo-faults-", ignore_cleanup_errors=True)) as folder:
-            tests = arguments.tests.split(",") if arguments.tests else []
+            tests = [name + "_test" for name in (arguments.tests or "").split(",") if name]
             jobs = [threading.Thread(target=work, daemon=True,
-                                     args=(f"{folder}/{job}", tests, waiting, report))
+                                     args=(f"{folder}/{job}", faults, tests, waiting, report))
                     for job in range(arguments.jobs)]
             for job in jobs:
                 job.start()
@@ -226,6 +258,9 @@ def main():
         print(f"\n{len(faults)} faults, {len(missed)} not caught, {len(errors)} errors")
         for fault in sorted(missed, key=lambda fault: fault.number):
             print(fault)
+        if arguments.idle:
+            idle = sorted(Workplace.known - set(Workplace.noticed))
+            print(f"\n{len(idle)} of {len(Workplace.known)} tests noticed nothing", *idle, sep="\n")
     return 2 if errors else 1 if missed else 0
 
 

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "logger.h"
 #include "run_main.h"
 #include "started_library.h"
 #include "tcp_proxy.h"

@@ -7,15 +7,16 @@
 
 #include "calling_host.h"
 
+constexpr int stopped_socket_timeout_ms = 200;
+
 struct StoppedServer {
   int threads = 16;
   int before = 10;   // seconds; then one server is stopped,
   int stopped = 60;  // for so long,
   int after = 10;    // and goes on
   std::string keys;  // of section common, besides the timeouts
+  int socket_timeout_ms = stopped_socket_timeout_ms;
 };
-
-constexpr int stopped_socket_timeout_ms = 200;
 
 // The keys that the sample configuration sets for a new site.
 constexpr const char* keys_of_a_new_site =

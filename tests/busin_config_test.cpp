@@ -46,7 +46,7 @@ TEST_P(Reader, FollowsEveryRuleOfTheForm) {
   for (const auto& one : cases) {
     EXPECT_EQ(value(one.section, one.key), one.value) << text_of(one.section) << one.key;
   }
-  strings names;
+  strings names{"old"};
   EXPECT_EQ(config_.enum_sec_name(names), 0);
   EXPECT_EQ(names, (strings{"common", " db ", "", "a=b", "COMMON"}));
   EXPECT_EQ(config_.enum_sec_key("COMMON", names), 0);
@@ -62,7 +62,7 @@ TEST_P(Reader, FollowsEveryRuleOfTheForm) {
 TEST_P(Reader, ConvertsNumbersAndFlags) {
   // clang-format off
   struct { const char* text; int number; int flag; } const cases[] = {
-      {"1", 1, 1}, {"TRUE", 0, 1}, {"0", 0, 0}, {"yes", 0, -1}, {"01", 1, -1}, {"", -7, -1},
+      {"1", 1, 1}, {"TRUE", 0, 1}, {"0", 0, 0}, {"False", 0, 0}, {"yes", 0, -1}, {"01", 1, -1}, {"", -7, -1},
       {"12ms", 12, -1}, {"0x10", 0, -1}, {"4294967298", 2, -1},
   };
   // clang-format on
@@ -88,6 +88,8 @@ TEST(ReaderOfFiles, CutsLinesEvery2047Bytes) {
   EXPECT_EQ(text_of(config.get_str_val("next", "x")), "1");
   ASSERT_EQ(config.open("[s]\n" + line, true), 0);
   EXPECT_EQ(text_of(config.get_str_val("s", "x")), "1");
+  ASSERT_EQ(config.open("[s]\ra=1", true), 0);
+  EXPECT_EQ(text_of(config.get_str_val("s", "a")), "1");
   using std::string_literals::operator""s;
   ASSERT_EQ(config.open(dir.write("nul", "[s]\na=1\0b\nc=2\n"s).c_str()), 0);
   EXPECT_EQ(text_of(config.get_str_val("s", "a")), "1");
@@ -108,6 +110,8 @@ TEST(ReaderLifecycle, OpensReopensReloadsAndCloses) {
   ASSERT_EQ(utime(path.c_str(), &long_ago), 0);
   EXPECT_TRUE(config.cfg_changed());
   EXPECT_EQ(vop_config::file_mtime(path.c_str()), 1);
+  EXPECT_EQ(vop_config::file_mtime(dir.path("missing").c_str()) + vop_config::file_mtime(nullptr),
+            0);
   EXPECT_EQ(config.open(path.c_str()), 0);  // the loaded path: nothing is read
   EXPECT_EQ(config.open(dir.path("missing").c_str()), -1);
   EXPECT_EQ(k("s"), "1");
@@ -147,6 +151,12 @@ TEST(Section, KeepsPairsAsTheyAre) {
   EXPECT_EQ(section.insert_attr_val(" k ", " v ") + section.insert_attr_val(" K ", ""), 0);
   EXPECT_STREQ(section.get_str_val(" K "), " v ");
   EXPECT_EQ(section.get_str_val("k"), nullptr);
+  EXPECT_EQ(section.insert_attr_val("", "v"), 0);
+  EXPECT_EQ(section.get_str_val(""), nullptr);
+  strings names{"old"};
+  EXPECT_EQ(section.enum_key(names), 0);
+  EXPECT_EQ(names, (strings{" k ", " K ", ""}));
+  EXPECT_STREQ(cfg_section(nullptr).get_sec_name(), "");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "cli_tool.h"
+#include "server_pool.h"
 #include "servers.h"
 #include "statistics.h"
 
@@ -75,7 +76,7 @@ TEST(CliStats, ShowsATable) {
   expect_all(run.output,
              {"process " + std::to_string(getpid()) + " runs; started ",
               "  106 us  106 us  2.01 s  2.01 s\n", "of temp: no_server 2\n",
-              "temp 127.0.0.1:6379  ", "  ejected, ", "temp 127.0.0.1:6379#2       failing, 2  "});
+              "temp 127.0.0.1:6379  ", "  ejected, ", "temp 127.0.0.1:6379#2  failing, 2 "});
   host.end();
   expect_all(stats("stats " + dir.path("s")).output, {"has shut the library down; "});
 }
@@ -201,6 +202,16 @@ TEST(CliStats, AFileThatIsReplacedIsReadWhole) {
     EXPECT_LE(json::parse(run.output)["pools"][0]["calls"], 100);
   }
   stop = true;
+}
+
+TEST(CliStats, TheToolLeavesTheHostsFileAlone) {
+  const RedisServer redis;
+  const TempDir dir;
+  const Tool tool(all_pools_at(redis.addr()) + "stats_file = " + dir.path("s"));
+  for (const std::string command : {"check", "set k v", "load --seconds 1", "watch --rounds 1"}) {
+    EXPECT_EQ(tool.run(command).status, 0) << command;
+    EXPECT_FALSE(std::filesystem::exists(dir.path("s"))) << command;
+  }
 }
 
 TEST(CliStats, WatchShowsTheHostsView) {

@@ -17,13 +17,14 @@ constexpr int rounds = 2000;
 int wrong_values(const std::string& who) {
   int wrong = 0;
   for (int i = 0; i < rounds; ++i) {
-    const std::string key = who + std::to_string(i % 50);
+    const int pool = eTempServer + i % 3;
+    const std::string key = who + std::to_string(i % 50) + "." + std::to_string(pool);
     const std::string value = key + ":" + std::to_string(i);
     const char* data = nullptr;
     unsigned long length = 0;
     const bool is_right =
-        RUVO_InsertKey(key.c_str(), value.data(), value.size(), -1, eTempServer, nullptr) == 0 &&
-        RUVO_QueryKey(key.c_str(), &data, &length, eTempServer, nullptr) == 0 &&
+        RUVO_InsertKey(key.c_str(), value.data(), value.size(), -1, pool, nullptr) == 0 &&
+        RUVO_QueryKey(key.c_str(), &data, &length, pool, nullptr) == 0 &&
         value == std::string(data, length);
     RUVO_FreeResult(data);
     wrong += is_right ? 0 : 1;
@@ -70,9 +71,9 @@ TEST_P(Fork, ParentAndChildKeepTheirRepliesApart) {
     const pid_t child = fork();
     if (child == 0) {
       const int wrong = wrong_values("child" + std::to_string(i) + ":");
-      // It has connections of its own: as many as it uses.
-      const bool is_good = wrong == 0 && log.count_containing("reset connection") == 2 &&
-                           log.count_containing("ret:3, err:the process has forked") == 2;
+      // It has connections of its own: as many as it uses, two in each pool.
+      const bool is_good = wrong == 0 && log.count_containing("reset connection") == 3 * 2 &&
+                           log.count_containing("ret:3, err:the process has forked") == 3 * 2;
       _exit(is_good ? 0 : 1);
     }
     children.push_back(child);
@@ -88,6 +89,20 @@ TEST_P(Fork, ParentAndChildKeepTheirRepliesApart) {
   others.clear();
   EXPECT_EQ(others_wrong, 0);
   EXPECT_EQ(log.count_containing("reset connection"), 0);  // the parent's go on
+  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+}
+
+TEST(ForkOf, AHostWithAServerThatCouldNotBeConnectedTo) {
+  const RedisServer redis;
+  const LogCapture log(BaseLib::Logger::FATAL);
+  ASSERT_EQ(start(HostConfig(pools_at(redis.addr(), redis.addr(), "127.0.0.1:99999"))), RUVO_OK);
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(0);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 

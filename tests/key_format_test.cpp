@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <string>
 
 namespace {
@@ -24,11 +25,15 @@ TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
       {"ends in %", "ends in "}, {":%49:%39", ":%49:%39"}, {"%99999999999d", spaces + " "},
       {"%.99999999999f", "0." + std::string(1021, '0')}, {full + "yyy", full},
       {full.substr(3) + "%s", full.substr(3) + "(nu"},
-      {nothing_much, ""}, {"%-----------------------5d|", "0    |"},
+      {nothing_much, ""}, {"%-----------------------5d|", "0    |"}, {nothing_much + "x", ""},
+      {"%o%X%b%B|%a|%A|%E|%F|%G|%S|% d|%'d|%Id|%.0f", "0000|0x0p+0|0X0P+0|0.000000E+00|0.000000|0|(null)| 0|0|0|0"},
+      {"a%C", "a"}, {"%m", "Success"}, {"%y ends in %5", "%y ends in %5"},
   };
   // clang-format on
   for (const auto& one : cases) {
-    std::array<char, log_buffer_size> text{};
+    std::array<char, log_buffer_size> text;
+    text.fill('z');
+    errno = 0;
     expand_key_format(one.key.c_str(), text);
     EXPECT_EQ(std::string(text.data()), one.text) << one.key.substr(0, 40);
   }

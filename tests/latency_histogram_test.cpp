@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(LatencyHistogram, KnowsPercentilesToThreePercent) {
+TEST(LatencyHistogram, KnowsPercentilesToOnePercent) {
   LatencyHistogram all;
   LatencyHistogram half;
   for (std::uint64_t ns = 1; ns <= 100000; ++ns) {
@@ -16,7 +16,7 @@ TEST(LatencyHistogram, KnowsPercentilesToThreePercent) {
   for (const double percent : {0.01, 1.0, 50.0, 90.0, 99.0, 99.9, 100.0}) {
     const auto exact = percent * 1000;
     EXPECT_GE(static_cast<double>(all.percentile(percent)), exact) << percent;
-    EXPECT_LE(static_cast<double>(all.percentile(percent)), exact * 1.03125 + 1) << percent;
+    EXPECT_LE(static_cast<double>(all.percentile(percent)), exact * 1.01 + 1) << percent;
   }
   EXPECT_EQ(all.percentile(100), 100000U);
   EXPECT_EQ(all.count_between(1024, 2048), 1024U);

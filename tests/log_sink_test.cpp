@@ -3,9 +3,9 @@
 #include <ruvo/log_io.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "host.h"
 
@@ -35,6 +35,9 @@ TEST_F(LogSink, EveryModeAppendsAndTheFirstEndsAnOpenLine) {
     ASSERT_EQ(sink_.open(path_.c_str(), nullptr, mode, 0), 0);
     EXPECT_GE(sink_.write("new"), 0);
     EXPECT_EQ(content(), expected[mode]) << mode;
+    auto* const stream = static_cast<FILE*>(sink_.handle());
+    std::rewind(stream);
+    EXPECT_EQ(std::fgetc(stream), mode < 2 ? 'o' : EOF) << mode;
   }
   dir_.write("log", "old\n");
   ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);  // closes the former file
@@ -86,17 +89,29 @@ TEST_F(LogSink, HandsARecordOnBeforeTheNextOne) {
   EXPECT_EQ(on_disk(), "first\nsecond\n");
 }
 
+struct Config : Log_Cfg {};
+
 TEST_F(LogSink, KeepsWhatItsUserGivesAndClosesItsFile) {
   Log_Thread_Mutex one;
   Log_Thread_Mutex other;
+  Config config;
   const int descriptors = open_descriptors();
-  {
-    Log_IO_FILE sink;
-    ASSERT_EQ(sink.open(path_.c_str(), &one, 0, 0), 0);
-    EXPECT_EQ(sink.mutex(), &one);
-    sink.mutex(&other);
-    EXPECT_EQ(sink.mutex(), &other);
+  alignas(Log_IO_FILE) std::array<unsigned char, sizeof(Log_IO_FILE)> memory;
+  memory.fill(0xFF);
+  auto* const sink = new (memory.data()) Log_IO_FILE;
+  EXPECT_EQ(sink->mutex(), nullptr);
+  EXPECT_EQ(sink->config(), nullptr);
+  EXPECT_FALSE(sink->donot_delete());
+  for (int opening = 0; opening < 2; ++opening) {
+    ASSERT_EQ(sink->open(path_.c_str(), &one, 0, 0), 0);
+    EXPECT_EQ(open_descriptors(), descriptors + 1);
   }
+  EXPECT_EQ(sink->mutex(), &one);
+  sink->mutex(&other);
+  sink->config(&config);
+  EXPECT_EQ(sink->mutex(), &other);
+  EXPECT_EQ(sink->config(), &config);
+  sink->~Log_IO_FILE();
   EXPECT_EQ(open_descriptors(), descriptors);
 }
 
@@ -113,25 +128,33 @@ TEST_F(LogSink, RefusesDescriptorZero) {
 TEST_F(LogSink, AClosedSinkDoesNothing) {
   EXPECT_EQ(sink_.write("x") + sink_.write(L"x") + sink_.write("x", std::size_t{1}), 0);
   EXPECT_EQ(sink_.flush() + sink_.size() + sink_.close(), 0);
-  EXPECT_EQ(sink_.empty(), -1);
+  EXPECT_EQ(sink_.empty() + sink_.backup(path_.c_str()), -2);
 }
 
-TEST(LogMutex, LocksBetweenThreads) {
-  Log_Unix_Process_Mutex lock;
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // the locks have none, on purpose
+
+class SeenMutex : public Log_Unix_Process_Mutex {
+ public:
+  bool is_free() const {
+    auto* const mutex = static_cast<pthread_mutex_t*>(mutex_);
+    return pthread_mutex_trylock(mutex) == 0 && pthread_mutex_unlock(mutex) == 0;
+  }
+};
+
+TEST(LogMutex, LocksUntilItIsReleased) {
+  SeenMutex lock;
   EXPECT_EQ(lock.open("ignored") + lock.open("again"), 0);
-  int count = 0;
-  const auto work = [&] {
-    for (int i = 0; i < 1000; ++i) {
-      lock.acquire(0);
-      ++count;
-      lock.release();
-    }
-  };
-  std::thread one(work);
-  work();
-  one.join();
-  EXPECT_EQ(count, 2000);
+  EXPECT_EQ(lock.name(), nullptr);
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_TRUE(lock.is_free());
+    EXPECT_EQ(lock.acquire(0), 0);
+    EXPECT_FALSE(lock.is_free());
+    EXPECT_EQ(lock.release(), 0);
+  }
   EXPECT_EQ(lock.close(true) + lock.close(false), 0);
+  Log_Win32_Process_Mutex nothing;
+  EXPECT_EQ(nothing.open("x") + nothing.acquire(0) + nothing.release() + nothing.close(false), 0);
+  EXPECT_STREQ(nothing.name(), "");
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ for function in $(sed -nE 's/^ (RUVO_[A-Za-z]+)@.*/\1/p' packaging/libruvo1.symb
   want "$function" "libruvo(3)" "^\.Fn $function " packaging/man/libruvo.3.in
   # RUVO_ExecRedisCmd for those who have a va_list, which is all it adds.
   [ "$function" != RUVO_ExecRedisvCmd ] || continue
-  want "$function" ruvo.hpp "\\b$function\\(" src/openlib/ruvo/ruvo.hpp src/openlib/ruvo/results.hpp
+  want "$function" ruvo.hpp "\\b$function\\(" src/openlib/ruvo/*.hpp
   case $function in
     RUVO_Init | RUVO_Fini | RUVO_FreeResult | RUVO_FreeReplyObject) continue ;;  # no operations
   esac

@@ -24,7 +24,7 @@ TEST_F(Pools, ReadsTheSettingsOfEachPool) {
   port << "0x" << std::hex << redis.port();
   const HostConfig config(
       all_pools_at(redis.addr() + ", 127.0.0.1 : " + port.str()),
-      "p_connect_num=3\nt_connect_num=1\nps_connect_num=-2\np_auto_eject_server=0\n"
+      "p_connect_num=3\nt_connect_num=0\nps_connect_num=-2\np_auto_eject_server=0\n"
       "p_server_failure_limit=11\nt_server_failure_limit=12\nps_server_failure_limit=13\n"
       "p_server_retry_timeout=21\nt_server_retry_timeout=22\nps_server_retry_timeout=23");
   ruvo_redis client;
@@ -34,13 +34,25 @@ TEST_F(Pools, ReadsTheSettingsOfEachPool) {
     EXPECT_EQ(pool.failure_limit_, 10U + static_cast<unsigned>(type));
     EXPECT_EQ(pool.retry_timeout_, 20 + type);
     EXPECT_EQ(pool.auto_eject_, type != eTempServer);
-    EXPECT_EQ(pool.conn_num_, type == eTempServer ? 3U : 1U);
+    EXPECT_EQ(pool.conn_num_, type == eTempServer ? 3U : type == ePersistServer ? 0U : 1U);
+    EXPECT_EQ(
+        log_.count(INFO,
+                   "ruvo_redis::init_server_pool | server: conn_num:3, auto_eject:false, "
+                   "failure_limit:1" +
+                       std::to_string(type) + ", retry_timeout:2" + std::to_string(type) + " (s)"),
+        1);
     EXPECT_EQ(pool.server_num_, 2U);
     EXPECT_EQ(pool.servers_.at(1).index_, 1U);
     EXPECT_EQ(pool.servers_.at(1).addr_.port_, static_cast<std::uint32_t>(redis.port()));
     EXPECT_EQ(pool.servers_.at(1).context_arr_.size(), 3U);
   }
-  EXPECT_EQ(log_.count_containing("ps_connect_num must not be negative: -2"), 1);
+  EXPECT_EQ(log_.count(ERROR,
+                       "ruvo_redis::init_server_pool | ps_connect_num must not be negative: -2, "
+                       "using 1"),
+            1);
+  EXPECT_EQ(log_.count(INFO, "ruvo_redis::init_server_pool | connect to proxy: 127.0.0.1 port:" +
+                                 std::to_string(redis.port()) + " succeeded."),
+            3 * 2 * 3);
 }
 
 TEST_F(Pools, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {

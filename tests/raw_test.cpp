@@ -8,6 +8,7 @@
 
 namespace {
 
+constexpr auto INFO = BaseLib::Logger::INFO;
 constexpr auto WARN = BaseLib::Logger::WARN;
 constexpr auto ERROR = BaseLib::Logger::ERROR;
 
@@ -52,6 +53,7 @@ TEST_F(Raw, LeavesTheArgumentsAsTheyWere) {
   const RedisServer redis;
   start(pools_at(redis.addr(), down_.addr(), ""));
   EXPECT_EQ(echo_twice("ECHO %s-%d", "a", 7), "a-7a-7");
+  EXPECT_EQ(log_.count(INFO, "ruvo_redis::exec_redis_cmd | ECHO %s-%d redis server type:1"), 2);
 }
 
 TEST_F(Raw, GoesOnInThePoolOfTheNextNumber) {

@@ -57,9 +57,9 @@ void mistake() {
   keep(temp.increment("k", 1, 0s));
 #elif MISTAKE == 8   // the time is too short
   keep(temp.hset("k", fields, 0s));
-#elif MISTAKE == 9   // no matching function
+#elif MISTAKE == 9   // no matching (member )?function
   keep(temp.set("k", "v", 5));
-#elif MISTAKE == 10  // no matching function
+#elif MISTAKE == 10  // no matching (member )?function
   keep(temp.increment("k", 5s));
 
 // What is no text, no word, no list

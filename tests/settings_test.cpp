@@ -100,7 +100,8 @@ TEST(Options, EachStandsInAFieldOfItsOwn) {
   for (const auto& [name, field] : truths) {
     vop_config config;
     ASSERT_EQ(config.open("[common]\ncall_timeout = 6\n" + name + " = 1\nlog_limit = 5\n" +
-                              "slow_call_log = 7\nstats_file = f\nfailover_replies = A, B",
+                              "slow_call_log = 7\nstats_file = f\nfailover_replies = A, B\n"
+                              "connect_timeout = 8\nsocket_timeout = 9",
                           true),
               0);
     const client_options read = read_options(config);
@@ -114,6 +115,8 @@ TEST(Options, EachStandsInAFieldOfItsOwn) {
     EXPECT_EQ(read.slow_call_log, 7);
     EXPECT_EQ(read.stats_file, "f");
     EXPECT_EQ(read.failover_replies, (std::vector<std::string>{"A", "B"}));
+    EXPECT_EQ(read_time_limits(config).connect_timeout, 8);
+    EXPECT_EQ(read_time_limits(config).socket_timeout, 9);
   }
 }
 

@@ -157,7 +157,10 @@ TEST_F(StreamLog, FromC) {
 TEST(StreamLogDefault, WritesToStandardError) {
   testing::internal::CaptureStderr();
   Logger("plain.cpp", 3, Logger::FATAL).stream() << "still here";
-  EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(" FATAL plain.cpp:3 still here\n"));
+  Logger(nullptr, 4, Logger::INFO).stream() << "no file";
+  const std::string written = testing::internal::GetCapturedStderr();
+  EXPECT_NE(written.find(" FATAL plain.cpp:3 still here\n"), std::string::npos);
+  EXPECT_TRUE(written.ends_with(" INFO :4 no file\n"));
 }
 
 }  // namespace

@@ -12,13 +12,13 @@ TEST(Split, CutsAndTrims) {
       {"", ",", {}}, {"a", ",", {"a"}}, {" a , b ", ",", {"a", "b"}},
       {"host : 80", ":", {"host", "80"}}, {",a", ",", {"", "a"}},
       {"a,,b,", ",", {"a", "", "b", ""}}, {"x\r\ny", "\r\n", {"x", "", "y"}},
-      {"\t\r a\x01 b \n", ",", {"a\x01 b"}}, {"a\xA1", ",", {"a\xA1"}}, {"a,b", "", {"a,b"}},
+      {nullptr, ",", {}}, {"a,b", nullptr, {"a,b"}}, {"\t\r a\x01 b \n", ",", {"a\x01 b"}}, {"a\xA1", ",", {"a\xA1"}}, {"a,b", "", {"a,b"}},
   };
   // clang-format on
   for (const auto& one : cases) {
     sp::str_arr pieces;
     EXPECT_EQ(sp::split_str(one.text, pieces, one.separators), 0);
-    EXPECT_EQ(pieces, one.pieces) << one.text;
+    EXPECT_EQ(pieces, one.pieces) << (one.text != nullptr ? one.text : "(null)");
   }
 }
 
@@ -44,7 +44,8 @@ TEST(Trim, ANullPointerIsLeftAlone) { sp::trim_str(static_cast<char*>(nullptr));
 TEST(Characters, QuotesAndFullWidth) {
   EXPECT_TRUE(sp::is_quote('"') && sp::is_quote('\'') && !sp::is_quote('`'));
   EXPECT_TRUE(sp::is_quanjiao("\xA3\xA1"));
-  for (const char* other : {"\xA3\xA0", "\xA2\xA1", "\xA3", ""}) {
+  for (const char* other :
+       {"\xA3\xA0", "\xA2\xA1", "\xA3", "", static_cast<const char*>(nullptr)}) {
     EXPECT_FALSE(sp::is_quanjiao(other));
   }
 }
@@ -58,15 +59,19 @@ TEST(Paths, ParentAndBoundedCopy) {
       {"/opt/app/bin/", "/opt/app/"}, {"/", "/"}, {"a/", "a/"}, {"plain", "plain"},
       {"/usr/bin", "/usr/"}, {"/etc/passwd", "/"}, {R"(\\host\share\x)", "/host/"},
       {"//a///b/c", "//a/"}, {".", above}, {bin, above},
+      {"/a/" + std::string(300, 'b') + "/c", "/"},  // cut at 260 bytes
   };
   // clang-format on
   for (const auto& [path, parent] : cases) {
     EXPECT_EQ(sp::parent_path(path.c_str()), parent) << path;
   }
+  EXPECT_EQ(sp::parent_path(nullptr), above);
   char text[8] = "1234567";
   EXPECT_STREQ(sp::strsncpy(text, "abcdef", 4), "abc");
   EXPECT_STREQ(sp::strsncpy(text, text, 3), "ab");
   EXPECT_STREQ(sp::strsncpy(text, nullptr, 4), "");
+  EXPECT_STREQ(sp::strsncpy(text + 1, "xyz", 0), "b");  // untouched
+  EXPECT_EQ(sp::strsncpy(nullptr, "xyz", 4), nullptr);
 }
 
 }  // namespace

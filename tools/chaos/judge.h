@@ -67,8 +67,8 @@ class Judge : public CallObserver {
   const Site& site_;
   const FaultRecord& faults_;
   int threads_;
-  std::vector<std::atomic<Ticks>> begins_;  // for each thread, 0 between calls
-  std::atomic<std::size_t> next_thread_{0};
+  std::vector<std::atomic<Ticks>> begins_;                 // for each thread, 0 between calls
+  static inline std::atomic<std::size_t> next_thread_{0};  // of all judges: a thread has one number
   std::array<std::atomic<long>, failure_count> failures_{};
   std::atomic<long> too_long_{0};
   std::atomic<long> failed_without_fault_{0};

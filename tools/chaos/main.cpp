@@ -8,10 +8,9 @@
 #include <thread>
 
 #include "foreign_keys.h"
-#include "judge.h"
-#include "resources.h"
 #include "run_main.h"
 #include "started_library.h"
+#include "verdict.h"
 
 namespace {
 
@@ -20,8 +19,6 @@ constexpr std::chrono::seconds calm(1);
 constexpr std::chrono::seconds progress_interval(5);
 constexpr std::chrono::seconds short_progress_interval(1);  // where no fault has a line
 constexpr std::chrono::milliseconds longest_sleep(100);
-constexpr long allocated_tolerance = 256L * 1024;      // the C library's caches of the main thread
-constexpr long resident_tolerance = 8L * 1024 * 1024;  // pages that it keeps for itself
 // As often as the library may send a command: twice in each of two visits to each of two servers.
 constexpr int most_runs = 8;
 
@@ -134,9 +131,9 @@ void settle(const Site& site, const Judge& judge) {
 
 class Verdict {
  public:
-  void expect(bool held, const char* what) {
-    std::printf("%-7s%s\n", held ? "held" : "BROKEN", what);
-    all_held_ = all_held_ && held;
+  void add(const Condition& condition) {
+    std::printf("%-7s%s\n", condition.held ? "held" : "BROKEN", condition.text);
+    all_held_ = all_held_ && condition.held;
   }
   int exit_status() const { return all_held_ ? 0 : 1; }
 
@@ -205,8 +202,7 @@ int run_chaos(const Options& options, Site& site) {
       const Host host(options.threads, totals, judge);
       wait_until(Clock::now() + warm_up, judge);
     }
-    verdict.expect(totals.failed + totals.wrong_values == 0 && totals.all_operations() > 0,
-                   "nothing fails and no value is wrong without faults");
+    verdict.add(condition_without_faults(totals));
   }
   const Resources before = resources_in_use(site);
   Totals totals;
@@ -240,27 +236,11 @@ int run_chaos(const Options& options, Site& site) {
   print_resources("before", before);
   print_resources("after", after);
   std::puts("");
-  verdict.expect(totals.wrong_values == 0 && totals.values_checked > 0, "no wrong value");
-  verdict.expect(judge.too_long() == 0, "every call within its bound");
-  if (!site.outage_expected) {
-    verdict.expect(judge.failures(unexplained) == 0,
-                   site.settings.spares_calls()
-                       ? "no typed call failed, and no raw one but where the walk's rules allow it"
-                       : "no failed call while another server was up, but where the walk's rules "
-                         "allow it");
+  const ServerEvents events = server_events();
+  for (const Condition& condition : conditions_of(
+           {site, totals, judge, events, is_from_outside, failed_late, done_late, before, after})) {
+    verdict.add(condition);
   }
-  if (!is_from_outside) {
-    verdict.expect(judge.failed_without_fault() == 0, "no server given up while it was up");
-  }
-  verdict.expect(server_events().ejected.empty(), "every ejection followed by a retry");
-  verdict.expect(failed_late == 0 && done_late > 0, "all well again after the last fault");
-  verdict.expect(after.descriptors == before.descriptors, "descriptors as at the start");
-  verdict.expect(after.allocated <= before.allocated + allocated_tolerance,
-                 "allocated memory as at the start, within 256 KiB");
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they keep what is freed
-  verdict.expect(after.resident <= before.resident + resident_tolerance,
-                 "resident memory as at the start, within 8 MiB");
-#endif
   return verdict.exit_status();
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
+#include <utility>
 
 #include "log_events.h"
 
@@ -66,8 +67,8 @@ bool open_walk_log(const std::string& path) {
 
 void close_walk_log() {
   BaseLib::Logger::setOutput(nullptr);
-  if (file != nullptr) {
-    static_cast<void>(std::fclose(file));
+  if (FILE* const open = std::exchange(file, nullptr)) {
+    static_cast<void>(std::fclose(open));
   }
 }
 

@@ -80,7 +80,7 @@ void print_json(const nlohmann::json& json) {
   print(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
 
-std::string columns(const std::vector<std::vector<std::string>>& rows) {
+std::string columns(const std::vector<std::vector<std::string>>& rows, std::size_t left) {
   std::vector<std::size_t> widths;
   for (const auto& row : rows) {
     widths.resize(std::max(widths.size(), row.size()));
@@ -92,7 +92,8 @@ std::string columns(const std::vector<std::vector<std::string>>& rows) {
   for (const auto& row : rows) {
     std::string line;
     for (std::size_t i = 0; i < row.size(); ++i) {
-      line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+      const std::string padding(widths[i] - row[i].size(), ' ');
+      line += (i < left ? row[i] + padding : padding + row[i]) + "  ";
     }
     text += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
   }

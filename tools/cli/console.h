@@ -2,6 +2,8 @@
 #ifndef RUVO_TOOLS_CLI_CONSOLE_H
 #define RUVO_TOOLS_CLI_CONSOLE_H
 
+#include <cstddef>
+#include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
@@ -21,8 +23,11 @@ std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)
 void print(const std::string& text);
 void print_json(const nlohmann::json& json);  // on a line of its own
 
-// Rows of cells in columns as wide as their widest cell.
-std::string columns(const std::vector<std::vector<std::string>>& rows);
+// Rows of cells in columns as wide as their widest cell. Numbers stand to the right: those of all
+// columns behind the first so many.
+constexpr std::size_t all_columns = SIZE_MAX;
+std::string columns(const std::vector<std::vector<std::string>>& rows,
+                    std::size_t left = all_columns);
 
 // Is the output a terminal with more than so many lines?
 bool is_terminal(std::size_t lines);

@@ -54,26 +54,6 @@ std::string per_second(std::uint64_t count, double seconds) {
   return format("%.1f", static_cast<double>(count) / seconds);
 }
 
-// Columns as wide as their widest entry, the first to the left and the others to the right.
-std::string table(const std::vector<std::vector<std::string>>& rows) {
-  std::vector<std::size_t> widths(rows.front().size());
-  for (const std::vector<std::string>& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      widths[i] = std::max(widths[i], row[i].size());
-    }
-  }
-  std::string text;
-  for (const std::vector<std::string>& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      const int width = static_cast<int>(widths[i]);
-      text +=
-          i == 0 ? format("%-*s", width, row[i].c_str()) : format("  %*s", width, row[i].c_str());
-    }
-    text += "\n";
-  }
-  return text;
-}
-
 // A reading, and the counts since the one before, or since the start.
 struct Look {
   Statistics now;
@@ -118,7 +98,7 @@ std::string pools_text(const Look& look) {
     }
     results += list.empty() ? "" : "of " + now.name + ": " + list + "\n";
   }
-  return table(rows) + results;
+  return columns(rows, 1) + results;
 }
 
 std::string servers_text(const Look& look) {
@@ -143,7 +123,7 @@ std::string servers_text(const Look& look) {
            total(&ruvo_server_counters::retries)});
     }
   }
-  return table(rows);
+  return columns(rows, 2);
 }
 
 nlohmann::json json_of(const PoolNumbers& now, const PoolNumbers& counted, double seconds) {

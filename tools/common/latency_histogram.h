@@ -1,5 +1,5 @@
-// Counts latencies in buckets whose width grows with the value: each power of two is cut into 32,
-// so that any percentile is known to about 3% from a fixed and small memory.
+// Counts latencies in buckets whose width grows with the value: each power of two is cut into
+// 128, so that any percentile is known to within 1% from a fixed and small memory.
 #ifndef RUVO_TOOLS_COMMON_LATENCY_HISTOGRAM_H
 #define RUVO_TOOLS_COMMON_LATENCY_HISTOGRAM_H
 
@@ -62,11 +62,11 @@ class LatencyHistogram {
   }
 
  private:
-  static constexpr unsigned sub_bits = 5;
+  static constexpr unsigned sub_bits = 7;
   static constexpr std::uint64_t sub_buckets = std::uint64_t{1} << sub_bits;
   static constexpr unsigned most_bits = 40;  // 18 minutes; what is longer counts as that
 
-  // Below 32 every value has a bucket; above, the leading bit chooses the group and the next five
+  // Below 128 every value has a bucket; above, the leading bit chooses the group and the next seven
   // bits the bucket in it.
   static std::size_t index_of(std::uint64_t ns) {
     ns = std::min(ns, (std::uint64_t{1} << most_bits) - 1);

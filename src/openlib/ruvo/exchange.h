@@ -14,8 +14,10 @@
 
 struct context_deleter {
   void operator()(redisContext* context) const {
-    // hiredis 0.14 takes descriptor 0 for none; a host that has closed its input gets it.
-    const bool stays_open = HIREDIS_MAJOR == 0 && context->fd == 0;
+    // hiredis 0.14 takes descriptor 0 for none; a host that has closed its input gets it. Where
+    // nothing has been connected, the 0 is not a descriptor.
+    const bool stays_open =
+        HIREDIS_MAJOR == 0 && context->fd == 0 && (context->flags & REDIS_CONNECTED) != 0;
     redisFree(context);
     if (stays_open) {
       ::close(0);

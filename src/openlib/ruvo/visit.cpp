@@ -26,7 +26,8 @@ class connection_rebuilder final : public rebuilder {
     if (times_ != nullptr) {
       times_->connecting += clock::now() - begin;
     }
-    count(server_.stats_, fresh ? &server_counters::reconnects : &server_counters::failed_reconnects);
+    count(server_.stats_,
+          fresh ? &server_counters::reconnects : &server_counters::failed_reconnects);
     if (fresh && !redis_.options().eject_silent_servers) {
       redis_.update_server_ok(&server_);
     }
@@ -80,7 +81,6 @@ class visitor {
 
  private:
   send_end send_first() {
-    const waiting_mark mark(server_.stats_);
     return timed([this] { return call_.send(); });
   }
 
@@ -192,7 +192,8 @@ visit_result visit(ruvo_redis& redis, const command& command, conn_node& slot, s
                    call_times* times) {
   const send_terms terms{{limit_of(redis.socket_timeout()), command.deadline},
                          times != nullptr,
-                         command.must_not_resend};
+                         command.must_not_resend,
+                         server.stats_};
   count(server.stats_, &server_counters::calls);
   if (redis.options().auto_pipelining) {
     pipelined_call call(server, slot, command.wire, terms);

@@ -1,0 +1,28 @@
+// What is told of the cases that have been measured: lines on the console, rows of a file.
+#ifndef RUVO_BENCH_REPORT_H
+#define RUVO_BENCH_REPORT_H
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "measurement.h"
+
+// Prints the heads of the columns for cases of these sides.
+void print_head(const char* title, const std::vector<Side>& sides);
+void print(const Case& one, const Result& result);
+
+// A row for each side of a case, with quartiles; bench/tables.py makes the tables of it.
+class Csv {
+ public:
+  explicit Csv(const std::string& path);  // no path: nothing is kept
+  void write(const Case& one, const Result& result);
+
+ private:
+  void write(const Spread& spread, int digits);
+
+  std::unique_ptr<FILE, decltype(&std::fclose)> file_;
+};
+
+#endif

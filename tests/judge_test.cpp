@@ -1,0 +1,390 @@
+// The judge of ruvo_chaos, on walks and runs that break its conditions one by one.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <thread>
+
+#include "logger.h"
+#include "verdict.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::int64_t no_call = 0;
+const std::string one = "127.0.0.1:1";  // the two servers of each pool
+const std::string two = "127.0.0.1:2";
+const Call typed{strings, "set", eTempServer};
+const Call raw_call{raw, "ask", eTempServer};
+
+class IdleTarget : public Target {
+ public:
+  using Target::Target;
+  void inject(Fault /*fault*/) override {}
+  void clear(Fault /*fault*/) override {}
+};
+
+// ---- Lines as the library writes them ----
+
+using Step = std::function<void(FaultRecord&)>;
+
+Step line(const std::string& text) {
+  return [text](FaultRecord&) {
+    BaseLib::Logger("x.cpp", 1, BaseLib::Logger::WARN).stream() << "ruvo_redis::" << text;
+  };
+}
+std::string place(const std::string& server) {
+  return server.substr(0, server.find(':')) + " port:" + server.substr(server.find(':') + 1);
+}
+Step broken() { return line("do_exec_command | key:k, connection err,try reset,ret:1, err:x"); }
+Step rebuild(const std::string& server) {
+  return line("reset_connection | reset connection,ip:" + place(server));
+}
+Step no_rebuild(const std::string& server) {
+  return line("do_exec_command | key:k, null reply and reset connection to server " +
+              place(server) + " failed.");
+}
+Step skipped(const std::string& server) {
+  return line("is_server_valid | server,ip:" + place(server) +
+              " invalid, failure count:5, retry after 3 seconds");
+}
+Step retried(const std::string& server) {
+  return line("is_server_valid | server, ip:" + place(server) + " start retry");
+}
+Step timed_out() { return line("do_exec_command | key:k, call time-out of 9 ms has passed"); }
+Step fault_in(const std::string& server) {
+  return [server](FaultRecord& faults) { faults.begin(server); };
+}
+Step end_of_fault(const std::string& server) {
+  return [server](FaultRecord& faults) { faults.end(server); };
+}
+Step wait_a_moment() {  // until the clock has moved on
+  return [](FaultRecord&) {
+    for (const Clock::time_point begin = Clock::now(); Clock::now() == begin;) {
+    }
+  };
+}
+
+class Judging : public testing::Test {
+ protected:
+  Judging() {
+    for (auto& pool : site_.pools) {
+      pool.push_back(std::make_unique<IdleTarget>(one));
+      pool.push_back(std::make_unique<IdleTarget>(two));
+    }
+    plain();
+    open_walk_log("");
+    testing::internal::CaptureStdout();
+  }
+  ~Judging() override {
+    for (const std::string& server : {one, two}) {
+      retried(server)(faults_);
+    }
+    close_walk_log();
+    printed();
+    testing::internal::GetCapturedStdout();
+  }
+  void plain() {
+    site_.settings.auto_pipelining = site_.settings.eject_silent_servers =
+        site_.settings.try_ejected_servers = false;
+  }
+  // `before` the call, what happens `during` it.
+  void judge(const std::vector<Step>& before, const std::vector<Step>& during,
+             const Call& call = typed, int result = RUVO_ERR_FAILED) {
+    for (const Step& step : before) {
+      step(faults_);
+    }
+    judge_.call_begins(call);
+    for (const Step& step : during) {
+      step(faults_);
+    }
+    judge_.call_ended(call, result);
+  }
+  // Since the last call. The failures are in it, too.
+  static std::string printed() {
+    std::string text = testing::internal::GetCapturedStdout();
+    std::cerr << (HasFailure() ? text : "");
+    testing::internal::CaptureStdout();
+    return text;
+  }
+
+  Site site_;
+  FaultRecord faults_{false};
+  Judge judge_{site_, faults_, 4};
+};
+
+TEST_F(Judging, AFailedCallIsAllowedOnlyWhereTheWalksRulesSaySo) {
+  const auto spares_calls = [](Site& site) {
+    site.settings.eject_silent_servers = site.settings.try_ejected_servers = true;
+  };
+  const auto ejects_for_no_time = [](Site& site) {
+    site.settings.connect_timeout_ms = site.settings.socket_timeout_ms = 0;
+    site.settings.retry_timeout_s = 0;
+  };
+  const auto expects_an_outage = [](Site& site) { site.outage_expected = true; };
+  const auto as_it_is = [](Site&) {};
+  const std::vector<Step> both_faulty{fault_in(one), fault_in(two)};
+  const std::vector<Step> past_fault{fault_in(two), end_of_fault(two), wait_a_moment(),
+                                     fault_in(one)};
+  const std::vector<Step> both_tried{broken(), rebuild(one), no_rebuild(one), rebuild(two)};
+  const std::vector<Step> one_tried{rebuild(one), skipped(two)};
+  // clang-format off
+  const struct { std::function<void(Site&)> set; std::vector<Step> before; std::vector<Step> during; Call call; Failure why; } cases[] = {
+      {as_it_is, {}, {}, typed, unexplained},
+      {as_it_is, both_faulty, {}, typed, unexplained},
+      {as_it_is, both_faulty, both_tried, typed, each_had_a_fault},
+      {as_it_is, {}, {fault_in(one), rebuild(one), rebuild(two), fault_in(two)}, typed, each_had_a_fault},
+      {as_it_is, {}, both_tried, typed, unexplained},
+      {as_it_is, {fault_in(one)}, both_tried, typed, unexplained},
+      {as_it_is, both_faulty, {rebuild(one)}, typed, unexplained},
+      {as_it_is, both_faulty, {rebuild(one), rebuild(two), rebuild(one), rebuild(two)}, typed, visits_used_up},
+      {as_it_is, both_faulty, {rebuild(one), rebuild(two), rebuild(one)}, typed, each_had_a_fault},
+      {as_it_is, both_faulty, one_tried, typed, still_ejected},
+      {as_it_is, past_fault, one_tried, typed, still_ejected},
+      {as_it_is, {fault_in(one)}, one_tried, typed, unexplained},
+      {ejects_for_no_time, past_fault, one_tried, typed, unexplained},
+      {as_it_is, {fault_in(one)}, {rebuild(one), timed_out()}, typed, out_of_time},
+      {as_it_is, {fault_in(two)}, {rebuild(one), timed_out()}, typed, unexplained},
+      {as_it_is, {fault_in(one)}, {broken()}, raw_call, raw_came_round},
+      {as_it_is, {fault_in(one)}, {rebuild(one)}, raw_call, raw_came_round},
+      {as_it_is, {fault_in(one)}, {broken()}, typed, unexplained},
+      {as_it_is, {fault_in(one)}, {rebuild(two)}, raw_call, unexplained},
+      {as_it_is, {fault_in(one)}, {}, raw_call, unexplained},
+      {spares_calls, both_faulty, both_tried, typed, unexplained},
+      {spares_calls, both_faulty, {broken()}, raw_call, raw_came_round},
+      {expects_an_outage, {}, {}, typed, in_an_outage},
+  };
+  // clang-format on
+  for (const auto& one_case : cases) {
+    SCOPED_TRACE(&one_case - cases);
+    Site site;
+    site.pools = std::move(site_.pools);
+    site.settings = site_.settings;
+    one_case.set(site);
+    FaultRecord faults(false);
+    Judge judge(site, faults, 4);
+    for (const Step& step : one_case.before) {
+      step(faults);
+    }
+    judge.call_begins(one_case.call);
+    for (const Step& step : one_case.during) {
+      step(faults);
+    }
+    judge.call_ended(one_case.call, RUVO_ERR_FAILED);
+    for (int why = 0; why < failure_count; ++why) {
+      EXPECT_EQ(judge.failures(static_cast<Failure>(why)), why == one_case.why)
+          << failure_names[static_cast<std::size_t>(why)];
+    }
+    EXPECT_EQ(printed().find("FAILED WITHOUT REASON: ") != std::string::npos,
+              one_case.why == unexplained);
+    site_.pools = std::move(site.pools);
+  }
+}
+
+TEST_F(Judging, OnlyAFailedCallIsAFailure) {
+  for (const int result : {RUVO_OK, RUVO_ERR_NOT_FOUND, RUVO_NOTHING_DONE, RUVO_ABSENT}) {
+    judge({}, {}, typed, result);
+  }
+  EXPECT_EQ(judge_.failures(unexplained), 0);
+  judge({}, {rebuild(one), skipped(two)}, {lists, "push", ePersistServer});
+  EXPECT_EQ(judge_.failures(unexplained), 1);
+  const std::string told = printed();
+  EXPECT_EQ(told.find("FAILED WITHOUT REASON: push, pool 2, after "), 0U) << told;
+  EXPECT_TRUE(told.ends_with(" s; tried 127.0.0.1:1 skipped 127.0.0.1:2\n")) << told;
+}
+
+TEST_F(Judging, AServerMayBeGivenUpOnlyInAFault) {
+  judge({fault_in(one)}, {rebuild(one), no_rebuild(one)}, typed, RUVO_OK);
+  EXPECT_EQ(judge_.failed_without_fault(), 0);
+  judge({}, {rebuild(two), no_rebuild(two), no_rebuild(one)}, typed, RUVO_OK);
+  EXPECT_EQ(judge_.failed_without_fault(), 1);
+  EXPECT_EQ(printed().find("NO CONNECTION TO A SERVER THAT IS UP: set, pool 1"), 0U);
+  judge({end_of_fault(one), wait_a_moment()}, {no_rebuild(one)}, typed, RUVO_OK);
+  EXPECT_EQ(judge_.failed_without_fault(), 2);
+  const FaultRecord outside(true);
+  EXPECT_TRUE(outside.touches(two, Clock::now(), Clock::now()));
+}
+
+TEST_F(Judging, ACallMayTakeSoLongAndNoLonger) {
+  // clang-format off
+  const struct { int connect_ms; int socket_ms; int connections; int threads; bool pipelining; int call_ms; Call call; int bound_ms; } cases[] = {
+      {400, 300, 2, 4, false, 0, typed, 2200 * 2 * 2 * 2},
+      {400, 300, 2, 4, false, 0, raw_call, 2200 * 6 * 2 * 2},
+      {400, 300, 2, 4, false, 0, {strings, "increase", 3}, 2 * 2200 * 2 * 2 * 2},
+      {100, 0, 2, 5, false, 0, typed, 100 * 2 * 2 * 3},
+      {400, 300, 1, 9, false, 0, typed, 2200 * 2 * 2 * 9},
+      {400, 300, 1, 9, true, 0, typed, 2200 * 2 * 2 * 2},
+      {400, 300, 9, 9, true, 0, typed, 2200 * 2 * 2},
+      {400, 300, 1, 9, true, 1000, typed, 1000 + 2200 + 1000},
+      {400, 300, 1, 9, true, 1000, {strings, "increase", 1}, 2 * (1000 + 2200 + 1000)},
+      {400, 300, 9, 9, true, 1000, raw_call, 1000 + 1000},
+      {400, 300, 9, 9, true, 60000, typed, 2200 * 2 * 2},
+  };
+  // clang-format on
+  for (const auto& one_case : cases) {
+    site_.settings.connect_timeout_ms = one_case.connect_ms;
+    site_.settings.socket_timeout_ms = one_case.socket_ms;
+    site_.settings.connections = one_case.connections;
+    site_.settings.auto_pipelining = one_case.pipelining;
+    site_.settings.call_timeout_ms = one_case.call_ms;
+    const Judge judge(site_, faults_, one_case.threads);
+    EXPECT_EQ(std::chrono::duration_cast<milliseconds>(judge.bound(one_case.call)).count(),
+              one_case.bound_ms)
+        << &one_case - cases;
+  }
+  EXPECT_EQ(Judge(site_, faults_, 9).explain_bound(),
+            "8.8 s for a typed command, 26.4 s for a raw one: 2 visits x servers x (C + 6 S) x 2 "
+            "where threads share a connection, or T + 0 (C + 6 S) + C + 2 S, T = 60000 ms; C = 400 "
+            "ms, S = 300 ms, 9 threads on 9 connections");
+}
+
+TEST_F(Judging, ALateCallAndOneThatHangsAreFound) {
+  judge({}, {}, typed, RUVO_OK);
+  EXPECT_EQ(judge_.too_long(), 0);
+  judge_.call_begins(raw_call);
+  EXPECT_FALSE(judge_.finds_hang());
+  site_.settings.connect_timeout_ms = 1;
+  site_.settings.socket_timeout_ms = 0;
+  std::this_thread::sleep_for(judge_.bound(raw_call) + milliseconds(1));
+  EXPECT_TRUE(judge_.finds_hang());
+  EXPECT_EQ(judge_.longest_raw(), 0);
+  judge_.call_ended(raw_call, RUVO_OK);
+  EXPECT_FALSE(judge_.finds_hang());
+  EXPECT_EQ(judge_.too_long(), 1);
+  EXPECT_EQ(printed().find("TOO LONG: ask, pool 1"), 0U);
+  const double longest = judge_.longest_raw();
+  EXPECT_GT(longest, 0);
+  EXPECT_LT(longest, 60);
+  EXPECT_NE(judge_.longest_typed(), longest);
+}
+
+TEST_F(Judging, EachThreadsCallIsItsOwn) {
+  const Clock::time_point before = Clock::now();
+  wait_a_moment()(faults_);
+  judge_.call_begins(typed);
+  rebuild(one)(faults_);
+  std::thread([this] { judge({}, {}, typed, RUVO_OK); }).join();
+  EXPECT_FALSE(judge_.has_call_from_before(before));
+  EXPECT_TRUE(judge_.has_call_from_before(Clock::now() + milliseconds(1)));
+  EXPECT_TRUE(judge_.may_have_left_pool());
+  judge_.call_ended(typed, RUVO_OK);
+  EXPECT_FALSE(judge_.has_call_from_before(Clock::now() + milliseconds(1)));
+  judge_.call_begins(typed);
+  EXPECT_FALSE(judge_.may_have_left_pool());
+  broken()(faults_);
+  EXPECT_TRUE(judge_.may_have_left_pool());
+  judge_.call_ended(typed, RUVO_OK);
+}
+
+TEST_F(Judging, EjectionsAreFollowedFromTheLog) {
+  const TempDir dir;
+  const std::string path = dir.path("log");
+  EXPECT_FALSE(open_walk_log(dir.path("none/log")));
+  ASSERT_TRUE(open_walk_log(path));
+  const ServerEvents before = server_events();
+  judge({}, {skipped(one), skipped(one), skipped(two), retried(two)}, typed, RUVO_OK);
+  ServerEvents events = server_events();
+  EXPECT_EQ(events.ejected, std::set<std::string>{one});
+  EXPECT_EQ(events.ejections - before.ejections, 2);
+  EXPECT_EQ(events.retries - before.retries, 1);
+  judge({fault_in(one)}, {rebuild(one), no_rebuild(one)}, typed, RUVO_OK);
+  events = server_events();
+  EXPECT_EQ(events.ejected, std::set<std::string>{one});
+  EXPECT_EQ(events.rebuilds - before.rebuilds, 0);
+  EXPECT_EQ(events.failed_rebuilds - before.failed_rebuilds, 1);
+  judge({}, {rebuild(one), no_rebuild(one), rebuild(one)}, typed, RUVO_OK);  // well again
+  events = server_events();
+  EXPECT_TRUE(events.ejected.empty());
+  EXPECT_EQ(events.rebuilds - before.rebuilds, 1);
+  EXPECT_EQ(events.ended_by_rebuild - before.ended_by_rebuild, 1);
+  close_walk_log();
+  std::ifstream log(path);
+  const std::string lines{std::istreambuf_iterator<char>(log), {}};
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 4 + 2 + 3);
+  open_walk_log("");
+}
+
+TEST_F(Judging, EachConditionIsBrokenByWhatItNames) {
+  Totals good;
+  good.values_checked = 1;
+  good.operations[sets] = 1;
+  Totals wrong;
+  wrong.values_checked = 9;
+  wrong.wrong_values = 1;
+  const Totals unchecked;
+  Judge slow(site_, faults_, 4);
+  slow.call_begins(typed);
+  site_.settings.connect_timeout_ms = site_.settings.socket_timeout_ms = 0;
+  wait_a_moment()(faults_);
+  slow.call_ended(typed, RUVO_OK);
+  Judge failing(site_, faults_, 4);
+  Judge giving_up(site_, faults_, 4);
+  site_.settings = Settings();
+  plain();
+  failing.call_begins(typed);
+  failing.call_ended(typed, RUVO_ERR_FAILED);
+  giving_up.call_begins(typed);
+  no_rebuild(one)(faults_);
+  giving_up.call_ended(typed, RUVO_OK);
+  const ServerEvents none;
+  ServerEvents ejected;
+  ejected.ejected.insert(one);
+  const Resources held{10, 1L << 20, 1L << 30};
+  Resources descriptors = held;
+  ++descriptors.descriptors;
+  Resources allocated = held;
+  allocated.allocated += (256L << 10) + 1;
+  Resources resident = held;
+  resident.resident += (8L << 20) + 1;
+  Resources tolerated = held;
+  tolerated.allocated += 256L << 10;
+  tolerated.resident += 8L << 20;
+  // clang-format off
+  const struct { RunFacts run; std::string broken; } cases[] = {
+      {{site_, good, judge_, none, false, 0, 1, held, held}, ""},
+      {{site_, good, judge_, none, false, 0, 1, held, tolerated}, ""},
+      {{site_, wrong, judge_, none, false, 0, 1, held, held}, "no wrong value"},
+      {{site_, unchecked, judge_, none, false, 0, 1, held, held}, "no wrong value"},
+      {{site_, good, slow, none, false, 0, 1, held, held}, "every call within its bound"},
+      {{site_, good, failing, none, false, 0, 1, held, held}, "no failed call while another server was up, but where the walk's rules allow it"},
+      {{site_, good, giving_up, none, false, 0, 1, held, held}, "no server given up while it was up"},
+      {{site_, good, giving_up, none, true, 0, 1, held, held}, ""},
+      {{site_, good, judge_, ejected, false, 0, 1, held, held}, "every ejection followed by a retry"},
+      {{site_, good, judge_, none, false, 1, 1, held, held}, "all well again after the last fault"},
+      {{site_, good, judge_, none, false, 0, no_call, held, held}, "all well again after the last fault"},
+      {{site_, good, judge_, none, false, 0, 1, held, descriptors}, "descriptors as at the start"},
+      {{site_, good, judge_, none, false, 0, 1, descriptors, held}, "descriptors as at the start"},
+      {{site_, good, judge_, none, false, 0, 1, held, allocated}, "allocated memory as at the start, within 256 KiB"},
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+      {{site_, good, judge_, none, false, 0, 1, held, resident}, "resident memory as at the start, within 8 MiB"},
+#endif
+  };
+  // clang-format on
+  for (const auto& one_case : cases) {
+    std::string broken;
+    for (const Condition& condition : conditions_of(one_case.run)) {
+      broken += condition.held ? "" : condition.text;
+    }
+    EXPECT_EQ(broken, one_case.broken);
+  }
+  site_.settings = Settings();
+  const RunFacts spared{site_, good, failing, none, false, 0, 1, held, held};
+  EXPECT_STREQ(conditions_of(spared).at(2).text,
+               "no typed call failed, and no raw one but where the walk's rules allow it");
+  EXPECT_FALSE(conditions_of(spared).at(2).held);
+  site_.outage_expected = true;
+  EXPECT_STREQ(conditions_of(spared).at(2).text, "no server given up while it was up");
+
+  EXPECT_TRUE(condition_without_faults(good).held);
+  EXPECT_FALSE(condition_without_faults(wrong).held);
+  EXPECT_FALSE(condition_without_faults(unchecked).held);
+  Totals failed;
+  failed.operations[sets] = 1;
+  failed.failed = 1;
+  EXPECT_FALSE(condition_without_faults(failed).held);
+}
+
+}  // namespace

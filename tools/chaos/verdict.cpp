@@ -1,0 +1,44 @@
+#include "verdict.h"
+
+namespace {
+
+constexpr long allocated_tolerance = 256L * 1024;      // the C library's caches of the main thread
+constexpr long resident_tolerance = 8L * 1024 * 1024;  // pages that it keeps for itself
+
+}  // namespace
+
+Condition condition_without_faults(const Totals& totals) {
+  return {totals.failed + totals.wrong_values == 0 && totals.all_operations() > 0,
+          "nothing fails and no value is wrong without faults"};
+}
+
+std::vector<Condition> conditions_of(const RunFacts& run) {
+  std::vector<Condition> conditions{
+      {run.totals.wrong_values == 0 && run.totals.values_checked > 0, "no wrong value"},
+      {run.judge.too_long() == 0, "every call within its bound"},
+  };
+  if (!run.site.outage_expected) {
+    conditions.push_back(
+        {run.judge.failures(unexplained) == 0,
+         run.site.settings.spares_calls()
+             ? "no typed call failed, and no raw one but where the walk's rules allow it"
+             : "no failed call while another server was up, but where the walk's rules "
+               "allow it"});
+  }
+  if (!run.is_from_outside) {
+    conditions.push_back(
+        {run.judge.failed_without_fault() == 0, "no server given up while it was up"});
+  }
+  conditions.insert(
+      conditions.end(),
+      {{run.events.ejected.empty(), "every ejection followed by a retry"},
+       {run.failed_late == 0 && run.done_late > 0, "all well again after the last fault"},
+       {run.after.descriptors == run.before.descriptors, "descriptors as at the start"},
+       {run.after.allocated <= run.before.allocated + allocated_tolerance,
+        "allocated memory as at the start, within 256 KiB"}});
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they keep what is freed
+  conditions.push_back({run.after.resident <= run.before.resident + resident_tolerance,
+                        "resident memory as at the start, within 8 MiB"});
+#endif
+  return conditions;
+}

@@ -1,0 +1,33 @@
+// What a run must have held.
+#ifndef RUVO_TOOLS_CHAOS_VERDICT_H
+#define RUVO_TOOLS_CHAOS_VERDICT_H
+
+#include <vector>
+
+#include "judge.h"
+#include "resources.h"
+
+struct Condition {
+  bool held;
+  const char* text;
+};
+
+// Of the warm-up, when no server has a fault.
+Condition condition_without_faults(const Totals& totals);
+
+struct RunFacts {
+  const Site& site;
+  const Totals& totals;
+  const Judge& judge;
+  const ServerEvents& events;
+  bool is_from_outside;  // somebody else injects the faults
+  // In the calm after the last fault:
+  std::int64_t failed_late;
+  std::int64_t done_late;
+  // At the start and at the end:
+  Resources before;
+  Resources after;
+};
+std::vector<Condition> conditions_of(const RunFacts& run);
+
+#endif
