@@ -16,7 +16,7 @@
 set -euo pipefail
 
 declare -A packages=(
-  [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev libffi-dev"
+  [build]="g++ cmake ninja-build pkg-config libhiredis-dev libace-dev libcli11-dev nlohmann-json3-dev"
   [package]="dpkg-dev file"
   [run]="redis-server nutcracker"
   [site]="redis-server haproxy"

@@ -30,21 +30,21 @@ bool is_printable(const nlohmann::json& text) {
 // Replies nest, and so does what is made of them; hiredis bounds how deep.
 // NOLINTBEGIN(misc-no-recursion)
 
-nlohmann::json to_value(const redisReply& reply) {
-  switch (reply.type) {
+nlohmann::json to_value(const ruvo::reply_view& reply) {
+  switch (reply.type()) {
     case REDIS_REPLY_NIL:
       return nullptr;
     case REDIS_REPLY_INTEGER:
-      return reply.integer;
+      return reply.integer();
     case REDIS_REPLY_ARRAY: {
       auto elements = nlohmann::json::array();
-      for (std::size_t i = 0; i < reply.elements; ++i) {
-        elements.push_back(to_value(*reply.element[i]));
+      for (const ruvo::reply_view element : reply) {
+        elements.push_back(to_value(element));
       }
       return elements;
     }
     default:
-      return std::string(reply.str, static_cast<std::size_t>(reply.len));
+      return std::string(reply.text());
   }
 }
 

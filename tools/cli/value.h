@@ -3,12 +3,12 @@
 #ifndef RUVO_TOOLS_CLI_VALUE_H
 #define RUVO_TOOLS_CLI_VALUE_H
 
-#include <hiredis/hiredis.h>
+#include <ruvo/ruvo.hpp>
 
 #include <nlohmann/json.hpp>
 #include <string>
 
-nlohmann::json to_value(const redisReply& reply);
+nlohmann::json to_value(const ruvo::reply_view& reply);
 
 // Text: numbers and texts as they are, nothing as "(nil)", the elements of an array one to a line.
 // An array of arrays is numbered, as redis-cli does it. Without a newline at the end.
