@@ -1,5 +1,6 @@
 #include "visit.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "connection.h"
@@ -46,12 +47,9 @@ bool is_failover_reply(const ruvo_redis& redis, const redisReply* reply) {
   if (reply == nullptr || reply->type != REDIS_REPLY_ERROR || reply->str == nullptr) {
     return false;
   }
-  for (const std::string& begin : redis.options().failover_replies) {
-    if (std::strncmp(reply->str, begin.c_str(), begin.size()) == 0) {
-      return true;
-    }
-  }
-  return false;
+  return std::ranges::any_of(redis.options().failover_replies, [reply](const std::string& begin) {
+    return std::strncmp(reply->str, begin.c_str(), begin.size()) == 0;
+  });
 }
 
 class visitor {
@@ -140,7 +138,8 @@ class visitor {
       return;
     }
     count(server_.stats_, &server_counters::replies);
-    if (call_.state().reply->type == REDIS_REPLY_ERROR) {
+    const reply_ptr& reply = call_.state().reply;
+    if (reply && reply->type == REDIS_REPLY_ERROR) {
       count(server_.stats_, &server_counters::error_replies);
     }
   }
