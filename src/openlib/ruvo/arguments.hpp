@@ -159,7 +159,7 @@ class bytes_view {
   operator std::string_view() const noexcept { return view_; }
 
  private:
-  std::string_view view_{""};
+  std::string_view view_{""};  // NOLINT(readability-redundant-string-init): not null
 };
 
 /// A value, field, element or member that the library may print: any bytes. Short ones are copied
