@@ -310,6 +310,21 @@ TEST(CliWatch, AWalkThatComesRoundEjectsNobody) {
   expect_told(tool, "watch --rounds 1", 5, {down.addr() + counts, other.addr() + counts});
 }
 
+// By itself it would end after a minute.
+TEST(CliWatch, EndsInItsOwnTimeWhenASignalAsksItTo) {
+  const RedisServer redis;
+  const Tool tool(all_pools_at(redis.addr()));
+  const TempDir dir;
+  for (const std::string signal : {"INT", "TERM"}) {
+    const std::string out = dir.path(signal);
+    const Ended run = shell(tool.command("watch --rounds 60") + " >" + out +
+                            " & until grep -q reads " + out + "; do :; done; kill -" + signal +
+                            " $!; wait $!; echo $? $(grep -c reads " + out + ")");
+    EXPECT_TRUE(run.output.starts_with("0 ")) << run.output;
+    EXPECT_NE(run.output, "0 60\n");
+  }
+}
+
 TEST(CliWatch, StartsTheLibraryWhenTheFirstServerAnswers) {
   RedisServer redis;
   const Tool tool(all_pools_at(redis.addr()));
