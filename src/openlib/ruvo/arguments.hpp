@@ -58,7 +58,7 @@ std::string_view bytes_of(const Text& text) noexcept {
     return {text.data(), text.size()};
   } else {
     const std::string_view view = text;
-    return view.data() != nullptr || !view.empty() ? view : std::string_view("", 0);
+    return view.data() != nullptr || !view.empty() ? view : std::string_view("");
   }
 }
 
@@ -159,7 +159,7 @@ class bytes_view {
   operator std::string_view() const noexcept { return view_; }
 
  private:
-  std::string_view view_{"", 0};
+  std::string_view view_{""};
 };
 
 /// A value, field, element or member that the library may print: any bytes. Short ones are copied

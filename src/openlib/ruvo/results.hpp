@@ -40,9 +40,11 @@
 #endif
 /// @endcond
 
-/// Codes of RuvoResult compare with std::error_code: `if (name.error() == RUVO_ERR_FAILED)`.
+/// @cond
+// A RuvoResult compares with a std::error_code: `if (name.error() == RUVO_ERR_FAILED)`.
 template <>
 struct std::is_error_code_enum<RuvoResult> : std::true_type {};
+/// @endcond
 
 namespace ruvo {
 
@@ -219,9 +221,7 @@ class outcome {
   failure why_;
 };
 
-namespace detail {
-
-// What results with a value have, whatever the value is.
+/// What each result with a value has.
 template <typename T>
 class valued : public outcome {
  public:
@@ -269,14 +269,14 @@ class valued : public outcome {
   }
 
  protected:
+  /// A success.
   // cppcheck-suppress passedByValue
   explicit valued(T value) noexcept : outcome(RUVO_OK), value_(std::move(value)) {}
+  /// A failure.
   explicit valued(failure why) noexcept : outcome(std::move(why)) {}
 
-  std::optional<T> value_;
+  std::optional<T> value_;  ///< none: of a failure
 };
-
-}  // namespace detail
 
 /// A value, or why there is none. Nobody can forget to look: a result that is dropped is a warning.
 ///
@@ -284,13 +284,13 @@ class valued : public outcome {
 ///     const long long visit = temp.increment("visits").value_or(0);   // 0 when it failed
 ///     std::cout << who << ", visit " << visit << '\n';                // Ada, visit 1
 template <typename T>
-class [[nodiscard]] result : public detail::valued<T> {
+class [[nodiscard]] result : public valued<T> {
  public:
   /// A success.
   // cppcheck-suppress passedByValue
-  result(T value) noexcept : detail::valued<T>(std::move(value)) {}
+  result(T value) noexcept : valued<T>(std::move(value)) {}
   /// A failure.
-  result(failure why) noexcept : detail::valued<T>(std::move(why)) {}
+  result(failure why) noexcept : valued<T>(std::move(why)) {}
 
   /// Is there a value?
   explicit operator bool() const noexcept { return !this->failed(); }
@@ -306,7 +306,7 @@ class [[nodiscard]] result : public detail::valued<T> {
 ///     const auto known = temp.exists("user:8");
 ///     std::cout << known.yes() << known.no() << known.failed() << '\n';  // 010
 template <>
-class [[nodiscard]] result<bool> : public detail::valued<bool> {
+class [[nodiscard]] result<bool> : public valued<bool> {
  public:
   /// A success.
   result(bool value) noexcept : valued(value) {}
@@ -535,11 +535,18 @@ class reply : public reply_view {
 
   /// @name What a backend of the host's own replies
   /// @{
+
+  /// A string.
   static reply of_text(std::string_view text) { return made(REDIS_REPLY_STRING, text); }
+  /// A status, "OK" say.
   static reply of_status(std::string_view text) { return made(REDIS_REPLY_STATUS, text); }
+  /// An error, "ERR wrong" say.
   static reply of_error(std::string_view text) { return made(REDIS_REPLY_ERROR, text); }
+  /// An integer.
   static reply of_integer(long long number) { return made(REDIS_REPLY_INTEGER, {}, number); }
+  /// Nil.
   static reply of_nil() { return {}; }
+  /// An array, of which it then owns the elements.
   static reply of_array(std::vector<reply> elements) {
     return made(REDIS_REPLY_ARRAY, {}, 0, std::move(elements));
   }
