@@ -214,7 +214,8 @@ template <typename Fault, typename End>
 Outcome pool_down(const std::string& addr, const RedisServer& other_pools, const Fault& fault,
                   const End& end) {
   constexpr milliseconds count_from = 1000ms;
-  constexpr milliseconds back_at = 3300ms;
+  constexpr milliseconds back_at = 3500ms;
+  constexpr int seconds = 6;  // the server has the fifth one to come back, and the host to notice
   const HostConfig config = config_for(addr, other_pools.addr());
   CallingHost host(config.path(), thread_count, write_or_read);
   host.wait_until(fault_at);
@@ -224,7 +225,7 @@ Outcome pool_down(const std::string& addr, const RedisServer& other_pools, const
   host.wait_until(back_at);
   const auto opened = static_cast<double>(connections - before);
   end();
-  Outcome outcome = outcome_of(host, 5);
+  Outcome outcome = outcome_of(host, seconds);
   outcome.connections_a_second =
       opened / std::chrono::duration<double>(back_at - count_from).count();
   return outcome;

@@ -95,10 +95,10 @@ std::vector<Part> quick_parts() {
 }
 
 std::vector<Part> parts_as_asked_for(const Options& options) {
-  const auto or_else = [](const auto& given, std::vector<std::size_t> otherwise) {
-    return given.empty() ? otherwise : given;
+  const auto or_else = [](const auto& wanted, std::vector<std::size_t> otherwise) {
+    return wanted.empty() ? otherwise : wanted;
   };
-  const std::vector<std::size_t> round_trips = or_else(options.round_trips_us, {0});
+  const std::vector<std::size_t> given = or_else(options.round_trips_us, {0});
   std::vector<Side> sides;
   std::copy_if(all_sides.begin(), all_sides.end(), std::back_inserter(sides), [&](Side side) {
     const auto& wanted = options.sides;
@@ -111,7 +111,7 @@ std::vector<Part> parts_as_asked_for(const Options& options) {
            .threads = or_else(options.threads, {1}),
            .connections = or_else(options.connections, {as_many_as_threads}),
            .more_connections_than_threads = true,
-           .round_trips = {round_trips.begin(), round_trips.end()},
+           .round_trips = {given.begin(), given.end()},
            .info_log = options.info_log,
            .sides = sides}};
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs from Debian what this machine lacks; does nothing when all is there.
 #
-#   scripts/deps.sh [build] [package] [run] [site] [test] [bench] [check] [plot]     (no argument: all groups)
+#   scripts/deps.sh [build] [package] [run] [site] [test] [bench] [check] [plot] [arm64]     (no argument: all but arm64)
 #
 #   build    compiler, build tools, hiredis and ACE
 #   package  what makes Debian packages of the build
@@ -12,6 +12,7 @@
 #   check    format, tidy and static checks, binary interface, fuzzing, reference, manual pages, packages, what
 #            the guides show
 #   plot     the pictures of docs/scaling.md
+#   arm64    what scripts/check_arm64.sh builds and runs with
 set -euo pipefail
 
 declare -A packages=(
@@ -24,6 +25,7 @@ declare -A packages=(
   [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck abigail-tools doxygen mandoc binutils
            debootstrap lintian prometheus python3 libspdlog-dev stunnel4 openssl"
   [plot]="gnuplot-nox"
+  [arm64]="g++-12-aarch64-linux-gnu qemu-user file"
 )
 groups=("$@")
 [ ${#groups[@]} -gt 0 ] || groups=(build package run site test bench check plot)

@@ -1,6 +1,7 @@
 #include "tcp_proxy.h"
 
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -29,14 +30,20 @@ timespec as_timespec(std::chrono::nanoseconds time) {
 }  // namespace
 
 TcpProxy::TcpProxy(int target_port, std::chrono::microseconds delay)
-    : target_port_(target_port), delay_(delay), wake_up_(eventfd(0, EFD_CLOEXEC)) {
+    : target_port_(target_port),
+      delay_(delay),
+      wake_up_(eventfd(0, EFD_CLOEXEC)),
+      epoll_(epoll_create1(EPOLL_CLOEXEC)) {
   start_listening();
+  watch(fd_, EPOLLIN);
+  watch(wake_up_, EPOLLIN);
   forwarder_ = std::jthread([this] { forward_all(); });
 }
 
 TcpProxy::~TcpProxy() {
   set_mode(Mode::end);
   forwarder_.join();
+  close(epoll_);
   close(wake_up_);
 }
 
@@ -64,54 +71,51 @@ void TcpProxy::reset_connections() {
 
 void TcpProxy::forward_all() {
   prctl(PR_SET_TIMERSLACK, 1UL);  // or each piece arrives 50 us late
-  std::vector<pollfd> events;
   while (mode_ != Mode::end) {
-    wait_for_events(events);
-    if (events[0].revents != 0) {
+    const std::span<const epoll_event> events = wait_for_events();
+    const auto is_of = [](int fd) {
+      return [fd](const epoll_event& one) { return one.data.fd == fd; };
+    };
+    if (std::any_of(events.begin(), events.end(), is_of(wake_up_))) {
       eventfd_t count = 0;
       eventfd_read(wake_up_, &count);
       (*action_.load())();
       action_done_.release();
-      continue;
+      continue;  // what else has happened is told again, if it still holds
     }
-    std::size_t at = 2;
-    std::erase_if(connections_, [&](const Connection& one) {
-      if (at == events.size()) {
-        return false;  // nothing is read
+    for (const epoll_event& event : events) {
+      if (event.data.fd != fd_) {
+        take_from(event);
       }
-      const short client = events[at++].revents;
-      const short target = events[at++].revents;
-      // A client that has gone has given its command up and may have sent it elsewhere.
-      const bool goes_on = (client & (POLLRDHUP | POLLHUP | POLLERR)) == 0 &&
-                           (client == 0 || take_from(one.client, one.target)) &&
-                           (target == 0 || take_from(one.target, one.client));
-      if (!goes_on) {
-        close_connection(one);
-      }
-      return !goes_on;
-    });
+    }
     deliver();
-    if (events[1].revents != 0) {
-      accept_connection();
+    if (std::any_of(events.begin(), events.end(), is_of(fd_))) {
+      accept_connection();  // last, since it may get the number of a socket that has just been
+                            // closed
     }
   }
 }
 
-void TcpProxy::wait_for_events(std::vector<pollfd>& events) const {
-  const bool reads = mode_ == Mode::forward || mode_ == Mode::swallow;
-  events = {{wake_up_, POLLIN, 0}, {reads ? fd_ : -1, POLLIN, 0}};
-  for (const Connection& one : connections_) {
-    if (reads) {
-      events.push_back({one.client, POLLIN | POLLRDHUP, 0});
-      events.push_back({one.target, POLLIN, 0});
-    }
+std::span<const epoll_event> TcpProxy::wait_for_events() {
+  if (mode_ != Mode::forward && mode_ != Mode::swallow) {  // nothing is read
+    pollfd action{wake_up_, POLLIN, 0};
+    poll(&action, 1, -1);
+    events_[0] = {.events = EPOLLIN, .data = {.fd = wake_up_}};
+    return std::span(events_).first(1);
   }
   timespec pause{};
   const bool delivers = mode_ == Mode::forward && !pieces_.empty();
   if (delivers) {
     pause = as_timespec(std::max(pieces_.front().arrives - Clock::now(), Clock::duration(0)));
   }
-  ppoll(events.data(), events.size(), delivers ? &pause : nullptr, nullptr);
+  const int count = epoll_pwait2(epoll_, events_.data(), static_cast<int>(events_.size()),
+                                 delivers ? &pause : nullptr, nullptr);
+  return std::span(events_).first(static_cast<std::size_t>(std::max(count, 0)));
+}
+
+void TcpProxy::watch(int fd, std::uint32_t events) const {
+  epoll_event event{.events = events, .data = {.fd = fd}};
+  epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
 }
 
 void TcpProxy::accept_connection() {
@@ -122,15 +126,34 @@ void TcpProxy::accept_connection() {
   const int target = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   send_at_once(client);
   send_at_once(target);
-  connections_.push_back({client, target});
   if (!connect_to_loopback(target, target_port_)) {
     reset_on_close(client);
-    close_connection(connections_.back());
-    connections_.pop_back();
+    close(client);
+    close(target);
+    return;
+  }
+  connections_[client] = connections_[target] = {client, target};
+  watch(client, EPOLLIN | EPOLLRDHUP);
+  watch(target, EPOLLIN);
+}
+
+void TcpProxy::take_from(const epoll_event& event) {
+  const int from = event.data.fd;
+  const auto found = connections_.find(from);
+  if (found == connections_.end()) {
+    return;  // its other end has just gone
+  }
+  const Connection connection = found->second;
+  // A client that has gone has given its command up and may have sent it elsewhere.
+  const bool client_has_gone =
+      from == connection.client && (event.events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+  const int to = from == connection.client ? connection.target : connection.client;
+  if (client_has_gone || !forward(from, to)) {
+    close_connection(connection);
   }
 }
 
-bool TcpProxy::take_from(int from, int to) {
+bool TcpProxy::forward(int from, int to) {
   const ssize_t length = recv(from, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
   if (length > 0 && mode_ == Mode::forward) {
     const std::string_view bytes(buffer_.data(), static_cast<std::size_t>(length));
@@ -156,18 +179,22 @@ void TcpProxy::close_connection(const Connection& one) {
   std::erase_if(pieces_, [&one](const Piece& piece) {
     return piece.to == one.client || piece.to == one.target;
   });
-  close(one.client);
-  close(one.target);
+  for (const int fd : {one.client, one.target}) {
+    epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
+    close(fd);
+    connections_.erase(fd);
+  }
 }
 
 void TcpProxy::close_all() {
-  std::for_each(connections_.begin(), connections_.end(),
-                [this](const Connection& one) { close_connection(one); });
-  connections_.clear();
+  while (!connections_.empty()) {
+    const Connection one = connections_.begin()->second;
+    close_connection(one);
+  }
 }
 
 void TcpProxy::reset_all() {
-  for (const Connection& one : connections_) {
+  for (const auto& [fd, one] : connections_) {
     reset_on_close(one.client);
   }
   close_all();

@@ -2,17 +2,19 @@
 #ifndef RUVO_TESTING_TCP_PROXY_H
 #define RUVO_TESTING_TCP_PROXY_H
 
-#include <poll.h>
+#include <sys/epoll.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <semaphore>
+#include <span>
 #include <string>
 #include <thread>
-#include <vector>
+#include <unordered_map>
 
 #include "fixtures.h"
 
@@ -54,9 +56,11 @@ class TcpProxy : public DownServer {
 
   void run_in_forwarder(const std::function<void()>& action);
   void forward_all();
-  void wait_for_events(std::vector<pollfd>& events) const;
+  std::span<const epoll_event> wait_for_events();
+  void watch(int fd, std::uint32_t events) const;
   void accept_connection();
-  bool take_from(int from, int to);
+  void take_from(const epoll_event& event);
+  bool forward(int from, int to);  // false: the sender has gone
   void deliver();
   void close_connection(const Connection& one);
   void close_all();
@@ -67,12 +71,14 @@ class TcpProxy : public DownServer {
   int target_port_;
   std::chrono::microseconds delay_;
   int wake_up_;  // an eventfd: there is an action
+  int epoll_;  // of all that is waited for, so that many connections cost no more than those in use
   std::atomic<const std::function<void()>*> action_{nullptr};
   std::binary_semaphore action_done_{0};
   // Of the forwarder:
   Mode mode_ = Mode::forward;
   bool listens_ = false;
-  std::vector<Connection> connections_;
+  std::unordered_map<int, Connection> connections_;  // by either socket
+  std::array<epoll_event, 256> events_{};
   std::deque<Piece> pieces_;  // in the order of arrival
   std::array<char, 65536> buffer_{};
   std::jthread forwarder_;

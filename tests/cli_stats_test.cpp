@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "cli_tool.h"
+#include "server_pool.h"
 #include "servers.h"
 #include "statistics.h"
 
@@ -201,6 +202,16 @@ TEST(CliStats, AFileThatIsReplacedIsReadWhole) {
     EXPECT_LE(json::parse(run.output)["pools"][0]["calls"], 100);
   }
   stop = true;
+}
+
+TEST(CliStats, TheToolLeavesTheHostsFileAlone) {
+  const RedisServer redis;
+  const TempDir dir;
+  const Tool tool(all_pools_at(redis.addr()) + "stats_file = " + dir.path("s"));
+  for (const std::string command : {"check", "set k v", "load --seconds 1", "watch --rounds 1"}) {
+    EXPECT_EQ(tool.run(command).status, 0) << command;
+    EXPECT_FALSE(std::filesystem::exists(dir.path("s"))) << command;
+  }
 }
 
 TEST(CliStats, WatchShowsTheHostsView) {

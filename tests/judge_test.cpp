@@ -246,8 +246,9 @@ TEST_F(Judging, ALateCallAndOneThatHangsAreFound) {
   EXPECT_EQ(judge_.too_long(), 0);
   judge_.call_begins(raw_call);
   EXPECT_FALSE(judge_.finds_hang());
-  site_.settings.connect_timeout_ms = site_.settings.socket_timeout_ms = 0;
-  wait_a_moment()(faults_);
+  site_.settings.connect_timeout_ms = 1;
+  site_.settings.socket_timeout_ms = 0;
+  std::this_thread::sleep_for(judge_.bound(raw_call) + milliseconds(1));
   EXPECT_TRUE(judge_.finds_hang());
   EXPECT_EQ(judge_.longest_raw(), 0);
   judge_.call_ended(raw_call, RUVO_OK);

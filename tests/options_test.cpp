@@ -233,26 +233,26 @@ TEST_F(Options, CallTimeoutIsSharedWithTheSecondCommand) {
   const ScriptedServer server([&](Peer& peer) {
     for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
       if (words[0] != "EXPIRE") {
-        std::this_thread::sleep_for(milliseconds(250));
+        std::this_thread::sleep_for(milliseconds(300));
         peer.send(":1\r\n");
       }
     }
   });
-  start("socket_timeout = 10000\ncall_timeout = 400", server.addr());
+  start("socket_timeout = 10000\ncall_timeout = 1000", server.addr());
   long long count = 0;
   const auto expect_in_time = [](int expected, const auto& call) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(call(), expected);
     const auto took = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(took, milliseconds(390));
-    EXPECT_LT(took, milliseconds(600));
+    EXPECT_GE(took, milliseconds(990));
+    EXPECT_LT(took, milliseconds(1200));
   };
   expect_in_time(RUVO_OK, [&] { return client_->increase_key("k", &count, eTempServer, nullptr); });
   expect_in_time(RUVO_OK,
                  [&] { return client_->hash_set("k", "f", 1, "v", 1, 9, eTempServer, nullptr); });
   expect_in_time(RUVO_ERR_FAILED,
                  [&] { return client_->list_push("k", "v", 1, 9, &count, eTempServer, nullptr); });
-  EXPECT_EQ(log_.count_containing("call time-out of 400 ms has passed"), 3);
+  EXPECT_EQ(log_.count_containing("call time-out of 1000 ms has passed"), 3);
 }
 
 }  // namespace

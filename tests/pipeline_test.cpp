@@ -77,36 +77,34 @@ class Pipeline : public testing::Test {
   }
   server_node& server() { return pool_in(client_).servers_.at(0); }
   conn_node& slot() { return server().context_arr_.at(0); }
-  // Begins a call, and waits until it is at the slot.
+  // Begins a call, and waits until it is at the slot, so that the next one comes behind it.
   void call(const std::string& key, int expected = RUVO_OK, const std::string& more = "") {
-    const std::atomic_ref users(slot().pipeline_.users);
-    const std::uint32_t before = users.load();
-    threads_.emplace_back(
-        [this, key, expected, more] { EXPECT_EQ(get(key, more), expected) << key; });
-    while (users.load() == before) {
-      std::this_thread::yield();
-    }
-    wait_until_sent_or_queued();
-  }
-  // So that the next call comes behind this one.
-  void wait_until_sent_or_queued() {
-    const auto at_slot = [this] {
-      const std::scoped_lock lock(*this);
+    threads_.emplace_back([this, key, expected, more] {
+      EXPECT_EQ(get(key, more), expected) << key;
+      ++ended_;
+    });
+    const auto has_come = [this] {
+      const std::scoped_lock guard(*this);
       const pipeline_state& line = slot().pipeline_;
-      return line.unsent.size() + line.alone.size() + line.in_flight.size() == threads_.size();
+      const std::size_t waiting = line.unsent.size() + line.alone.size() + line.in_flight.size();
+      return waiting + ended_ >= threads_.size();
     };
-    while (!at_slot()) {
+    while (!has_come()) {
       std::this_thread::yield();
     }
   }
   void lock() { slot().lock_->acquire(); }
   void unlock() { slot().lock_->release(); }
   friend class std::scoped_lock<Pipeline>;
-  void join() { threads_.clear(); }
+  void join() {
+    threads_.clear();
+    ended_ = 0;
+  }
 
   LogCapture log_{BaseLib::Logger::WARN};
   ruvo_redis client_;
   std::vector<std::jthread> threads_;
+  std::atomic<std::size_t> ended_{0};
 };
 
 TEST_F(Pipeline, NoCallWaitsForARoundTripThatIsNotItsOwn) {

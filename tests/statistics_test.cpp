@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host.h"
+#include "server_pool.h"
 
 namespace {
 
@@ -152,8 +153,15 @@ TEST_F(Statistics, AReaderFindsWhatTheHostCounts) {
   count(first, &server_counters::no_replies);
   note_failures(first, 3, 4'000'000'000);
   note_failures(last, 3, 0);
-  const waiting_mark waiting(first);
-  { const waiting_mark over(first); }
+  waiting_mark waiting;
+  waiting.begin(first);
+  {
+    waiting_mark over;
+    over.begin(first);
+    waiting_mark ended;
+    ended.begin(first);
+    std::jthread([&ended] { ended.end(); }).join();
+  }
   record_call(*file_.pool(0), RUVO_STATS_DEADLINE, nanoseconds(5'000'000'000));
   record_call(*file_.pool(0), RUVO_STATS_OK, nanoseconds(1));
 
@@ -324,7 +332,8 @@ TEST_F(Statistics, WhatCannotBeMadeIsTold) {
   EXPECT_EQ(file_.server(0, 0), nullptr);
   count(nullptr, &server_counters::calls);
   note_failures(nullptr, 1, 1);
-  const waiting_mark mark(nullptr);
+  waiting_mark mark;
+  mark.begin(nullptr);
   call_timer(nullptr).end(RUVO_OK);
 }
 
@@ -342,7 +351,8 @@ TEST_F(Statistics, EveryThreadIsCounted) {
         call_timer timer(file_.pool(0));
         all.arrive_and_wait();
         for (int call = 0; call < calls; ++call) {
-          const waiting_mark mark(file_.server(0, 1));
+          waiting_mark mark;
+          mark.begin(file_.server(0, 1));
           count(file_.server(0, 1), &server_counters::retries);
         }
         timer.end(RUVO_OK);

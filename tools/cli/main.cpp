@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -367,6 +368,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   hold_standard_streams();
+  setenv("RUVO_NO_STATS_FILE", "1", 1);  // NOLINT: the host's, whose configuration this is
   static_cast<void>(
       std::signal(SIGPIPE, SIG_IGN));  // an output that nobody reads is an error that is told
   try {

@@ -32,7 +32,7 @@ struct Answer {
   Answer(int code) : result(code) {}  // NOLINT(google-explicit-constructor): most are just a code
   Answer(int code, nlohmann::json answered) : result(code), value(std::move(answered)) {}
 
-  int result;                           // the library's result code
+  int result = 0;                       // the library's result code
   std::optional<nlohmann::json> value;  // what it found, where it found something
 };
 

@@ -5,6 +5,9 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "commands.h"
 #include "console.h"
@@ -83,12 +86,13 @@ std::string pools_text(const Look& look) {
   for (std::size_t i = 0; i < look.now.pools.size(); ++i) {
     const PoolNumbers& now = look.now.pools[i];
     const PoolNumbers& counted = look.counted.pools[i];
-    std::vector<std::string>& row = rows.emplace_back();
-    row = {now.name, std::to_string(now.calls()), per_second(counted.calls(), look.seconds),
-           std::to_string(now.failed()), per_second(counted.failed(), look.seconds)};
+    std::vector<std::string> row{
+        now.name, std::to_string(now.calls()), per_second(counted.calls(), look.seconds),
+        std::to_string(now.failed()), per_second(counted.failed(), look.seconds)};
     for (const Percentile& one : percentiles) {
       row.push_back(duration_text(percentile_of(counted, one.percent)));
     }
+    rows.push_back(std::move(row));
     std::string list;
     for (std::uint32_t result = RUVO_STATS_OK + 1; result < RUVO_STATS_RESULTS; ++result) {
       if (const std::uint64_t count = now.results.at(result); count > 0) {

@@ -32,6 +32,7 @@ int ruvo_redis::run(const operation_call& call, reply_ptr* reply, const char* fo
   }
   for (const required_argument& argument : call.required) {
     if (argument.length > max_argument_length) {
+      note_cause(RUVO_STATS_BAD_ARGUMENT);
       RUVO_LOG_SHARED(BaseLib::Logger::ERROR, operation.origin, 0,
                       "%s | too long for redis: %zu bytes", operation.origin, argument.length);
       return RUVO_ERR_FAILED;

@@ -24,6 +24,7 @@ send_end exclusive_call::send() {
   switch (lock_until(*slot_.lock_, limits_.deadline)) {
     case lock_end::locked:
       has_lock_ = true;
+      call_.waiting.end();
       break;
     case lock_end::failed:
       return send_end::lock_failed;

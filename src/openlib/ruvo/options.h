@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "call_clock.h"
+
 class vop_config;
 
 // What each key means stands in its row of settings.cpp.
@@ -25,10 +27,9 @@ struct client_options {
   int slow_call_log = 0;          // ms; 0: none
 
   // When a call that begins now must have ended.
-  std::chrono::steady_clock::time_point deadline() const {
-    using clock = std::chrono::steady_clock;
-    return call_timeout > 0 ? clock::now() + std::chrono::milliseconds(call_timeout)
-                            : clock::time_point::max();
+  call_clock::time_point deadline() const {
+    return call_timeout > 0 ? begin_of_call() + std::chrono::milliseconds(call_timeout)
+                            : call_clock::time_point::max();
   }
 };
 

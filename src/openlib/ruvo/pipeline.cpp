@@ -354,6 +354,7 @@ void pipelined_call::put_in_flight(queued_call& call, time_point now) {
   call.where = place::in_flight;
   call.sent_at = now;
   call.was_sent = true;
+  call.waiting.end();
   call.sent_after = slot_.rebuilds_;
   call.to_skip = line_.to_skip;
   set_to_skip(line_, 0);

@@ -41,7 +41,7 @@
 /// @endcond
 
 /// @cond
-// A RuvoResult compares with a std::error_code: `if (name.error() == RUVO_ERR_FAILED)`.
+// Codes of RuvoResult compare with std::error_code: `if (name.error() == RUVO_ERR_FAILED)`.
 template <>
 struct std::is_error_code_enum<RuvoResult> : std::true_type {};
 /// @endcond
@@ -536,17 +536,17 @@ class reply : public reply_view {
   /// @name What a backend of the host's own replies
   /// @{
 
-  /// A string.
+  /// A text, as GET answers.
   static reply of_text(std::string_view text) { return made(REDIS_REPLY_STRING, text); }
-  /// A status, "OK" say.
+  /// A status, as SET answers.
   static reply of_status(std::string_view text) { return made(REDIS_REPLY_STATUS, text); }
-  /// An error, "ERR wrong" say.
+  /// An error reply in Redis' words.
   static reply of_error(std::string_view text) { return made(REDIS_REPLY_ERROR, text); }
-  /// An integer.
+  /// A whole number, as INCR answers.
   static reply of_integer(long long number) { return made(REDIS_REPLY_INTEGER, {}, number); }
-  /// Nil.
+  /// Nothing: the key or field is not there.
   static reply of_nil() { return {}; }
-  /// An array, of which it then owns the elements.
+  /// Elements, which it owns.
   static reply of_array(std::vector<reply> elements) {
     return made(REDIS_REPLY_ARRAY, {}, 0, std::move(elements));
   }

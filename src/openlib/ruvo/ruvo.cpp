@@ -30,34 +30,11 @@ class cancellation_block {
 // still run then find it.
 ruvo_redis* instance() { return ACE_Unmanaged_Singleton<ruvo_redis, ACE_Null_Mutex>::instance(); }
 
-// The pool among the arguments of an operation.
-template <typename... Args>
-RedisServerType pool_among(Args... args) {
-  RedisServerType pool{};
-  const auto look = [&pool](auto arg) {
-    if constexpr (std::is_same_v<decltype(arg), RedisServerType>) {
-      pool = arg;
-    }
-  };
-  (look(args), ...);
-  return pool;
-}
-
-// Calls a method, and counts an operation where statistics are kept.
-template <typename Method, typename... Args>
-auto call(ruvo_redis& redis, Method method, Args... args) {
-  if constexpr ((std::is_same_v<Args, RedisServerType> || ...)) {
-    call_timer timer(redis.getPool(pool_among(args...)).stats_);
-    const auto result = std::invoke(method, redis, args...);
-    if constexpr (std::is_same_v<decltype(result), const int>) {
-      timer.end(result);
-    } else {
-      timer.end(static_cast<const redisReply*>(result));
-    }
-    return result;
-  } else {
-    return std::invoke(method, redis, args...);
-  }
+// Operations name their pool, and are counted there.
+pool_stats* stats_of(ruvo_redis& redis, RedisServerType pool) { return redis.getPool(pool).stats_; }
+template <typename Other>
+pool_stats* stats_of(ruvo_redis& /*redis*/, const Other& /*argument*/) {
+  return nullptr;
 }
 
 // Calls the instance; `failure` is the result when there is none, or when memory runs out in the
@@ -65,12 +42,18 @@ auto call(ruvo_redis& redis, Method method, Args... args) {
 template <typename Result, typename Method, typename... Args>
 Result forward(Result failure, Method method, Args... args) noexcept {
   const cancellation_block block;
+  call_timer timer;
+  Result result = failure;
   try {
-    ruvo_redis* redis = instance();
-    return redis != nullptr ? call(*redis, method, args...) : failure;
+    if (ruvo_redis* redis = instance()) {
+      (timer.begin(stats_of(*redis, args)), ...);
+      result = std::invoke(method, *redis, args...);
+    }
   } catch (...) {
-    return failure;
+    note_cause(RUVO_STATS_NO_MEMORY);
   }
+  timer.end(result);
+  return result;
 }
 
 template <typename Method, typename... Args>

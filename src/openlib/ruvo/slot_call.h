@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "exchange.h"
+#include "statistics.h"
 
 struct conn_node;
 
@@ -20,6 +21,7 @@ struct send_terms {
   wait_limits limits;
   bool is_timed = false;         // keep times though nothing of the send itself needs them
   bool must_not_resend = false;  // once a byte of it may have reached a server
+  server_stats* stats = nullptr;
 };
 
 // Opens a connection in place of a slot's broken one; null when that fails.
@@ -62,6 +64,7 @@ struct queued_call {
   queued_call* previous = nullptr;
   queued_call* next = nullptr;
   std::atomic<std::uint32_t> signal{look};
+  waiting_mark waiting;  // to be sent for the first time
 };
 
 class slot_call {
@@ -70,6 +73,7 @@ class slot_call {
     call_.wire = &wire;
     call_.deadline = terms.limits.deadline;
     call_.must_not_resend = terms.must_not_resend;
+    call_.waiting.begin(terms.stats);
   }
   slot_call(const slot_call&) = delete;
   slot_call& operator=(const slot_call&) = delete;

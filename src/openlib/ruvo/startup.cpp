@@ -199,6 +199,7 @@ void ruvo_redis::keep_statistics() {
   }
   const std::array pools{&t_pool_, &p_pool_, &personality_pool_};
   std::vector<statistics_file::counted_pool> counted;
+  counted.reserve(pools.size());
   for (const server_pool* pool : pools) {
     counted.push_back({static_cast<RedisServerType>(pool->number_), *pool, t_pool_.conn_num_});
   }

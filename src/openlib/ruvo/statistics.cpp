@@ -11,11 +11,13 @@
 #include <bit>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <system_error>
 #include <utility>
 
 #include "log_line.h"
+#include "server_pool.h"
 
 // The counters of one lane share no cache line with those of another.
 constexpr std::size_t cache_line = 64;
@@ -174,7 +176,8 @@ ruvo_stats_result result_of(int code) noexcept {
   }
 }
 
-void call_timer::end(const redisReply* reply) noexcept {
+void call_timer::end(const void* raw_reply) noexcept {
+  const auto* const reply = static_cast<const redisReply*>(raw_reply);
   if (reply != nullptr && reply->type == REDIS_REPLY_ERROR) {
     note_cause(RUVO_STATS_ERROR_REPLY);
   }
@@ -187,6 +190,10 @@ void call_timer::end(const redisReply* reply) noexcept {
 
 bool statistics_file::begin(const std::string& path, std::span<const counted_pool> pools) {
   end();
+  // A tool that starts with a host's configuration must not put its own file in the host's place.
+  if (std::getenv("RUVO_NO_STATS_FILE") != nullptr) {  // NOLINT: before there are other threads
+    return false;
+  }
   const std::string name = with_process_id(path);
   const std::string beside = name_beside(name);
   const bool is_made = make(beside.c_str(), pools);

@@ -9,31 +9,24 @@
 //   pool.stats_ = statistics_.pool(i), server.stats_ = statistics_.server(i, server.index_)
 //   statistics_.end()                        in fini, when the pools are closed
 //
-// The hooks, each with its place on the path of a call:
+// What is counted where:
 //
-//   call_timer timer(pool stats)             an exported operation, around the method's call:
-//   timer.end(result)                          counts it by result code and time
-//   note_cause(RUVO_STATS_DEADLINE)          where a call fails with RUVO_ERR_FAILED: why, for the
-//                                              timer of the same thread
-//
-//   count(server, &server_counters::calls)      a visit has chosen a slot
-//   waiting_mark mark(server)                lives while the visit waits for that slot
-//   count(server, &server_counters::second_sends)  the command goes out again
-//   count(server, &server_counters::replies)    the visit ends with a reply;
-//   count(server, &server_counters::error_replies)  and that is an error reply
-//   count(server, &server_counters::no_replies) the visit ends otherwise, for whatever reason.
-//   Exactly
-//                                              one of the two ends every visit: what is in flight
-//                                              is told from their difference
-//   count(server, &server_counters::reconnects) reset_connection has succeeded;
-//   count(server, &server_counters::failed_reconnects)  or not
-//   note_failures(server, failures, retry)   failure_count_ and next_retry_time_ have changed
-//   count(server, &server_counters::ejections)  the failure that reaches the limit of a pool that
-//   ejects count(server, &server_counters::retries)    an ejected server is tried again
+//   call_timer            around an exported operation: its result code and its time
+//   note_cause()          where a call fails with RUVO_ERR_FAILED: why
+//   calls                 a visit has chosen a slot
+//   waiting_mark          from then until the command is sent for the first time
+//   second_sends          the command goes out again
+//   replies, no_replies   a visit has ended: exactly one of them for each, since what is in flight
+//                         is told from their difference; error_replies besides
+//   reconnects, failed_reconnects
+//                         a connection has been rebuilt, or not
+//   note_failures()       failure_count_ and next_retry_time_ have changed
+//   ejections, retries    the failure that reaches the limit of a pool that ejects, and what ends
+//   it
 //
 // The counters are relaxed: nothing is ordered by them. The timer of a call gets its thread a lane,
-// where it has every cache line to itself and counts with plain loads and stores; who finds all
-// lanes taken, and the child of a fork, counts in the first one, which is shared.
+// where it has every cache line to itself and counts with plain loads and stores. Threads that find
+// all lanes taken, and the child of a fork, count in the first one, which is shared.
 #ifndef RUVO_STATISTICS_H
 #define RUVO_STATISTICS_H
 
@@ -44,10 +37,13 @@
 #include <ctime>
 #include <span>
 #include <string>
+#include <utility>
 
+#include "call_clock.h"
 #include "ruvo.h"
-#include "server_pool.h"
 #include "stats.h"
+
+struct server_pool;
 
 using pool_stats = ruvo_pool_stats;
 using server_stats = ruvo_server_stats;
@@ -83,23 +79,28 @@ inline void note_failures(server_stats* server, std::int64_t failures,
   }
 }
 
+// A visit that waits for its command to be sent. Another thread may end it: the sum over all lanes
+// is what counts.
 class waiting_mark {
  public:
-  explicit waiting_mark(server_stats* server) noexcept : server_(server) {
-    count(server_, &server_counters::waiting);
-  }
-  ~waiting_mark() {
-    if (server_ != nullptr) {
-      add(server_->lanes[stats_lane].waiting, minus_one);
-    }
-  }
+  waiting_mark() = default;
+  ~waiting_mark() { end(); }
   waiting_mark(const waiting_mark&) = delete;
   waiting_mark& operator=(const waiting_mark&) = delete;
 
- private:
-  static constexpr std::uint64_t minus_one = ~std::uint64_t{0};
+  void begin(server_stats* server) noexcept {
+    server_ = server;
+    count(server_, &server_counters::waiting);
+  }
+  void end() noexcept {
+    if (server_ != nullptr) {
+      constexpr std::uint64_t minus_one = ~std::uint64_t{0};
+      add(std::exchange(server_, nullptr)->lanes[stats_lane].waiting, minus_one);
+    }
+  }
 
-  server_stats* server_;
+ private:
+  server_stats* server_ = nullptr;
 };
 
 inline void record_call(pool_stats& pool, ruvo_stats_result result,
@@ -118,33 +119,35 @@ inline void note_cause(ruvo_stats_result cause) noexcept { latest_cause = cause;
 
 ruvo_stats_result result_of(int code) noexcept;
 
-// Measures one call. The host's thread may end it without end(), by an exception: then it is not
-// counted.
+// Measures one call. One at a time in a thread: an exported function calls no other.
 class call_timer {
  public:
-  using clock = std::chrono::steady_clock;
+  call_timer() = default;
+  explicit call_timer(pool_stats* pool) noexcept { begin(pool); }
 
-  explicit call_timer(pool_stats* pool) noexcept
-      : call_timer(pool, pool != nullptr ? clock::now() : clock::time_point()) {}
-  // For a caller that has looked at the clock: a look costs more than all the counting of a call.
-  call_timer(pool_stats* pool, clock::time_point begin) noexcept : pool_(pool), begin_(begin) {
-    if (pool_ != nullptr && stats_lane == 0) {
-      claim_stats_lane();
+  // Null: the call is not counted.
+  void begin(pool_stats* pool) noexcept {
+    if (pool != nullptr) {
+      pool_ = pool;
+      call_begin = call_clock::now();
+      if (stats_lane == 0) {
+        claim_stats_lane();
+      }
     }
   }
 
   // With the result code of a typed operation.
   void end(int code) noexcept {
     if (pool_ != nullptr) {
-      record_call(*pool_, code == RUVO_OK ? RUVO_STATS_OK : result_of(code), clock::now() - begin_);
+      record_call(*pool_, code == RUVO_OK ? RUVO_STATS_OK : result_of(code),
+                  call_clock::now() - std::exchange(call_begin, call_clock::time_point()));
     }
   }
-  // With the reply of a raw command; null where there is none.
-  void end(const redisReply* reply) noexcept;
+  // With the reply of a raw command, a redisReply; null where there is none.
+  void end(const void* reply) noexcept;
 
  private:
-  pool_stats* pool_;
-  clock::time_point begin_;
+  pool_stats* pool_ = nullptr;
 };
 
 // The file of one start-up.

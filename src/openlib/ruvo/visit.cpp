@@ -1,5 +1,6 @@
 #include "visit.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "connection.h"
@@ -46,12 +47,9 @@ bool is_failover_reply(const ruvo_redis& redis, const redisReply* reply) {
   if (reply == nullptr || reply->type != REDIS_REPLY_ERROR || reply->str == nullptr) {
     return false;
   }
-  for (const std::string& begin : redis.options().failover_replies) {
-    if (std::strncmp(reply->str, begin.c_str(), begin.size()) == 0) {
-      return true;
-    }
-  }
-  return false;
+  return std::ranges::any_of(redis.options().failover_replies, [reply](const std::string& begin) {
+    return std::strncmp(reply->str, begin.c_str(), begin.size()) == 0;
+  });
 }
 
 class visitor {
@@ -81,7 +79,6 @@ class visitor {
 
  private:
   send_end send_first() {
-    const waiting_mark mark(server_.stats_);
     return timed([this] { return call_.send(); });
   }
 
@@ -141,7 +138,8 @@ class visitor {
       return;
     }
     count(server_.stats_, &server_counters::replies);
-    if (call_.state().reply->type == REDIS_REPLY_ERROR) {
+    const reply_ptr& reply = call_.state().reply;
+    if (reply && reply->type == REDIS_REPLY_ERROR) {
       count(server_.stats_, &server_counters::error_replies);
     }
   }
@@ -193,7 +191,8 @@ visit_result visit(ruvo_redis& redis, const command& command, conn_node& slot, s
                    call_times* times) {
   const send_terms terms{{limit_of(redis.socket_timeout()), command.deadline},
                          times != nullptr,
-                         command.must_not_resend};
+                         command.must_not_resend,
+                         server.stats_};
   count(server.stats_, &server_counters::calls);
   if (redis.options().auto_pipelining) {
     pipelined_call call(server, slot, command.wire, terms);
