@@ -3,8 +3,8 @@
 //
 //   log_file_host /tmp/app.log /etc/ruvo/sruvo.conf
 #include <ruvo/log_io.h>
-#include <ruvo/ruvo.h>
 #include <stream_log/logger.h>
+#include <ruvo/ruvo.hpp>
 
 #include <cstdio>
 #include <system_error>
@@ -44,12 +44,15 @@ int main(int argc, char** argv) {
   }
   BaseLib::Logger::setOutput(to_file);
 
-  const int ret = RUVO_Init(argv[2]);
-  std::printf("RUVO_Init: %s; the log is in %s\n", ruvo_result_text(ret), argv[1]);
-  RUVO_Fini();
+  int code = 0;
+  {
+    const ruvo::library library(argv[2]);
+    std::printf("start-up: %s; the log is in %s\n", library.error().message().c_str(), argv[1]);
+    code = library.code();
+  }  // ends here, before the log does
 
   BaseLib::Logger::setOutput(nullptr);
   sink.close();
   lock.close(false);
-  return ret;
+  return code == RUVO_OK ? 0 : 1;
 }

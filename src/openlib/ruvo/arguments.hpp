@@ -136,7 +136,7 @@ class c_text {
 class bytes_view {
  public:
   /// No bytes.
-  bytes_view() noexcept = default;
+  bytes_view() noexcept : bytes_view("", 0) {}
   /// So many bytes from here on.
   bytes_view(const char* data, std::size_t size) noexcept
       : view_(size == 0 && data == nullptr ? "" : data, size) {}
@@ -159,7 +159,7 @@ class bytes_view {
   operator std::string_view() const noexcept { return view_; }
 
  private:
-  std::string_view view_{""};  // NOLINT(readability-redundant-string-init): not null
+  std::string_view view_;
 };
 
 /// A value, field, element or member that the library may print: any bytes. Short ones are copied

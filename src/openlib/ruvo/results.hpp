@@ -221,9 +221,7 @@ class outcome {
   failure why_;
 };
 
-namespace detail {
-
-// What results with a value have, whatever the value is.
+/// What each result with a value has.
 template <typename T>
 class valued : public outcome {
  public:
@@ -271,14 +269,14 @@ class valued : public outcome {
   }
 
  protected:
+  /// A success.
   // cppcheck-suppress passedByValue
   explicit valued(T value) noexcept : outcome(RUVO_OK), value_(std::move(value)) {}
+  /// A failure.
   explicit valued(failure why) noexcept : outcome(std::move(why)) {}
 
-  std::optional<T> value_;
+  std::optional<T> value_;  ///< none: of a failure
 };
-
-}  // namespace detail
 
 /// A value, or why there is none. Nobody can forget to look: a result that is dropped is a warning.
 ///
@@ -286,13 +284,13 @@ class valued : public outcome {
 ///     const long long visit = temp.increment("visits").value_or(0);   // 0 when it failed
 ///     std::cout << who << ", visit " << visit << '\n';                // Ada, visit 1
 template <typename T>
-class [[nodiscard]] result : public detail::valued<T> {
+class [[nodiscard]] result : public valued<T> {
  public:
   /// A success.
   // cppcheck-suppress passedByValue
-  result(T value) noexcept : detail::valued<T>(std::move(value)) {}
+  result(T value) noexcept : valued<T>(std::move(value)) {}
   /// A failure.
-  result(failure why) noexcept : detail::valued<T>(std::move(why)) {}
+  result(failure why) noexcept : valued<T>(std::move(why)) {}
 
   /// Is there a value?
   explicit operator bool() const noexcept { return !this->failed(); }
@@ -308,7 +306,7 @@ class [[nodiscard]] result : public detail::valued<T> {
 ///     const auto known = temp.exists("user:8");
 ///     std::cout << known.yes() << known.no() << known.failed() << '\n';  // 010
 template <>
-class [[nodiscard]] result<bool> : public detail::valued<bool> {
+class [[nodiscard]] result<bool> : public valued<bool> {
  public:
   /// A success.
   result(bool value) noexcept : valued(value) {}

@@ -53,11 +53,12 @@
 /// line in the log tells.
 ///
 /// RAW. The functions of ruvo.h have no MGET, say. An operation that says "raw" is sent with
-/// RUVO_ExecRedisCmd, in one round trip unless it says more. Where a server fails, such a command
-/// may go on in ANOTHER POOL, unless the configuration says `raw_commands_stay_in_pool` (as
-/// `recommended_defaults` does): without it, use them only where all pools have the same data. With
-/// `send_once` a raw command is never sent again once it may have run. Its failures tell more:
-/// reply_text() has what Redis said.
+/// RUVO_ExecRedisCmd, in one round trip unless it says more. If a server fails, such a command may
+/// fail over to ANOTHER POOL, unless the configuration says `raw_commands_stay_in_pool` (as
+/// `recommended_defaults` does): without it, use them only if all pools have the same data. With
+/// `send_once` a raw command is sent at most once: if its reply is lost, the call fails. Without,
+/// it is retried, and may run more than once. Its failures tell more: reply_text() has what Redis
+/// said.
 #ifndef RUVO_RUVO_HPP
 #define RUVO_RUVO_HPP
 
@@ -136,7 +137,7 @@ inline constexpr std::chrono::milliseconds stays = std::chrono::milliseconds::ma
 /// Where the scan of a set or hash stands, see pool::sscan.
 class cursor {
  public:
-  /// Has the scan come round?
+  /// Has the scan ended?
   bool done() const noexcept { return done_; }
 
  private:
@@ -374,7 +375,7 @@ class basic_pool : private Backend {
                : result<void>(out_of_range());
   }
   /// Stores a value that stays if there is no such key, or if there is: was it stored? Raw: SET
-  /// with NX or XX. If a reply is lost and the command sent again, the second one answers.
+  /// with NX or XX. If a reply is lost and the command retried, the answer is that of the retry.
   result<bool> set(const c_text& key, const bytes_view& value, condition only) const {
     return stored(ask_key<void>(key, "SET", std::string_view(key), value, name_of(only)));
   }
@@ -890,8 +891,11 @@ class basic_pool : private Backend {
   template <std::size_t... position>
   result<reply> run(const detail::word* words, std::index_sequence<position...>) const {
     const std::string_view all[] = {words[position].text()...};
-    if (failure why = check(all); why.code() != RUVO_OK) {
-      return why;
+    if (((all[position].data() == nullptr) || ...)) {
+      return failure(RUVO_ERR_NULL_ARGUMENT);
+    }
+    if ((all[position].size() + ...) > max_command) {
+      return failure(RUVO_ERR_FAILED, detail::cause::too_large);
     }
     return Backend::command(pool_, all);
   }
