@@ -9,8 +9,8 @@ using call_clock = std::chrono::steady_clock;
 
 // Of the call that this thread is in, if it is counted; else not set. Of the initial-exec model, as
 // every variable that each call looks at: the other models take ten times as long.
-[[gnu::tls_model(
-    "initial-exec")]] inline constinit thread_local call_clock::time_point call_begin{};
+[[gnu::tls_model("initial-exec")]] inline constinit thread_local call_clock::time_point
+    call_begin{};  // NOLINT(cert-err58-cpp): constinit
 
 inline call_clock::time_point begin_of_call() {
   return call_begin != call_clock::time_point() ? call_begin : call_clock::now();
