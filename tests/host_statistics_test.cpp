@@ -78,10 +78,12 @@ TEST(HostStatistics, EveryCallIsCountedByItsResult) {
   EXPECT_EQ(numbers.pool.results[RUVO_STATS_NO_SERVER], 2U);
   EXPECT_EQ(numbers.server.no_replies, numbers.server.failed_reconnects);
   EXPECT_GE(numbers.server.failed_reconnects, 2U);
+  EXPECT_EQ(numbers.server.second_sends, 0U);  // nothing has left
   redis.restart();
   EXPECT_EQ(insert("k"), RUVO_OK);
   numbers = Numbers(dir.path("s"));
   EXPECT_EQ(numbers.server.reconnects, 1U);
+  EXPECT_EQ(numbers.server.second_sends, 1U);
   EXPECT_EQ(numbers.in_flight() + numbers.server.waiting, 0U);
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
@@ -102,6 +104,22 @@ TEST(HostStatistics, ACallWhoseTimeHasPassedSaysSo) {
     longer += numbers.pool.buckets[i];
   }
   EXPECT_EQ(longer, 1U);
+  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+}
+
+TEST(HostStatistics, AServerThatWillNotServeShows) {
+  const ScriptedServer replica("-READONLY You can't write against a read only replica.\r\n");
+  const TempDir dir;
+  const HostConfig config(all_pools_at(replica.addr()) +
+                          "failover_replies = READONLY\nstats_file = " + dir.path("s"));
+  const LogCapture log(BaseLib::Logger::FATAL);
+  ASSERT_EQ(start(config), RUVO_OK);
+  EXPECT_EQ(insert("k"), RUVO_ERR_FAILED);
+  const Numbers numbers(dir.path("s"));
+  EXPECT_EQ(numbers.pool.results[RUVO_STATS_ERROR_REPLY], 1U);
+  EXPECT_GE(numbers.server.error_replies, 1U);
+  EXPECT_EQ(numbers.server.replies, 0U);
+  EXPECT_EQ(numbers.server.no_replies, 1U);
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 

@@ -188,6 +188,7 @@ TEST_F(Pipeline, ACommandThatStallsFailsByItself) {
     call(key);
   }
   join();
+  const std::scoped_lock guard(order_mutex);
   EXPECT_EQ(order, (Words{"b", "c", "d", "stall"}));
   EXPECT_EQ(log_.count_containing("reset connection"),
             1);  // the last one is left for its next user

@@ -121,7 +121,7 @@ void subtract(std::array<std::uint64_t, size>& now, const std::array<std::uint64
 }  // namespace
 
 std::uint64_t ServerNumbers::count(std::uint64_t ruvo_server_counters::*counter) const {
-  const auto found = std::ranges::find(server_counters, counter, &ServerCounter::value);
+  const auto* const found = std::ranges::find(server_counters, counter, &ServerCounter::value);
   return counts.at(static_cast<std::size_t>(found - server_counters.begin()));
 }
 
@@ -156,7 +156,7 @@ Statistics read_statistics(const std::string& path) {
 }
 
 std::string state_text(const ServerNumbers& server, std::int64_t read_time) {
-  const std::string state = ruvo_stats_state_name(server.state);
+  std::string state = ruvo_stats_state_name(server.state);
   const auto with = [&state](std::int64_t number, const char* unit) {
     return state + format(", %lld%s", static_cast<long long>(number), unit);
   };

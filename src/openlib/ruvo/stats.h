@@ -99,12 +99,13 @@ struct ruvo_pool_counters {
 /// What is counted for a server. A call that fails over from one server to the next visits both.
 /// While `calls` exceeds `replies` + `no_replies`, the rest is under way.
 struct ruvo_server_counters {
-  uint64_t calls;              ///< visits: calls that have chosen a connection of this server
-  uint64_t replies;            ///< visits that ended with a reply, error replies included
-  uint64_t error_replies;      ///< of these, error replies
-  uint64_t no_replies;         ///< visits that ended without a reply
-  uint64_t second_sends;       ///< commands sent a second time in a visit
-  uint64_t reconnects;         ///< connections rebuilt
+  uint64_t calls;          ///< visits: calls that have chosen a connection of this server
+  uint64_t replies;        ///< visits that ended with a reply, error replies included
+  uint64_t error_replies;  ///< error replies; also those of `failover_replies`, which end a visit
+                           ///< without a reply
+  uint64_t no_replies;     ///< visits that ended without a reply
+  uint64_t second_sends;   ///< commands sent a second time in a visit
+  uint64_t reconnects;     ///< connections rebuilt
   uint64_t failed_reconnects;  ///< connections that could not be rebuilt
   uint64_t ejections;          ///< times that `failure_limit` was reached
   uint64_t retries;            ///< times that it was tried again after its ejection

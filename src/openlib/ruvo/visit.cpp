@@ -84,8 +84,11 @@ class visitor {
 
   send_end send_again() {
     connection_rebuilder rebuilder(redis_, server_, command_.deadline, times_);
-    count(server_.stats_, &server_counters::second_sends);
-    return timed([&] { return call_.send_again(rebuilder); });
+    const send_end end = timed([&] { return call_.send_again(rebuilder); });
+    if (end == send_end::replied || end == send_end::unanswered) {
+      count(server_.stats_, &server_counters::second_sends);
+    }
+    return end;
   }
 
   template <typename Send>
@@ -102,6 +105,7 @@ class visitor {
     if (end != send_end::replied || !is_failover_reply(redis_, call_.state().reply.get())) {
       return end;
     }
+    count(server_.stats_, &server_counters::error_replies);
     refusal_ = call_.take_reply();
     call_.give_up(refusal_->str);
     return send_end::unanswered;
