@@ -16,5 +16,7 @@ if(NOT RUVO_SANITIZE)
               $<${optimised}:-D_FORTIFY_SOURCE=2>
               $<${optimised}:-fstack-protector-strong>
               $<${optimised}:-fstack-clash-protection>)
+  # Every symbol is bound at the start: a call needs no stub.
+  target_compile_options(ruvo_build_flags INTERFACE -fno-plt)
   target_link_options(ruvo_build_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()

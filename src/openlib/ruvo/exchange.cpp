@@ -54,10 +54,6 @@ std::size_t send_whole(redisContext& context, const wire_command& command,
 
 reply_ptr wait_for_reply(redisContext& context, const wait_limits& limits) {
   for (;;) {
-    reply_ptr reply = next_reply(context);
-    if (reply || context.err != 0) {
-      return reply;
-    }
     // Without a deadline the socket's own timeout ends the read, and no clock is asked.
     const bool timed = limits.deadline != no_deadline;
     switch (
@@ -69,6 +65,10 @@ reply_ptr wait_for_reply(redisContext& context, const wait_limits& limits) {
         return nullptr;
       case wait_end::broken:
         return nullptr;
+    }
+    reply_ptr reply = next_reply(context);
+    if (reply || context.err != 0) {
+      return reply;
     }
   }
 }
@@ -87,7 +87,9 @@ bool is_amid_reply(const redisReader& reader) { return reader.ridx > 0 || reader
 }  // namespace
 
 connection_error::connection_error(int error_code, const char* error_text) : code(error_code) {
-  std::memcpy(text, error_text, strnlen(error_text, sizeof(text) - 1));
+  const std::size_t length = strnlen(error_text, sizeof(text) - 1);
+  std::memcpy(text, error_text, length);
+  text[length] = '\0';
 }
 
 bool connection_error::operator==(const connection_error& other) const {
@@ -95,7 +97,7 @@ bool connection_error::operator==(const connection_error& other) const {
 }
 
 connection_error system_error(int error) {
-  std::array<char, sizeof(connection_error::text)> text{};
+  std::array<char, sizeof(connection_error::text)> text;
   return {REDIS_ERR_IO, strerror_r(error, text.data(), text.size())};
 }
 
@@ -108,7 +110,7 @@ connection_error out_of_step_error() {
 
 void set_error(redisContext& context, const connection_error& error) {
   context.err = error.code;
-  std::copy(std::begin(error.text), std::end(error.text), std::begin(context.errstr));
+  std::strcpy(context.errstr, error.text);  // of the same size
 }
 
 wire_command::wire_command(const char* format, va_list args) {

@@ -96,10 +96,10 @@ reply_ptr next_reply(redisContext& context);
 
 // Why a connection is of no use any more, as hiredis tells it.
 struct connection_error {
-  int code = 0;  // 0: it told of none
-  decltype(redisContext::errstr) text{};
+  int code = 0;                         // 0: it told of none
+  decltype(redisContext::errstr) text;  // its first byte alone is set where there is none
 
-  connection_error() = default;
+  connection_error() { text[0] = '\0'; }
   connection_error(int error_code, const char* error_text);
   explicit connection_error(const redisContext& context)
       : connection_error(context.err, context.errstr) {}

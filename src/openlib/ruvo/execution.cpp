@@ -32,7 +32,6 @@ int ruvo_redis::exec_command(const call_terms& terms, const char* key, reply_ptr
     note_cause(RUVO_STATS_ERROR_REPLY);
     RUVO_LOG(ERROR, "ruvo_redis::do_exec_command | exec key:%s failed, redis reply str:%s.", key,
              received->str);
-    note_cause(RUVO_STATS_ERROR_REPLY);
     return RUVO_ERR_FAILED;
   }
   if (received->type == REDIS_REPLY_NIL) {

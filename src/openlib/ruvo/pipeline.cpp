@@ -521,11 +521,11 @@ void pipelined_call::read(guard& lock, time_point now) {
   const auto timeout = terms_.limits.socket_timeout;
   const time_point due =
       timeout.count() > 0 ? std::max(call_.sent_at, line_.last_arrival) + timeout : no_deadline;
-  std::array<reply_ptr, max_write_commands> replies;
+  std::array<redisReply*, max_write_commands> replies;
   const std::size_t most = std::min(replies.size(), line_.in_flight.size() + call_.to_skip);
   std::size_t count = 0;
   const auto take_replies = [&] {
-    while (count < most && (replies[count] = next_reply(context))) {
+    while (count < most && (replies[count] = next_reply(context).release()) != nullptr) {
       ++count;
     }
   };
@@ -556,10 +556,11 @@ void pipelined_call::read(guard& lock, time_point now) {
 
 // Gives the replies to those that they are due to, and what this thread did to the next call. Only
 // then those that have been served are woken: what they do next needs the processor, too.
-void pipelined_call::hand_out(guard& lock, std::span<reply_ptr> replies, time_point now) {
+void pipelined_call::hand_out(guard& lock, std::span<redisReply*> replies, time_point now) {
   std::array<queued_call*, max_write_commands> served;
   std::size_t count = 0;
-  for (reply_ptr& reply : replies) {
+  for (redisReply* received : replies) {
+    reply_ptr reply(received);
     queued_call* const first = line_.in_flight.front();
     if (first == nullptr) {
       set_to_skip(line_, line_.to_skip - 1);

@@ -140,7 +140,8 @@ class pipelined_call final : public slot_call {
   void look_whether_in_step(guard& lock, time_point now);
 
   void read(guard& lock, time_point now);
-  void hand_out(guard& lock, std::span<reply_ptr> replies, time_point now);
+  // Owns the replies from now on.
+  void hand_out(guard& lock, std::span<redisReply*> replies, time_point now);
   void check_idle_connection();
 
   void break_off();

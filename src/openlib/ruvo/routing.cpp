@@ -38,17 +38,6 @@ std::size_t start_position(server_pool& pool, int svc_index) {
 
 }  // namespace
 
-server_pool ruvo_redis::*ruvo_redis::pool_of(RedisServerType type) {
-  switch (type) {
-    case ePersistServer:
-      return &ruvo_redis::p_pool_;
-    case ePersonalityServer:
-      return &ruvo_redis::personality_pool_;
-    default:
-      return &ruvo_redis::t_pool_;
-  }
-}
-
 server_node* ruvo_redis::get_server_node(RedisServerType redisSrvType, int svc_index) {
   const server_choice choice = choose_server(redisSrvType, svc_index);
   if (choice.is_probe) {

@@ -156,7 +156,16 @@ class ruvo_redis {
   void free_reply_object(void* reply);
 
  private:
-  static server_pool ruvo_redis::*pool_of(RedisServerType type);
+  static server_pool ruvo_redis::*pool_of(RedisServerType type) {
+    switch (type) {
+      case ePersistServer:
+        return &ruvo_redis::p_pool_;
+      case ePersonalityServer:
+        return &ruvo_redis::personality_pool_;
+      default:
+        return &ruvo_redis::t_pool_;
+    }
+  }
 
   bool is_initialized() const { return initialized_.load(std::memory_order_acquire); }
   void read_timeouts();

@@ -107,6 +107,9 @@ class walker {
 
   walk_end run(reply_ptr& reply) {
     walk_end end = walk_once(reply);
+    if (end == walk_end::replied && timed_ == nullptr) {
+      return end;
+    }
     if (redis_.options().wait_for_servers) {
       end = wait_and_walk_again(end, reply);
     }
@@ -281,12 +284,5 @@ const route typed_route{next_of_pool, ejected_of_pool, servers_of_pool};
 const route raw_route{next_of_any_pool, none, servers_of_all_pools};
 
 walk_end walk(ruvo_redis& redis, const route& route, const command& command, reply_ptr& reply) {
-  const walk_end end = walker(redis, route, command).run(reply);
-  if (end != walk_end::replied) {
-    note_cause(end == walk_end::out_of_time    ? RUVO_STATS_DEADLINE
-               : end == walk_end::may_have_run ? RUVO_STATS_MAY_HAVE_RUN
-               : end == walk_end::lock_failed  ? RUVO_STATS_OTHER_FAILURE
-                                               : RUVO_STATS_NO_SERVER);
-  }
-  return end;
+  return walker(redis, route, command).run(reply);
 }
