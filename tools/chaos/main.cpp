@@ -88,17 +88,27 @@ class Host {
   std::vector<std::jthread> threads_;
 };
 
+// A process that has been stopped finds old calls when it goes on, and none of them a moment later.
 void end_if_hung(const Judge& judge) {
   if (judge.finds_hang()) {
-    std::puts("HANG: a call has taken longer than any may");
-    std::fflush(stdout);
-    std::_Exit(1);
+    std::this_thread::sleep_for(longest_sleep);
+    if (judge.finds_hang()) {
+      std::puts("HANG: a call has taken longer than any may");
+      std::fflush(stdout);
+      std::_Exit(1);
+    }
   }
 }
 
 void wait_until(Clock::time_point end, const Judge& judge) {
   for (Clock::time_point now; (now = Clock::now()) < end; end_if_hung(judge)) {
-    std::this_thread::sleep_until(std::min(end, now + longest_sleep));
+    const Clock::time_point until = std::min(end, now + longest_sleep);
+    std::this_thread::sleep_until(until);
+    const Clock::duration late = Clock::now() - until;
+    if (late > scheduling_tolerance) {
+      std::printf("STOOD STILL for %.1f s: the machine or somebody held this process up\n",
+                  std::chrono::duration<double>(late).count());
+    }
   }
 }
 
