@@ -652,7 +652,7 @@ void pipelined_call::settle(guard& lock) {
     finish_break(lock);
   }
   queued_call* const reads = line_.in_flight.front();
-  if (reads != nullptr && reads != &call_ && !line_.is_reading) {
+  if (reads != nullptr && reads != &call_ && !line_.is_reading && !reads->is_being_written) {
     lock.send_signal(*reads, queued_call::look);
   }
   queued_call* const head = line_.head();
