@@ -323,10 +323,11 @@ std::optional<bool> Worker::reply_is(int type, const std::string& text, bool& le
   for (int tries = 0; !reply && tries < raw_tries; ++tries) {
     call(raw, name, [&] {
       ruvo::result<ruvo::reply> result = pool.command(name, words...);
+      const int code = result.code();
       if (result) {
         reply = *std::move(result);
       }
-      return result.code();
+      return code;
     });
     left_pool = left_pool || observer_.may_have_left_pool();
     totals_.asked_again += tries > 0 ? 1 : 0;

@@ -159,8 +159,8 @@ milliseconds Driver::length_of(Fault fault, std::mt19937_64& plan) const {
       return out_of_step_window;
     case away:  // what is left until the deadline is enough to find the servers back
       return between(plan, call_ms / 20, call_ms * 2 / 5);
-    case long_away:
-      return between(plan, call_ms * 9 / 8, call_ms * 3 / 2);
+    case long_away:  // what is left of it after a first wait is enough to see a second one
+      return between(plan, call_ms * 7 / 4, call_ms * 9 / 4);
     default:
       return between(plan, shortest_fault_ms, longest_fault_ms);
   }

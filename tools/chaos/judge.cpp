@@ -133,6 +133,10 @@ void Judge::call_ended(const Call& call, int result) {
     ++too_long_;
     print("TOO LONG", call, seconds(taken), walk);
   }
+  const milliseconds deadline(site_.settings.options.call_timeout);
+  if (deadline.count() > 0 && 2 * (to - from) > deadline) {
+    check_wait(call, from, to);
+  }
   for (const std::string& server : walk.failed) {
     if (!faults_.touches(server, from, to)) {
       ++failed_without_fault_;
@@ -160,7 +164,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   if (faults_.may_be_out_of_step(call.pool, from, to)) {
     return out_of_step;
   }
-  if (was_in_long_outage(call, from, to)) {
+  if (may_fail_in_outage(call, from, to)) {
     return in_a_long_outage;
   }
   // A connection that broke in a fault may be used only now: its threads waited in other pools.
@@ -204,26 +208,33 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   return walk.skipped.empty() ? each_had_a_fault : still_ejected;
 }
 
-// A shorter outage costs no call where calls wait for servers. After a longer one calls may fail
-// until the first is served: one call at a time tries the servers, when a thread comes to that
-// pool, and it may have waited in each of the others.
-bool Judge::was_in_long_outage(const Call& call, Clock::time_point from, Clock::time_point to) {
+// The latest outage of its pool, if that was long before the call ended: a shorter one costs no
+// call where calls wait for servers.
+std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to) const {
   const milliseconds deadline(site_.settings.options.call_timeout);
   const std::optional<Outage> outage = faults_.outage_before(call.pool, to);
-  if (!outage || std::min(outage->to, to) - outage->from < deadline / 2) {
-    return false;
-  }
-  const Clock::duration to_find_back =
-      static_cast<int>(pool_count - 1) * deadline + longest_probe_pause + scheduling_tolerance;
-  if (from > outage->to && (me().served_last > outage->to || from - outage->to > to_find_back)) {
-    return false;
-  }
-  if (to - from > deadline / 2 &&
+  return outage && std::min(outage->to, to) - outage->from >= deadline / 2 ? outage : std::nullopt;
+}
+
+// Served or not, a thread waits once in an outage: then the pool is given up.
+void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_point to) {
+  const std::optional<Outage> outage = long_outage(call, to);
+  if (outage && from <= outage->to &&
       std::exchange(me().waited_in.at(index_of(call.pool)), outage->from) == outage->from) {
     ++waited_again_;
     print("WAITED AGAIN IN THE SAME OUTAGE", call, seconds((to - from).count()), current_walk());
   }
-  return true;
+}
+
+// After a long outage calls may fail until the first is served: one call at a time tries the
+// servers, when a thread comes to that pool, and it may have waited in each of the others.
+bool Judge::may_fail_in_outage(const Call& call, Clock::time_point from, Clock::time_point to) {
+  const milliseconds deadline(site_.settings.options.call_timeout);
+  const Clock::duration to_find_back =
+      static_cast<int>(pool_count - 1) * deadline + longest_probe_pause + scheduling_tolerance;
+  const std::optional<Outage> outage = long_outage(call, to);
+  return outage && (from <= outage->to ||
+                    (me().served_last <= outage->to && from - outage->to <= to_find_back));
 }
 
 bool Judge::may_be_out_of_step(const Call& call, Clock::time_point begin) const {

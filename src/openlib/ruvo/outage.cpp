@@ -83,6 +83,7 @@ bool pool_outage::join(const log_names& names, time_point began, time_point dead
   } else if (began >= given_up_at_) {
     return false;
   }
+  given_up_at_ = std::min(given_up_at_, deadline);  // a call that began earlier may come later
   ++waited_;
   return true;
 }
