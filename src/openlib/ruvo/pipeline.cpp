@@ -267,7 +267,8 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
         write(lock, now);
         continue;
       }
-      if (line_.in_flight.front() == &call_ && !line_.is_reading) {
+      // While its command is being written, it may yet have to write the rest.
+      if (line_.in_flight.front() == &call_ && !line_.is_reading && !call_.is_being_written) {
         read(lock, now);
         continue;
       }
