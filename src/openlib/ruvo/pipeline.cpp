@@ -695,6 +695,7 @@ void pipelined_call::finish_break(guard& lock) {
     lock.send_signal(call, queued_call::look);
   }
   set_to_skip(line_, 0);
+  line_.is_broken = false;  // what is to be sent again has not met a second break
   line_.is_alone = line_.is_blocked = line_.is_ending = line_.has_failed_to_write = false;
 }
 
@@ -711,7 +712,7 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
   line_.is_rebuilding = false;
   if (fresh) {
     replace_context(slot_, std::move(fresh));
-    line_.is_broken = line_.has_answered = line_.silence_counted = false;
+    line_.has_answered = line_.silence_counted = false;
     line_.round_trip = line_.known_round_trip = std::chrono::nanoseconds(0);
     line_.last_look = clock::now();
   } else if (clock::now() < call_.deadline) {
