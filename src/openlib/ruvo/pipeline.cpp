@@ -607,7 +607,7 @@ void pipelined_call::check_idle_connection() {
   }
   if (line_.is_ending) {
     set_error(context, line_.end);
-  } else {
+  } else if (line_.to_skip == 0) {
     break_if_out_of_step(context);
   }
   if (context.err != 0) {
