@@ -183,7 +183,12 @@ send_end pipelined_call::send_again(rebuilder& rebuilder) {
   guard lock(slot_);
   lock.lock();
   if (line_.forks != forks_) {
+    // In the child of a fork: what the parent's threads have done for the call does not count.
+    forks_ = line_.forks;
     call_.where = place::nowhere;
+    call_.written = 0;
+    call_.to_skip = 0;
+    call_.is_being_written = call_.wakes_by_itself = call_.is_leaving = false;
     call_.signal.store(queued_call::look, std::memory_order_relaxed);
     add_user(line_, 1);
     enqueue();
