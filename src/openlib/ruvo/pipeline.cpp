@@ -757,6 +757,10 @@ void pipelined_call::leave(guard& lock) {
     } else {
       set_to_skip(line_, line_.to_skip + replies);
     }
+    if (line_.in_flight.empty()) {
+      line_.is_alone = false;
+      check_idle_connection();
+    }
     if (line_.last_arrival <= call_.sent_at) {
       call_.counts_failure = !std::exchange(line_.silence_counted, true);
     }
