@@ -38,14 +38,18 @@ struct memory {
 struct fiber {
   memory stack;  // from where it was last left
   bool is_parked = false;
+  bool is_in_pause = false;
   bool has_vanished = false;
   jmp_buf exit;
 };
+
+constexpr unsigned most_pauses = 2;
 
 std::array<memory, 8> state_parts;
 std::size_t state_count = 0;
 std::array<fiber, thread_count> threads;
 word* words = nullptr;
+unsigned pauses_left = 0;
 bool is_state_search = false;  // which knows no memory orders
 
 std::uint64_t mix(std::uint64_t hash, std::uint64_t value) {
@@ -137,13 +141,17 @@ class state_scheduler
     }
     const unsigned running = option_count;
     for (rl::thread_id_t i = 0; i < this->timed_thread_count_; ++i) {
-      options[option_count++] = this->timed_threads_[i]->index_;
+      const rl::thread_id_t next = this->timed_threads_[i]->index_;
+      if (!threads[next].is_in_pause || pauses_left > 0 || running == 0) {
+        options[option_count++] = next;
+      }
     }
     std::sort(&options[running], &options[option_count]);
     const unsigned choice = option_count > 1 ? rand_impl(option_count, rl::sched_type_sched) : 0;
     reason = choice < running ? rl::unpark_reason_normal : rl::unpark_reason_timeout;
     if (choice >= running) {
       this->unpark_thread(options[choice]);
+      pauses_left -= threads[options[choice]].is_in_pause && pauses_left > 0 ? 1 : 0;
     }
     return options[choice];
   }
@@ -195,7 +203,7 @@ class state_scheduler
     for (rl::thread_id_t i = 0; i < this->timed_thread_count_; ++i) {
       timed |= 1U << static_cast<unsigned>(this->timed_threads_[i]->index_);
     }
-    hash = mix(hash, timed);
+    hash = mix(hash, timed | (pauses_left << 8U));
     for (std::size_t i = 0; i < state_count; ++i) {
       hash = mix(hash, state_parts[i]);
     }
@@ -210,6 +218,7 @@ class state_scheduler
 struct suite : rl::test_suite<suite, fibers> {
   void before() {
     words = nullptr;
+    pauses_left = most_pauses;
     for (fiber& thread : threads) {
       thread.stack = {};
       thread.is_parked = thread.has_vanished = false;
@@ -309,11 +318,12 @@ void note(const char* what, int number) {
   }
 }
 
-[[gnu::noinline]] bool park(bool is_timed) {
+[[gnu::noinline]] bool park(until end) {
   NOTE_STACK();
   threads[self()].is_parked = true;
+  threads[self()].is_in_pause = end == until::pause;
   const rl::unpark_reason reason =
-      rl::ctx().park_current_thread(is_timed, false, false, RL_INFO);
+      rl::ctx().park_current_thread(end != until::unparked, false, false, RL_INFO);
   threads[self()].is_parked = false;
   leave_if_vanished();
   return reason == rl::unpark_reason_normal;

@@ -28,8 +28,10 @@ unsigned choose(unsigned options);  // 0: what happens as a rule
 [[noreturn]] void fail(const char* what);
 void note(const char* what, int number);  // for the history of a failure
 
-// Sleeps until unpark(). Timed: or for no longer than a while, which may end at any time; then false.
-bool park(bool is_timed);
+// Sleeps until unpark(), or until a time that may come at any moment; then false. A pause is so
+// short that the search of all states lets it end only a few times while others could go on.
+enum class until { unparked, deadline, pause };
+bool park(until end);
 void unpark(unsigned thread);
 
 // The other threads are not in the child of a fork. Calls `then` before anybody else goes on.

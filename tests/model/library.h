@@ -170,11 +170,17 @@ class pool_outage {};
 // Bounds that three threads reach.
 #define direct_sends direct_sends_of_the_library
 #define max_write_commands max_write_commands_of_the_library
+#define write_pause write_pause_of_the_library
+#define pause_after_single pause_after_single_of_the_library
 #include "pipeline.h"
 #undef direct_sends
 #undef max_write_commands
+#undef write_pause
+#undef pause_after_single
 constexpr std::size_t direct_sends = 1;
 constexpr std::size_t max_write_commands = 2;
+constexpr std::chrono::microseconds write_pause{10};
+constexpr std::chrono::microseconds pause_after_single{10};
 
 #include "connection.h"
 #include "server_pool.h"

@@ -135,6 +135,18 @@ void wake_waiters(std::span<const void*> waits, const void* where, int most) {
   }
 }
 
+bool park_until(time_point until) {
+  if (until == no_deadline) {
+    return model::park(model::until::unparked);
+  }
+  const bool is_pause = until <= std::chrono::steady_clock::now() + write_pause;
+  if (model::park(is_pause ? model::until::pause : model::until::deadline)) {
+    return true;
+  }
+  pass_time_until(until);
+  return false;
+}
+
 }  // namespace
 
 // ---- What the library waits with ----
@@ -145,9 +157,8 @@ bool model_mutex::lock(time_point until) {
   while (owner != -1) {
     const void*& waits = now_in().waits_for[model::self()];
     waits = this;
-    if (!model::park(until != no_deadline)) {
+    if (!park_until(until)) {
       waits = nullptr;
-      pass_time_until(until);
       return false;
     }
   }
@@ -180,9 +191,8 @@ void sleep_on(const std::atomic<std::uint32_t>& word, std::uint32_t value, time_
   }
   const void*& sleeps = now_in().sleeps_on[model::self()];
   sleeps = &word;
-  if (!model::park(until != no_deadline)) {
+  if (!park_until(until)) {
     sleeps = nullptr;
-    pass_time_until(until);
   }
 }
 
@@ -340,9 +350,8 @@ wait_end receive_some(redisContext& context, std::chrono::microseconds socket_ti
   }
   while (peer.sent_count == 0 && !peer.is_closed && !breaks(peer)) {
     peer.waiter = static_cast<int>(model::self());
-    if (!model::park(until != no_deadline)) {
+    if (!park_until(until)) {
       peer.waiter = -1;
-      pass_time_until(until);
       return wait_end::timed_out;
     }
   }
