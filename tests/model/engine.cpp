@@ -43,13 +43,10 @@ struct fiber {
   jmp_buf exit;
 };
 
-constexpr unsigned most_pauses = 2;
-
 std::array<memory, 8> state_parts;
 std::size_t state_count = 0;
 std::array<fiber, thread_count> threads;
 word* words = nullptr;
-unsigned pauses_left = 0;
 bool is_state_search = false;  // which knows no memory orders
 
 std::uint64_t mix(std::uint64_t hash, std::uint64_t value) {
@@ -142,7 +139,7 @@ class state_scheduler
     const unsigned running = option_count;
     for (rl::thread_id_t i = 0; i < this->timed_thread_count_; ++i) {
       const rl::thread_id_t next = this->timed_threads_[i]->index_;
-      if (!threads[next].is_in_pause || pauses_left > 0 || running == 0) {
+      if (!threads[next].is_in_pause || running == 0) {
         options[option_count++] = next;
       }
     }
@@ -151,7 +148,6 @@ class state_scheduler
     reason = choice < running ? rl::unpark_reason_normal : rl::unpark_reason_timeout;
     if (choice >= running) {
       this->unpark_thread(options[choice]);
-      pauses_left -= threads[options[choice]].is_in_pause && pauses_left > 0 ? 1 : 0;
     }
     return options[choice];
   }
@@ -203,7 +199,7 @@ class state_scheduler
     for (rl::thread_id_t i = 0; i < this->timed_thread_count_; ++i) {
       timed |= 1U << static_cast<unsigned>(this->timed_threads_[i]->index_);
     }
-    hash = mix(hash, timed | (pauses_left << 8U));
+    hash = mix(hash, timed);
     for (std::size_t i = 0; i < state_count; ++i) {
       hash = mix(hash, state_parts[i]);
     }
@@ -218,7 +214,6 @@ class state_scheduler
 struct suite : rl::test_suite<suite, fibers> {
   void before() {
     words = nullptr;
-    pauses_left = most_pauses;
     for (fiber& thread : threads) {
       thread.stack = {};
       thread.is_parked = thread.has_vanished = false;
@@ -262,6 +257,13 @@ rl::memory_order order_of(std::memory_order order) {
   }
 }
 
+// What has been left on the stack by calls that have returned is no part of a state.
+[[gnu::noinline]] void clear_stack_below() {
+  std::array<char, 4096> below;
+  std::memset(below.data(), 0, below.size());
+  asm volatile("" : : "r"(below.data()) : "memory");
+}
+
 void leave_if_vanished() {
   if (threads[self()].has_vanished) {
     _longjmp(threads[self()].exit, 1);
@@ -269,8 +271,8 @@ void leave_if_vanished() {
 }
 
 // The registers that a callee saves are pushed by whoever calls this.
-#define NOTE_STACK()                                                                           \
-  __builtin_unwind_init();                                                                     \
+#define NOTE_STACK()       \
+  __builtin_unwind_init(); \
   threads[self()].stack.begin = static_cast<const char*>(__builtin_frame_address(0)) - 5 * 8
 
 }  // namespace
@@ -299,6 +301,7 @@ unsigned self() { return static_cast<unsigned>(rl::ctx().threadx_->index_); }
   NOTE_STACK();
   rl::ctx().sched();
   leave_if_vanished();
+  clear_stack_below();
 }
 
 unsigned choose(unsigned options) {
@@ -326,6 +329,7 @@ void note(const char* what, int number) {
       rl::ctx().park_current_thread(end != until::unparked, false, false, RL_INFO);
   threads[self()].is_parked = false;
   leave_if_vanished();
+  clear_stack_below();
   return reason == rl::unpark_reason_normal;
 }
 

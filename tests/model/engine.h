@@ -1,6 +1,6 @@
-// What the model of pipeline.h runs on: threads that are fibers of relacy, of which one goes on at a
-// time, and whose every choice the search tries. Apart from relacy's headers, which redefine `new`,
-// `errno` and the memory orders.
+// What the model of pipeline.h runs on: threads that are fibers of relacy, of which one goes on at
+// a time, and whose every choice the search tries. Apart from relacy's headers, which redefine
+// `new`, `errno` and the memory orders.
 #ifndef RUVO_TESTS_MODEL_ENGINE_H
 #define RUVO_TESTS_MODEL_ENGINE_H
 
@@ -28,8 +28,9 @@ unsigned choose(unsigned options);  // 0: what happens as a rule
 [[noreturn]] void fail(const char* what);
 void note(const char* what, int number);  // for the history of a failure
 
-// Sleeps until unpark(), or until a time that may come at any moment; then false. A pause is so
-// short that the search of all states lets it end only a few times while others could go on.
+// Sleeps until unpark(), or until a time that may come at any moment; then false. The search of all
+// states, which would otherwise see the clock go on for ever, lets a pause end only once no other
+// thread can go on.
 enum class until { unparked, deadline, pause };
 bool park(until end);
 void unpark(unsigned thread);

@@ -1,6 +1,6 @@
 // The library's own source, compiled so that the model sees what threads do to each other: its
-// atomics, its clock and its locks are the model's. Headers that stand here instead of the library's
-// are told by their guards.
+// atomics, its clock and its locks are the model's. Headers that stand here instead of the
+// library's are told by their guards.
 #ifndef RUVO_TESTS_MODEL_LIBRARY_H
 #define RUVO_TESTS_MODEL_LIBRARY_H
 

@@ -3,6 +3,7 @@
 // another's reply, touches a call that has returned, or leaves something behind.
 //
 //   pipeline_model SCENARIO states|all|bound|random [LIMIT]
+//   pipeline_model names
 #include "library.h"
 
 // NOLINTNEXTLINE(bugprone-suspicious-include): compiled against the model
@@ -27,7 +28,7 @@ constexpr std::chrono::nanoseconds begin_of_time = seconds(1000);
 
 // What may happen in an execution, each so many times at most.
 struct events {
-  unsigned breaks = 0;   // the server closes a connection, before or after it has carried out
+  unsigned breaks = 0;    // the server closes a connection, before or after it has carried out
   unsigned refusals = 0;  // of a new connection
   unsigned partials = 0;  // the socket takes a part of a write
   unsigned delays = 0;    // a reply comes after whoever waits has given up
@@ -50,6 +51,7 @@ constexpr std::array scenarios{
     scenario{"plain", 3, 2, {}},
     scenario{"pair", 2, 2, {}},
     scenario{"once", 3, 1, {}},
+    scenario{"two", 2, 1, {}},
     scenario{"look", 3, 2, {}, 0, false, true},
     scenario{"partial", 3, 2, {.partials = 2}},
     scenario{"break", 3, 2, {.breaks = 1}},
@@ -75,8 +77,8 @@ struct peer {
   bool is_foreign = false;  // of the parent of a fork
   bool is_read = false;
   bool is_written = false;
-  int waiter = -1;           // thread that waits to read
-  unsigned half_received = 0;  // the command of which one byte has come
+  int waiter = -1;                             // thread that waits to read
+  unsigned half_received = 0;                  // the command of which one byte has come
   std::array<std::uint8_t, max_calls> sent{};  // replies, by their calls
   std::array<std::uint8_t, max_calls> received{};
   unsigned sent_count = 0;
@@ -507,9 +509,8 @@ void check_end(send_end end, unsigned number, const queued_call& call, bool is_l
       check(now_in().has_refused, "a call tells of a rebuild that did not fail");
       return;
     case send_end::unanswered: {
-      const unsigned broken = now_in().breaks +
-                              (slot().context_->err != 0 ? 1U : 0U) +
-                              (now_in().has_forked ? 1U : 0U);
+      const unsigned broken =
+          now_in().breaks + (slot().context_->err != 0 ? 1U : 0U) + (now_in().has_forked ? 1U : 0U);
       check(broken > 0, "a call is unanswered on a sound connection");
       check(!is_last || broken > 1 || chosen->must_not_resend, "a call is lost with one break");
       return;
@@ -553,7 +554,7 @@ void make_call(unsigned number) {
 void model::before() {
   time_now = begin_of_time;
   std::memset(world_memory.data(), 0, world_memory.size());
-  world& world = *new (world_memory.data()) ::world();
+  world& world = *new (world_memory.data())::world();
   world.left = chosen->may;
   for (peer& peer : world.peers) {
     peer.context.fd = -1;
@@ -610,6 +611,12 @@ int main(int argc, char** argv) {
     if (argc >= 3 && std::string_view(each.name) == arguments[1]) {
       chosen = &each;
     }
+  }
+  if (argc == 2 && std::string_view(arguments[1]) == "names") {
+    for (const scenario& each : scenarios) {
+      std::cout << each.name << '\n';
+    }
+    return 0;
   }
   if (chosen == nullptr) {
     std::cerr << "usage: pipeline_model SCENARIO states|all|bound|random [LIMIT]\n";
