@@ -61,7 +61,7 @@ CODE
 
 # $1: its number; $2: the row.
 find_fault() {
-  local scenario before after program=$work/fault$1
+  local scenario before after found program=$work/fault$1
   scenario=${2%% ~>*}
   after=${2##*~>}
   before=${2#* ~> }
@@ -69,7 +69,8 @@ find_fault() {
   mkdir "$program.source"
   plant "$before" "${after# }" "$program.source/pipeline.cpp"
   build "$program.source/pipeline.cpp" "$program"
-  echo "found in $(search fails "$program" "$scenario" random 1000000): $before ~>$after"
+  found=$(search fails "$program" "$scenario" random 1000000)
+  echo "found in $found: $before ~>$after"
 }
 
 mapfile -t rows < <(grep -vE '^(#|$)' tests/model/faults.txt)
