@@ -9,7 +9,7 @@
 #   site     what scripts/site.sh starts: Redis, which is the Sentinel too, and HAProxy
 #   test     Redis, the proxy, GoogleTest
 #   bench    Redis, the proxy, valgrind and gnuplot, for the benchmark, its pictures and the count of instructions
-#   check    format, tidy and static checks, binary interface, fuzzing, reference, manual pages, packages, what
+#   check    format, tidy and static checks, binary interface, model, fuzzing, reference, manual pages, packages, what
 #            the guides show
 #   plot     the pictures of docs/scaling.md
 #   arm64    what scripts/check_arm64.sh builds and runs with
@@ -22,7 +22,7 @@ declare -A packages=(
   [site]="redis-server haproxy"
   [test]="redis-server nutcracker libgtest-dev binutils"
   [bench]="redis-server nutcracker valgrind gnuplot-nox python3"
-  [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck abigail-tools doxygen mandoc binutils
+  [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck abigail-tools relacy-dev doxygen mandoc binutils
            debootstrap lintian prometheus python3 libspdlog-dev stunnel4 openssl"
   [plot]="gnuplot-nox"
   [arm64]="g++-12-aarch64-linux-gnu qemu-user file"

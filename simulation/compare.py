@@ -2,6 +2,8 @@
 """Holds the model of docs/scaling.md against the library: measures (on a calm machine), simulates the same
 points, and prints both as CSV.
 
+    cmake --preset bench
+    cmake --build --preset bench --target scaling_measurement scaling_simulation
     simulation/compare.py >docs/figures/scaling_measured.csv
 """
 import csv

@@ -1,4 +1,4 @@
-// What becomes of a host's calls while one of its two servers hangs, second by second.
+// A host's calls, second by second, while one of its two servers hangs.
 #ifndef RUVO_TESTING_STOPPED_SERVER_H
 #define RUVO_TESTING_STOPPED_SERVER_H
 

@@ -193,7 +193,12 @@ send_end pipelined_call::send_again(rebuilder& rebuilder) {
   guard lock(slot_);
   lock.lock();
   if (line_.forks != forks_) {
+    // In the child of a fork: what the parent's threads have done for the call does not count.
+    forks_ = line_.forks;
     call_.where = place::nowhere;
+    call_.written = 0;
+    call_.to_skip = 0;
+    call_.is_being_written = call_.wakes_by_itself = call_.is_leaving = false;
     call_.signal.store(queued_call::look, std::memory_order_relaxed);
     add_user(line_, 1);
     enqueue();
@@ -627,7 +632,7 @@ void pipelined_call::check_idle_connection() {
   }
   if (line_.is_ending) {
     set_error(context, line_.end);
-  } else {
+  } else if (line_.to_skip == 0) {
     break_if_out_of_step(context);
   }
   if (context.err != 0) {
@@ -715,6 +720,7 @@ void pipelined_call::finish_break(guard& lock) {
     lock.send_signal(call, queued_call::look);
   }
   set_to_skip(line_, 0);
+  line_.is_broken = false;  // what is to be sent again has not met a second break
   line_.is_alone = line_.is_blocked = line_.is_ending = line_.has_failed_to_write = false;
 }
 
@@ -731,7 +737,7 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
   line_.is_rebuilding = false;
   if (fresh) {
     replace_context(slot_, std::move(fresh));
-    line_.is_broken = line_.has_answered = line_.silence_counted = false;
+    line_.has_answered = line_.silence_counted = false;
     line_.round_trip = line_.known_round_trip = std::chrono::nanoseconds(0);
     line_.last_look = clock::now();
   } else if (clock::now() < call_.deadline) {
@@ -770,6 +776,10 @@ void pipelined_call::leave(guard& lock) {
       next->to_skip += replies;
     } else {
       set_to_skip(line_, line_.to_skip + replies);
+    }
+    if (line_.in_flight.empty()) {
+      line_.is_alone = false;
+      check_idle_connection();
     }
     if (line_.last_arrival <= call_.sent_at) {
       call_.counts_failure = !std::exchange(line_.silence_counted, true);

@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Model checking of the calls that share a connection: the library's own pipeline.cpp on relacy. Three threads, in
+# each scenario of tests/model/pipeline_model.cpp, with all states, with few preemptions, and at random. Then the
+# faults of tests/model/faults.txt, each of which must be found. Takes a minute and a half on two processors.
+#
+#   scripts/check_model.sh [EXECUTIONS]     of each scenario at random; 50000 where none is given
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh build check
+
+executions=${1:-50000}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+compile=(g++ -std=c++20 -O2 -Isrc/openlib/ruvo -Isrc/core/common -Isrc/util)
+# A state is also what the stacks hold: nothing there may be left over from earlier.
+as_state=(-fno-omit-frame-pointer -ftrivial-auto-var-init=zero)
+
+# The model with a pipeline.cpp. $1: its path; $2: the program.
+build() {
+  "${compile[@]}" "${as_state[@]}" "-DPIPELINE_SOURCE=\"$1\"" -c tests/model/pipeline_model.cpp -o "$2.o"
+  g++ "$2.o" "$work/engine.o" -o "$2"
+}
+
+# $1: what the program must do, "passes" or "fails"; the others: the program and how it searches.
+search() {
+  local expected=$1 program=$2 end=passes
+  shift 2
+  "$program" "$@" >"$work/$$.$BASHPID" 2>&1 || end=fails
+  if [ "$end" != "$expected" ]; then
+    cat "$work/$$.$BASHPID"
+    echo "check_model.sh: $* $end" >&2
+    return 1
+  fi
+  printf '%-15s %-7s %s\n' "$1" "$2" "$(tail -n 1 "$work/$$.$BASHPID")"
+}
+
+# Searches that must pass, two at a time.
+"${compile[@]}" -w -c tests/model/engine.cpp -o "$work/engine.o"
+build "$PWD/src/openlib/ruvo/pipeline.cpp" "$work/model"
+search passes "$work/model" once states &
+states=$!
+search passes "$work/model" two bound 3
+search passes "$work/model" once bound 2
+search passes "$work/model" plain bound 1
+for scenario in $("$work/model" names); do
+  search passes "$work/model" "$scenario" random "$executions"
+done
+wait "$states"
+
+# Plants a fault. $1: what stands there; $2: what is put there; $3: the file.
+plant() {
+  python3 - "$@" <<'CODE'
+import re, sys
+before, after, path = sys.argv[1:]
+text = open("src/openlib/ruvo/pipeline.cpp").read()
+pattern = r"\s+".join(re.escape(word) for word in before.split())
+text, count = re.subn(pattern, lambda _: after, text)
+if count != 1:
+    sys.exit(f"check_model.sh: stands {count} times in pipeline.cpp: {before}")
+open(path, "w").write(text)
+CODE
+}
+
+# $1: its number; $2: the row.
+find_fault() {
+  local scenario before after program=$work/fault$1
+  scenario=${2%% ~>*}
+  after=${2##*~>}
+  before=${2#* ~> }
+  before=${before% ~>*}
+  mkdir "$program.source"
+  plant "$before" "${after# }" "$program.source/pipeline.cpp"
+  build "$program.source/pipeline.cpp" "$program"
+  echo "found in $(search fails "$program" "$scenario" random 1000000): $before ~>$after"
+}
+
+mapfile -t rows < <(grep -vE '^(#|$)' tests/model/faults.txt)
+[ ${#rows[@]} -gt 0 ]
+for ((i = 0; i < ${#rows[@]}; i += 2)); do
+  find_fault "$i" "${rows[i]}" &
+  first=$!
+  [ $((i + 1)) -ge ${#rows[@]} ] || find_fault $((i + 1)) "${rows[i + 1]}"
+  wait "$first"
+done
+echo "${#rows[@]} planted faults found"
