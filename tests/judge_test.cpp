@@ -249,6 +249,11 @@ TEST_F(Judging, AfterALongOutageCallsFailUntilOneIsServed) {
   judge({outage(), half_a_deadline}, {half_a_deadline});  // another one
   EXPECT_EQ(judge_.failures(in_a_long_outage), 4);
   EXPECT_EQ(judge_.waited_again(), 1);
+  judge({end_of_outage(), outage()}, {});  // still the same, since none was served in between
+  EXPECT_EQ(judge_.failures(in_a_long_outage), 5);
+  judge({end_of_outage(), wait_a_moment()}, {}, typed, RUVO_OK);
+  judge({outage()}, {});
+  EXPECT_EQ(judge_.failures(unexplained), 3);
 }
 
 TEST_F(Judging, ACallMayTakeSoLongAndNoLonger) {

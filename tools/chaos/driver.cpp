@@ -55,12 +55,21 @@ void FaultRecord::end_outage(int pool) {
   outages_.at(index_of(pool)).back().to = Clock::now();
 }
 
-std::optional<Outage> FaultRecord::outage_before(int pool, Clock::time_point time) const {
+std::optional<Outage> FaultRecord::outage_before(int pool, Clock::time_point time,
+                                                 Clock::time_point served) const {
   const std::scoped_lock lock(mutex_);
   const std::vector<Outage>& all = outages_.at(index_of(pool));
-  const auto latest = std::find_if(all.rbegin(), all.rend(),
-                                   [&](const Outage& outage) { return outage.from <= time; });
-  return latest != all.rend() ? std::optional(*latest) : std::nullopt;
+  std::optional<Outage> found;
+  for (auto one = all.rbegin(); one != all.rend(); ++one) {
+    if (!found && one->from <= time) {
+      found = *one;
+    } else if (found && one->to >= served) {
+      found->from = one->from;
+    } else if (found) {
+      break;
+    }
+  }
+  return found;
 }
 
 void FaultRecord::note_extra_reply(int pool) {

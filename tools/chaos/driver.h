@@ -40,8 +40,10 @@ class FaultRecord {
   // All servers of a pool are away.
   void begin_outage(int pool);
   void end_outage(int pool);
-  // The latest that began before.
-  std::optional<Outage> outage_before(int pool, Clock::time_point time) const;
+  // The latest that began before `time`. Where no call was served since an earlier one, after
+  // `served`, the two are one for the host.
+  std::optional<Outage> outage_before(int pool, Clock::time_point time,
+                                      Clock::time_point served) const;
 
   // A connection of the pool gets a reply that nobody asked for.
   void note_extra_reply(int pool);

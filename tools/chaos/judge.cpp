@@ -210,9 +210,9 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
 
 // The latest outage of its pool, if that was long before the call ended: a shorter one costs no
 // call where calls wait for servers.
-std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to) const {
+std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
-  const std::optional<Outage> outage = faults_.outage_before(call.pool, to);
+  const std::optional<Outage> outage = faults_.outage_before(call.pool, to, me().served_last);
   return outage && std::min(outage->to, to) - outage->from >= deadline / 2 ? outage : std::nullopt;
 }
 

@@ -84,7 +84,7 @@ class Judge : public CallObserver {
   int sharers() const;
   bool is_bound_to_pool(const Call& call) const;
   Failure explain(const Call& call, const Walk& walk, Clock::time_point from, Clock::time_point to);
-  std::optional<Outage> long_outage(const Call& call, Clock::time_point to) const;
+  std::optional<Outage> long_outage(const Call& call, Clock::time_point to);
   void check_wait(const Call& call, Clock::time_point from, Clock::time_point to);
   bool may_fail_in_outage(const Call& call, Clock::time_point from, Clock::time_point to);
 
