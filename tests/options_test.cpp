@@ -262,9 +262,13 @@ TEST(PoolOutage, IsGivenUpWhenTheFirstDeadlineOfThoseThatWaitComes) {
   const time_point begin = std::chrono::steady_clock::now();
   const time_point later = begin + milliseconds(1);
   pool_outage outage;
-  EXPECT_TRUE(outage.join(names, later, later + T));
-  EXPECT_TRUE(outage.join(names, begin, begin + T));  // was longer about finding no server
-  EXPECT_FALSE(outage.join(names, begin + T, begin + 2 * T));
+  EXPECT_TRUE(outage.join(names, later, later + T, true));
+  EXPECT_TRUE(outage.join(names, begin, begin + T, true));  // was longer about finding no server
+  EXPECT_TRUE(outage.join(names, begin, begin + T, false));
+  EXPECT_FALSE(outage.join(names, begin + T, begin + 2 * T, true));
+  const LogCapture log(BaseLib::Logger::INFO);
+  outage.note_answer(names);
+  EXPECT_EQ(log.count_containing(" ms, 2 calls waited"), 1);
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ time_point next_probe(server_probe& probe) {
                                     : time_point(std::chrono::nanoseconds(rests_until));
 }
 
-bool pool_outage::join(const log_names& names, time_point began, time_point deadline) {
+bool pool_outage::join(const log_names& names, time_point began, time_point deadline, bool is_new) {
   const std::scoped_lock lock(mutex_);
   if (!is_on()) {
     began_ = steady_clock::now();
@@ -84,7 +84,7 @@ bool pool_outage::join(const log_names& names, time_point began, time_point dead
     return false;
   }
   given_up_at_ = std::min(given_up_at_, deadline);  // a call that began earlier may come later
-  ++waited_;
+  waited_ += is_new ? 1 : 0;
   return true;
 }
 

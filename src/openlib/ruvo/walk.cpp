@@ -228,6 +228,7 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
   const time_point began =
       command_.deadline - std::chrono::milliseconds(redis_.options().call_timeout);
   int walks_beside_answers = 1;
+  bool is_new = true;  // it has not waited yet
   while (end == walk_end::no_server_at_start || end == walk_end::no_server_left ||
          end == walk_end::all_tried) {
     if (has_passed(command_.deadline)) {
@@ -241,7 +242,8 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
     if (others_are_answered && has_sent_ && ++walks_beside_answers > most_walks_beside_answers) {
       return end;  // the command itself is what fails
     }
-    if (!others_are_answered && !pool_.outage_.join(names_, began, command_.deadline)) {
+    if (!others_are_answered &&
+        !pool_.outage_.join(names_, began, command_.deadline, std::exchange(is_new, false))) {
       return end;
     }
     time_point next_try = no_deadline;
