@@ -42,7 +42,7 @@ foreach(guide IN LISTS guides)
   install(FILES ${PROJECT_BINARY_DIR}/docs/${name} DESTINATION ${guides_dir} COMPONENT tools)
 endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/figures DESTINATION ${guides_dir} COMPONENT tools
-        FILES_MATCHING PATTERN "*.svg")
+        FILES_MATCHING PATTERN "*.svg" PATTERN "*.csv")
 
 # Each package has the change log, in Debian's form, and says under what terms it is.
 set(changelog_script ${PROJECT_SOURCE_DIR}/packaging/changelog.awk)

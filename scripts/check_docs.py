@@ -59,10 +59,13 @@ MUST_HOLD = {
     "docs/configuration.md": {"sh", "ini", "yaml"},
     "docs/compatibility.md": {"sh", "ini"},
     "docs/logging.md": {"sh", "cpp"},
-    "docs/operations.md": {"sh"},
+    "docs/operations.md": {"ini"},
     "docs/runbook.md": {"sh", "yaml"},
     "docs/statistics.md": {"sh", "ini", "cpp"},
 }
+
+# What every configuration that is shown has.
+NEW_SITE = ["connect_timeout = 200", "socket_timeout = 500", "recommended_defaults = true"]
 
 # Documents that say where in the tree things are.
 MAPS = {"CONTRIBUTING.md", "docs/architecture.md"}
@@ -267,7 +270,26 @@ def refuse_mistakes(document, blocks):
         raise Refused(f"{document}: a file is written twice")
     if missing := MUST_HOLD.get(document, set()) - {block.kind for block in blocks}:
         raise Refused(f"{document}: shows no block of: {', '.join(sorted(missing))}")
+    for block in blocks:
+        missing = [line for line in NEW_SITE if line not in block.text.splitlines()]
+        if block.kind == "ini" and "[common]" in block.text and missing:
+            raise Refused(f"{document}:{block.line}: {block.file} lacks {', '.join(missing)}")
     find_build_lines(document, blocks)
+
+
+def headings(path):
+    """The anchors of a document's headings."""
+    found = re.findall(r"^#+ (.*)$", re.sub(r"^ *```.*?^ *```", "", path.read_text(), flags=re.M | re.S), re.M)
+    return {re.sub(r"[^\w -]", "", heading).lower().replace(" ", "-") for heading in found}
+
+
+def refuse_dead_links(document):
+    """Refuses a link to a file or heading that is not there."""
+    for link in re.findall(r"\]\(([^):\s]+)\)", (TREE / document).read_text()):
+        target, _, anchor = link.partition("#")
+        path = (TREE / document).parent / target if target else TREE / document
+        if not path.exists() or (anchor and anchor not in headings(path)):
+            raise Refused(f"{document}: the link to {link} is dead")
 
 
 def refuse_missing_lines(document):
@@ -300,6 +322,7 @@ def check(document, sandbox):
     try:
         blocks = read_blocks(document)
         refuse_mistakes(document, blocks)
+        refuse_dead_links(document)
         if document == "docs/log_lines.md":
             refuse_missing_lines(document)
         if document in MAPS:

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs the tests that have a Redis, and a minute of chaos, against other servers and versions: those of
-# Debian's suites, unpacked into a folder and started from there. Prints the table of docs/operations.md.
+# Debian's suites, unpacked into a folder and started from there. Prints the table of docs/compatibility.md.
 #
 #   scripts/check_servers.sh [SUITE/PACKAGE...]     (no argument: all of the list below)
 #

@@ -56,7 +56,7 @@ $1:
   redis: true
   hash: murmur
   distribution: ketama
-  timeout: 1500
+  timeout: 400
   servers:
 YML
     for number in $(seq "$shards"); do
@@ -88,16 +88,13 @@ cat >"$work/sruvo.conf" <<CONF
 [redis_cfg]
 redis_cfg_path = $work/ruvo_redis.conf
 CONF
-# The keys of a new site; the limit suppresses nothing, since the host reads every line of the log.
+# The settings of a new site, but for the limit of the log: the host reads every line.
 cat >"$work/ruvo_redis.conf" <<CONF
 [common]
 connect_timeout = 200
-socket_timeout = 2000
-auto_pipelining = true
-eject_silent_servers = true
-try_ejected_servers = true
+socket_timeout = 500
+recommended_defaults = true
 log_limit = 1000000
-call_timeout = 10000
 temp_server = $(proxies_of temp)
 persist_server = $(proxies_of persist)
 personality_server = $(proxies_of personality)

@@ -1,18 +1,17 @@
 #!/usr/bin/env python3
 """Holds the model of docs/scaling.md against the library: measures (on a calm machine), simulates the same
-points, and makes the guide's table of both.
+points, and prints both as CSV.
 
-    simulation/compare.py [GUIDE]      print the table, or put it where the guide has its mark
+    cmake --preset bench
+    cmake --build --preset bench --target scaling_measurement scaling_simulation
+    simulation/compare.py >docs/figures/scaling_measured.csv
 """
 import csv
 import subprocess
 import sys
 from pathlib import Path
 
-TREE = Path(__file__).resolve().parent.parent
-PROGRAMS = TREE / "build/bench/simulation"
-sys.path.append(str(TREE / "bench"))
-from tables import put_into, table  # noqa: E402
+PROGRAMS = Path(__file__).resolve().parent.parent / "build/bench/simulation"
 
 # What the model needs to know of the two ways, in microseconds, so that the median of one thread comes out right.
 WAYS = {"far away": ("5 ms", {"round-trip": 5140, "service": 10, "host-work": 5}),
@@ -39,21 +38,17 @@ def milliseconds(us):
 def main():
     measured = {(row["series"], int(row["threads"]), int(row["connections"])): row
                 for row in rows_of("scaling_measurement")}
-    lines = []
+    writer = csv.writer(sys.stdout, lineterminator="\n")
+    writer.writerow(["server", "threads", "connections", "auto_pipelining", "requests_per_second",
+                     "model_requests_per_second", "p50_ms", "model_p50_ms", "p99_ms", "model_p99_ms"])
     for way, (name, _) in WAYS.items():
         for point in POINTS:
             for shared in (False, True):
                 both = (measured[way + " shared" * shared, *point], simulated(way, shared, *point))
-                lines.append([name, str(point[0]), str(point[1]), "yes" if shared else "no"]
-                             + [f"{float(row['requests_per_second']):,.0f}" for row in both]
-                             + [milliseconds(row["p50_us"]) for row in both]
-                             + [milliseconds(row["p99_us"]) for row in both])
-    made = table(["Server", "Threads", "Connections", "Shared", "Requests/s: measured", "model",
-                  "Median, ms: measured", "model", "p99, ms: measured", "model"], lines, 1)
-    if len(sys.argv) > 1:
-        put_into(Path(sys.argv[1]), {"measured": made})
-    else:
-        print("\n".join(made))
+                writer.writerow([name, *point, "yes" if shared else "no"]
+                                + [f"{float(row['requests_per_second']):.0f}" for row in both]
+                                + [milliseconds(row["p50_us"]) for row in both]
+                                + [milliseconds(row["p99_us"]) for row in both])
 
 
 if __name__ == "__main__":

@@ -1,4 +1,4 @@
-// A host whose threads do nothing but call: what became of their calls, second by second.
+// A host whose threads do nothing but call: the results of their calls, second by second.
 #ifndef RUVO_TESTING_CALLING_HOST_H
 #define RUVO_TESTING_CALLING_HOST_H
 

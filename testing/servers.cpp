@@ -80,25 +80,31 @@ void ScriptedServer::refuse() { shutdown(fd_, SHUT_RDWR); }
 ScriptedServer::~ScriptedServer() {
   refuse();
   acceptor_.join();
+  std::map<int, std::jthread> running;
   {
     const std::scoped_lock lock(mutex_);
     for (const int fd : open_) {
       shutdown(fd, SHUT_RDWR);
     }
+    running.swap(threads_);
   }
-  threads_.clear();
 }
 
 void ScriptedServer::accept_all() {
   for (int fd = 0; (fd = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) != -1;) {
+    std::vector<std::jthread> ended;  // joined without the lock, which their last step takes
     const std::scoped_lock lock(mutex_);
+    ended.swap(ended_);
     open_.insert(fd);
     const int number = connections_++;
-    threads_.emplace_back([this, fd, number] {
+    threads_[number] = std::jthread([this, fd, number] {
       Peer peer(fd, number);
       script_(peer);
       const std::scoped_lock at_end(mutex_);
       open_.erase(fd);
+      if (auto own = threads_.extract(number)) {
+        ended_.push_back(std::move(own.mapped()));
+      }
     });
   }
 }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -59,8 +60,9 @@ class ScriptedServer : public DownServer {
   Script script_;
   std::atomic<int> connections_{0};
   std::mutex mutex_;
-  std::set<int> open_;  // guarded by mutex_
-  std::vector<std::jthread> threads_;
+  std::set<int> open_;                   // guarded by mutex_, like the next two
+  std::map<int, std::jthread> threads_;  // by number of the connection
+  std::vector<std::jthread> ended_;      // or about to end
   std::jthread acceptor_;
 };
 

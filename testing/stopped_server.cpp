@@ -21,10 +21,9 @@ std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run)
   const RedisServer good;
   const RedisServer hangs;
   const std::string addrs = good.addr() + "," + hangs.addr();
-  const HostConfig config(
-      "connect_timeout = 200\nsocket_timeout = " + std::to_string(run.socket_timeout_ms) + "\n" +
-          run.keys + pools_at(addrs, good.addr(), good.addr()),
-      "p_connect_num = 2");
+  const HostConfig config("connect_timeout = 200\nsocket_timeout = 500\n" + run.keys +
+                              pools_at(addrs, good.addr(), good.addr()),
+                          "p_connect_num = 2");
   const std::chrono::seconds stop_at(run.before);
   const std::chrono::seconds go_on_at = stop_at + std::chrono::seconds(run.stopped);
   const std::chrono::seconds end = go_on_at + std::chrono::seconds(run.after);

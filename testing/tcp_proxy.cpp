@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "sockets.h"
@@ -67,6 +66,34 @@ void TcpProxy::set_mode(Mode mode) {
 
 void TcpProxy::reset_connections() {
   run_in_forwarder([this] { reset_all(); });
+}
+
+void TcpProxy::set_target(int port) {
+  run_in_forwarder([this, port] {
+    target_port_ = port;
+    reset_all();
+  });
+}
+
+void TcpProxy::stall_connection() {
+  run_in_forwarder([this] { stalled_ = served_last_; });
+}
+
+void TcpProxy::end_stall() {
+  run_in_forwarder([this] {
+    if (stalled_ != -1) {
+      reset_on_close(stalled_);
+      close_connection(Connection(connections_.at(stalled_)));
+    }
+  });
+}
+
+void TcpProxy::add_reply(const std::string& bytes) {
+  run_in_forwarder([this, &bytes] {
+    if (served_last_ != -1) {
+      pass_on(served_last_, bytes);
+    }
+  });
 }
 
 void TcpProxy::forward_all() {
@@ -150,20 +177,25 @@ void TcpProxy::take_from(const epoll_event& event) {
   const int to = from == connection.client ? connection.target : connection.client;
   if (client_has_gone || !forward(from, to)) {
     close_connection(connection);
+  } else if (to == connection.client && to != stalled_) {
+    served_last_ = to;
   }
 }
 
 bool TcpProxy::forward(int from, int to) {
   const ssize_t length = recv(from, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
-  if (length > 0 && mode_ == Mode::forward) {
-    const std::string_view bytes(buffer_.data(), static_cast<std::size_t>(length));
-    if (delay_.count() > 0) {
-      pieces_.push_back({Clock::now() + delay_, to, std::string(bytes)});
-    } else {  // without memory, which ruvo_chaos would take for the library's
-      send(to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    }
+  if (length > 0 && mode_ == Mode::forward && to != stalled_) {
+    pass_on(to, {buffer_.data(), static_cast<std::size_t>(length)});
   }
   return length > 0;
+}
+
+void TcpProxy::pass_on(int to, std::string_view bytes) {
+  if (delay_.count() > 0) {
+    pieces_.push_back({Clock::now() + delay_, to, std::string(bytes)});
+  } else {  // without memory, which ruvo_chaos would take for the library's
+    send(to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  }
 }
 
 void TcpProxy::deliver() {
@@ -183,6 +215,9 @@ void TcpProxy::close_connection(const Connection& one) {
     epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
     close(fd);
     connections_.erase(fd);
+    for (int* const marked : {&served_last_, &stalled_}) {
+      *marked = *marked == fd ? -1 : *marked;
+    }
   }
 }
 

@@ -13,6 +13,7 @@
 #include <semaphore>
 #include <span>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 
@@ -42,6 +43,15 @@ class TcpProxy : public DownServer {
   // Also those that the system has accepted and the proxy has not. REQUIRES: mode `forward`.
   void reset_connections();
 
+  // Later connections lead to this port. Resets the others. REQUIRES: mode `forward`.
+  void set_target(int port);
+  // The connection that was served last gets no more replies: its commands are still carried out.
+  // Ends when its client gives it up, or with end_stall(), which resets it.
+  void stall_connection();
+  void end_stall();
+  // Sends the client that was served last these bytes, which it has not asked for.
+  void add_reply(const std::string& bytes);
+
  private:
   using Clock = std::chrono::steady_clock;
   struct Connection {
@@ -61,6 +71,7 @@ class TcpProxy : public DownServer {
   void accept_connection();
   void take_from(const epoll_event& event);
   bool forward(int from, int to);  // false: the sender has gone
+  void pass_on(int to, std::string_view bytes);
   void deliver();
   void close_connection(const Connection& one);
   void close_all();
@@ -78,6 +89,8 @@ class TcpProxy : public DownServer {
   Mode mode_ = Mode::forward;
   bool listens_ = false;
   std::unordered_map<int, Connection> connections_;  // by either socket
+  int served_last_ = -1;                             // a client, like the next one
+  int stalled_ = -1;
   std::array<epoll_event, 256> events_{};
   std::deque<Piece> pieces_;  // in the order of arrival
   std::array<char, 65536> buffer_{};

@@ -2,7 +2,8 @@
 
 #include <ruvo/ruvo.hpp>
 
-#include <chrono>
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <numeric>
 #include <thread>
@@ -26,7 +27,11 @@ std::int64_t Totals::all_operations() const {
 }
 
 void Worker::work(int round) {
+  in_doubt_ = false;
   try {
+    if (!has_account_) {
+      open_account();
+    }
     if (!on_track_) {
       start_afresh();
     }
@@ -36,10 +41,12 @@ void Worker::work(int round) {
     queue_message(round);
     tag_friends(round);
     ask_anything(round);
+    count_for_good();
   } catch (const LostTrack&) {
     on_track_ = false;
     std::this_thread::sleep_for(pause_in_outage);
   }
+  on_track_ = on_track_ && !in_doubt_;
 }
 
 // What another run left behind, or an outage left in doubt, does not count.
@@ -65,13 +72,18 @@ std::string Worker::text_for(const char* kind, int round) const {
   return text;
 }
 
-// Every call goes through here.
+// Every call goes through here. Once replies are sure to be its own again, a round in doubt ends.
 template <typename Operation>
 int Worker::call(Family family, const char* what, const Operation& operation) {
   const Call made{family, what, pool_};
+  const auto begin = std::chrono::steady_clock::now();
+  if (in_doubt_ && !observer_.may_be_out_of_step(made, begin)) {
+    throw LostTrack();
+  }
   observer_.call_begins(made);
   const int result = operation();
   observer_.call_ended(made, result);
+  in_doubt_ = observer_.may_be_out_of_step(made, begin) || in_doubt_;
   return result;
 }
 
@@ -81,6 +93,10 @@ bool Worker::judge(Family family, const char* what, int result, int expected) {
   ++totals_.operations[family];
   if (result == expected) {
     return true;
+  }
+  if (in_doubt_) {
+    ++totals_.out_of_step;
+    return false;
   }
   const bool wrong = result != RUVO_ERR_FAILED;
   ++(wrong ? totals_.wrong_values : totals_.failed);
@@ -99,7 +115,9 @@ bool Worker::expect(Family family, const char* what, const Operation& operation,
 
 void Worker::check(const char* what, bool right) {
   ++totals_.values_checked;
-  if (!right) {
+  if (!right && in_doubt_) {
+    ++totals_.out_of_step;
+  } else if (!right) {
     ++totals_.wrong_values;
     std::printf("WRONG VALUE: %s\n", what);
   }
@@ -193,13 +211,14 @@ void Worker::queue_message(int round) {
   std::vector<std::string> waiting;
   if (expect(lists, "range",
              [&] { return RUVO_LRange(queue.c_str(), 0, -1, waiting, pool_, nullptr); })) {
-    check("queue", waiting == std::vector<std::string>(static_cast<std::size_t>(length), text));
+    check("queue", waiting.size() == static_cast<std::size_t>(length) &&
+                       std::count(waiting.begin(), waiting.end(), text) == length);
   }
   // A pop that runs twice takes the second message along, or finds none: then its first run had it.
   std::string message;
   const int popped =
       call(lists, "pop", [&] { return RUVO_RPop(queue.c_str(), message, pool_, nullptr); });
-  if (popped == RUVO_ERR_NOT_FOUND) {
+  if (popped == RUVO_ERR_NOT_FOUND && totals_.most_runs > 1) {
     ++totals_.run_twice;
     ++totals_.operations[lists];
   } else if (judge(lists, "pop", popped, RUVO_OK)) {
@@ -238,6 +257,38 @@ void Worker::tag_friends(int round) {
   }
 }
 
+// A counter that nobody deletes.
+void Worker::count_for_good() {
+  long long count = 0;
+  const int result = call(hashes, "increment", [&] {
+    return RUVO_HashIncrBy(key("account").c_str(), "count", 5, 1, &count, pool_, nullptr);
+  });
+  ++(result == RUVO_OK ? acknowledged_ : failed_);
+  judge(hashes, "increment", result, RUVO_OK);
+}
+
+void Worker::open_account() {
+  has_account_ = expect(strings, "delete",
+                        [&] { return RUVO_DeleteKey(key("account").c_str(), pool_, nullptr); }) &&
+                 !in_doubt_;
+}
+
+void Worker::balance() {
+  const char* data = nullptr;
+  unsigned long len = 0;
+  std::int64_t stored = 0;
+  if (acknowledged_ + failed_ > 0 &&
+      RUVO_HashGet(key("account").c_str(), "count", 5, &data, &len, pool_, nullptr) == RUVO_OK) {
+    std::from_chars(data, data + len, stored);
+    RUVO_FreeResult(data);
+  }
+  totals_.increments_acknowledged += acknowledged_;
+  totals_.increments_failed += failed_;
+  totals_.increments_stored += stored;
+  totals_.increments_lost += std::max<std::int64_t>(acknowledged_ - stored, 0);
+  totals_.increments_extra += std::max<std::int64_t>(stored - acknowledged_ - failed_, 0);
+}
+
 // Any command. The failover of one may lead to another pool, so what it found there is asked for
 // again.
 void Worker::ask_anything(int round) {
@@ -272,10 +323,11 @@ std::optional<bool> Worker::reply_is(int type, const std::string& text, bool& le
   for (int tries = 0; !reply && tries < raw_tries; ++tries) {
     call(raw, name, [&] {
       ruvo::result<ruvo::reply> result = pool.command(name, words...);
+      const int code = result.code();
       if (result) {
         reply = *std::move(result);
       }
-      return result.code();
+      return code;
     });
     left_pool = left_pool || observer_.may_have_left_pool();
     totals_.asked_again += tries > 0 ? 1 : 0;

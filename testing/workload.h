@@ -6,6 +6,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -28,6 +29,14 @@ struct Totals {
   std::atomic<std::int64_t> asked_again{0};
   std::atomic<std::int64_t> failed{0};
   std::atomic<std::int64_t> wrong_values{0};
+  // Wrong values and failures where a call may have got another one's reply.
+  std::atomic<std::int64_t> out_of_step{0};
+  // Increments of counters that nobody deletes, as their callers know them, and as they are stored.
+  std::atomic<std::int64_t> increments_acknowledged{0};
+  std::atomic<std::int64_t> increments_failed{0};
+  std::atomic<std::int64_t> increments_stored{0};
+  std::atomic<std::int64_t> increments_lost{0};   // less stored than acknowledged
+  std::atomic<std::int64_t> increments_extra{0};  // more stored than acknowledged and failed
 
   std::int64_t all_operations() const;
 };
@@ -51,22 +60,31 @@ class CallObserver {
   // May the failover of this thread's last call have led to another pool? Only that of raw commands
   // does.
   virtual bool may_have_left_pool() const { return false; }
+  // May a call that began then and ends now have got another call's reply?
+  virtual bool may_be_out_of_step(const Call& /*call*/,
+                                  std::chrono::steady_clock::time_point /*begin*/) const {
+    return false;
+  }
 };
 
 // One thread's work on one pool. Its keys are its own, so it knows what each of them must hold.
 //
 // A connection that breaks between a command and its reply has the command sent again. What is not
 // the same when done twice (counting, pushing) may then have been done twice, and never less than
-// once; the checks allow for that and count it.
+// once; the checks allow for that and count it. One counter is never deleted in a run: at the end
+// it holds at least what was acknowledged, and with send_once at most that and what failed.
 class Worker {
  public:
   Worker(int thread, int pool, Totals& totals, CallObserver& observer)
       : name_(std::to_string(thread)), pool_(pool), totals_(totals), observer_(observer) {}
 
   void work(int round);
+  // After the last round: is stored what this worker knows that it has counted?
+  void balance();
 
  private:
   void start_afresh();
+  void open_account();
   std::string key(const char* kind) const;
   std::string text_for(const char* kind, int round) const;
 
@@ -86,6 +104,7 @@ class Worker {
   void queue_message(int round);
   void tag_friends(int round);
   void ask_anything(int round);
+  void count_for_good();
   template <typename... Words>
   std::optional<bool> reply_is(int type, const std::string& text, bool& left_pool, const char* name,
                                const Words&... words);
@@ -98,6 +117,10 @@ class Worker {
   long long visits_ = 0;
   long long points_ = 0;
   std::set<std::string> friends_;
+  bool has_account_ = false;
+  bool in_doubt_ = false;  // this round has got replies that may be another call's
+  std::int64_t acknowledged_ = 0;
+  std::int64_t failed_ = 0;
 };
 
 #endif

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "client.h"
+#include "outage.h"
 #include "servers.h"
 
 namespace {
@@ -253,6 +254,17 @@ TEST_F(Options, CallTimeoutIsSharedWithTheSecondCommand) {
   expect_in_time(RUVO_ERR_FAILED,
                  [&] { return client_->list_push("k", "v", 1, 9, &count, eTempServer, nullptr); });
   EXPECT_EQ(log_.count_containing("call time-out of 1000 ms has passed"), 3);
+}
+
+TEST(PoolOutage, IsGivenUpWhenTheFirstDeadlineOfThoseThatWaitComes) {
+  constexpr pool_outage::log_names names{"test", 1};
+  constexpr std::chrono::seconds T(1);
+  const time_point begin = std::chrono::steady_clock::now();
+  const time_point later = begin + milliseconds(1);
+  pool_outage outage;
+  EXPECT_TRUE(outage.join(names, later, later + T));
+  EXPECT_TRUE(outage.join(names, begin, begin + T));  // was longer about finding no server
+  EXPECT_FALSE(outage.join(names, begin + T, begin + 2 * T));
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
-// One of two servers stops below a host with the keys of a new site.
-#include "stopped_server.h"
-
+// One of two servers stops below a host with the recommended defaults.
 #include <gtest/gtest.h>
 #include <ruvo/ruvo.h>
 
@@ -22,12 +20,13 @@ TEST(StoppedServer, IsEjectedAfterAFewVisitsAndFailsNoCall) {
   const ScriptedServer good(std::string(":0\r\n"));
   const ScriptedServer stops(
       [&](const std::vector<std::string>&) { return is_stopped ? "" : ":0\r\n"; });
-  // The first of two values counts: no call fails only because the machine is busy.
-  const HostConfig config("connect_timeout = 5000\nsocket_timeout = 500\ncall_timeout = 60000\n" +
-                              std::string(keys_of_a_new_site) +
-                              pools_at(stops.addr() + "," + good.addr(), good.addr(), good.addr()),
-                          "p_connect_num = " + std::to_string(connections) +
-                              "\np_server_failure_limit = " + std::to_string(failure_limit));
+  // Long timeouts: no call fails only because the machine is busy.
+  const HostConfig config(
+      "recommended_defaults = true\ncall_timeout = 60000\n"
+      "connect_timeout = 5000\nsocket_timeout = 500\n" +
+          pools_at(stops.addr() + "," + good.addr(), good.addr(), good.addr()),
+      "p_connect_num = " + std::to_string(connections) +
+          "\np_server_failure_limit = " + std::to_string(failure_limit));
   const LogCapture log(BaseLib::Logger::WARN);
   ASSERT_EQ(start(config), RUVO_OK);
   std::atomic<long> calls{0};

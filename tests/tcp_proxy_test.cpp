@@ -57,6 +57,35 @@ TEST(TcpProxy, FailsInEveryModeAndForwardsAgain) {
   EXPECT_EQ(ask(old), reset);
 }
 
+TEST(TcpProxy, FailsOneConnectionAndChangesItsTarget) {
+  const ScriptedServer server{std::string("+PONG\r\n")};
+  const ScriptedServer other{std::string("-LOADING\r\n")};
+  TcpProxy proxy(server.port());
+  proxy.stall_connection();  // there is none
+  proxy.add_reply("+MORE\r\n");
+  proxy.end_stall();
+  const Context old = connect_to(proxy);
+  const Context served_last = connect_to(proxy);
+  EXPECT_EQ(ask(old), "PONG");
+  EXPECT_EQ(ask(served_last), "PONG");
+  proxy.add_reply("+MORE\r\n");
+  EXPECT_EQ(ask(served_last), "MORE");
+  EXPECT_EQ(ask(old), "PONG");
+  proxy.stall_connection();
+  EXPECT_EQ(ask(old, 50), timed_out);
+  EXPECT_EQ(ask(served_last), "PONG");
+  const Context stalled = connect_to(proxy);
+  EXPECT_EQ(ask(stalled), "PONG");
+  proxy.stall_connection();
+  proxy.end_stall();
+  EXPECT_EQ(ask(stalled), reset);
+  proxy.set_target(other.port());
+  EXPECT_EQ(ask(served_last), reset);
+  EXPECT_EQ(ask(connect_to(proxy)), "LOADING");
+  proxy.set_target(server.port());
+  EXPECT_EQ(ask(connect_to(proxy)), "PONG");
+}
+
 TEST(TcpProxy, DelaysEachWay) {
   const ScriptedServer server{std::string("+PONG\r\n")};
   constexpr std::chrono::milliseconds delay(10);

@@ -19,28 +19,58 @@ milliseconds between(std::mt19937_64& plan, int shortest, int longest) {
                       static_cast<int>(plan() % static_cast<unsigned>(longest - shortest)));
 }
 
+bool is_of_all_servers(Fault fault) { return fault == away || fault == long_away; }
+
 double seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
 
 }  // namespace
 
 void FaultRecord::begin(const std::string& server) {
   const std::scoped_lock lock(mutex_);
-  spans_.push_back({server, Clock::now(), Clock::time_point::max()});
+  spans_.push_back({server, {Clock::now(), Clock::time_point::max()}});
 }
 
 void FaultRecord::end(const std::string& server) {
   const std::scoped_lock lock(mutex_);
   const auto latest = std::find_if(spans_.rbegin(), spans_.rend(),
                                    [&](const Span& span) { return span.server == server; });
-  latest->to = Clock::now();
+  latest->time.to = Clock::now();
 }
 
 bool FaultRecord::touches(const std::string& server, Clock::time_point from,
                           Clock::time_point to) const {
   const std::scoped_lock lock(mutex_);
   return outside_ || std::any_of(spans_.rbegin(), spans_.rend(), [&](const Span& span) {
-           return span.server == server && span.from <= to && span.to >= from;
+           return span.server == server && span.time.from <= to && span.time.to >= from;
          });
+}
+
+void FaultRecord::begin_outage(int pool) {
+  const std::scoped_lock lock(mutex_);
+  outages_.at(index_of(pool)).push_back({Clock::now(), Clock::time_point::max()});
+}
+
+void FaultRecord::end_outage(int pool) {
+  const std::scoped_lock lock(mutex_);
+  outages_.at(index_of(pool)).back().to = Clock::now();
+}
+
+std::optional<Outage> FaultRecord::outage_before(int pool, Clock::time_point time) const {
+  const std::scoped_lock lock(mutex_);
+  const std::vector<Outage>& all = outages_.at(index_of(pool));
+  const auto latest = std::find_if(all.rbegin(), all.rend(),
+                                   [&](const Outage& outage) { return outage.from <= time; });
+  return latest != all.rend() ? std::optional(*latest) : std::nullopt;
+}
+
+void FaultRecord::note_extra_reply(int pool) {
+  extra_replies_.at(index_of(pool)) = Clock::now().time_since_epoch().count();
+}
+
+bool FaultRecord::may_be_out_of_step(int pool, Clock::time_point from, Clock::time_point to) const {
+  const Clock::rep ticks = extra_replies_.at(index_of(pool));
+  const Clock::time_point begin{Clock::duration(ticks)};
+  return ticks != 0 && begin <= to && from <= begin + out_of_step_window;
 }
 
 Driver::Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record,
@@ -58,15 +88,15 @@ Driver::Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultR
 
 Clock::time_point Driver::step() {
   Clock::time_point next = Clock::time_point::max();
-  for (std::size_t number = 0; number < pool_count && !faults_.empty(); ++number) {
-    Pool& pool = pools_[number];
+  for (int number = 1; number <= static_cast<int>(pool_count) && !faults_.empty(); ++number) {
+    Pool& pool = pools_.at(index_of(number));
     if (pool.next <= Clock::now()) {
-      if (pool.target == nullptr && calls_from_before_(pool.cleared)) {
+      if (pool.targets.empty() && calls_from_before_(pool.cleared)) {
         pool.next = Clock::now() + milliseconds(shortest_fault_ms);
-      } else if (pool.target == nullptr) {
+      } else if (pool.targets.empty()) {
         inject(number, pool);
       } else {
-        clear(pool);
+        clear(number, pool);
         plan_next(pool);
       }
     }
@@ -76,31 +106,63 @@ Clock::time_point Driver::step() {
 }
 
 void Driver::clear_all() {
-  for (Pool& pool : pools_) {
-    if (pool.target != nullptr) {
-      clear(pool);
+  for (int number = 1; number <= static_cast<int>(pool_count); ++number) {
+    Pool& pool = pools_.at(index_of(number));
+    if (!pool.targets.empty()) {
+      clear(number, pool);
     }
   }
   faults_.clear();
 }
 
-void Driver::inject(std::size_t number, Pool& pool) {
-  const auto& servers = site_.pools[number];
+void Driver::inject(int number, Pool& pool) {
+  const auto& servers = site_.pools.at(index_of(number));
   const std::size_t server = pool.plan() % servers.size();
   pool.fault = faults_[pool.plan() % faults_.size()];
-  const milliseconds length = between(pool.plan, shortest_fault_ms, longest_fault_ms);
-  pool.target = servers[server].get();
-  std::printf("%8.2f s  planned %8.2f s  %-5s  pool %zu server %zu", seconds(Clock::now() - start_),
-              seconds(pool.next - start_), fault_names[pool.fault], number + 1, server + 1);
+  const milliseconds length = length_of(pool.fault, pool.plan);
+  std::printf("%8.2f s  planned %8.2f s  %-12s  pool %d ", seconds(Clock::now() - start_),
+              seconds(pool.next - start_), fault_names.at(pool.fault), number);
+  if (is_of_all_servers(pool.fault)) {
+    std::printf("all servers");
+    record_.begin_outage(number);
+    for (const auto& target : servers) {
+      pool.targets.push_back(target.get());
+    }
+  } else {
+    std::printf("server %zu", server + 1);
+    pool.targets.push_back(servers[server].get());
+  }
   std::printf(pool.fault == reset ? "\n" : "  for %4ld ms\n", static_cast<long>(length.count()));
-  record_.begin(pool.target->addr());
-  pool.target->inject(pool.fault);
-  ++injected_[pool.fault];
+  if (pool.fault == extra_reply) {
+    record_.note_extra_reply(number);
+  }
+  for (Target* target : pool.targets) {
+    record_.begin(target->addr());
+    target->inject(pool.fault);
+  }
+  ++injected_.at(pool.fault);
   if (pool.fault == reset) {
-    clear(pool);
+    clear(number, pool);
     plan_next(pool);
   } else {
-    pool.next += length;
+    pool.next = Clock::now() + length;
+  }
+}
+
+milliseconds Driver::length_of(Fault fault, std::mt19937_64& plan) const {
+  const int reply_ms = site_.settings.socket_timeout_ms;
+  const int call_ms = site_.settings.options.call_timeout;
+  switch (fault) {
+    case stalled:  // so that the client gives the connection up, if it uses it
+      return between(plan, 2 * reply_ms, 4 * reply_ms);
+    case extra_reply:  // no other fault may take a connection that is out of step
+      return out_of_step_window;
+    case away:  // what is left until the deadline is enough to find the servers back
+      return between(plan, call_ms / 20, call_ms * 2 / 5);
+    case long_away:  // what is left of it after a first wait is enough to see a second one
+      return between(plan, call_ms * 7 / 4, call_ms * 9 / 4);
+    default:
+      return between(plan, shortest_fault_ms, longest_fault_ms);
   }
 }
 
@@ -110,9 +172,14 @@ void Driver::plan_next(Pool& pool) {
                        Clock::now() + milliseconds(shortest_pause_ms));
 }
 
-void Driver::clear(Pool& pool) {
-  pool.target->clear(pool.fault);
-  record_.end(pool.target->addr());
+void Driver::clear(int number, Pool& pool) {
+  for (Target* target : pool.targets) {
+    target->clear(pool.fault);
+    record_.end(target->addr());
+  }
+  if (is_of_all_servers(pool.fault)) {
+    record_.end_outage(number);
+  }
+  pool.targets.clear();
   pool.cleared = Clock::now();
-  pool.target = nullptr;
 }

@@ -1,12 +1,14 @@
-// Injects faults into one server of each pool at a time, on a plan that a seed determines, and
-// remembers when.
+// Injects faults into one server of each pool at a time, or into all of a pool, on a plan that a
+// seed determines, and remembers when.
 #ifndef RUVO_TOOLS_CHAOS_DRIVER_H
 #define RUVO_TOOLS_CHAOS_DRIVER_H
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -15,7 +17,17 @@
 
 using Clock = std::chrono::steady_clock;
 
-// When each server was at fault. Asked by the threads that call, written by the driver.
+// A reply too many shifts the later ones until the library looks at the connection: after 100 ms or
+// 64 round trips, once it has run empty.
+constexpr std::chrono::milliseconds out_of_step_window(1000);
+
+struct Outage {
+  Clock::time_point from;
+  Clock::time_point to;  // the greatest there is while it lasts
+};
+
+// When each server was at fault. Asked by the threads that call, written by the driver. Pools are
+// counted from 1.
 class FaultRecord {
  public:
   // `outside`: somebody else injects faults, and any server may have one at any time.
@@ -25,16 +37,28 @@ class FaultRecord {
   // Was it at fault at any time in between?
   bool touches(const std::string& server, Clock::time_point from, Clock::time_point to) const;
 
+  // All servers of a pool are away.
+  void begin_outage(int pool);
+  void end_outage(int pool);
+  // The latest that began before.
+  std::optional<Outage> outage_before(int pool, Clock::time_point time) const;
+
+  // A connection of the pool gets a reply that nobody asked for.
+  void note_extra_reply(int pool);
+  // May a call of that time have got another one's reply?
+  bool may_be_out_of_step(int pool, Clock::time_point from, Clock::time_point to) const;
+
  private:
   struct Span {
     std::string server;
-    Clock::time_point from;
-    Clock::time_point to;  // the greatest there is while it lasts
+    Outage time;
   };
 
   bool outside_;
+  std::array<std::atomic<Clock::rep>, pool_count> extra_replies_{};  // the latest; 0: none
   mutable std::mutex mutex_;
-  std::vector<Span> spans_;  // guarded by mutex_; the latest last
+  std::vector<Span> spans_;  // guarded by mutex_, like the next one; the latest last
+  std::array<std::vector<Outage>, pool_count> outages_;
 };
 
 class Driver {
@@ -57,12 +81,13 @@ class Driver {
     std::mt19937_64 plan;
     Clock::time_point next;
     Clock::time_point cleared;
-    Target* target = nullptr;  // that has a fault
+    std::vector<Target*> targets;  // that have a fault
     Fault fault = killed;
   };
 
-  void inject(std::size_t number, Pool& pool);
-  void clear(Pool& pool);
+  void inject(int number, Pool& pool);
+  void clear(int number, Pool& pool);
+  std::chrono::milliseconds length_of(Fault fault, std::mt19937_64& plan) const;
   static void plan_next(Pool& pool);
 
   Site& site_;

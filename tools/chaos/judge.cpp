@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 using std::chrono::milliseconds;
 
@@ -12,6 +13,9 @@ const std::array<const char*, failure_count> failure_names{"the other server sti
                                                            "visits used up",
                                                            "raw command came round",
                                                            "call timeout",
+                                                           "not sent again: it may have run",
+                                                           "connection out of step",
+                                                           "pool away for too long",
                                                            "outage expected",
                                                            "NOT ALLOWED"};
 
@@ -43,60 +47,58 @@ void print(const char* verdict, const Call& call, double seconds, const Walk& wa
 }  // namespace
 
 Judge::Judge(const Site& site, const FaultRecord& faults, int threads)
-    : site_(site), faults_(faults), threads_(threads), begins_(static_cast<std::size_t>(threads)) {}
+    : site_(site),
+      faults_(faults),
+      threads_(threads),
+      callers_(static_cast<std::size_t>(threads)) {}
 
 double Judge::seconds(Ticks time) {
   return std::chrono::duration<double>(Clock::duration(time)).count();
 }
 
-std::atomic<Judge::Ticks>& Judge::my_begin() {
+Judge::Caller& Judge::me() {
   thread_local const std::size_t mine = next_thread_++;
-  return begins_.at(mine % begins_.size());
+  return callers_.at(mine % callers_.size());
 }
 
-// As the operations guide derives it: a visit takes at most C + 6 S.
-//
-// Threads that meet on a connection wait for each other: one visit each, or, where they share its
-// round trips, one visit of the thread that leads, whose last send takes those along that wait.
-//
-// When call_timeout passes, what is under way still ends, and nothing else is begun: at most
-// such a wait and one step of this thread's own, a rebuild (C + 2 S) or an exchange (2 S).
+bool Judge::is_bound_to_pool(const Call& call) const {
+  return call.family != raw || site_.settings.options.raw_commands_stay_in_pool;
+}
+
+// As the operations guide derives it. Without a deadline a visit takes at most C + 6 S, and each
+// visit waits for those of the threads that share its connection.
 Clock::duration Judge::bound(const Call& call) const {
   const Settings& settings = site_.settings;
-  const auto pool = static_cast<std::size_t>(call.pool - 1);
+  if (settings.options.call_timeout > 0) {
+    return milliseconds(settings.options.call_timeout) + scheduling_tolerance;
+  }
   const std::size_t servers =
-      call.family == raw ? site_.all_servers() : site_.pools.at(pool).size();
+      is_bound_to_pool(call) ? site_.pools.at(index_of(call.pool)).size() : site_.all_servers();
   const int commands = std::string_view(call.what) == "increase" ? 2 : 1;
-  const Clock::duration walk =
-      visit_bound(settings) * static_cast<int>(servers) * visits_per_server * sharers();
-  const Clock::duration timed =
-      milliseconds(settings.call_timeout_ms) + visit_bound(settings) * (sharers() - 1) +
-      milliseconds(settings.connect_timeout_ms + 2 * settings.socket_timeout_ms);
-  return commands * (settings.call_timeout_ms > 0 ? std::min(walk, timed) : walk);
+  return commands * visits_per_server * static_cast<int>(servers) * sharers() *
+         visit_bound(settings);
 }
 
-// The visits that pass at a connection until a call there has had its own.
+// With auto_pipelining they wait together: for the visit that is under way, and for the next.
 int Judge::sharers() const {
   const Settings& settings = site_.settings;
   const int threads = (threads_ + settings.connections - 1) / settings.connections;
-  return settings.auto_pipelining ? std::min(threads, 2) : threads;
+  return settings.options.auto_pipelining ? std::min(threads, 2) : threads;
 }
 
 std::string Judge::explain_bound() const {
-  const double typed = std::chrono::duration<double>(bound({strings, "", 1})).count();
-  const double any = std::chrono::duration<double>(bound({raw, "", 1})).count();
+  const Settings& settings = site_.settings;
   std::ostringstream text;
-  text << typed << " s for a typed command, " << any
-       << " s for a raw one: 2 visits x servers x (C + 6 S) x "
-       << (site_.settings.auto_pipelining ? "2 where threads" : "threads that")
-       << " share a connection";
-  if (site_.settings.call_timeout_ms > 0) {
-    text << ", or T + " << sharers() - 1
-         << " (C + 6 S) + C + 2 S, T = " << site_.settings.call_timeout_ms << " ms";
+  text << std::chrono::duration<double>(bound({strings, "", 1})).count() << " s";
+  if (settings.options.call_timeout > 0) {
+    text << ": call_timeout, and " << scheduling_tolerance.count() << " ms to schedule the thread";
+    return text.str();
   }
-  text << "; C = " << site_.settings.connect_timeout_ms
-       << " ms, S = " << site_.settings.socket_timeout_ms << " ms, " << threads_ << " threads on "
-       << site_.settings.connections << " connections";
+  text << " for a typed command, " << std::chrono::duration<double>(bound({raw, "", 1})).count()
+       << " s for a raw one: 2 visits x servers x (C + 6 S) x " << sharers()
+       << (settings.options.auto_pipelining ? " rounds" : " threads")
+       << " on a connection; C = " << settings.connect_timeout_ms
+       << " ms, S = " << settings.socket_timeout_ms << " ms";
   return text.str();
 }
 
@@ -106,19 +108,21 @@ bool Judge::finds_hang() const {
 }
 
 bool Judge::has_call_from_before(Clock::time_point time) const {
-  return std::any_of(begins_.begin(), begins_.end(), [time](const std::atomic<Ticks>& begin) {
-    const Ticks begun = begin;
+  return std::any_of(callers_.begin(), callers_.end(), [time](const Caller& caller) {
+    const Ticks begun = caller.begin;
     return begun != 0 && begun < time.time_since_epoch().count();
   });
 }
 
-void Judge::call_begins(const Call& /*call*/) {
+void Judge::call_begins(const Call& call) {
   begin_walk();
-  my_begin() = Clock::now().time_since_epoch().count();
+  Caller& caller = me();
+  caller.served_last = served_.at(index_of(call.pool));
+  caller.begin = Clock::now().time_since_epoch().count();
 }
 
 void Judge::call_ended(const Call& call, int result) {
-  const Ticks begun = my_begin().exchange(0);
+  const Ticks begun = me().begin.exchange(0);
   const Clock::time_point from{Clock::duration(begun)};
   const Clock::time_point to = Clock::now();
   end_walk();
@@ -129,27 +133,48 @@ void Judge::call_ended(const Call& call, int result) {
     ++too_long_;
     print("TOO LONG", call, seconds(taken), walk);
   }
+  const milliseconds deadline(site_.settings.options.call_timeout);
+  if (deadline.count() > 0 && 2 * (to - from) > deadline) {
+    check_wait(call, from, to);
+  }
   for (const std::string& server : walk.failed) {
     if (!faults_.touches(server, from, to)) {
       ++failed_without_fault_;
       print("NO CONNECTION TO A SERVER THAT IS UP", call, seconds(taken), walk);
     }
   }
-  if (result == RUVO_ERR_FAILED) {
-    const Failure why = explain(call, walk, from, to);
-    ++failures_[why];
-    if (why == unexplained) {
-      print("FAILED WITHOUT REASON", call, seconds(taken), walk);
-    }
+  if (result != RUVO_ERR_FAILED) {
+    served_.at(index_of(call.pool)) = to;
+    return;
+  }
+  const Failure why = explain(call, walk, from, to);
+  ++failures_[why];
+  if (why == unexplained) {
+    print("FAILED WITHOUT REASON", call, seconds(taken), walk);
   }
 }
 
 Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point from,
-                       Clock::time_point to) const {
+                       Clock::time_point to) {
+  const Settings& settings = site_.settings;
+  const auto& servers = site_.pools.at(index_of(call.pool));
   if (site_.outage_expected) {
     return in_an_outage;
   }
-  if (call.family != raw && site_.settings.spares_calls()) {
+  if (faults_.may_be_out_of_step(call.pool, from, to)) {
+    return out_of_step;
+  }
+  if (may_fail_in_outage(call, from, to)) {
+    return in_a_long_outage;
+  }
+  // A connection that broke in a fault may be used only now: its threads waited in other pools.
+  const milliseconds aftermath(settings.options.call_timeout);
+  if (walk.may_have_run && std::any_of(servers.begin(), servers.end(), [&](const auto& server) {
+        return faults_.touches(server->addr(), from - aftermath, to);
+      })) {
+    return may_have_run;
+  }
+  if (is_bound_to_pool(call) && settings.spares_calls()) {
     return unexplained;  // none may fail
   }
   const bool tried_faulty_ones_only =
@@ -161,15 +186,13 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   if (walk.timed_out) {
     return out_of_time;
   }
-  if (call.family == raw && walk.failed_over()) {
+  if (!is_bound_to_pool(call) && walk.failed_over()) {
     return raw_came_round;
   }
-  const auto& servers = site_.pools.at(static_cast<std::size_t>(call.pool - 1));
   const auto is_in = [](const std::vector<std::string>& list, const std::string& server) {
     return std::find(list.begin(), list.end(), server) != list.end();
   };
   // A server is ejected for failures in a fault, and for no longer than the settings say.
-  const Settings& settings = site_.settings;
   const Clock::duration ejection =
       std::chrono::seconds(settings.retry_timeout_s) + visit_bound(settings);
   for (const auto& server : servers) {
@@ -183,6 +206,39 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
     return visits_used_up;
   }
   return walk.skipped.empty() ? each_had_a_fault : still_ejected;
+}
+
+// The latest outage of its pool, if that was long before the call ended: a shorter one costs no
+// call where calls wait for servers.
+std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to) const {
+  const milliseconds deadline(site_.settings.options.call_timeout);
+  const std::optional<Outage> outage = faults_.outage_before(call.pool, to);
+  return outage && std::min(outage->to, to) - outage->from >= deadline / 2 ? outage : std::nullopt;
+}
+
+// Served or not, a thread waits once in an outage: then the pool is given up.
+void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_point to) {
+  const std::optional<Outage> outage = long_outage(call, to);
+  if (outage && from <= outage->to &&
+      std::exchange(me().waited_in.at(index_of(call.pool)), outage->from) == outage->from) {
+    ++waited_again_;
+    print("WAITED AGAIN IN THE SAME OUTAGE", call, seconds((to - from).count()), current_walk());
+  }
+}
+
+// After a long outage calls may fail until the first is served: one call at a time tries the
+// servers, when a thread comes to that pool, and it may have waited in each of the others.
+bool Judge::may_fail_in_outage(const Call& call, Clock::time_point from, Clock::time_point to) {
+  const milliseconds deadline(site_.settings.options.call_timeout);
+  const Clock::duration to_find_back =
+      static_cast<int>(pool_count - 1) * deadline + longest_probe_pause + scheduling_tolerance;
+  const std::optional<Outage> outage = long_outage(call, to);
+  return outage && (from <= outage->to ||
+                    (me().served_last <= outage->to && from - outage->to <= to_find_back));
+}
+
+bool Judge::may_be_out_of_step(const Call& call, Clock::time_point begin) const {
+  return faults_.may_be_out_of_step(call.pool, begin, Clock::now());
 }
 
 bool Judge::may_have_left_pool() const { return current_walk().failed_over(); }

@@ -4,12 +4,18 @@
 
 #include <array>
 #include <atomic>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "driver.h"
 #include "walk_log.h"
 #include "workload.h"
+
+// Beyond what the library says that a call takes: until its thread runs on a busy machine.
+constexpr std::chrono::milliseconds scheduling_tolerance(1000);
+// An ejected server is tried that often, at least.
+constexpr std::chrono::milliseconds longest_probe_pause(500);
 
 // Why a call failed. The rules of the walk allow all but the last.
 enum Failure {
@@ -21,12 +27,18 @@ enum Failure {
   each_had_a_fault,
   // The walk made the two visits for each server that bound it, and no server replied.
   visits_used_up,
-  // A raw command leaves its pool when its server fails: for the pool whose number is the position
-  // of that server, counted from 1. It gives up as soon as it meets a server at the position where
-  // it began, though another may be up.
+  // A raw command that may leave its pool does so when its server fails: for the pool whose number
+  // is the position of that server, counted from 1. It gives up as soon as it meets a server at the
+  // position where it began, though another may be up.
   raw_came_round,
   // The time that a call may take had passed.
   out_of_time,
+  // With send_once: the connection broke in a fault, and the command may have run.
+  may_have_run,
+  // Another call's reply, or none: a connection of the pool got one that nobody asked for.
+  out_of_step,
+  // All servers of its pool were away for longer than a call waits, and until one was found back.
+  in_a_long_outage,
   // The operator has said that all servers of a pool may fail at once.
   in_an_outage,
   unexplained,
@@ -41,6 +53,7 @@ class Judge : public CallObserver {
   void call_begins(const Call& call) override;
   void call_ended(const Call& call, int result) override;
   bool may_have_left_pool() const override;
+  bool may_be_out_of_step(const Call& call, Clock::time_point begin) const override;
 
   // The longest that a call may take, and how that comes about.
   Clock::duration bound(const Call& call) const;
@@ -53,25 +66,38 @@ class Judge : public CallObserver {
   long failures(Failure why) const { return failures_[why]; }
   long too_long() const { return too_long_; }
   long failed_without_fault() const { return failed_without_fault_; }
+  long waited_again() const { return waited_again_; }
   double longest_typed() const { return seconds(longest_typed_); }
   double longest_raw() const { return seconds(longest_raw_); }
 
  private:
   using Ticks = Clock::rep;
+  // A thread that calls.
+  struct Caller {
+    std::atomic<Ticks> begin{0};                          // of its call; 0 between calls
+    Clock::time_point served_last;                        // a call of that pool, when its own began
+    std::array<Clock::time_point, pool_count> waited_in;  // the outage that it waited in last
+  };
+
   static double seconds(Ticks time);
-  std::atomic<Ticks>& my_begin();
+  Caller& me();
   int sharers() const;
-  Failure explain(const Call& call, const Walk& walk, Clock::time_point from,
-                  Clock::time_point to) const;
+  bool is_bound_to_pool(const Call& call) const;
+  Failure explain(const Call& call, const Walk& walk, Clock::time_point from, Clock::time_point to);
+  std::optional<Outage> long_outage(const Call& call, Clock::time_point to) const;
+  void check_wait(const Call& call, Clock::time_point from, Clock::time_point to);
+  bool may_fail_in_outage(const Call& call, Clock::time_point from, Clock::time_point to);
 
   const Site& site_;
   const FaultRecord& faults_;
   int threads_;
-  std::vector<std::atomic<Ticks>> begins_;                 // for each thread, 0 between calls
+  std::vector<Caller> callers_;
   static inline std::atomic<std::size_t> next_thread_{0};  // of all judges: a thread has one number
+  std::array<std::atomic<Clock::time_point>, pool_count> served_{};  // the latest call of the pool
   std::array<std::atomic<long>, failure_count> failures_{};
   std::atomic<long> too_long_{0};
   std::atomic<long> failed_without_fault_{0};
+  std::atomic<long> waited_again_{0};
   std::atomic<Ticks> longest_typed_{0};
   std::atomic<Ticks> longest_raw_{0};
 };

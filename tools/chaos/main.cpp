@@ -25,11 +25,14 @@ constexpr int most_runs = 8;
 constexpr const char* description =
     R"(Keeps a host at work while its servers fail, and checks that it can trust the library with its
 life: threads use all families of operations on the three pools and check every value, while faults
-are injected into one server of each pool at a time (kill and start again, stop and continue, pause,
-reset connections) on a plan that --seed determines.
+are injected on a plan that --seed determines.
 
 Without --config it starts servers of its own on loopback: for each pool a Redis behind two TCP
-proxies, which the faults are injected into. They are gone when it ends.
+proxies, which the faults are injected into. They are gone when it ends. One server of each pool at
+a time is killed and started again, stopped and continued, paused, has its connections reset, stalls
+on one connection, answers what nobody asked for, or answers everything with READONLY, LOADING or
+"max number of clients reached"; or all servers of a pool are away, for less than call_timeout or
+for longer. The host starts while all servers are down.
 
 With --config it works on an operator's servers. THEY MUST BE THROWAWAY ONES: it writes keys of its
 own in all pools (ruvo_workload:...) and leaves them there, and a server that loses data or carries
@@ -45,8 +48,7 @@ struct Options {
   std::uint64_t seed = std::random_device()();
   int seconds = 60;
   int threads = 16;
-  Settings settings;
-  bool plain = false;
+  OwnSettings own;
   std::string config;
   bool throwaway = false;
   std::string fault_command;
@@ -68,6 +70,9 @@ class Host {
             worker.work(round);
           }
         }
+        for (Worker& worker : workers) {
+          worker.balance();
+        }
       });
     }
   }
@@ -83,17 +88,27 @@ class Host {
   std::vector<std::jthread> threads_;
 };
 
+// A process that has been stopped finds old calls when it goes on, and none of them a moment later.
 void end_if_hung(const Judge& judge) {
   if (judge.finds_hang()) {
-    std::puts("HANG: a call has taken longer than any may");
-    std::fflush(stdout);
-    std::_Exit(1);
+    std::this_thread::sleep_for(longest_sleep);
+    if (judge.finds_hang()) {
+      std::puts("HANG: a call has taken longer than any may");
+      std::fflush(stdout);
+      std::_Exit(1);
+    }
   }
 }
 
 void wait_until(Clock::time_point end, const Judge& judge) {
   for (Clock::time_point now; (now = Clock::now()) < end; end_if_hung(judge)) {
-    std::this_thread::sleep_until(std::min(end, now + longest_sleep));
+    const Clock::time_point until = std::min(end, now + longest_sleep);
+    std::this_thread::sleep_until(until);
+    const Clock::duration late = Clock::now() - until;
+    if (late > scheduling_tolerance) {
+      std::printf("STOOD STILL for %.1f s: the machine or somebody held this process up\n",
+                  std::chrono::duration<double>(late).count());
+    }
   }
 }
 
@@ -129,6 +144,65 @@ void settle(const Site& site, const Judge& judge) {
   }
 }
 
+// While it lives, no server of the run serves.
+class EverythingDown : NoCopy {
+ public:
+  EverythingDown(Site& site, FaultRecord& faults) : site_(site), faults_(faults) {
+    for_each([this](Target& target) {
+      faults_.begin(target.addr());
+      target.inject(killed);
+    });
+  }
+  ~EverythingDown() {
+    for_each([this](Target& target) {
+      target.clear(killed);
+      faults_.end(target.addr());
+    });
+  }
+
+ private:
+  template <typename Action>
+  void for_each(const Action& action) {
+    for (const auto& pool : site_.pools) {
+      for (const auto& target : pool) {
+        action(*target);
+      }
+    }
+  }
+
+  Site& site_;
+  FaultRecord& faults_;
+};
+
+// With servers of its own the host starts before them, where it can.
+std::unique_ptr<StartedLibrary> start_library(const Options& options, Site& site,
+                                              FaultRecord& faults) {
+  std::optional<EverythingDown> down;
+  if (options.config.empty() && site.settings.options.start_without_servers) {
+    down.emplace(site, faults);
+  }
+  return std::make_unique<StartedLibrary>(site.config);
+}
+
+std::vector<Fault> faults_of(const Options& options, const Settings& settings) {
+  if (!options.config.empty()) {
+    return options.fault_command.empty() ? std::vector<Fault>() : std::vector{killed};
+  }
+  std::vector faults{killed, stopped, paused, reset, stalled};
+  // An extra reply that comes after the one before has been read is seen by auto_pipelining alone:
+  // without it all later replies of the connection are shifted, and every value may be wrong.
+  if (settings.options.auto_pipelining) {
+    faults.push_back(extra_reply);
+  }
+  if (!settings.options.failover_replies.empty()) {
+    faults.insert(faults.end(), {read_only, loading, at_limit});
+  }
+  if (settings.options.wait_for_servers) {
+    faults.insert(faults.end(), {away, long_away});
+  }
+  return faults;
+}
+
 class Verdict {
  public:
   void add(const Condition& condition) {
@@ -149,14 +223,19 @@ void print_report(const Totals& totals, const Judge& judge, const Driver& driver
   }
   std::printf("values checked           %" PRId64 "\nwrong values             %" PRId64
               "\nfailed operations        %" PRId64 "\nran more than once       %" PRId64
-              "\nraw commands asked again %" PRId64 "\nfaults                  ",
+              "\nraw commands asked again %" PRId64 "\nresults out of step      %" PRId64
+              "\nincrements               %" PRId64 " acknowledged, %" PRId64 " failed, %" PRId64
+              " stored\nfaults                  ",
               totals.values_checked.load(), totals.wrong_values.load(), totals.failed.load(),
-              totals.run_twice.load(), totals.asked_again.load());
+              totals.run_twice.load(), totals.asked_again.load(), totals.out_of_step.load(),
+              totals.increments_acknowledged.load(), totals.increments_failed.load(),
+              totals.increments_stored.load());
   if (is_from_outside) {
     std::printf(" from outside");
   }
   for (std::size_t fault = 0; fault < fault_names.size() && !is_from_outside; ++fault) {
-    std::printf(" %ld %s", driver.injected()[fault], fault_names[fault]);
+    std::printf("%s %ld %s", fault > 0 ? "," : "", driver.injected().at(fault),
+                fault_names.at(fault));
   }
   std::puts("\nfailed calls");
   for (std::size_t why = 0; why < failure_names.size(); ++why) {
@@ -187,9 +266,9 @@ void print_resources(const char* when, const Resources& held) {
 }
 
 int run_chaos(const Options& options, Site& site) {
-  std::printf("ruvo_chaos --seed %" PRIu64 " --seconds %d --threads %d%s%s\n", options.seed,
-              options.seconds, options.threads, options.settings.password ? " --password" : "",
-              options.plain ? " --plain" : "");
+  std::printf("ruvo_chaos --seed %" PRIu64 " --seconds %d --threads %d%s%s%s\n", options.seed,
+              options.seconds, options.threads, options.own.password ? " --password" : "",
+              options.own.plain ? " --plain" : "", options.own.send_once ? " --send-once" : "");
   Verdict verdict;
   const bool is_from_outside = !options.outside_faults.empty();
   FaultRecord faults(is_from_outside);
@@ -207,21 +286,16 @@ int run_chaos(const Options& options, Site& site) {
   const Resources before = resources_in_use(site);
   Totals totals;
   totals.outage_expected = true;
-  totals.most_runs = most_runs;
+  totals.most_runs = site.settings.options.send_once ? 1 : most_runs;
   Judge judge(site, faults, options.threads);
-  std::vector<Fault> kinds;
-  if (options.config.empty()) {
-    kinds = {killed, stopped, paused, reset};
-  } else if (!options.fault_command.empty()) {
-    kinds = {killed};
-  }
-  Driver driver(site, options.seed, kinds, faults, [&](Clock::time_point time) {
-    return site.settings.spares_calls() && judge.has_call_from_before(time);
-  });
+  Driver driver(site, options.seed, faults_of(options, site.settings), faults,
+                [&](Clock::time_point time) {
+                  return site.settings.spares_calls() && judge.has_call_from_before(time);
+                });
   std::int64_t failed_late = 0;
   std::int64_t done_late = 0;
   {
-    const StartedLibrary library(site.config);
+    const auto library = start_library(options, site, faults);
     const Host host(options.threads, totals, judge);
     run_driver(options, driver, judge, totals);
     settle(site, judge);
@@ -273,18 +347,22 @@ void add_options(CLI::App& app, Options& options) {
         ->check(CLI::Range(1, 60000))
         ->excludes(config);
   };
-  add_setting("--connect-timeout", options.settings.connect_timeout_ms, "connect_timeout (ms)");
-  add_setting("--socket-timeout", options.settings.socket_timeout_ms, "socket_timeout (ms)");
-  add_setting("--retry-timeout", options.settings.retry_timeout_s, "..._server_retry_timeout (s)");
-  add_setting("--connections", options.settings.connections, "Connections to each");
-  app.add_flag("--password", options.settings.password,
+  add_setting("--connect-timeout", options.own.connect_timeout_ms, "connect_timeout (ms)");
+  add_setting("--socket-timeout", options.own.socket_timeout_ms, "socket_timeout (ms)");
+  add_setting("--retry-timeout", options.own.retry_timeout_s, "..._server_retry_timeout (s)");
+  add_setting("--connections", options.own.connections, "Connections to each");
+  app.add_flag("--password", options.own.password,
                "Its own servers want a password: plain, those that hang are ejected as well")
       ->excludes(config);
+  auto* plain = app.add_flag("--plain", options.own.plain,
+                             "Without recommended_defaults: a call may then fail where the walk's "
+                             "rules allow it")
+                    ->excludes(config);
   app.add_flag(
-         "--plain", options.plain,
-         "Without the keys that a new site switches on: a call may then fail where the walk's "
-         "rules allow it")
-      ->excludes(config);
+         "--send-once", options.own.send_once,
+         "With send_once: no increment may count twice, and a command that may have run fails")
+      ->excludes(config)
+      ->excludes(plain);
 }
 
 int run(int argc, char** argv) {
@@ -297,12 +375,7 @@ int run(int argc, char** argv) {
   }
   int result = 0;
   if (options.config.empty()) {
-    Settings& settings = options.settings;
-    settings.auto_pipelining = settings.eject_silent_servers = settings.try_ejected_servers =
-        !options.plain;
-    // Long enough for a visit to a server that hangs, two waits behind others, and one more visit.
-    settings.call_timeout_ms = options.plain ? 0 : 5 * settings.socket_timeout_ms;
-    OwnServers servers(settings);
+    OwnServers servers(options.own);
     result = run_chaos(options, servers.site());
   } else {
     Site site = configured_site(options.config, options.fault_command);

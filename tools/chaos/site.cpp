@@ -2,10 +2,12 @@
 
 #include <ruvo/busin_config.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 
+#include "servers.h"
 #include "settings.h"
 #include "tcp_proxy.h"
 
@@ -13,32 +15,80 @@ namespace {
 
 constexpr const char* password = "chaos";
 
+// In the order of their faults, from read_only.
+constexpr std::array<const char*, 3> refusals{
+    "-READONLY You can't write against a read only replica.\r\n",
+    "-LOADING Redis is loading the dataset in memory\r\n",
+    "-ERR max number of clients reached\r\n"};
+
+std::size_t index_of_refusal(Fault fault) {
+  return static_cast<std::size_t>(fault) - static_cast<std::size_t>(read_only);
+}
+
+// Answers and does not serve.
+std::unique_ptr<ScriptedServer> refusing_server(Fault fault) {
+  const std::string refusal = refusals.at(index_of_refusal(fault));
+  if (fault == at_limit) {  // says so at once, and closes
+    return std::make_unique<ScriptedServer>([refusal](Peer& peer) { peer.send(refusal); });
+  }
+  return std::make_unique<ScriptedServer>(
+      ScriptedServer::Answer([refusal](const std::vector<std::string>& words) {
+        return words.front() == "AUTH" ? "+OK\r\n" : refusal;
+      }));
+}
+
 class OwnProxy : public Target {
  public:
-  explicit OwnProxy(std::unique_ptr<TcpProxy> proxy)
-      : Target(proxy->addr()), proxy_(std::move(proxy)) {}
+  // `refusing`: the ports of those that answer and do not serve, in the order of their faults.
+  OwnProxy(std::unique_ptr<TcpProxy> proxy, int redis_port, const std::vector<int>& refusing)
+      : Target(proxy->addr()),
+        proxy_(std::move(proxy)),
+        redis_port_(redis_port),
+        refusing_(refusing) {}
 
   void inject(Fault fault) override {
     switch (fault) {
       case killed:
+      case away:
+      case long_away:
         return proxy_->set_mode(TcpProxy::Mode::refuse);
       case stopped:
         return proxy_->set_mode(TcpProxy::Mode::hang);
       case paused:
         return proxy_->set_mode(TcpProxy::Mode::swallow);
+      case stalled:
+        return proxy_->stall_connection();
+      case extra_reply:
+        return proxy_->add_reply("$5\r\nextra\r\n");
+      case read_only:
+      case loading:
+      case at_limit:
+        return proxy_->set_target(refusing_.at(index_of_refusal(fault)));
       default:
         return proxy_->reset_connections();
     }
   }
   void clear(Fault fault) override {
-    if (fault != reset) {
-      proxy_->set_mode(TcpProxy::Mode::forward);
+    switch (fault) {
+      case stalled:
+        return proxy_->end_stall();
+      case read_only:
+      case loading:
+      case at_limit:
+        return proxy_->set_target(redis_port_);
+      case reset:
+      case extra_reply:
+        return;
+      default:
+        return proxy_->set_mode(TcpProxy::Mode::forward);
     }
   }
   void drop_connections() override { proxy_->reset_connections(); }
 
  private:
   std::unique_ptr<TcpProxy> proxy_;
+  int redis_port_;
+  std::vector<int> refusing_;
 };
 
 class CommandTarget : public Target {
@@ -60,22 +110,25 @@ class CommandTarget : public Target {
 };
 
 constexpr int most_lines = 1000000;  // of a kind in a second, and more than there can be
+// Long enough for a visit to a server that hangs, and for a second one.
+constexpr int socket_timeouts_of_call = 5;
 
-std::string common_settings(const Settings& settings) {
+std::string common_settings(const OwnSettings& settings) {
   std::ostringstream lines;
   lines << "connect_timeout = " << settings.connect_timeout_ms
         << "\nsocket_timeout = " << settings.socket_timeout_ms << '\n';
-  if (settings.auto_pipelining || settings.spares_calls() || settings.call_timeout_ms > 0) {
-    lines << std::boolalpha << "auto_pipelining = " << settings.auto_pipelining
-          << "\neject_silent_servers = " << settings.eject_silent_servers
-          << "\ntry_ejected_servers = " << settings.try_ejected_servers
-          << "\nlog_limit = " << most_lines << "\ncall_timeout = " << settings.call_timeout_ms
+  if (!settings.plain) {
+    lines << "recommended_defaults = true\ncall_timeout = "
+          << socket_timeouts_of_call * settings.socket_timeout_ms << "\nlog_limit = " << most_lines
           << '\n';
+  }
+  if (settings.send_once) {
+    lines << "send_once = true\n";
   }
   return lines.str();
 }
 
-std::string server_settings(const Settings& settings) {
+std::string server_settings(const OwnSettings& settings) {
   std::ostringstream lines;
   lines << "p_connect_num = " << settings.connections << '\n';
   for (const char* pool : {"p", "t", "ps"}) {
@@ -87,55 +140,71 @@ std::string server_settings(const Settings& settings) {
   return lines.str();
 }
 
-}  // namespace
-
-OwnServers::OwnServers(const Settings& settings) {
-  site_.settings = settings;
-  std::array<std::string, pool_count> addrs;
-  for (std::size_t pool = 0; pool < pool_count; ++pool) {
-    redis_[pool] = std::make_unique<RedisServer>(
-        settings.password ? std::string("--requirepass ") + password : "");
-    for (int proxy = 0; proxy < 2; ++proxy) {
-      site_.pools[pool].push_back(
-          std::make_unique<OwnProxy>(std::make_unique<TcpProxy>(redis_[pool]->port())));
-      addrs[pool] += (proxy > 0 ? "," : "") + site_.pools[pool].back()->addr();
-    }
-  }
-  config_.emplace(common_settings(settings) + pools_at(addrs[0], addrs[1], addrs[2]),
-                  server_settings(settings));
-  site_.config = config_->path();
-}
-
-Site configured_site(const std::string& config, const std::string& command) {
+site_settings read_settings(const std::string& config) {
   vop_config reader;
   const char* path = nullptr;
   if (reader.open(config.c_str()) != 0 || (path = find_redis_config(reader)) == nullptr ||
       reader.open(std::string(path).c_str()) != 0) {
     throw std::runtime_error("cannot read the configuration " + config);
   }
-  const site_settings read = read_site_settings(reader);
-  Site site;
-  site.config = config;
-  Settings& settings = site.settings;
+  return read_site_settings(reader);
+}
+
+Settings settings_of_host(const site_settings& read) {
+  Settings settings;
   settings.connect_timeout_ms = read.limits.connect_timeout;
   settings.socket_timeout_ms = read.limits.socket_timeout;
   settings.connections = read.pools[0].connect_num;
+  settings.options = read.options;
+  settings.retry_timeout_s = 0;
+  for (const pool_settings& pool : read.pools) {
+    settings.retry_timeout_s = std::max(settings.retry_timeout_s, pool.server_retry_timeout);
+  }
+  return settings;
+}
+
+}  // namespace
+
+OwnServers::OwnServers(const OwnSettings& settings) {
+  std::vector<int> refusing;
+  for (const Fault fault : {read_only, loading, at_limit}) {
+    refusing.push_back(refusing_.emplace_back(refusing_server(fault))->port());
+  }
+  std::array<std::string, pool_count> addrs;
+  for (std::size_t pool = 0; pool < pool_count; ++pool) {
+    redis_[pool] = std::make_unique<RedisServer>(
+        settings.password ? std::string("--requirepass ") + password : "");
+    const int port = redis_[pool]->port();
+    for (int proxy = 0; proxy < 2; ++proxy) {
+      site_.pools[pool].push_back(
+          std::make_unique<OwnProxy>(std::make_unique<TcpProxy>(port), port, refusing));
+      addrs[pool] += (proxy > 0 ? "," : "") + site_.pools[pool].back()->addr();
+    }
+  }
+  config_.emplace(common_settings(settings) + pools_at(addrs[0], addrs[1], addrs[2]),
+                  server_settings(settings));
+  site_.config = config_->path();
+  site_.settings = settings_of_host(read_settings(site_.config));
+}
+
+OwnServers::~OwnServers() = default;
+
+Site configured_site(const std::string& config, const std::string& command) {
+  const site_settings read = read_settings(config);
+  Site site;
+  site.config = config;
+  site.settings = settings_of_host(read);
+  const Settings& settings = site.settings;
   if (settings.connect_timeout_ms < 1 || settings.socket_timeout_ms < 1 ||
       settings.connections < 1) {
     throw std::runtime_error("connect_timeout, socket_timeout and p_connect_num must be above 0");
   }
-  settings.auto_pipelining = read.options.auto_pipelining;
-  settings.eject_silent_servers = read.options.eject_silent_servers;
-  settings.try_ejected_servers = read.options.try_ejected_servers;
-  settings.call_timeout_ms = read.options.call_timeout;
-  if (read.options.log_limit > 0 && read.options.log_limit < most_lines) {
+  if (settings.options.log_limit > 0 && settings.options.log_limit < most_lines) {
     throw std::runtime_error("log_limit must be 0, or " + std::to_string(most_lines) +
                              " at least: every line is read");
   }
-  settings.retry_timeout_s = 0;
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
     const pool_settings& own = read.pools[pool];
-    settings.retry_timeout_s = std::max(settings.retry_timeout_s, own.server_retry_timeout);
     for (const server_addr& addr : parse_addresses(own.addresses.value_or("")).servers) {
       site.pools[pool].push_back(std::make_unique<CommandTarget>(to_text(addr), command));
     }

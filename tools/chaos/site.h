@@ -9,27 +9,52 @@
 #include <vector>
 
 #include "fixtures.h"
+#include "options.h"
+
+class ScriptedServer;
 
 constexpr std::size_t pool_count = 3;
+constexpr std::size_t index_of(int pool) { return static_cast<std::size_t>(pool) - 1; }
 
+// What the host's configuration says, as far as the judge needs it.
 struct Settings {
   int connect_timeout_ms = 400;
   int socket_timeout_ms = 400;
   int retry_timeout_s = 2;
   int connections = 2;  // to each server
-  bool password = false;
-  // What a new site switches on. Every line of the log is read here, so a limit keeps none back.
-  bool auto_pipelining = true;
-  bool eject_silent_servers = true;
-  bool try_ejected_servers = true;
-  int call_timeout_ms = 0;  // 0: none
+  client_options options;
 
-  // Does a typed command succeed whenever one server of its pool is up?
-  bool spares_calls() const { return eject_silent_servers && try_ejected_servers; }
+  // Does a call succeed whenever one server of its pool is up? Without waiting it does not: an
+  // ejected server is tried by one call at a time, and the others have none then.
+  bool spares_calls() const {
+    return options.eject_silent_servers && options.try_ejected_servers && options.wait_for_servers;
+  }
 };
 
-enum Fault { killed, stopped, paused, reset, fault_count };
-constexpr std::array<const char*, fault_count> fault_names{"kill", "stop", "pause", "reset"};
+// What its own servers may have beyond that.
+struct OwnSettings : Settings {
+  bool plain = false;  // without recommended_defaults
+  bool password = false;
+  bool send_once = false;
+};
+
+enum Fault {
+  killed,
+  stopped,
+  paused,
+  reset,
+  stalled,      // one connection gets no more replies
+  extra_reply,  // that nobody asked for
+  read_only,    // the server answers everything with an error, as in the next two
+  loading,
+  at_limit,  // of clients
+  away,      // all servers of the pool are killed, for less than call_timeout
+  long_away,
+  fault_count
+};
+constexpr std::array<const char*, fault_count> fault_names{
+    "kill",     "stop",    "pause",        "reset", "stall",    "extra reply",
+    "READONLY", "LOADING", "client limit", "away",  "long away"};
 
 // A server of a pool, as far as the run can inject faults into it.
 class Target : NoCopy {
@@ -57,13 +82,15 @@ struct Site {
 };
 
 // A Redis for each pool behind two proxies. The Redis processes end with the calling thread.
-class OwnServers {
+class OwnServers : NoCopy {
  public:
-  explicit OwnServers(const Settings& settings);
+  explicit OwnServers(const OwnSettings& settings);
+  ~OwnServers();
   Site& site() { return site_; }
 
  private:
   std::array<std::unique_ptr<RedisServer>, pool_count> redis_;
+  std::vector<std::unique_ptr<ScriptedServer>> refusing_;
   std::optional<HostConfig> config_;
   Site site_;
 };

@@ -15,15 +15,20 @@ Condition condition_without_faults(const Totals& totals) {
 std::vector<Condition> conditions_of(const RunFacts& run) {
   std::vector<Condition> conditions{
       {run.totals.wrong_values == 0 && run.totals.values_checked > 0, "no wrong value"},
+      {run.totals.increments_lost == 0, "every acknowledged increment stored"},
       {run.judge.too_long() == 0, "every call within its bound"},
   };
+  const client_options& options = run.site.settings.options;
+  if (options.send_once) {
+    conditions.push_back({run.totals.increments_extra == 0, "no increment counted twice"});
+  }
+  if (options.wait_for_servers) {
+    conditions.push_back(
+        {run.judge.waited_again() == 0, "each thread waits once in an outage, at most"});
+  }
   if (!run.site.outage_expected) {
     conditions.push_back(
-        {run.judge.failures(unexplained) == 0,
-         run.site.settings.spares_calls()
-             ? "no typed call failed, and no raw one but where the walk's rules allow it"
-             : "no failed call while another server was up, but where the walk's rules "
-               "allow it"});
+        {run.judge.failures(unexplained) == 0, "no call failed, but where the rules allow it"});
   }
   if (!run.is_from_outside) {
     conditions.push_back(

@@ -32,6 +32,9 @@ void take_line(BaseLib::Logger::LogLevel /*level*/, const char* line, std::size_
     case EventKind::call_timed_out:
       walk.timed_out = true;
       break;
+    case EventKind::not_sent_again:
+      walk.may_have_run = true;
+      break;
     case EventKind::rebuild:
       ++events.rebuilds;  // until a later line says that it failed
       walk.rebuilds.push_back(server);

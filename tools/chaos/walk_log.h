@@ -13,6 +13,7 @@ struct Walk {
   std::vector<std::string> skipped;   // servers that were ejected
   bool met_broken = false;            // connections, rebuilt by whichever thread
   bool timed_out = false;
+  bool may_have_run = false;  // so it was not sent again
 
   // Has it left the server that it began with, or could it have?
   bool failed_over() const { return met_broken || !rebuilds.empty() || !failed.empty(); }

@@ -14,7 +14,7 @@ struct Advice {
   std::string reason;
 };
 
-// A key that stands in the file was chosen, and is left alone, but for error replies that a server
+// A key that stands in the file was chosen, and is not touched, but for error replies that a server
 // gives now and failover_replies does not name. REQUIRES: the servers have been probed.
 std::vector<Advice> advise(const StartupReport& report);
 

@@ -161,7 +161,7 @@ std::string report_text(const Options& options, const StartupReport& report,
   std::ostringstream text;
   text << "configuration  " << options.config << "\n"
        << "redis file     " << report.redis_config << "\n"
-       << "time-outs      connect " << limit_text(report.configuration.limits.connect_timeout)
+       << "timeouts       connect " << limit_text(report.configuration.limits.connect_timeout)
        << ", socket " << limit_text(report.configuration.limits.socket_timeout) << "\n"
        << "options        " << options_text(report.configuration.options) << "\n"
        << "result         " << result_text(report, result) << "\n\n"

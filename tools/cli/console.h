@@ -33,7 +33,7 @@ std::string columns(const std::vector<std::vector<std::string>>& rows,
 bool is_terminal(std::size_t lines);
 
 // SIGINT and SIGTERM ask the tool to end, and it does so in its own time; a second one ends it at
-// once. Threads that are to be left alone by them block them.
+// once. Threads that they must not interrupt block them.
 void catch_end_signals();
 void block_end_signals();
 bool is_end_wanted();

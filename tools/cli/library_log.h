@@ -1,4 +1,4 @@
-// The library's log in the tool: shown, written to a file, or kept back until something fails. What
+// The library's log in the tool: shown, written to a file, or held until something fails. What
 // the library did is known from its lines alone, so commands can listen to them too.
 #ifndef RUVO_TOOLS_CLI_LIBRARY_LOG_H
 #define RUVO_TOOLS_CLI_LIBRARY_LOG_H
@@ -28,7 +28,7 @@ void open_log(const LogOptions& wanted);
 // Throws Failure when the file has not taken every line.
 void require_log_written();
 
-// Shows what was kept back on standard error: the latest warnings and errors.
+// Shows the held lines on standard error: the latest warnings and errors.
 void show_kept_lines();
 
 // Listens to lines from `level` on while it lives; one at a time.

@@ -250,8 +250,8 @@ void add_stats(CLI::App& app, CommandLine& line, const std::string& group) {
                  "Look again every so many seconds (default 1), with the rates between", 1, 86400)
           ->expected(0, 1)
           ->default_str("1");
-  add_number(command, "--rounds", wanted.rounds, "Stop after so many looks; 0, the default: never",
-             0, std::numeric_limits<int>::max())
+  add_number(command, "--rounds", wanted.rounds, "Number of looks; 0, the default: no end", 0,
+             std::numeric_limits<int>::max())
       ->needs(watching);
   CLI::Option* prometheus =
       command.add_flag("--prometheus", wanted.prometheus, "Print it as Prometheus reads it")
@@ -276,17 +276,17 @@ void add_programs(CLI::App& app, CommandLine& line) {
            {connections_down, "every pool can be used; some servers or connections are not up"},
            {settings_misread, "all is up, but settings are not read as written"}}));
   CLI::App& listing =
-      add_command(app, line, "settings", "List every key of the configuration, without one", group,
+      add_command(app, line, "settings", "List every key that a configuration can hold", group,
                   [&line] { return list_settings(line.options); });
   listing.parse_complete_callback([&app] { app.get_option("--config")->required(false); });
   listing.footer(exit_status_help({{succeeded, "success"}}));
 
-  CLI::App& watching = add_command(app, line, "watch", "Tell of a pool's servers once a second",
-                                   group, [&line] { return watch(line.options, line.watch); });
-  add_number(watching, "--rounds", line.watch.rounds, "Stop after so many; 0, the default: never",
-             0, std::numeric_limits<int>::max());
+  CLI::App& watching = add_command(app, line, "watch", "Show a pool's servers once a second", group,
+                                   [&line] { return watch(line.options, line.watch); });
+  add_number(watching, "--rounds", line.watch.rounds, "Number of rounds; 0, the default: no end", 0,
+             std::numeric_limits<int>::max());
   watching.add_option("--stats-file", line.watch.stats_file,
-                      "A host's stats_file: show beside how that host sees each server");
+                      "A host's stats_file: show also how that host sees each server");
   watching.footer(exit_status_help({{succeeded, "in the last round every server was up"},
                                     {pools_down, "none was, or the pool has no servers"},
                                     {connections_down, "some were not"}}));

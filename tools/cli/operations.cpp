@@ -66,7 +66,7 @@ const std::vector<Operation>& table() {
        },
        true},
       {"exists",
-       "Is there such a key?",
+       "Test whether a key exists",
        Family::string,
        {P::key},
        [](const Arguments& a) -> Answer { return RUVO_ExistsKey(a.key.c_str(), a.pool, nullptr); },
@@ -77,14 +77,14 @@ const std::vector<Operation>& table() {
        {P::key},
        [](const Arguments& a) -> Answer { return RUVO_DeleteKey(a.key.c_str(), a.pool, nullptr); }},
       {"expire",
-       "Let a key expire",
+       "Set the expiry of a key",
        Family::string,
        {P::key, P::seconds},
        [](const Arguments& a) -> Answer {
          return RUVO_ExpireKey(a.key.c_str(), a.seconds, a.pool, nullptr);
        }},
       {"persist",
-       "Take a key's time-out away",
+       "Remove a key's expiry",
        Family::string,
        {P::key},
        [](const Arguments& a) -> Answer {
@@ -110,7 +110,7 @@ const std::vector<Operation>& table() {
        },
        true},
       {"hexists",
-       "Is there such a field?",
+       "Test whether a field exists",
        Family::hash,
        {P::key, P::field},
        [](const Arguments& a) -> Answer {
@@ -145,7 +145,7 @@ const std::vector<Operation>& table() {
        }},
 
       {"lpush",
-       "Put an element at the head of a list and print its length",
+       "Insert an element at the head of a list and print its length",
        Family::list,
        {P::key, P::value, P::ttl},
        [](const Arguments& a) -> Answer {
@@ -155,7 +155,7 @@ const std::vector<Operation>& table() {
          return with_number(result, number);
        }},
       {"rpop",
-       "Take the element at the tail and print it",
+       "Remove the element at the tail and print it",
        Family::list,
        {P::key},
        [](const Arguments& a) -> Answer {
@@ -164,7 +164,7 @@ const std::vector<Operation>& table() {
          return result == RUVO_OK ? Answer(result, text) : Answer(result);
        },
        true,
-       "it was the empty text, which is gone from the list"},
+       "it was the empty text, which has been removed"},
       {"lrange",
        "Print the elements from START to END",
        Family::list,
@@ -213,7 +213,7 @@ const std::vector<Operation>& table() {
          return RUVO_SRem(a.key.c_str(), a.value.data(), a.value.size(), a.pool, nullptr);
        }},
       {"sismember",
-       "Is it a member?",
+       "Test whether it is a member",
        Family::set,
        {P::key, P::value},
        [](const Arguments& a) -> Answer {

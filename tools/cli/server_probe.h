@@ -20,7 +20,7 @@ struct Probe {
   bool answers() const { return is_up() || is_replica; }
 };
 
-// With the time-outs and the password that the library uses for a server of that pool. Where it
+// With the timeouts and the password that the library uses for a server of that pool. Where it
 // would wait for ever, the probe waits for five seconds.
 Probe probe_server(const std::string& text, const site_settings& site, std::size_t pool);
 

@@ -14,7 +14,7 @@ std::string reason_of(const std::string& error) {
   if (error.find("timed out") != std::string::npos) {
     return "timed out";
   }
-  // The socket time-out, in the words of hiredis 0.14 and 1.x: only the password is waited for.
+  // The socket timeout, in the words of hiredis 0.14 and 1.x: only the password is waited for.
   if (error == "Resource temporarily unavailable" || error == "recv timeout") {
     return "password not answered";
   }

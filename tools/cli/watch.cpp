@@ -132,8 +132,8 @@ class ServerWatch {
   }
 
   // A visit that ends without the line of a success has failed, and a server that was looked at and
-  // not visited is ejected, but where the walk has come round to it: the lines that say so may be
-  // kept back by log_limit.
+  // not visited is ejected, but where the walk is back at it: log_limit may suppress the lines
+  // that say so.
   void leave() {
     if (candidate_ != nullptr && is_under_way_) {
       candidate_->state = State::failing;

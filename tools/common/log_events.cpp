@@ -61,6 +61,7 @@ const std::vector<Row>& table() {
       {K::nil_reply, "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil", {F::key, F::is_persistent}},
       {K::operation_done, "%s | do_exec_command success!", {F::origin}},
       {K::call_timed_out, "ruvo_redis::%s | key:%s, call time-out of %d ms has passed", {F::origin, F::key, F::call_timeout}},
+      {K::not_sent_again, "ruvo_redis::%s | key:%s, not sent again: it may have run", {F::origin, F::key}},
 
       {K::lines_suppressed, "ruvo_redis::log_limit | %llu lines like the next one were kept back", {F::lines}},
   };

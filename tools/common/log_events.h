@@ -49,6 +49,7 @@ enum class EventKind {
   nil_reply,
   operation_done,
   call_timed_out,
+  not_sent_again,  // with send_once
 
   lines_suppressed
 };

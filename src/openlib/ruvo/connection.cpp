@@ -107,7 +107,7 @@ open_outcome authenticate(redisContext& context, const server_addr& addr,
 
 }  // namespace
 
-// The socket time-out stands before the password is sent: a server may accept and never answer.
+// The socket timeout is set before the password is sent: a server may accept and never answer.
 opened_connection open_connection(const server_addr& addr, const connection_settings& settings) {
   opened_connection opened{connect_to(addr, settings), open_outcome::ready, {}};
   if (is_broken(opened.context.get())) {

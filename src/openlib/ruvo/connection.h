@@ -1,4 +1,4 @@
-// Opening a connection: connect, time-out, password. Shared by pool construction and rebuilding.
+// Opening a connection: connect, timeout, password. Shared by pool construction and rebuilding.
 #ifndef RUVO_CONNECTION_H
 #define RUVO_CONNECTION_H
 
@@ -22,7 +22,7 @@ struct connection_settings {
 enum class open_outcome {
   ready,
   unreachable,  // there is no context, or it carries the error
-  unanswered,   // the password was not answered within the socket time-out; the context says so
+  unanswered,   // the password was not answered within the socket timeout; the context says so
   closed,       // the server hung up on the password
   refused       // the server refused the password; the log says so
 };
@@ -30,7 +30,7 @@ enum class open_outcome {
 struct opened_connection {
   context_ptr context;
   open_outcome outcome;
-  std::optional<int> timeout_result;  // of hiredis, where a socket time-out was to be set
+  std::optional<int> timeout_result;  // of hiredis, where a socket timeout was to be set
 };
 
 opened_connection open_connection(const server_addr& addr, const connection_settings& settings);

@@ -15,7 +15,7 @@
 #include "log_line.h"
 #include "ruvo.h"
 
-constexpr int no_expiry = -1;  // as a time-out of a caller: the key stays for ever
+constexpr int no_expiry = -1;  // as a caller's expiry: the key never expires
 constexpr int any_type = 0;    // as a type of reply: whatever comes
 
 // What the log says of null pointers in more than one operation.

@@ -1,4 +1,4 @@
-// Sleeping on a word of memory and waking who sleeps there, with the deadlines of a steady clock.
+// Sleeping on a word of 32 bits and waking who sleeps there, with the deadlines of a steady clock.
 #ifndef RUVO_FUTEX_H
 #define RUVO_FUTEX_H
 
@@ -6,28 +6,34 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <limits>
 
 #include "exchange.h"
 
-// Sleeps while the word has this value, until then at the latest. May return early.
-inline void sleep_on(const std::atomic<std::uint32_t>& word, std::uint32_t value,
-                     time_point until) {
+constexpr std::uint32_t any_sleeper = FUTEX_BITSET_MATCH_ANY;
+
+// Sleeps while the word has this value, until one of these bits is woken or that moment has come;
+// false: it has. May return early.
+inline bool sleep_on(const void* word, std::uint32_t value, time_point until,
+                     std::uint32_t bits = any_sleeper) {
   timespec end{};
   if (until != no_deadline) {
     const std::chrono::nanoseconds at = until.time_since_epoch();
     end.tv_sec = static_cast<std::time_t>(at.count() / 1000000000);
     end.tv_nsec = static_cast<long>(at.count() % 1000000000);
   }
-  ::syscall(SYS_futex, &word, FUTEX_WAIT_BITSET_PRIVATE, value,
-            until != no_deadline ? &end : nullptr, nullptr, FUTEX_BITSET_MATCH_ANY);
+  return ::syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value,
+                   until != no_deadline ? &end : nullptr, nullptr, bits) == 0 ||
+         errno != ETIMEDOUT;
 }
 
-// The system is told an address, which it does not look into: the word may be gone.
-inline void wake(const std::atomic<std::uint32_t>* word, int sleepers = 1) {
-  ::syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, sleepers, nullptr, nullptr, 0);
+// Wakes all that sleep with one of these bits.
+inline void wake(const void* word, std::uint32_t bits = any_sleeper) {
+  ::syscall(SYS_futex, word, FUTEX_WAKE_BITSET_PRIVATE, std::numeric_limits<int>::max(), nullptr,
+            nullptr, bits);
 }
 
 #endif

@@ -15,7 +15,7 @@ int ruvo_redis::hash_set(const char* key, const char* field, unsigned long f_len
   if (ret != RUVO_OK) {
     return ret;
   }
-  // The field is set, whatever becomes of the time-out.
+  // The field is set, whatever the result of EXPIRE.
   if (time_out != no_expiry) {
     exec_regardless(deadline, key, redisSrvType, "EXPIRE %s %d", key, time_out);
   }

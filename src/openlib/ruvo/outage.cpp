@@ -83,12 +83,13 @@ bool pool_outage::join(const log_names& names, time_point began, time_point dead
   } else if (began >= given_up_at_) {
     return false;
   }
+  given_up_at_ = std::min(given_up_at_, deadline);  // a call that began earlier may come later
   ++waited_;
   return true;
 }
 
 void pool_outage::sleep(time_point until) const {
-  sleep_on(ended_, ended_.load(std::memory_order_acquire), until);
+  sleep_on(&ended_, ended_.load(std::memory_order_acquire), until);
 }
 
 void pool_outage::end(const log_names& names) {
@@ -98,7 +99,7 @@ void pool_outage::end(const log_names& names) {
   }
   is_on_.store(false, std::memory_order_relaxed);
   ended_.fetch_add(1, std::memory_order_release);
-  wake(&ended_, std::numeric_limits<int>::max());
+  wake(&ended_);
   RUVO_LOG(INFO, "ruvo_redis::%s | pool %d answers again after %lld ms, %llu calls waited",
            names.method, names.pool,
            static_cast<long long>(

@@ -53,8 +53,8 @@ class pool_outage {
     }
   }
 
-  // A call of this time span has found no server. False when it is not to wait: the deadline of the
-  // first one that waited has passed, and the pool is given up until a server answers.
+  // A call of this time span has found no server. False when it is not to wait: the first deadline
+  // of those that waited has passed, and the pool is given up until a server answers.
   bool join(const log_names& names, time_point began, time_point deadline);
   // Sleeps until a server answers, or until then.
   void sleep(time_point until) const;

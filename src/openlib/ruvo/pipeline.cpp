@@ -68,6 +68,10 @@ conn_node& choose_slot(server_node& server, conn_node& slot) {
   return slot;
 }
 
+// Where a call sleeps.
+std::size_t word_of(std::uint32_t number) { return number / calls_per_word % sleep_words; }
+std::uint32_t bit_of(std::uint32_t number) { return 1U << number % calls_per_word; }
+
 }  // namespace
 
 void call_list::insert_before(queued_call* position, queued_call& call) {
@@ -95,7 +99,7 @@ queued_call& call_list::pop_front() {
 // signalled meanwhile are woken then: they would only wait for the lock.
 class pipelined_call::guard {
  public:
-  explicit guard(conn_node& slot) : mutex_(*slot.lock_) {}
+  explicit guard(conn_node& slot) : mutex_(*slot.lock_), words_(slot.pipeline_.words) {}
   ~guard() {
     if (is_held_) {
       unlock();
@@ -116,30 +120,36 @@ class pipelined_call::guard {
   void unlock() {
     is_held_ = false;
     mutex_.release();
-    for (const auto* sleeper : std::span(sleepers_).first(std::exchange(sleeper_count_, 0))) {
-      wake(sleeper);
+    if (std::exchange(has_sleepers_, false)) {
+      wake_sleepers();
     }
   }
   bool is_held() const { return is_held_; }
 
   // With `done`, the last touch of the call.
   void send_signal(queued_call& call, std::uint32_t value) {
-    const std::atomic<std::uint32_t>* const signal = &call.signal;
-    if (call.signal.exchange(value, std::memory_order_release) != queued_call::asleep) {
-      return;
-    }
-    if (sleeper_count_ < sleepers_.size()) {
-      sleepers_[sleeper_count_++] = signal;
-    } else {
-      wake(signal);
+    const std::uint32_t number = call.number;
+    if (call.signal.exchange(value, std::memory_order_release) == queued_call::asleep) {
+      sleepers_[word_of(number)] |= bit_of(number);
+      has_sleepers_ = true;
     }
   }
 
  private:
+  void wake_sleepers() {
+    for (std::size_t i = 0; i < sleep_words; ++i) {
+      if (const std::uint32_t bits = std::exchange(sleepers_[i], 0); bits != 0) {
+        std::atomic_ref(words_[i]).fetch_add(1, std::memory_order_release);
+        wake(&words_[i], bits);
+      }
+    }
+  }
+
   ACE_Thread_Mutex& mutex_;
+  std::array<std::uint32_t, sleep_words>& words_;
   bool is_held_ = false;
-  std::size_t sleeper_count_ = 0;
-  std::array<const std::atomic<std::uint32_t>*, max_write_commands> sleepers_;
+  bool has_sleepers_ = false;
+  std::array<std::uint32_t, sleep_words> sleepers_{};  // to be woken: their bits
 };
 
 pipelined_call::pipelined_call(server_node& server, conn_node& slot, const wire_command& wire,
@@ -184,7 +194,6 @@ send_end pipelined_call::send_again(rebuilder& rebuilder) {
   lock.lock();
   if (line_.forks != forks_) {
     // In the child of a fork: what the parent's threads have done for the call does not count.
-    forks_ = line_.forks;
     call_.where = place::nowhere;
     call_.written = 0;
     call_.to_skip = 0;
@@ -219,6 +228,7 @@ void pipelined_call::give_up(const char* reason) {
 // Second sends come before first ones, in their order.
 void pipelined_call::enqueue() {
   forks_ = line_.forks;
+  call_.number = line_.next_number++;
   if (call_.wire->refused()) {
     call_.where = place::alone;
     line_.alone.push_back(call_);
@@ -301,15 +311,24 @@ void pipelined_call::sleep_until_done() {
   std::uint32_t signal = queued_call::look;
   call_.signal.compare_exchange_strong(signal, queued_call::asleep, std::memory_order_acquire);
   while (call_.signal.load(std::memory_order_acquire) != queued_call::done) {
-    sleep_on(call_.signal, queued_call::asleep, no_deadline);
+    sleep_once(no_deadline);
   }
+}
+
+// Sleeps unless it has a signal; false: that moment has come.
+bool pipelined_call::sleep_once(time_point until) {
+  std::uint32_t& word = line_.words[word_of(call_.number)];
+  const std::uint32_t value = std::atomic_ref(word).load(std::memory_order_acquire);
+  return call_.signal.load(std::memory_order_acquire) == queued_call::asleep &&
+         sleep_on(&word, value, until, bit_of(call_.number));
 }
 
 // Comes back with the lock, or without it once the call is done.
 void pipelined_call::sleep(guard& lock, time_point until) {
   call_.signal.store(queued_call::asleep, std::memory_order_relaxed);
   lock.unlock();
-  sleep_on(call_.signal, queued_call::asleep, until);
+  while (sleep_once(until)) {
+  }
   if (call_.signal.load(std::memory_order_acquire) != queued_call::done) {
     lock.lock();
     call_.wakes_by_itself = false;
@@ -637,7 +656,7 @@ void pipelined_call::settle(guard& lock) {
     finish_break(lock);
   }
   queued_call* const reads = line_.in_flight.front();
-  if (reads != nullptr && reads != &call_ && !line_.is_reading) {
+  if (reads != nullptr && reads != &call_ && !line_.is_reading && !reads->is_being_written) {
     lock.send_signal(*reads, queued_call::look);
   }
   queued_call* const head = line_.head();

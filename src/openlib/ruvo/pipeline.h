@@ -28,7 +28,10 @@
 // the lock held, while it is in a list; or, once it is in none, only to store `done` in its signal,
 // with release: that is their last touch, and what they have written before (its reply) is seen by
 // its thread, which loads the signal with acquire. So a call that is in no list and not done waits
-// for that store. A wake-up system call is given an address that it does not look into.
+// for that store. It sleeps on a word of the slot, which outlives it: one for each 32 calls in the
+// order of their arrival, with a bit for each, so that one system call wakes all that a read has
+// served. Whoever wakes has changed the word after the signals, and who is about to sleep has read
+// the word before its signal: either it sees the signal, or the system finds the word changed.
 #ifndef RUVO_PIPELINE_H
 #define RUVO_PIPELINE_H
 
@@ -56,6 +59,9 @@ constexpr std::size_t max_write_bytes = std::size_t{64} << 10U;
 // A connection under unbroken traffic is let run empty so often, to see whether it is in step.
 constexpr std::chrono::milliseconds look_interval{100};
 constexpr int look_round_trips = 64;
+
+constexpr std::size_t calls_per_word = 32;  // that sleep on it
+constexpr std::size_t sleep_words = 8;      // calls beyond these share bits, and wake for nothing
 
 class call_list {
  public:
@@ -95,9 +101,11 @@ struct pipeline_state {
   std::chrono::microseconds pause{0};  // after it
   time_point last_arrival{};           // of bytes
   time_point last_look{};
-  std::chrono::nanoseconds round_trip{0};        // the shortest since the last look,
-  std::chrono::nanoseconds known_round_trip{0};  // and before it
-  std::uint64_t forks = 0;                       // how often the process has forked into this one
+  std::chrono::nanoseconds round_trip{0};          // the shortest since the last look,
+  std::chrono::nanoseconds known_round_trip{0};    // and before it
+  std::uint64_t forks = 0;                         // how often the process has forked into this one
+  std::uint32_t next_number = 0;                   // of a call
+  std::array<std::uint32_t, sleep_words> words{};  // calls sleep on these; atomic references
   std::uint32_t users = 0;  // calls at the slot, through atomic references; one more while
                             // replies of calls that have left are due
 
@@ -126,6 +134,7 @@ class pipelined_call final : public slot_call {
   send_end end_of_call() const;
   void sleep(guard& lock, time_point until);
   void sleep_until_done();
+  bool sleep_once(time_point until);
   bool is_broken() const;
   void note_broken_connection();
 

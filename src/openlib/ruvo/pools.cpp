@@ -35,7 +35,7 @@ void close_slots(server_node& server) {
   server.context_arr_.clear();
 }
 
-// What came of the connections to the servers of a pool.
+// How the connections to the servers of a pool ended up.
 struct connection_tally {
   int good = 0;
   int failure = RUVO_OK;  // of a connection that could not be opened

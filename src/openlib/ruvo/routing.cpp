@@ -102,8 +102,8 @@ bool ruvo_redis::is_server_valid(server_node* svc_node, RedisServerType redisSrv
 
 void ruvo_redis::update_server_ok(server_node* svc_node) { clear_failures(*svc_node); }
 
-// Pushes the retry time forward on every failure, so that a server is left alone for the whole
-// time-out after its latest one.
+// Pushes the retry time forward on every failure, so that a server stays ejected for the whole
+// retry timeout after its latest one.
 void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType redisSrvType) {
   const std::int32_t failures = std::atomic_ref(svc_node->failure_count_).fetch_add(1) + 1;
   RUVO_LOG(DEBUG, "ruvo_redis::update_server_failed | server, ip:%s port:%d failure count:%d",

@@ -19,8 +19,8 @@
 /// The following applies to every function and is not repeated below.
 ///
 /// POOLS. Each operation names one of three server pools, see RedisServerType. All servers of a
-/// pool must serve the same data (several proxies in front of one Redis, for example): requests go
-/// to them in turn.
+/// pool must serve the same data (several proxies in front of one Redis, for example): calls use
+/// them round-robin.
 ///
 /// PARAMETERS. `key` is a zero-terminated string. Values, fields and members that come with a
 /// length (in bytes) may contain any bytes, zeros included. `redisSrvType` is a RedisServerType and
@@ -48,27 +48,24 @@
 /// RUVO_Fini must not overlap them, and the first RUVO_Init must have returned before other threads
 /// call the library. A thread that is cancelled (pthread_cancel) during a call completes it first.
 ///
-/// BLOCKING. A call waits for the connection whose turn it is, then for the network: on each
-/// attempt at most `connect_timeout` to connect and `socket_timeout` for each read and write
-/// (milliseconds, from the configuration; less than 1 means no limit). If the connection breaks, it
-/// is rebuilt and the command sent once more before the next server is tried. A command makes at
-/// most twice as many visits as its pool has servers (a raw command: as all three pools have), so
-/// it returns within
-///
-///     2 x servers x (connect_timeout + 6 x socket_timeout)
-///
-/// for replies that arrive in one piece, plus the time other threads hold its connections. Once a
-/// configured `call_timeout` has passed, it starts no further attempt.
-/// RUVO_IncreaseKey, RUVO_HashSet and RUVO_LPush may run two commands. Host names, as opposed to
-/// addresses, add the time of the system's resolver. A signal handler that runs in a waiting thread
-/// restarts that wait: block periodic signals in threads that call the library.
+/// BLOCKING. With `call_timeout` (milliseconds, from the configuration) a call returns within that
+/// time, plus what it takes to schedule its thread. Without it a command makes at most two visits
+/// for each server of its pool (a raw command: of all three pools), and a visit takes at most
+/// `connect_timeout + 6 x socket_timeout`, plus the time that calls of other threads take on its
+/// connection. A visit sends the command; if the connection breaks, it reconnects and sends once
+/// more. A reply that arrives in pieces may take `socket_timeout` for each; a timeout below 1 means
+/// no limit. RUVO_IncreaseKey, RUVO_HashSet and RUVO_LPush may run two commands, which share the
+/// `call_timeout`. Host names, as opposed to addresses, add the time of the system's resolver. A
+/// signal handler that runs in a waiting thread restarts that wait: block periodic signals in
+/// threads that call the library.
 ///
 /// FORK. The child of a fork opens its own connections on first use and never uses those of its
 /// parent. Do not fork during RUVO_Init or RUVO_Fini.
 ///
 /// A COMMAND MAY RUN MORE THAN ONCE. If the connection breaks or socket_timeout passes after the
 /// server has run a command and before its reply has arrived, the command is sent again, up to
-/// twice per visit. Increments, pushes and appends are then applied more than once.
+/// twice per visit (at-least-once). Increments, pushes and appends are then applied more than once,
+/// unless the configuration says `send_once`.
 ///
 /// SIGNALS AND EXCEPTIONS. A connection closed by its server does not raise SIGPIPE in the host. No
 /// function throws.
@@ -194,10 +191,12 @@ extern "C" {
 /// A pool fails if its address list is empty or malformed, or if it has no working connection and
 /// at least one could not be opened. Servers that are down at start-up stay in the pool and are
 /// connected on first use. A connection whose password is rejected is dropped for good and does not
-/// fail the pool; see the log.
+/// fail the pool; see the log. With `start_without_servers` (as `recommended_defaults` sets it) a
+/// pool fails only for its address list, and no connection is dropped.
 ///
-/// Prints a few progress lines to standard output. Blocks for each connection in turn: at most
-/// connect_timeout, plus 2 x socket_timeout with a password. A pool without configured addresses
+/// Prints a few progress lines to standard output. Blocks for one connection after the other: at
+/// most connect_timeout, plus 2 x socket_timeout with a password, for each; with
+/// `start_without_servers` at most that for each server. A pool without configured addresses
 /// also waits for the host's own name to be resolved.
 RUVO_API RUVO_CHECKED int RUVO_Init(const char* config);
 
@@ -326,11 +325,11 @@ RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long
 ///     redisReply* reply =
 ///         (redisReply*)RUVO_ExecRedisCmd(eTempServer, "GETRANGE %s %d %d", key, 0, 3);
 ///
-/// If a server fails, the command moves on to the pool whose number is that server's position in
+/// If a server fails, the command fails over to the pool whose number is that server's position in
 /// its list, counted from 1 (anything but 1 to 3: the temporary pool), WHICHEVER POOL WAS
-/// REQUESTED. Where pools hold different data, check the reply, or use a typed function, which
-/// stays in its pool. It also gives up sooner: after a null reply while a server is failing, call
-/// again.
+/// REQUESTED, unless the configuration says `raw_commands_stay_in_pool` (as `recommended_defaults`
+/// does). Without it, check the reply where pools hold different data; and since such a command
+/// gives up sooner, call again after a null reply while a server is failing.
 ///
 /// Successive commands may use different servers and connections. Do not send commands that need a
 /// connection of their own (MULTI, SUBSCRIBE, WATCH, SELECT) or that block for longer than

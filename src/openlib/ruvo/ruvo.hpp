@@ -1,7 +1,7 @@
 /// @file
 /// libruvo for hosts in C++17 and later: what ruvo.h declares, with owners, views and results that
 /// cannot be mistaken for values, and typed answers to any command. Header only; ruvo.h says what
-/// holds for pools, threads, blocking and commands that run more than once.
+/// holds for pools, threads and commands that run more than once.
 ///
 ///     #include <ruvo/ruvo.hpp>
 ///
@@ -46,6 +46,11 @@
 /// takes. Another one is refused with RUVO_ERR_NULL_ARGUMENT before anything is sent. One that is
 /// too short and known to the compiler is an error at compile time: with Clang always, with GCC
 /// from -O1 on.
+///
+/// BLOCKING. With `call_timeout` a call returns within that time, plus what it takes to schedule
+/// its thread. Without it a command makes at most two visits for each server of its pool (a raw
+/// command: of all three pools), and a visit takes at most `connect_timeout + 6 x socket_timeout`,
+/// plus the time that calls of other threads take on its connection.
 ///
 /// OWNERS (bytes, reply) are moved, not copied; one that was moved from is empty. What they hand
 /// out are views that end with them; one of a temporary owner does not compile. Destroy owners

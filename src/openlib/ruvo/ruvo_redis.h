@@ -72,7 +72,7 @@ class ruvo_redis {
   server_node* get_server_node(RedisServerType redisSrvType, int svc_index);
   // The same for a walk. A server that is being tried is this call's alone until end_probe().
   server_choice choose_server(RedisServerType type, int svc_index);
-  // The slot whose turn it is, or null when the server does not have it.
+  // The next slot, round-robin, or null when the server does not have it.
   conn_node* get_conn(server_node& svc_node, RedisServerType redisSrvType);
   bool is_server_valid(server_node* svc_node, RedisServerType redisSrvType);
   void update_server_ok(server_node* svc_node);

@@ -41,7 +41,7 @@ struct server_node {
   server_probe probe_;                  // while it is ejected, or its pool does not answer
   ruvo_server_stats* stats_ = nullptr;  // null: none are kept
   std::size_t index_ = 0;               // position in the pool
-  std::int64_t conn_count_ = 0;         // whose turn it is among the slots
+  std::int64_t conn_count_ = 0;         // round-robin among the slots
 };
 
 struct server_pool {
@@ -61,8 +61,8 @@ struct server_pool {
   std::uint32_t conn_num_ = 0;       // connections to each server
   bool auto_eject_ = false;          // leave failing servers alone for a while
   std::uint32_t failure_limit_ = 0;  // failures that eject a server
-  std::int32_t retry_timeout_ = 0;   // seconds that an ejected server is left alone
-  std::int64_t server_count_ = 0;    // whose turn it is among the servers
+  std::int32_t retry_timeout_ = 0;   // seconds that an ejected server is skipped
+  std::int64_t server_count_ = 0;    // round-robin among the servers
   std::string redis_password_;       // empty: none
   int number_ = 0;                   // its type; for the log
   pool_outage outage_;

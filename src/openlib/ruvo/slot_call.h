@@ -64,7 +64,8 @@ struct queued_call {
   queued_call* previous = nullptr;
   queued_call* next = nullptr;
   std::atomic<std::uint32_t> signal{look};
-  waiting_mark waiting;  // to be sent for the first time
+  std::uint32_t number = 0;  // at its connection: where it sleeps
+  waiting_mark waiting;      // to be sent for the first time
 };
 
 class slot_call {

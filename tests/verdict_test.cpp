@@ -1,0 +1,145 @@
+// The verdict of ruvo_chaos, on runs that break its conditions one by one.
+#include "verdict.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "logger.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::int64_t no_call = 0;
+const Call typed{strings, "set", eTempServer};
+
+Site site_of_two() {
+  class IdleTarget : public Target {
+   public:
+    using Target::Target;
+    void inject(Fault /*fault*/) override {}
+    void clear(Fault /*fault*/) override {}
+  };
+  Site site;
+  for (auto& pool : site.pools) {
+    pool.push_back(std::make_unique<IdleTarget>("127.0.0.1:1"));
+    pool.push_back(std::make_unique<IdleTarget>("127.0.0.1:2"));
+  }
+  return site;
+}
+
+TEST(Verdict, EachConditionIsBrokenByWhatItNames) {
+  Site site = site_of_two();
+  client_options& options = site.settings.options;
+  FaultRecord faults(false);
+  const Judge idle(site, faults, 4);
+  open_walk_log("");
+  testing::internal::CaptureStdout();
+  Totals good;
+  good.values_checked = 1;
+  good.operations[sets] = 1;
+  Totals wrong;
+  wrong.values_checked = 9;
+  wrong.wrong_values = 1;
+  const Totals unchecked;
+  Totals lost;
+  Totals extra;
+  for (Totals* totals : {&lost, &extra}) {
+    totals->values_checked = 1;
+  }
+  lost.increments_lost = 1;
+  extra.increments_extra = 1;
+  const auto fail = [](Judge& judge) {
+    judge.call_begins(typed);
+    judge.call_ended(typed, RUVO_ERR_FAILED);
+  };
+  Judge slow(site, faults, 4);
+  Judge failing(site, faults, 4);
+  Judge giving_up(site, faults, 4);
+  Judge waiting(site, faults, 4);
+  fail(failing);
+  giving_up.call_begins(typed);
+  BaseLib::Logger("x.cpp", 1, BaseLib::Logger::WARN).stream()
+      << "ruvo_redis::do_exec_command | key:k, null reply and reset connection to server 127.0.0.1 "
+         "port:1 failed.";
+  giving_up.call_ended(typed, RUVO_OK);
+  site.settings.connect_timeout_ms = site.settings.socket_timeout_ms = 0;
+  slow.call_begins(typed);
+  std::this_thread::sleep_for(milliseconds(1));
+  slow.call_ended(typed, RUVO_OK);
+  options.call_timeout = 2;
+  faults.begin_outage(eTempServer);
+  for (int call = 0; call < 2; ++call) {
+    waiting.call_begins(typed);
+    std::this_thread::sleep_for(milliseconds(2));
+    waiting.call_ended(typed, RUVO_ERR_FAILED);
+  }
+  site.settings = Settings();
+  options.send_once = options.wait_for_servers = true;
+  close_walk_log();
+  testing::internal::GetCapturedStdout();
+  const ServerEvents none;
+  ServerEvents ejected;
+  ejected.ejected.insert("127.0.0.1:1");
+  const Resources held{10, 1L << 20, 1L << 30};
+  Resources descriptors = held;
+  ++descriptors.descriptors;
+  Resources allocated = held;
+  allocated.allocated += (256L << 10) + 1;
+  Resources resident = held;
+  resident.resident += (8L << 20) + 1;
+  Resources tolerated = held;
+  tolerated.allocated += 256L << 10;
+  tolerated.resident += 8L << 20;
+  // clang-format off
+  const struct { RunFacts run; std::string broken; } cases[] = {
+      {{site, good, idle, none, false, 0, 1, held, held}, ""},
+      {{site, good, idle, none, false, 0, 1, held, tolerated}, ""},
+      {{site, wrong, idle, none, false, 0, 1, held, held}, "no wrong value"},
+      {{site, unchecked, idle, none, false, 0, 1, held, held}, "no wrong value"},
+      {{site, lost, idle, none, false, 0, 1, held, held}, "every acknowledged increment stored"},
+      {{site, extra, idle, none, false, 0, 1, held, held}, "no increment counted twice"},
+      {{site, good, waiting, none, false, 0, 1, held, held}, "each thread waits once in an outage, at most"},
+      {{site, good, slow, none, false, 0, 1, held, held}, "every call within its bound"},
+      {{site, good, failing, none, false, 0, 1, held, held}, "no call failed, but where the rules allow it"},
+      {{site, good, giving_up, none, false, 0, 1, held, held}, "no server given up while it was up"},
+      {{site, good, giving_up, none, true, 0, 1, held, held}, ""},
+      {{site, good, idle, ejected, false, 0, 1, held, held}, "every ejection followed by a retry"},
+      {{site, good, idle, none, false, 1, 1, held, held}, "all well again after the last fault"},
+      {{site, good, idle, none, false, 0, no_call, held, held}, "all well again after the last fault"},
+      {{site, good, idle, none, false, 0, 1, held, descriptors}, "descriptors as at the start"},
+      {{site, good, idle, none, false, 0, 1, descriptors, held}, "descriptors as at the start"},
+      {{site, good, idle, none, false, 0, 1, held, allocated}, "allocated memory as at the start, within 256 KiB"},
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+      {{site, good, idle, none, false, 0, 1, held, resident}, "resident memory as at the start, within 8 MiB"},
+#endif
+  };
+  // clang-format on
+  for (const auto& one_case : cases) {
+    std::string broken;
+    for (const Condition& condition : conditions_of(one_case.run)) {
+      broken += condition.held ? "" : condition.text;
+    }
+    EXPECT_EQ(broken, one_case.broken);
+  }
+  site.outage_expected = true;
+  options.send_once = options.wait_for_servers = false;
+  for (const RunFacts& allowed : {RunFacts{site, good, failing, none, false, 0, 1, held, held},
+                                  RunFacts{site, good, waiting, none, false, 0, 1, held, held},
+                                  RunFacts{site, extra, idle, none, false, 0, 1, held, held}}) {
+    for (const Condition& condition : conditions_of(allowed)) {
+      EXPECT_TRUE(condition.held) << condition.text;
+    }
+  }
+
+  EXPECT_TRUE(condition_without_faults(good).held);
+  EXPECT_FALSE(condition_without_faults(wrong).held);
+  EXPECT_FALSE(condition_without_faults(unchecked).held);
+  Totals failed;
+  failed.operations[sets] = 1;
+  failed.failed = 1;
+  EXPECT_FALSE(condition_without_faults(failed).held);
+}
+
+}  // namespace
