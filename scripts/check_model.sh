@@ -3,12 +3,12 @@
 # each scenario of tests/model/pipeline_model.cpp: all states of two threads, two and three with few preemptions,
 # and each scenario at random. Then the faults of tests/model/faults.txt, each of which must be found.
 #
-#   scripts/check_model.sh [EXECUTIONS]     of each scenario at random; 50000 where none is given
+#   scripts/check_model.sh [EXECUTIONS]     of each scenario at random; 20000 where none is given
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh build check
 
-executions=${1:-50000}
+executions=${1:-20000}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 compile=(g++ -std=c++20 -O2 -Isrc/openlib/ruvo -Isrc/core/common -Isrc/util)
