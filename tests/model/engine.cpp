@@ -47,6 +47,7 @@ std::array<memory, 8> state_parts;
 std::size_t state_count = 0;
 std::array<fiber, thread_count> threads;
 word* words = nullptr;
+bool has_begun = false;
 bool is_state_search = false;  // which knows no memory orders
 
 std::uint64_t mix(std::uint64_t hash, std::uint64_t value) {
@@ -214,11 +215,13 @@ class state_scheduler
 struct suite : rl::test_suite<suite, fibers> {
   void before() {
     words = nullptr;
+    has_begun = false;
     for (fiber& thread : threads) {
       thread.stack = {};
       thread.is_parked = thread.has_vanished = false;
     }
     model::before();
+    has_begun = true;
   }
   void thread(unsigned number);
   void after() { model::after(); }
@@ -354,7 +357,7 @@ void end_others(void (*then)()) {
 
 // ---- Words ----
 
-word::word(std::uint32_t value) : owner_(self()), value_(value) {
+word::word(std::uint32_t value) : owner_(has_begun ? self() : thread_count), value_(value) {
   if (!is_state_search) {
     rl::preemption_disabler whole(rl::ctx());
     ::new (static_cast<void*>(atomic_.data())) relacy_word(value);
@@ -403,6 +406,17 @@ std::uint32_t word::exchange(std::uint32_t value, std::memory_order order) {
   return relacy(atomic_).exchange(value, order_of(order), RL_INFO);
 }
 
+std::uint32_t word::add(std::uint32_t count, std::memory_order order) {
+  step();
+  const std::uint32_t before = value_;
+  value_ += count;
+  if (is_state_search) {
+    return before;
+  }
+  rl::preemption_disabler whole(rl::ctx());
+  return relacy(atomic_).fetch_add(count, order_of(order), RL_INFO);
+}
+
 bool word::compare_exchange(std::uint32_t& expected, std::uint32_t value, std::memory_order order) {
   step();
   if (!is_state_search) {
@@ -415,7 +429,14 @@ bool word::compare_exchange(std::uint32_t& expected, std::uint32_t value, std::m
   return value_ == expected ? (value_ = value, true) : (expected = value_, false);
 }
 
-std::uint32_t word::latest() const { return value_; }
+// Who asks sees nothing older from then on.
+std::uint32_t word::latest() {
+  if (!is_state_search) {
+    rl::preemption_disabler whole(rl::ctx());
+    relacy(atomic_).fetch_add(0, rl::mo_relaxed, RL_INFO);
+  }
+  return value_;
+}
 
 // ---- Orders and variables ----
 

@@ -48,8 +48,9 @@ class word {
   std::uint32_t load(std::memory_order order) const;
   void store(std::uint32_t value, std::memory_order order);
   std::uint32_t exchange(std::uint32_t value, std::memory_order order);
+  std::uint32_t add(std::uint32_t count, std::memory_order order);
   bool compare_exchange(std::uint32_t& expected, std::uint32_t value, std::memory_order order);
-  std::uint32_t latest() const;  // as the system sees it
+  std::uint32_t latest();  // as the system sees it
 
  private:
   friend void end_words();

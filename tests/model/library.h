@@ -53,6 +53,8 @@ inline void pass_time_until(std::chrono::model_clock::time_point then) {
 
 // ---- Atomics ----
 
+model::word* model_sleep_word(const void* address);  // null: it is none
+
 namespace std {
 
 template <typename T>
@@ -80,23 +82,28 @@ class model_atomic<uint32_t> {
   bool compare_exchange_strong(uint32_t& expected, uint32_t value, memory_order order) {
     return word_.compare_exchange(expected, value, order);
   }
-  uint32_t latest() const { return word_.latest(); }
 
  private:
   model::word word_;
 };
 
-// Counters that order nothing.
+// Plain fields: counters that order nothing, and the words that calls sleep on.
 template <typename T>
 class model_atomic_ref {
  public:
   explicit model_atomic_ref(T& value) : value_(value) {}
-  T load(memory_order) const {
+  T load(memory_order order) const {
+    if (const model::word* word = model_sleep_word(&value_)) {
+      return word->load(order);
+    }
     model::step();
     return value_;
   }
   void store(T value, memory_order) const { value_ = value; }
-  T fetch_add(T count, memory_order) const {
+  T fetch_add(T count, memory_order order) const {
+    if (model::word* word = model_sleep_word(&value_)) {
+      return word->add(count, order);
+    }
     model::step();
     return std::exchange(value_, value_ + count);
   }
@@ -160,8 +167,10 @@ inline int model_close(int) { return 0; }
 #include "exchange.h"
 
 #define RUVO_FUTEX_H
-void sleep_on(const std::atomic<std::uint32_t>& word, std::uint32_t value, time_point until);
-void wake(const std::atomic<std::uint32_t>* word, int sleepers = 1);
+constexpr std::uint32_t any_sleeper = ~0U;
+bool sleep_on(const void* word, std::uint32_t value, time_point until,
+              std::uint32_t bits = any_sleeper);
+void wake(const void* word, std::uint32_t bits = any_sleeper);
 
 #define RUVO_OUTAGE_H
 struct server_probe {};

@@ -102,7 +102,10 @@ struct world {
   std::array<bool, max_calls + 1> is_reply_used{};
   std::array<model::variable, max_calls + 1> contents;
   std::array<const void*, model::thread_count> sleeps_on{};
+  std::array<std::uint32_t, model::thread_count> sleeper_bits{};
   std::array<const void*, model::thread_count> waits_for{};
+  std::array<std::aligned_storage_t<sizeof(model::word), alignof(model::word)>, ::sleep_words>
+      sleep_words;
   std::array<call_record, max_calls> calls;
   std::aligned_storage_t<sizeof(ACE_Thread_Mutex), alignof(ACE_Thread_Mutex)> lock;
 };
@@ -127,11 +130,10 @@ bool happens(unsigned& left) {
   return true;
 }
 
-void wake_waiters(std::span<const void*> waits, const void* where, int most) {
-  for (unsigned i = 0; i < waits.size() && most > 0; ++i) {
+void wake_waiters(std::span<const void*> waits, const void* where) {
+  for (unsigned i = 0; i < waits.size(); ++i) {
     if (waits[i] == where) {
       waits[i] = nullptr;
-      --most;
       model::unpark(i);
     }
   }
@@ -183,24 +185,46 @@ void model_mutex::unlock() {
   check(owner == static_cast<int>(model::self()), "a lock is released by a thread without it");
   order.release();
   owner = -1;
-  wake_waiters(now_in().waits_for, this, model::thread_count);
+  wake_waiters(now_in().waits_for, this);
 }
 
-void sleep_on(const std::atomic<std::uint32_t>& word, std::uint32_t value, time_point until) {
+bool sleep_on(const void* word, std::uint32_t value, time_point until, std::uint32_t bits) {
   model::step();
-  if (word.latest() != value || until <= std::chrono::steady_clock::now()) {
-    return;
+  if (until <= std::chrono::steady_clock::now()) {
+    return false;
   }
-  const void*& sleeps = now_in().sleeps_on[model::self()];
-  sleeps = &word;
-  if (!park_until(until)) {
-    sleeps = nullptr;
+  if (model_sleep_word(word)->latest() != value) {
+    return true;
+  }
+  const unsigned self = model::self();
+  now_in().sleeps_on[self] = word;
+  now_in().sleeper_bits[self] = bits;
+  if (park_until(until)) {
+    return true;
+  }
+  now_in().sleeps_on[self] = nullptr;
+  return false;
+}
+
+void wake(const void* word, std::uint32_t bits) {
+  model::step();
+  world& world = now_in();
+  for (unsigned i = 0; i < model::thread_count; ++i) {
+    if (world.sleeps_on[i] == word && (world.sleeper_bits[i] & bits) != 0) {
+      world.sleeps_on[i] = nullptr;
+      model::unpark(i);
+    }
   }
 }
 
-void wake(const std::atomic<std::uint32_t>* word, int sleepers) {
-  model::step();
-  wake_waiters(now_in().sleeps_on, word, sleepers);
+model::word* model_sleep_word(const void* address) {
+  const auto& words = slot().pipeline_.words;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (&words[i] == address) {
+      return &reinterpret_cast<model::word&>(now_in().sleep_words[i]);
+    }
+  }
+  return nullptr;
 }
 
 // ---- The connection ----
@@ -486,6 +510,9 @@ void fork_here() {
     }
     world.has_forked = true;
     client.disown_connections();
+    for (auto& word : world.sleep_words) {
+      reinterpret_cast<model::word&>(word).store(0, std::memory_order_relaxed);
+    }
   });
 }
 
@@ -563,6 +590,9 @@ void model::before() {
   std::memset(static_cast<void*>(&slot), 0, sizeof slot);
   new (&slot) conn_node;
   slot.lock_ = new (&world.lock) ACE_Thread_Mutex;
+  for (auto& word : world.sleep_words) {
+    new (&word) model::word(0);
+  }
   slot.context_ = open_peer();
   slot.context_->err = chosen->begins_broken ? REDIS_ERR_EOF : 0;
   slot.pipeline_.last_look = chosen->is_look_due ? time_point() : time_point(begin_of_time);
@@ -595,6 +625,9 @@ void model::after() {
     if (world.is_reply_used[i]) {
       world.contents[i].destroy();
     }
+  }
+  for (auto& word : world.sleep_words) {
+    reinterpret_cast<model::word&>(word).~word();
   }
   for (peer& peer : world.peers) {
     check(!peer.is_open || &peer.context == slot().context_ || world.has_forked,

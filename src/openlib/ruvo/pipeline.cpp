@@ -194,7 +194,6 @@ send_end pipelined_call::send_again(rebuilder& rebuilder) {
   lock.lock();
   if (line_.forks != forks_) {
     // In the child of a fork: what the parent's threads have done for the call does not count.
-    forks_ = line_.forks;
     call_.where = place::nowhere;
     call_.written = 0;
     call_.to_skip = 0;
