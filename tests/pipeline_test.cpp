@@ -89,9 +89,7 @@ class Pipeline : public testing::Test {
       const std::size_t waiting = line.unsent.size() + line.alone.size() + line.in_flight.size();
       return waiting + ended_ >= threads_.size();
     };
-    while (!has_come()) {
-      std::this_thread::yield();
-    }
+    ASSERT_TRUE(eventually(has_come)) << key;
   }
   void lock() { slot().lock_->acquire(); }
   void unlock() { slot().lock_->release(); }
