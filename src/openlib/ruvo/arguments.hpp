@@ -1,5 +1,5 @@
 /// @file
-/// How the arguments of the operations of ruvo.hpp become those of the functions of ruvo.h.
+/// How the arguments of ruvo.hpp's operations become those of the functions of ruvo.h.
 #ifndef RUVO_ARGUMENTS_HPP
 #define RUVO_ARGUMENTS_HPP
 
@@ -30,12 +30,12 @@ namespace detail {
 template <typename T, typename... Others>
 inline constexpr bool is_one_of = (std::is_same_v<T, Others> || ...);
 
-// What a std::string_view takes, but for a literal null.
+// What a std::string_view takes, except a literal null.
 template <typename Text>
 inline constexpr bool is_text =
     std::is_convertible_v<const Text&, std::string_view> && !std::is_null_pointer_v<Text>;
 
-// What looks like a text to the compiler, or to a reader, and is none: 0, nullptr, 'c', true, 5.
+// What looks like a text to the compiler or to a reader, but is none: 0, nullptr, 'c', true, 5.
 template <typename T>
 inline constexpr bool is_mistaken = std::is_arithmetic_v<T> || std::is_null_pointer_v<T>;
 
@@ -62,7 +62,7 @@ std::string_view bytes_of(const Text& text) noexcept {
   }
 }
 
-// Is there a zero byte behind it, as far as its type tells?
+// Does its type guarantee a zero byte behind it?
 template <typename Text>
 inline constexpr bool is_terminated =
     std::is_convertible_v<const Text&, const char*> || std::is_same_v<Text, std::string>;
@@ -92,8 +92,8 @@ class copy_of_text {
 }  // namespace detail
 /// @endcond
 
-/// A text as the functions take it, zero-terminated. Made where one is asked for, from any kind of
-/// text; see KEYS.
+/// A text as the functions take it, zero-terminated. Made from any kind of text where one is
+/// needed; see KEYS.
 class c_text {
  public:
   /// Copied unless it is zero-terminated.
@@ -119,9 +119,9 @@ class c_text {
   c_text(const c_text&) = delete;
   c_text& operator=(const c_text&) = delete;
 
-  /// Null where it was given as a null pointer, or has a zero byte before its end.
+  /// Null if it was given as a null pointer, or has a zero byte before its end.
   const char* c_str() const noexcept { return text_; }
-  /// Empty where c_str() is null.
+  /// Empty if c_str() is null.
   operator std::string_view() const noexcept { return text_ != nullptr ? text_ : ""; }
   /// Is it refused for a zero byte before its end?
   bool has_zero_byte() const noexcept { return has_zero_byte_; }
@@ -132,12 +132,12 @@ class c_text {
   bool has_zero_byte_ = false;
 };
 
-/// A value: any bytes, not copied. Made where one is asked for, from any kind of text.
+/// A value: any bytes, not copied. Made from any kind of text where one is needed.
 class bytes_view {
  public:
   /// No bytes.
   bytes_view() noexcept : bytes_view("", 0) {}
-  /// So many bytes from here on.
+  /// `size` bytes from `data` on.
   bytes_view(const char* data, std::size_t size) noexcept
       : view_(size == 0 && data == nullptr ? "" : data, size) {}
   /// All of a text.
@@ -151,11 +151,11 @@ class bytes_view {
   }
   /// @endcond
 
-  /// Null where it was given as a null pointer.
+  /// Null if it was given as a null pointer.
   const char* data() const noexcept { return view_.data(); }
-  /// How many there are.
+  /// The number of bytes.
   std::size_t size() const noexcept { return view_.size(); }
-  /// All of them; empty where data() is null.
+  /// All bytes; empty if data() is null.
   operator std::string_view() const noexcept { return view_; }
 
  private:
@@ -168,7 +168,7 @@ class c_bytes {
  public:
   /// No bytes.
   c_bytes() noexcept = default;
-  /// So many bytes from here on.
+  /// `size` bytes from `data` on.
   c_bytes(const char* data, std::size_t size) noexcept : view_(data, size) { terminate(); }
   /// All of a text.
   template <typename Text, detail::if_text<Text> = 0>
@@ -184,11 +184,11 @@ class c_bytes {
   c_bytes(const c_bytes&) = delete;
   c_bytes& operator=(const c_bytes&) = delete;
 
-  /// Null where it was given as a null pointer.
+  /// Null if it was given as a null pointer.
   const char* data() const noexcept { return view_.data(); }
-  /// How many there are.
+  /// The number of bytes.
   std::size_t size() const noexcept { return view_.size(); }
-  /// All of them; empty where data() is null.
+  /// All bytes; empty if data() is null.
   operator std::string_view() const noexcept { return view_; }
 
  private:
@@ -203,7 +203,7 @@ class c_bytes {
 };
 
 /// @cond
-// A time that is too short: Clang looks at the call, GCC at what is left of it when it is inlined.
+// Reports a time that is too short: Clang checks the call, GCC what is left of it after inlining.
 // RUVO_FROM stands behind a function that takes a time, fits() in it; ruvo.hpp undefines them.
 #define RUVO_TIME_TOO_SHORT \
   "ruvo: the time is too short: 1 or more of its unit, for expire 0 or more"
@@ -222,7 +222,7 @@ namespace detail {
 [[gnu::error(RUVO_TIME_TOO_SHORT)]] void time_too_short();
 #endif
 
-// Is a time one that the function takes, from `least` to what its parameter holds?
+// Does the function take this time: at least `least`, at most what its parameter holds?
 template <typename Parameter, typename Period>
 [[gnu::always_inline]] inline bool fits(std::chrono::duration<long, Period> time,
                                         int least) noexcept {
@@ -263,7 +263,7 @@ class word {
   }
   word(const word&) = delete;
   word& operator=(const word&) = delete;
-  std::string_view text() const noexcept { return text_; }  // null: of a null pointer
+  std::string_view text() const noexcept { return text_; }  // null if given as a null pointer
 
  private:
   char digits_[32];
@@ -273,10 +273,10 @@ class word {
 }  // namespace detail
 /// @endcond
 
-/// The words of a command, as a backend of the host's own gets them.
+/// The words of a command, as a backend of the host's own receives them.
 class words_view {
  public:
-  /// So many from here on.
+  /// `size` words from `first` on.
   words_view(const std::string_view* first, std::size_t size) noexcept
       : first_(first), size_(size) {}
   /// All of an array.
@@ -285,11 +285,11 @@ class words_view {
   /// All of a vector.
   words_view(const std::vector<std::string_view>& all) noexcept
       : words_view(all.data(), all.size()) {}
-  /// The first.
+  /// The first word.
   const std::string_view* begin() const noexcept { return first_; }
   /// Past the last one.
   const std::string_view* end() const noexcept { return first_ + size_; }
-  /// How many.
+  /// The number of words.
   std::size_t size() const noexcept { return size_; }
   /// One of them. REQUIRES: index < size().
   std::string_view operator[](std::size_t index) const noexcept { return first_[index]; }
@@ -342,12 +342,12 @@ inline constexpr bool is_list_of_pairs<T, std::void_t<element_of<T>>> = is_pair<
 ///     std::cout << temp.command(fill).value() << '\n';  // (integer) 3
 class words {
  public:
-  /// A command has at most so many.
+  /// Upper bound of the words in a command.
   static constexpr std::size_t most = 1024;
 
-  /// None.
+  /// No words.
   words() = default;
-  /// These; see add.
+  /// These words; see add.
   template <typename First, typename... More,
             typename = std::enable_if_t<!std::is_same_v<First, words>>>
   explicit words(const First& first, const More&... more) {
@@ -355,8 +355,8 @@ class words {
     (add(more), ...);
   }
 
-  /// Adds a text (whatever bytes it holds), a number (written shortest), a pair (both), a range of
-  /// all these (a map, say), or other words.
+  /// Adds a text (any bytes), a number (in its shortest form), a pair (both parts), a range of
+  /// these (a map, say), or other words.
   template <typename Word>
   words& add(const Word& given) {  // NOLINT(misc-no-recursion): as deep as its type
     static_assert(detail::is_word<Word>,
@@ -377,9 +377,9 @@ class words {
     return *this;
   }
 
-  /// How many there are.
+  /// The number of words.
   std::size_t size() const noexcept { return places_.size(); }
-  /// Views of them, which end with them; one that was given as a null pointer is null.
+  /// Views of the words, valid as long as this object; null for a word given as a null pointer.
   std::vector<std::string_view> views() const {
     std::vector<std::string_view> all;
     all.reserve(size());
@@ -409,7 +409,7 @@ class words {
 /// @cond
 namespace detail {
 
-// The template of a command of so many words: "%b %b". That of fewer is the end of it.
+// The template of a command of `words` words: "%b %b". A shorter command uses its end.
 template <std::size_t words>
 constexpr std::array<char, 3 * words> template_of() noexcept {
   std::array<char, 3 * words> text{};
@@ -433,8 +433,8 @@ auto part(std::string_view word) noexcept {
   }
 }
 
-// Runs a command of `count` words. More words than it has may be handed over: the function does not
-// look at what its template does not name.
+// Runs a command of `count` words. More words may be passed: the function does not read what its
+// template does not name.
 template <std::size_t... position>
 void* execute(RedisServerType pool, std::size_t count, const std::string_view* words,
               std::index_sequence<position...>) noexcept {
@@ -448,7 +448,7 @@ template <std::size_t room>
   words.resize(room);
   return execute(pool, count, words.data(), std::make_index_sequence<2 * room>());
 }
-// The same where the number is known at run time: with room for 16, 128 or all that there may be.
+// The same for a number known at run time: with room for 16, 128 or the most words.
 inline void* execute(RedisServerType pool, words_view given) {
   std::vector<std::string_view> words(given.begin(), given.end());
   const std::size_t count = words.size();

@@ -1,5 +1,5 @@
-// When a call began. A look at the clock costs more than all the counting of a call, so that a call
-// which is counted looks at its begin once, for its statistics and for its deadline.
+// When a call began. Reading the clock costs more than all the counting of a call, so a counted
+// call reads its start once, for its statistics and its deadline.
 #ifndef RUVO_CALL_CLOCK_H
 #define RUVO_CALL_CLOCK_H
 
@@ -7,8 +7,8 @@
 
 using call_clock = std::chrono::steady_clock;
 
-// Of the call that this thread is in, if it is counted; else not set. Of the initial-exec model, as
-// every variable that each call looks at: the other models take ten times as long.
+// The start of the call that this thread is in, if the call is counted; else not set. initial-exec,
+// as for every variable that each call reads: the other TLS models take ten times as long.
 // NOLINTBEGIN(cert-err58-cpp): constinit, so that nothing is thrown
 [[gnu::tls_model(
     "initial-exec")]] inline constinit thread_local call_clock::time_point call_begin{};

@@ -13,17 +13,17 @@
 
 namespace {
 
-// Bytes of its reading buffer that a connection keeps for its next reply. By default hiredis gives
-// the buffer back after every reply of more than 16 KiB and grows it anew for the next one, which
-// costs more than the reply itself.
+// Bytes of its read buffer that a connection keeps between replies. By default hiredis frees the
+// buffer after every reply of more than 16 KiB and grows it again for the next one, which costs
+// more than the reply itself.
 constexpr std::size_t kept_reply_buffer = std::size_t{1} << 20U;
 
-// Elements of one array that are believed. hiredis makes room for as many as a reply announces and
-// walks over all of them when it gives the reply up: the 13 bytes "*2147483647" of a faulty server
-// would take 16 GiB of addresses and hold the caller for 20 seconds, a nest of them for minutes.
+// Upper bound for the elements of one array. hiredis allocates as many as a reply announces and
+// visits all of them when it frees the reply: the 13 bytes "*2147483647" of a faulty server would
+// take 16 GiB of address space and block the caller for 20 seconds, nested ones for minutes.
 constexpr int max_array_elements = 1 << 24;
 
-// Lets the reader refuse larger arrays, as if there were no memory for them.
+// Makes the reader refuse larger arrays, as if there were no memory for them.
 void limit_arrays(redisReader& reader) {
   static const redisReplyObjectFunctions standard = *reader.fn;
   static redisReplyObjectFunctions limited = [] {
@@ -41,7 +41,7 @@ void limit_arrays(redisReader& reader) {
 
 bool sets_limit(const timeval& timeout) { return limit_of(timeout).count() > 0; }
 
-// When an attempt to connect that begins now must have ended.
+// The latest end of an attempt to connect that begins now.
 time_point end_of_connect(const connection_settings& settings) {
   return sets_limit(settings.connect_timeout)
              ? std::min(settings.deadline,
@@ -61,7 +61,7 @@ context_ptr connect_until(const server_addr& addr, time_point end) {
   return context_ptr(redisConnectWithTimeout(ip_of(addr), port_of(addr), timeout));
 }
 
-// hiredis gives up when a signal handler has run meanwhile. That says nothing of the server.
+// hiredis gives up if a signal handler has run meanwhile. That says nothing about the server.
 bool was_interrupted(const redisContext* context) {
   return context != nullptr && context->err == REDIS_ERR_IO &&
          std::strstr(context->errstr, system_error(EINTR).text) != nullptr;
@@ -69,7 +69,7 @@ bool was_interrupted(const redisContext* context) {
 
 context_ptr connect_to(const server_addr& addr, const connection_settings& settings) {
   if (addr.port_ > std::numeric_limits<in_port_t>::max()) {
-    return nullptr;  // the resolver would take it modulo 65536, and connect to somebody else
+    return nullptr;  // the resolver would take it modulo 65536: another server
   }
   const time_point end = end_of_connect(settings);
   context_ptr context;
@@ -120,19 +120,19 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
   if (!settings.password.empty()) {
     opened.outcome = authenticate(*opened.context, addr, settings);
     if (opened.outcome == open_outcome::ready && is_broken(opened.context.get())) {
-      opened.outcome = open_outcome::unreachable;  // what came behind the answer would be next
+      opened.outcome = open_outcome::unreachable;  // later bytes would be the next answer
     }
   }
   return opened;
 }
 
-// The new one stands before the old one goes: a fork finds one or the other.
+// Stores the new context before it closes the old one: a fork finds one or the other.
 void replace_context(conn_node& slot, context_ptr context) {
   context_ptr old(std::exchange(slot.context_, context.release()));
   ++slot.rebuilds_;
   slot.awaits_first_reply_ = true;
   if (std::exchange(slot.was_used_at_fork_, false) && old) {
     ::close(old->fd);
-    static_cast<void>(old.release());  // what another thread was changing when the process forked
+    static_cast<void>(old.release());  // another thread was changing it when the process forked
   }
 }

@@ -12,13 +12,13 @@
 
 // How a connection is opened.
 struct connection_settings {
-  timeval connect_timeout;      // where it sets a limit: seconds or microseconds above 0
-  timeval socket_timeout;       // likewise, for each read and write
+  timeval connect_timeout;      // a limit if seconds or microseconds are above 0
+  timeval socket_timeout;       // the same, for each read and write
   const std::string& password;  // empty: none
   time_point deadline = no_deadline;
 };
 
-// How far the opening of a connection came.
+// How far the opening of a connection got.
 enum class open_outcome {
   ready,
   unreachable,  // there is no context, or it carries the error
@@ -30,24 +30,24 @@ enum class open_outcome {
 struct opened_connection {
   context_ptr context;
   open_outcome outcome;
-  std::optional<int> timeout_result;  // of hiredis, where a socket timeout was to be set
+  std::optional<int> timeout_result;  // of hiredis, if a socket timeout was to be set
 };
 
 opened_connection open_connection(const server_addr& addr, const connection_settings& settings);
 
-// A timeout as it bounds a wait; 0 where it sets no limit.
+// A timeout as the upper bound of a wait; 0: no limit.
 inline std::chrono::microseconds limit_of(const timeval& timeout) {
   return timeout.tv_sec > 0 || timeout.tv_usec > 0
              ? std::chrono::seconds(timeout.tv_sec) + std::chrono::microseconds(timeout.tv_usec)
              : std::chrono::microseconds(0);
 }
 
-// A slot's context may be missing altogether; that is treated like one in error state.
+// A slot may have no context at all; that counts as an error state, too.
 inline bool is_broken(const redisContext* context) {
   return context == nullptr || context->err != 0;
 }
 
-// What a log line says of a connection that could not be opened.
+// What a log line says about a connection that could not be opened.
 inline const char* error_text(const redisContext* context) {
   return context != nullptr ? context->errstr : "null redisContext";
 }

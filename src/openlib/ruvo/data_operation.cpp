@@ -8,8 +8,8 @@
 
 namespace {
 
-// What Redis takes at most. hiredis counts the bytes of a command in an int, and more than that has
-// it write past its buffer.
+// Redis' own limit. hiredis counts the bytes of a command in an int, and writes past its buffer if
+// there are more.
 constexpr std::size_t max_argument_length = std::size_t{512} << 20U;
 
 }  // namespace
@@ -57,7 +57,7 @@ int ruvo_redis::run(const operation_call& call, reply_ptr* reply, const char* fo
     return RUVO_OK;
   }
   if (!*reply) {
-    // No server can cause it: a success has a reply. Kept for what is promised of every code.
+    // No server can cause this: a success has a reply. Kept because the result code is documented.
     RUVO_LOG_SHARED(BaseLib::Logger::ERROR, operation.origin, 0, "%s | reply is NULL",
                     operation.origin);
     return RUVO_ERR_NO_REPLY;
@@ -96,7 +96,7 @@ int copy_out(const redisReply& reply, const char** data, unsigned long* len) {
   char* const buffer = new (std::nothrow) char[size];
   *data = buffer;
   if (buffer == nullptr) {
-    RUVO_LOG(ERROR, "ruvo_redis::query_key | overflow.");  // one text, whoever asked
+    RUVO_LOG(ERROR, "ruvo_redis::query_key | overflow.");  // one text for every operation
     return RUVO_ERR_NO_MEMORY;
   }
   std::memcpy(buffer, reply.str, size);

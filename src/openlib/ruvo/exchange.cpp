@@ -14,8 +14,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// What one read takes. A reply that one read does not complete is read on in larger pieces: each
-// read is a system call, and hiredis' own 16 KiB make 64 of them for a megabyte.
+// Bytes of one read. A reply that the first read does not complete is read on in larger pieces:
+// each read is a system call, and hiredis' own 16 KiB make 64 of them for a megabyte.
 constexpr std::size_t small_read = std::size_t{16} << 10U;
 constexpr std::size_t large_read = std::size_t{256} << 10U;
 
@@ -30,7 +30,7 @@ connection_error error_of_wait(const wait_limits& limits) {
   return steady_clock::now() >= limits.deadline ? deadline_error() : timeout_error();
 }
 
-// The number of bytes that the socket has taken; fewer than all when the connection broke.
+// Returns the number of bytes that the socket has taken: fewer than all if the connection broke.
 std::size_t send_whole(redisContext& context, const wire_command& command,
                        const wait_limits& limits) {
   iovec rest{command.bytes(), command.length()};
@@ -54,7 +54,7 @@ std::size_t send_whole(redisContext& context, const wire_command& command,
 
 reply_ptr wait_for_reply(redisContext& context, const wait_limits& limits) {
   for (;;) {
-    // Without a deadline the socket's own timeout ends the read, and no clock is asked.
+    // Without a deadline the socket's own timeout ends the read, so the clock need not be read.
     const bool timed = limits.deadline != no_deadline;
     switch (
         receive_some(context, limits.socket_timeout, timed ? end_of_wait(limits) : no_deadline)) {
@@ -170,10 +170,9 @@ reply_ptr exchange(redisContext& context, const wire_command& command, const wai
   return reply;
 }
 
-// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed,
-// and in a host with the default disposition that ends the process. So the library writes itself:
-// it can say that it does not want the signal, which costs nothing, where blocking and consuming it
-// would cost two system calls for each command.
+// hiredis writes with write(2), which raises SIGPIPE on a connection that its server has closed;
+// with the default disposition that ends the host. So the library sends the bytes itself, without
+// the signal, at no cost: blocking and consuming it would cost two system calls for each command.
 ssize_t send_some(const redisContext& context, std::span<iovec> bytes) {
   constexpr int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
   msghdr message{};
@@ -220,7 +219,7 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
 
 wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
                       time_point until) {
-  // The socket has the timeout, too: where that is the earlier, one system call does it.
+  // The socket has the timeout, too: if that ends earlier, one system call is enough.
   constexpr std::chrono::milliseconds tolerance{1};
   int flags = 0;
   if (until != no_deadline &&

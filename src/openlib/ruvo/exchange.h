@@ -1,4 +1,4 @@
-// Commands as bytes, their exchange with a Redis server, and the owners of what hiredis hands out.
+// Commands as bytes, their exchange with a Redis server, and owners for hiredis' objects.
 #ifndef RUVO_EXCHANGE_H
 #define RUVO_EXCHANGE_H
 
@@ -14,7 +14,7 @@
 
 struct context_deleter {
   void operator()(redisContext* context) const {
-    // hiredis 0.14 takes descriptor 0 for none; a host that has closed its input gets it. Where
+    // hiredis 0.14 takes descriptor 0 for none, but a host that has closed its input gets it. If
     // nothing has been connected, the 0 is not a descriptor.
     const bool stays_open =
         HIREDIS_MAJOR == 0 && context->fd == 0 && (context->flags & REDIS_CONNECTED) != 0;
@@ -34,17 +34,17 @@ using time_point = std::chrono::steady_clock::time_point;
 constexpr time_point no_deadline = time_point::max();
 
 // A command as it goes over the wire, or the reason why hiredis refused its template. Formatted
-// once, sent as often as it takes.
+// once and sent as often as needed.
 class wire_command {
  public:
-  // The argument list is left as it was.
+  // Leaves the argument list unchanged.
   wire_command(const char* format, va_list args);
 
   bool refused() const { return length_ < 0; }
   char* bytes() const { return bytes_.get(); }
   std::size_t length() const { return refused() ? 0 : static_cast<std::size_t>(length_); }
 
-  // Leaves on a context what hiredis leaves there when it refuses a template.
+  // Sets the error on a context that hiredis sets if it refuses a template.
   // REQUIRES: refused().
   void report_refusal(redisContext& context) const;
 
@@ -68,7 +68,7 @@ struct wait_limits {
   }
 };
 
-// Sends a command and reads its reply; null when the connection broke, the deadline has passed or
+// Sends a command and reads its reply; null if the connection broke, the deadline has passed or
 // hiredis has refused the template (the context then carries the error). Never raises SIGPIPE in
 // the host.
 // `sent`: whether a byte of the command may have reached the server.
@@ -77,7 +77,7 @@ reply_ptr exchange(redisContext& context, const wire_command& command,
 
 // ---- The parts of an exchange ----
 
-// Sends what the socket takes at once. The number of bytes; -1 and errno when the connection broke.
+// Sends what the socket takes at once. Returns the number of bytes; -1 and errno on failure.
 ssize_t send_some(const redisContext& context, std::span<iovec> bytes);
 
 enum class wait_end { ready, timed_out, broken };
@@ -85,19 +85,19 @@ enum class wait_end { ready, timed_out, broken };
 // Waits until the socket can be read or written.
 wait_end wait_for_peer(const redisContext& context, short events, time_point until);
 
-// Receives what has come, or waits for it until then, and hands it to the context's reader. After
-// `timed_out` the context is as it was.
+// Receives what has arrived, or waits for it until `until`, and hands it to the context's reader.
+// After `timed_out` the context is unchanged.
 wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
                       time_point until);
 
-// The next reply, if it has been received whole; null when it has not or when its bytes are no
-// reply (the context then carries the error).
+// The next reply, if it has arrived completely; null if it has not or if its bytes are no reply
+// (the context then carries the error).
 reply_ptr next_reply(redisContext& context);
 
-// Why a connection is of no use any more, as hiredis tells it.
+// Why a connection is no longer usable, in hiredis' terms.
 struct connection_error {
-  int code = 0;                         // 0: it told of none
-  decltype(redisContext::errstr) text;  // its first byte alone is set where there is none
+  int code = 0;                         // 0: no error
+  decltype(redisContext::errstr) text;  // without an error, only its first byte is set
 
   connection_error() { text[0] = '\0'; }
   connection_error(int error_code, const char* error_text);
@@ -111,14 +111,14 @@ connection_error timeout_error();   // a wait has timed out
 connection_error deadline_error();  // the deadline has ended it
 connection_error out_of_step_error();
 
-// Looks at a connection on which nothing is awaited, without waiting: has its server closed it, or
-// sent what nobody asked for? The code is 0 when it is as it should be.
+// Checks, without waiting, a connection that awaits no reply: has its server closed it, or sent
+// data that nobody asked for? The code is 0 if neither is true.
 connection_error look_at(const redisContext& context);
 
-// Leaves an error on the context as hiredis does, which the walk and its log lines read there.
+// Sets an error on the context as hiredis does; the walk and its log lines read it there.
 void set_error(redisContext& context, const connection_error& error);
-// After the reply to the last command: bytes that are left were asked for by nobody, and every
-// later reply would go to the wrong caller. The connection is then broken.
+// Breaks the connection if bytes are left after the reply to the last command: nobody asked for
+// them, and every later reply would go to the wrong caller.
 void break_if_out_of_step(redisContext& context);
 
 #endif

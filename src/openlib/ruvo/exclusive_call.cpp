@@ -14,7 +14,7 @@ exclusive_call::exclusive_call(conn_node& slot, const wire_command& wire, const 
 }
 
 exclusive_call::~exclusive_call() {
-  // In the child of a fork the lock has been made anew, and this call does not hold it.
+  // In the child of a fork the lock is a new one, which this call does not hold.
   if (has_lock_ && forks_ == slot_.pipeline_.forks) {
     slot_.lock_->release();
   }
@@ -32,7 +32,7 @@ send_end exclusive_call::send() {
       return send_end::out_of_time;
   }
   if (call_.must_not_resend && !is_broken(slot_.context_)) {
-    // It is not to be lost on a connection that its server has closed.
+    // The command must not be lost on a connection that its server has closed.
     const connection_error found = look_at(*slot_.context_);
     if (found.code != 0) {
       set_error(*slot_.context_, found);

@@ -1,4 +1,4 @@
-// A call that has a slot's lock for its whole visit: threads that meet on a connection wait for
+// A call that holds a slot's lock for its whole visit: threads that meet on a connection wait for
 // each other's round trips.
 #ifndef RUVO_EXCLUSIVE_CALL_H
 #define RUVO_EXCLUSIVE_CALL_H

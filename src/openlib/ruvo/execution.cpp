@@ -1,4 +1,4 @@
-// The typed path: a walk, and a result code made of its reply.
+// The typed path: a walk, and the result code of its reply.
 #include <utility>
 
 #include "data_operation.h"
@@ -36,7 +36,7 @@ int ruvo_redis::exec_command(const call_terms& terms, const char* key, reply_ptr
   }
   if (received->type == REDIS_REPLY_NIL) {
     // Every pool counts as persistent here, only the number 0 does not: deployed systems rely on
-    // it.
+    // the line.
     RUVO_LOG(WARN, "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil",
              key, static_cast<int>(redisSrvType) != 0 ? "true" : "false");
     return RUVO_ERR_NOT_FOUND;

@@ -1,5 +1,5 @@
-// What the child of a fork makes of the connections that it shares with its parent: none is used,
-// or the two would read each other's replies.
+// The child of a fork uses none of the connections that it shares with its parent, or the two would
+// read each other's replies.
 #include <pthread.h>
 
 #include <new>
@@ -34,8 +34,8 @@ void ruvo_redis::forget_forks() {
   watched.compare_exchange_strong(self, nullptr);
 }
 
-// Only the forking thread is left, and it may not allocate. A slot whose lock is taken was in use
-// by another thread: its context may be half changed, so it is marked and not looked into again.
+// Only the forking thread is left, and it may not allocate. If a slot's lock is taken, another
+// thread was using the slot: its context may be half changed, so it is only marked.
 void ruvo_redis::disown_connections() noexcept {
   for (server_pool* pool : {&t_pool_, &p_pool_, &personality_pool_}) {
     new (&pool->outage_) pool_outage;

@@ -1,4 +1,4 @@
-// Sleeping on a word of 32 bits and waking who sleeps there, with the deadlines of a steady clock.
+// Sleeping on a 32-bit word and waking its sleepers, with the deadlines of a steady clock.
 #ifndef RUVO_FUTEX_H
 #define RUVO_FUTEX_H
 
@@ -15,7 +15,7 @@
 
 constexpr std::uint32_t any_sleeper = FUTEX_BITSET_MATCH_ANY;
 
-// Sleeps while the word has this value, until one of these bits is woken or that moment has come;
+// Sleeps while the word has this value, until one of these bits is woken or `until` has come;
 // false: it has. May return early.
 inline bool sleep_on(const void* word, std::uint32_t value, time_point until,
                      std::uint32_t bits = any_sleeper) {
@@ -30,7 +30,7 @@ inline bool sleep_on(const void* word, std::uint32_t value, time_point until,
          errno != ETIMEDOUT;
 }
 
-// Wakes all that sleep with one of these bits.
+// Wakes every sleeper that has one of these bits.
 inline void wake(const void* word, std::uint32_t bits = any_sleeper) {
   ::syscall(SYS_futex, word, FUTEX_WAKE_BITSET_PRIVATE, std::numeric_limits<int>::max(), nullptr,
             nullptr, bits);

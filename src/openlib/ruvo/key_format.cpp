@@ -6,8 +6,8 @@
 
 namespace {
 
-// One directive, taken apart. Positions ("%2$d") and length modifiers ("%lld") are read and
-// dropped: every argument is zero, which prints alike at any position and in any size.
+// The parts of one directive. Positions ("%2$d") and length modifiers ("%lld") are read and
+// dropped: every argument is zero, which prints the same at any position and size.
 struct directive {
   std::array<char, 8> flags{};  // each flag once
   int width = 0;
@@ -24,7 +24,7 @@ int read_digits(const char*& at) {
   return number;
 }
 
-// Steps over the position of an argument, "2$", where one stands.
+// Skips the position of an argument, "2$", if there is one.
 void skip_position(const char*& at) {
   const char* end = at;
   read_digits(end);
@@ -33,7 +33,7 @@ void skip_position(const char*& at) {
   }
 }
 
-// Reads a width or a precision: digits, or a "*" that asks for an argument and so for a zero.
+// Reads a width or a precision: digits, or a "*", whose argument would be zero.
 int read_size(const char*& at) {
   if (*at != '*') {
     return read_digits(at);
@@ -42,7 +42,7 @@ int read_size(const char*& at) {
   return 0;
 }
 
-// `at` stands behind the "%" and is moved behind the directive.
+// `at` is behind the "%" and is moved behind the directive.
 directive read_directive(const char*& at) {
   directive result;
   skip_position(at);
@@ -69,8 +69,8 @@ directive read_directive(const char*& at) {
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
 
-// Prints one directive with an argument of nothing; the number of bytes that it wants, or -1 where
-// there is no such conversion. `format` is made here and holds exactly one known directive.
+// Prints one directive with a zero argument. Returns the number of bytes that it needs, or -1 for
+// an unknown conversion. `format` is made here and holds exactly one known directive.
 int print_zero(const directive& what, char* out, std::size_t room) {
   std::array<char, 32> format{};
   int used = std::snprintf(format.data(), format.size(), "%%%s", what.flags.data());
@@ -142,7 +142,7 @@ void expand_key_format(const char* key, std::array<char, log_buffer_size>& text)
     const directive what = read_directive(key);
     ++directives;
     if (what.conversion == '\0') {
-      // printf drops what is no whole directive, unless it has met an unknown one before.
+      // printf drops an incomplete directive, unless it has met an unknown one before.
       append(start, unknown_before ? static_cast<std::size_t>(key - start) : 0);
       break;
     }

@@ -1,4 +1,4 @@
-// Expansion of a key that stands in the log as a format.
+// Expansion of a key that the log uses as a format.
 #ifndef RUVO_KEY_FORMAT_H
 #define RUVO_KEY_FORMAT_H
 
@@ -6,11 +6,10 @@
 
 constexpr int log_buffer_size = 1024;  // bytes of one log text, its terminating zero included
 
-// Expands `key` as printf would if every argument that it asks for were zero or a null pointer:
-// "%%" gives "%", "%s" "(null)", "%d" "0". "%n" gives nothing and writes nowhere. What is no
-// directive stays as it stands. No argument is read, a width or precision is capped at the buffer,
-// and no more directives are expanded than the buffer has bytes, so that no key can reach the stack
-// or hold the caller.
+// Expands `key` as printf would if every argument were zero or a null pointer: "%%" gives "%", "%s"
+// "(null)", "%d" "0". "%n" gives nothing and writes nowhere. All other text stays unchanged. No
+// argument is read, widths and precisions are capped at the buffer size, and no more directives are
+// expanded than the buffer has bytes, so that no key can reach the stack or block the caller.
 void expand_key_format(const char* key, std::array<char, log_buffer_size>& text) noexcept;
 
 #endif

@@ -36,7 +36,7 @@ int ruvo_redis::list_push(const char* key, const char* value, std::size_t length
   if (ret != RUVO_OK) {
     return ret;
   }
-  // The expiry is set whatever Redis has answered, so the type is looked at here.
+  // The expiry is set whatever Redis has answered, so the type is checked here.
   if (has_type(operation, *reply, REDIS_REPLY_INTEGER, key)) {
     store(count, reply->integer);
     RUVO_LOG(DEBUG, "ruvo_redis::list_push | list_push key:%s, value:%s success, count is %lld",

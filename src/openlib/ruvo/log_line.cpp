@@ -14,8 +14,8 @@ namespace {
 std::atomic<int> log_limit{0};
 thread_local bool is_unlimited = false;
 
-// A window is a second of the clock, a mark that its notice is being written, and the lines written
-// in it.
+// A window holds a second of the clock, a flag that its notice is being written, and the number of
+// lines written in it.
 constexpr unsigned second_shift = 32;
 constexpr std::uint64_t one_second = std::uint64_t{1} << second_shift;
 constexpr std::uint64_t notice_mark = std::uint64_t{1} << (second_shift - 1);
@@ -30,7 +30,7 @@ __attribute__((format(printf, 3, 0))) void vwrite(const log_place& place,
   try {
     BaseLib::Logger(place.file, place.line, level).stream() << text.data();
   } catch (...) {
-    // No memory to build the line with: the operation goes on without it.
+    // No memory for the line: the operation goes on without it.
   }
 }
 
@@ -43,8 +43,8 @@ __attribute__((format(printf, 3, 4))) void write(const log_place& place,
   va_end(args);
 }
 
-// May a line be written here now? If so, and some were suppressed, the log has been told how many;
-// lines that come while it is being told are suppressed, too, so that none overtakes it.
+// May a line be written here now? If lines were suppressed, it first logs how many; lines that
+// arrive meanwhile are suppressed, too, so that none overtakes that notice.
 bool admits(const log_place& place, std::uint64_t limit) {
   log_rate& rate = *place.rate;
   const std::uint64_t now = static_cast<std::uint64_t>(std::time(nullptr)) << second_shift;
@@ -52,7 +52,7 @@ bool admits(const log_place& place, std::uint64_t limit) {
   std::uint64_t next = 0;
   bool has_notice = false;
   do {
-    // A second ahead is that of a thread that has looked at the clock just after this one.
+    // A window one second ahead belongs to a thread that read the clock just after this one.
     const std::uint64_t second = window & ~(one_second - 1);
     const bool is_open = second == now || second == now + one_second;
     next = is_open ? window + 1 : now + 1;
@@ -76,7 +76,7 @@ bool admits(const log_place& place, std::uint64_t limit) {
 
 }  // namespace
 
-// A table that is never full: there are some 20 operations, with some 10 lines and results each.
+// The table never fills up: there are some 20 operations, with some 10 lines and results each.
 log_rate& shared_rate(const char* operation, int result, int line) noexcept {
   static constinit std::array<log_rate, 1024> rates;
   const std::uint64_t kind =
@@ -110,7 +110,7 @@ void write_log_line(const log_place& place, BaseLib::Logger::LogLevel level, con
   va_end(args);
 }
 
-// Deployed systems rely on the bare key at this level, so the text has nothing around it.
+// Deployed systems rely on the bare key at this level, so no text surrounds it.
 void log_key_as_format(const char* key) noexcept {
   if (is_logged(BaseLib::Logger::ERROR)) {
     std::array<char, log_buffer_size> text;

@@ -1,10 +1,9 @@
-// The one way out for a log line of the library.
+// The only way to write a log line of the library.
 //
 //   RUVO_LOG(WARN, "ruvo_redis::reset_connection | reset connection,ip:%s port:%d", ip, port);
 //
-// The threshold is tested first: a line that nobody will see costs that test, and its arguments are
-// not looked at. A line that passes is formatted into a fixed buffer, where it is cut at 1023
-// bytes.
+// The threshold is tested first: a line below it costs only that test, and its arguments are not
+// evaluated. Any other line is formatted into a fixed buffer and cut at 1023 bytes.
 #ifndef RUVO_LOG_LINE_H
 #define RUVO_LOG_LINE_H
 
@@ -17,7 +16,7 @@ inline bool is_logged(BaseLib::Logger::LogLevel level) {
   return BaseLib::Logger::logLevel() <= level;
 }
 
-// How many lines of one kind were written in the present second, and how many suppressed.
+// How many lines of one kind were written in the current second, and how many suppressed.
 struct log_rate {
   std::atomic<std::uint64_t> window{0};  // see admits()
   std::atomic<unsigned long long> suppressed{0};
@@ -40,7 +39,7 @@ struct log_place {
     }                                                                           \
   } while (false)
 
-// Where operations share a place, each operation (told by its text) and result is a kind.
+// If operations share a place, each operation (identified by its text) and result is a kind.
 #define RUVO_LOG_SHARED(level, operation, result, ...)                                       \
   do {                                                                                       \
     if (is_logged(level)) {                                                                  \
@@ -52,15 +51,15 @@ log_rate& shared_rate(const char* operation, int result, int line) noexcept;
 
 #define RUVO_LOG(level, ...) RUVO_LOG_AT(BaseLib::Logger::level, __VA_ARGS__)
 
-// Formats and writes a line, or keeps it back where a limit is set. Never throws: a line for which
-// there is no memory is dropped.
+// Formats and writes a line, or suppresses it if a limit is set. Never throws: without memory, it
+// drops the line.
 void write_log_line(const log_place& place, BaseLib::Logger::LogLevel level, const char* format,
                     ...) noexcept __attribute__((format(printf, 3, 4), cold));
 
-// Of the WARN and ERROR lines of one kind so many are written in a second; 0: every line.
+// Limits the WARN and ERROR lines of one kind to `lines` a second; 0: every line.
 void set_log_limit(int lines);
 
-// While it lives, its thread's lines are not limited: those of start-up and shut-down.
+// While it exists, its thread's lines are not limited: those of start-up and shutdown.
 class unlimited_log {
  public:
   unlimited_log();

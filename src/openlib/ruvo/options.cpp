@@ -22,7 +22,7 @@ void tell(const setting& key, setting_fault why, const char* value) {
   }
 }
 
-// The options of a line, as deployed systems search for them.
+// Logs the options of a line as deployed systems search for them.
 void log_options(const client_options& options, int line) {
   std::string text;
   for (const setting& key : all_settings()) {

@@ -1,4 +1,4 @@
-// What a site may switch on beyond the pools' own settings. All off: as before there were options.
+// What a site may switch on besides the pools' own settings. By default everything is off.
 #ifndef RUVO_OPTIONS_H
 #define RUVO_OPTIONS_H
 
@@ -10,7 +10,7 @@
 
 class vop_config;
 
-// What each key means stands in its row of settings.cpp.
+// The rows of settings.cpp say what each key means.
 struct client_options {
   bool recommended_defaults = false;
   bool auto_pipelining = false;
@@ -26,15 +26,14 @@ struct client_options {
   std::string stats_file;         // empty: none
   int slow_call_log = 0;          // ms; 0: none
 
-  // When a call that begins now must have ended.
+  // The deadline of a call that begins now.
   call_clock::time_point deadline() const {
     return call_timeout > 0 ? begin_of_call() + std::chrono::milliseconds(call_timeout)
                             : call_clock::time_point::max();
   }
 };
 
-// Reads section "common", and tells the log what it found. A value that makes no sense is told,
-// and counts as absent.
+// Reads section "common" and logs what it found. An invalid value is logged and counts as absent.
 client_options read_options(const vop_config& config);
 
 #endif

@@ -17,7 +17,7 @@ std::int64_t ticks(time_point at) {
   return std::chrono::nanoseconds(at.time_since_epoch()).count();
 }
 
-// So that hosts which lost a server at the same moment do not all try it at the same moment.
+// Keeps hosts that lost a server at the same moment from probing it at the same moment.
 std::chrono::nanoseconds shortened(std::chrono::nanoseconds pause) {
   thread_local std::minstd_rand random(std::random_device{}());
   std::uniform_int_distribution<std::int64_t> part(0, pause.count() / 2);
@@ -83,7 +83,7 @@ bool pool_outage::join(const log_names& names, time_point began, time_point dead
   } else if (began >= given_up_at_) {
     return false;
   }
-  given_up_at_ = std::min(given_up_at_, deadline);  // a call that began earlier may come later
+  given_up_at_ = std::min(given_up_at_, deadline);  // a call that began earlier may join later
   waited_ += is_new ? 1 : 0;
   return true;
 }

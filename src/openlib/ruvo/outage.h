@@ -1,4 +1,4 @@
-// Servers and pools that do not answer: who tries them, when, and who waits meanwhile.
+// Servers and pools that do not answer: who probes them, when, and who waits meanwhile.
 #ifndef RUVO_OUTAGE_H
 #define RUVO_OUTAGE_H
 
@@ -9,31 +9,31 @@
 
 #include "exchange.h"
 
-// An ejected server is tried by one call at a time: at once, then after pauses that double (an
-// exponential backoff), each shortened by a random part of up to half.
+// An ejected server is probed by one call at a time: at once, then after pauses that double
+// (exponential backoff), each shortened by a jitter of up to half.
 constexpr std::chrono::milliseconds first_probe_pause{10};
 constexpr std::chrono::milliseconds longest_probe_pause{500};
 
 // Plain fields that all threads share, touched through atomic references.
 struct server_probe {
-  std::int64_t rests_until = 0;  // steady nanoseconds; the greatest value while a call tries it
-  std::int64_t pause_ms = 0;     // before the next try but one
+  std::int64_t rests_until = 0;  // steady nanoseconds; the greatest value while a call probes it
+  std::int64_t pause_ms = 0;     // before the next probe but one
 };
 
-// Takes the server to be tried by this call, unless another call tries it or it rests.
+// Reserves the server for a probe by this call, unless another call probes it or it rests.
 bool begin_probe(server_probe& probe);
-// As if it had not been taken.
+// Undoes begin_probe().
 void release_probe(server_probe& probe);
 void end_probe(server_probe& probe, bool has_answered);
-// The server has been ejected anew: it is tried at once.
+// The server has been ejected again: it may be probed at once.
 void reset_probe(server_probe& probe);
-// When it may be tried: in the past when at once, no_deadline while a call tries it.
+// When it may be probed: in the past if at once, no_deadline while a call probes it.
 time_point next_probe(server_probe& probe);
 
-// A pool none of whose servers answers (wait_for_servers). Its calls wait until one does.
+// A pool in which no server answers (wait_for_servers). Its calls wait until one does.
 class pool_outage {
  public:
-  // What the log calls the pool, and who tells it.
+  // How log lines name the method and the pool.
   struct log_names {
     const char* method;
     int pool;
@@ -41,7 +41,7 @@ class pool_outage {
 
   bool is_on() const { return is_on_.load(std::memory_order_relaxed); }
 
-  // A call's connection has broken: has the pool answered since?
+  // A call's connection has broken: earlier answers of the pool no longer count.
   void note_break() { has_answered_.store(false, std::memory_order_relaxed); }
   bool has_answered() const { return has_answered_.load(std::memory_order_relaxed); }
   void note_answer(const log_names& names) {
@@ -53,11 +53,11 @@ class pool_outage {
     }
   }
 
-  // A call of this time span has found no server. False when it is not to wait: the first deadline
-  // of those that waited has passed, and the pool is given up until a server answers.
-  // `is_new`: it has not waited yet.
+  // A call that began at `began` has found no server. False if it must not wait: the first deadline
+  // of the waiting calls has passed, and the pool is given up until a server answers. `is_new`: it
+  // has not waited yet.
   bool join(const log_names& names, time_point began, time_point deadline, bool is_new);
-  // Sleeps until a server answers, or until then.
+  // Sleeps until a server answers, at most until `until`.
   void sleep(time_point until) const;
 
  private:
@@ -65,7 +65,7 @@ class pool_outage {
 
   std::atomic<bool> has_answered_{false};
   std::atomic<bool> is_on_{false};
-  std::atomic<std::uint32_t> ended_{0};  // outages; who waits sleeps on it
+  std::atomic<std::uint32_t> ended_{0};  // outages that have ended; waiters sleep on it
   std::mutex mutex_;
   time_point began_{};  // guarded by mutex_, like the next two
   time_point given_up_at_{};

@@ -21,7 +21,7 @@ void add_user(pipeline_state& line, std::uint32_t count) {
   std::atomic_ref(line.users).fetch_add(count, std::memory_order_relaxed);
 }
 
-// Replies that nobody waits for any more make a slot look used: others are chosen before it.
+// Replies that nobody waits for any more make a slot count as used, so others are chosen first.
 void set_to_skip(pipeline_state& line, std::uint32_t replies) {
   if ((line.to_skip == 0) != (replies == 0)) {
     add_user(line, replies > 0 ? 1 : ~0U);
@@ -35,22 +35,22 @@ bool is_look_due(const pipeline_state& line, time_point now) {
   return now - line.last_look >= interval;
 }
 
-// Before a write with nothing in flight: a command that must not be sent again is not to be lost on
-// a connection that its server has closed.
+// Before a write with nothing in flight: a command that must not be resent must not be lost on a
+// connection that its server has closed.
 bool needs_look(const pipeline_state& line, time_point now) {
   const queued_call* const next = line.head();
   return is_look_due(line, now) ||
          (next != nullptr && next->must_not_resend && !next->is_second_send && !line.has_looked);
 }
 
-// Is it the turn of a command that goes alone? It comes after the second sends.
+// Is a command that must go alone the next one? It comes after the second sends.
 bool is_turn_of_alone(const pipeline_state& line) {
   const queued_call* next = line.unsent.front();
   return !line.alone.empty() && (next == nullptr || (!next->is_second_send && next->written == 0));
 }
 
-// The slot of that number, or the next one of the server that nobody uses; this call is then one of
-// its users. Where all are used it is the slot of that number.
+// Returns the first unused slot of the server from `slot` on, or `slot` if all are used. This call
+// then counts as one of its users.
 conn_node& choose_slot(server_node& server, conn_node& slot) {
   const std::size_t count = server.context_arr_.size();
   const auto first = static_cast<std::size_t>(&slot - server.context_arr_.data());
@@ -58,7 +58,7 @@ conn_node& choose_slot(server_node& server, conn_node& slot) {
     conn_node& candidate = server.context_arr_[(first + i) % count];
     const std::atomic_ref users(candidate.pipeline_.users);
     std::uint32_t none = 0;
-    // Looks first: among many slots that are used, only the free one is written to.
+    // Reads first: among many used slots, only the unused one is written to.
     if (users.load(std::memory_order_relaxed) == 0 &&
         users.compare_exchange_strong(none, 1, std::memory_order_relaxed)) {
       return candidate;
@@ -68,7 +68,7 @@ conn_node& choose_slot(server_node& server, conn_node& slot) {
   return slot;
 }
 
-// Where a call sleeps.
+// The word, and its bit, that a call sleeps on.
 std::size_t word_of(std::uint32_t number) { return number / calls_per_word % sleep_words; }
 std::uint32_t bit_of(std::uint32_t number) { return 1U << number % calls_per_word; }
 
@@ -95,8 +95,8 @@ queued_call& call_list::pop_front() {
   return call;
 }
 
-// The slot's lock, held by this thread but for the moments in which it is let go. Threads that are
-// signalled meanwhile are woken then: they would only wait for the lock.
+// Holds the slot's lock, except while it is released for a wait. Threads that are signalled
+// meanwhile are woken at the release: before it, they would only wait for the lock.
 class pipelined_call::guard {
  public:
   explicit guard(conn_node& slot) : mutex_(*slot.lock_), words_(slot.pipeline_.words) {}
@@ -126,7 +126,7 @@ class pipelined_call::guard {
   }
   bool is_held() const { return is_held_; }
 
-  // With `done`, the last touch of the call.
+  // With `done`, this is the last access to the call.
   void send_signal(queued_call& call, std::uint32_t value) {
     const std::uint32_t number = call.number;
     if (call.signal.exchange(value, std::memory_order_release) == queued_call::asleep) {
@@ -149,7 +149,7 @@ class pipelined_call::guard {
   std::array<std::uint32_t, sleep_words>& words_;
   bool is_held_ = false;
   bool has_sleepers_ = false;
-  std::array<std::uint32_t, sleep_words> sleepers_{};  // to be woken: their bits
+  std::array<std::uint32_t, sleep_words> sleepers_{};  // bits to wake, by word
 };
 
 pipelined_call::pipelined_call(server_node& server, conn_node& slot, const wire_command& wire,
@@ -162,7 +162,7 @@ pipelined_call::pipelined_call(server_node& server, conn_node& slot, const wire_
 
 pipelined_call::~pipelined_call() {
   if (line_.forks != forks_) {
-    return;  // in the child of a fork: the slot has been made anew, without this call
+    return;  // in the child of a fork: the slot is a new one, without this call
   }
   if (call_.where != place::nowhere) {
     guard lock(slot_);
@@ -209,7 +209,7 @@ void pipelined_call::give_up(const char* reason) {
   guard lock(slot_);
   lock.lock();
   call_.error = connection_error(REDIS_ERR_OOM, reason);
-  // Only the first of those that have met the same event.
+  // Of the calls that share an event, only the first counts it.
   call_.counts_failure = call_.sent_after == slot_.rebuilds_ && !line_.is_ending && !is_broken();
   if (call_.counts_failure) {
     line_.is_ending = true;
@@ -225,7 +225,7 @@ void pipelined_call::give_up(const char* reason) {
   settle(lock);
 }
 
-// Second sends come before first ones, in their order.
+// Second sends come before first sends; both keep their order.
 void pipelined_call::enqueue() {
   forks_ = line_.forks;
   call_.number = line_.next_number++;
@@ -245,7 +245,7 @@ void pipelined_call::enqueue() {
   line_.unsent.insert_before(position, call_);
 }
 
-// Does whatever falls to this call, until it is served or has ended.
+// Does the connection's work that is up to this call, until it has a reply or has failed.
 send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
   for (;;) {
     if (call_.where == place::nowhere) {
@@ -282,7 +282,7 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
         write(lock, now);
         continue;
       }
-      // While its command is being written, it may yet have to write the rest.
+      // While its command is being written, this call may still have to write the rest.
       if (line_.in_flight.front() == &call_ && !line_.is_reading && !call_.is_being_written) {
         read(lock, now);
         continue;
@@ -306,7 +306,7 @@ send_end pipelined_call::end_of_call() const {
   return call_.rebuild_failed ? send_end::rebuild_failed : send_end::unanswered;
 }
 
-// Served or ended: whoever did it is about to store `done`.
+// The call has ended: another thread is about to store `done`.
 void pipelined_call::sleep_until_done() {
   std::uint32_t signal = queued_call::look;
   call_.signal.compare_exchange_strong(signal, queued_call::asleep, std::memory_order_acquire);
@@ -315,7 +315,7 @@ void pipelined_call::sleep_until_done() {
   }
 }
 
-// Sleeps unless it has a signal; false: that moment has come.
+// Sleeps unless the call has a signal; false: `until` has come.
 bool pipelined_call::sleep_once(time_point until) {
   std::uint32_t& word = line_.words[word_of(call_.number)];
   const std::uint32_t value = std::atomic_ref(word).load(std::memory_order_acquire);
@@ -323,7 +323,7 @@ bool pipelined_call::sleep_once(time_point until) {
          sleep_on(&word, value, until, bit_of(call_.number));
 }
 
-// Comes back with the lock, or without it once the call is done.
+// Returns with the lock held, or without it once the call is done.
 void pipelined_call::sleep(guard& lock, time_point until) {
   call_.signal.store(queued_call::asleep, std::memory_order_relaxed);
   lock.unlock();
@@ -386,8 +386,8 @@ void pipelined_call::put_in_flight(queued_call& call, time_point now) {
   line_.in_flight.push_back(call);
 }
 
-// Puts what has gathered in flight, oldest first and within the bounds of a write. Late calls stay:
-// they are about to leave.
+// Puts waiting commands in flight, oldest first and within the bounds of a write. Calls past their
+// deadline stay: they are about to leave.
 std::size_t pipelined_call::take_batch(std::span<queued_call*> batch, time_point now) {
   std::size_t count = 0;
   std::size_t bytes = 0;
@@ -452,8 +452,8 @@ void pipelined_call::write(guard& lock, time_point now) {
   settle(lock);
 }
 
-// Those of which the socket has taken all are in flight, the others go back to the head of the
-// queue. One that has got its reply meanwhile is done now.
+// Commands that the socket has taken completely are in flight; the others go back to the head of
+// the queue. A call whose reply has arrived meanwhile is done now.
 void pipelined_call::note_written(guard& lock, std::span<queued_call*> batch, std::size_t bytes) {
   for (queued_call* call : batch) {
     const std::size_t taken = std::min(bytes, call->wire->length() - call->written);
@@ -487,7 +487,7 @@ void pipelined_call::put_back(queued_call& call) {
   line_.is_blocked = true;
 }
 
-// A connection that takes no bytes may still hold replies that have come: those are read first.
+// A connection that takes no bytes may still hold received replies: those are read first.
 void pipelined_call::stop_writing(int error) {
   line_.is_blocked = false;
   line_.has_failed_to_write = true;
@@ -499,7 +499,7 @@ void pipelined_call::stop_writing(int error) {
   }
 }
 
-// The socket is full: the head of the queue waits until it takes more.
+// The socket's buffer is full: the head of the queue waits until it takes more.
 void pipelined_call::wait_until_writable(guard& lock) {
   const auto timeout = terms_.limits.socket_timeout;
   const time_point end = timeout.count() > 0 ? line_.last_write + timeout : no_deadline;
@@ -517,8 +517,8 @@ void pipelined_call::wait_until_writable(guard& lock) {
   settle(lock);
 }
 
-// Nothing is in flight: bytes that come now were asked for by nobody. A reply that has shifted the
-// others arrives within a round trip of the last command, so the look does not end before that.
+// Nothing is in flight: nobody asked for bytes that arrive now. A stray reply that has shifted the
+// others arrives within a round trip of the last command, so the check does not end earlier.
 void pipelined_call::look_whether_in_step(guard& lock, time_point now) {
   line_.is_writing = true;
   line_.last_look = now;
@@ -579,8 +579,8 @@ void pipelined_call::read(guard& lock, time_point now) {
   hand_out(lock, std::span(replies).first(count), now);
 }
 
-// Gives the replies to those that they are due to, and what this thread did to the next call. Only
-// then those that have been served are woken: what they do next needs the processor, too.
+// Gives the replies to their calls, and the reading and writing to the next call. Only then wakes
+// the served calls: what they do next needs the processor, too.
 void pipelined_call::hand_out(guard& lock, std::span<redisReply*> replies, time_point now) {
   std::array<queued_call*, max_write_commands> served;
   std::size_t count = 0;
@@ -623,7 +623,7 @@ void pipelined_call::hand_out(guard& lock, std::span<redisReply*> replies, time_
   }
 }
 
-// Nothing is in flight: is the connection to be given up?
+// Nothing is in flight: gives up the connection if it is ending or out of step.
 void pipelined_call::check_idle_connection() {
   redisContext& context = *slot_.context_;
   if (context.err != 0) {
@@ -641,8 +641,8 @@ void pipelined_call::check_idle_connection() {
 
 // ---- Breaks ----
 
-// The connection is of no use any more. Threads that wait for its socket come back at once; the
-// last of them goes on with finish_break().
+// The connection is unusable. Threads that wait for its socket return at once; the last of them
+// goes on with finish_break().
 void pipelined_call::break_off() {
   line_.is_broken = true;
   if (line_.is_reading || line_.is_writing) {
@@ -650,7 +650,7 @@ void pipelined_call::break_off() {
   }
 }
 
-// After anything that may change what the next step is.
+// Called after anything that may change the next step.
 void pipelined_call::settle(guard& lock) {
   if (line_.is_broken && !line_.is_reading && !line_.is_writing && !line_.is_rebuilding) {
     finish_break(lock);
@@ -666,9 +666,9 @@ void pipelined_call::settle(guard& lock) {
   }
 }
 
-// Those in flight have used a send. The ones behind the call whose reply was due are sent again
-// first, in their order; that one goes alone and after them, so that a command which stalls or
-// kills its connection fails by itself. One that has been sent twice is ended.
+// The calls in flight have used a send. Those behind the call whose reply was due are resent first,
+// in their order; that call is resent alone and after them, so that a command which stalls or kills
+// its connection fails by itself. A command that was sent twice has failed.
 void pipelined_call::finish_break(guard& lock) {
   redisContext& context = *slot_.context_;
   if (context.err == 0) {
@@ -677,7 +677,7 @@ void pipelined_call::finish_break(guard& lock) {
   // The call whose reply was due, unless it has left.
   queued_call* const first = line_.in_flight.front();
   queued_call* const due = first != nullptr && first->to_skip == 0 ? first : nullptr;
-  // What is partly written has been sent, too.
+  // A partly written command counts as sent.
   while (!line_.unsent.empty() && line_.unsent.front()->written > 0) {
     line_.in_flight.push_back(line_.unsent.pop_front());
   }
@@ -687,7 +687,7 @@ void pipelined_call::finish_break(guard& lock) {
     call.counts_failure = !std::exchange(is_counted, true);
     lock.send_signal(call, queued_call::done);
   };
-  // A new connection that has not answered anything would not answer these either.
+  // A new connection that has not answered anything would not answer these calls either.
   for (queued_call* call = line_.has_answered ? nullptr : line_.alone.front(); call != nullptr;) {
     queued_call* const next = call->next;
     if (call->is_second_send) {
@@ -719,7 +719,7 @@ void pipelined_call::finish_break(guard& lock) {
     lock.send_signal(call, queued_call::look);
   }
   set_to_skip(line_, 0);
-  line_.is_broken = false;  // what is to be sent again has not met a second break
+  line_.is_broken = false;  // calls that are resent have met only one break
   line_.is_alone = line_.is_blocked = line_.is_ending = line_.has_failed_to_write = false;
 }
 
@@ -745,7 +745,7 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
   settle(lock);
 }
 
-// Those that have come meanwhile have not met the fault: they try for themselves.
+// Calls that arrived meanwhile have not met the failure: they try for themselves.
 void pipelined_call::share_failed_rebuild(guard& lock) {
   for (call_list* list : {&line_.unsent, &line_.alone}) {
     for (queued_call* call = list->front(); call != nullptr;) {
@@ -765,7 +765,7 @@ void pipelined_call::share_failed_rebuild(guard& lock) {
   }
 }
 
-// The deadline has come. A command in flight is answered all the same: its reply will be dropped.
+// The deadline has come. A command in flight still gets a reply, which will be dropped.
 void pipelined_call::leave(guard& lock) {
   if (call_.where == place::in_flight) {
     queued_call* const next = call_.next;

@@ -1,37 +1,35 @@
 // Calls that share a connection in full duplex (auto_pipelining).
 //
 // A slot has two lists of calls, `unsent` and `in_flight`, both in the order in which replies are
-// due. A call puts itself at the end of `unsent` and then does, in a loop, whatever of the
-// connection's work falls to it, or sleeps until it is woken (pipelined_call::wait()):
+// due. A call appends itself to `unsent`. Then, in a loop, it does the connection's work that is up
+// to it, or sleeps until it is woken (pipelined_call::wait()):
 //
-//   write    The call that finds that a write may begin takes what has gathered, puts it in flight
-//            and sends it. A write may begin at once while few commands are in flight; otherwise a
-//            pause after the last write, or the next reply, lets commands gather that then share
-//            one system call.
-//   read     The call whose reply is due first reads. It hands out every reply that has come, hands
-//            the reading over to the call that is due next, writes what has gathered, wakes those
-//            that it has served, and returns: it never reads on for others.
-//   rebuild  The call at the head of the queue replaces a broken connection; see break_off() for
-//            who is sent again, and in which order.
+//   write    The call that finds that a write may begin puts the waiting commands in flight and
+//            sends them. A write may begin at once while few commands are in flight; otherwise it
+//            waits for the next reply, or for a pause after the last write, so that commands share
+//            a system call.
+//   read     The call whose reply is due first reads. It hands out every reply that has arrived,
+//            hands the reading over to the call that is due next, writes the waiting commands,
+//            wakes the calls that it has served, and returns: it never keeps reading for others.
+//   rebuild  The call at the head of the queue replaces a broken connection; see finish_break() for
+//            the commands that are resent, and their order.
 //
-// So whoever changes what the next step is wakes the call that it falls to: the front of
-// `in_flight` when nobody reads, the head of the queue when nobody writes. Only the head of the
-// queue sleeps for no longer than the pause; the others sleep until they are woken or their
-// deadline comes.
+// A thread that changes the next step wakes the call that must do it: the front of `in_flight` if
+// nobody reads, the head of the queue if nobody writes. Only the head of the queue wakes by itself
+// after the pause; the others sleep until they are woken or their deadline comes.
 //
-// Locking. The slot's lock guards everything here. It is not held during a write, a read, a rebuild
-// or a sleep: `is_writing`, `is_reading` and `is_rebuilding` say that a thread is about one of them
-// and has the context's socket, reader or replacement to itself. A break is finished by whoever
-// comes back last.
+// Locking. The slot's lock guards everything here. It is released during a write, a read, a rebuild
+// or a sleep: with `is_writing`, `is_reading` or `is_rebuilding` set, one thread has the context's
+// socket, reader or replacement to itself. The last thread that returns finishes a break.
 //
-// Lifetime and memory order. A call lies on the stack of its thread. Other threads touch it with
-// the lock held, while it is in a list; or, once it is in none, only to store `done` in its signal,
-// with release: that is their last touch, and what they have written before (its reply) is seen by
-// its thread, which loads the signal with acquire. So a call that is in no list and not done waits
-// for that store. It sleeps on a word of the slot, which outlives it: one for each 32 calls in the
-// order of their arrival, with a bit for each, so that one system call wakes all that a read has
-// served. Whoever wakes has changed the word after the signals, and who is about to sleep has read
-// the word before its signal: either it sees the signal, or the system finds the word changed.
+// Lifetime and memory order. A call is on the stack of its thread. While it is in a list, other
+// threads access it with the lock held. Once it is in none, they only store `done` in its signal,
+// with release: that is their last access. Its thread loads the signal with acquire, and so sees
+// what they have written before (its reply). A call that is in no list and not done waits for that
+// store. It sleeps on a word of the slot, which outlives it: one for each 32 calls in the order of
+// their arrival, with a bit for each, so that one system call wakes all that a read has served. A
+// waker changes the word after the signals, and a sleeper reads the word before its signal: either
+// it sees the signal, or the system finds the word changed.
 #ifndef RUVO_PIPELINE_H
 #define RUVO_PIPELINE_H
 
@@ -44,24 +42,24 @@
 
 struct server_node;
 
-// So many commands may be in flight before commands are held back to share a write, and so long at
-// most. Measured with GET on one connection: holding back fewer than 4 makes 2 to 4 threads slower;
-// no pause at all costs 64 threads on loopback half their rate. After a write of a single command
+// With this many commands in flight, more are held back to share a write, for at most the pause.
+// Measured with GET on one connection: holding back fewer than 4 makes 2 to 4 threads slower;
+// without a pause 64 threads on loopback lose half their rate. After a write of a single command
 // the long pause would only add to the latency: 6 % at 16 threads and a round trip of 1 ms.
 constexpr std::size_t direct_sends = 4;
 constexpr std::chrono::microseconds write_pause{100};
 constexpr std::chrono::microseconds pause_after_single{20};
 
-// Bounds of a write. A larger command goes alone.
+// Upper bounds of a write. A larger command is written by itself.
 constexpr std::size_t max_write_commands = 128;
 constexpr std::size_t max_write_bytes = std::size_t{64} << 10U;
 
-// A connection under unbroken traffic is let run empty so often, to see whether it is in step.
+// How often a connection under constant traffic is drained, to check whether it is in step.
 constexpr std::chrono::milliseconds look_interval{100};
 constexpr int look_round_trips = 64;
 
 constexpr std::size_t calls_per_word = 32;  // that sleep on it
-constexpr std::size_t sleep_words = 8;      // calls beyond these share bits, and wake for nothing
+constexpr std::size_t sleep_words = 8;      // further calls share bits: spurious wakes
 
 class call_list {
  public:
@@ -79,7 +77,7 @@ class call_list {
   std::size_t size_ = 0;
 };
 
-// What a slot knows of the calls that share it. Guarded by the slot's lock, but for `users`.
+// What a slot knows about the calls that share it. Guarded by the slot's lock, except `users`.
 struct pipeline_state {
   call_list unsent;  // second sends first
   call_list alone;   // to be sent with nothing else in flight
@@ -89,7 +87,7 @@ struct pipeline_state {
   bool is_writing = false;
   bool is_rebuilding = false;
   bool is_blocked = false;  // the socket takes no more bytes
-  bool is_alone = false;    // what is in flight went alone
+  bool is_alone = false;    // the command in flight was sent alone
   bool is_ending = false;   // takes no more commands; given up once nothing is in flight
   bool has_failed_to_write = false;
   bool is_broken = false;        // the break waits for a thread that reads or writes
@@ -98,25 +96,25 @@ struct pipeline_state {
   bool has_looked = false;       // whether it is in step, since the last write
   connection_error end;          // why it is given up
   time_point last_write{};
-  std::chrono::microseconds pause{0};  // after it
+  std::chrono::microseconds pause{0};  // after the last write
   time_point last_arrival{};           // of bytes
   time_point last_look{};
-  std::chrono::nanoseconds round_trip{0};          // the shortest since the last look,
-  std::chrono::nanoseconds known_round_trip{0};    // and before it
+  std::chrono::nanoseconds round_trip{0};          // the shortest since the last check
+  std::chrono::nanoseconds known_round_trip{0};    // the shortest before it
   std::uint64_t forks = 0;                         // how often the process has forked into this one
   std::uint32_t next_number = 0;                   // of a call
   std::array<std::uint32_t, sleep_words> words{};  // calls sleep on these; atomic references
-  std::uint32_t users = 0;  // calls at the slot, through atomic references; one more while
+  std::uint32_t users = 0;  // calls at the slot, through atomic references; plus one while
                             // replies of calls that have left are due
 
-  // Who is to be sent next, and rebuilds a broken connection.
+  // The next call to be sent, which also rebuilds a broken connection.
   queued_call* head() const { return !unsent.empty() ? unsent.front() : alone.front(); }
 };
 
-// A call's visit of a slot whose connection other calls use at the same time.
+// A call's visit to a slot whose connection other calls use at the same time.
 class pipelined_call final : public slot_call {
  public:
-  // At `slot`, or at another one of the server that nobody uses when that is in use.
+  // Uses `slot`, or an unused slot of the server if `slot` is in use.
   pipelined_call(server_node& server, conn_node& slot, const wire_command& wire,
                  const send_terms& terms);
   ~pipelined_call();
@@ -149,7 +147,7 @@ class pipelined_call final : public slot_call {
   void look_whether_in_step(guard& lock, time_point now);
 
   void read(guard& lock, time_point now);
-  // Owns the replies from now on.
+  // Takes ownership of the replies.
   void hand_out(guard& lock, std::span<redisReply*> replies, time_point now);
   void check_idle_connection();
 

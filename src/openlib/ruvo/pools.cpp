@@ -10,11 +10,11 @@
 
 namespace {
 
-// The type decides which keys are the pool's.
+// The type decides which keys belong to the pool.
 pool_settings read_settings(RedisServerType type) {
   return read_pool_settings(
       ruvo_cfg, type, [](const setting& key, setting_fault why, const char* value) {
-        if (why == setting_fault::no_number) {  // a truth value that is none is not told
+        if (why == setting_fault::no_number) {  // an invalid truth value is not logged
           RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | %s must not be negative: %d, using %s",
                    key.name.c_str(), parse_leading_number(value), default_text(key).c_str());
         }
@@ -41,8 +41,8 @@ struct connection_tally {
   int failure = RUVO_OK;  // of a connection that could not be opened
 };
 
-// Opens a connection. A server that is down keeps its slot, to be repaired when it is used; one
-// that does not take the password loses it, unless every slot is to be kept.
+// Opens a connection. A server that is down keeps its slot, to be reconnected when it is used; one
+// that rejects the password loses it, unless every slot is to be kept.
 open_outcome connect_slot(server_node& server, const connection_settings& settings,
                           bool keeps_every_slot, std::unique_ptr<ACE_Thread_Mutex> lock,
                           connection_tally& tally) {
@@ -77,8 +77,8 @@ open_outcome connect_slot(server_node& server, const connection_settings& settin
   return opened.outcome;
 }
 
-// Opens the connections of a server. False when there is no memory for a lock. Where every slot is
-// kept, the first connection that cannot be opened leaves the others for their first use.
+// Opens the connections of a server. False if there is no memory for a lock. If every slot is kept,
+// the first connection that cannot be opened leaves the others for their first use.
 bool connect_server(server_node& server, std::uint32_t connections,
                     const connection_settings& settings, bool keeps_every_slot,
                     connection_tally& tally) {
@@ -123,7 +123,7 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
   pool.use(read_settings(type));
   pool.server_count_ = 0;
   pool.server_num_ = static_cast<std::uint32_t>(list.servers.size());
-  // The temporary pool's number sizes the servers of every pool, as get_conn counts.
+  // The temporary pool's number sizes the servers of every pool, as get_conn expects.
   const std::uint32_t connections = t_pool_.conn_num_;
   RUVO_LOG(INFO,
            "ruvo_redis::init_server_pool | server: conn_num:%u, auto_eject:%s, failure_limit:%u, "
@@ -140,7 +140,7 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
     if (!connect_server(server, connections, settings, options_.start_without_servers, tally)) {
       close_slots(server);
       pool.servers_.pop_back();
-      fini();  // says that nothing is initialised: deployed systems know the line
+      fini();  // logs that nothing is initialised: deployed systems know the line
       return RUVO_ERR_NO_MEMORY;
     }
   }

@@ -1,4 +1,4 @@
-// Any command: the reply itself is handed over, and released later.
+// Any command: the caller gets the reply itself, and releases it later.
 #include <cstring>
 
 #include "log_line.h"
@@ -13,7 +13,7 @@ constexpr const char* no_key = "temp";  // what the log shows where a typed comm
 
 void* ruvo_redis::exec_redis_cmd(const char* format, va_list ap, RedisServerType redisSrvType) {
   if (!is_initialized()) {
-    // The name is another method's; deployed systems rely on it.
+    // The text names another method; deployed systems rely on it.
     RUVO_LOG(ERROR, "ruvo_redis::hash_del_field | redis is not initialized");
     return nullptr;
   }
@@ -21,7 +21,7 @@ void* ruvo_redis::exec_redis_cmd(const char* format, va_list ap, RedisServerType
     RUVO_LOG(ERROR, "ruvo_redis::exec_redis_cmd | format is NULL");
     return nullptr;
   }
-  // Redis passes over a command without words: it would be waited for in vain, on every server.
+  // Redis ignores a command without words: the call would wait for every server in vain.
   if (format[std::strspn(format, " ")] == '\0') {
     RUVO_LOG(ERROR, "ruvo_redis::exec_redis_cmd | format is empty");
     return nullptr;

@@ -1,6 +1,6 @@
 /// @file
-/// What the operations of ruvo.hpp return: results, the owners of what the library hands out, and
-/// the types that pool::ask makes of a reply.
+/// What the operations of ruvo.hpp return: results, owners of the library's memory, and the types
+/// that pool::ask makes of a reply.
 #ifndef RUVO_RESULTS_HPP
 #define RUVO_RESULTS_HPP
 
@@ -32,7 +32,7 @@
 // clang-format on
 
 /// @cond
-// What is returned must not outlive the object or the parameter behind which this stands.
+// What a function so marked returns must not outlive the object or the marked parameter.
 #if defined(__clang__)
 #define RUVO_LIFETIMEBOUND [[clang::lifetimebound]]
 #else
@@ -50,7 +50,7 @@ namespace ruvo {
 
 namespace detail {
 
-// What has no code of its own, but a sentence.
+// Causes without a code of their own, but with a sentence.
 enum class cause : unsigned char {
   of_code,
   zero_byte,
@@ -84,7 +84,7 @@ class result_category final : public std::error_category {
  public:
   const char* name() const noexcept override { return "ruvo"; }
   std::string message(int code) const override {
-    // One code for several causes, which only the result itself tells apart.
+    // One code for several causes, which only the result itself distinguishes.
     return code == RUVO_ERR_NULL_ARGUMENT ? "an argument is null or out of range"
                                           : ruvo_result_text(code);
   }
@@ -107,7 +107,7 @@ class result_category final : public std::error_category {
 
 }  // namespace detail
 
-/// The category of the codes of RuvoResult, "ruvo". One object in the whole process, also when
+/// The category of the codes of RuvoResult, "ruvo". One object in the whole process, even if
 /// several of its shared libraries use this header. Conditions: RUVO_ERR_NULL_ARGUMENT and
 /// RUVO_ERR_NO_CONFIG are std::errc::invalid_argument, RUVO_ERR_NO_MEMORY is not_enough_memory,
 /// RUVO_ERR_CONFIG_FILE is no_such_file_or_directory, RUVO_ERR_NO_CONNECTION is not_connected.
@@ -116,13 +116,13 @@ RUVO_API inline const std::error_category& category() noexcept {
   return one;
 }
 
-/// Why a call has no value to give. A host passes it on with `return name.why();`, and a backend of
-/// its own makes one, see basic_pool.
+/// Why a call has no value. A host passes it on with `return name.why();`, and a backend of its own
+/// creates one, see basic_pool.
 class failure {
  public:
-  /// Of one of RuvoResult, not RUVO_OK.
+  /// From a code of RuvoResult, not RUVO_OK.
   failure(int code) noexcept : code_(code) {}
-  /// Of an error reply: what Redis said.
+  /// From an error reply, with the text of Redis.
   failure(int code, std::string_view reply_text)
       : code_(code), reply_text_(std::make_shared<const std::string>(reply_text)) {}
   /// @cond
@@ -132,11 +132,11 @@ class failure {
   }
   /// @endcond
 
-  /// One of RuvoResult.
+  /// A code of RuvoResult.
   int code() const noexcept { return code_; }
-  /// What Redis said, empty unless it said something.
+  /// What Redis said; empty if it said nothing.
   std::string reply_text() const { return reply_text_ ? *reply_text_ : std::string(); }
-  /// In a sentence.
+  /// The failure in a sentence.
   std::string message() const {
     std::string all = ruvo_result_text(code_);
     if (const char* text = detail::text_of(cause_)) {
@@ -151,37 +151,37 @@ class failure {
   std::shared_ptr<const std::string> reply_text_;
 };
 
-/// A std::error_code whose message knows more than the code: which argument was refused, and what
+/// A std::error_code whose message says more than the code: which argument was refused, and what
 /// Redis said. A copy as a plain std::error_code has the same code and the general message.
 class error_code : public std::error_code {
  public:
-  /// Of a failure.
+  /// From a failure.
   explicit error_code(failure why) noexcept
       : std::error_code(why.code(), ruvo::category()), why_(std::move(why)) {}
-  /// In a sentence.
+  /// The error in a sentence.
   std::string message() const { return why_.message(); }
 
  private:
   failure why_;
 };
 
-/// How a call went: what every result has, with a value or without.
+/// How a call ended: common to all results, with a value or without.
 class outcome {
  public:
-  /// Did the call fail, or is there nothing that it could give?
+  /// Did the call fail, or is there no value?
   bool failed() const noexcept { return code() != RUVO_OK; }
-  /// One of RuvoResult.
+  /// A code of RuvoResult.
   int code() const noexcept { return why_.code(); }
-  /// The same in category(). Null pointers, keys with a zero byte and times out of range are all
+  /// The code in category(). Null pointers, keys with a zero byte and times out of range are all
   /// RUVO_ERR_NULL_ARGUMENT; the message tells them apart.
   ruvo::error_code error() const noexcept { return ruvo::error_code(why_); }
-  /// What Redis said where pool::ask, or an operation that says "raw" below, failed with an error
-  /// reply or one of another shape. Empty for all else: there the log has it.
+  /// What Redis said if pool::ask, or an operation that says "raw" below, failed with an error
+  /// reply or one of another shape. Empty for all others: the log has it.
   std::string reply_text() const { return why_.reply_text(); }
   /// The failure, to be passed on. REQUIRES: failed().
   const failure& why() const noexcept RUVO_LIFETIMEBOUND { return why_; }
-  /// Is there no such key or field, is the list or set empty, was nothing removed? The call went
-  /// well then, but has no value.
+  /// Is there no such key or field, is the list or set empty, or was nothing removed? The call then
+  /// succeeded, but has no value.
   bool absent() const noexcept {
     return code() == RUVO_ERR_NOT_FOUND || code() == RUVO_NOTHING_DONE;
   }
@@ -225,12 +225,12 @@ class outcome {
 template <typename T>
 class valued : public outcome {
  public:
-  /// The value; throws a std::system_error when there is none.
+  /// The value; throws a std::system_error if there is none.
   const T& value() const& RUVO_LIFETIMEBOUND {
     require();
     return *value_;
   }
-  /// The same, to be changed.
+  /// The same, mutable.
   T& value() & RUVO_LIFETIMEBOUND {
     require();
     return *value_;
@@ -241,12 +241,12 @@ class valued : public outcome {
     return *std::move(value_);
   }
 
-  /// The value; ends the program with a message when there is none.
+  /// The value; ends the program with a message if there is none.
   const T& operator*() const& noexcept RUVO_LIFETIMEBOUND {
     insist();
     return *value_;
   }
-  /// The same, to be changed.
+  /// The same, mutable.
   T& operator*() & noexcept RUVO_LIFETIMEBOUND {
     insist();
     return *value_;
@@ -257,7 +257,7 @@ class valued : public outcome {
     return *std::move(value_);
   }
 
-  /// The value, or `other` where there is none; `value_or({})` gives an empty one.
+  /// The value, or `other` if there is none; `value_or({})` gives an empty one.
   template <typename Other = T>
   T value_or(Other&& other) const& {
     return value_.value_or(std::forward<Other>(other));
@@ -278,7 +278,7 @@ class valued : public outcome {
   std::optional<T> value_;  ///< none: of a failure
 };
 
-/// A value, or why there is none. Nobody can forget to look: a result that is dropped is a warning.
+/// A value, or why there is none. The compiler warns if a result is dropped.
 ///
 ///     const std::string who(temp.get("user:7").value());              // throws when there is none
 ///     const long long visit = temp.increment("visits").value_or(0);   // 0 when it failed
@@ -294,9 +294,9 @@ class [[nodiscard]] result : public valued<T> {
 
   /// Is there a value?
   explicit operator bool() const noexcept { return !this->failed(); }
-  /// A member of the value; ends the program with a message when there is none.
+  /// A member of the value; ends the program with a message if there is none.
   const T* operator->() const noexcept RUVO_LIFETIMEBOUND { return &**this; }
-  /// The same, to be changed.
+  /// The same, mutable.
   T* operator->() noexcept RUVO_LIFETIMEBOUND { return &**this; }
 };
 
@@ -312,7 +312,7 @@ class [[nodiscard]] result<bool> : public valued<bool> {
   result(bool value) noexcept : valued(value) {}
   /// A failure.
   result(failure why) noexcept : valued(std::move(why)) {}
-  // What else converts to bool, numbers and pointers, is no answer.
+  // Other types that convert to bool, such as numbers and pointers, are no answer.
   template <typename Other,
             typename = std::enable_if_t<std::is_arithmetic_v<Other> || std::is_pointer_v<Other>>>
   result(Other) = delete;
@@ -321,29 +321,29 @@ class [[nodiscard]] result<bool> : public valued<bool> {
   bool yes() const noexcept { return !failed() && *value_; }
   /// Did the call succeed, and is the answer no?
   bool no() const noexcept { return !failed() && !*value_; }
-  /// Yes or no, or did it fail? Say which: yes(), no() or failed().
+  /// Ambiguous: use yes(), no() or failed().
   explicit operator bool() const = delete;
 };
 
-/// The result of a call that has no value to give.
+/// The result of a call without a value.
 template <>
 class [[nodiscard]] result<void> : public outcome {
  public:
   /// A success.
   result() noexcept : outcome(RUVO_OK) {}
-  /// Of one of RuvoResult.
+  /// From a code of RuvoResult.
   result(int code) noexcept : outcome(code) {}
   /// A failure.
   result(failure why) noexcept : outcome(std::move(why)) {}
 
   /// Did the call succeed?
   explicit operator bool() const noexcept { return !failed(); }
-  /// Throws a std::system_error when the call failed.
+  /// Throws a std::system_error if the call failed.
   void value() const { require(); }
 };
 
-/// Owns a value as the library has read it: no copy of it is made. Compares with and prints like a
-/// std::string_view, which must not outlive it: one of a temporary does not compile.
+/// Owns a value as the library has read it, without a copy. Compares with and prints like a
+/// std::string_view, which must not outlive it: a view of a temporary does not compile.
 ///
 ///     const auto stored = temp.get("user:7");
 ///     std::cout << (stored && *stored == "Ada") << '\n';              // 1
@@ -351,25 +351,25 @@ class bytes {
  public:
   /// No bytes.
   bytes() noexcept = default;
-  /// A copy of a text: what a backend of the host's own gives.
+  /// A copy of a text, for a backend of the host's own.
   static bytes of(std::string_view text) {
     char* copy = new char[text.size()];
     text.copy(copy, text.size());
     return {copy, text.size(), owner::this_header};
   }
 
-  /// Not zero-terminated. Null when there is no buffer.
+  /// Not zero-terminated. Null if there is no buffer.
   const char* data() const& noexcept RUVO_LIFETIMEBOUND { return data_.get(); }
   const char* data() const&& = delete;
-  /// How many there are.
+  /// The number of bytes.
   std::size_t size() const noexcept { return data_ ? size_ : 0; }
-  /// Are there none?
+  /// Is the number of bytes 0?
   bool empty() const noexcept { return size() == 0; }
-  /// All of them.
+  /// All bytes.
   operator std::string_view() const& noexcept RUVO_LIFETIMEBOUND { return view(); }
   operator std::string_view() const&& = delete;
 
-  /// As a std::string_view prints.
+  /// Prints like a std::string_view.
   template <typename Traits>
   friend std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& out,
                                                       const bytes& all) {
@@ -436,18 +436,18 @@ bool operator>=(const A& a, const B& b) noexcept {
 
 class reply;
 
-/// What Redis replied, or an element of it; see reply for who owns it. An element that is not there
-/// reads as nil. It prints as redis-cli prints it:
+/// What Redis replied, or an element of it; see reply for its owner. A missing element reads as
+/// nil. It prints as in redis-cli:
 ///
 ///     std::cout << temp.command("LRANGE", "no list", 0, -1).value() << '\n';  // (empty array)
 class reply_view {
  public:
-  /// Goes over the elements, forward.
+  /// Iterates over the elements, forward only.
   class iterator;
 
   /// Nil.
   reply_view() noexcept = default;
-  /// Of a reply of hiredis that somebody else owns.
+  /// Of a hiredis reply that somebody else owns.
   explicit reply_view(const redisReply* raw RUVO_LIFETIMEBOUND) noexcept : raw_(raw) {}
   /// A view of a temporary would dangle: keep the reply.
   reply_view(const reply&&) = delete;
@@ -457,7 +457,7 @@ class reply_view {
   int type() const noexcept { return raw_ != nullptr ? raw_->type : REDIS_REPLY_NIL; }
   /// Did Redis refuse the command? text() says why.
   bool is_error() const noexcept { return type() == REDIS_REPLY_ERROR; }
-  /// Is there nothing?
+  /// Is the reply nil?
   bool is_nil() const noexcept { return type() == REDIS_REPLY_NIL; }
   /// The text of a string, a status or an error; empty for all others.
   std::string_view text() const noexcept {
@@ -511,7 +511,7 @@ class reply_view::iterator {
 inline reply_view::iterator reply_view::begin() const noexcept { return {*this, 0}; }
 inline reply_view::iterator reply_view::end() const noexcept { return {*this, size()}; }
 
-/// Owns a reply of Redis, of pool::command. What it hands out are views of it, which do not compile
+/// Owns a reply of Redis, from pool::command. It hands out views of itself, which do not compile
 /// for a temporary: keep the reply, then read it.
 class reply : public reply_view {
  public:
@@ -520,7 +520,7 @@ class reply : public reply_view {
   /// Leaves `other` nil.
   reply(reply&& other) noexcept
       : reply_view(std::exchange(other.raw_, nullptr)), made_(other.made_) {}
-  /// Releases what it held, and leaves `other` nil.
+  /// Releases its old reply, and leaves `other` nil.
   reply& operator=(reply&& other) noexcept {
     reply taken(std::move(other));
     std::swap(raw_, taken.raw_);
@@ -533,7 +533,7 @@ class reply : public reply_view {
     }
   }
 
-  /// @name What a backend of the host's own replies
+  /// @name Replies for a backend of the host's own
   /// @{
 
   /// A text, as GET answers.
@@ -579,7 +579,7 @@ class reply : public reply_view {
 };
 
 /// @cond
-// A reply that hiredis has not made.
+// A reply that this header has made, not hiredis.
 struct reply::node : redisReply {
   node(int kind, std::string_view words, long long number, std::vector<reply> parts)
       : redisReply(), copy(words), owners(std::move(parts)) {
@@ -637,7 +637,7 @@ inline void print_quoted(std::string& out, std::string_view text) {
   out += '"';
 }
 
-// As redis-cli prints a reply; `indent` stands before all its lines but the first.
+// As redis-cli prints a reply; `indent` precedes all its lines but the first.
 inline void print(std::string& out, const reply_view& reply,  // NOLINT(misc-no-recursion)
                   const std::string& indent = "\n") {
   switch (reply.type()) {
@@ -675,7 +675,7 @@ inline void print(std::string& out, const reply_view& reply,  // NOLINT(misc-no-
 }  // namespace detail
 /// @endcond
 
-/// As redis-cli prints it, without the last newline.
+/// Prints like redis-cli, without the last newline.
 template <typename Traits>
 std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& out,
                                              const reply_view& reply) {
@@ -687,7 +687,7 @@ std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& o
 /// @cond
 namespace detail {
 
-// What pool::ask makes of a reply. Each reader says whether the reply has its shape.
+// What pool::ask makes of a reply. Each reader returns whether the reply has its shape.
 template <typename T, typename = void>
 struct reader {
   static constexpr bool known = false;
@@ -777,8 +777,8 @@ struct reader<std::pair<A, B>> {
   }
 };
 
-// Pairs one after the other, as HGETALL and WITHSCORES give them, or each an array of its own, as
-// XRANGE does.
+// Pairs in sequence, as HGETALL and WITHSCORES give them, or each as an array of its own, as XRANGE
+// gives them.
 template <typename A, typename B, typename Add>
 bool read_pairs(const reply_view& from, Add add) {
   const bool nested = !is_plain<A> || from[0].type() == REDIS_REPLY_ARRAY;
@@ -821,7 +821,7 @@ struct reader<std::vector<std::pair<A, B>>> {
   }
 };
 
-// std::map, std::unordered_map and what is like them.
+// std::map, std::unordered_map and similar types.
 template <typename Map>
 struct reader<Map, std::void_t<typename Map::key_type, typename Map::mapped_type>> {
   using key = typename Map::key_type;
@@ -845,7 +845,7 @@ inline constexpr bool is_optional = false;
 template <typename T>
 inline constexpr bool is_optional<std::optional<T>> = true;
 
-// The words of the first error in a reply, or the beginning of what it says.
+// The text of the first error in a reply, or the beginning of the reply's own text.
 inline std::string words_of(const reply_view& reply) {  // NOLINT(misc-no-recursion)
   constexpr std::size_t enough = 256;
   if (reply.type() == REDIS_REPLY_INTEGER) {
@@ -888,13 +888,13 @@ result<T> answer(const reply_view& from) {
 
 }  // namespace ruvo
 
-/// Makes a RuvoResult a std::error_code; called where one is compared with it.
+/// Converts a RuvoResult to a std::error_code; comparisons of the two call it.
 inline std::error_code make_error_code(RuvoResult code) noexcept {
   return {code, ruvo::category()};
 }
 
 /// @cond
-// A view of a reply is one of those of the standard library, too.
+// A view of a reply is also a view for the standard library.
 #if defined(__cpp_lib_ranges)
 template <>
 inline constexpr bool std::ranges::enable_view<ruvo::reply_view> = true;

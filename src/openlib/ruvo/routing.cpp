@@ -50,7 +50,7 @@ server_choice ruvo_redis::choose_server(RedisServerType type, int svc_index) {
   server_pool& pool = getPool(type);
   const std::size_t count = pool.servers_.size();
   const std::size_t start = count > 0 ? start_position(pool, svc_index) : 0;
-  // In an outage each server is tried by one call at a time, ejected or not.
+  // In an outage each server is probed by one call at a time, ejected or not.
   const bool only_probes = pool.outage_.is_on();
   for (std::size_t looked_at = 0; looked_at < count; ++looked_at) {
     server_node& candidate = pool.servers_[(start + looked_at) % count];
@@ -118,7 +118,7 @@ void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType red
   }
 }
 
-// Counts in the temporary pool's number of connections, which sizes the servers of every pool.
+// Counts modulo the temporary pool's number of connections, which sizes every server's slots.
 conn_node* ruvo_redis::get_conn(server_node& svc_node, RedisServerType /*redisSrvType*/) {
   const std::uint32_t conn_num = t_pool_.conn_num_;
   const std::uint64_t turn = next_turn(svc_node.conn_count_);

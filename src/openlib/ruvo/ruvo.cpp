@@ -13,8 +13,8 @@
 
 namespace {
 
-// A cancelled thread finishes its call: one that left in the middle of an exchange would leave a
-// reply behind for the connection's next user.
+// A cancelled thread finishes its call: leaving in the middle of an exchange would leave a reply
+// for the connection's next user.
 class cancellation_block {
  public:
   cancellation_block() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
@@ -26,19 +26,19 @@ class cancellation_block {
   int previous_ = PTHREAD_CANCEL_ENABLE;
 };
 
-// The instance is made by the first call and lives until the process ends, so that threads that
-// still run then find it.
+// The first call makes the instance, which lives until the process ends, so that threads that still
+// run then find it.
 ruvo_redis* instance() { return ACE_Unmanaged_Singleton<ruvo_redis, ACE_Null_Mutex>::instance(); }
 
-// Operations name their pool, and are counted there.
+// Operations name their pool and are counted there.
 pool_stats* stats_of(ruvo_redis& redis, RedisServerType pool) { return redis.getPool(pool).stats_; }
 template <typename Other>
 pool_stats* stats_of(ruvo_redis& /*redis*/, const Other& /*argument*/) {
   return nullptr;
 }
 
-// Calls the instance; `failure` is the result when there is none, or when memory runs out in the
-// call. No exception leaves the library.
+// Calls the instance. Returns `failure` if there is none, or if memory runs out in the call. No
+// exception leaves the library.
 template <typename Result, typename Method, typename... Args>
 Result forward(Result failure, Method method, Args... args) noexcept {
   const cancellation_block block;
@@ -61,7 +61,7 @@ int forward_code(Method method, Args... args) noexcept {
   return forward<int>(RUVO_ERR_NO_MEMORY, method, args...);
 }
 
-// The same for a method that fills a container of the caller, which is empty when memory ran out.
+// The same for a method that fills a container of the caller, which is cleared if memory runs out.
 template <typename Method, typename Container, typename... Args>
 int forward_filling(Container& container, Method method, Args... args) noexcept {
   const int ret = forward_code(method, args...);

@@ -1,7 +1,7 @@
 /// @file
-/// libruvo for hosts in C++17 and later: what ruvo.h declares, with owners, views and results that
+/// libruvo for hosts in C++17 and later: the functions of ruvo.h with owners, views, results that
 /// cannot be mistaken for values, and typed answers to any command. Header only; ruvo.h says what
-/// holds for pools, threads and commands that run more than once.
+/// applies to pools, threads and commands that run more than once.
 ///
 ///     #include <ruvo/ruvo.hpp>
 ///
@@ -24,46 +24,46 @@
 ///
 /// The following applies to everything here and is not repeated below.
 ///
-/// RESULTS. Every operation returns a ruvo::result, and a result that is dropped is a warning: a
-/// write that fails does not fail in silence. Nothing throws but value() of a failure (a
-/// std::system_error) and memory that runs out (std::bad_alloc): in a container, in a raw command,
-/// and for the copy of a key of more than 127 bytes. All of it compiles without exceptions (value()
-/// of a failure then ends the program with its message) and without RTTI.
+/// RESULTS. Every operation returns a ruvo::result, and the compiler warns if one is dropped: no
+/// failed write goes unnoticed. Two things throw: value() of a failure (a std::system_error), and
+/// memory that runs out (std::bad_alloc) in a container, in a raw command, or for the copy of a key
+/// of more than 127 bytes. Everything compiles without exceptions (value() of a failure then ends
+/// the program with its message) and without RTTI.
 ///
-/// KEYS are texts: a literal, a `const char*`, a std::string, or what converts to a
-/// std::string_view. The functions want them zero-terminated; only one that need not be (a
-/// std::string_view, say) is copied, without an allocation when it has at most 127 bytes. One that
-/// has a zero byte in it is refused with RUVO_ERR_NULL_ARGUMENT. So is a null pointer, here and as
-/// a value, field, element, member or word; a literal null, and 0, do not compile.
+/// KEYS are texts: a literal, a `const char*`, a std::string, or anything that converts to a
+/// std::string_view. The functions need them zero-terminated; a key that need not be (a
+/// std::string_view, say) is copied, up to 127 bytes without an allocation. A key that contains a
+/// zero byte is refused with RUVO_ERR_NULL_ARGUMENT. So is a null pointer, here and as a value,
+/// field, element, member or word; a literal null, and 0, do not compile.
 ///
-/// VALUES, fields, elements and members are texts too, hold any bytes and are not copied, but for
-/// one thing. At log level DEBUG the library prints fields, elements, members and the values of
-/// fields as zero-terminated texts, whatever their length. So one that need not be terminated is
-/// copied when it has at most 127 bytes; a longer one must be terminated in a process that logs at
+/// VALUES, fields, elements and members are texts too, hold any bytes and are not copied, with one
+/// exception. At log level DEBUG the library prints fields, elements, members and the values of
+/// fields as zero-terminated texts, whatever their length. So a text that need not be terminated is
+/// copied if it has at most 127 bytes; a longer one must be terminated in a process that logs at
 /// DEBUG.
 ///
-/// TIMES are of std::chrono, from 1 of their unit (where it is said, from 0) to what the function
-/// takes. Another one is refused with RUVO_ERR_NULL_ARGUMENT before anything is sent. One that is
-/// too short and known to the compiler is an error at compile time: with Clang always, with GCC
-/// from -O1 on.
+/// TIMES are durations of std::chrono, from 1 of their unit (if stated, from 0) to the most that
+/// the function takes. Any other time is refused with RUVO_ERR_NULL_ARGUMENT before anything is
+/// sent. If the compiler knows a time and it is too short, it does not compile: with Clang always,
+/// with GCC from -O1 on.
 ///
 /// BLOCKING. With `call_timeout` a call returns within that time, plus what it takes to schedule
 /// its thread. Without it a command makes at most two visits for each server of its pool (a raw
 /// command: of all three pools), and a visit takes at most `connect_timeout + 6 x socket_timeout`,
 /// plus the time that calls of other threads take on its connection.
 ///
-/// OWNERS (bytes, reply) are moved, not copied; one that was moved from is empty. What they hand
-/// out are views that end with them; one of a temporary owner does not compile. Destroy owners
-/// before the library: one that outlives it can still be read, and then its memory is lost, and a
-/// line in the log tells.
+/// OWNERS (bytes, reply) are moved, not copied; a moved-from owner is empty. They hand out views
+/// that end with them; a view of a temporary owner does not compile. Destroy owners before the
+/// library: one that outlives it can still be read, but its memory leaks, and a log line reports
+/// it.
 ///
-/// RAW. The functions of ruvo.h have no MGET, say. An operation that says "raw" is sent with
-/// RUVO_ExecRedisCmd, in one round trip unless it says more. If a server fails, such a command may
-/// fail over to ANOTHER POOL, unless the configuration says `raw_commands_stay_in_pool` (as
-/// `recommended_defaults` does): without it, use them only if all pools have the same data. With
-/// `send_once` a raw command is sent at most once: if its reply is lost, the call fails. Without,
-/// it is retried, and may run more than once. Its failures tell more: reply_text() has what Redis
-/// said.
+/// RAW. Some operations, MGET for example, have no function in ruvo.h. An operation that says "raw"
+/// is sent with RUVO_ExecRedisCmd, in one round trip unless it says more. If a server fails, such a
+/// command may fail over to ANOTHER POOL, unless the configuration says `raw_commands_stay_in_pool`
+/// (as `recommended_defaults` does): without it, use them only if all pools have the same data.
+/// With `send_once` a raw command is sent at most once: if its reply is lost, the call fails.
+/// Without `send_once` it is retried, and may run more than once. Its failures are more precise:
+/// reply_text() has what Redis said.
 #ifndef RUVO_RUVO_HPP
 #define RUVO_RUVO_HPP
 
@@ -90,9 +90,9 @@
 /// libruvo for hosts in C++17 and later, see ruvo.hpp.
 namespace ruvo {
 
-/// Starts the library, and ends it with its own lifetime. Make it before everything else that uses
-/// the library, in `main` say, and let every thread that calls the library end before it does.
-/// Several are counted, see RUVO_Init.
+/// Starts the library, and ends it at the end of its own lifetime. Create it before everything else
+/// that uses the library, in `main` say, and let every thread that calls the library end before it
+/// does. Several objects are counted, see RUVO_Init.
 class [[nodiscard]] library {
  public:
   /// Reads the configuration and connects, see RUVO_Init.
@@ -100,7 +100,7 @@ class [[nodiscard]] library {
       : code_(RUVO_Init(config.c_str())),
         counted_(code_ == RUVO_OK || code_ == RUVO_INIT_TEMP_POOL_FAILED ||
                  code_ == RUVO_INIT_PERSIST_POOL_FAILED) {
-    // RUVO_Init only counts when a former start-up has failed for good, or has not ended yet.
+    // RUVO_Init only counts if an earlier start-up has failed for good, or has not ended yet.
     if (counted_ && RUVO_FreeResult(nullptr) != RUVO_OK) {
       code_ = RUVO_ERR_NOT_INITIALIZED;
     }
@@ -113,13 +113,13 @@ class [[nodiscard]] library {
     }
   }
 
-  /// Can calls work? Then the temporary and the persistent pool are ready; of the personality pool
-  /// only the log tells.
+  /// Can calls work? Then the temporary and the persistent pool are ready; for the personality pool
+  /// see the log.
   explicit operator bool() const noexcept { return code_ == RUVO_OK; }
-  /// What RUVO_Init returned: after RUVO_INIT_TEMP_POOL_FAILED and RUVO_INIT_PERSIST_POOL_FAILED it
-  /// is ready but for that pool, and a host may go on. But RUVO_ERR_NOT_INITIALIZED where RUVO_Init
-  /// has only counted: a former start-up of this process has failed, which is final, or another
-  /// thread is still in one.
+  /// What RUVO_Init returned. After RUVO_INIT_TEMP_POOL_FAILED and RUVO_INIT_PERSIST_POOL_FAILED
+  /// the library is ready except for that pool, and a host may go on. RUVO_ERR_NOT_INITIALIZED if
+  /// RUVO_Init only counted: an earlier start-up of this process has failed, which is final, or
+  /// another thread is still in one.
   int code() const noexcept { return code_; }
   /// The same in category().
   ruvo::error_code error() const noexcept { return ruvo::error_code(code_); }
@@ -129,17 +129,17 @@ class [[nodiscard]] library {
   bool counted_;
 };
 
-/// For set: only where there is no such key, or only where there is one.
+/// For set: only if there is no such key, or only if there is one.
 enum class condition : bool { if_absent, if_present };
-/// Only where there is no such key.
+/// Only if there is no such key.
 inline constexpr condition if_absent = condition::if_absent;
-/// Only where there is such a key.
+/// Only if there is such a key.
 inline constexpr condition if_present = condition::if_present;
 
-/// What pool::ttl gives for a key that stays: longer than all other times.
+/// What pool::ttl returns for a key without an expiry: longer than all other times.
 inline constexpr std::chrono::milliseconds stays = std::chrono::milliseconds::max();
 
-/// Where the scan of a set or hash stands, see pool::sscan.
+/// The position of a scan of a set or hash, see pool::sscan.
 class cursor {
  public:
   /// Has the scan ended?
@@ -171,7 +171,7 @@ struct functions {
     return owned(key, code, data, size);
   }
   static result<long long> increment(RedisServerType pool, const c_text& key) noexcept {
-    // What no sum with 1 comes to: it stays where Redis answered with something that is no number.
+    // No sum with 1 has this value: it remains if Redis' answer is not a number.
     constexpr long long no_sum = std::numeric_limits<long long>::min();
     long long sum = no_sum;
     const int code = RUVO_IncreaseKey(key.c_str(), &sum, pool, nullptr);
@@ -302,7 +302,7 @@ struct functions {
   static result<bool> yes_or_no(const c_text& key, int code, int no) noexcept {
     return value_of(key, code == no ? RUVO_OK : code, code != no);
   }
-  // A buffer is missing where Redis answered with something that is no text.
+  // The buffer is missing if Redis' answer is not a text.
   static result<bytes> owned(const c_text& key, int code, const char* data,
                              std::size_t size) noexcept {
     return value_of(key, code == RUVO_OK && data == nullptr ? RUVO_ERR_FAILED : code,
@@ -310,7 +310,7 @@ struct functions {
   }
   static result<reply> replied(void* raw) noexcept {
     if (raw == nullptr) {
-      // The function has no code: whether calls can work is known to another one.
+      // The function returns no code; another one knows whether calls can work.
       return RUVO_FreeResult(nullptr) == RUVO_OK ? failure(RUVO_ERR_FAILED, detail::cause::no_reply)
                                                  : failure(RUVO_ERR_NOT_INITIALIZED);
     }
@@ -318,15 +318,15 @@ struct functions {
   }
 };
 
-/// A pool of servers: all operations. A number that is copied and shared freely. Each function says
-/// only what ruvo.h does not say of the one in brackets.
+/// A pool of servers: all operations. It is a number, copied and shared freely. Each function
+/// documents only what ruvo.h does not say about the function in brackets.
 ///
-/// `pool` is the one over the functions of ruvo.h. A host that takes the pool as a template
-/// parameter can be tested without a Redis, on a backend of its own: a type that is copied, with
-/// those of the functions of ruvo::functions that the host needs. Each takes the RedisServerType
-/// and what the function here takes (texts as std::string_view, times as seconds, -1 for none) and
-/// returns the same. What is raw arrives as `result<reply> command(RedisServerType, words_view)`,
-/// and reply::of_text and the like make the answer:
+/// `pool` uses the functions of ruvo.h. A host that takes the pool as a template parameter can be
+/// tested without a Redis, on a backend of its own: a copyable type with those functions of
+/// ruvo::functions that the host needs. Each takes the RedisServerType and the arguments of the
+/// function here (texts as std::string_view, times as seconds, -1 for none) and returns the same.
+/// Raw operations arrive as `result<reply> command(RedisServerType, words_view)`, and
+/// reply::of_text and the like make the answer:
 ///
 ///     struct all_is_well {
 ///       static ruvo::result<ruvo::reply> command(RedisServerType, ruvo::words_view) {
@@ -358,11 +358,11 @@ class basic_pool : private Backend {
   ///     std::cout << (locked.yes() ? "mine" : "not mine") << '\n';  // mine
   /// @{
 
-  /// Stores a value that stays (RUVO_InsertKey).
+  /// Stores a value without an expiry (RUVO_InsertKey).
   result<void> set(const c_text& key, const bytes_view& value) const noexcept {
     return Backend::set(pool_, key, value, -1);
   }
-  /// Stores a value for a time.
+  /// Stores a value with an expiry.
   [[gnu::always_inline]] result<void> set(const c_text& key, const bytes_view& value,
                                           std::chrono::seconds time) const noexcept
       RUVO_FROM(1, time) {
@@ -370,7 +370,7 @@ class basic_pool : private Backend {
                ? Backend::set(pool_, key, value, static_cast<int>(time.count()))
                : result<void>(out_of_range());
   }
-  /// Stores a value for a time that is not whole seconds. Raw: SET with PX.
+  /// Stores a value with an expiry that is not whole seconds. Raw: SET with PX.
   template <typename Time, typename = detail::if_milliseconds<Time>>
   [[gnu::always_inline]] result<void> set(const c_text& key, const bytes_view& value,
                                           Time time) const RUVO_FROM(1, time) {
@@ -379,12 +379,12 @@ class basic_pool : private Backend {
                ? ask_key<void>(key, "SET", std::string_view(key), value, "PX", exact.count())
                : result<void>(out_of_range());
   }
-  /// Stores a value that stays if there is no such key, or if there is: was it stored? Raw: SET
-  /// with NX or XX. If a reply is lost and the command retried, the answer is that of the retry.
+  /// Stores a value without an expiry if there is no such key, or if there is: was it stored? Raw:
+  /// SET with NX or XX. If a reply is lost and the command retried, the retry answers.
   result<bool> set(const c_text& key, const bytes_view& value, condition only) const {
     return stored(ask_key<void>(key, "SET", std::string_view(key), value, name_of(only)));
   }
-  /// The same for a time. Raw.
+  /// The same with an expiry. Raw.
   [[gnu::always_inline]] result<bool> set(const c_text& key, const bytes_view& value,
                                           std::chrono::milliseconds time, condition only) const
       RUVO_FROM(1, time) {
@@ -393,34 +393,34 @@ class basic_pool : private Backend {
                                       name_of(only)))
                : result<bool>(out_of_range());
   }
-  /// Puts more bytes at the end of a value (RUVO_AppendKey).
+  /// Appends bytes to a value (RUVO_AppendKey).
   result<void> append(const c_text& key, const bytes_view& value) const noexcept {
     return Backend::append(pool_, key, value);
   }
   /// Reads a value (RUVO_QueryKey).
   result<bytes> get(const c_text& key) const noexcept { return Backend::get(pool_, key); }
-  /// Adds 1 to a counter for the day (RUVO_IncreaseKey), and gives the sum.
+  /// Adds 1 to a counter for the day (RUVO_IncreaseKey), and returns the sum.
   result<long long> increment(const c_text& key) const noexcept {
     return Backend::increment(pool_, key);
   }
-  /// Adds to a counter that stays, and gives the sum. Raw: INCRBY.
+  /// Adds to a counter without an expiry, and returns the sum. Raw: INCRBY.
   result<long long> increment(const c_text& key, long long by) const {
     return ask_key<long long>(key, "INCRBY", std::string_view(key), by);
   }
-  /// Adds to a counter that goes after a time, and gives the sum. The time is set with the first
-  /// count, by the same command, so that no counter stays for ever: one that has no time gets it.
-  /// Later counts do not prolong it. Raw: EVAL.
+  /// Adds to a counter with an expiry, and returns the sum. The same command sets the expiry of a
+  /// counter that has none, so that no counter stays for ever. Later counts do not prolong it. Raw:
+  /// EVAL.
   [[gnu::always_inline]] result<long long> increment(const c_text& key, long long by,
                                                      std::chrono::milliseconds time) const
       RUVO_FROM(1, time) {
     return detail::fits<long long>(time, 1) ? count(key, by, time)
                                             : result<long long>(out_of_range());
   }
-  /// Is the key there? (RUVO_ExistsKey)
+  /// Does the key exist? (RUVO_ExistsKey)
   result<bool> exists(const c_text& key) const noexcept { return Backend::exists(pool_, key); }
-  /// Deletes a key, of whatever type (RUVO_DeleteKey).
+  /// Deletes a key of any type (RUVO_DeleteKey).
   result<void> remove(const c_text& key) const noexcept { return Backend::remove(pool_, key); }
-  /// Lets a key, of whatever type, go after a time; 0 deletes it (RUVO_ExpireKey).
+  /// Sets the expiry of a key of any type; 0 deletes it (RUVO_ExpireKey).
   [[gnu::always_inline]] result<void> expire(const c_text& key,
                                              std::chrono::seconds time) const noexcept
       RUVO_FROM(0, time) {
@@ -428,10 +428,10 @@ class basic_pool : private Backend {
                ? Backend::expire(pool_, key, static_cast<unsigned>(time.count()))
                : result<void>(out_of_range());
   }
-  /// Lets a key stay (RUVO_PersistKey).
+  /// Removes the expiry of a key (RUVO_PersistKey).
   result<void> persist(const c_text& key) const noexcept { return Backend::persist(pool_, key); }
-  /// How long a key has to live; `stays` if it has no such time, and absent() if there is no such
-  /// key. Raw: PTTL.
+  /// How long a key has to live; `stays` if it has no expiry, and absent() if there is no such key.
+  /// Raw: PTTL.
   result<std::chrono::milliseconds> ttl(const c_text& key) const {
     constexpr long long no_key = -2;
     const result<long long> left = ask_key<long long>(key, "PTTL", std::string_view(key));
@@ -455,13 +455,13 @@ class basic_pool : private Backend {
   ///     }
   ///     std::cout << temp.remove({"user:1", "user:2", "user:3"}).value_or(0) << '\n';  // 2
   ///
-  /// They take a range (a std::vector, say) or a list in braces. One that is too long for a command
-  /// is sent as several, each by itself: if one fails, those before it have been carried out. For
-  /// an empty one nothing is sent.
+  /// They take a range (a std::vector, say) or a list in braces. A range that is too long for one
+  /// command is sent as several, each by itself: if one fails, those before it have been carried
+  /// out. For an empty range nothing is sent.
   /// @{
 
-  /// Reads the values of keys, in their order; none where there is no such string. Raw: MGET, with
-  /// up to 1,023 keys in each.
+  /// Reads the values of keys, in their order; none if there is no such string. Raw: MGET, with up
+  /// to 1,023 keys in each.
   template <typename Keys>
   result<std::vector<std::optional<std::string>>> mget(const Keys& keys) const {
     std::vector<std::optional<std::string>> values;
@@ -477,8 +477,8 @@ class basic_pool : private Backend {
       std::initializer_list<bytes_view> keys) const {
     return mget<std::initializer_list<bytes_view>>(keys);
   }
-  /// Stores values that stay, from pairs of key and value (a std::map, say). Raw: MSET, with up to
-  /// 511 pairs in each.
+  /// Stores values without an expiry, from pairs of key and value (a std::map, say). Raw: MSET,
+  /// with up to 511 pairs in each.
   template <typename Pairs>
   result<void> mset(const Pairs& pairs) const {
     return in_batches<void>(words("MSET"), pairs_of(pairs), 2);
@@ -487,8 +487,7 @@ class basic_pool : private Backend {
   result<void> mset(std::initializer_list<std::pair<bytes_view, bytes_view>> pairs) const {
     return mset<std::initializer_list<std::pair<bytes_view, bytes_view>>>(pairs);
   }
-  /// Deletes keys, and gives the number of those that there were. Raw: DEL, with up to 1,023 keys
-  /// in each.
+  /// Deletes keys, and returns how many of them existed. Raw: DEL, with up to 1,023 keys in each.
   template <typename Keys, typename = std::enable_if_t<!detail::is_text<Keys>>>
   result<long long> remove(const Keys& keys) const {
     long long removed = 0;
@@ -520,7 +519,7 @@ class basic_pool : private Backend {
   result<void> hset(const c_text& key, const c_bytes& field, const c_bytes& value) const noexcept {
     return Backend::hset(pool_, key, field, value, -1);
   }
-  /// Sets a field, and lets the whole hash go after a time.
+  /// Sets a field, and the expiry of the whole hash.
   [[gnu::always_inline]] result<void> hset(const c_text& key, const c_bytes& field,
                                            const c_bytes& value,
                                            std::chrono::seconds time) const noexcept
@@ -543,8 +542,8 @@ class basic_pool : private Backend {
                     std::initializer_list<std::pair<bytes_view, bytes_view>> fields) const {
     return hset<std::initializer_list<std::pair<bytes_view, bytes_view>>>(key, fields);
   }
-  /// Sets fields and the time after which the whole hash goes, by one command, so that no hash
-  /// stays for ever. Raw: EVAL, with up to 509 pairs in each.
+  /// Sets fields and the expiry of the whole hash with one command, so that no hash stays for ever.
+  /// Raw: EVAL, with up to 509 pairs in each.
   template <typename Pairs>
   [[gnu::always_inline]] result<void> hset(const c_text& key, const Pairs& fields,
                                            std::chrono::milliseconds time) const
@@ -563,7 +562,7 @@ class basic_pool : private Backend {
   result<bytes> hget(const c_text& key, const c_bytes& field) const noexcept {
     return Backend::hget(pool_, key, field);
   }
-  /// Reads all fields; absent() where there is no such hash. Raw: HGETALL.
+  /// Reads all fields; absent() if there is no such hash. Raw: HGETALL.
   result<std::map<std::string, std::string>> hgetall(const c_text& key) const {
     auto all = ask_key<std::map<std::string, std::string>>(key, "HGETALL", std::string_view(key));
     if (all && all->empty()) {
@@ -571,16 +570,16 @@ class basic_pool : private Backend {
     }
     return all;
   }
-  /// Is the field there? (RUVO_HashFieldExist)
+  /// Does the field exist? (RUVO_HashFieldExist)
   result<bool> hexists(const c_text& key, const c_bytes& field) const noexcept {
     return Backend::hexists(pool_, key, field);
   }
-  /// Adds to the number in a field, and gives the sum (RUVO_HashIncrBy).
+  /// Adds to the number in a field, and returns the sum (RUVO_HashIncrBy).
   result<long long> hincrby(const c_text& key, const c_bytes& field,
                             long long amount) const noexcept {
     return Backend::hincrby(pool_, key, field, amount);
   }
-  /// How many fields there are; 0 where there is no such hash (RUVO_HashFieldsNum).
+  /// The number of fields; 0 if there is no such hash (RUVO_HashFieldsNum).
   result<long long> hlen(const c_text& key) const noexcept { return Backend::hlen(pool_, key); }
   /// Deletes a field (RUVO_HashDelField).
   result<void> hdel(const c_text& key, const c_bytes& field) const noexcept {
@@ -606,11 +605,11 @@ class basic_pool : private Backend {
   ///     }
   /// @{
 
-  /// Puts an element at the head, and gives the new length (RUVO_LPush).
+  /// Inserts an element at the head, and returns the new length (RUVO_LPush).
   result<long long> lpush(const c_text& key, const c_bytes& value) const noexcept {
     return Backend::lpush(pool_, key, value, 0);
   }
-  /// The same, and lets the whole list go after a time.
+  /// The same, and sets the expiry of the whole list.
   [[gnu::always_inline]] result<long long> lpush(const c_text& key, const c_bytes& value,
                                                  std::chrono::seconds time) const noexcept
       RUVO_FROM(1, time) {
@@ -618,19 +617,19 @@ class basic_pool : private Backend {
                ? Backend::lpush(pool_, key, value, static_cast<int>(time.count()))
                : result<long long>(out_of_range());
   }
-  /// Takes the element at the tail, which may be an empty one (RUVO_RPop).
+  /// Takes the element at the tail, which may be empty (RUVO_RPop).
   result<std::string> rpop(const c_text& key) const noexcept { return Backend::rpop(pool_, key); }
-  /// Reads the elements from `first` to `last`, without empty ones; absent() where there are none
+  /// Reads the elements from `first` to `last`, without empty ones; absent() if there are none
   /// (RUVO_LRange).
   result<std::vector<std::string>> lrange(const c_text& key, int first, int last) const noexcept {
     return Backend::lrange(pool_, key, first, last);
   }
-  /// Cuts a list down to the elements from `first` to `last` (RUVO_LTrim).
+  /// Trims a list to the elements from `first` to `last` (RUVO_LTrim).
   result<void> ltrim(const c_text& key, int first, int last) const noexcept {
     return Backend::ltrim(pool_, key, first, last);
   }
-  /// Removes elements that equal `value`, which is refused like a key when it has a zero byte in
-  /// it; absent() when there were none (RUVO_LRem).
+  /// Removes elements that equal `value`, which is refused like a key if it contains a zero byte;
+  /// absent() if there were none (RUVO_LRem).
   result<void> lrem(const c_text& key, int count, const c_text& value) const noexcept {
     return Backend::lrem(pool_, key, count, value);
   }
@@ -663,13 +662,13 @@ class basic_pool : private Backend {
   result<void> srem(const c_text& key, const c_bytes& member) const noexcept {
     return Backend::srem(pool_, key, member);
   }
-  /// Reads all members but an empty one; absent() where there are none (RUVO_SMembers).
+  /// Reads all members except an empty one; absent() if there are none (RUVO_SMembers).
   result<std::vector<std::string>> smembers(const c_text& key) const noexcept {
     return Backend::smembers(pool_, key);
   }
   /// Reads the next page of a set of any size: about `page` members, sometimes none, sometimes one
-  /// twice. A page that fails leaves the cursor where it is. All servers of the pool must know the
-  /// cursors of each other, as proxies in front of one Redis do. Raw: SSCAN.
+  /// twice. A failed page leaves the cursor unchanged. All servers of the pool must know each
+  /// other's cursors, as proxies in front of one Redis do. Raw: SSCAN.
   ///
   ///     for (ruvo::cursor at; !at.done();) {
   ///       for (const std::string& name : temp.sscan("online", at).value()) {
@@ -684,35 +683,36 @@ class basic_pool : private Backend {
 
   /// @name Any command
   ///
-  ///     const auto both = temp.ask<std::vector<std::string>>("HMGET", "session:9", "user",
-  ///     "role"); std::cout << (both ? (*both)[1] : both.error().message()) << '\n';  // guest
+  ///     const auto both =
+  ///         temp.ask<std::vector<std::string>>("HMGET", "session:9", "user", "role");
+  ///     std::cout << (both ? (*both)[1] : both.error().message()) << '\n';  // guest
   ///     std::cout << temp.ask<int>("INCR", "user:7").reply_text().substr(0, 3) << '\n';  // ERR
   ///     temp.ask<void>("ZADD", "scores", 2.5, "Ada", 1, "Bob").value();
   ///     using scores = std::vector<std::pair<std::string, double>>;
   ///     const auto top = temp.ask<scores>("ZREVRANGE", "scores", 0, 0, "WITHSCORES").value();
   ///     std::cout << top[0].first << ' ' << top[0].second << '\n';  // Ada 2.5
   ///
-  /// A word is a text, taken whatever bytes it holds, or a number, written shortest; no format
-  /// string. A range of these (pairs too, as in a std::map) and ruvo::words may stand anywhere
-  /// among them. Raw, of course. A command has at most 1,024 words; more are refused with
-  /// RUVO_ERR_NULL_ARGUMENT, and more than 1 GiB with RUVO_ERR_FAILED.
+  /// A word is a text of any bytes, or a number in its shortest form; there is no format string. A
+  /// range of these (pairs too, as in a std::map) and ruvo::words may stand anywhere among them.
+  /// All are raw. A command has at most 1,024 words; more are refused with RUVO_ERR_NULL_ARGUMENT,
+  /// and more than 1 GiB with RUVO_ERR_FAILED.
   /// @{
 
-  /// Runs a command and gives its answer as a T:
+  /// Runs a command and returns its answer as a T:
   ///
   /// - `void`: anything
-  /// - `bool`: of 1 and 0, and of the status OK
-  /// - a whole number or floating-point type: of a number, or of a text that is one and fits
-  /// - std::string, bytes: of a text
-  /// - std::pair of these: of an array of two
-  /// - std::optional: also of nil
-  /// - std::vector: of an array
-  /// - std::vector of std::pair, std::map, std::unordered_map: of an array of keys and values in
-  ///   turn, or of arrays of two
+  /// - `bool`: from 1 and 0, and from the status OK
+  /// - a whole number or floating-point type: from a number, or from a text that is one and fits
+  /// - std::string, bytes: from a text
+  /// - std::pair of these: from an array of two
+  /// - std::optional: also from nil
+  /// - std::vector: from an array
+  /// - std::vector of std::pair, std::map, std::unordered_map: from an array of keys and values in
+  ///   alternation, or of arrays of two
   ///
-  /// and of these again, as deep as it goes. Nil is absent(), except for std::optional. An error
-  /// reply is a failure with RUVO_ERR_FAILED, and so is one that has another shape; reply_text()
-  /// has what Redis said.
+  /// and of these again, nested to any depth. Nil is absent(), except for std::optional. An error
+  /// reply is a failure with RUVO_ERR_FAILED, and so is a reply of another shape; reply_text() has
+  /// what Redis said.
   template <typename T, typename... Words>
   result<T> ask(const Words&... words) const {
     static_assert(detail::reader<T>::known,
@@ -720,8 +720,8 @@ class basic_pool : private Backend {
     return answer<T>(command(words...));
   }
 
-  /// Runs a command and gives Redis' reply (RUVO_ExecRedisCmd). A reply that is an error is a
-  /// success of the call: look at is_error(), or use ask.
+  /// Runs a command and returns Redis' reply (RUVO_ExecRedisCmd). For the call, an error reply is a
+  /// success: check is_error(), or use ask.
   ///
   ///     const auto range = temp.command("GETRANGE", "user:7", 0, 1);
   ///     if (range && !range->is_error()) {
@@ -762,7 +762,7 @@ class basic_pool : private Backend {
   static const char* name_of(condition only) noexcept {
     return only == condition::if_absent ? "NX" : "XX";
   }
-  // A SET whose condition does not hold answers nil.
+  // A SET whose condition is not met answers nil.
   static result<bool> stored(const result<void>& set) noexcept {
     if (!set && !set.absent()) {
       return set.why();
@@ -777,7 +777,7 @@ class basic_pool : private Backend {
     return value;
   }
 
-  // Raw commands take a key like the functions do: one with a zero byte would be another key there.
+  // Raw commands refuse a key with a zero byte, since the functions would read another key.
   template <typename T, typename... Words>
   result<T> ask_key(const c_text& key, const Words&... words) const {
     if (key.c_str() == nullptr) {
@@ -787,7 +787,7 @@ class basic_pool : private Backend {
   }
 
   result<long long> count(const c_text& key, long long by, std::chrono::milliseconds time) const {
-    // The sum as a text, since a number of the script's language has 53 bits.
+    // The sum is a text, since a number of the script's language has 53 bits.
     return ask_key<long long>(key, "EVAL",
                               "redis.call('INCRBY',KEYS[1],ARGV[1]) "
                               "if redis.call('PTTL',KEYS[1])<0 then "
@@ -832,8 +832,8 @@ class basic_pool : private Backend {
     return detail::answer<T>(*got);
   }
 
-  // Sends the words of a range behind `head`, as often as it takes, and hands each answer to
-  // `take`. So many words at a time belong together; the first of them is a key, if there are keys.
+  // Sends the words of a range behind `head`, in as many commands as needed, and hands each answer
+  // to `take`. The words come in groups of `together`, which begin with a key, if there are keys.
   enum class first_word : bool { key, any };
   template <typename T, typename Take = ignore>
   failure in_batches(const words& head, const words& all, std::size_t together, Take take = {},
@@ -875,10 +875,10 @@ class basic_pool : private Backend {
     return words(pairs);
   }
 
-  // Redis reads no more of one command; hiredis counts in an int and has an end at twice that.
+  // Redis' upper bound for one command; hiredis counts in an int, whose bound is twice that.
   static constexpr std::size_t max_command = std::size_t{1} << 30U;
 
-  // Why a command cannot be sent, or RUVO_OK.
+  // Why a command cannot be sent; RUVO_OK if it can.
   static failure check(words_view words) noexcept {
     std::size_t size = 0;
     for (const std::string_view word : words) {

@@ -1,4 +1,4 @@
-// The client behind the exported functions: one class, told in several files by subject.
+// The client behind the exported functions: one class, divided into several files by subject.
 //
 //   startup.cpp    configuration, default addresses, the order in which pools are built
 //   pools.cpp      building and closing a pool; the counted shut-down
@@ -6,10 +6,10 @@
 //   walk.cpp       the walk over servers, and the typed path that makes a code of the reply
 //   strings.cpp, hashes.cpp, lists.cpp, sets.cpp
 //                  the data operations (data_operation.cpp: what they share)
-//   raw.cpp        any command, its reply handed over as it is
-//   forking.cpp    what the child of a fork makes of its parent's connections
+//   raw.cpp        any command, its reply unchanged
+//   forking.cpp    what the child of a fork does with its parent's connections
 //
-// Threads: operations from any number of threads; init and fini must not overlap them. See
+// Threads: any number of threads may run operations; init and fini must not overlap them. See
 // server_pool.h for what guards what.
 #ifndef RUVO_RUVO_REDIS_H
 #define RUVO_RUVO_REDIS_H
@@ -32,10 +32,10 @@
 
 struct operation_call;
 
-// The reader that start-up loads the library's configuration with.
+// The reader that loads the library's configuration at start-up.
 extern vop_config ruvo_cfg;
 
-// What bounds a command of a call, and whether it may be sent twice.
+// What bounds a command of a call, and whether it may be resent.
 struct call_terms {
   time_point deadline = no_deadline;
   bool must_not_resend = false;
@@ -67,32 +67,32 @@ class ruvo_redis {
   // ---- Routing ----
   const server_pool& getPool(RedisServerType type) const { return this->*pool_of(type); }
   server_pool& getPool(RedisServerType type) { return this->*pool_of(type); }
-  // A usable server of the pool, or null: the next in turn when `svc_index` is negative, else the
-  // first from that position on.
+  // A usable server of the pool, or null: the next by round-robin if `svc_index` is negative, else
+  // the first from that position on.
   server_node* get_server_node(RedisServerType redisSrvType, int svc_index);
-  // The same for a walk. A server that is being tried is this call's alone until end_probe().
+  // The same for a walk. A server that is probed is reserved for this call until end_probe().
   server_choice choose_server(RedisServerType type, int svc_index);
-  // The next slot, round-robin, or null when the server does not have it.
+  // The next slot by round-robin, or null if the server does not have it.
   conn_node* get_conn(server_node& svc_node, RedisServerType redisSrvType);
   bool is_server_valid(server_node* svc_node, RedisServerType redisSrvType);
   void update_server_ok(server_node* svc_node);
   void update_server_failed(server_node* svc_node, RedisServerType redisSrvType);
-  // Replaces a slot's context by a new one, or returns null and leaves the old one in place.
+  // Replaces a slot's context by a new one, or returns null and keeps the old one.
   // REQUIRES: the slot's lock is held.
   redisContext* reset_connection(conn_node& conn, server_addr& addr);
-  // The connection that it replaces the old one by.
+  // Opens the connection that replaces a broken one.
   context_ptr open_replacement(const server_addr& addr, time_point deadline);
 
   const client_options& options() const { return options_; }
   const timeval& socket_timeout() const { return socket_timeout_tv_; }
 
   // ---- Forking ----
-  // In the child of a fork: every connection is the parent's, and is rebuilt when it is used.
+  // In the child of a fork: every connection belongs to the parent, and is rebuilt on its next use.
   void disown_connections() noexcept;
 
   // ---- Execution ----
-  // Runs a command on a pool. On RUVO_OK with `need_reply`, hands over the reply to the caller, who
-  // frees it; leaves `reply` alone in every other case.
+  // Runs a command on a pool. On RUVO_OK with `need_reply`, the caller gets the reply and frees it;
+  // in every other case `reply` is unchanged.
   int do_exec_command(const char* key, redisReply*& reply, bool need_reply,
                       RedisServerType redisSrvType, const char* format, ...);
 
@@ -150,8 +150,8 @@ class ruvo_redis {
                   const char* server_addr);
 
   // ---- Any command ----
-  // The reply, which the caller hands to free_reply_object; null on failure. `ap` is left as it
-  // was.
+  // Returns the reply, which the caller hands to free_reply_object, or null on failure. Leaves `ap`
+  // unchanged.
   void* exec_redis_cmd(const char* format, va_list ap, RedisServerType redisSrvType);
   void free_reply_object(void* reply);
 
@@ -179,13 +179,13 @@ class ruvo_redis {
   // Runs a command on a pool; see do_exec_command. A null `reply` asks for the code only.
   int exec_command(const call_terms& terms, const char* key, reply_ptr* reply,
                    RedisServerType redisSrvType, const char* format, va_list args);
-  // For a second command whose outcome does not change that of the first, and which shares its
+  // Runs a second command, whose outcome does not change that of the first and which shares its
   // time.
   void exec_regardless(time_point deadline, const char* key, RedisServerType redisSrvType,
                        const char* format, ...);
   int expire(time_point deadline, const char* key, unsigned int time_out, RedisServerType type);
   bool must_not_resend(bool is_idempotent) const { return options_.send_once && !is_idempotent; }
-  // The road of every data operation up to its reply, see data_operation.h.
+  // Runs a data operation up to its reply, see data_operation.h.
   int run(const operation_call& call, reply_ptr* reply, const char* format, ...);
 
   std::atomic<bool> initialized_{false};

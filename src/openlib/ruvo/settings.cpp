@@ -20,7 +20,7 @@ struct pool_keys {
 };
 
 // The temporary pool reads the p_ keys and the persistent pool the t_ keys: deployed configuration
-// files are written for it.
+// files rely on it.
 constexpr std::array keys_of_pools{pool_keys{eTempServer, "p_", "temp_server"},
                                    pool_keys{ePersistServer, "t_", "persist_server"},
                                    pool_keys{ePersonalityServer, "ps_", "personality_server"}};
@@ -78,7 +78,7 @@ std::vector<std::string> split(const std::string& text, const char* separator) {
   return pieces;
 }
 
-// False for a text that is no value of the key; the value is then as it was.
+// False if the text is not a value of the key; the value is then unchanged.
 template <typename Value>
 bool store(Value& value, const std::optional<Value>& parsed) {
   value = parsed.value_or(value);
@@ -121,7 +121,7 @@ const char* text_in(const vop_config& config, const setting& key) {
   return config.get_str_val(key.section, key.name.c_str());
 }
 
-// Stores what the file says of a key. False, and told, where it says nothing that can be used.
+// Stores the file's value of a key. False, with a report, if the file has none that can be used.
 template <typename Value>
 bool read(const vop_config& config, const setting& key, bool is_idle, Value& value,
           const fault_listener& refuse) {

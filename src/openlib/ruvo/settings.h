@@ -1,7 +1,7 @@
-// One table of everything that can stand in the configuration files, and the one way to read it.
+// The table of everything that the configuration files may contain, and the only way to read it.
 //
-// The library and its tools read through the table, and the guides are held against it. A new key
-// is a row in settings.cpp, a field below or in options.h, and the place where it acts.
+// The library and its tools read through the table, and the guides are checked against it. A new
+// key is a row in settings.cpp, a field below or in options.h, and the code that uses it.
 #ifndef RUVO_SETTINGS_H
 #define RUVO_SETTINGS_H
 
@@ -20,7 +20,7 @@
 enum RedisServerType : int;
 class vop_config;
 
-// ---- Where values are kept; what a field begins with is its key's default ----
+// ---- Where values are kept; a field's initial value is its key's default ----
 
 struct time_limits {
   int connect_timeout = 100;  // ms; below 1: none
@@ -52,18 +52,18 @@ struct setting {
   setting_kind kind;
   const char* unit;         // of a number; empty: none
   const char* recommended;  // for a new site, as it stands in a file; empty: the default
-  int least;                // a number below is refused
+  int least;                // lower bound of a number
   const char* meaning;
   std::variant<std::monostate, int time_limits::*, std::optional<std::string> pool_settings::*,
                int pool_settings::*, bool pool_settings::*, std::string pool_settings::*,
                bool client_options::*, int client_options::*, std::string client_options::*,
                std::vector<std::string> client_options::*>
       field;
-  int pool = 0;                                  // that it belongs to, by type; 0: to none
-  int line = 0;                                  // of start-up, that tells of it; 0: none
-  int client_options::*needed_number = nullptr;  // without which it counts as absent
+  int pool = 0;                                  // number of its pool's type; 0: none
+  int line = 0;                                  // start-up line that shows it; 0: none
+  int client_options::*needed_number = nullptr;  // without this one it counts as absent
 
-  // Calls `action` with the field of `owner`. False where the key is kept elsewhere.
+  // Calls `action` with the field of `owner`. False if the key is kept elsewhere.
   template <typename Owner, typename Action>
   bool with_field(Owner& owner, const Action& action) const {
     return std::visit(
@@ -77,7 +77,7 @@ struct setting {
         field);
   }
 
-  // May a site switch it on? Such a key is read strictly, and follows recommended_defaults.
+  // May a site switch it on? Such a key is parsed strictly, and follows recommended_defaults.
   bool is_option() const;
 };
 
@@ -86,7 +86,7 @@ const std::vector<setting>& all_settings();
 
 const char* kind_text(setting_kind kind);
 
-// As a file would have it; empty for none.
+// As a file would contain it; empty for none.
 std::string default_text(const setting& key, bool recommended_defaults = false);
 std::string value_text(const setting& option, const client_options& options);
 
@@ -94,16 +94,16 @@ std::string value_text(const setting& option, const client_options& options);
 
 enum class setting_fault { no_truth, no_number, no_call_timeout };
 
-// Told of each value that is not used, and why.
+// Called for each value that is not used, with the reason.
 using fault_listener =
     std::function<void(const setting& key, setting_fault why, const char* value)>;
 
 struct found_options {
   client_options options;
-  std::array<bool, 3> is_told{};  // the lines of start-up that have something to tell
+  std::array<bool, 3> is_told{};  // the start-up lines that have something to show
 };
 
-const char* find_redis_config(const vop_config& config);  // null: not there
+const char* find_redis_config(const vop_config& config);  // null: missing
 time_limits read_time_limits(const vop_config& config);
 found_options find_options(const vop_config& config, const fault_listener& refuse = {});
 // A type without keys of its own has the defaults.
@@ -111,10 +111,10 @@ pool_settings read_pool_settings(const vop_config& config, RedisServerType type,
                                  const fault_listener& refuse = {});
 site_settings read_site_settings(const vop_config& config);
 
-// Nothing for what is no value of its kind.
+// Nothing if the text is not a value of its kind.
 std::optional<bool> parse_truth(const std::string& text);
 std::optional<int> parse_number(const std::string& text, int least);  // digits alone
-// As deployed files have them: as far as the digits go, and narrowed to 32 bits.
+// As deployed files rely on: reads only as far as the digits go, and narrows to 32 bits.
 int parse_leading_number(const std::string& text);
 
 // ---- Addresses ----
@@ -126,8 +126,8 @@ struct server_addr {
 
 constexpr std::uint32_t max_port = 65535;  // a greater one is never connected to
 
-// Of the form ip:port, blanks around both ignored. The port is read as in C, so that 0x18eb is
-// 6379 and 0100 is 64; what does not fit into 32 bits becomes one above max_port.
+// Parses ip:port; blanks around both are ignored. The port is read as in C, so that 0x18eb is 6379
+// and 0100 is 64; a number that does not fit into 32 bits becomes one above max_port.
 std::optional<server_addr> parse_address(const std::string& text);
 
 struct address_list {
@@ -136,6 +136,6 @@ struct address_list {
 };
 address_list parse_addresses(const std::string& text);
 
-std::string to_text(const server_addr& addr);  // ip:port, as the log has it
+std::string to_text(const server_addr& addr);  // ip:port, as in the log
 
 #endif

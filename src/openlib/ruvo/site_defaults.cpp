@@ -1,4 +1,4 @@
-// The site's own data, and nothing else: this is the file that a deployer edits.
+// Only the site's own data: this is the file that a deployer edits.
 //
 // As shipped, group 0 is the developer's own machine; the others use ranges that are reserved for
 // documentation and benchmarking, which no real network answers.

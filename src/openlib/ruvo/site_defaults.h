@@ -1,4 +1,4 @@
-// Where a host finds its servers when the configuration names none: by the network that it is in.
+// Where a host finds its servers if the configuration names none: its network decides.
 #ifndef RUVO_SITE_DEFAULTS_H
 #define RUVO_SITE_DEFAULTS_H
 

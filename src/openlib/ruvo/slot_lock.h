@@ -1,4 +1,4 @@
-// The lock of a connection slot, waited for no longer than a deadline.
+// The lock of a connection slot, and waiting for it at most until a deadline.
 #ifndef RUVO_SLOT_LOCK_H
 #define RUVO_SLOT_LOCK_H
 
@@ -12,7 +12,7 @@
 enum class lock_end { locked, failed, timed_out };
 
 inline pthread_mutex_t* native_handle(ACE_Thread_Mutex& mutex) {
-  return const_cast<pthread_mutex_t*>(&mutex.lock());  // ACE shows it to readers only
+  return const_cast<pthread_mutex_t*>(&mutex.lock());  // ACE gives only read access
 }
 
 inline lock_end lock_until(ACE_Thread_Mutex& mutex, time_point deadline) {
@@ -24,7 +24,7 @@ inline lock_end lock_until(ACE_Thread_Mutex& mutex, time_point deadline) {
     return mutex.tryacquire() != -1 ? lock_end::locked : lock_end::timed_out;
   }
 #ifdef __SANITIZE_THREAD__
-  // ThreadSanitizer of GCC 12 does not know the other function.
+  // ThreadSanitizer of GCC 12 does not know pthread_mutex_clocklock.
   const auto wall =
       std::chrono::system_clock::now() + (deadline - std::chrono::steady_clock::now());
   const std::chrono::nanoseconds at = wall.time_since_epoch();

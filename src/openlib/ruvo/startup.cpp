@@ -24,7 +24,7 @@ namespace {
 __attribute__((format(printf, 1, 2))) void print_progress(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  flockfile(stdout);  // text and newline stay together, whoever else prints
+  flockfile(stdout);  // keeps text and newline together if others print
   std::vprintf(format, args);
   std::putchar('\n');
   std::fflush(stdout);
@@ -115,7 +115,7 @@ int ruvo_redis::init(const char* config) {
   try {
     return build_pools();
   } catch (...) {
-    close_pools();  // the start-up is final: nobody could use or close them later
+    close_pools();  // start-up is final: nobody could use or close them later
     throw;
   }
 }
@@ -136,8 +136,8 @@ void ruvo_redis::choose_addresses() {
   const auto or_null = [](const std::optional<std::string>& addrs) {
     return or_null_text(addrs ? addrs->c_str() : nullptr);
   };
-  // The two diagnostic lines are errors on purpose: deployed systems rely on seeing them whatever
-  // the level they log at.
+  // These two diagnostic lines are errors on purpose: deployed systems rely on seeing them at any
+  // log level.
   const std::optional<std::string> temp_server = configured(eTempServer);
   RUVO_LOG(ERROR, "t_par_val: %s\n", or_null(temp_server));
   const std::optional<std::string> persist_server = configured(ePersistServer);

@@ -1,4 +1,4 @@
-// The statistics file: made under another name, mapped, renamed into place.
+// The statistics file: created under another name, mapped, renamed into place.
 #include "statistics.h"
 
 #include <fcntl.h>
@@ -32,8 +32,8 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free);
 
 namespace {
 
-// The lanes that threads of this process have; the first one is nobody's. Only the process that has
-// made a file may hand them out: in a forked child, both would store to them.
+// The lanes that threads of this process have taken; nobody owns the first one. Only the process
+// that made a file may hand them out: a forked child would store to the same ones.
 std::atomic<std::uint64_t> taken_lanes{1};
 std::atomic<bool> hands_out_lanes{false};
 static_assert(RUVO_STATS_LANES == 64, "a bit for each");
@@ -43,7 +43,7 @@ void release_lane() noexcept {
                         std::memory_order_release);
 }
 
-// Tells when a thread ends. A key of pthreads, whose value takes no memory that could be missing.
+// Detects the end of a thread. The value of a pthread key needs no memory, which could be missing.
 class thread_end_key {
  public:
   thread_end_key() : is_made_(pthread_key_create(&key_, [](void*) { release_lane(); }) == 0) {}
@@ -68,7 +68,7 @@ void share_lane_in_child() {
   stats_lane = 0;
 }
 
-// Until the next fork, for the process that makes a file.
+// Lets this process hand out lanes until its next fork.
 void hand_out_lanes() {
   static const int registered = pthread_atfork(nullptr, nullptr, share_lane_in_child);
   hands_out_lanes.store(registered == 0);
@@ -99,14 +99,14 @@ std::string with_process_id(std::string path) {
   return path;
 }
 
-// A name of its own beside the file, which nobody else makes.
+// A unique name beside the file.
 std::string name_beside(const std::string& path) {
   return path + "." + std::to_string(getpid()) + "." +
          std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
 }
 
-// Makes a file of `size` bytes and maps it. Its blocks are reserved: on a full disk, a store to a
-// page without one would kill the host. Null with errno when it cannot be made.
+// Creates a file of `size` bytes and maps it. Its blocks are reserved: on a full disk, a store to a
+// page without one would kill the host. Null with errno on failure.
 void* make_mapped_file(const char* name, std::size_t size) {
   const file_descriptor file(
       open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));  // NOLINT: C's
@@ -190,7 +190,7 @@ void call_timer::end(const void* raw_reply) noexcept {
 
 bool statistics_file::begin(const std::string& path, std::span<const counted_pool> pools) {
   end();
-  // A tool that starts with a host's configuration must not put its own file in the host's place.
+  // A tool that starts with a host's configuration must not replace the host's file.
   if (std::getenv("RUVO_NO_STATS_FILE") != nullptr) {  // NOLINT: before there are other threads
     return false;
   }
@@ -269,7 +269,7 @@ void statistics_file::end() noexcept {
   if (head == nullptr) {
     return;
   }
-  if (head->process_id == getpid()) {  // not for the parent, in a child
+  if (head->process_id == getpid()) {  // a forked child does not end its parent's file
     std::atomic_ref(head->state).store(RUVO_STATS_ENDED, std::memory_order_release);
   }
   munmap(head, head->file_size);

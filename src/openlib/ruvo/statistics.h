@@ -1,6 +1,6 @@
-// Statistics for whoever looks at the host from outside: counters in a file that the process maps
-// (its layout and its readers' part: stats.h). Without the key `stats_file` every pointer below is
-// null, and a hook is one test.
+// Statistics for observers outside the host: counters in a file that the process maps (stats.h has
+// its layout and what a reader needs). Without the key `stats_file` every pointer below is null,
+// and a hook costs one test.
 //
 // Start-up makes the file once the pools are built, and gives each server_pool and server_node the
 // pointer to its record:
@@ -16,16 +16,15 @@
 //   calls                 a visit has chosen a slot
 //   waiting_mark          from then until the command is sent for the first time
 //   second_sends          the command goes out again
-//   replies, no_replies   a visit has ended: exactly one of them for each, since what is in flight
-//                         is told from their difference; error_replies besides
+//   replies, no_replies   a visit has ended: exactly one of them for each, so that their difference
+//                         to `calls` shows what is in flight; error_replies in addition
 //   reconnects, failed_reconnects
-//                         a connection has been rebuilt, or not
+//                         a connection has been rebuilt, or the rebuild has failed
 //   note_failures()       failure_count_ and next_retry_time_ have changed
-//   ejections, retries    the failure that reaches the limit of a pool that ejects, and what ends
-//   it
+//   ejections, retries    the failure that reaches the limit of a pool that ejects, and the retry
 //
-// The counters are relaxed: nothing is ordered by them. The timer of a call gets its thread a lane,
-// where it has every cache line to itself and counts with plain loads and stores. Threads that find
+// The counters are relaxed: they order nothing. call_timer gets its thread a lane, whose cache
+// lines no other thread writes, so that it counts with plain loads and stores. Threads that find
 // all lanes taken, and the child of a fork, count in the first one, which is shared.
 #ifndef RUVO_STATISTICS_H
 #define RUVO_STATISTICS_H
@@ -49,8 +48,8 @@ using pool_stats = ruvo_pool_stats;
 using server_stats = ruvo_server_stats;
 using server_counters = ruvo_server_counters;
 
-// The lane of this thread; 0: the shared one. Of the initial-exec model, since a call looks at it
-// several times, and the other models take longer for that than the counting does.
+// The lane of this thread; 0: the shared one. initial-exec, since a call reads it several times,
+// and the other TLS models take longer for that than the counting does.
 [[gnu::tls_model("initial-exec")]] inline constinit thread_local std::uint32_t stats_lane = 0;
 
 // Gets this thread a lane until it ends, if one is free.
@@ -79,8 +78,8 @@ inline void note_failures(server_stats* server, std::int64_t failures,
   }
 }
 
-// A visit that waits for its command to be sent. Another thread may end it: the sum over all lanes
-// is what counts.
+// A visit that waits for its command to be sent. Another thread may end it, so only the sum over
+// all lanes is meaningful.
 class waiting_mark {
  public:
   waiting_mark() = default;
@@ -112,14 +111,14 @@ inline void record_call(pool_stats& pool, ruvo_stats_result result,
   add(lane.buckets[ruvo_stats_bucket(time)], 1);
 }
 
-// RUVO_ERR_FAILED alone says little: the place that fails a call notes why. The latest cause that
-// its thread has noted counts; one of a second command that changes no result is passed over.
+// RUVO_ERR_FAILED alone says little, so the place that fails a call notes why. The thread's latest
+// cause counts; that of a second command which does not change the result is ignored.
 inline constinit thread_local ruvo_stats_result latest_cause = RUVO_STATS_OTHER_FAILURE;
 inline void note_cause(ruvo_stats_result cause) noexcept { latest_cause = cause; }
 
 ruvo_stats_result result_of(int code) noexcept;
 
-// Measures one call. One at a time in a thread: an exported function calls no other.
+// Measures one call. A thread has one at a time: an exported function calls no other.
 class call_timer {
  public:
   call_timer() = default;
@@ -164,11 +163,11 @@ class statistics_file {
   statistics_file(const statistics_file&) = delete;
   statistics_file& operator=(const statistics_file&) = delete;
 
-  // Makes the file, with a record for each pool and each server, and puts it in place; "%p" in the
-  // path stands for the process id. False when it cannot be made, which the log tells; the pointers
+  // Creates the file, with a record for each pool and server, and puts it in place; "%p" in the
+  // path stands for the process id. False if it cannot be created, which is logged; the pointers
   // are then null.
   bool begin(const std::string& path, std::span<const counted_pool> pools);
-  // Leaves the file with its last numbers. Pointers into it must not be used any more.
+  // Leaves the file with its last numbers. Pointers into it become invalid.
   void end() noexcept;
 
   pool_stats* pool(std::size_t number) noexcept;

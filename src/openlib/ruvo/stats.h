@@ -22,15 +22,15 @@
 /// open the path again. A reader that must survive a file that someone else truncates copies it
 /// with pread instead of mapping it, into memory that is aligned for uint64_t.
 ///
-/// COUNTERS. A record has its counters many times over, in lanes: a thread of the host has a lane
-/// of its own if it can, so that counting costs next to nothing, and the first lane is for all
-/// others. ruvo_stats_read_pool and ruvo_stats_read_server add the lanes up. All counters are
-/// 64-bit words, read in one piece, and only grow, except where stated. Each sum is exact; two of
-/// them may be a few calls apart, since the host goes on while they are read.
+/// COUNTERS. A record holds every counter once in each of its lanes: a thread of the host gets a
+/// lane of its own if one is free, so that counting costs next to nothing, and the first lane is
+/// for all others. ruvo_stats_read_pool and ruvo_stats_read_server add the lanes up. All counters
+/// are 64-bit words, read in one piece, and only grow, except where stated. Each sum is exact; two
+/// sums may be a few calls apart, since the host goes on while they are read.
 ///
 /// COMPATIBILITY. Later libraries may append fields to a record, which changes the sizes in the
 /// header. Find records with ruvo_stats_pool and ruvo_stats_server, which use those sizes. Any
-/// other change has another version, which ruvo_stats_check refuses.
+/// other change increases the version, and ruvo_stats_check then refuses the file.
 #ifndef RUVO_STATS_H
 #define RUVO_STATS_H
 
@@ -62,7 +62,7 @@ enum ruvo_stats_result {
   RUVO_STATS_RESULTS = 11           ///< how many results there are
 };
 
-/// What a file is.
+/// The state of a file.
 enum ruvo_stats_state {
   RUVO_STATS_INCOMPLETE = 0,  ///< still being made
   RUVO_STATS_LIVE = 1,        ///< the host counts into it
@@ -113,7 +113,7 @@ struct ruvo_server_counters {
   uint64_t reserved[6];        ///< zero
 };
 
-/// A pool. Written once, but for the counters.
+/// A pool. Written once, except for the counters.
 struct ruvo_pool_stats {
   char name[16];            ///< "temp", "persist", "personality"
   uint32_t type;            ///< RedisServerType
@@ -127,7 +127,7 @@ struct ruvo_pool_stats {
   struct ruvo_pool_counters lanes[RUVO_STATS_LANES];
 };
 
-/// A server of a pool. Written once, but for failures, retry time and counters.
+/// A server of a pool. Written once, except for failures, retry time and counters.
 struct ruvo_server_stats {
   char address[RUVO_STATS_ADDRESS_SIZE];  ///< as configured, zero-terminated, cut if longer
   uint32_t port;                          ///< as configured
@@ -144,7 +144,7 @@ struct ruvo_server_stats {
 enum ruvo_server_state {
   RUVO_SERVER_HEALTHY = 0,   ///< no failures
   RUVO_SERVER_FAILING = 1,   ///< some failures, not ejected
-  RUVO_SERVER_EJECTED = 2,   ///< passed over until its retry time
+  RUVO_SERVER_EJECTED = 2,   ///< skipped until its retry time
   RUVO_SERVER_RETRY_DUE = 3  ///< ejected, its retry time has passed: the next call tries it
 };
 
@@ -240,8 +240,8 @@ static inline const char* ruvo_stats_check(const void* file, size_t length) {
 }
 
 /// The bucket of a time in nanoseconds. Bucket 0 holds times up to 512 ns; each power of two above,
-/// up to 137 s, is cut into 8 buckets, so that a time is known to 12.5 %; the last one holds the
-/// rest.
+/// up to 137 s, is divided into 8 buckets, so that a time is known to 12.5 %; the last bucket holds
+/// all longer times.
 static inline uint32_t ruvo_stats_bucket(uint64_t nanoseconds) {
   uint64_t below = nanoseconds - 1;
   uint32_t exponent;
@@ -312,7 +312,7 @@ static inline void ruvo_stats_read_server(const struct ruvo_server_stats* server
   memset(sum, 0, sizeof *sum);
   for (lane = 0; lane < RUVO_STATS_LANES; ++lane) {
     const struct ruvo_server_counters* from = &server->lanes[lane];
-    // The ends before the begin: a visit that ends meanwhile then counts as under way.
+    // Reads the ends before the starts: a visit that ends meanwhile then counts as under way.
     sum->waiting += ruvo_stats_load(&from->waiting);
     sum->error_replies += ruvo_stats_load(&from->error_replies);
     sum->replies += ruvo_stats_load(&from->replies);

@@ -42,7 +42,7 @@ class connection_rebuilder final : public rebuilder {
   call_times* times_;
 };
 
-// Says an error reply "not me" or "not now", as the site's failover_replies have it?
+// Is the reply an error that the site's failover_replies list ("not me", "not now")?
 bool is_failover_reply(const ruvo_redis& redis, const redisReply* reply) {
   if (reply == nullptr || reply->type != REDIS_REPLY_ERROR || reply->str == nullptr) {
     return false;
@@ -69,7 +69,7 @@ class visitor {
     if (end != send_end::replied) {
       count_failure(end);
     } else if (redis_.options().eject_silent_servers && call_.state().is_first_reply) {
-      redis_.update_server_ok(&server_);  // a rebuilt connection alone would not do
+      redis_.update_server_ok(&server_);  // a rebuilt connection alone proves nothing
     }
     count_end(end);
     const bool was_sent = call_.state().was_sent && !refusal_;
@@ -100,7 +100,7 @@ class visitor {
     return end;
   }
 
-  // A server that will not serve has not replied.
+  // A server that will not serve counts as unanswered.
   send_end accepted(send_end end) {
     if (end != send_end::replied || !is_failover_reply(redis_, call_.state().reply.get())) {
       return end;
@@ -111,7 +111,7 @@ class visitor {
     return send_end::unanswered;
   }
 
-  // It has been sent, and nobody has said that it was not carried out.
+  // The command was sent, and no reply says that it was not run.
   bool may_have_run() const {
     return command_.must_not_resend && call_.state().was_sent && !refusal_;
   }
@@ -125,7 +125,7 @@ class visitor {
     }
   }
 
-  // Where calls share what has happened, one of them counts it.
+  // Of the calls that share an event, one counts it.
   void count_failure(send_end end) {
     const bool is_silent = redis_.options().eject_silent_servers && !command_.wire.refused();
     const bool is_unanswered =

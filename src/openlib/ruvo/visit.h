@@ -1,12 +1,11 @@
-// A visit of one command at one server: one send, and on a broken connection one rebuild and one
-// more send.
+// A visit of one command to one server: one send, and after a break one rebuild and one more send.
 #ifndef RUVO_VISIT_H
 #define RUVO_VISIT_H
 
 #include "slot_call.h"
 #include "walk.h"
 
-// What a call has spent its time on, for the line that tells of a slow one.
+// How a call has spent its time, for the log line of a slow call.
 struct call_times {
   std::chrono::nanoseconds connecting{0};
   std::chrono::nanoseconds replies{0};
@@ -19,10 +18,10 @@ enum class visit_end { replied, unanswered, may_have_run, out_of_time, lock_fail
 struct visit_result {
   visit_end end;
   bool was_sent;    // a byte of the command may have reached the server
-  reply_ptr reply;  // also of a server that says it will not serve, where the visit is unanswered
+  reply_ptr reply;  // also the refusal of a server that will not serve: the visit is unanswered
 };
 
-// `times` is null where nobody asks for them.
+// `times` is null if nobody needs them.
 visit_result visit(ruvo_redis& redis, const command& command, conn_node& slot, server_node& server,
                    call_times* times);
 

@@ -16,10 +16,10 @@ using clock = std::chrono::steady_clock;
 
 constexpr std::size_t visits_per_server = 2;
 
-// A command that servers leave unanswered while they answer others is sent in so many walks.
+// A command that stays unanswered while servers answer others is sent in at most this many walks.
 constexpr int most_walks_beside_answers = 3;
 
-// Who waits for servers looks so often whether one may be tried.
+// How often a call that waits for servers checks whether one may be probed.
 constexpr std::chrono::milliseconds shortest_wait{1};
 constexpr std::chrono::milliseconds longest_wait{50};
 
@@ -27,8 +27,8 @@ server_choice next_of_pool(ruvo_redis& redis, const server_node& failed, RedisSe
   return redis.choose_server(pool, static_cast<int>(failed.index_) + 1);
 }
 
-// With try_ejected_servers a call does not fail while a server may answer that is ejected for an
-// earlier fault, also where the others are not ejected yet.
+// With try_ejected_servers, a call does not fail while a server may answer that is ejected for an
+// earlier fault, even if the others are not ejected yet.
 server_choice ejected_of_pool(ruvo_redis& redis, const tried_servers& tried, RedisServerType pool) {
   std::vector<server_node>& servers = redis.getPool(pool).servers_;
   const std::size_t count = std::min(servers.size(), tried.size());
@@ -71,7 +71,7 @@ ruvo_stats_result cause_of(walk_end end) {
   }
 }
 
-// A server that is being tried is given back when the visit has ended, however that was.
+// Ends a probe when the visit has ended, in whatever way.
 class probe_guard {
  public:
   explicit probe_guard(const server_choice& choice)
@@ -90,7 +90,7 @@ class probe_guard {
   server_probe* probe_;
 };
 
-// The walk of a command, and what it keeps from one visit to the next.
+// The walk of a command, and its state between visits.
 class walker {
  public:
   walker(ruvo_redis& redis, const route& route, const command& command)
@@ -136,17 +136,17 @@ class walker {
   const command& command_;
   server_pool& pool_;
   pool_outage::log_names names_;
-  reply_ptr refusal_;      // the latest of a server that will not serve
+  reply_ptr refusal_;      // the latest error reply of a server that will not serve
   bool has_sent_ = false;  // in the latest walk, without a reply
   call_times times_;
   call_times* timed_ = nullptr;
   time_point begin_{};
 };
 
-// Each visit has one connection, which it lets go before the next is taken. The bound is for walks
-// that do not come back to where they began: one that crosses pools can go on for ever, and a typed
-// one could be held for a whole retry timeout by a server that accepts connections and never
-// answers.
+// Each visit has one connection, and releases it before the next visit takes its own. The bound is
+// for walks that do not return to their first server: one that crosses pools could go on for ever,
+// and a server that accepts connections and never answers could hold a typed one for a whole retry
+// timeout.
 walk_end walker::walk_once(reply_ptr& reply) {
   has_sent_ = false;
   server_choice choice = redis_.choose_server(command_.pool, -1);
@@ -222,8 +222,8 @@ walk_end walker::walk_once(reply_ptr& reply) {
   }
 }
 
-// In an outage of the pool the call sleeps until a server answers, and tries a server itself when
-// none other does and its pause is over.
+// In an outage of the pool the call sleeps until a server answers. It probes a server itself if no
+// other call does and the server's pause is over.
 walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
   const time_point began =
       command_.deadline - std::chrono::milliseconds(redis_.options().call_timeout);
@@ -240,7 +240,7 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
     }
     const bool others_are_answered = pool_.outage_.has_answered() && !pool_.outage_.is_on();
     if (others_are_answered && has_sent_ && ++walks_beside_answers > most_walks_beside_answers) {
-      return end;  // the command itself is what fails
+      return end;  // the command itself is the cause
     }
     if (!others_are_answered &&
         !pool_.outage_.join(names_, began, command_.deadline, std::exchange(is_new, false))) {

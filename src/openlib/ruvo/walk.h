@@ -1,8 +1,8 @@
 // The walk of one command over the servers of its pool.
 //
-// The typed and the raw path share it. They differ in the method that log lines name (which the
-// command carries), in the server that comes next and in the bound (which the route tells), and in
-// what they make of the end (which each does by itself).
+// The typed and the raw path share it. They differ in the method that log lines name (part of the
+// command), in the next server and the bound (part of the route), and in what each makes of the
+// result.
 #ifndef RUVO_WALK_H
 #define RUVO_WALK_H
 
@@ -15,10 +15,10 @@
 class ruvo_redis;
 struct server_choice;
 
-// A command on its way.
+// A command to be run.
 struct command {
-  const char* method;  // that the walk's log lines name
-  const char* key;     // that they show
+  const char* method;  // named in the walk's log lines
+  const char* key;     // shown in them
   RedisServerType pool;
   wire_command wire;
   time_point deadline;
@@ -28,14 +28,14 @@ struct command {
 // The positions that a walk has visited. Those beyond the last bit count as visited.
 using tried_servers = std::bitset<256>;
 
-// Where a walk goes.
+// Which servers a walk visits.
 struct route {
-  // The server after one that failed; none when none is usable.
+  // The server after one that failed; none if no server is usable.
   server_choice (*next_server)(ruvo_redis& redis, const server_node& failed, RedisServerType pool);
-  // When the walk is back where it began: a server of the pool that it has passed over.
+  // Once the walk is back at its first server: an ejected server that it has not visited.
   server_choice (*ejected_server)(ruvo_redis& redis, const tried_servers& tried,
                                   RedisServerType pool);
-  // The servers that the walk's bound counts.
+  // The number of servers, for the bound of the walk.
   std::size_t (*servers_in_reach)(const ruvo_redis& redis, RedisServerType pool);
 };
 extern const route typed_route;
@@ -47,12 +47,12 @@ enum class walk_end {
   no_server_left,
   out_of_time,
   may_have_run,  // a command that must not be sent again
-  all_tried,     // back where it began, or as many visits as the bound allows
+  all_tried,     // back at the first server, or at the bound
   lock_failed
 };
 
-// Visits servers until one replies; `reply` then holds what it said. With wait_for_servers it waits
-// in an outage of the pool, and visits them again.
+// Visits servers until one replies, and stores the reply. With wait_for_servers it waits in an
+// outage of the pool, and visits them again.
 walk_end walk(ruvo_redis& redis, const route& route, const command& command, reply_ptr& reply);
 
 #endif
