@@ -1,5 +1,5 @@
-// A host that keeps the library's log in a file of its own, with the sink and the lock that come
-// with the library.
+// A host that keeps the library's log in a file of its own, with the sink and the lock that the
+// library provides.
 //
 //   log_file_host /tmp/app.log /etc/ruvo/sruvo.conf
 #include <ruvo/log_io.h>

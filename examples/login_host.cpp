@@ -1,4 +1,4 @@
-// A host that answers lines of its input, for as many users as there are.
+// A host that answers lines of its input, for any number of users.
 //
 //   login_host [LOCAL-CONFIGURATION]     (sruvo.conf)
 #include <stream_log/logger.h>

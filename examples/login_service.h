@@ -36,7 +36,7 @@ class login_service {
     if (allowed.no()) {
       return "too many logins";
     }
-    // Who cannot be counted is not let in.
+    // A user who cannot be counted is not let in.
     return allowed.failed()
                ? told(allowed.why(), "")
                : told(sessions_.save(user, {{"name", user}, {"role", "guest"}}), "welcome " + user);

@@ -1,5 +1,5 @@
 // Unit tests of login_service.h without a Redis and without a configuration: the pool runs on a
-// backend of this file's own, which keeps in memory what the service needs.
+// backend in this file, which keeps in memory what the service needs.
 #include <iostream>
 #include <map>
 #include <string>
@@ -15,7 +15,7 @@ struct memory {
   bool down = false;
 };
 
-// Has what the service calls, and no more: the compiler tells when something is missing.
+// Has only what the service calls: the compiler reports anything that is missing.
 struct memory_backend {
   memory* data;
 

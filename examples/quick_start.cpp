@@ -1,4 +1,4 @@
-// The smallest host, complete: stores a value and reads it back.
+// The smallest complete host: stores a value and reads it back.
 //
 //   quick_start [LOCAL-CONFIGURATION]     (sruvo.conf)
 #include <stream_log/logger.h>

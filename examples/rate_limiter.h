@@ -1,4 +1,4 @@
-// A rate limiter in Redis, for all hosts together: so many requests of a client in a window, which
+// A rate limiter in Redis, shared by all hosts: limits a client's requests in a window, which
 // begins with the first of them.
 //
 //   rate_limiter<ruvo::pool> limiter(ruvo::pool(eTempServer), 5, std::chrono::minutes(1));
@@ -19,8 +19,8 @@ class rate_limiter {
   rate_limiter(Pool pool, long long most, std::chrono::milliseconds window)
       : pool_(std::move(pool)), most_(most), window_(window) {}
 
-  // Counts a request: may it go on? yes(), no(), or failed() if Redis could not be asked. What is
-  // right then only the host knows: a login page refuses, a news page goes on.
+  // Counts a request: may it go on? yes(), no(), or failed() if Redis could not be asked. Only the
+  // host knows what is right then: a login page refuses, a news page goes on.
   ruvo::result<bool> allow(std::string_view client) const {
     const auto count = pool_.increment(key_of(client), 1, window_);
     if (!count) {

@@ -1,4 +1,4 @@
-// Sessions in Redis: each is a hash that goes some time after its last use.
+// Sessions in Redis: each is a hash that expires some time after its last use.
 //
 //   session_store<ruvo::pool> sessions(ruvo::pool(eTempServer), std::chrono::minutes(30));
 //   if (const auto saved = sessions.save(id, {{"user", "7"}, {"role", "guest"}}); !saved) ...
@@ -25,7 +25,7 @@ class session_store {
     return pool_.hset(key_of(id), fields, life_);
   }
 
-  // Reads a session and gives it its full time again; absent() if there is none.
+  // Reads a session and restarts its time to live; absent() if there is none.
   ruvo::result<session> load(std::string_view id) const {
     auto found = pool_.hgetall(key_of(id));
     if (found) {

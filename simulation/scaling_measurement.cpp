@@ -1,7 +1,6 @@
-// The library itself in the setting of scaling_simulation.cpp, to hold the model against: threads
-// that read one key, for several numbers of threads and connections, without auto_pipelining and
-// with it, as CSV. Two kinds of server: a Redis on loopback, and the same behind a proxy that
-// delays.
+// Measures the library in the setting of scaling_simulation.cpp, to check the model: threads that
+// read one key, for several numbers of threads and connections, without auto_pipelining and with
+// it, as CSV. Two kinds of server: a Redis on loopback, and the same behind a delaying proxy.
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -27,7 +26,7 @@ constexpr const char* shared = "auto_pipelining = true\n";
 constexpr std::array<std::size_t, 3> thread_counts{1, 4, 16};
 constexpr std::array<std::size_t, 4> connection_counts{1, 4, 8, 32};
 
-// Reads until the time is over; gives the latencies in microseconds.
+// Reads until the time is over; returns the latencies in microseconds.
 void read_key(std::vector<double>& latencies, std::latch& all_ready) {
   all_ready.arrive_and_wait();
   const auto end = Clock::now() + duration;
@@ -35,7 +34,7 @@ void read_key(std::vector<double>& latencies, std::latch& all_ready) {
     const char* data = nullptr;
     unsigned long len = 0;
     if (RUVO_QueryKey("key", &data, &len, eTempServer, nullptr) != RUVO_OK) {
-      latencies.clear();  // told by the caller: a thread has no other way to say it
+      latencies.clear();  // the caller sees it there: a thread has no other way to report it
       return;
     }
     RUVO_FreeResult(data);

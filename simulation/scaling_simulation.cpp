@@ -1,20 +1,20 @@
 // How throughput and latency change with threads, connections and servers: a closed queueing model
-// of hosts that use the library, for the pictures of docs/scaling.md. Seeded: it prints the same
-// each time.
+// of hosts that use the library, for the figures of docs/scaling.md. It is seeded, so it prints the
+// same each time.
 //
 //   scaling_simulation                             all points of the pictures, as CSV
 //   scaling_simulation --threads 16 --servers 1    one point; --help lists its parameters
 //
 // The threads of a host choose servers and their connections round-robin, and wait for the
-// connection's lock. The request travels half the round trip, waits for the server's single
-// thread, is served, and its reply travels back; then the lock is free and the thread, after some
-// work of its own, calls again. A freed lock wakes the thread that has waited longest, and whoever
-// comes before that one is awake gets it first, as with the mutexes of the system. Nothing fails.
+// connection's lock. The request travels for half the round trip, waits for the server's single
+// thread, is served, and its reply travels back. Then the lock is free, and the thread calls again
+// after some work of its own. A freed lock wakes the thread that has waited longest; a thread that
+// arrives before that one is awake gets it first, as with the system's mutexes. Nothing fails.
 //
-// With auto_pipelining a thread whose connection is busy takes the next free one of that server,
-// and where there is none it leaves its command in the connection's queue. The oldest of a queue
-// becomes the leader when the connection is free: when it is awake it sends all commands of the
-// queue at once, reads all replies, and wakes the next leader and then the others of its batch.
+// With auto_pipelining a thread whose connection is busy takes the next free one of that server; if
+// there is none, it leaves its command in the connection's queue. When the connection is free, the
+// oldest of a queue becomes the leader: once awake, it sends all commands of the queue at once,
+// reads all replies, and wakes the next leader and then the others of its batch.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -35,7 +35,7 @@ constexpr std::uint64_t seed = 1;
 constexpr std::size_t requests_measured = 200000;
 constexpr std::size_t requests_before = 50000;  // until the queues have found their lengths
 
-// What the pictures go through.
+// The values that the figures cover.
 constexpr std::array<std::size_t, 3> thread_counts{4, 16, 64};
 constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  12,
                                                         16, 24, 32, 48, 64, 96, 128};
@@ -50,10 +50,10 @@ struct Point {
   std::size_t connections = 16;  // of each host, to each server
   std::size_t servers = 2;
   double round_trip = 200;  // microseconds; so are the next two
-  double service = 10;    // the mean; the times are distributed exponentially, and so are wake_up's
-  double host_work = 10;  // between a reply and the next call
-  double pause = 0;       // the mean of what a thread idles beyond that, exponentially distributed
-  double wake_up = 50;    // from a freed lock to the thread that waited for it
+  double service = 10;      // the mean; its times and wake_up's are exponentially distributed
+  double host_work = 10;    // between a reply and the next call
+  double pause = 0;         // the mean of a thread's further idle time, exponentially distributed
+  double wake_up = 50;      // from a freed lock until the waiting thread runs
   bool auto_pipelining = false;
 };
 
@@ -91,7 +91,7 @@ class Simulation {
   enum class Step { call, woken, leads, arrive, served, reply, returns };
   struct Event {
     double time;
-    std::uint64_t number;  // orders what happens at the same time
+    std::uint64_t number;  // orders simultaneous events
     Step step;
     std::size_t thread;
     bool operator<(const Event& other) const {  // the queue has the greatest on top
@@ -204,7 +204,7 @@ class Simulation {
     }
   }
 
-  // This thread's command and those that wait, in order of arrival.
+  // This thread's command and the waiting ones, in order of arrival.
   void send_batch(std::size_t leader) {
     Connection& connection = connections_[threads_[leader].connection];
     connection.leader = leader;
@@ -276,7 +276,7 @@ class Simulation {
   std::vector<double> latencies_;
 };
 
-// One host: what more connections give to so many threads. Eight hosts: what more servers give.
+// One host: what more connections give to a number of threads. Eight hosts: what more servers give.
 std::vector<Point> points_of_the_pictures() {
   std::vector<Point> points;
   for (const std::size_t threads : thread_counts) {

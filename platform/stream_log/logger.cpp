@@ -19,7 +19,7 @@ namespace {
 std::atomic<Logger::LogLevel> threshold{Logger::INFO};
 
 void write_to_stderr(Logger::LogLevel, const char* line, std::size_t length) {
-  // A line that standard error does not take is lost: there is nowhere left to say so.
+  // A line that standard error does not take is lost: there is nowhere to report it.
   while (::write(STDERR_FILENO, line, length) == -1 && errno == EINTR) {
   }
 }
@@ -35,8 +35,8 @@ std::string_view level_name(Logger::LogLevel level) {
 
 constexpr std::size_t date_space = 32;
 
-// "YYYY-MM-DD hh:mm:ss", local time. Changes once a second, and each thread keeps its own: making
-// it costs more than the rest of the head.
+// "YYYY-MM-DD hh:mm:ss", local time. It changes once a second, and each thread caches its own:
+// formatting it costs more than the rest of the head.
 std::string_view date_text(std::time_t second) {
   struct Date {
     std::time_t second = -1;
@@ -53,7 +53,7 @@ std::string_view date_text(std::time_t second) {
   return {date.text.data(), date.length};
 }
 
-// A text that is put together from pieces, in a place that holds the longest.
+// A text composed of pieces, in a buffer that holds the longest.
 class Head {
  public:
   Head& add(std::string_view text) {
@@ -100,13 +100,13 @@ Logger::Logger(SourceFile file, int line, LogLevel level) : level_(level) {
 }
 
 Logger::~Logger() {
-  const int saved_errno = errno;  // a log line must not change what its caller is about to look at
-  // Nor end the process when its thread is cancelled while it is written.
+  const int saved_errno = errno;  // the caller may be about to read it
+  // Cancelling the thread while it writes the line must not end the process.
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   try {
-    // A stream is bad when there was no memory for a piece of the line: a line that lacks one would
-    // mislead, so there is none. A piece that could not be formatted is the host's own affair.
+    // A stream is bad if there was no memory for a piece of the line: a line that lacks one would
+    // mislead, so none is written. A piece that could not be formatted is the host's own affair.
     if (!stream_.bad()) {
       stream_.clear();
     }
@@ -115,7 +115,7 @@ Logger::~Logger() {
       current_output.load(std::memory_order_acquire)(level_, line.data(), line.size() - 1);
     }
   } catch (...) {
-    // No memory for the line: it is dropped, the host goes on.
+    // No memory for the line: it is dropped and the host goes on.
   }
   pthread_setcancelstate(cancel_state, nullptr);
   errno = saved_errno;
@@ -150,7 +150,7 @@ void stream_log_set_level(int level) {
   BaseLib::Logger::setLogLevel(static_cast<BaseLib::Logger::LogLevel>(known));
 }
 
-// A thread that is in the middle of a line may still hand it to the output before this one.
+// A thread that is in the middle of a line may still pass it to the output before this one.
 void stream_log_set_output(void (*output)(int level, const char* line, size_t length)) {
   if (output != nullptr) {
     c_output.store(output, std::memory_order_release);

@@ -20,7 +20,7 @@
 ///
 /// Hosts in C use stream_log_set_output and stream_log_set_level.
 ///
-/// Alternatively it provides its own libstream_log.so.1, built from this header, that defines
+/// Alternatively a host provides its own libstream_log.so.1, built from this header, which defines
 /// everything declared here and not defined inline.
 ///
 /// The constructor does not check the threshold: test logLevel() first, to avoid building a line
@@ -31,7 +31,7 @@
 /// one thread.
 ///
 /// A host that is compiled with a macro of a level's name, -DDEBUG say, cannot write Logger::DEBUG;
-/// it has BaseLib::Logger::LogLevel(STREAM_LOG_DEBUG).
+/// it can write BaseLib::Logger::LogLevel(STREAM_LOG_DEBUG).
 #ifndef STREAM_LOG_LOGGER_H
 #define STREAM_LOG_LOGGER_H
 
@@ -79,7 +79,7 @@ __attribute__((visibility("default"))) void stream_log_set_output(void (*output)
 #include <ostream>
 #include <sstream>
 
-// Hosts have macros of these names, which would take the place of the levels; they keep them.
+// Hosts have macros of these names, which would replace the levels; the hosts keep them.
 #pragma push_macro("TRACE")
 #pragma push_macro("DEBUG")
 #pragma push_macro("INFO")
