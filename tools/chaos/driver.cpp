@@ -7,8 +7,8 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// A pause between two faults may be shorter than an ejection and longer. A fault is from a moment
-// to several socket timeouts long.
+// A pause between two faults may be shorter or longer than an ejection. A fault lasts from a moment
+// to several socket timeouts.
 constexpr int shortest_pause_ms = 200;
 constexpr int longest_pause_ms = 2500;
 constexpr int shortest_fault_ms = 50;
@@ -162,20 +162,20 @@ milliseconds Driver::length_of(Fault fault, std::mt19937_64& plan) const {
   const int reply_ms = site_.settings.socket_timeout_ms;
   const int call_ms = site_.settings.options.call_timeout;
   switch (fault) {
-    case stalled:  // so that the client gives the connection up, if it uses it
+    case stalled:  // the client gives the connection up, if it uses it
       return between(plan, 2 * reply_ms, 4 * reply_ms);
     case extra_reply:  // no other fault may take a connection that is out of step
       return out_of_step_window;
-    case away:  // what is left until the deadline is enough to find the servers back
+    case away:  // the rest of the deadline is enough to find the servers again
       return between(plan, call_ms / 20, call_ms * 2 / 5);
-    case long_away:  // what is left of it after a first wait is enough to see a second one
+    case long_away:  // the rest after a first wait is enough to see a second one
       return between(plan, call_ms * 7 / 4, call_ms * 9 / 4);
     default:
       return between(plan, shortest_fault_ms, longest_fault_ms);
   }
 }
 
-// A machine that is too slow for the plan gets its pauses all the same.
+// A machine that is too slow for the plan still gets its pauses.
 void Driver::plan_next(Pool& pool) {
   pool.next = std::max(pool.next + between(pool.plan, shortest_pause_ms, longest_pause_ms),
                        Clock::now() + milliseconds(shortest_pause_ms));

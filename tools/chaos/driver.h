@@ -1,5 +1,5 @@
 // Injects faults into one server of each pool at a time, or into all of a pool, on a plan that a
-// seed determines, and remembers when.
+// seed determines, and records when.
 #ifndef RUVO_TOOLS_CHAOS_DRIVER_H
 #define RUVO_TOOLS_CHAOS_DRIVER_H
 
@@ -17,37 +17,37 @@
 
 using Clock = std::chrono::steady_clock;
 
-// A reply too many shifts the later ones until the library looks at the connection: after 100 ms or
-// 64 round trips, once it has run empty.
+// An extra reply shifts the later ones until the library checks the connection: after 100 ms or 64
+// round trips, once nothing is in flight.
 constexpr std::chrono::milliseconds out_of_step_window(1000);
 
 struct Outage {
   Clock::time_point from;
-  Clock::time_point to;  // the greatest there is while it lasts
+  Clock::time_point to;  // the maximum while it lasts
 };
 
-// When each server was at fault. Asked by the threads that call, written by the driver. Pools are
+// When each server had a fault. Read by the calling threads, written by the driver. Pools are
 // counted from 1.
 class FaultRecord {
  public:
-  // `outside`: somebody else injects faults, and any server may have one at any time.
+  // `outside`: others inject the faults, and any server may have one at any time.
   explicit FaultRecord(bool outside) : outside_(outside) {}
   void begin(const std::string& server);
   void end(const std::string& server);
-  // Was it at fault at any time in between?
+  // Did it have a fault at any time in between?
   bool touches(const std::string& server, Clock::time_point from, Clock::time_point to) const;
 
-  // All servers of a pool are away.
+  // All servers of a pool are down.
   void begin_outage(int pool);
   void end_outage(int pool);
-  // The latest that began before `time`. Where no call was served since an earlier one, after
-  // `served`, the two are one for the host.
+  // The latest outage that began before `time`. If no call was served since an earlier one, after
+  // `served`, the host sees the two as one.
   std::optional<Outage> outage_before(int pool, Clock::time_point time,
                                       Clock::time_point served) const;
 
   // A connection of the pool gets a reply that nobody asked for.
   void note_extra_reply(int pool);
-  // May a call of that time have got another one's reply?
+  // May a call of that time have received another call's reply?
   bool may_be_out_of_step(int pool, Clock::time_point from, Clock::time_point to) const;
 
  private:
@@ -65,15 +65,15 @@ class FaultRecord {
 
 class Driver {
  public:
-  // Is a call still under way that began before this?
+  // Is a call in progress that began before this time?
   using CallsFrom = std::function<bool(Clock::time_point)>;
 
-  // No fault is injected while `calls_from_before` says that a call has seen the one before: no
-  // call meets two.
+  // Injects no fault while `calls_from_before` says that a call has seen the previous one: no call
+  // meets two.
   Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record,
          CallsFrom calls_from_before);
 
-  // Does what is due, and returns when the next thing is.
+  // Does what is due, and returns when the next step is due.
   Clock::time_point step();
   void clear_all();  // step() injects nothing afterwards
   const std::array<long, fault_count>& injected() const { return injected_; }

@@ -12,7 +12,7 @@ namespace {
 
 std::string_view text_of(const redisReply& reply) { return {reply.str, reply.len}; }
 
-// One server, seen by itself. What it does not tell throws.
+// One server, asked directly. Throws if it does not answer a question.
 class Server {
  public:
   Server(const std::string& addr, const Settings& settings, const std::string& password)
@@ -31,7 +31,7 @@ class Server {
     const std::string_view databases = text_of(*keyspace);  // "# Keyspace\r\ndb0:keys=2,..."
     for (std::size_t at = 0; (at = databases.find("\ndb", at)) != std::string_view::npos; ++at) {
       const std::string_view name = databases.substr(at + 1, databases.find(':', at) - at - 1);
-      if (name != "db0") {  // where the library works
+      if (name != "db0") {  // where the library stores its keys
         refuse("holds keys in " + std::string(name));
       }
     }

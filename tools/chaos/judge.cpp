@@ -79,7 +79,7 @@ Clock::duration Judge::bound(const Call& call) const {
          visit_bound(settings);
 }
 
-// With auto_pipelining they wait together: for the visit that is under way, and for the next.
+// With auto_pipelining they wait together: for the visit in progress, and for the next.
 int Judge::sharers() const {
   const Settings& settings = site_.settings;
   const int threads = (threads_ + settings.connections - 1) / settings.connections;
@@ -192,7 +192,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   const auto is_in = [](const std::vector<std::string>& list, const std::string& server) {
     return std::find(list.begin(), list.end(), server) != list.end();
   };
-  // A server is ejected for failures in a fault, and for no longer than the settings say.
+  // A server is ejected for failures in a fault, and at most for the time that the settings say.
   const Clock::duration ejection =
       std::chrono::seconds(settings.retry_timeout_s) + visit_bound(settings);
   for (const auto& server : servers) {
@@ -208,8 +208,8 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   return walk.skipped.empty() ? each_had_a_fault : still_ejected;
 }
 
-// The latest outage of its pool, if that was long before the call ended: a shorter one costs no
-// call where calls wait for servers.
+// The latest outage of its pool, if it was long before the call ended. If calls wait for servers, a
+// shorter one costs no call.
 std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
   const std::optional<Outage> outage = faults_.outage_before(call.pool, to, me().served_last);
@@ -226,8 +226,8 @@ void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_poi
   }
 }
 
-// After a long outage calls may fail until the first is served: one call at a time tries the
-// servers, when a thread comes to that pool, and it may have waited in each of the others.
+// After a long outage calls may fail until the first is served: one call at a time probes the
+// servers when a thread comes to that pool, and that thread may have waited in the other pools.
 bool Judge::may_fail_in_outage(const Call& call, Clock::time_point from, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
   const Clock::duration to_find_back =

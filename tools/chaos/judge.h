@@ -1,4 +1,4 @@
-// Looks at every call: was it in time, and was it allowed to fail?
+// Checks every call: did it end in time, and was it allowed to fail?
 #ifndef RUVO_TOOLS_CHAOS_JUDGE_H
 #define RUVO_TOOLS_CHAOS_JUDGE_H
 
@@ -12,32 +12,32 @@
 #include "walk_log.h"
 #include "workload.h"
 
-// Beyond what the library says that a call takes: until its thread runs on a busy machine.
+// Allowed beyond the library's own bound of a call: until its thread runs on a busy machine.
 constexpr std::chrono::milliseconds scheduling_tolerance(1000);
-// An ejected server is tried that often, at least.
+// Upper bound of the pause between two probes of an ejected server.
 constexpr std::chrono::milliseconds longest_probe_pause(500);
 
-// Why a call failed. The rules of the walk allow all but the last.
+// Why a call failed. The rules of failover allow all but the last.
 enum Failure {
-  // The walk came to a server that was up and still ejected for its last failure: it is skipped
-  // until its retry time has come.
+  // The walk met a server that was up and still ejected for its last failure: it is skipped until
+  // its retry time has come.
   still_ejected,
-  // Each server of the pool had a fault during the call: the second one when the call had already
+  // Each server of the pool had a fault during the call: the second one after the call had already
   // waited for the first.
   each_had_a_fault,
   // The walk made the two visits for each server that bound it, and no server replied.
   visits_used_up,
-  // A raw command that may leave its pool does so when its server fails: for the pool whose number
-  // is the position of that server, counted from 1. It gives up as soon as it meets a server at the
-  // position where it began, though another may be up.
+  // A raw command that may leave its pool fails over to the pool whose number is the position of
+  // the failed server, counted from 1. It gives up when it meets a server at the position where it
+  // began, though another may be up.
   raw_came_round,
   // The time that a call may take had passed.
   out_of_time,
   // With send_once: the connection broke in a fault, and the command may have run.
   may_have_run,
-  // Another call's reply, or none: a connection of the pool got one that nobody asked for.
+  // Another call's reply, or none: a connection of the pool received an extra one.
   out_of_step,
-  // All servers of its pool were away for longer than a call waits, and until one was found back.
+  // All servers of its pool were down for longer than a call waits, and until one was found again.
   in_a_long_outage,
   // The operator has said that all servers of a pool may fail at once.
   in_an_outage,
@@ -55,12 +55,12 @@ class Judge : public CallObserver {
   bool may_have_left_pool() const override;
   bool may_be_out_of_step(const Call& call, Clock::time_point begin) const override;
 
-  // The longest that a call may take, and how that comes about.
+  // The upper bound of a call's time, and its derivation.
   Clock::duration bound(const Call& call) const;
   std::string explain_bound() const;
-  // A call that is under way and has taken longer than any may.
+  // Has a call in progress taken longer than the upper bound?
   bool finds_hang() const;
-  // Is a call still under way that began before this?
+  // Is a call in progress that began before this time?
   bool has_call_from_before(Clock::time_point time) const;
 
   long failures(Failure why) const { return failures_[why]; }
@@ -75,8 +75,8 @@ class Judge : public CallObserver {
   // A thread that calls.
   struct Caller {
     std::atomic<Ticks> begin{0};                          // of its call; 0 between calls
-    Clock::time_point served_last;                        // a call of that pool, when its own began
-    std::array<Clock::time_point, pool_count> waited_in;  // the outage that it waited in last
+    Clock::time_point served_last;                        // a call of that pool, before its own
+    std::array<Clock::time_point, pool_count> waited_in;  // the latest outage that it waited in
   };
 
   static double seconds(Ticks time);

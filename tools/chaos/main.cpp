@@ -19,7 +19,7 @@ constexpr std::chrono::seconds calm(1);
 constexpr std::chrono::seconds progress_interval(5);
 constexpr std::chrono::seconds short_progress_interval(1);  // where no fault has a line
 constexpr std::chrono::milliseconds longest_sleep(100);
-// As often as the library may send a command: twice in each of two visits to each of two servers.
+// How often the library may send a command: twice in each of two visits to each of two servers.
 constexpr int most_runs = 8;
 
 constexpr const char* description =
@@ -56,7 +56,7 @@ struct Options {
   std::string log;
 };
 
-// The threads of the host: all three pools, round after round, until the object goes.
+// The threads of the host: they use all three pools, round after round, while the object exists.
 class Host {
  public:
   Host(int threads, Totals& totals, CallObserver& observer) {
@@ -88,7 +88,7 @@ class Host {
   std::vector<std::jthread> threads_;
 };
 
-// A process that has been stopped finds old calls when it goes on, and none of them a moment later.
+// After the process was stopped, its calls look old when it continues, but not a moment later.
 void end_if_hung(const Judge& judge) {
   if (judge.finds_hang()) {
     std::this_thread::sleep_for(longest_sleep);
@@ -133,7 +133,7 @@ void run_driver(const Options& options, Driver& driver, const Judge& judge, cons
   driver.clear_all();
 }
 
-// Until the calls that began in a fault have ended and every ejected server has been tried again.
+// Waits until the calls that began in a fault have ended and every ejected server has been retried.
 void settle(const Site& site, const Judge& judge) {
   const Clock::time_point cleared = Clock::now();
   const Clock::time_point last =
@@ -144,7 +144,7 @@ void settle(const Site& site, const Judge& judge) {
   }
 }
 
-// While it lives, no server of the run serves.
+// While it exists, no server of the run serves.
 class EverythingDown : NoCopy {
  public:
   EverythingDown(Site& site, FaultRecord& faults) : site_(site), faults_(faults) {
@@ -174,7 +174,7 @@ class EverythingDown : NoCopy {
   FaultRecord& faults_;
 };
 
-// With servers of its own the host starts before them, where it can.
+// With servers of its own, the host starts before them if it can.
 std::unique_ptr<StartedLibrary> start_library(const Options& options, Site& site,
                                               FaultRecord& faults) {
   std::optional<EverythingDown> down;
@@ -189,7 +189,7 @@ std::vector<Fault> faults_of(const Options& options, const Settings& settings) {
     return options.fault_command.empty() ? std::vector<Fault>() : std::vector{killed};
   }
   std::vector faults{killed, stopped, paused, reset, stalled};
-  // An extra reply that comes after the one before has been read is seen by auto_pipelining alone:
+  // Only auto_pipelining sees an extra reply that arrives after the previous one has been read:
   // without it all later replies of the connection are shifted, and every value may be wrong.
   if (settings.options.auto_pipelining) {
     faults.push_back(extra_reply);
@@ -250,7 +250,7 @@ void print_report(const Totals& totals, const Judge& judge, const Driver& driver
       judge.longest_typed(), judge.longest_raw(), judge.explain_bound().c_str());
 }
 
-// Without what the proxies of the run hold for a host that has gone.
+// Without what the run's proxies hold for connections that the host has closed.
 Resources resources_in_use(const Site& site) {
   for (const auto& pool : site.pools) {
     for (const auto& target : pool) {
@@ -273,7 +273,7 @@ int run_chaos(const Options& options, Site& site) {
   const bool is_from_outside = !options.outside_faults.empty();
   FaultRecord faults(is_from_outside);
   {
-    // What the first use of threads, library and log leaves behind is not a leak.
+    // What the first use of threads, library and log allocates is not a leak.
     Totals totals;
     Judge judge(site, faults, options.threads);
     const StartedLibrary library(site.config);

@@ -25,7 +25,7 @@ std::size_t index_of_refusal(Fault fault) {
   return static_cast<std::size_t>(fault) - static_cast<std::size_t>(read_only);
 }
 
-// Answers and does not serve.
+// Answers but does not serve.
 std::unique_ptr<ScriptedServer> refusing_server(Fault fault) {
   const std::string refusal = refusals.at(index_of_refusal(fault));
   if (fault == at_limit) {  // says so at once, and closes
@@ -39,7 +39,7 @@ std::unique_ptr<ScriptedServer> refusing_server(Fault fault) {
 
 class OwnProxy : public Target {
  public:
-  // `refusing`: the ports of those that answer and do not serve, in the order of their faults.
+  // `refusing`: the ports of those that answer but do not serve, in the order of their faults.
   OwnProxy(std::unique_ptr<TcpProxy> proxy, int redis_port, const std::vector<int>& refusing)
       : Target(proxy->addr()),
         proxy_(std::move(proxy)),
@@ -109,7 +109,7 @@ class CommandTarget : public Target {
   std::string command_;
 };
 
-constexpr int most_lines = 1000000;  // of a kind in a second, and more than there can be
+constexpr int most_lines = 1000000;  // of a kind in a second: more than are ever written
 // Long enough for a visit to a server that hangs, and for a second one.
 constexpr int socket_timeouts_of_call = 5;
 

@@ -1,4 +1,4 @@
-// The servers that a run works on: its own throwaway ones, or an operator's.
+// The servers of a run: its own throwaway ones, or an operator's.
 #ifndef RUVO_TOOLS_CHAOS_SITE_H
 #define RUVO_TOOLS_CHAOS_SITE_H
 
@@ -24,14 +24,14 @@ struct Settings {
   int connections = 2;  // to each server
   client_options options;
 
-  // Does a call succeed whenever one server of its pool is up? Without waiting it does not: an
-  // ejected server is tried by one call at a time, and the others have none then.
+  // Does a call succeed whenever one server of its pool is up? Not without waiting: one call at a
+  // time probes an ejected server, and the others then have none.
   bool spares_calls() const {
     return options.eject_silent_servers && options.try_ejected_servers && options.wait_for_servers;
   }
 };
 
-// What its own servers may have beyond that.
+// Further settings that its own servers may have.
 struct OwnSettings : Settings {
   bool plain = false;  // without recommended_defaults
   bool password = false;
@@ -62,10 +62,10 @@ class Target : NoCopy {
   explicit Target(std::string addr) : addr_(std::move(addr)) {}
   virtual ~Target() = default;
   const std::string& addr() const { return addr_; }
-  // Both return when it has happened, and throw std::runtime_error when it cannot be done.
+  // Both return when it has happened, and throw std::runtime_error if it cannot be done.
   virtual void inject(Fault fault) = 0;
   virtual void clear(Fault fault) = 0;
-  // Of this process, on the server's side.
+  // The connections of this process, on the server's side.
   virtual void drop_connections() {}
 
  private:
@@ -95,8 +95,8 @@ class OwnServers : NoCopy {
   Site site_;
 };
 
-// What a host's configuration names. `command`, when it is not empty, is run to take a server down
-// and to bring it back: "COMMAND down 127.0.0.1:7001", "COMMAND up 127.0.0.1:7001".
+// The servers that a host's configuration names. `command`, unless empty, is run to take a server
+// down and to bring it back: "COMMAND down 127.0.0.1:7001", "COMMAND up 127.0.0.1:7001".
 Site configured_site(const std::string& config, const std::string& command);
 
 #endif

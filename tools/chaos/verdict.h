@@ -1,4 +1,4 @@
-// What a run must have held.
+// The conditions that a run must meet.
 #ifndef RUVO_TOOLS_CHAOS_VERDICT_H
 #define RUVO_TOOLS_CHAOS_VERDICT_H
 
@@ -12,7 +12,7 @@ struct Condition {
   const char* text;
 };
 
-// Of the warm-up, when no server has a fault.
+// For the warm-up, when no server has a fault.
 Condition condition_without_faults(const Totals& totals);
 
 struct RunFacts {
@@ -20,8 +20,8 @@ struct RunFacts {
   const Totals& totals;
   const Judge& judge;
   const ServerEvents& events;
-  bool is_from_outside;  // somebody else injects the faults
-  // In the calm after the last fault:
+  bool is_from_outside;  // others inject the faults
+  // In the quiet period after the last fault:
   std::int64_t failed_late;
   std::int64_t done_late;
   // At the start and at the end:

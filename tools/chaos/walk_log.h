@@ -1,5 +1,5 @@
-// What the library's log tells of walks over servers: of the call that a thread is in, and of the
-// ejections of all. Servers are named "ip:port".
+// What the library's log says about walks over servers: the current call of a thread, and the
+// ejections by all. Servers are named "ip:port".
 #ifndef RUVO_TOOLS_CHAOS_WALK_LOG_H
 #define RUVO_TOOLS_CHAOS_WALK_LOG_H
 
@@ -9,27 +9,27 @@
 
 struct Walk {
   std::vector<std::string> rebuilds;  // broken connections that were to be rebuilt
-  std::vector<std::string> failed;    // those of them that could not be
+  std::vector<std::string> failed;    // those of them that could not be rebuilt
   std::vector<std::string> skipped;   // servers that were ejected
-  bool met_broken = false;            // connections, rebuilt by whichever thread
+  bool met_broken = false;            // broken connections, rebuilt by any thread
   bool timed_out = false;
   bool may_have_run = false;  // so it was not sent again
 
-  // Has it left the server that it began with, or could it have?
+  // Has it left its first server, or could it have?
   bool failed_over() const { return met_broken || !rebuilds.empty() || !failed.empty(); }
 };
 
 struct ServerEvents {
   long rebuilds = 0;         // broken connections that were rebuilt
-  long failed_rebuilds = 0;  // and those that could not be
+  long failed_rebuilds = 0;  // those that could not be rebuilt
   long ejections = 0;
   long retries = 0;
-  long ended_by_rebuild = 0;      // a visit that was under way found the server well again
+  long ended_by_rebuild = 0;      // a visit in progress rebuilt a connection to the server
   std::set<std::string> ejected;  // now
 };
 
-// From now on the log is read here, and written to `path` unless that is empty. False when it
-// cannot be written.
+// From now on the log is read here, and written to `path` unless that is empty. False if it cannot
+// be written.
 bool open_walk_log(const std::string& path);
 void close_walk_log();
 

@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char* recommended_defaults = "recommended_defaults";
 
-// The replies that servers give now and that would end a call, with the servers.
+// The current error replies that would end a call, with their servers.
 std::map<std::string, std::string> final_replies(const StartupReport& report) {
   const std::vector<std::string>& handled = report.configuration.options.failover_replies;
   std::map<std::string, std::string> servers;
@@ -28,7 +28,7 @@ std::map<std::string, std::string> final_replies(const StartupReport& report) {
   return servers;
 }
 
-// What recommended_defaults would change; nothing where the file has it, or each of its keys.
+// What recommended_defaults would change; nothing if the file has it, or each of its keys.
 std::optional<Advice> for_new_site(const StartupReport& report) {
   vop_config file;
   file.open(report.redis_config.c_str());

@@ -1,5 +1,5 @@
-// The keys that a configuration lacks: what a new site sets, and what its servers call for just
-// now.
+// The keys that a configuration lacks: those that a new site sets, and those that its servers need
+// just now.
 #ifndef RUVO_TOOLS_CLI_ADVICE_H
 #define RUVO_TOOLS_CLI_ADVICE_H
 
@@ -14,8 +14,8 @@ struct Advice {
   std::string reason;
 };
 
-// A key that stands in the file was chosen, and is not touched, but for error replies that a server
-// gives now and failover_replies does not name. REQUIRES: the servers have been probed.
+// A key in the file was chosen and is left unchanged, except failover_replies, if a server
+// currently gives error replies that it does not list. REQUIRES: the servers have been probed.
 std::vector<Advice> advise(const StartupReport& report);
 
 #endif

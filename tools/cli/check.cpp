@@ -1,4 +1,4 @@
-// The command `check`: a start-up, told as a table.
+// The command `check`: a start-up, shown as a table.
 #include <algorithm>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -38,8 +38,8 @@ bool is_whole(const PoolReport& pool) {
          std::ranges::all_of(pool.servers, [](const ServerReport& one) { return is_whole(one); });
 }
 
-// Connections can have come up where commands are not answered, and the library leaves out those
-// that are refused for their password, so its result does not tell.
+// The library's result is not enough: connections may be up although commands get no answer, and it
+// does not count those that are refused for their password.
 std::string state_of(const PoolReport& pool) {
   if (!pool.result) {
     return "not tried";
@@ -80,7 +80,7 @@ std::string down_text(const ServerReport& server) {
   return join(reasons, ", ");
 }
 
-// Why a server is not wholly up.
+// Why a server is not fully up.
 std::string reason_of(const ServerReport& server) {
   if (!server.probe.is_up()) {
     return server.probe.reason;
@@ -91,7 +91,7 @@ std::string reason_of(const ServerReport& server) {
   return server.down.empty() ? "" : "not up: " + down_text(server);
 }
 
-// One below the other, but for those that are not set.
+// One below the other, without those that are not set.
 std::string options_text(const client_options& options) {
   std::vector<std::string> texts;
   for (const setting& key : all_settings()) {

@@ -1,4 +1,4 @@
-// The commands that are more than one operation.
+// The commands that run more than one operation.
 #ifndef RUVO_TOOLS_CLI_COMMANDS_H
 #define RUVO_TOOLS_CLI_COMMANDS_H
 
@@ -7,41 +7,41 @@
 
 #include "library.h"
 
-// A start-up as a table, each server asked by itself, the settings reviewed.
+// Starts the library and shows a table, probes each server directly, and reviews the settings.
 ExitStatus check(const Options& options);
 
-// Every key that the configuration files can hold; needs no configuration.
+// Every key that the configuration files may contain; needs no configuration.
 ExitStatus list_settings(const Options& options);
 
-// The state of a pool's servers, once a second: until a signal, or for so many rounds.
+// The state of a pool's servers, once a second: until a signal, or for a number of rounds.
 struct WatchOptions {
   int rounds = 0;          // 0: no end
-  std::string stats_file;  // of a host, whose view is shown beside; empty: none
+  std::string stats_file;  // of a host, whose view is shown as well; empty: none
 };
 ExitStatus watch(const Options& options, const WatchOptions& watch_options);
 
-// What a host has counted into its statistics file: as a table, or as the options say.
+// What a host has counted in its statistics file: as a table, or as the options say.
 struct StatsOptions {
   std::string file;
-  int seconds = 0;  // from look to look; 0: one look
+  int seconds = 0;  // between two readings; 0: one reading
   int rounds = 0;   // 0: no end
   bool prometheus = false;
   std::vector<std::string> labels;  // name=value, for prometheus
 };
 ExitStatus stats(const Options& options, const StatsOptions& wanted);
 
-// A load on a pool, with what it came to.
+// A load on a pool, and its results.
 struct LoadOptions {
   int threads = 4;
   int seconds = 10;
   std::string mix = "get=80,set=20";  // operation=weight
-  std::string raw = "GET {key}";      // what raw in the mix runs
+  std::string raw = "GET {key}";      // the command that `raw` in the mix runs
   int keys = 1000;
   int value_size = 100;  // bytes
 };
 ExitStatus load(const Options& options, const LoadOptions& load_options);
 
-// Warns on standard error where a command leaves its connection in another mode.
+// Warns on standard error if a command leaves its connection in another mode.
 void warn_of_mode(const std::vector<std::string>& words);
 
 #endif

@@ -23,7 +23,7 @@ std::string redis_config_of(const std::string& config) {
 }
 
 std::string open_error(const std::string& path) {
-  // A pipe must not be waited for.
+  // Opening a pipe must not block.
   const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd == -1) {
     return std::generic_category().message(errno);

@@ -1,5 +1,5 @@
 // The two configuration files, as the library reads them: what `check` and `watch` need to know
-// without it.
+// without starting it.
 #ifndef RUVO_TOOLS_CLI_CONFIGURATION_H
 #define RUVO_TOOLS_CLI_CONFIGURATION_H
 
@@ -8,20 +8,20 @@
 
 #include "settings.h"
 
-// Reads the second file. One that cannot be opened gives the defaults.
+// Reads the second file. The defaults if it cannot be opened.
 site_settings read_configuration(const std::string& redis_config);
 
-// The path of the second file, from the first; empty when that does not tell.
+// The path of the second file, as the first one names it; empty if it does not.
 std::string redis_config_of(const std::string& config);
 
-// Why a file cannot be opened; empty when it can.
+// Why a file cannot be opened; empty if it can.
 std::string open_error(const std::string& path);
 
-// The servers of an address list, "host:port" as the log has them; none when a piece has another
-// form, for the library refuses such a list.
+// The servers of an address list, "host:port" as in the log; none if a piece has another form,
+// since the library refuses such a list.
 std::vector<std::string> servers_of(const std::string& addresses);
 
-// The key that the password of a pool stands behind; pools count from 0.
+// The key of a pool's password; pools count from 0.
 const std::string& password_key(std::size_t pool);
 
 #endif

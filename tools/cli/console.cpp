@@ -19,7 +19,7 @@ namespace {
 
 std::FILE* output = stdout;
 volatile std::sig_atomic_t end_wanted = 0;
-bool is_read = true;  // the output, by somebody
+bool is_read = true;  // somebody reads the output
 
 [[noreturn]] void fail(const char* what) {
   throw Failure(unwritable_output,
@@ -31,8 +31,8 @@ bool is_read = true;  // the output, by somebody
 void hold_standard_streams() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) == -1) {
-      // Gets the lowest number, this one, and is of no use: to read from or write to it is an
-      // error.
+      // Gets the lowest number, this one, and is opened the wrong way: reading from it or writing
+      // to it is an error.
       open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // NOLINT: stays open
     }
   }
@@ -76,7 +76,7 @@ void print(const std::string& text) {
 }
 
 void print_json(const nlohmann::json& json) {
-  // Values have been made printable; what is left to replace stands in addresses and paths.
+  // Values are printable already; what is left to replace is in addresses and paths.
   print(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
 

@@ -1,4 +1,4 @@
-// Standard output, for the tool alone: what the library prints there while it starts goes nowhere.
+// Standard output, for the tool alone: what the library prints there at start-up is dropped.
 #ifndef RUVO_TOOLS_CLI_CONSOLE_H
 #define RUVO_TOOLS_CLI_CONSOLE_H
 
@@ -8,35 +8,35 @@
 #include <string>
 #include <vector>
 
-// Fills the places of standard streams that are closed, so that no connection gets one of their
-// numbers and with it what is meant for them. To be called before anything is opened.
+// Opens closed standard streams, so that no connection gets one of their numbers and the data meant
+// for them. To be called before anything else is opened.
 void hold_standard_streams();
 
-// From now on standard output is the tool's.
+// From now on standard output belongs to the tool.
 void take_output();
 
-// As printf would print it.
+// Formats like printf.
 std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
 
-// Print and flush. Throw Failure when the output does not take it. A pipe that nobody reads any
-// more asks the tool to end, as a signal does.
+// Print and flush. Throw Failure if the output does not take it. A pipe without a reader asks the
+// tool to end, as a signal does.
 void print(const std::string& text);
 void print_json(const nlohmann::json& json);  // on a line of its own
 
-// Rows of cells in columns as wide as their widest cell. Numbers stand to the right: those of all
-// columns behind the first so many.
+// Prints rows of cells in columns as wide as their widest cell. Numbers are right-aligned: all
+// columns after the first `texts`.
 constexpr std::size_t all_columns = SIZE_MAX;
 std::string columns(const std::vector<std::vector<std::string>>& rows,
                     std::size_t left = all_columns);
 
-// Is the output a terminal with more than so many lines?
+// Is the output a terminal with more lines than this?
 bool is_terminal(std::size_t lines);
 
-// SIGINT and SIGTERM ask the tool to end, and it does so in its own time; a second one ends it at
-// once. Threads that they must not interrupt block them.
+// SIGINT and SIGTERM ask the tool to end in its own time; a second signal ends it at once. Threads
+// that they must not interrupt block them.
 void catch_end_signals();
 void block_end_signals();
 bool is_end_wanted();
-bool wait_for_end(int milliseconds);  // until then, or for so long; is it wanted?
+bool wait_for_end(int milliseconds);  // waits for so long at most; is the end wanted?
 
 #endif

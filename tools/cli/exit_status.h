@@ -1,4 +1,4 @@
-// What the tool's exit status says. Scripts depend on these numbers; ruvo_cli(1) lists them.
+// The tool's exit statuses. Scripts depend on these numbers; ruvo_cli(1) lists them.
 #ifndef RUVO_TOOLS_CLI_EXIT_STATUS_H
 #define RUVO_TOOLS_CLI_EXIT_STATUS_H
 
@@ -16,7 +16,7 @@ enum ExitStatus {
   no_memory = 6,
   connections_down = 7,
   settings_misread = 8,
-  // As sysexits.h has them.
+  // As in sysexits.h.
   wrong_usage = 64,
   unreadable_input = 66,
   internal_error = 70,
@@ -27,7 +27,7 @@ enum ExitStatus {
 ExitStatus status_of_operation(int result);
 ExitStatus status_of_start(int result);
 
-// The lists for --help: of the tool, and of one command, which adds what is its own to what every
+// The lists for --help: of the tool, and of one command, which adds its own to those that every
 // command can end with.
 using StatusTexts = std::map<ExitStatus, std::string>;
 std::string exit_status_help();

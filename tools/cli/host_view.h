@@ -10,13 +10,13 @@
 
 class HostView {
  public:
-  // Of one pool. Reads the file; throws Failure when it cannot be read.
+  // For one pool. Reads the file; throws Failure if it cannot be read.
   HostView(std::string path, std::string pool);
 
-  // Reads it again. A host that starts anew may have none for a moment: nothing is known then.
+  // Reads it again. A host that restarts may have no file for a moment: nothing is known then.
   void look_again();
 
-  // Of a server, "address:port". Rates are those since the look before.
+  // For a server, "address:port". Rates are those since the previous reading.
   std::string text_of(const std::string& server) const;
   nlohmann::json json_of(const std::string& server) const;
 

@@ -6,7 +6,7 @@
 
 namespace {
 
-// The file behind a result of RUVO_Init, and what is wrong with it; empty when no file is.
+// The file that a result of RUVO_Init is about, and its fault; empty if it is about none.
 std::string file_error(const std::string& config, int result) {
   if (result == RUVO_ERR_CONFIG_FILE) {
     return "cannot open " + config + ": " + open_error(config);
@@ -29,7 +29,7 @@ std::string file_error(const std::string& config, int result) {
 
 }  // namespace
 
-// Two numbers mean something else here than from an operation.
+// Two numbers have another meaning here than for an operation.
 const char* start_text(int result) {
   switch (result) {
     case RUVO_INIT_TEMP_POOL_FAILED:
@@ -43,7 +43,7 @@ const char* start_text(int result) {
 
 Library::Library(const std::string& config) : config_(config), library_(config) {}
 
-// One main pool is enough for the library to be ready.
+// One main pool is enough for a start.
 bool Library::is_ready() const {
   return library_ || result() == RUVO_INIT_TEMP_POOL_FAILED ||
          result() == RUVO_INIT_PERSIST_POOL_FAILED;

@@ -1,4 +1,4 @@
-// The library's life in the tool, and what every command is given.
+// The library's lifetime in the tool, and the options that every command gets.
 #ifndef RUVO_TOOLS_CLI_LIBRARY_H
 #define RUVO_TOOLS_CLI_LIBRARY_H
 
@@ -9,7 +9,7 @@
 
 #include "exit_status.h"
 
-// What the options before the command say.
+// The options before the command.
 struct Options {
   std::string config;
   int pool = eTempServer;
@@ -23,7 +23,7 @@ inline const char* pool_name(int pool) { return pool_names.at(static_cast<std::s
 // A result of RUVO_Init in words.
 const char* start_text(int result);
 
-// Starts the library, and ends it when the object goes.
+// Starts the library, and ends it with its own lifetime.
 class Library {
  public:
   explicit Library(const std::string& config);

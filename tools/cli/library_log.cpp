@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr LogLevel quiet_level = BaseLib::Logger::WARN;  // held when no level is asked for
+constexpr LogLevel quiet_level = BaseLib::Logger::WARN;  // held if no level is asked for
 constexpr std::size_t most_kept_lines = 20;
 
 // All guarded by `mutex`.
@@ -28,7 +28,7 @@ LogListener listener;
 bool is_shown() { return options.level.has_value() || !options.file.empty(); }
 LogLevel shown_level() { return options.level.value_or(quiet_level); }
 
-// The library writes a password that is refused.
+// The library logs a password that is refused.
 std::string without_password(const LogEvent& event, std::string line) {
   if (const std::string password = event.field(Field::password);
       !password.empty() && !options.show_passwords) {

@@ -1,5 +1,5 @@
-// The library's log in the tool: shown, written to a file, or held until something fails. What
-// the library did is known from its lines alone, so commands can listen to them too.
+// The library's log in the tool: shown, written to a file, or held until something fails. Only the
+// log says what the library did, so commands can listen to it, too.
 #ifndef RUVO_TOOLS_CLI_LIBRARY_LOG_H
 #define RUVO_TOOLS_CLI_LIBRARY_LOG_H
 
@@ -13,25 +13,25 @@
 
 using LogLevel = BaseLib::Logger::LogLevel;
 
-// Is given every line. Called from any thread that calls the library, one at a time.
+// Receives every line. Called from any thread that calls the library, one at a time.
 using LogListener = std::function<void(const LogEvent& event)>;
 
 struct LogOptions {
-  std::optional<LogLevel> level;  // show lines from here on; none: only when something fails
+  std::optional<LogLevel> level;  // show lines from this level on; none: only if something fails
   std::string file;               // empty: standard error
-  bool show_passwords = false;    // else they are hidden, wherever the lines go
+  bool show_passwords = false;    // else they are hidden, in every output
 };
 
-// Takes over the library's log. Throws Failure when the file cannot be opened.
+// Takes over the library's log. Throws Failure if the file cannot be opened.
 void open_log(const LogOptions& wanted);
 
-// Throws Failure when the file has not taken every line.
+// Throws Failure if the file has not taken every line.
 void require_log_written();
 
 // Shows the held lines on standard error: the latest warnings and errors.
 void show_kept_lines();
 
-// Listens to lines from `level` on while it lives; one at a time.
+// Receives lines from `level` on while it exists; one at a time.
 class LogListening {
  public:
   LogListening(LogLevel level, LogListener wanted);

@@ -1,4 +1,4 @@
-// The command `load`: threads that run a mix of operations, and how fast and how evenly that went.
+// The command `load`: threads that run a mix of operations, and their throughput and latency.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -27,8 +27,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// For keys that are left behind. What the mix makes anew other than with set, or persistent, has no
-// end.
+// For keys that are left behind. Keys that the mix creates other than with set, or makes
+// persistent, have no expiry.
 constexpr int key_lifetime_s = 3600;
 constexpr int most_failures_in_a_row = 10;  // of deletions, before the rest is left
 constexpr const char* key_prefix = "ruvo_cli:load:";
@@ -84,7 +84,7 @@ Arguments arguments_for(const Options& options, const LoadOptions& load_options)
   return arguments;
 }
 
-// Counts in fields of their own: the others hold what is no number.
+// Counts in fields of their own: the others hold values that are not numbers.
 const char* field_of(const Operation& operation) {
   const auto& parameters = operation.parameters;
   return std::find(parameters.begin(), parameters.end(), Parameter::increment) != parameters.end()
@@ -92,7 +92,7 @@ const char* field_of(const Operation& operation) {
              : "field";
 }
 
-// Only set takes its time in the same command: for the others it would be a second one.
+// Only set sends its expiry in the same command: the others would need a second one.
 std::optional<int> ttl_of(const Operation& operation) {
   const bool is_set = std::string_view(operation.name) == traits_of(Family::string).store;
   return is_set ? std::optional(key_lifetime_s) : std::nullopt;
@@ -122,7 +122,7 @@ class LoadKeys {
   LoadKeys(const LoadKeys&) = delete;
   LoadKeys& operator=(const LoadKeys&) = delete;
 
-  // Deletes them. How many are left, or may be?
+  // Deletes them. Returns how many are left, or may be.
   std::size_t clean_up() {
     is_clean_ = true;
     std::size_t left = mix_.families.size() * static_cast<std::size_t>(load_options_.keys);
@@ -137,7 +137,7 @@ class LoadKeys {
   }
 
  private:
-  // Until the action says that it is enough.
+  // Repeats the action until it returns that it is done.
   template <typename Action>
   void for_all(Action action) const {
     for (const Family family : mix_.families) {
@@ -155,7 +155,7 @@ class LoadKeys {
   bool is_clean_ = false;
 };
 
-// The words of a command, divided by blanks, with the key in its place.
+// The words of a command, separated by blanks, with the key inserted.
 std::vector<std::string> words_of(const std::string& command, const std::string& key) {
   std::vector<std::string> words;
   std::istringstream parts(command);
@@ -165,7 +165,7 @@ std::vector<std::string> words_of(const std::string& command, const std::string&
   return words;
 }
 
-// One thread's work, and what it counts. A call that fails takes its time, too.
+// One thread's work and its counts. The time of a failed call counts, too.
 class Worker {
  public:
   Worker(const Options& options, const LoadOptions& load_options, const Mix& mix, unsigned seed)
@@ -201,7 +201,7 @@ class Worker {
 
   std::atomic<std::uint64_t> done{0};
   std::atomic<std::uint64_t> failed{0};
-  LatencyHistogram latencies;  // of all calls; to be read when the thread has ended
+  LatencyHistogram latencies;  // of all calls; read it after the thread has ended
 
  private:
   const Mix& mix_;
@@ -226,7 +226,7 @@ double rate_of(const Outcome& outcome) {
   return static_cast<double>(outcome.done) / outcome.seconds;
 }
 
-// A bar for each power of two between the shortest and the longest.
+// A bar for each power of two between the shortest and the longest latency.
 std::string drawing_of(const LatencyHistogram& latencies) {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> bars;  // from, count
   std::uint64_t highest = 0;

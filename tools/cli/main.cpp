@@ -25,13 +25,13 @@ namespace {
 
 constexpr std::array level_names{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
-// The position of a name that the command line was checked for.
+// The position of a name that the command line has already validated.
 template <std::size_t count>
 int index_of(const std::array<const char*, count>& names, const std::string& name) {
   return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
 }
 
-// What the command line said.
+// The values from the command line.
 struct CommandLine {
   Options options;
   LogOptions log;
@@ -60,7 +60,7 @@ std::string read_value(const std::string& path) {
   return content;
 }
 
-// Shows an answer, and what the log had to say of a failure.
+// Shows an answer, and the log lines of a failure.
 ExitStatus finish(const CommandLine& line, const Operation& operation, const Answer& answer) {
   const ExitStatus status = status_of_operation(answer.result);
   const char* const text = text_of(operation, answer.result);
@@ -98,7 +98,7 @@ ExitStatus run_operation(CommandLine& line, const Operation& operation) {
   return finish(line, operation, operation.run(line.arguments));
 }
 
-// A value stands on the command line or in a file.
+// A value comes from the command line or from a file.
 void add_value(CLI::App& command, CommandLine& line) {
   CLI::Option* value = command.add_option("VALUE", line.arguments.value, "The value");
   CLI::Option* file = command.add_option("--value-file", line.value_file,
@@ -141,7 +141,7 @@ constexpr const char* raw_usage =
     "Behind the options come the words of the command, which are taken as they stand:\n"
     "  ruvo_cli raw LRANGE key 0 -1\n\n";
 
-// The words are taken as they stand: none of them is an option, here or of the tool.
+// The words are taken unchanged: none of them is an option, here or of the tool.
 void add_words(CLI::App& command, CommandLine& line) {
   command.fallthrough(false)->prefix_command();
   command.callback([&command, &line] {
@@ -368,9 +368,9 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   hold_standard_streams();
-  setenv("RUVO_NO_STATS_FILE", "1", 1);  // NOLINT: the host's, whose configuration this is
+  setenv("RUVO_NO_STATS_FILE", "1", 1);  // that file belongs to the host with this configuration
   static_cast<void>(
-      std::signal(SIGPIPE, SIG_IGN));  // an output that nobody reads is an error that is told
+      std::signal(SIGPIPE, SIG_IGN));  // an output without a reader is a reported error
   try {
     return run(argc, argv);
   } catch (const Failure& failure) {

@@ -1,4 +1,4 @@
-// Whole numbers as people write them: in base 10, and nothing behind them.
+// Whole numbers as people write them: in base 10, without any text behind them.
 #ifndef RUVO_TOOLS_CLI_NUMBERS_H
 #define RUVO_TOOLS_CLI_NUMBERS_H
 
@@ -7,7 +7,7 @@
 #include <string_view>
 #include <system_error>
 
-// Nothing when the text is no number from `least` to `most`.
+// Nothing if the text is not a number from `least` to `most`.
 template <typename Number>
 std::optional<Number> parse_number(std::string_view text, Number least, Number most) {
   Number number{};

@@ -1,5 +1,5 @@
-// Every operation of the library as a command: its name, its parameters and the call behind it.
-// What `load` measures, too.
+// Every operation of the library as a command: its name, its parameters and its call. `load`
+// measures these, too.
 #ifndef RUVO_TOOLS_CLI_OPERATIONS_H
 #define RUVO_TOOLS_CLI_OPERATIONS_H
 
@@ -11,7 +11,7 @@
 
 #include "value.h"
 
-// What the command line may give. Each operation uses some of it.
+// The arguments of a command line. Each operation uses some of them.
 struct Arguments {
   int pool = 0;
   std::string key;
@@ -33,7 +33,7 @@ struct Answer {
   Answer(int code, nlohmann::json answered) : result(code), value(std::move(answered)) {}
 
   int result = 0;                       // the library's result code
-  std::optional<nlohmann::json> value;  // what it found, where it found something
+  std::optional<nlohmann::json> value;  // what it found, if anything
 };
 
 // Operations of one family can share a key.
@@ -52,13 +52,13 @@ struct Operation {
   std::vector<Parameter> parameters;  // in the order of the command line
   Answer (*run)(const Arguments&);
   bool can_be_absent = false;          // results 1 and 10402
-  const char* nothing_done = nullptr;  // what result -2 says here; null: it does not come
+  const char* nothing_done = nullptr;  // meaning of result -2 here; null: it does not occur
 };
 
-// What a result of the operation says.
+// The meaning of a result of the operation.
 const char* text_of(const Operation& operation, int result);
 
-// Throws Failure when the library could not take the arguments as they are.
+// Throws Failure if the library could not take the arguments unchanged.
 std::span<const Operation> all_operations();
 const Operation* find_operation(const std::string& name);
 

@@ -11,8 +11,8 @@ namespace {
 
 constexpr double nanoseconds_per_second = 1e9;
 
-// Of the file's buckets every fourth ends at a power of two, or halfway to the next one: exported
-// are these, from about 16 us to 13 s. What is outside is in the first and in the last.
+// Every fourth of the file's buckets ends at a power of two, or halfway to the next one. Those from
+// about 16 us to 13 s are exported; the first and the last include all others.
 constexpr std::uint64_t shortest_le = std::uint64_t{1} << 14U;
 constexpr std::uint64_t longest_le = std::uint64_t{3} << 32U;
 
@@ -33,7 +33,7 @@ std::string escaped(const std::string& value) {
   return text;
 }
 
-// Builds the text family by family, as the format wants it.
+// Builds the text family by family, as the format requires.
 class Exposition {
  public:
   explicit Exposition(const Labels& site) : site_(site) {}
@@ -63,7 +63,7 @@ class Exposition {
   std::string text_;
 };
 
-// As a label has it, and as a value that must not lose its last digits.
+// Formatted for a label, and for a value that must keep its last digits.
 std::string seconds_text(std::uint64_t nanoseconds) {
   return format("%.12g", static_cast<double>(nanoseconds) / nanoseconds_per_second);
 }

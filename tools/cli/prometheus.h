@@ -8,10 +8,10 @@
 
 #include "stats_file.h"
 
-// Labels of the site, which every series gets: what tells this process from others.
+// Labels of the site, which every series gets: they distinguish this process from others.
 using Labels = std::vector<std::pair<std::string, std::string>>;
 
-// From "name=value"; throws Failure when the name is none, or one of the tool's own.
+// Parses "name=value"; throws Failure if the name is not valid, or one of the tool's own.
 std::pair<std::string, std::string> parse_label(const std::string& text);
 
 std::string to_prometheus(const Statistics& statistics, const Labels& site);

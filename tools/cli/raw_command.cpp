@@ -14,7 +14,7 @@
 
 namespace {
 
-// Commands after which a connection reads or answers otherwise, or that keep it waiting.
+// Commands that change how a connection reads or answers, or that block it.
 constexpr std::array mode_commands{
     "MULTI",  "WATCH", "SUBSCRIBE", "PSUBSCRIBE", "SSUBSCRIBE", "MONITOR",    "SELECT",   "HELLO",
     "AUTH",   "QUIT",  "RESET",     "SYNC",       "PSYNC",      "BLPOP",      "BRPOP",    "BLMOVE",
@@ -42,7 +42,7 @@ void warn_of_mode(const std::vector<std::string>& words) {
   }
 }
 
-// By RUVO_ExecRedisCmd.
+// With RUVO_ExecRedisCmd.
 Answer run_raw(const Arguments& arguments) {
   if (arguments.words.size() > ruvo::words::most) {
     throw Failure(wrong_usage, "raw: too many words");

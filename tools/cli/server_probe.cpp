@@ -12,7 +12,7 @@
 namespace {
 
 constexpr const char* probe_key = "ruvo_cli:check";
-constexpr int longest_wait_ms = 5000;  // where the configuration sets no limit
+constexpr int longest_wait_ms = 5000;  // if the configuration sets no limit
 
 int limit_of(int milliseconds) { return milliseconds < 1 ? longest_wait_ms : milliseconds; }
 
@@ -20,7 +20,7 @@ bool holds(const std::string& text, const char* part) {
   return text.find(part) != std::string::npos;
 }
 
-// What a server says may be anything; on a terminal it is a line of text.
+// A server may reply with any bytes; a terminal needs a line of text.
 std::string printable(const redisReply& reply) {
   std::string text(reply.str, static_cast<std::size_t>(reply.len));
   std::replace_if(
@@ -35,7 +35,7 @@ Probe not_connected(const std::string& error, int limit_ms) {
   if (holds(error, "timed out")) {
     return {"timed out", "no connection within " + std::to_string(limit_ms) + " ms"};
   }
-  // In the words of the system's resolver.
+  // The texts of the system's resolver.
   if (holds(error, "not known") || holds(error, "No address associated")) {
     return {"no such name", "the resolver does not know the name: " + error};
   }
@@ -60,7 +60,7 @@ Probe no_reply(const redisContext& context, int limit_ms) {
              : Probe{"closed", "closes the connection on the first command"};
 }
 
-// States that pass, or that another server of the pool need not be in.
+// States that end by themselves, or that need not affect the pool's other servers.
 const std::array passing_states{
     Probe{"loading", "loads its data, and answers no command until it is done", "LOADING"},
     Probe{"at its limit of clients", "closes every further connection: see its maxclients",
@@ -97,7 +97,7 @@ Reply ask(redisContext& context, const char* format, Words... words) {
 
 bool is_text(const redisReply& reply) { return reply.type == REDIS_REPLY_STRING; }
 
-// A replica answers reads as any server does, and only its role tells. A proxy knows no role.
+// A replica answers reads like any server; only its role differs. A proxy knows no role.
 Probe up_or_replica(redisContext& context) {
   const Reply role = ask(context, "ROLE");
   if (!role || role->type != REDIS_REPLY_ARRAY || role->elements < 4 ||

@@ -1,4 +1,4 @@
-// The command `settings`: every key that a configuration can hold.
+// The command `settings`: every key that a configuration may contain.
 #include "settings.h"
 
 #include <nlohmann/json.hpp>
@@ -18,12 +18,12 @@ std::string kind_of(const setting& key) {
   return kind_text(key.kind) + (*key.unit != '\0' ? std::string(" (") + key.unit + ")" : "");
 }
 
-// The prefixes of keys and the names of pools do not agree.
+// The prefixes of keys do not match the names of pools.
 std::string meaning_of(const setting& key) {
   return key.pool > 0 ? std::string(pool_name(key.pool)) + " pool: " + key.meaning : key.meaning;
 }
 
-// Below each key what it means, so that the lines stay short.
+// The meaning of each key is on the next line, so that the lines stay short.
 std::string list_text() {
   std::vector<std::vector<std::string>> rows{{"KEY", "KIND", "DEFAULT", "RECOMMENDED"}};
   for (const setting& key : all_settings()) {

@@ -70,7 +70,7 @@ class Review {
   client_options options_;  // as the library reads the whole file
   int number_ = 0;
   std::string section_;
-  bool is_read_ = false;                 // is what stands in this section?
+  bool is_read_ = false;                 // does the library read this section?
   std::map<std::string, int> sections_;  // lines
   std::map<std::string, int> settings_;  // of this section
   std::map<std::string, std::string> passwords_;
@@ -91,7 +91,7 @@ void Review::begin_section(const std::string& name) {
   }
 }
 
-// What is wrong with a value, as the rest of a sentence; empty when nothing is.
+// What is wrong with a value, as the rest of a sentence; empty if nothing is.
 std::string Review::review_value(const setting& key, const std::string& value) const {
   const std::string used =
       ": the default, " + default_text(key, options_.recommended_defaults) + ", is used";

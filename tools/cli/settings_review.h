@@ -1,5 +1,5 @@
-// What in the second configuration file is not read as it is written: the library skips it without
-// a word, or takes another value.
+// The lines of the second configuration file that the library does not read as they are written: it
+// skips them without a message, or takes another value.
 #ifndef RUVO_TOOLS_CLI_SETTINGS_REVIEW_H
 #define RUVO_TOOLS_CLI_SETTINGS_REVIEW_H
 
@@ -7,7 +7,7 @@
 #include <vector>
 
 struct Finding {
-  int line;          // of the file; 0: of the file as a whole
+  int line;          // 0: the file as a whole
   std::string text;  // shows no password
 };
 

@@ -6,7 +6,7 @@
 
 namespace {
 
-// What hiredis says of a failed connection, in an operator's words.
+// Why a connection failed, in an operator's words instead of hiredis'.
 std::string reason_of(const std::string& error) {
   if (error.find("refused") != std::string::npos) {
     return "refused";
@@ -14,14 +14,14 @@ std::string reason_of(const std::string& error) {
   if (error.find("timed out") != std::string::npos) {
     return "timed out";
   }
-  // The socket timeout, in the words of hiredis 0.14 and 1.x: only the password is waited for.
+  // The socket timeout, in the words of hiredis 0.14 and 1.x: only the password waits for a reply.
   if (error == "Resource temporarily unavailable" || error == "recv timeout") {
     return "password not answered";
   }
   return error == "null redisContext" ? "no such port" : error;
 }
 
-// Listens while the library starts.
+// Receives the log lines of a start-up.
 class StartupReader {
  public:
   StartupReader();
@@ -37,7 +37,7 @@ class StartupReader {
   };
 
   StartupReport report_;
-  std::array<std::string, 2> main_addresses_;  // as the library has them
+  std::array<std::string, 2> main_addresses_;  // as in the library's log
   bool builds_pools_ = false;
   std::size_t pool_ = 0;                          // the one that is being built
   std::array<std::vector<Outcome>, 3> outcomes_;  // of connections, in order
@@ -58,7 +58,7 @@ void StartupReader::read(const LogEvent& event) {
       break;
     case EventKind::addresses:
       builds_pools_ = true;
-      if (event.fields.size() == main_addresses_.size()) {  // else too long for a line of the log
+      if (event.fields.size() == main_addresses_.size()) {  // else the line was cut in the log
         main_addresses_ = {event.field(Field::temp_servers), event.field(Field::persist_servers)};
       }
       break;
@@ -91,7 +91,7 @@ void StartupReader::read_of_pool(const LogEvent& event) {
       break;
     case EventKind::pool_ready:
     case EventKind::pool_failed:
-      pool.result = static_cast<int>(event.number(Field::code));  // 0 where all went well
+      pool.result = static_cast<int>(event.number(Field::code));  // 0 on success
       ++pool_;
       break;
     default:
@@ -101,9 +101,9 @@ void StartupReader::read_of_pool(const LogEvent& event) {
   }
 }
 
-// The library names a server when a connection to it comes up or fails; one that the
-// server closes on the password leaves no line. So the list of servers is read where the library
-// has it from, and what no line speaks of is what was closed.
+// The library logs each server to which a connection comes up or fails, but not one that closes the
+// connection on the password. So the list of servers comes from the library's own source, and a
+// server that no line names is one that has closed.
 StartupReport StartupReader::report() const {
   StartupReport report = report_;
   report.configuration = read_configuration(report.redis_config);
@@ -128,7 +128,7 @@ StartupReport StartupReader::report() const {
       }
       pool.servers.push_back(server);
     }
-    for (; outcome != outcomes_[i].end(); ++outcome) {  // of a list that is not known in full
+    for (; outcome != outcomes_[i].end(); ++outcome) {  // the list is not completely known
       if (pool.servers.empty() || pool.servers.back().addr != outcome->addr) {
         pool.servers.emplace_back().addr = outcome->addr;
       }

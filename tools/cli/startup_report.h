@@ -1,4 +1,4 @@
-// What a start-up came to, as the library itself tells it: put together from its log lines.
+// The result of a start-up, put together from the library's log lines.
 #ifndef RUVO_TOOLS_CLI_STARTUP_REPORT_H
 #define RUVO_TOOLS_CLI_STARTUP_REPORT_H
 
@@ -24,8 +24,8 @@ struct PoolReport {
   std::string name;
   std::string addresses;          // empty: none
   bool is_configured = false;     // else a default of the site
-  std::optional<int> result;      // none: start-up did not come so far
-  std::vector<std::string> told;  // errors that belong to no server, in the library's words
+  std::optional<int> result;      // none: start-up did not get this far
+  std::vector<std::string> told;  // errors that belong to no server, as logged
   int connections = 0;            // to each server
   bool auto_eject = true;
   unsigned long failure_limit = 0;
@@ -36,7 +36,7 @@ struct PoolReport {
 struct StartupReport {
   std::string redis_config;  // path
   site_settings configuration;
-  std::vector<std::string> told;  // errors from before the pools were built
+  std::vector<std::string> told;  // errors from before the pools were built, as logged
   std::array<PoolReport, 3> pools;
 };
 
@@ -46,7 +46,7 @@ struct ReportedStart {
 };
 ReportedStart start_with_report(const std::string& config);
 
-// Asks every server by itself: connections may be up where no command is answered.
+// Probes every server directly: connections may be up although no command is answered.
 void probe_servers(StartupReport& report);
 
 #endif

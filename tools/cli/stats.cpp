@@ -1,4 +1,4 @@
-// The command `stats`: what a host has counted into its statistics file, once or again and again.
+// The command `stats`: the counts of a host's statistics file, once or repeatedly.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -25,7 +25,7 @@ struct Percentile {
 constexpr std::array percentiles{Percentile{"p50", 50}, Percentile{"p90", 90},
                                  Percentile{"p99", 99}, Percentile{"p99.9", 99.9}};
 
-// At most the end of the last bucket that has one.
+// At most the end of the last bucket that has an end.
 std::uint64_t percentile_of(const PoolNumbers& pool, double percent) {
   return std::min(ruvo_stats_percentile(pool.buckets.data(), percent),
                   ruvo_stats_bucket_limit(RUVO_STATS_BUCKETS - 2));
@@ -57,7 +57,7 @@ std::string per_second(std::uint64_t count, double seconds) {
   return format("%.1f", static_cast<double>(count) / seconds);
 }
 
-// A reading, and the counts since the one before, or since the start.
+// A reading, and the counts since the previous one, or since the start.
 struct Look {
   Statistics now;
   Statistics counted;
@@ -189,7 +189,7 @@ ExitStatus stats(const Options& options, const StatsOptions& wanted) {
   catch_end_signals();
   std::optional<Statistics> before;
   for (int round = 0;; ++round) {
-    // A host that starts anew may have no file for a moment: only the first look must succeed.
+    // A host that restarts may have no file for a moment: only the first reading must succeed.
     try {
       Look look = look_at(wanted.file, before);
       if (options.json) {

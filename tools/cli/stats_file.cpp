@@ -27,9 +27,9 @@ constexpr std::size_t size_limit = std::size_t{64} << 20U;  // far above any rea
   throw Failure(unreadable_input, what + ": " + why);
 }
 
-// Copied rather than mapped: whoever truncates the file meanwhile would end the tool. One open file
-// stays the same, also when the library puts another in its place. The kernel copies an aligned
-// word at once.
+// Copied rather than mapped: a file that is truncated meanwhile would kill the tool. An open file
+// stays the same even if the library puts another in its place. The kernel copies an aligned word
+// at once.
 std::vector<std::uint64_t> read_words(const std::string& path, std::size_t& length) {
   struct File {
     explicit File(const std::string& name)
@@ -57,7 +57,7 @@ std::vector<std::uint64_t> read_words(const std::string& path, std::size_t& leng
       fail("cannot read " + path, std::generic_category().message(errno));
     }
     if (count == 0) {
-      break;  // it has become shorter
+      break;  // the file has been truncated
     }
     length += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
   }

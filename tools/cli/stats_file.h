@@ -1,4 +1,4 @@
-// A statistics file of the library as the tool shows it: read whole, then turned into numbers.
+// A statistics file of the library as the tool shows it: read whole, then made into numbers.
 #ifndef RUVO_TOOLS_CLI_STATS_FILE_H
 #define RUVO_TOOLS_CLI_STATS_FILE_H
 
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-// What is counted for each server, by the name that every output has for it.
+// The counters of each server, by the name that every output uses.
 struct ServerCounter {
   const char* name;
   const char* help;
@@ -37,7 +37,7 @@ inline constexpr std::array server_counters{
 };
 
 struct ServerNumbers {
-  std::string name;  // address:port, and for a further entry of the same server in its pool "#2"
+  std::string name;  // address:port; a repeated server of its pool has "#2" added
   ruvo_server_state state = RUVO_SERVER_HEALTHY;
   std::int64_t failure_count = 0;
   std::int64_t next_retry_time = 0;
@@ -59,13 +59,13 @@ struct PoolNumbers {
   std::uint64_t failed() const;  // of these, the calls that a server or the library has failed
 };
 
-// What a file held when it was read.
+// The contents of a file when it was read.
 struct Statistics {
   std::int64_t process_id = 0;
   std::int64_t start_time = 0;  // nanoseconds since 1970
   std::int64_t read_time = 0;   // likewise
   bool is_ended = false;        // the library was shut down
-  bool is_gone = false;         // it was not, and the process is not there
+  bool is_gone = false;         // it was not, but the process no longer exists
   std::vector<PoolNumbers> pools;
 
   bool is_running() const { return !is_ended && !is_gone; }
@@ -74,13 +74,13 @@ struct Statistics {
 // Throws Failure, which says what is wrong with the file.
 Statistics read_statistics(const std::string& path);
 
-// With the seconds that an ejection still lasts, or the number of failures.
+// With the remaining seconds of an ejection, or the number of failures.
 std::string state_text(const ServerNumbers& server, std::int64_t read_time);
-// With the calls per second that `counted` holds of so many seconds.
+// With the calls per second, from the calls in `counted` and the seconds that it covers.
 nlohmann::json to_json(const ServerNumbers& server, const ServerNumbers& counted, double seconds);
 
-// What was counted since an earlier reading, in place of the counts since the start; states, and
-// what rises and falls, as they are. All of it where the library has been started anew meanwhile.
+// The counts since an earlier reading, in place of those since the start; states and gauges are
+// unchanged. Returns all counts if the library has been restarted meanwhile.
 Statistics since(const Statistics& now, const Statistics& before);
 
 // Seconds that the counts of `since` cover, and of a reading by itself.

@@ -27,7 +27,7 @@ bool is_printable(const nlohmann::json& text) {
 
 }  // namespace
 
-// Replies nest, and so does what is made of them; hiredis bounds how deep.
+// Replies nest, and so do their values; hiredis bounds the depth.
 // NOLINTBEGIN(misc-no-recursion)
 
 nlohmann::json to_value(const ruvo::reply_view& reply) {
@@ -52,7 +52,7 @@ namespace {
 
 std::string text_at(const nlohmann::json& value, std::size_t indent);
 
-// "1) first" and so on; what is inside an element stands under its beginning.
+// "1) first" and so on; a nested element is indented to its parent's text.
 std::string numbered(const nlohmann::json& array, std::size_t indent) {
   std::string lines;
   for (std::size_t i = 0; i < array.size(); ++i) {

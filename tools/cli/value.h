@@ -1,4 +1,4 @@
-// Values as Redis answers with them, held as JSON whose strings may be any bytes, and how the tool
+// Values of Redis' replies, held as JSON whose strings may contain any bytes, and how the tool
 // prints them.
 #ifndef RUVO_TOOLS_CLI_VALUE_H
 #define RUVO_TOOLS_CLI_VALUE_H
@@ -10,12 +10,12 @@
 
 nlohmann::json to_value(const ruvo::reply_view& reply);
 
-// Text: numbers and texts as they are, nothing as "(nil)", the elements of an array one to a line.
-// An array of arrays is numbered, as redis-cli does it. Without a newline at the end.
+// Numbers and texts as they are, nil as "(nil)", the elements of an array one to a line. An array
+// of arrays is numbered as in redis-cli. Without a newline at the end.
 std::string to_text(const nlohmann::json& value);
 
-// A value that can be printed as JSON: a text that is not UTF-8 becomes {"hex": "00ff..."}, so that
-// no byte is lost.
+// Converts a value for printing as JSON: a text that is not UTF-8 becomes {"hex": "00ff..."}, so
+// that no byte is lost.
 nlohmann::json to_printable(const nlohmann::json& value);
 
 #endif

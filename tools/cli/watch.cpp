@@ -1,8 +1,8 @@
-// The command `watch`: reads from every server of a pool once a second and tells, from what the
-// library logs on the way, how each of them is. What is not up is asked by itself, for the cause.
+// The command `watch`: reads from every server of a pool once a second, and derives the state of
+// each from the library's log lines. A server that is not up is probed directly, for the cause.
 //
-// A start-up that fails is final for a process. So as long as no server of a main pool answers, the
-// library is not started, and all servers are asked by themselves.
+// A failed start-up is final for a process. So while no server of a main pool answers, the library
+// is not started, and all servers are probed directly.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -51,12 +51,12 @@ struct Server {
   bool is_visited = false;  // by this read
   long reads = 0;           // that it answered
   long failures = 0;        // visits without a reply
-  long ejections = 0;       // times that the library began to leave it alone
-  long retries = 0;         // and tried it again
-  std::string cause = {};   // state of a probe of what is not up
+  long ejections = 0;       // times that the library ejected it
+  long retries = 0;         // times that its ejection ended with a retry
+  std::string cause = {};   // state of a probe of a server that is not up
 };
 
-// A server that stands twice in the list has two turns and one line.
+// A server that is in the list twice has two turns and one line.
 std::vector<Server> lines_of(const std::vector<std::string>& addresses, State state) {
   std::vector<Server> servers;
   for (const std::string& addr : addresses) {
@@ -67,8 +67,8 @@ std::vector<Server> lines_of(const std::vector<std::string>& addresses, State st
   return servers;
 }
 
-// Follows the library from server to server. A line names the server that it looks at, another says
-// that it takes a connection to it; what comes before the next server's line tells how that went.
+// Follows the library from server to server. One line names the server that it considers, another
+// the connection that it takes; the lines until the next server's show how the visit went.
 class ServerWatch {
  public:
   explicit ServerWatch(const std::vector<std::string>& addresses)
@@ -78,7 +78,7 @@ class ServerWatch {
 
   std::vector<Server>& servers() { return servers_; }
 
-  // As many reads as the list is long, so that each server has its turn.
+  // As many reads as the list has servers, so that each is read once.
   void probe(int pool) {
     for (Server& server : servers_) {
       server.is_retried = false;
@@ -121,7 +121,7 @@ class ServerWatch {
         is_under_way_ = false;
         break;
       case EventKind::all_servers_invalid:
-        leave();  // what is tried nevertheless stays ejected
+        leave();  // a server that is tried all the same stays ejected
         break;
       case EventKind::call_timed_out:
         candidate_ = nullptr;
@@ -131,9 +131,9 @@ class ServerWatch {
     }
   }
 
-  // A visit that ends without the line of a success has failed, and a server that was looked at and
-  // not visited is ejected, but where the walk is back at it: log_limit may suppress the lines
-  // that say so.
+  // A visit that ends without a line of success has failed. A server that was considered but not
+  // visited is ejected, unless the walk is back at it: log_limit may suppress the lines that say
+  // so.
   void leave() {
     if (candidate_ != nullptr && is_under_way_) {
       candidate_->state = State::failing;
@@ -191,7 +191,7 @@ bool is_up(const Server& server) {
          (server.state == State::not_started && server.cause == text_of(State::up));
 }
 
-// In place of the last round's lines where that is wanted; each stays one line of the terminal.
+// Replaces the last round's lines if wanted, so each stays one line of the terminal.
 void show(const Options& options, const std::vector<Server>& servers, const HostView* host,
           bool in_place) {
   std::string text = in_place ? format("\033[%zuA\033[?7l", servers.size()) : "";
@@ -205,12 +205,12 @@ void show(const Options& options, const std::vector<Server>& servers, const Host
   print(text + (in_place ? "\033[?7h" : ""));
 }
 
-// What is watched, with or without the library.
+// Watches a pool, with or without the library.
 class Watch {
  public:
   explicit Watch(const Options& options)
       : options_(options), pool_(static_cast<std::size_t>(options.pool - 1)) {
-    // A pipe can be read once, and the library must.
+    // A pipe can be read only once, and the library must read it.
     const auto is_file = [](const std::string& path) {
       std::error_code none;
       return std::filesystem::is_regular_file(path, none);
@@ -257,7 +257,7 @@ class Watch {
   }
 
  private:
-  // Will the start-up find a server? Where it has addresses of its own, it alone can tell.
+  // Will the start-up find a server? With default addresses of the site, only the library knows.
   bool may_start() const {
     if (!configuration_) {
       return true;

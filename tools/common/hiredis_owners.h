@@ -1,4 +1,4 @@
-// Owners of what hiredis hands out, for programs that ask a server without the library.
+// Owners of hiredis' objects, for programs that query a server without the library.
 #ifndef RUVO_TOOLS_COMMON_HIREDIS_OWNERS_H
 #define RUVO_TOOLS_COMMON_HIREDIS_OWNERS_H
 

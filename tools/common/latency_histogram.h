@@ -1,5 +1,5 @@
-// Counts latencies in buckets whose width grows with the value: each power of two is cut into
-// 128, so that any percentile is known to within 1% from a fixed and small memory.
+// Counts latencies in buckets whose width grows with the value: each power of two is divided into
+// 128, so that any percentile is known to within 1% with a fixed and small memory.
 #ifndef RUVO_TOOLS_COMMON_LATENCY_HISTOGRAM_H
 #define RUVO_TOOLS_COMMON_LATENCY_HISTOGRAM_H
 
@@ -37,7 +37,7 @@ class LatencyHistogram {
     return total_ > 0 ? static_cast<double>(sum_) / static_cast<double>(total_) : 0;
   }
 
-  // The latency that so many percent of the records do not exceed: the end of its bucket.
+  // The latency that `percent` percent of the records do not exceed: the end of its bucket.
   std::uint64_t percentile(double percent) const {
     const auto wanted = static_cast<std::uint64_t>(
         std::ceil(static_cast<double>(total_) * std::clamp(percent, 0.0, 100.0) / 100));
@@ -64,7 +64,7 @@ class LatencyHistogram {
  private:
   static constexpr unsigned sub_bits = 7;
   static constexpr std::uint64_t sub_buckets = std::uint64_t{1} << sub_bits;
-  static constexpr unsigned most_bits = 40;  // 18 minutes; what is longer counts as that
+  static constexpr unsigned most_bits = 40;  // 18 minutes; a longer latency counts as that
 
   // Below 128 every value has a bucket; above, the leading bit chooses the group and the next seven
   // bits the bucket in it.

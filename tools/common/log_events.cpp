@@ -18,12 +18,11 @@ constexpr std::array<std::string_view, 6> level_names{"TRACE", "DEBUG", "INFO",
 
 struct Row {
   K kind;
-  std::string_view format;  // as the library has it; %s is any text, other conversions are numbers
+  std::string_view format;  // as in the library; %s is any text, other conversions are numbers
   std::vector<F> fields;    // of its conversions, in order
 };
 
-// A text ends where the rest of its format goes on for the first time; the last one ends with the
-// line.
+// A text ends at the first match of the rest of its format; the last one ends with the line.
 // clang-format off
 const std::vector<Row>& table() {
   static const std::vector<Row> rows{
@@ -75,7 +74,7 @@ std::size_t digits_at_start(std::string_view text) {
   return end > sign ? end : 0;
 }
 
-// The values of a format's conversions in a text that reads as the format does.
+// The values of a format's conversions in a text that matches the format.
 std::optional<std::vector<std::string_view>> match(std::string_view format, std::string_view text) {
   std::vector<std::string_view> values;
   for (;;) {
@@ -156,7 +155,7 @@ LogEvent read_event(std::string_view line) {
   LogEvent event;
   event.level = level_in(parts.head);
   event.text = parts.text;
-  // Some texts bring a newline of their own.
+  // Some texts end with a newline of their own.
   const std::string_view text = parts.text.substr(0, parts.text.find_last_not_of('\n') + 1);
   for (const Row& row : table()) {
     if (const auto values = match(row.format, text)) {

@@ -1,8 +1,8 @@
 // The one reader of the library's log: a line becomes an event.
 //
-// What the library did with its servers is known from its lines alone. Their texts are an
-// interface, so a program that reads them needs a table of them and no more. To have another line
-// read, add its row to the table in log_events.cpp, in the words of the library's own format.
+// Only the library's log says what it did with its servers. Its texts are an interface, so a
+// program that reads them needs only a table of them. To read another line, add its row to the
+// table in log_events.cpp, with the library's own format.
 #ifndef RUVO_TOOLS_COMMON_LOG_EVENTS_H
 #define RUVO_TOOLS_COMMON_LOG_EVENTS_H
 
@@ -18,7 +18,7 @@ enum class EventKind {
 
   // Start-up.
   configuration_path,  // of the second file
-  configured_servers,  // an ERROR line that tells of nothing wrong
+  configured_servers,  // an ERROR line without a fault
   timeouts,
   options,  // two lines
   addresses,
@@ -31,13 +31,13 @@ enum class EventKind {
   pool_failed,
 
   // Choice of a server and a connection.
-  server_considered,  // the next lines tell what comes of it
+  server_considered,  // the next lines show its result
   connection_chosen,
-  no_connection,  // of that number on the server
+  no_connection,  // with that number on the server
   skipped,        // the server is ejected
   retry,          // its ejection is over
   all_servers_invalid,
-  no_server_available,  // the walk came round, or used its visits up
+  no_server_available,  // the walk is back at its first server, or used up its visits
 
   // A visit.
   connection_broken,
@@ -104,15 +104,15 @@ struct LogEvent {
   std::string text;  // the line without its head
   std::vector<std::pair<Field, std::string>> fields;
 
-  std::string field(Field name) const;  // empty when the line has none such
-  long long number(Field name) const;   // 0 when the line has none such
-  std::string server() const;           // "ip:port"; empty when the line names none
+  std::string field(Field name) const;  // empty if the line has none
+  long long number(Field name) const;   // 0 if the line has none
+  std::string server() const;           // "ip:port"; empty if the line names none
 };
 
 // Reads a line with its head.
 LogEvent read_event(std::string_view line);
 
-// The library writes a few ERROR lines that tell of nothing wrong.
+// The library writes a few ERROR lines that report no fault.
 bool tells_of_trouble(const LogEvent& event);
 
 #endif

@@ -34,7 +34,7 @@ void delete_all(std::vector<T*>& owner) {
   owner.clear();
 }
 
-// The first section of that name answers for all.
+// Look-ups use the first section of that name.
 const cfg_section* find_section(const std::vector<cfg_section*>& sections, const char* name) {
   for (const cfg_section* section : sections) {
     if (strcasecmp(section->get_sec_name(), name) == 0) {
@@ -90,7 +90,7 @@ int vop_config::open(const char* config_path) {
   if (config_path == nullptr) {
     return -1;
   }
-  // A copy: the caller may have the path from a value of this very reader, which is about to go.
+  // A copy: the caller may have the path from a value of this very reader, which is replaced below.
   std::string path(config_path);
   if (!cfg_path_.empty() && cfg_path_ == path) {
     return 0;
@@ -135,8 +135,8 @@ int vop_config::close() {
   return 0;
 }
 
-// Works on the shared reader whatever object it is called on: modules of the process hold readers
-// of their own and use this one call to refresh the shared one.
+// Works on the shared reader whatever object it is called on: modules of the process have readers
+// of their own and refresh the shared one with this call.
 int vop_config::cfg_reload(const char* config_path) {
   vop_config* shared = Busin_Conf_Instance();
   shared->cfg_path_.clear();
@@ -191,7 +191,7 @@ bool vop_config::get_bool_val(const char* sec_name, const char* key, bool def_va
 
 int vop_config::get_int_val(const char* sec_name, const char* key, int def_val) const {
   const char* value = get_str_val(sec_name, key);
-  // Narrowed to the low 32 bits, as atoi does it here: a number that is too large wraps.
+  // Narrowed to the low 32 bits, as atoi does here: a number that is too large wraps.
   return value != nullptr ? static_cast<int>(std::strtol(value, nullptr, 10)) : def_val;
 }
 
@@ -205,7 +205,7 @@ bool vop_config::is_sec(const char* buf, std::string& sec_name) {
   return true;
 }
 
-// Handles one line of a file or a text. True when it stored a pair.
+// Handles one line of a file or a text. True if it stored a pair.
 bool vop_config::parse_line(const std::string& line_str) {
   std::string line(line_str);
   sp::trim_str(line);
