@@ -1,4 +1,4 @@
-// A host whose threads do nothing but call: the results of their calls, second by second.
+// A host whose threads only make calls, with their results second by second.
 #ifndef RUVO_TESTING_CALLING_HOST_H
 #define RUVO_TESTING_CALLING_HOST_H
 
@@ -14,7 +14,7 @@
 #include "fixtures.h"
 #include "logger.h"
 
-// Of the calls that ended in it, and of the log at WARN.
+// Counts of the calls that ended in a second, and of its log lines at WARN.
 struct SecondOfCalls {
   long calls = 0;
   long failed = 0;
@@ -24,14 +24,14 @@ struct SecondOfCalls {
   SecondOfCalls& operator+=(const SecondOfCalls& other);
 };
 
-// Starts the library, has threads call until it is stopped, and shuts the library down. Start-up
-// may fail: then the calls do. REQUIRES: there is no other one in the process.
+// Starts the library, has threads call until it is stopped, and shuts the library down. If start-up
+// fails, so do the calls. REQUIRES: there is no other one in the process.
 class CallingHost : NoCopy {
  public:
   using Clock = std::chrono::steady_clock;
   // Makes the next call of a thread and returns its result. Threads are numbered from 0.
   using Call = std::function<int(int thread)>;
-  // Gets every line from WARN on that is written after start-up, in the thread that writes it.
+  // Receives every line from WARN on after start-up, in the thread that writes it.
   using LogReader = std::function<void(std::string_view line)>;
 
   CallingHost(const char* config, int threads, Call call, LogReader reader = nullptr);
@@ -45,7 +45,7 @@ class CallingHost : NoCopy {
   void stop();  // returns when the last call has
 
  private:
-  static constexpr std::size_t most_seconds = 10000;  // the last one counts what comes later
+  static constexpr std::size_t most_seconds = 10000;  // the last one counts all later ones
   struct Counts {
     std::atomic<long> calls{0};
     std::atomic<long> failed{0};

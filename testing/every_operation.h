@@ -1,5 +1,5 @@
-// One call of every operation, for tests that put all of them through the same. Nothing here takes
-// memory: some of these tests let it run out.
+// One call of every operation, for tests of them all. Nothing here allocates memory: some of these
+// tests let it run out.
 #ifndef RUVO_TESTING_EVERY_OPERATION_H
 #define RUVO_TESTING_EVERY_OPERATION_H
 
@@ -9,7 +9,7 @@
 
 #include "fixtures.h"
 
-// Start-up, without what it prints.
+// Start-up, without its printed lines.
 inline int start(const HostConfig& config) {
   const QuietConsole quiet;
   return RUVO_Init(config.path());
@@ -19,18 +19,18 @@ struct Operation {
   const char* name;
   int (*function)(const char* key, int pool);
   int other_result;  // what it may return besides 0, -1 and 10402; 0: nothing
-  int commands = 1;  // that it sends when the first is answered with the number 1
+  int commands = 1;  // that it sends if the first is answered with the number 1
 
   int call(const char* key, int pool = eTempServer) const { return function(key, pool); }
   bool may_return(int code) const {
     return code == RUVO_OK || code == RUVO_ERR_FAILED || code == RUVO_ERR_NOT_FOUND ||
            code == other_result;
   }
-  // What it returns while the library is not ready; a raw command a null reply.
+  // What it returns while the library is not ready; for a raw command a null reply.
   int unready() const;
 };
 
-// What a call hands out is given back; what it fills is empty unless it succeeds.
+// Frees what a call returns; what it fills is empty unless it succeeds.
 template <typename Call>
 int discard(Call call) {
   const char* data = nullptr;

@@ -77,8 +77,8 @@ int bound_socket(int port) {
 
 }  // namespace
 
-// The second socket is bound to the number that the system chose for the first: it keeps the port
-// when it has listened and is shut down, where the first would lose it.
+// The second socket is bound to the port that the system chose for the first. It keeps the port
+// when it has listened and is shut down; the first would lose it.
 DownServer::DownServer() {
   const int chosen = bound_socket(0);
   sockaddr_in addr{};
@@ -93,7 +93,7 @@ DownServer::~DownServer() { close(fd_); }
 
 void ServerProcess::start(const std::string& command) {
   kill();
-  // The shell becomes the program, so that its number is the program's.
+  // The shell becomes the program, so that its process id is the program's.
   // NOLINTNEXTLINE(cert-env33-c): the command is the caller's own text
   output_ = popen(("cd /tmp && echo $$ && exec setpriv --pdeathsig KILL " + command).c_str(), "re");
   std::array<char, 32> line{};
@@ -123,7 +123,7 @@ bool ServerProcess::says(const char* text) {
 }
 
 bool ServerProcess::ended_within(int milliseconds) {
-  pollfd output{fileno(output_), 0, 0};  // the end of its output is told without being asked for
+  pollfd output{fileno(output_), 0, 0};  // an end of output is always reported
   return poll(&output, 1, milliseconds) > 0;
 }
 

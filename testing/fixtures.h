@@ -1,6 +1,6 @@
 // Throwaway surroundings for the library: a Redis on loopback, the two configuration files, a quiet
-// console. Tests, benchmarks, simulations and ruvo_chaos run in them. What fails throws
-// std::runtime_error; all of it is gone when the objects are.
+// console. Tests, benchmarks, simulations and ruvo_chaos run in them. A failure throws
+// std::runtime_error; everything is removed with its object.
 #ifndef RUVO_TESTING_FIXTURES_H
 #define RUVO_TESTING_FIXTURES_H
 
@@ -18,7 +18,7 @@ struct NoCopy {
   NoCopy& operator=(const NoCopy&) = delete;
 };
 
-// Waits until the condition holds; false when it does not within 30 seconds.
+// Waits until the condition holds; false if it does not within 30 seconds.
 template <typename Condition>
 bool eventually(Condition condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -31,7 +31,7 @@ bool eventually(Condition condition) {
   return true;
 }
 
-// A folder that goes when the object does.
+// A folder that is removed with the object.
 class TempDir : NoCopy {
  public:
   TempDir();
@@ -45,9 +45,9 @@ class TempDir : NoCopy {
   std::filesystem::path path_;
 };
 
-// The two configuration files of a host. `common` and `server` are lines for those sections; what
-// RUVO_TEST_COMMON in the environment holds follows the former, so that the same tests run
-// with and without an option.
+// The two configuration files of a host. `common` and `server` are lines for those sections; the
+// lines of RUVO_TEST_COMMON in the environment follow the former, so that the same tests run with
+// and without an option.
 class HostConfig {
  public:
   explicit HostConfig(const std::string& common, const std::string& server = "");
@@ -65,7 +65,7 @@ std::string pools_at(const std::string& temp, const std::string& persist,
 // All three pools at the same servers, and timeouts of a second.
 std::string all_pools_at(const std::string& addrs);
 
-// Keeps the progress lines of start-up out of the output while it lives.
+// Keeps the progress lines of start-up out of the output while it exists.
 class QuietConsole : NoCopy {
  public:
   QuietConsole();
@@ -75,7 +75,7 @@ class QuietConsole : NoCopy {
   int console_;
 };
 
-// A port that refuses connections for as long as the object lives, and is nobody else's.
+// A port that refuses connections while the object exists, and that nobody else has.
 class DownServer : NoCopy {
  public:
   DownServer();
@@ -89,7 +89,7 @@ class DownServer : NoCopy {
 };
 
 // A program that runs beside this one: its output is read here, and it ends with the object, or
-// with this process should that crash.
+// with this process if that crashes.
 class ServerProcess : NoCopy {
  public:
   ~ServerProcess() { kill(); }
@@ -112,16 +112,16 @@ class RedisServer : NoCopy {
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill() { process_.kill(); }
   void signal(int number) const { process_.signal(number); }
-  // When a start is over: it serves, or it answers and may still load its data.
+  // When a start is complete: the server serves, or it answers and may still load its data.
   enum class Until { ready, started };
   void restart(const std::string& more_options = "", Until until = Until::ready);  // on its port
-  // What redis-cli prints for a command, without the newline.
+  // The output of redis-cli for a command, without the newline.
   std::string ask(const std::string& command) const;
 
  private:
   bool start(const std::string& options, Until until);
 
-  TempDir dir_;  // a replica saves what it is sent
+  TempDir dir_;  // a replica saves its copy of the data
   std::string options_;
   int port_ = 0;
   ServerProcess process_;

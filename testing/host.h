@@ -1,4 +1,4 @@
-// What a host process has around the library: its log and its descriptors.
+// The surroundings of the library in a host process: its log and its descriptors.
 #ifndef RUVO_TESTING_HOST_H
 #define RUVO_TESTING_HOST_H
 
@@ -8,7 +8,7 @@
 #include "fixtures.h"
 #include "logger.h"
 
-// Collects the log while it lives; one at a time.
+// Collects the log while it exists; one at a time.
 class LogCapture : NoCopy {
  public:
   struct Line {

@@ -72,7 +72,7 @@ void become_primary(const RedisServer& server) {
 }
 
 void want_password(const RedisServer& server, const std::string& password) {
-  const ControlConnection control(server);  // what is connected before may go on
+  const ControlConnection control(server);  // earlier connections may continue
   control.send("CONFIG SET requirepass " + password);
   control.close_clients();
 }
@@ -82,7 +82,7 @@ void want_no_password(const RedisServer& server, const std::string& password) {
 }
 
 void restart_loading(RedisServer& server) {
-  // Redis looks at its clients once for each KiB that it loads, which is one of these keys.
+  // While loading, Redis serves clients once per KiB, which is one of these keys.
   server.ask(
       "eval \"for i = 1, 6000 do redis.call('SET', 'filler:' .. i, string.rep('x', 1024)) end\" 0");
   server.ask("config set rdbcompression no");

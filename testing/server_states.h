@@ -1,5 +1,5 @@
-// A real Redis that answers and does not serve: a replica, one that loads its data, one at its
-// limit of clients, one that wants a password. Each function changes a running server and closes
+// A real Redis that answers but does not serve: a replica, one that loads its data, one at its
+// limit of clients, one that needs a password. Each function changes a running server and closes
 // the connections of its clients, so that the next command meets the new state.
 #ifndef RUVO_TESTING_SERVER_STATES_H
 #define RUVO_TESTING_SERVER_STATES_H
@@ -8,12 +8,12 @@
 
 #include "fixtures.h"
 
-// A connection that stays open, so that its commands are done while the server takes no other.
+// A connection that stays open, so that its commands work while the server accepts no other.
 class ControlConnection : NoCopy {
  public:
   explicit ControlConnection(const RedisServer& server, const std::string& password = "");
   ~ControlConnection();
-  // Returns the first line of the reply. REQUIRES: no word of the command holds blanks or quotes.
+  // Returns the reply's first line. REQUIRES: no word of the command contains blanks or quotes.
   std::string send(const std::string& command) const;  // throws std::runtime_error
   void close_clients() const { send("CLIENT KILL TYPE normal"); }
 
@@ -21,7 +21,7 @@ class ControlConnection : NoCopy {
   int fd_;
 };
 
-// Writes are answered with READONLY, from the moment at which the copy of the data is complete.
+// Writes are answered with READONLY once the copy of the data is complete.
 void become_replica(const RedisServer& server, const RedisServer& primary);
 
 // Every command for data is answered with MASTERDOWN.
@@ -30,17 +30,17 @@ void become_replica_without_primary(const RedisServer& server);
 // Ends both.
 void become_primary(const RedisServer& server);
 
-// Every command but AUTH is answered with NOAUTH.
+// Every command except AUTH is answered with NOAUTH.
 void want_password(const RedisServer& server, const std::string& password);
 void want_no_password(const RedisServer& server, const std::string& password);
 
-// Restarts the server with data that take a minute to load: commands are answered with LOADING. It
-// ends with finish_loading, or with the next restart.
+// Restarts the server with data that takes a minute to load: commands are answered with LOADING.
+// Ends with finish_loading, or with the next restart.
 void restart_loading(RedisServer& server);
 void finish_loading(const RedisServer& server);
 
-// While it lives the server is at its limit of clients: it takes so many connections, answers any
-// further one with an error, and closes it.
+// While it exists the server is at its limit of clients: it accepts a number of connections,
+// answers any further one with an error, and closes it.
 class ClientLimit : NoCopy {
  public:
   explicit ClientLimit(const RedisServer& server, int clients = 0,

@@ -92,7 +92,7 @@ ScriptedServer::~ScriptedServer() {
 
 void ScriptedServer::accept_all() {
   for (int fd = 0; (fd = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) != -1;) {
-    std::vector<std::jthread> ended;  // joined without the lock, which their last step takes
+    std::vector<std::jthread> ended;  // joined without the lock, which their last step acquires
     const std::scoped_lock lock(mutex_);
     ended.swap(ended_);
     open_.insert(fd);
@@ -140,7 +140,7 @@ bool Nutcracker::start() {
   process_.start("nutcracker --conf-file=" + dir_.write("proxy.yml", pool) +
                  " --stats-addr=127.0.0.1 --stats-port=" + std::to_string(DownServer().port()) +
                  " 2>&1");
-  while (!process_.ended_within(10)) {  // it says nothing when it is ready
+  while (!process_.ended_within(10)) {  // it prints nothing when it is ready
     if (accepts_connections(port_)) {
       return true;
     }

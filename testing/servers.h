@@ -1,5 +1,5 @@
-// Servers of the caller's own, all on loopback ports that the kernel handed out: a real Redis, one
-// that follows a script, one that is down, and a nutcracker.
+// Servers of the caller's own, all on free loopback ports from the kernel: a real Redis, one that
+// follows a script, one that is down, and a nutcracker.
 #ifndef RUVO_TESTING_SERVERS_H
 #define RUVO_TESTING_SERVERS_H
 
@@ -16,20 +16,20 @@
 
 #include "fixtures.h"
 
-// One connection, seen from a scripted server.
+// One connection, as a scripted server sees it.
 class Peer : NoCopy {
  public:
   Peer(int fd, int number) : fd_(fd), number_(number), input_(fdopen(fd, "r")) {}
   ~Peer() { (void)fclose(input_); }
 
   int number() const { return number_; }  // 0 for the first connection to the server
-  // The words of the next command, or nothing when the client has gone.
+  // The words of the next command, or nothing if the client has closed.
   std::vector<std::string> read_command();
   void send(const std::string& bytes) const;
-  void answer_all(const std::string& bytes);  // every command that comes
+  void answer_all(const std::string& bytes);  // every command that arrives
   void hang() { answer_all(""); }             // until the client gives up
   void drip(const std::string& bytes, std::chrono::milliseconds pause) const;  // one at a time
-  void reset() const;   // as a crashed machine does: what was sent may be lost
+  void reset() const;   // as a crashed machine does: sent data may be lost
   void vanish() const;  // closes, then resets: the client's next write raises SIGPIPE
 
  private:
@@ -40,12 +40,12 @@ class Peer : NoCopy {
   FILE* input_;
 };
 
-// Runs a script for every connection, each in a thread of its own, and closes it when that returns.
+// Runs a script for every connection, each in its own thread, and closes the connection afterwards.
 class ScriptedServer : public DownServer {
  public:
   using Script = std::function<void(Peer&)>;
   explicit ScriptedServer(Script script);
-  // What it answers to the words of each command.
+  // Its answer to the words of each command.
   using Answer = std::function<std::string(const std::vector<std::string>& words)>;
   explicit ScriptedServer(const Answer& answer);
   explicit ScriptedServer(const std::string& reply)
@@ -66,8 +66,8 @@ class ScriptedServer : public DownServer {
   std::jthread acceptor_;
 };
 
-// The proxy of that name, which distributes the keys over Redis servers. Those of the same list
-// agree where each key is.
+// The proxy of that name, which distributes the keys over Redis servers. Proxies with the same list
+// agree on the server of each key.
 class Nutcracker : NoCopy {
  public:
   explicit Nutcracker(const std::vector<std::string>& shards);

@@ -21,8 +21,7 @@ inline bool connect_to_loopback(int fd, int port) {
   return connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == 0;
 }
 
-// From now on closing it resets the connection, as a crashed machine does: what was sent may be
-// lost.
+// Closing the socket will reset the connection, as a crashed machine does: sent data may be lost.
 inline void reset_on_close(int fd) {
   const linger at_once{1, 0};
   setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));

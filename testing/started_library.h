@@ -1,4 +1,4 @@
-// The library as a host in these rooms starts it.
+// The library as a host of these tests starts it.
 #ifndef RUVO_TESTING_STARTED_LIBRARY_H
 #define RUVO_TESTING_STARTED_LIBRARY_H
 
@@ -9,8 +9,8 @@
 
 #include "fixtures.h"
 
-// Ready while it lives, and started without what that prints; throws std::runtime_error if a pool
-// cannot be used.
+// The library is ready while it exists, and prints nothing at start-up; throws std::runtime_error
+// if a pool cannot be used.
 class StartedLibrary : NoCopy {
  public:
   explicit StartedLibrary(const std::string& config) : library_(start(config)) {

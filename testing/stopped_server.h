@@ -10,15 +10,15 @@
 struct StoppedServer {
   int threads = 16;
   int before = 10;   // seconds; then one server is stopped,
-  int stopped = 60;  // for so long,
+  int stopped = 60;  // seconds that it is stopped,
   int after = 10;    // and continues
-  std::string keys;  // of section common, besides the timeouts
+  std::string keys;  // of section common, in addition to the timeouts
 };
 
-// Throws std::runtime_error when the library does not start.
+// Throws std::runtime_error if the library does not start.
 std::vector<SecondOfCalls> calls_with_a_stopped_server(const StoppedServer& run);
 
-// The calls of the worst `window` seconds on end of [from, to), as a share of as many of [0,
+// The calls of the worst `window` consecutive seconds in [from, to), as a share of as many in [0,
 // until).
 double worst_share(const std::vector<SecondOfCalls>& seconds, int until, int from, int to,
                    int window);

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr int backlog = 1024;  // more than any run has, so that none is turned away
+constexpr int backlog = 1024;  // more than any run has, so that no connection is refused
 
 void send_at_once(int fd) {
   const int yes = 1;
@@ -97,7 +97,7 @@ void TcpProxy::add_reply(const std::string& bytes) {
 }
 
 void TcpProxy::forward_all() {
-  prctl(PR_SET_TIMERSLACK, 1UL);  // or each piece arrives 50 us late
+  prctl(PR_SET_TIMERSLACK, 1UL);  // else each piece would arrive 50 us late
   while (mode_ != Mode::end) {
     const std::span<const epoll_event> events = wait_for_events();
     const auto is_of = [](int fd) {
@@ -108,7 +108,7 @@ void TcpProxy::forward_all() {
       eventfd_read(wake_up_, &count);
       (*action_.load())();
       action_done_.release();
-      continue;  // what else has happened is told again, if it still holds
+      continue;  // any other event is reported again if it still holds
     }
     for (const epoll_event& event : events) {
       if (event.data.fd != fd_) {
@@ -117,7 +117,7 @@ void TcpProxy::forward_all() {
     }
     deliver();
     if (std::any_of(events.begin(), events.end(), is_of(fd_))) {
-      accept_connection();  // last, since it may get the number of a socket that has just been
+      accept_connection();  // last, since it may get the number of a socket that was just
                             // closed
     }
   }
@@ -168,10 +168,10 @@ void TcpProxy::take_from(const epoll_event& event) {
   const int from = event.data.fd;
   const auto found = connections_.find(from);
   if (found == connections_.end()) {
-    return;  // its other end has just gone
+    return;  // its other end has just closed
   }
   const Connection connection = found->second;
-  // A client that has gone has given its command up and may have sent it elsewhere.
+  // A client that has closed has given its command up and may have sent it elsewhere.
   const bool client_has_gone =
       from == connection.client && (event.events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
   const int to = from == connection.client ? connection.target : connection.client;
@@ -233,7 +233,7 @@ void TcpProxy::reset_all() {
     reset_on_close(one.client);
   }
   close_all();
-  stop_listening();  // the system resets what it has accepted
+  stop_listening();  // the system resets the connections that it has accepted
   start_listening();
 }
 
@@ -244,8 +244,8 @@ void TcpProxy::start_listening() {
   }
 }
 
-// Only a socket that listens may be shut down: another one would pass that on to all that it
-// accepts when it listens again.
+// Only a socket that listens may be shut down: any other would later shut down all connections that
+// it accepts.
 void TcpProxy::stop_listening() {
   if (std::exchange(listens_, false)) {
     shutdown(fd_, SHUT_RDWR);

@@ -19,9 +19,9 @@
 
 #include "fixtures.h"
 
-// Runs in a thread of its own; its functions are for one thread at a time, and return when it is
-// done. What is under way when either end closes is lost. It waits until the receiver has taken
-// what it forwards, so it is not for more than the buffers of a socket hold.
+// Runs in a thread of its own; its functions are for one thread at a time, and return when they are
+// done. Data in transit when either end closes is lost. The proxy waits until the receiver has
+// taken the data that it forwards, so it is not for more than the buffers of a socket hold.
 class TcpProxy : public DownServer {
  public:
   enum class Mode {
@@ -32,24 +32,24 @@ class TcpProxy : public DownServer {
     end
   };
 
-  // Each piece of data arrives `delay` later, whatever else is under way.
+  // Each piece of data arrives `delay` later, whatever else is in transit.
   explicit TcpProxy(int target_port, std::chrono::microseconds delay = {});
   ~TcpProxy();
 
-  // Back to `forward` it resets its connections: commands whose callers have given them up must not
-  // run late, after newer ones. (A server that does otherwise brings old values back; nothing in a
-  // host can prevent it.)
+  // Back to `forward` it resets its connections: commands that their callers have given up must not
+  // run late, after newer ones. (Another server may bring old values back; nothing in a host can
+  // prevent it.)
   void set_mode(Mode mode);
-  // Also those that the system has accepted and the proxy has not. REQUIRES: mode `forward`.
+  // Also those that the system has accepted but the proxy has not. REQUIRES: mode `forward`.
   void reset_connections();
 
   // Later connections lead to this port. Resets the others. REQUIRES: mode `forward`.
   void set_target(int port);
-  // The connection that was served last gets no more replies: its commands are still carried out.
-  // Ends when its client gives it up, or with end_stall(), which resets it.
+  // The last served connection gets no more replies; its commands are still carried out. Ends when
+  // its client gives up, or with end_stall(), which resets it.
   void stall_connection();
   void end_stall();
-  // Sends the client that was served last these bytes, which it has not asked for.
+  // Sends the last served client these bytes, which it has not asked for.
   void add_reply(const std::string& bytes);
 
  private:
@@ -70,7 +70,7 @@ class TcpProxy : public DownServer {
   void watch(int fd, std::uint32_t events) const;
   void accept_connection();
   void take_from(const epoll_event& event);
-  bool forward(int from, int to);  // false: the sender has gone
+  bool forward(int from, int to);  // false: the sender has closed
   void pass_on(int to, std::string_view bytes);
   void deliver();
   void close_connection(const Connection& one);
@@ -82,10 +82,10 @@ class TcpProxy : public DownServer {
   int target_port_;
   std::chrono::microseconds delay_;
   int wake_up_;  // an eventfd: there is an action
-  int epoll_;  // of all that is waited for, so that many connections cost no more than those in use
+  int epoll_;    // many idle connections cost no more than a few
   std::atomic<const std::function<void()>*> action_{nullptr};
   std::binary_semaphore action_done_{0};
-  // Of the forwarder:
+  // Used by the forwarder:
   Mode mode_ = Mode::forward;
   bool listens_ = false;
   std::unordered_map<int, Connection> connections_;  // by either socket

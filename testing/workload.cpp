@@ -17,7 +17,7 @@ constexpr int most_friends = 5;
 constexpr int raw_tries = 10;
 constexpr std::chrono::milliseconds pause_in_outage(20);
 
-// Thrown out of a round: an operation failed in an outage, and so may have been done or not.
+// Thrown out of a round: an operation failed in an outage, and may or may not have run.
 struct LostTrack {};
 
 }  // namespace
@@ -49,7 +49,7 @@ void Worker::work(int round) {
   on_track_ = on_track_ && !in_doubt_;
 }
 
-// What another run left behind, or an outage left in doubt, does not count.
+// Values left by another run, or in doubt after an outage, do not count.
 void Worker::start_afresh() {
   for (const char* kind : {"visits", "profile", "queue", "friends"}) {
     expect(strings, "delete", [&] { return RUVO_DeleteKey(key(kind).c_str(), pool_, nullptr); });
@@ -60,19 +60,19 @@ void Worker::start_afresh() {
   on_track_ = true;
 }
 
-// The pool is part of it: pools may share a server, and a raw command may reach another pool.
+// The key contains the pool: pools may share a server, and a raw command may reach another pool.
 std::string Worker::key(const char* kind) const {
   return std::string(workload_prefix) + kind + ':' + std::to_string(pool_) + ':' + name_;
 }
 
-// Bytes that tell whose they are and how old, zero bytes among them, of a length that varies.
+// Bytes that identify their owner and age, including zero bytes, with a varying length.
 std::string Worker::text_for(const char* kind, int round) const {
   std::string text = key(kind) + " round " + std::to_string(round) + '\0';
   text.append(static_cast<std::size_t>(round * 37 % 900), static_cast<char>(round));
   return text;
 }
 
-// Every call goes through here. Once replies are sure to be its own again, a round in doubt ends.
+// Every call goes through here. Once replies are its own for certain, a round in doubt ends.
 template <typename Operation>
 int Worker::call(Family family, const char* what, const Operation& operation) {
   const Call made{family, what, pool_};
@@ -87,8 +87,8 @@ int Worker::call(Family family, const char* what, const Operation& operation) {
   return result;
 }
 
-// And every result through here. RUVO_ERR_FAILED is what an outage gives; any other result that is
-// not the expected one tells of wrong data.
+// Every result goes through here. RUVO_ERR_FAILED is an outage's result; any other unexpected
+// result means wrong data.
 bool Worker::judge(Family family, const char* what, int result, int expected) {
   ++totals_.operations[family];
   if (result == expected) {
@@ -123,7 +123,7 @@ void Worker::check(const char* what, bool right) {
   }
 }
 
-// A counter must have moved by `step`, or by a multiple when the command ran more than once.
+// A counter must have moved by `step`, or by a multiple if the command ran more than once.
 void Worker::check_moved(const char* what, long long& known, long long now, long long step) {
   const long long runs = (now - known) / step;
   check(what, (now - known) % step == 0 && runs >= 1 && runs <= totals_.most_runs);
@@ -131,7 +131,7 @@ void Worker::check_moved(const char* what, long long& known, long long now, long
   known = now;
 }
 
-// Compares a buffer of the library and gives it back.
+// Compares a buffer of the library and frees it.
 void Worker::check_and_free(const char* what, const char* data, unsigned long len,
                             const std::string& expected) {
   check(what, std::string(data, len) == expected);
@@ -214,7 +214,7 @@ void Worker::queue_message(int round) {
     check("queue", waiting.size() == static_cast<std::size_t>(length) &&
                        std::count(waiting.begin(), waiting.end(), text) == length);
   }
-  // A pop that runs twice takes the second message along, or finds none: then its first run had it.
+  // A pop that runs twice also takes the second message, or finds none: then its first run took it.
   std::string message;
   const int popped =
       call(lists, "pop", [&] { return RUVO_RPop(queue.c_str(), message, pool_, nullptr); });
@@ -237,7 +237,7 @@ void Worker::tag_friends(int round) {
   const int added = call(sets, "add", [&] {
     return RUVO_SAdd(friends.c_str(), name.data(), name.size(), pool_, nullptr);
   });
-  if (is_new && added == RUVO_NOTHING_DONE) {  // ran twice, and the second run found it there
+  if (is_new && added == RUVO_NOTHING_DONE) {  // ran twice: the second run found it
     ++totals_.run_twice;
     ++totals_.operations[sets];
   } else {
@@ -289,8 +289,7 @@ void Worker::balance() {
   totals_.increments_extra += std::max<std::int64_t>(stored - acknowledged_ - failed_, 0);
 }
 
-// Any command. The failover of one may lead to another pool, so what it found there is asked for
-// again.
+// Any command. Its failover may lead to another pool, so the value from there is asked for again.
 void Worker::ask_anything(int round) {
   const std::string note = key("note");
   const std::string text = text_for("note", round);
@@ -313,8 +312,8 @@ void Worker::ask_anything(int round) {
   check("note, asked for again and again", false);
 }
 
-// When a server fails, a raw command may also come back to that very server and give up, where a
-// typed one tries the next: its caller asks again. Nothing is returned when all calls failed.
+// If a server fails, a raw command may also return to that server and give up, where a typed one
+// tries the next: so its caller asks again. Returns nothing if all calls failed.
 template <typename... Words>
 std::optional<bool> Worker::reply_is(int type, const std::string& text, bool& left_pool,
                                      const char* name, const Words&... words) {

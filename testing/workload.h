@@ -1,4 +1,4 @@
-// What a host does with the library, checked value by value: the work of ruvo_chaos and of a test.
+// What a host does with the library, checked value by value: for ruvo_chaos and for a test.
 #ifndef RUVO_TESTING_WORKLOAD_H
 #define RUVO_TESTING_WORKLOAD_H
 
@@ -17,25 +17,25 @@ enum Family { strings, hashes, lists, sets, raw, family_count };
 constexpr std::array<const char*, family_count> family_names{"string keys", "hashes", "lists",
                                                              "sets", "raw commands"};
 
-// What all keys of the work begin with, so that they are nobody else's.
+// The prefix of all keys of the work, so that they are nobody else's.
 constexpr std::string_view workload_prefix = "ruvo_workload:";
 
 struct Totals {
   bool outage_expected = false;  // failed operations are counted, and end a worker's round
-  int most_runs = 2;  // how often a command may have run that was sent again: more is wrong
+  int most_runs = 2;             // how often a command that was resent may have run: more is wrong
   std::array<std::atomic<std::int64_t>, family_count> operations{};
   std::atomic<std::int64_t> values_checked{0};
   std::atomic<std::int64_t> run_twice{0};
   std::atomic<std::int64_t> asked_again{0};
   std::atomic<std::int64_t> failed{0};
   std::atomic<std::int64_t> wrong_values{0};
-  // Wrong values and failures where a call may have got another one's reply.
+  // Wrong values and failures while a call may have received another call's reply.
   std::atomic<std::int64_t> out_of_step{0};
-  // Increments of counters that nobody deletes, as their callers know them, and as they are stored.
+  // Increments of counters that nobody deletes, as acknowledged to their callers, and as stored.
   std::atomic<std::int64_t> increments_acknowledged{0};
   std::atomic<std::int64_t> increments_failed{0};
   std::atomic<std::int64_t> increments_stored{0};
-  std::atomic<std::int64_t> increments_lost{0};   // less stored than acknowledged
+  std::atomic<std::int64_t> increments_lost{0};   // fewer stored than acknowledged
   std::atomic<std::int64_t> increments_extra{0};  // more stored than acknowledged and failed
 
   std::int64_t all_operations() const;
@@ -47,7 +47,7 @@ struct Call {
   int pool;
 };
 
-// Looks on at every single call, in the thread that makes it.
+// Observes every call, in the thread that makes it.
 class CallObserver {
  public:
   CallObserver() = default;
@@ -58,28 +58,28 @@ class CallObserver {
   // A raw command without a reply has the result RUVO_ERR_FAILED.
   virtual void call_ended(const Call& /*call*/, int /*result*/) {}
   // May the failover of this thread's last call have led to another pool? Only that of raw commands
-  // does.
+  // can.
   virtual bool may_have_left_pool() const { return false; }
-  // May a call that began then and ends now have got another call's reply?
+  // May a call that began at its time and ends now have received another call's reply?
   virtual bool may_be_out_of_step(const Call& /*call*/,
                                   std::chrono::steady_clock::time_point /*begin*/) const {
     return false;
   }
 };
 
-// One thread's work on one pool. Its keys are its own, so it knows what each of them must hold.
+// One thread's work on one pool. Its keys are its own, so it knows the value of each.
 //
-// A connection that breaks between a command and its reply has the command sent again. What is not
-// the same when done twice (counting, pushing) may then have been done twice, and never less than
-// once; the checks allow for that and count it. One counter is never deleted in a run: at the end
-// it holds at least what was acknowledged, and with send_once at most that and what failed.
+// If a connection breaks between a command and its reply, the command is resent. Operations that
+// are not idempotent (counting, pushing) may then run twice, and never less than once; the checks
+// allow for that and count it. One counter is never deleted in a run: at the end it holds at least
+// what was acknowledged, and with send_once at most that and what failed.
 class Worker {
  public:
   Worker(int thread, int pool, Totals& totals, CallObserver& observer)
       : name_(std::to_string(thread)), pool_(pool), totals_(totals), observer_(observer) {}
 
   void work(int round);
-  // After the last round: is stored what this worker knows that it has counted?
+  // After the last round: does the store hold what this worker has counted?
   void balance();
 
  private:
@@ -113,12 +113,12 @@ class Worker {
   int pool_;
   Totals& totals_;
   CallObserver& observer_;
-  bool on_track_ = false;  // the fields below say what the keys hold
+  bool on_track_ = false;  // the fields below match the keys
   long long visits_ = 0;
   long long points_ = 0;
   std::set<std::string> friends_;
   bool has_account_ = false;
-  bool in_doubt_ = false;  // this round has got replies that may be another call's
+  bool in_doubt_ = false;  // this round may have received another call's replies
   std::int64_t acknowledged_ = 0;
   std::int64_t failed_ = 0;
 };
