@@ -1,5 +1,5 @@
-// A fixed script of calls, for counting instructions and for timing what is not the network: each
-// operation many times over, with replies of a Redis that come from memory.
+// A fixed script of calls, for counting instructions and for timing everything but the network:
+// each operation many times, with a Redis' replies from memory.
 //
 //   valgrind --tool=callgrind --collect-atstart=no call_script
 //       instructions, in a dump for each operation and side; scripts/count_instructions.sh reads
@@ -39,7 +39,7 @@ void repeat(int times, const Call& call) {
   }
 }
 
-// Before it counts, buffers and symbols have found their places.
+// Counts only after buffers and symbols have been set up.
 void count(const std::string& name, const Call& call) {
   repeat(calls_counted, call);
   CALLGRIND_TOGGLE_COLLECT;
@@ -114,7 +114,7 @@ int run(int argc, char** argv) {
         const LogFile log;
         count("INFO " + operation.name, operation.through_library);
       }
-      if (operation.through_cpp) {  // one that stores, one that reads and a raw one are enough
+      if (operation.through_cpp) {  // one that stores, one that reads and a raw one suffice
         Tape::stop();
         library.reset();
         library = std::make_unique<Library>(redis.addr(), redis.addr(), 2, Pipelining::on);

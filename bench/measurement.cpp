@@ -32,14 +32,14 @@ struct Slice {
   double cpu_us;
 };
 
-// What one thread has done in the present slice.
+// The counts of one thread in the current slice.
 struct Share {
   std::uint64_t calls = 0;
   double cpu_us = 0;
 };
 
-// One side runs at a time, in short slices, each round in an order of its own: what else goes on
-// in the machine falls on all sides alike.
+// One side runs at a time, in short slices, each round in a different order: other load on the
+// machine affects all sides alike.
 std::vector<Side> order_of_slices(std::vector<Side> sides, std::size_t rounds) {
   std::mt19937_64 random(seed);
   std::vector<Side> order;
@@ -50,8 +50,8 @@ std::vector<Side> order_of_slices(std::vector<Side> sides, std::size_t rounds) {
   return order;
 }
 
-// Slices long enough that the calls which they cut off at their ends do not matter: over a network,
-// with values that take long, and where threads wait for each other's round trips.
+// Slices so long that the calls which their ends cut off do not matter: over a network, with values
+// that take long, and where threads wait for each other's round trips.
 std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
   constexpr std::size_t round_trips = 40;
   constexpr std::size_t large = 1000000;  // bytes
@@ -73,15 +73,15 @@ std::size_t rounds_of(std::chrono::milliseconds slice, const Pace& pace) {
   return std::min(pace.rounds, std::max(enough, in_as_much_time));
 }
 
-// When a slice is over, and from when on it counts: until then the library's connections, which
-// begin with the slice, find their buffers, and the threads their places.
+// When a slice ends, and when it begins to count: before that the library's connections, which
+// begin with the slice, set up their buffers, and the threads settle.
 struct Period {
   Clock::time_point counts;
   Clock::time_point ends;
 };
 
-// Calls until the slice is over; what ends while it counts is counted. That is one call at least.
-// The clock is read once for each call, on all sides.
+// Calls until the slice ends. Counts the calls that end in the counted part: one at least. The
+// clock is read once for each call, on all sides.
 template <typename Call>
 Share call_through(const Period& period, LatencyHistogram& latency, const Call& call) {
   Share share;
@@ -102,7 +102,7 @@ Share call_through(const Period& period, LatencyHistogram& latency, const Call& 
   return share;
 }
 
-// The network to the server: loopback itself, or one of so long a round trip.
+// The network to the server: loopback itself, or one with this round trip.
 class Network : NoCopy {
  public:
   Network(const RedisServer& redis, std::chrono::microseconds round_trip) : port_(redis.port()) {
@@ -119,7 +119,7 @@ class Network : NoCopy {
   std::optional<TcpProxy> proxy_;
 };
 
-// The library as a slice wants it. It is started anew when the slice wants the other kind.
+// The library as a slice needs it. It is restarted if the slice needs the other kind.
 class LibraryOfSlices : NoCopy {
  public:
   LibraryOfSlices(std::string addr, std::string other_pools, std::size_t connections)
@@ -147,7 +147,7 @@ class LibraryOfSlices : NoCopy {
 
 using Slices = std::array<std::vector<Slice>, all_sides.size()>;
 
-// Evaluates the slices of each side, which correspond: the n-th of each are of one round.
+// Evaluates the slices of each side: the n-th slices of all sides are of the same round.
 void evaluate(const Slices& slices, Result& result) {
   const auto& library = slices[index_of(Side::library)];
   const auto& pipelined = slices[index_of(Side::pipelined)];
@@ -206,14 +206,14 @@ Result measure(const Case& one, const RedisServer& redis, const Pace& pace) {
   const Operation& operation = *one.operation;
 
   const std::chrono::milliseconds slice = slice_of(one, pace);
-  // The first round finds caches cold and buffers small, and does not count.
+  // The first round has cold caches and small buffers, and does not count.
   const std::vector<Side> order = order_of_slices(one.sides, rounds_of(slice, pace) + 1);
   std::vector<Share> shares(one.threads);
   Slices slices;
   auto result = std::make_unique<Result>();
   std::size_t number = 0;  // of the slice
   Period period;
-  // Threads meet before and after each slice; the last to come begins and ends it.
+  // Threads meet before and after each slice; the last to arrive begins and ends it.
   std::barrier before_slice(static_cast<std::ptrdiff_t>(one.threads), [&]() noexcept {
     library.prepare_for(order[number]);
     period.counts = Clock::now() + slice / 5;

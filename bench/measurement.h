@@ -1,4 +1,4 @@
-// Measures one case: an operation at a number of threads and connections, on each side in turn.
+// Measures one case: an operation with a number of threads and connections, on each side.
 #ifndef RUVO_BENCH_MEASUREMENT_H
 #define RUVO_BENCH_MEASUREMENT_H
 
@@ -14,7 +14,7 @@
 struct Case {
   const Operation* operation;
   std::size_t threads;
-  std::size_t connections;  // of all but hiredis, which has one per thread
+  std::size_t connections;  // of every side but hiredis, which has one per thread
   bool info_log = false;  // the library logs at INFO to a file; otherwise at WARN, which is silent
   std::chrono::microseconds round_trip{0};  // of the network to the server, beyond loopback
   std::vector<Side> sides;                  // those that are measured
@@ -26,7 +26,7 @@ struct Pace {
   Timeout bare_timeout;             // whether hiredis gets the timeouts of the others
 };
 
-// A median and its quartiles; not numbers where there was nothing to measure.
+// A median and its quartiles; NaN if nothing was measured.
 struct Spread {
   double median = 0;
   double lower = 0;

@@ -12,7 +12,7 @@ namespace {
 constexpr int pool = eTempServer;
 constexpr ruvo::pool cpp_pool(eTempServer);
 
-// Keeps what is computed only to be measured.
+// Keeps the compiler from removing a result that only the measurement needs.
 void keep(const void* pointer) { asm volatile("" : : "g"(pointer) : "memory"); }
 
 void require_ok(int result) { require(result == RUVO_OK); }
@@ -35,15 +35,15 @@ struct Buffer {
   unsigned long len = 0;
 };
 
-// Sizes have keys of their own.
+// Each size has keys of its own.
 std::string key_of(const char* name, std::size_t bytes) {
   return std::string("bench:") + name + ":" + std::to_string(bytes);
 }
 
-// What is captured below lives as long as the program: the operations are made once for each size.
+// The captured texts live as long as the program: the operations are made once for each size.
 const char* lasting(std::string text) { return (new std::string(std::move(text)))->c_str(); }
 
-// A member or element that no other has, of exactly so many bytes.
+// A unique member or element of exactly `bytes` bytes.
 std::string numbered(std::size_t number, std::size_t bytes) {
   std::string text = std::to_string(number);
   text.resize(bytes, 'e');
@@ -145,7 +145,7 @@ std::vector<Operation> operations_on(std::size_t bytes) {
         require_ok(RUVO_HashIncrBy(hash, "count", 5, 1, &sum, pool, nullptr));
       },
       {command(REDIS_REPLY_INTEGER, "HINCRBY %s %b %d", hash, "count", std::size_t{5}, 1)});
-  // Lists. A push and a pop belong together, so that the list stays as short as it is.
+  // Lists. A push and a pop belong together, so that the list keeps its length.
   add("LPUSH+RPOP",
       [=] {
         long long count = 0;

@@ -1,5 +1,5 @@
-// The operations that are measured, each in two forms: through the library, and as commands that a
-// program without the library gives to hiredis. One of each kind of reply, not all of them.
+// The measured operations, each in two forms: through the library, and as commands that a program
+// without the library gives to hiredis. One of each kind of reply, not all of them.
 #ifndef RUVO_BENCH_OPERATIONS_H
 #define RUVO_BENCH_OPERATIONS_H
 
@@ -29,7 +29,7 @@ struct Operation {
   std::size_t bytes;  // of each value, field value, element or member
   std::function<void()> through_library;
   std::vector<Command> commands;
-  std::function<void()> through_cpp = nullptr;  // the same with ruvo.hpp, where that is measured
+  std::function<void()> through_cpp = nullptr;  // the same with ruvo.hpp, if that is measured
 };
 
 // All operations on values of this size. Elements of lists and members of sets are as long; there
@@ -37,19 +37,19 @@ struct Operation {
 std::vector<Operation> operations_on(std::size_t bytes);
 std::size_t elements_of(std::size_t bytes);
 
-// Stores what the operations of this size expect to find.
+// Stores what the operations of this size need.
 void prepare(redisContext& context, std::size_t bytes);
 
-// Runs the commands on one connection and leaves what they answer in the reply.
+// Runs the commands on one connection and leaves their replies in the reply.
 void run_bare(const Operation& operation, redisContext& context);
 
-// Sends one command; throws std::runtime_error when the reply is not the one expected.
+// Sends one command; throws std::runtime_error if the reply is not the expected one.
 Reply run_command(const Command& command, redisContext& context);
 
-// Copies what a reply holds as the library does for its caller, and lets the copy go again.
+// Copies a reply's contents as the library does for its caller, and frees the copy.
 void copy_result(Copied what, const redisReply& reply);
 
-// Throws std::runtime_error.
+// Throws std::runtime_error if not.
 void require(bool succeeded);
 
 #endif

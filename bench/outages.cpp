@@ -1,6 +1,5 @@
-// What an outage costs a host of 16 threads: each row puts a fault below it and counts the calls
-// that fail. A row whose faults leave a server that can answer within the deadline should lose
-// none.
+// What an outage costs a host of 16 threads: each row injects a fault below it and counts the
+// failed calls. If a server can still answer within the deadline, no call should fail.
 #include <ruvo/ruvo.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -47,7 +46,7 @@ using namespace std::chrono_literals;
 constexpr const char* password = "secret";
 constexpr milliseconds fault_at = 500ms;
 constexpr milliseconds end_of_state = 1500ms;
-constexpr double most_connections = 30;  // a second, to a pool that is down
+constexpr double most_connections = 30;  // per second, to a pool that is down
 
 std::string keys = "recommended_defaults = true";
 int thread_count = 16;
@@ -55,15 +54,14 @@ int thread_count = 16;
 struct Outcome {
   SecondOfCalls all;
   SecondOfCalls last;                // second
-  double connections_a_second = -1;  // where it is looked at
-  int strayed = 0;                   // keys that were written in another pool
+  double connections_a_second = -1;  // if it is checked
+  int strayed = 0;                   // keys that were written to another pool
 };
 
 struct Row {
   const char* name;
   const char* text;
-  bool
-      is_answerable;  // there is a server that answers within the deadline, whenever a call is made
+  bool is_answerable;  // at any time, a server can answer within the deadline
   std::function<Outcome()> run;
 };
 
@@ -152,7 +150,7 @@ Outcome both_proxies_restarted() {
       3);
 }
 
-// One of two servers gets into a state and out of it again.
+// One of two servers enters a state and leaves it again.
 using OfOne = std::function<void(RedisServer& server, const RedisServer& well)>;
 Outcome one_of_two(const OfOne& enter, const OfOne& leave) {
   const RedisServer well;
@@ -162,7 +160,7 @@ Outcome one_of_two(const OfOne& enter, const OfOne& leave) {
       end_of_state - fault_at, [&] { leave(server, well); }, 3);
 }
 
-// From the start on: one that comes back loading may have been ejected before.
+// From the start on: a server that comes back loading may have been ejected before.
 Outcome one_of_two_loading() {
   const RedisServer well;
   RedisServer server;
@@ -178,7 +176,7 @@ Outcome one_of_two_at_its_limit() {
                     [&](RedisServer&, const RedisServer&) { limit.reset(); });
 }
 
-// The host starts; what it needs comes later.
+// The host starts; its servers come later.
 template <typename Arrival>
 Outcome start_before(const HostConfig& config, const Arrival& arrival) {
   return run_through(
@@ -191,7 +189,7 @@ Outcome start_before_redis() {
   return start_before(config_for(redis.addr()), [&] { redis.restart(); });
 }
 
-// The balancer accepts and closes, for want of a server.
+// The balancer accepts and closes, since it has no server.
 Outcome start_before_the_balancers_server() {
   RedisServer redis(std::string("--requirepass ") + password);
   redis.kill();
@@ -209,13 +207,13 @@ Outcome start_with_a_refused_password() {
                       [&] { limit.reset(); });
 }
 
-// Connections are counted from the first second on, when all that were open are closed.
+// Connections are counted from the first second on, when all open ones are closed.
 template <typename Fault, typename End>
 Outcome pool_down(const std::string& addr, const RedisServer& other_pools, const Fault& fault,
                   const End& end) {
   constexpr milliseconds count_from = 1000ms;
   constexpr milliseconds back_at = 3500ms;
-  constexpr int seconds = 6;  // the server has the fifth one to come back, and the host to notice
+  constexpr int seconds = 6;  // the fifth is for the server to return and for the host to notice
   const HostConfig config = config_for(addr, other_pools.addr());
   CallingHost host(config.path(), thread_count, write_or_read);
   host.wait_until(fault_at);
@@ -246,7 +244,7 @@ Outcome pool_at_its_limit() {
       redis.addr(), other_pools, [&] { limit.emplace(redis); }, [&] { limit.reset(); });
 }
 
-// The pool's second server fails: without a key of its own the command goes on in the second pool.
+// The pool's second server fails: without the key the command fails over to the second pool.
 Outcome raw_command_stays() {
   const RedisServer well;
   RedisServer redis;
@@ -306,7 +304,7 @@ const std::vector<Row>& rows() {
   return all;
 }
 
-// What is not as it should be; empty when all is.
+// Which expectations are not met; empty if all are.
 std::string judge(const Row& row, const Outcome& outcome) {
   std::string wrong;
   const auto add = [&wrong](bool is_wrong, const char* text) {
@@ -319,7 +317,7 @@ std::string judge(const Row& row, const Outcome& outcome) {
   return wrong;
 }
 
-// In a process of its own, so that no row inherits what another did to the library.
+// In a process of its own, so that no row inherits the state of the library from another.
 bool run_row(const Row& row) {
   std::fflush(stdout);
   const pid_t child = fork();

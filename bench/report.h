@@ -1,4 +1,4 @@
-// What is told of the cases that have been measured: lines on the console, rows of a file.
+// Reports the measured cases: lines on the console, rows of a file.
 #ifndef RUVO_BENCH_REPORT_H
 #define RUVO_BENCH_REPORT_H
 
@@ -9,14 +9,14 @@
 
 #include "measurement.h"
 
-// Prints the heads of the columns for cases of these sides.
+// Prints the column heads for cases of these sides.
 void print_head(const char* title, const std::vector<Side>& sides);
 void print(const Case& one, const Result& result);
 
-// A row for each side of a case, with quartiles; bench/tables.py makes the tables of it.
+// A row for each side of a case, with quartiles; bench/tables.py makes the tables from it.
 class Csv {
  public:
-  explicit Csv(const std::string& path);  // no path: nothing is kept
+  explicit Csv(const std::string& path);  // no path: nothing is written
   void write(const Case& one, const Result& result);
 
  private:

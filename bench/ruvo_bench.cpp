@@ -1,4 +1,4 @@
-// The library, with and without auto_pipelining, beside bare hiredis and beside the plainest
+// Compares the library, with and without auto_pipelining, with bare hiredis and with the simplest
 // hand-written pool, in one run against a Redis that the benchmark starts. Each round gives each
 // side a short slice of time; the ratios are taken round by round, and the table shows their median
 // and quartiles.
@@ -54,7 +54,7 @@ struct Options {
   std::string csv;
 };
 
-// The operations of each size, made once, and what they read stored in Redis.
+// The operations of each size, made once, with the data that they read stored in Redis.
 class Operations {
  public:
   explicit Operations(const RedisServer& redis) : context_(connect_to(redis.port())) {}
@@ -73,7 +73,7 @@ class Operations {
   std::map<std::size_t, std::vector<Operation>> by_bytes_;
 };
 
-// A part of the run: every combination of these. No operations: all of them.
+// A part of the run: every combination of these values. No operations: all of them.
 struct Part {
   const char* title;
   std::vector<std::string> operations{"GET"};
@@ -118,7 +118,7 @@ std::vector<Part> parts_as_asked_for(const Options& options) {
 
 std::vector<Part> parts_of_the_aims() {
   return {
-      // Where calls wait for the network, the library's without auto_pipelining wait for each other
+      // If calls wait for the network, the library's without auto_pipelining wait for each other
       // too: one distance shows it.
       {.title = "over a network, with and without auto_pipelining",
        .threads = all_threads,
@@ -197,7 +197,7 @@ std::vector<Case> cases_of(const Part& part, Operations& operations) {
   return cases;
 }
 
-// Measures and prints a part, but what an earlier one has measured.
+// Measures and prints a part, except what an earlier one has measured.
 void run_part(const Part& part, const RedisServer& redis, const Pace& pace, Operations& operations,
               Csv& csv) {
   static std::set<std::tuple<const Operation*, std::size_t, std::size_t, bool, long>> done;

@@ -51,7 +51,7 @@ Library::Library(const std::string& addr, const std::string& other_pools, std::s
           "p_connect_num = " + std::to_string(connections)) {
   using BaseLib::Logger;
   const Logger::LogLevel level = Logger::logLevel();
-  Logger::setLogLevel(Logger::FATAL);  // start-up tells of its settings at ERROR
+  Logger::setLogLevel(Logger::FATAL);  // start-up reports its settings at ERROR
   library_.emplace(config_.path());
   Logger::setLogLevel(level);
 }

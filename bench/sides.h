@@ -1,4 +1,4 @@
-// The ways to do an operation that are held against each other.
+// The compared ways to perform an operation.
 #ifndef RUVO_BENCH_SIDES_H
 #define RUVO_BENCH_SIDES_H
 
@@ -13,14 +13,14 @@
 #include "operations.h"
 #include "started_library.h"
 
-// `library`: as it is without any key; `pipelined`: with auto_pipelining.
+// `library`: without any key; `pipelined`: with auto_pipelining.
 enum class Side { library, pipelined, hiredis, pool };
 inline constexpr std::array all_sides{Side::library, Side::pipelined, Side::hiredis, Side::pool};
 inline constexpr std::array side_names{"library", "pipelined", "hiredis", "pool"};
 constexpr std::size_t index_of(Side side) { return static_cast<std::size_t>(side); }
 
-// The yardstick: hiredis alone, on a connection that no other thread uses. The result stays in the
-// reply. Without timeouts, as hiredis begins.
+// The baseline: hiredis alone, on a connection that no other thread uses. The result stays in the
+// reply. Without timeouts, hiredis' default.
 class BareConnections : NoCopy {
  public:
   BareConnections(int port, std::size_t threads, Timeout timeout);
@@ -32,9 +32,9 @@ class BareConnections : NoCopy {
   std::vector<Context> contexts_;
 };
 
-// The floor: the plainest pool that one could write by hand. Round-robin over connections, each
-// behind a mutex; a value is copied out for the caller after the mutex is free again, as the
-// library does, and the sockets have timeouts, as the library's. It does not reconnect.
+// The lower bound: the simplest pool that one could write by hand. Round-robin over connections,
+// each behind a mutex. Like the library, it copies a value for the caller after it has released the
+// mutex, and its sockets have timeouts. It does not reconnect.
 class HandWrittenPool : NoCopy {
  public:
   HandWrittenPool(int port, std::size_t connections);
@@ -62,8 +62,8 @@ class Library : NoCopy {
   std::optional<StartedLibrary> library_;
 };
 
-// While it lives, the library's lines from INFO on go to a file, through the sink and the lock that
-// come with the library. After it the threshold is WARN.
+// While it exists, the library's lines from INFO on go to a file, through the library's own sink
+// and lock. Afterwards the threshold is WARN.
 class LogFile : NoCopy {
  public:
   LogFile();

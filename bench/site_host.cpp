@@ -1,5 +1,5 @@
-// The host of scripts/site.sh: threads that write a key and read it back. Prints each second what
-// they got and what the log told, and ends with the sums.
+// The host of scripts/site.sh: threads that write a key and read it back. Prints the results and
+// the log's kinds of lines each second, and ends with the sums.
 //
 //   site_host --config sruvo.conf --seconds 20 --threads 16
 #include <ruvo/ruvo.h>
@@ -35,7 +35,7 @@ std::string kind_of(const LogEvent& event) {
   return kind;
 }
 
-// What the log told since it was last taken.
+// The log's lines since they were last taken.
 class ToldKinds {
  public:
   using Counts = std::map<std::string, long>;
@@ -64,10 +64,10 @@ Kinds most_frequent_first(const ToldKinds::Counts& counts) {
   return kinds;
 }
 
-// A thread's key holds the number of its latest write. A failed one may have been carried out.
+// A thread's key holds the number of its latest write. A failed write may have been carried out.
 struct Key {
   std::string name;
-  long acknowledged = 0;  // the latest write that is known to be there
+  long acknowledged = 0;  // the latest write that is known to be stored
   long written = 0;
   bool is_read_next = false;
 };
@@ -116,7 +116,7 @@ class Site {
   }
 
   std::vector<Key> keys_;
-  std::atomic<long> lost_writes_{0};  // acknowledged, and later not there any more
+  std::atomic<long> lost_writes_{0};  // acknowledged, and later missing
 };
 
 void print_row(const std::string& when, const SecondOfCalls& calls, long lost_writes,

@@ -1,5 +1,5 @@
-// How long a start-up takes with many servers and connections, of which some are down, and what a
-// call pays for each ejected server that it passes by.
+// How long a start-up takes with many servers and connections, some of them down, and what each
+// ejected server costs a call that skips it.
 #include <stream_log/logger.h>
 
 #include <algorithm>
@@ -44,7 +44,7 @@ double median(std::vector<double> values) {
   return *middle;
 }
 
-// One pool has the servers; the others have one each, and are the same in every row.
+// One pool has the servers; each of the others has one, the same in every row.
 double start_time(const Servers& servers, int connections, const RedisServer& redis,
                   const DownServer& down) {
   const HostConfig config(pools_at(list_of(servers, redis, down), redis.addr(), redis.addr()),
@@ -72,7 +72,7 @@ double call_time(const Servers& servers, Logger::LogLevel level, const RedisServ
     }
   };
   for (int i = 0; i < 2 * (servers.up + servers.down); ++i) {
-    call();  // until what is down is ejected
+    call();  // until the servers that are down are ejected
   }
   Logger::setLogLevel(level);
   std::vector<double> times;

@@ -88,8 +88,8 @@ std::size_t Tape::next(char* buffer, std::size_t size, bool peeks) {
 
 bool Tape::has_more() const { return position_ < replies_[reply_].size(); }
 
-// In place of the C library's own: exported, so that the shared libraries find these. Those with
-// "chk" are what checked calls of the library become.
+// Replaces the C library's functions: exported, so that the shared libraries find these. Checked
+// calls of the library use those with "chk".
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name,bugprone-reserved-identifier)
 extern "C" {
 
@@ -126,8 +126,8 @@ EXPORTED ssize_t sendmsg(int fd, const msghdr* message, int flags) {
   return send_or_swallow(size, [=] { return syscall(SYS_sendmsg, fd, message, flags); });
 }
 
-// What is asked for has come, or its time is over at once. Under other names in here, since the
-// system's header declares that these do not read what they are given.
+// The data is there at once, or the time is over. Other names here, since the system's header
+// declares that these functions do not read their arguments.
 int play_or_poll(pollfd* fds, nfds_t count, const timespec* timeout,
                  const sigset_t* signals) asm("ppoll");
 int play_or_poll_checked(pollfd* fds, nfds_t count, const timespec* timeout,

@@ -1,9 +1,9 @@
-// Takes the network away from a program: what a server has answered once is answered again from
-// memory, without a system call. What is left is the time and the instructions of user space, and
-// each run has the same.
+// Removes the network from a program: the recorded replies of a server are played from memory,
+// without a system call. What remains is the time and the instructions of user space, the same in
+// each run.
 //
-// It stands in for read(2), recv(2), write(2), send(2), sendmsg(2) and ppoll(2) of the whole
-// program, shared libraries included. Use it in a single thread.
+// It replaces read(2), recv(2), write(2), send(2), sendmsg(2) and ppoll(2) of the whole program,
+// shared libraries included. Use it in a single thread.
 #ifndef RUVO_BENCH_TAPE_H
 #define RUVO_BENCH_TAPE_H
 
@@ -18,11 +18,11 @@ class Tape {
   Tape(const Tape&) = delete;
   Tape& operator=(const Tape&) = delete;
 
-  // What is read from now on is kept, a reply for each command that is sent.
+  // Records from now on what is read, a reply for each command that is sent.
   void record();
-  // From now on commands are swallowed, and the replies come in turn, over and over.
+  // From now on commands are discarded, and the replies are repeated in their order.
   void play();
-  // From now on everything goes to the system again.
+  // From now on all calls go to the system again.
   static void stop();
 
   void sent();

@@ -1,5 +1,5 @@
-// What becomes of a host while one of its two servers hangs: without any key and as a new site is
-// configured. Writes a row for each second; scripts/plot_worst_case.sh draws it.
+// What happens to a host while one of its two servers hangs: without any key and with a new site's
+// configuration. Writes a row for each second; scripts/plot_worst_case.sh draws it.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
