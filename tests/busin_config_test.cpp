@@ -115,14 +115,14 @@ TEST(ReaderLifecycle, OpensReopensReloadsAndCloses) {
   EXPECT_EQ(config.open(path.c_str()), 0);  // the loaded path: nothing is read
   EXPECT_EQ(config.open(dir.path("missing").c_str()), -1);
   EXPECT_EQ(k("s"), "1");
-  // A text replaces the sections and leaves the path.
+  // A text replaces the sections and keeps the path.
   ASSERT_EQ(config.open("[t]\nk=3", true), 0);
   EXPECT_EQ(config.open(path.c_str()), 0);
   testing::internal::CaptureStdout();
   EXPECT_EQ(config.open("", true), -1);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "vop_config::open get configure failed!\n");
   EXPECT_EQ(k("t") + k("s"), "3(null)");
-  // Reloading works on the shared reader, whatever it is called on.
+  // Reloading works on the shared reader, whatever object it is called on.
   EXPECT_EQ(config.cfg_reload(path.c_str()), 0);
   EXPECT_EQ(shared_k() + k("s"), "2(null)");
   dir.write("one", "[s]\nk=4\n");
@@ -132,7 +132,7 @@ TEST(ReaderLifecycle, OpensReopensReloadsAndCloses) {
   EXPECT_EQ(config.close(), 0);
   EXPECT_EQ(k("t"), "(null)");
   EXPECT_TRUE(config.cfg_changed());
-  EXPECT_EQ(config.open(path.c_str()), 0);  // closed: read anew
+  EXPECT_EQ(config.open(path.c_str()), 0);  // closed: read again
   EXPECT_EQ(k("s"), "4");
 }
 

@@ -1,4 +1,4 @@
-// ruvo_chaos on an operator's servers. What it does on its own is run by CTest itself.
+// ruvo_chaos on an operator's servers. CTest itself runs it on its own servers.
 #include <gtest/gtest.h>
 
 #include "servers.h"
@@ -29,7 +29,7 @@ TEST(Chaos, RefusesServersThatHoldOtherKeys) {
   EXPECT_EQ(told.status, 0) << told.output;
 
   redis.ask("DEL somebody:1");
-  EXPECT_NE(redis.ask("DBSIZE"), "0");  // its own, of the run before
+  EXPECT_NE(redis.ask("DBSIZE"), "0");  // its own, of the previous run
   const Ended own = chaos_on(redis.addr(), "");
   EXPECT_EQ(own.status, 0) << own.output;
 

@@ -1,5 +1,5 @@
-// What ruvo_cli tells of configurations and servers: check, watch, and what every command says of
-// files and passwords.
+// What ruvo_cli says about configurations and servers: check, watch, and what every command says
+// about files and passwords.
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -310,7 +310,7 @@ TEST(CliWatch, AWalkThatComesRoundEjectsNobody) {
   expect_told(tool, "watch --rounds 1", 5, {down.addr() + counts, other.addr() + counts});
 }
 
-// By itself it would end after a minute.
+// Without the signal it would end after a minute.
 TEST(CliWatch, EndsInItsOwnTimeWhenASignalAsksItTo) {
   const RedisServer redis;
   const Tool tool(all_pools_at(redis.addr()));

@@ -1,5 +1,4 @@
-// Parts of ruvo_cli by themselves: its exit statuses, numbers, values, and what it makes of the
-// log.
+// Parts of ruvo_cli by themselves: its exit statuses, numbers, values, and its reading of the log.
 #include <gtest/gtest.h>
 #include <ruvo/ruvo.h>
 
@@ -108,7 +107,7 @@ TEST_F(Log, ShowsFromALevelOnOrKeepsTheLatestTroubleBack) {
     for (const auto level : {Logger::INFO, Logger::WARN, Logger::ERROR}) {
       write(level, "level " + std::to_string(level));
     }
-    write(Logger::ERROR, "t_par_val: a:1\n");  // an error line that tells of nothing wrong
+    write(Logger::ERROR, "t_par_val: a:1\n");  // an error line without a fault
   };
   const auto lines = [](const std::string& text) {
     return std::count(text.begin(), text.end(), '\n');

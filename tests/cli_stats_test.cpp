@@ -18,7 +18,7 @@ namespace {
 using nlohmann::json;
 using std::chrono::microseconds;
 
-// A host's pools, with a file of theirs.
+// A host's pools, with their file.
 class Host {
  public:
   explicit Host(const std::string& path, const std::string& ip = "127.0.0.1", int port = 6379)
@@ -111,7 +111,7 @@ TEST(CliStats, ShowsRatesSinceTheLastLook) {
   EXPECT_LE(looks[1]["calls_per_second"], 500);
   EXPECT_GT(looks[1]["calls_per_second"], 5);
   EXPECT_GT(looks[1]["seconds"]["p50"], 0.05);
-  EXPECT_EQ(looks[2]["calls"], 0);  // the host has begun anew
+  EXPECT_EQ(looks[2]["calls"], 0);  // the host has restarted
   EXPECT_EQ(looks[2]["calls_per_second"], 0.0);
   EXPECT_EQ(looks[2]["servers"].size(), 3U);
 }

@@ -1,4 +1,4 @@
-// How far the opening of a connection comes, and what a new connection is set to.
+// How far the opening of a connection gets, and the settings of a new connection.
 #include "connection.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ constexpr timeval second{1, 0};
 constexpr timeval moment{0, 200000};
 constexpr timeval none{-1, 0};
 
-const std::string two = "+OK\r\n+of another\r\n";  // the second was asked for by nobody
+const std::string two = "+OK\r\n+of another\r\n";  // nobody asked for the second
 
 constexpr auto ERROR = BaseLib::Logger::ERROR;
 
@@ -70,7 +70,7 @@ TEST(Connection, TellsWhyAServerIsOutOfReach) {
     EXPECT_EQ(opened.outcome, open_outcome::unreachable);
     EXPECT_STREQ(error_text(opened.context.get()), one.error);
   }
-  // The highest port there is: whoever is there, it is tried.
+  // The highest port: whether or not a server is there, the library tries it.
   EXPECT_NE(open_connection({"127.0.0.1", 65535}, {second, second, ""}).context, nullptr);
 }
 
@@ -106,7 +106,7 @@ TEST(Connection, BelievesArraysUpToALimit) {
   }
 }
 
-// Which socket that is: the number alone may be another's as soon as it is closed.
+// Identifies the socket: another one may get the number as soon as it is closed.
 ino_t socket_at(int fd) {
   struct stat info {};
   return fstat(fd, &info) == 0 ? info.st_ino : 0;
@@ -141,7 +141,7 @@ TEST(Connection, ATornContextIsClosedAndNotFreed) {
   }
 }
 
-// A pool whose server does not answer its password, or says more, keeps the slot.
+// A server that does not answer its pool's password, or sends too much, keeps the slot.
 TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
   std::atomic<bool> answers{false};
   const ScriptedServer silent([&](Peer& peer) {
@@ -176,8 +176,8 @@ TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
     EXPECT_EQ(log.count_containing("| connect to node"), 3 * 3);
     conn_node& talking = pool.servers_[4].context_arr_[0];
     EXPECT_EQ(client.reset_connection(talking, pool.servers_[4].addr_), nullptr);
-    EXPECT_TRUE(is_broken(talking.context_));  // as it was: no caller gets the reply of another
-    // Rebuilding is held no longer, and works once the server answers.
+    EXPECT_TRUE(is_broken(talking.context_));  // as it was: no caller gets another's reply
+    // Rebuilding is held up no longer, and works once the server answers.
     server_node& server = pool.servers_[0];
     const redisContext* failed = server.context_arr_[0].context_;
     EXPECT_EQ(client.reset_connection(server.context_arr_[0], server.addr_), nullptr);

@@ -59,7 +59,7 @@ TEST_F(Example, ClientsAreLimitedUntilTheirWindowEnds) {
   EXPECT_TRUE(limiter.allow("ada").failed());
 }
 
-// What the unit tests of login_test.cpp say with a backend of their own holds with Redis, too.
+// The claims of login_test.cpp, which has a backend of its own, hold with Redis, too.
 TEST_F(Example, TheServiceAnswers) {
   const login_service<ruvo::pool> service(pool_);
   EXPECT_EQ(service.answer("who ada"), "not logged in");

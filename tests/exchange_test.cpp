@@ -1,4 +1,4 @@
-// One command and one reply: what is sent, what is made of what comes, and SIGPIPE.
+// One command and one reply: what is sent, how a reply is read, and SIGPIPE.
 #include "exchange.h"
 
 #include <gtest/gtest.h>
@@ -90,7 +90,7 @@ TEST_F(Exchange, ARefusedTemplateIsAnErrorOfTheConnection) {
 
 volatile std::sig_atomic_t raised = 0;
 
-// Calls, and its server vanishes after each answer; then writes to a pipe that nobody reads.
+// Makes calls, and the server vanishes after each answer; then writes to a pipe without a reader.
 [[noreturn]] void lose_the_server_a_hundred_times() {
   std::atomic<int> gone{0};
   const ScriptedServer vanishes([&](Peer& peer) {
@@ -110,7 +110,7 @@ volatile std::sig_atomic_t raised = 0;
       std::_Exit(5);
     }
   }
-  // Where the news of the end is late, a read finds it out instead of a write.
+  // If the news of the end is late, a read detects it instead of a write.
   if (log.count_containing("err:Broken pipe") < 50 || raised != 0) {
     std::_Exit(2);
   }

@@ -30,7 +30,7 @@ TEST(Memory, WithoutAnInstanceOrMemoryEveryCallSaysSo) {
         no_memory = false;
         ok = ok && RUVO_Fini() == RUVO_ERR_NOT_INITIALIZED;  // now there is an instance
         no_memory = true;
-        ok = ok && RUVO_Init(config.path()) == RUVO_ERR_NO_MEMORY;  // no exception comes out
+        ok = ok && RUVO_Init(config.path()) == RUVO_ERR_NO_MEMORY;  // no exception escapes
         std::_Exit(ok ? 0 : 1);
       },
       testing::ExitedWithCode(0), "");
@@ -104,7 +104,7 @@ TEST(Exports, ACancelledThreadFinishesItsCall) {
   RUVO_Fini();
 }
 
-// With all commands that an operation sends: a number, which each of them takes for an answer.
+// With all commands that an operation sends: the answer is a number, which each of them accepts.
 TEST(Exports, EachStaysInThePoolThatItsCallerNames) {
   const std::string number = ":1\r\n";
   std::array<std::atomic<int>, 3> commands{};

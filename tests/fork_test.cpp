@@ -34,14 +34,14 @@ int wrong_values(const std::string& who) {
 
 struct Case {
   const char* options;
-  int others;  // threads that are inside calls while the process forks
+  int others;  // threads inside calls while the process forks
 };
 
 void PrintTo(const Case& one, std::ostream* out) {
   *out << one.options << (one.others > 0 ? ", other threads" : "");
 }
 
-// Another thread may have AddressSanitizer's allocator locked at the fork: the child then waits.
+// Another thread may have locked AddressSanitizer's allocator at the fork: the child then waits.
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool has_others = false;
 #else
@@ -88,7 +88,7 @@ TEST_P(Fork, ParentAndChildKeepTheirRepliesApart) {
   stop = true;
   others.clear();
   EXPECT_EQ(others_wrong, 0);
-  EXPECT_EQ(log.count_containing("reset connection"), 0);  // the parent's go on
+  EXPECT_EQ(log.count_containing("reset connection"), 0);  // the parent keeps its own
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 

@@ -1,4 +1,4 @@
-// What a host's calls leave in its statistics file.
+// What a host's calls write to its statistics file.
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 #include <ruvo/stats.h>
@@ -78,7 +78,7 @@ TEST(HostStatistics, EveryCallIsCountedByItsResult) {
   EXPECT_EQ(numbers.pool.results[RUVO_STATS_NO_SERVER], 2U);
   EXPECT_EQ(numbers.server.no_replies, numbers.server.failed_reconnects);
   EXPECT_GE(numbers.server.failed_reconnects, 2U);
-  EXPECT_EQ(numbers.server.second_sends, 0U);  // nothing has left
+  EXPECT_EQ(numbers.server.second_sends, 0U);  // nothing has been sent
   redis.restart();
   EXPECT_EQ(insert("k"), RUVO_OK);
   numbers = Numbers(dir.path("s"));
@@ -123,7 +123,7 @@ TEST(HostStatistics, AServerThatWillNotServeShows) {
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 
-// Without auto_pipelining the second call waits for the connection, with it both are in flight.
+// Without auto_pipelining the second call waits for the connection; with it both are in flight.
 TEST(HostStatistics, WhatIsUnderWayShows) {
   std::promise<void> asked;
   const ScriptedServer slow([released = asked.get_future().share()](Peer& peer) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Every conversion with every odd modifier, and what else a key may be made of.
+// Every conversion with every odd modifier, and other parts of keys.
 std::vector<std::string> hostile_keys() {
   std::vector<std::string> keys{"", std::string(65536, 'k')};
   for (const char* directive : {"%n", "%s%n", "%*d", "%2147483648d", "%99$s", "%", "%%"}) {
@@ -96,7 +96,7 @@ TEST(HostileInput, FilesThatAreNone) {
     ruvo_cfg.close();
     return ret;
   };
-  // One file that is both.
+  // One file that serves as both.
   const auto content = [&](const std::string& path) {
     return "\n[redis_cfg]\nredis_cfg_path = " + path + "\n[common]\n" + all_pools_at(redis.addr());
   };

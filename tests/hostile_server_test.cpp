@@ -1,5 +1,5 @@
-// A server that answers with damaged replies: every call comes back in time, with a result that it
-// may have, and leaves nothing behind (which AddressSanitizer sees).
+// A server that answers with damaged replies: every call returns in time, with one of its allowed
+// results, and leaks nothing (which AddressSanitizer checks).
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -23,7 +23,7 @@ const std::vector<std::string> lengths = {
     "9223372036854775807", "-9223372036854775808", "99999999999999999999", " 1", std::string(3000, '9')};
 // clang-format on
 
-// One damaged reply, and how it is sent. The same number makes the same one.
+// One damaged reply, and how it is sent. The same seed gives the same one.
 class Damage {
  public:
   explicit Damage(std::uint64_t number) : random_(number) {
@@ -102,7 +102,7 @@ TEST(HostileServer, CannotHarmItsCallers) {
                             pools_at(server.addr(), server.addr(), server.addr()));
     LogCapture log;  // every line is written
     ASSERT_EQ(start(config), RUVO_OK);
-    // Two commands of two visits (a raw one six), and a time-out for each piece of a reply.
+    // Two commands of two visits (a raw one six), and a timeout for each piece of a reply.
     const milliseconds bound = 6 * milliseconds(1000 + 4 * 6 * 20);
     for (std::uint64_t number = seed; number < seed + 50; ++number) {
       for (std::size_t i = 0; i < operations.size(); ++i) {

@@ -95,7 +95,7 @@ class Judging : public testing::Test {
     printed();
     testing::internal::GetCapturedStdout();
   }
-  // `before` the call, what happens `during` it.
+  // Runs `before`, then a call during which `during` happens.
   void judge(const std::vector<Step>& before, const std::vector<Step>& during,
              const Call& call = typed, int result = RUVO_ERR_FAILED) {
     for (const Step& step : before) {
@@ -107,7 +107,7 @@ class Judging : public testing::Test {
     }
     judge_.call_ended(call, result);
   }
-  // Since the last call. The failures are in it, too.
+  // The output since the last call, including the failures.
   static std::string printed() {
     std::string text = testing::internal::GetCapturedStdout();
     std::cerr << (HasFailure() ? text : "");
@@ -249,7 +249,7 @@ TEST_F(Judging, AfterALongOutageCallsFailUntilOneIsServed) {
   judge({outage(), half_a_deadline}, {half_a_deadline});  // another one
   EXPECT_EQ(judge_.failures(in_a_long_outage), 4);
   EXPECT_EQ(judge_.waited_again(), 1);
-  judge({end_of_outage(), outage()}, {});  // still the same, since none was served in between
+  judge({end_of_outage(), outage()}, {});  // still the same outage: no call was served in between
   EXPECT_EQ(judge_.failures(in_a_long_outage), 5);
   judge({end_of_outage(), wait_a_moment()}, {}, typed, RUVO_OK);
   judge({outage()}, {});
@@ -350,7 +350,7 @@ TEST_F(Judging, EjectionsAreFollowedFromTheLog) {
   EXPECT_EQ(events.ejected, std::set<std::string>{one});
   EXPECT_EQ(events.rebuilds - before.rebuilds, 0);
   EXPECT_EQ(events.failed_rebuilds - before.failed_rebuilds, 1);
-  judge({}, {rebuild(one), no_rebuild(one), rebuild(one)}, typed, RUVO_OK);  // well again
+  judge({}, {rebuild(one), no_rebuild(one), rebuild(one)}, typed, RUVO_OK);  // up again
   events = server_events();
   EXPECT_TRUE(events.ejected.empty());
   EXPECT_EQ(events.rebuilds - before.rebuilds, 1);

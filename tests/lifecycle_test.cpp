@@ -1,4 +1,4 @@
-// Start and end, over and over and from many threads; use before and after.
+// Start and end, repeatedly and from many threads; use before and after.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Every operation, from several threads at once, says that the library is not ready.
+// Every operation, from several threads at once, returns that the library is not ready.
 void expect_nothing_works() {
   std::vector<std::jthread> threads;
   for (int t = 0; t < 4; ++t) {
@@ -64,7 +64,7 @@ TEST_F(LifeCycle, ManyStartAndEndAtOnce) {
           together.arrive_and_wait();
           EXPECT_EQ(RUVO_Init(config_.path()), RUVO_OK);
           together
-              .arrive_and_wait();  // one of them has made the library ready, and all have come back
+              .arrive_and_wait();  // one of them has made the library ready, and all have returned
           const std::string key = std::to_string(t);
           EXPECT_EQ(RUVO_InsertKey(key.c_str(), "v", 1, -1, t, nullptr), RUVO_OK);
           together.arrive_and_wait();

@@ -10,7 +10,7 @@ using Fields = std::vector<std::pair<Field, std::string>>;
 TEST(LogEvents, ALineBecomesAnEventWithItsServerAndItsNumbers) {
   using F = Field;
   using K = EventKind;
-  // The fields are those besides address and port. The last rows are nearly lines of the library.
+  // The fields are those besides address and port. The last rows are almost lines of the library.
   // clang-format off
   struct { const char* level; std::string text; K kind; std::string server; Fields others; }
       const cases[] = {

@@ -1,4 +1,4 @@
-// The library's way out for a log line, and the limit for lines of a kind. The clock is the test's.
+// Writing log lines, and the limit for lines of a kind. The clock is the test's.
 #include "log_line.h"
 
 #include <gtest/gtest.h>
@@ -63,7 +63,7 @@ TEST_F(Log, LimitKeepsLinesOfAKindBackAndTellsHowMany) {
     EXPECT_EQ(log_.count_containing("other kind"), other);
     EXPECT_EQ(log_.count_containing("no trouble"), info);
   };
-  const std::time_t first = now += 10;  // a second that has had no lines
+  const std::time_t first = now += 10;  // a second without lines
   set_log_limit(1);
   for (; now < first + 2; ++now) {
     for (int i = 0; i < 10; ++i) {
@@ -84,7 +84,7 @@ TEST_F(Log, LimitKeepsLinesOfAKindBackAndTellsHowMany) {
     write(0);
   }
   write(0);
-  now = first;  // as a thread sees it that looked at the clock just before the others
+  now = first;  // as seen by a thread that read the clock just before the others
   std::thread([&] { write(0); }).join();
   counts(1, 1, 3);
   set_log_limit(2);
@@ -106,9 +106,9 @@ TEST_F(Log, LimitKeepsLinesOfAKindBackAndTellsHowMany) {
   counts(3, 3, 3);
 }
 
-// All lines of start-up and shut-down are written, whatever the limit; after it none holds.
+// All lines of start-up and shutdown are written, whatever the limit; afterwards there is no limit.
 TEST_F(Log, LimitBeginsFromOffAtEveryStartUp) {
-  now += 10;  // a second that has had no lines
+  now += 10;  // a second without lines
   const DownServer down;
   const ScriptedServer good(std::string("$-1\r\n"));
   const std::string addrs = good.addr() + "," + down.addr() + "," + down.addr();

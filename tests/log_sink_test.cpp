@@ -40,7 +40,7 @@ TEST_F(LogSink, EveryModeAppendsAndTheFirstEndsAnOpenLine) {
     EXPECT_EQ(std::fgetc(stream), mode < 2 ? 'o' : EOF) << mode;
   }
   dir_.write("log", "old\n");
-  ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);  // closes the former file
+  ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);  // closes the previous file
   EXPECT_EQ(sink_.write("a\0b", std::size_t{3}), 3);
   EXPECT_EQ(sink_.size(), 7);
   EXPECT_EQ(content(), std::string("old\na\0b", 7));
@@ -65,7 +65,7 @@ TEST_F(LogSink, EmptiesAndBacksUp) {
   EXPECT_EQ(sink_.empty(), 0);
   EXPECT_EQ(content(), "");
   sink_.write("kept");
-  EXPECT_EQ(sink_.backup(dir_.path("LOG").c_str()), 0);  // its own name: left alone
+  EXPECT_EQ(sink_.backup(dir_.path("LOG").c_str()), 0);  // its own name: unchanged
   EXPECT_EQ(content(), "kept");
   EXPECT_EQ(sink_.backup(dir_.path("copy").c_str()), 0);
   EXPECT_EQ(content("copy") + "|" + content(), "kept|");
@@ -73,7 +73,7 @@ TEST_F(LogSink, EmptiesAndBacksUp) {
   EXPECT_EQ(sink_.backup(dir_.path("copy").c_str()), 0);
   EXPECT_EQ(content("copy") + "|" + content(), "not yet flushed|");
   sink_.write("stays");
-  // One byte more than a command has room for.
+  // One byte more than the command's buffer holds.
   EXPECT_EQ(sink_.backup(std::string(512 - path_.size() - 4, 'x').c_str()), -1);
   EXPECT_EQ(sink_.backup(std::string(600, 'x').c_str()), -1);
   EXPECT_EQ(content(), "stays");

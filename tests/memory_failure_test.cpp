@@ -1,4 +1,4 @@
-// One allocation after the other fails: in a start-up, in every operation, in a shut-down.
+// One allocation after the other fails: in a start-up, in every operation, in a shutdown.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,16 +14,16 @@ class MemoryFailure : public testing::Test {
  protected:
   MemoryFailure() {
     BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char*, std::size_t) {});
-    BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // lines may have no memory
-    // The process takes what it takes once.
+    BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // lines may lack memory
+    // Makes the allocations that a process makes only once.
     EXPECT_EQ(start(config_), RUVO_OK);
     for (const Operation& one : operations) {
       one.call(one.name);
     }
     EXPECT_EQ(RUVO_Fini(), RUVO_OK);
   }
-  // Calls while the allocation with this number fails. Stores the result; false when it met no
-  // failure.
+  // Calls while the allocation with this number fails, and stores the result. False if the call met
+  // no failure.
   template <typename Call>
   static bool fails(int number, int& result, Call call) {
     allocations = 0;
@@ -41,7 +41,7 @@ TEST_F(MemoryFailure, InAStartUp) {
   const int descriptors = open_descriptors();
   const int live = live_allocations;
   int status = 0;
-  for (int number = 0; status == 0; ++number) {  // each in a process of its own: one fails for good
+  for (int number = 0; status == 0; ++number) {  // each in its own process: one fails for good
     const pid_t child = fork();
     if (child == 0) {
       int ret = 0;
@@ -75,7 +75,7 @@ TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
       EXPECT_TRUE(one.may_return(ret) || ret == RUVO_ERR_NO_MEMORY)
           << one.name << " " << number << ": " << ret;
     }
-    EXPECT_NE(ret, RUVO_ERR_FAILED) << one.name;  // once there is memory again, it goes on
+    EXPECT_NE(ret, RUVO_ERR_FAILED) << one.name;  // it recovers once there is memory again
   }
   for (int number = 0; fails(number, ret, RUVO_Fini); ++number) {
     EXPECT_EQ(ret, RUVO_OK);

@@ -1,4 +1,4 @@
-// A network that fails in every way: what a call returns then, and how long it takes.
+// A network that fails in every way: a call's result, and its duration.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -33,7 +33,7 @@ ScriptedServer::Script each(Answer answer) {
   };
 }
 
-// A machine that takes no more connections: its system drops the packets.
+// A machine that accepts no more connections: its system drops the packets.
 class FullServer : public DownServer {
  public:
   FullServer() {
@@ -56,14 +56,14 @@ class FullServer : public DownServer {
 struct Row {
   const char* what;
   ScriptedServer::Script server;
-  milliseconds least;    // what a visit costs by the operations guide
-  int alone;             // the result where there is no other server; with a good one it is 0
+  milliseconds least;    // what a visit costs according to the operations guide
+  int alone;             // the result if there is no other server; with a good one it is 0
   bool in_bound = true;  // long replies may take up to S for each piece: no bound holds
 };
 
 class Network : public testing::Test {
  protected:
-  // One typed call; its time is checked here.
+  // One typed call, whose time is checked.
   int query(milliseconds least, milliseconds most) {
     const char* data = nullptr;
     unsigned long len = 0;
@@ -77,7 +77,7 @@ class Network : public testing::Test {
     delete[] data;
     return ret;
   }
-  // The same for a raw one; does it get a reply?
+  // The same for a raw call; does it get a reply?
   bool query_raw(milliseconds most, ...) {
     va_list none;
     va_start(none, most);
@@ -137,7 +137,7 @@ TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
       EXPECT_TRUE(query_raw(raw_bound(2)));
     }
   }
-  EXPECT_EQ(log_.count_containing("invalid, failure count"), 0);  // all of them take connections
+  EXPECT_EQ(log_.count_containing("invalid, failure count"), 0);  // all of them accept connections
 }
 
 TEST_F(Network, AMachineThatTakesNoConnectionIsGivenUpAndEjected) {

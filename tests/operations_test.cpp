@@ -30,7 +30,7 @@ class Session : NoCopy {
   ~Session() { RUVO_Fini(); }
 };
 
-// Where the calls below leave their results.
+// The results of the calls below.
 long long number = 0;
 const char* data = nullptr;
 unsigned long len = 0;
@@ -39,9 +39,9 @@ std::vector<std::string> texts;
 
 using Call = std::function<int()>;
 
-// ---- What is sent, and what each reply becomes: against a server that answers as it is told ----
+// ---- The commands sent, and the result of each reply: against a server with scripted answers ----
 
-// Is the line as expected? Three dots at the end stand for anything.
+// Does the line match? Three dots at the end stand for any text.
 bool is_as(const LogCapture::Line& expected, const LogCapture::Line& line) {
   const std::string whole = "ruvo_redis::" + expected.text;
   return line.level == expected.level &&
@@ -215,7 +215,7 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
   }
 }
 
-// ---- What is refused before anything is sent ----
+// ---- Calls that are refused before anything is sent ----
 
 TEST(Operations, RefuseNullPointersAndWhatIsTooLong) {
   const char* none = nullptr;
@@ -273,7 +273,7 @@ TEST(Operations, RefuseNullPointersAndWhatIsTooLong) {
                 (std::vector<LogCapture::Line>{{ERROR, "ruvo_redis::" + one.name + " | " + told}}));
     }
     for (const Operation& one : operations) {
-      if (one.unready() == RUVO_ERR_NOT_INITIALIZED) {  // a raw command takes the key into a format
+      if (one.unready() == RUVO_ERR_NOT_INITIALIZED) {  // a raw command uses the key as a format
         EXPECT_EQ(one.call(nullptr), initialised ? RUVO_ERR_NULL_ARGUMENT : one.unready());
         const std::vector<LogCapture::Line> lines = log.take();
         ASSERT_FALSE(lines.empty()) << one.name;

@@ -1,4 +1,4 @@
-// What a site may switch on: what each key does.
+// The effect of each key that a site may switch on.
 #include "options.h"
 
 #include <gtest/gtest.h>
@@ -18,11 +18,11 @@ constexpr auto WARN = BaseLib::Logger::WARN;
 constexpr auto ERROR = BaseLib::Logger::ERROR;
 
 constexpr int at_start = 3;     // connections to a server that is in each pool
-constexpr milliseconds S(200);  // socket time-out where a server hangs
+constexpr milliseconds S(200);  // socket timeout if a server hangs
 const std::string hanging = "socket_timeout = 200\n";
 const std::string nil = "$-1\r\n";
 
-// Answers by the number of the connection: those of the start-up, and those that came later.
+// Answers by the number of the connection: those from start-up first, then later ones.
 ScriptedServer::Script later(ScriptedServer::Script first, ScriptedServer::Script then) {
   return [first, then](Peer& peer) { (peer.number() < at_start ? first : then)(peer); };
 }
@@ -78,7 +78,7 @@ TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
       {hang, true, {0, 1, 2, 2}},
       {close_it, true, {0, 1, 2, 2}},  // it takes every new connection
       {close_it, false, {1, 0, 0}}, {later(close_it, answer), true, {1, 0}},
-      {answer, true, {0, 0}, "GET %z"},  // a template that hiredis refuses is nobody's failure
+      {answer, true, {0, 0}, "GET %z"},  // a template that hiredis refuses is no server's failure
   };
   // clang-format on
   const ScriptedServer good(nil);
@@ -108,7 +108,7 @@ TEST_F(Options, EjectSilentServersClearsFailuresWithAnyReplyOnTheNewConnection) 
   EXPECT_EQ(failures(0), 1);
 }
 
-// The server whose turn it is has just gone; the other is up, but ejected for an earlier fault.
+// The next server has just gone down; the other is up, but ejected for an earlier fault.
 TEST_F(Options, TryEjectedServersAnswersFromAServerThatWasPassedOver) {
   const ScriptedServer up(answer);
   for (const bool tries : {false, true}) {
@@ -134,14 +134,14 @@ TEST_F(Options, TryEjectedServersTakesTheOneWhoseTurnItIs) {
             1);
   EXPECT_EQ(get(), -1);
   EXPECT_EQ(log_.count_containing("reset_connection | reset connection"), 3);  // each once
-  // Each rests now, and a call that finds nothing else fails without trying any.
+  // Each rests now, and a call that finds no other server fails without a probe.
   EXPECT_EQ(get(), -1);
   EXPECT_EQ(log_.count_containing("reset_connection | reset connection"), 3);
   client_->fini_server_pool(pool_in(*client_));
   EXPECT_EQ(client_->get_server_node(eTempServer, -1), nullptr);
 }
 
-// The README's first configuration: its one server may be away for as long as calls may take.
+// The README's first configuration: its one server may be down for as long as a call may take.
 TEST_F(Options, TheReadmesServerMayRestart) {
   RedisServer redis;
   std::ifstream readme(RUVO_README);
@@ -194,7 +194,7 @@ TEST_F(Options, TryEjectedServersLetsNoCallFailWhereOneIsUp) {
   EXPECT_GT(log_.count_containing("all servers invalid"), 0);
 }
 
-// What a call of 100 ms starts and does not start any more once a step has taken longer.
+// What a call of 100 ms still starts once a step has taken longer.
 TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
   // clang-format off
   const struct { const char* before; ScriptedServer::Script script; int connections; } cases[] = {
@@ -229,7 +229,7 @@ TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
   }
 }
 
-// The second command needs a new connection when the first has used up the time of one command.
+// The second command needs a new connection after the first has used the time of one command.
 TEST_F(Options, CallTimeoutIsSharedWithTheSecondCommand) {
   const ScriptedServer server([&](Peer& peer) {
     for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
@@ -263,7 +263,7 @@ TEST(PoolOutage, IsGivenUpWhenTheFirstDeadlineOfThoseThatWaitComes) {
   const time_point later = begin + milliseconds(1);
   pool_outage outage;
   EXPECT_TRUE(outage.join(names, later, later + T, true));
-  EXPECT_TRUE(outage.join(names, begin, begin + T, true));  // was longer about finding no server
+  EXPECT_TRUE(outage.join(names, begin, begin + T, true));  // took longer to find no server
   EXPECT_TRUE(outage.join(names, begin, begin + T, false));
   EXPECT_FALSE(outage.join(names, begin + T, begin + 2 * T, true));
   const LogCapture log(BaseLib::Logger::INFO);

@@ -1,5 +1,5 @@
-// Calls that share a connection (auto_pipelining): what leaves together, what waits, and who pays
-// for a command that stalls, a connection that breaks or a reply that nobody asked for.
+// Calls that share a connection (auto_pipelining): which commands share a write, which wait, and
+// which fail after a command that stalls, a connection that breaks or an unexpected reply.
 #include "pipeline.h"
 
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ std::string own_reply(const std::string& key) {
   return "$" + std::to_string(key.size()) + "\r\n" + key + "\r\n";
 }
 
-// Lets the test say when a server goes on.
+// Lets the test decide when a server continues.
 class Gate {
  public:
   void open() {
@@ -64,7 +64,7 @@ class Pipeline : public testing::Test {
     ASSERT_EQ(init_client(client_, config), RUVO_OK);
     log_.clear();
   }
-  // RUVO_OK, or what the call returned; -1000 when it got the reply of another.
+  // RUVO_OK, or the call's result; -1000 if it got another call's reply.
   int get(const std::string& key, const std::string& more = "") {
     redisReply* reply = nullptr;
     const int ret = client_.do_exec_command(key.c_str(), reply, true, eTempServer, "GET %s%b",
@@ -77,7 +77,7 @@ class Pipeline : public testing::Test {
   }
   server_node& server() { return pool_in(client_).servers_.at(0); }
   conn_node& slot() { return server().context_arr_.at(0); }
-  // Begins a call, and waits until it is at the slot, so that the next one comes behind it.
+  // Begins a call, and waits until it is at the slot, so that the next one queues behind it.
   void call(const std::string& key, int expected = RUVO_OK, const std::string& more = "") {
     threads_.emplace_back([this, key, expected, more] {
       EXPECT_EQ(get(key, more), expected) << key;
@@ -129,7 +129,7 @@ TEST_F(Pipeline, NoCallWaitsForARoundTripThatIsNotItsOwn) {
 TEST_F(Pipeline, WritesWhatHasGatheredWithinBounds) {
   const std::string half(40000, 'h');
   const std::string large(70000, 'l');
-  // What stands behind each key, and the most commands and writes that may be seen.
+  // The commands after each key, and the most commands and writes that may be seen.
   const std::vector<std::pair<std::vector<std::string>, std::size_t>> cases{
       {std::vector<std::string>(200), max_write_commands},
       {{half, half, half}, 1},
@@ -142,7 +142,7 @@ TEST_F(Pipeline, WritesWhatHasGatheredWithinBounds) {
     });
     ruvo_redis& client = client_;
     start(server.addr(), "socket_timeout = 10000");
-    lock();  // so that all gather
+    lock();  // so that all of them queue
     for (std::size_t i = 0; i < more.size(); ++i) {
       threads_.emplace_back(
           [this, i, tail = more[i]] { EXPECT_EQ(get("k" + std::to_string(i), tail), RUVO_OK); });
@@ -159,7 +159,7 @@ TEST_F(Pipeline, WritesWhatHasGatheredWithinBounds) {
   }
 }
 
-// The second connection shows the order of what is sent again.
+// The second connection shows the order of the commands that are resent.
 TEST_F(Pipeline, ACommandThatStallsFailsByItself) {
   Gate all_sent;
   std::mutex order_mutex;
@@ -256,7 +256,7 @@ TEST_F(Pipeline, ACallThatGivesUpLeavesItsPlaceToNobody) {
   }
 }
 
-// Where each call waits when its deadline comes.
+// The places where a call may wait when its deadline comes.
 TEST_F(Pipeline, TheDeadlineEndsEveryWait) {
   const auto silent = [](Peer& peer) { peer.hang(); };
   const auto silent_at_login = [](Peer& peer) {
@@ -311,7 +311,7 @@ TEST_F(Pipeline, TakesAFreeConnectionFirst) {
   start(server.addr(), "socket_timeout = 10000", 2);
   call("held");
   EXPECT_EQ(get("a"), RUVO_OK);
-  EXPECT_EQ(get("b"), RUVO_OK);  // whose turn would be the held one
+  EXPECT_EQ(get("b"), RUVO_OK);  // the round-robin's next is the held one
   gate.open();
   join();
 }

@@ -1,6 +1,6 @@
 // Every operation through two proxies before two shards: each value is checked, on keys of both
-// shards, and again after one of the proxies has died. Calls go to the proxies round-robin, so a
-// value is right only where both agree on its shard.
+// shards, and again after one of the proxies has died. Calls use the proxies round-robin, so a
+// value is right only if both agree on its shard.
 #include <gtest/gtest.h>
 
 #include <array>

@@ -1,4 +1,4 @@
-// Any command: the walk over all pools, and the reply that is handed over.
+// Any command: the walk over all pools, and the reply that the caller gets.
 #include <gtest/gtest.h>
 
 #include <cstdarg>
@@ -61,10 +61,10 @@ TEST_F(Raw, GoesOnInThePoolOfTheNextNumber) {
   const ScriptedServer persist{std::string("+persist\r\n")};
   start(pools_at(down_.addr() + "," + temp.addr(), persist.addr() + "," + closes_.addr(),
                  down_.addr() + "," + also_down_.addr()));
-  // Position 0 failed: the temporary pool, whose turn is its first server, at the same position.
+  // Position 0 failed: the temporary pool, whose next server is its first, at the same position.
   EXPECT_EQ(ping(ePersonalityServer), "null");
   EXPECT_EQ(log_.count(WARN, "ruvo_redis::exec_redis_cmd | can not find an available server"), 1);
-  // Position 1 failed: the persistent pool, whose turn is its first server.
+  // Position 1 failed: the persistent pool, whose next server is its first.
   EXPECT_EQ(ping(ePersonalityServer), "persist");
   EXPECT_EQ(log_.count(WARN,
                        "ruvo_redis::exec_redis_cmd | key:temp, connection err,try reset,ret:1, "
@@ -83,8 +83,8 @@ TEST_F(Raw, MakesTwoVisitsForEachServerOfThePoolsAtMost) {
   const ScriptedServer also_closes([](Peer& peer) { peer.read_command(); });
   start(pools_at(also_closes.addr(), closes_.addr(), good.addr() + "," + closes_.addr()));
   EXPECT_EQ(ping(ePersonalityServer), "good");
-  // Begins at position 1, and finds only servers at position 0 from there on: four servers, so
-  // eight visits, of which the temporary pool has all but two.
+  // Begins at position 1, and then finds only servers at position 0: four servers, so eight visits,
+  // of which the temporary pool has all but two.
   EXPECT_EQ(ping(ePersonalityServer), "null");
   EXPECT_EQ(also_closes.connections(), 1 + 6);
   EXPECT_EQ(log_.count(WARN, "ruvo_redis::exec_redis_cmd | can not find an available server"), 1);

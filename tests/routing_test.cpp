@@ -30,7 +30,7 @@ class Routing : public testing::Test {
                                     settings));
     log_.clear();
   }
-  // The positions of the next servers in turn; -1 where there is none.
+  // The positions of the next servers by round-robin; -1 if there is none.
   positions turns(int count, int svc_index = -1, RedisServerType type = eTempServer) {
     positions found;
     while (count-- > 0) {
@@ -139,7 +139,7 @@ TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
     passwords += words.at(1) + " ";
     return "+OK\r\n";
   });
-  // Good while the three pools are built; later one that refuses, one that goes, one that is down.
+  // Good while the three pools are built; later one refuses, one closes, one is down.
   const ScriptedServer refuses([](Peer& peer) {
     peer.answer_all(peer.number() < 3 ? "+OK\r\n" : "-ERR invalid password\r\n");
   });
@@ -165,7 +165,7 @@ TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
       EXPECT_EQ(slot.context_, before);
     }
   }
-  EXPECT_LE(open_descriptors(), descriptors + 10);  // the scripted sides may still be closing
+  EXPECT_LE(open_descriptors(), descriptors + 10);  // the scripted peers may still be closing
   EXPECT_EQ(
       log_.count_containing("ruvo_redis::reset_connection | reset connection,ip:127.0.0.1 port:"),
       31 + 90);

@@ -1,6 +1,6 @@
-// What must not compile, each with what the compiler says of it (a regular expression) and, where
-// only one of them can tell, whose it is. scripts/check_cpp.sh sets MISTAKE to each number below; 0
-// is the same without a mistake.
+// Code that must not compile, each with the compiler's message (a regular expression) and, if only
+// one compiler reports it, that compiler. scripts/check_cpp.sh sets MISTAKE to each number below; 0
+// is the code without a mistake.
 #include <ruvo/ruvo.hpp>
 
 using namespace std::chrono_literals;

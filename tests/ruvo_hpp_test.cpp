@@ -1,4 +1,4 @@
-// The interface for C++: each operation against a real Redis, its refusals, and what its owners do.
+// The interface for C++: each operation against a real Redis, its refusals, and its owners.
 #include <gtest/gtest.h>
 #include <ruvo/ruvo.hpp>
 
@@ -21,7 +21,7 @@ using namespace std::string_literals;
 using namespace std::string_view_literals;
 using namespace std::chrono_literals;
 
-// What a result holds, or its code.
+// The value of a result, or its code.
 template <typename Number, std::enable_if_t<std::is_arithmetic_v<Number>, int> = 0>
 std::string show(Number value) {
   if constexpr (std::is_same_v<Number, bool>) {
@@ -86,7 +86,7 @@ class InCpp : public testing::Test {
     const QuietConsole quiet;
     library_.emplace(config_.path());
     EXPECT_TRUE(*library_);
-    log_.clear();  // start-up tells of its settings at ERROR
+    log_.clear();  // start-up reports its settings at ERROR
   }
   double ttl(const std::string& key) const { return std::stod(redis_.ask("ttl " + key)); }
 
@@ -99,7 +99,7 @@ class InCpp : public testing::Test {
 TEST_F(InCpp, EveryCallReadsWhatRedisSays) {
   using Key = std::string_view;
   // clang-format off
-  using Story = std::vector<std::pair<std::string, std::string>>;  // what is said, and should be
+  using Story = std::vector<std::pair<std::string, std::string>>;  // printed, and expected
   const auto tell = [](Key key) { return Story{
       {show(pool.get(key)), "absent 10402"}, {show(pool.set(key, "a\0b"sv)), "done"},
       {show(pool.get(key)), "a\0b"s}, {show(pool.append(key, "\0"sv)), "done"},
@@ -131,7 +131,7 @@ TEST_F(InCpp, EveryCallReadsWhatRedisSays) {
   }
   start();
   for (const std::string& key : {"k"s, ""s, std::string(127, 'k'), std::string(128, 'k')}) {
-    // Followed by more, where a zero byte would be looked for.
+    // More bytes follow, where the library would look for a zero byte.
     const std::string longer = key + "x";
     for (const auto& [said, expected] : tell(Key(longer).substr(0, key.size()))) {
       EXPECT_EQ(said, expected);
@@ -466,7 +466,7 @@ TEST_F(InCpp, RepliesPrintAsInRedisCli) {
   EXPECT_EQ(testing::PrintToString(value), "b");
 }
 
-// At DEBUG, what is not terminated is not read past.
+// At DEBUG, the log does not read past an unterminated text.
 TEST_F(InCpp, ShortTextsEndInTheLog) {
   start();
   BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);
@@ -510,9 +510,9 @@ TEST_F(InCpp, OwnersMoveAndMayOutliveTheLibrary) {
   second = ruvo::bytes::of("made");
   EXPECT_EQ(
       log_.count(BaseLib::Logger::ERROR, "ruvo_redis::free_result | redis is not initialized"), 1);
-  second = {};  // of its own making: nothing to tell
+  second = {};  // of its own making: nothing to report
   EXPECT_EQ(log_.take().size(), 1);
-  start();  // for the other owner, and so that nothing is lost here
+  start();                                    // for the other owner, and so that nothing leaks here
   EXPECT_EQ(RUVO_FreeResult(lost), RUVO_OK);  // NOLINT: it has not been released
 }
 
@@ -526,7 +526,7 @@ TEST_F(InCpp, LibraryEndsWhatItHasStarted) {
   EXPECT_EQ(RUVO_Fini(), RUVO_ERR_NOT_INITIALIZED);
 }
 
-// A start-up that fails is final for its process: another one counts, and calls go on failing.
+// A failed start-up is final for its process: a later one only counts, and calls keep failing.
 TEST_F(InCpp, LibraryKnowsWhenCallsCannotWork) {
   const auto fail = [this] {
     const ruvo::library wrong("none\0"sv);
@@ -538,7 +538,7 @@ TEST_F(InCpp, LibraryKnowsWhenCallsCannotWork) {
   EXPECT_EXIT(fail(), testing::ExitedWithCode(0), "10102 10111 1 not initialised 10111$");
 }
 
-// A backend that is not the library: it counts what it is told.
+// A backend that is not the library: it counts its calls' arguments.
 struct CountingBackend {
   int* calls;
   ruvo::result<ruvo::bytes> get(RedisServerType, std::string_view key) const {
@@ -571,7 +571,7 @@ TEST(CppInterface, RunsOnABackendOfTheHost) {
   EXPECT_EQ(calls, 4);
 }
 
-// The examples of the header one after the other, as one program: they print what they say.
+// The examples of the header in sequence, as one program: they print what their comments say.
 TEST_F(InCpp, ExamplesPrintWhatTheySay) {
   std::filesystem::current_path(std::filesystem::path(config_.path()).parent_path());
   std::ostringstream printed;

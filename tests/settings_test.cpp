@@ -1,5 +1,5 @@
-// The table of all keys: how the options are read, what is an address, and that the guides say of
-// each key what the table does.
+// The table of all keys: how options are read, what counts as an address, and that the guides agree
+// with the table on each key.
 #include "settings.h"
 
 #include <gtest/gtest.h>
@@ -62,7 +62,7 @@ TEST(Options, AreReadAndWhatMakesNoSenseIsToldAndLeftOut) {
       {"send_once = often\nslow_call_log = -1\nstats_file =", {"send_once" + truth + "often", "slow_call_log" + number + "-1"}, "", ""},
       {"recommended_defaults = yes", {"recommended_defaults" + truth + "yes"}, "", ""},
       {"recommended_defaults = true", {}, first_line(true, true, true, 5, 2000), second_line(true, true, replies, false, true, "-", 0)},
-      // A key that stands in the file wins; one that makes no sense does not stand there.
+      // A key in the file wins; an invalid one counts as absent.
       {"auto_pipelining = 0\nlog_limit = x\nfailover_replies = ,\nrecommended_defaults = 1", {"log_limit" + number + "x"}, first_line(false, true, true, 5, 2000), second_line(true, true, "-", false, true, "-", 0)},
       {"recommended_defaults = 1\ncall_timeout = 0", {}, first_line(true, true, true, 5, 0), second_line(true, true, replies, false, false, "-", 0)},
       {"recommended_defaults = 1\ncall_timeout = 0\nwait_for_servers = true", {waits}, first_line(true, true, true, 5, 0), second_line(true, true, replies, false, false, "-", 0)},
@@ -125,7 +125,7 @@ TEST(Settings, AnAddressIsReadAsDeployedFilesHaveIt) {
   const struct { const char* text; std::optional<std::string> read; } cases[] = {
       {"a:6379", "a:6379"}, {" a : 0x18eb ", "a:6379"}, {"a:06379", "a:415"}, {"a:6379x", "a:6379"},
       {"a:x", "a:0"}, {"a:", "a:0"}, {":1", ":1"}, {"a:-1", "a:-1"}, {"a:65536", "a:65536"},
-      // Whose lower 32 bits are a port.
+      // The lower 32 bits of these are a port.
       {"a:4294973675", "a:2147483647"}, {"a:-4294960917", "a:2147483647"},
       {"a:99999999999999999999", "a:2147483647"},
       {"", {}}, {"a", {}}, {"a:1:2", {}}, {"::1", {}},
@@ -156,7 +156,7 @@ std::string given_by(std::string text) {
   return text.substr(0, std::min(text.find(": "), text.find(", ")));
 }
 
-// The value behind the word that a line begins with.
+// The value behind the word at the start of a line.
 std::string value_behind(const std::string& word, const std::string& text) {
   const std::size_t at = text.find("\n" + word + " ");
   if (at == std::string::npos) {
@@ -181,7 +181,7 @@ TEST(Settings, TheGuidesSayOfEachKeyWhatTheTableSays) {
     EXPECT_EQ(given_by(cells.at(3)), value) << name;
     EXPECT_EQ(given_by(cells.at(4)), key.recommended) << name;
 
-    // Keys that share an explanation stand one below the other.
+    // Keys that share an explanation are listed one below the other.
     std::size_t text = manual.find("\n.It Sy " + key.name + "\n") + 1;
     ASSERT_NE(text, 0U) << key.name;
     do {

@@ -1,4 +1,4 @@
-// Start-up, pool construction and shut-down.
+// Start-up, pool construction and shutdown.
 #include <gtest/gtest.h>
 #include <netdb.h>
 
@@ -10,10 +10,10 @@
 #include "client.h"
 #include "servers.h"
 
-// ---- The host's name and address, as the test wants them ----
+// ---- The host's name and address, as set by the test ----
 
 namespace {
-const char* host_name = nullptr;  // null: the host does not know
+const char* host_name = nullptr;  // null: the host has none
 std::array<unsigned char, 4> host_ip{};
 }  // namespace
 
@@ -49,10 +49,10 @@ class Startup : public testing::Test {
     ruvo_cfg.close();
     const std::string printed = testing::internal::GetCapturedStdout();
     if (HasFailure()) {
-      std::cout << printed;  // the failures are in it
+      std::cout << printed;  // including the failures
     }
   }
-  // What was printed since the last call.
+  // The output since the last call.
   static std::string progress() {
     std::string printed = testing::internal::GetCapturedStdout();
     testing::internal::CaptureStdout();
@@ -150,7 +150,7 @@ TEST_F(Startup, BadConfigurationIsNamedAndFinal) {
     EXPECT_EQ(log_.count(ERROR, path_is.substr(1) + "(null)"), one.result == 10106);
     EXPECT_EQ(log_.count(ERROR, path_is.substr(1) + "/none/x"), one.result == -1);
     EXPECT_EQ(log_.count(ERROR, no_path), one.result == 10106);
-    // Stuck: nothing is tried again, and there is nothing to end.
+    // Stuck: nothing is tried again, and there is nothing to shut down.
     EXPECT_EQ(client.init(one.config), 0);
     EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | redis is now in initialize"), 1);
     EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);
@@ -180,7 +180,7 @@ TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
   const HostConfig second(pools_at("malformed", addrs, addrs));  // its pool fails early
   ASSERT_EQ(client.init(second.path()), RUVO_INIT_TEMP_POOL_FAILED);
   EXPECT_EQ(client.get_server_node(ePersonalityServer, -1)->index_,
-            0U);  // turns begin anew as well
+            0U);  // the round-robin restarts as well
   for (const RedisServerType type : all_types) {
     const server_pool& pool = client.getPool(type);
     EXPECT_EQ(pool.conn_num_, 1U);

@@ -1,4 +1,4 @@
-// The statistics file: what the library counts into it, and what a reader finds.
+// The statistics file: what the library counts in it, and what a reader finds.
 #include "statistics.h"
 
 #include <gtest/gtest.h>
@@ -65,7 +65,7 @@ class FileCopy {
   std::size_t size() const { return bytes_.size(); }
 
  private:
-  // Of exactly the file's length, rounded up to a word, so that a sanitizer sees a look beyond it.
+  // Of exactly the file's length, rounded up to a word: a sanitizer detects a read beyond it.
   void copy() {
     words_.assign((bytes_.size() + 7) / 8, 0);
     std::copy(bytes_.begin(), bytes_.end(), reinterpret_cast<char*>(words_.data()));
@@ -337,7 +337,7 @@ TEST_F(Statistics, WhatCannotBeMadeIsTold) {
   call_timer(nullptr).end(RUVO_OK);
 }
 
-// More threads than lanes, twice: a lane is handed on with what was counted in it.
+// More threads than lanes, twice: a lane is passed on with its counts.
 TEST_F(Statistics, EveryThreadIsCounted) {
   ASSERT_TRUE(begin(path_));
   constexpr int threads = 2 * RUVO_STATS_LANES;

@@ -1,4 +1,4 @@
-// One of two servers stops below a host with the recommended defaults.
+// One of two servers hangs below a host with the recommended defaults.
 #include <gtest/gtest.h>
 #include <ruvo/ruvo.h>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// What it costs is counted, not timed: visits that wait for it, and calls that fail.
+// The costs are counted, not timed: visits that wait for the server, and calls that fail.
 TEST(StoppedServer, IsEjectedAfterAFewVisitsAndFailsNoCall) {
   constexpr int callers = 4;
   constexpr int connections = 2;

@@ -16,11 +16,11 @@
 #include <vector>
 
 namespace {
-timeval moment{};  // that the logger's clock shows
+timeval moment{};  // shown by the logger's clock
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the C library's names
-// In front of the C library's. Like any function of the system it may change errno.
+// Replaces the C library's function. Like any function of the system it may change errno.
 extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* __tv, void*) noexcept {
   *__tv = moment;
   errno = EINVAL;
@@ -49,7 +49,7 @@ class StreamLog : public testing::Test {
   ~StreamLog() override { Logger::setOutput(nullptr); }
 };
 
-// The head's time is the local one, of any zone.
+// The time in the head is local, in any zone.
 TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
   setenv("TZ", "XXX-05:45", 1);
   tzset();

@@ -1,4 +1,4 @@
-// The proxy that other tests and ruvo_chaos inject faults with: what a client sees of each.
+// The proxy with which other tests and ruvo_chaos inject faults: what a client sees of each.
 #include "tcp_proxy.h"
 
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ std::string ask(const Context& context, int timeout_ms = 5000) {
 TEST(TcpProxy, FailsInEveryModeAndForwardsAgain) {
   const ScriptedServer server{std::string("+PONG\r\n")};
   TcpProxy proxy(server.port());
-  // What comes over an old connection, over a new one, and over a connection from before the end.
+  // What arrives over an old connection, a new one, and one from before the end.
   // clang-format off
   const struct { Mode mode; const char* old; const char* fresh; const char* before_end; } cases[] = {
       {Mode::refuse, closed, "Connection refused", ""},

@@ -1,4 +1,4 @@
-// The walk over servers, its ends, and the codes that replies become.
+// The walk over servers, its ends, and the result codes of replies.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -146,8 +146,8 @@ TEST_F(Walk, EndsWhenNoServerIsLeft) {
 }
 
 TEST_F(Walk, MakesTwoVisitsForEachServerAtMost) {
-  // The first server is ejected by its first failure, so that the walk never comes round to it; the
-  // second accepts and closes for ever, which counts as no failure.
+  // The first server is ejected by its first failure, so that the walk never returns to it; the
+  // second always accepts and closes, which counts as no failure.
   const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
   start(down_.addr() + "," + closes.addr(), "p_server_failure_limit = 1");
   EXPECT_EQ(get("k"), -1);

@@ -1,4 +1,4 @@
-// The configuration reader: any text loads, from memory as from a file, and every look-up is safe.
+// The configuration reader: any text loads, from memory and from a file, and every look-up is safe.
 #include <unistd.h>
 
 #include <cstdint>
@@ -11,7 +11,7 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-// Everything that can be read of a loaded configuration.
+// Everything that can be read from a loaded configuration.
 strings contents(const vop_config& config) {
   strings found;
   strings names;
@@ -32,7 +32,7 @@ strings contents(const vop_config& config) {
   return found;
 }
 
-// Where both forms see the same lines.
+// If both forms see the same lines.
 bool reads_alike(const std::string& text) {
   return text.find_first_of(std::string("\r\0", 2)) == std::string::npos && text.size() < 2047;
 }

@@ -1,5 +1,5 @@
-// Keys that stand in the log as formats: whole numbers, texts and pointers come out as printf makes
-// them of zeros, everything else is merely survived.
+// Keys that the log uses as formats: whole numbers, texts and pointers are printed as printf prints
+// them for zeros; for everything else the test only checks that it is safe.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -16,8 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (std::memchr(text.data(), '\0', text.size()) == nullptr) {
     std::abort();
   }
-  // No conversion but these, none of which takes a number from a register of floating point, and
-  // no more than there are zeros below. printf ends a text at a zero that "%c" prints.
+  // Only these conversions, none of which takes a number from a floating-point register, and no
+  // more of them than there are zeros below. printf ends a text at a zero that "%c" prints.
   static const std::regex plain(
       "([^%]|%(%|[-+ "
       "#0]{0,3}[0-9]{0,3}([.][0-9]{0,3})?(hh|h|ll|l|j|z|t)?[diouxXp]|[0-9]{0,2}s)){0,12}");

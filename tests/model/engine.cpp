@@ -21,7 +21,7 @@
 
 namespace model {
 
-void end_words();  // of this thread, which has vanished in a fork
+void end_words();  // of this thread, which the fork has ended
 
 namespace {
 
@@ -64,7 +64,7 @@ std::uint64_t mix(std::uint64_t hash, const memory& part) {
   return hash;
 }
 
-// The states that have been seen, by their hash.
+// The hashes of the states that have been seen.
 class state_set {
  public:
   bool insert(std::uint64_t hash) {
@@ -93,9 +93,9 @@ class state_set {
 };
 state_set* seen_states = nullptr;
 
-// Tries every choice in every state. What follows from a state that has been seen before has been
-// tried, or will be: such an execution is only brought to its end. A state is what the threads'
-// stacks and the model hold.
+// Tries every choice in every state. Whatever follows a known state has been tried, or will be:
+// such an execution is only completed. A state is the contents of the threads' stacks and of the
+// model.
 template <rl::thread_id_t count>
 class state_scheduler
     : public rl::scheduler<state_scheduler<count>, rl::scheduler_thread_info, count> {
@@ -127,7 +127,7 @@ class state_scheduler
     if (depth_ == choices_.size() && !is_known_) {
       is_known_ = !seen_states->insert(present_state());
     }
-    // The thread that runs, the others that could, those that may time out.
+    // The running thread, the others that could run, those that may time out.
     std::array<rl::thread_id_t, 2 * count> options{};
     unsigned option_count = 0;
     const rl::thread_id_t last = this->thread_->index_;
@@ -227,7 +227,7 @@ struct suite : rl::test_suite<suite, fibers> {
   void after() { model::after(); }
 };
 
-// Where the stack of a thread begins that is searched.
+// The start of a thread's stack, for the search of states.
 [[gnu::noinline]] void suite::thread(unsigned number) {
   threads[number].stack.end = static_cast<const char*>(__builtin_frame_address(0));
   if (_setjmp(threads[number].exit) == 0) {
@@ -260,7 +260,7 @@ rl::memory_order order_of(std::memory_order order) {
   }
 }
 
-// What has been left on the stack by calls that have returned is no part of a state.
+// Values that returned calls have left on the stack are no part of a state.
 [[gnu::noinline]] void clear_stack_below() {
   std::array<char, 4096> below;
   std::memset(below.data(), 0, below.size());
@@ -273,7 +273,7 @@ void leave_if_vanished() {
   }
 }
 
-// The registers that a callee saves are pushed by whoever calls this.
+// The caller's frame then holds the callee-saved registers.
 #define NOTE_STACK()       \
   __builtin_unwind_init(); \
   threads[self()].stack.begin = static_cast<const char*>(__builtin_frame_address(0)) - 5 * 8
@@ -386,7 +386,7 @@ std::uint32_t word::load(std::memory_order order) const {
   return relacy(const_cast<word*>(this)->atomic_).load(order_of(order), RL_INFO);
 }
 
-// Its owner alone stores, with the lock held: nothing is to be seen between that and the next step.
+// Only its owner stores, with the lock held: nothing is visible between that and the next step.
 void word::store(std::uint32_t value, std::memory_order order) {
   value_ = value;
   if (!is_state_search) {
@@ -429,7 +429,7 @@ bool word::compare_exchange(std::uint32_t& expected, std::uint32_t value, std::m
   return value_ == expected ? (value_ = value, true) : (expected = value_, false);
 }
 
-// Who asks sees nothing older from then on.
+// The thread that asks sees nothing older from then on.
 std::uint32_t word::latest() {
   if (!is_state_search) {
     rl::preemption_disabler whole(rl::ctx());

@@ -1,5 +1,5 @@
-// What the model of pipeline.h runs on: threads that are fibers of relacy, of which one goes on at
-// a time, and whose every choice the search tries. Apart from relacy's headers, which redefine
+// The engine for the model of pipeline.h: threads that are fibers of relacy, of which one runs at a
+// time. The search tries every choice of each. Kept apart from relacy's headers, which redefine
 // `new`, `errno` and the memory orders.
 #ifndef RUVO_TESTS_MODEL_ENGINE_H
 #define RUVO_TESTS_MODEL_ENGINE_H
@@ -14,31 +14,30 @@ namespace model {
 
 constexpr unsigned thread_count = 3;
 
-// What is searched. The engine calls it, in each execution.
+// The searched code. The engine calls it in each execution.
 void before();
 void run_thread(unsigned thread);
 void after();
 
-// Memory that makes up the state beside the stacks, the same in each execution.
+// Memory that belongs to the state besides the stacks, the same in each execution.
 void add_state(void* begin, std::size_t size);
 
 unsigned self();
-void step();                        // another thread may go on here
-unsigned choose(unsigned options);  // 0: what happens as a rule
+void step();                        // another thread may run here
+unsigned choose(unsigned options);  // 0: the usual case
 [[noreturn]] void fail(const char* what);
 void note(const char* what, int number);  // for the history of a failure
 
 // Sleeps until unpark(), or until a time that may come at any moment; then false. The search of all
-// states, which would otherwise see the clock go on for ever, lets a pause end only once no other
-// thread can go on.
+// states would otherwise see an endless clock: it lets a pause end only if no other thread can run.
 enum class until { unparked, deadline, pause };
 bool park(until end);
 void unpark(unsigned thread);
 
-// The other threads are not in the child of a fork. Calls `then` before anybody else goes on.
+// The other threads do not exist in the child of a fork. Calls `then` before any other thread runs.
 void end_others(void (*then)());
 
-// An atomic of relacy: loads may see an older value where the order allows it.
+// An atomic of relacy: loads may see an older value if the order allows it.
 class word {
  public:
   explicit word(std::uint32_t value);
@@ -71,7 +70,7 @@ class lock_order {
   alignas(16) std::array<std::byte, 8 * thread_count> clock_{};
 };
 
-// A plain variable, which no two threads touch without an order between them.
+// A plain variable, which no two threads access without an order between them.
 class variable {
  public:
   void construct();
@@ -83,8 +82,8 @@ class variable {
   alignas(16) std::array<std::byte, 64> variable_{};
 };
 
-// Runs the executions: "states", "all", "bound" (so many preemptions), "random" (so many
-// executions). Prints how many; false when one has failed, with its history.
+// Runs the executions: "states", "all", "bound" (a number of preemptions), "random" (a number of
+// executions). Prints how many; false if one has failed, with its history.
 bool search(const std::string& how, unsigned limit);
 
 }  // namespace model

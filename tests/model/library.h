@@ -1,6 +1,6 @@
-// The library's own source, compiled so that the model sees what threads do to each other: its
-// atomics, its clock and its locks are the model's. Headers that stand here instead of the
-// library's are told by their guards.
+// The library's own source, compiled so that the model sees the interactions of threads: its
+// atomics, clock and locks are the model's. The guards of replaced library headers are defined
+// here.
 #ifndef RUVO_TESTS_MODEL_LIBRARY_H
 #define RUVO_TESTS_MODEL_LIBRARY_H
 
@@ -32,7 +32,7 @@
 
 #include "engine.h"
 
-// ---- The clock: it goes on only where somebody waits ----
+// ---- The clock: it moves only while a thread waits ----
 
 extern std::chrono::nanoseconds time_now;
 
@@ -53,7 +53,7 @@ inline void pass_time_until(std::chrono::model_clock::time_point then) {
 
 // ---- Atomics ----
 
-model::word* model_sleep_word(const void* address);  // null: it is none
+model::word* model_sleep_word(const void* address);  // null: not such a word
 
 namespace std {
 
@@ -176,7 +176,7 @@ void wake(const void* word, std::uint32_t bits = any_sleeper);
 struct server_probe {};
 class pool_outage {};
 
-// Bounds that three threads reach.
+// Bounds that three threads can reach.
 #define direct_sends direct_sends_of_the_library
 #define max_write_commands max_write_commands_of_the_library
 #define write_pause write_pause_of_the_library

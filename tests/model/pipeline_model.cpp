@@ -1,6 +1,6 @@
 // Model of calls that share a connection: the library's own pipeline.cpp and forking.cpp, with a
-// scripted server as the peer, searched for an order of steps that loses a wake-up, hands a call
-// another's reply, touches a call that has returned, or leaves something behind.
+// scripted server as the peer. The search looks for an order of steps that loses a wake-up, gives a
+// call another's reply, accesses a call that has returned, or leaks something.
 //
 //   pipeline_model SCENARIO states|all|bound|random [LIMIT]
 //   pipeline_model names
@@ -26,13 +26,13 @@ constexpr unsigned calls_per_thread = 2;
 constexpr unsigned max_calls = model::thread_count * calls_per_thread;
 constexpr std::chrono::nanoseconds begin_of_time = seconds(1000);
 
-// What may happen in an execution, each so many times at most.
+// Events that may happen in an execution, with an upper bound for each.
 struct events {
   unsigned breaks = 0;    // the server closes a connection, before or after it has carried out
   unsigned refusals = 0;  // of a new connection
-  unsigned partials = 0;  // the socket takes a part of a write
-  unsigned delays = 0;    // a reply comes after whoever waits has given up
-  unsigned forks = 0;     // thread 0 goes on in a child
+  unsigned partials = 0;  // the socket takes only part of a write
+  unsigned delays = 0;    // a reply arrives after the waiting call has given up
+  unsigned forks = 0;     // thread 0 continues in a child
 };
 
 struct scenario {
@@ -78,7 +78,7 @@ struct peer {
   bool is_read = false;
   bool is_written = false;
   int waiter = -1;                             // thread that waits to read
-  unsigned half_received = 0;                  // the command of which one byte has come
+  unsigned half_received = 0;                  // the command of which one byte has arrived
   std::array<std::uint8_t, max_calls> sent{};  // replies, by their calls
   std::array<std::uint8_t, max_calls> received{};
   unsigned sent_count = 0;
@@ -153,7 +153,7 @@ bool park_until(time_point until) {
 
 }  // namespace
 
-// ---- What the library waits with ----
+// ---- The library's waits ----
 
 bool model_mutex::lock(time_point until) {
   model::step();
@@ -494,7 +494,7 @@ namespace {
 
 constexpr unsigned char gone = 0xA5;
 
-// In the child: what the other threads were about stays as it was.
+// In the child: whatever the other threads were doing stays unfinished.
 void fork_here() {
   model::note("forks in thread", static_cast<int>(model::self()));
   model::step();

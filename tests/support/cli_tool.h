@@ -10,7 +10,7 @@
 #include "fixtures.h"
 #include "shell.h"
 
-// The tool on a configuration of its own.
+// The tool with a configuration of its own.
 class Tool {
  public:
   explicit Tool(const std::string& common, const std::string& server = "")
@@ -25,7 +25,7 @@ class Tool {
   HostConfig config_;
 };
 
-// Runs the tool and looks for its status and for parts of what it prints.
+// Runs the tool and checks its status and parts of its output.
 inline void expect_told(const Tool& tool, const std::string& arguments, int status,
                         const std::vector<std::string>& told) {
   const Ended run = tool.run(arguments);

@@ -1,5 +1,5 @@
-// The process's malloc, counted and made to fail: for what operator new takes and for hiredis as
-// well. Sanitizers have a malloc of their own, so that a test is linked with this without them.
+// The process's malloc, counted and made to fail: for operator new and for hiredis. Sanitizers have
+// a malloc of their own, so a test is linked with this file only without them.
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -33,7 +33,7 @@ bool fails() {
   return true;
 }
 
-// Lets no allocation fail while it lives.
+// Lets no allocation fail while it exists.
 struct Spared {
   int failing = failing_allocation;
   Spared() { failing_allocation = -1; }
@@ -60,9 +60,9 @@ void free(void* memory) {
   __libc_free(memory);
 }
 
-// Where hiredis 0.14 does not survive: a connection's copies of its address and time-out end the
-// process on purpose (abort), and the new buffer after a write is used unseen. Its own functions
-// for these are replaced by ones that do not fail.
+// Allocations that hiredis 0.14 does not survive: a failed copy of a connection's address or
+// timeout aborts the process, and the new buffer after a write is used unchecked. Its functions for
+// these are replaced by ones that do not fail.
 #pragma GCC visibility push(default)
 void* hi_malloc(std::size_t size) {
   const Spared spared;

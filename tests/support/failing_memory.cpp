@@ -1,5 +1,5 @@
-// The process's allocation functions, counted and made to fail. A test that is linked with them has
-// them in place of the standard ones, in the library as well.
+// The process's allocation functions, counted and made to fail. A test that is linked with them
+// uses them instead of the standard ones, in the library as well.
 #include <cstdlib>
 #include <new>
 

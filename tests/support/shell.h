@@ -10,7 +10,7 @@
 
 struct Ended {
   int status;
-  std::string output;  // standard output, and standard error behind it where it was asked for
+  std::string output;  // standard output, followed by standard error if requested
 };
 
 inline Ended shell(const std::string& command) {
