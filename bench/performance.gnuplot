@@ -1,4 +1,4 @@
-# Draws performance.csv, as docs/performance.md shows it. Runs in the folder of that file, which is the output's, too.
+# Draws performance.csv for docs/performance.md. Runs in the folder of that file, which also gets the output.
 set datafile separator ","
 set datafile columnheaders
 set datafile missing NaN
@@ -9,10 +9,10 @@ set key below samplen 2
 sides = "hiredis pipelined library"
 titles = "'bare hiredis' 'auto_pipelining' 'without it'"
 
-# GET of 100 B over a network of this round trip by one side; anything else is no number and is left out.
+# GET of 100 B over a network of this round trip by one side; all others become NaN and are left out.
 of(round_trip, side, value) = strcol("operation") eq "GET" && column("bytes") == 100 && strcol("log") eq "WARN" \
   && column("round_trip_ms") == round_trip && strcol("side") eq side ? value : NaN
-# On so many connections (0: as many as threads); bare hiredis, on its own, stands in the rows of each.
+# With this many connections (0: as many as threads); bare hiredis has its own, so its rows match all of them.
 on(connections, value) = column("connections") == (connections > 0 ? connections : column("threads")) ? value : NaN
 with_threads(threads, value) = column("threads") == threads ? value : NaN
 thousands(name) = column(name) / 1000

@@ -1,7 +1,7 @@
-# The manual pages, the guides, the change log, and the API reference with Doxygen (target `reference`,
-# where Doxygen is there).
+# The manual pages, the guides, the change log, and the API reference with Doxygen (target `reference`, if Doxygen is
+# installed).
 
-# The pages bear the version and the date of the newest entry in the change log.
+# The pages have the version and the date of the newest entry in the change log.
 set(change_log ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 file(STRINGS ${change_log} release LIMIT_COUNT 1 REGEX "^## \\[[0-9.]+\\] - [0-9-]+$")
 string(REGEX REPLACE ".* - ([0-9]+)-([0-9]+)-0?([0-9]+)$" "\\1;\\2;\\3" release "${release}")
@@ -10,7 +10,7 @@ set(months January February March April May June July August September October N
 math(EXPR month "${month} - 1")
 list(GET months ${month} RUVO_MONTH)
 
-# Leaves <file>.gz beside a file in the build folder: documents are installed as Debian has them.
+# Creates <file>.gz for a file in the build folder: Debian compresses installed documents.
 function(compress file)
   execute_process(COMMAND gzip --best --no-name --keep --force ${file} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
@@ -29,7 +29,7 @@ if(RUVO_BUILD_TOOLS)
   manual_page(ruvo_chaos 1 tools)
 endif()
 
-# The guides, for those who operate hosts. What they point to beside themselves lies elsewhere when installed.
+# The guides, for operators of hosts. The targets of their links have other paths when installed.
 set(guides_dir ${RUVO_INSTALL_DOCDIR}/ruvo-tools/docs)
 file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${guides})
@@ -44,7 +44,7 @@ endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/figures DESTINATION ${guides_dir} COMPONENT tools
         FILES_MATCHING PATTERN "*.svg" PATTERN "*.csv")
 
-# Each package has the change log, in Debian's form, and says under what terms it is.
+# Each package has the change log, in Debian's form, and its licence.
 set(changelog_script ${PROJECT_SOURCE_DIR}/packaging/changelog.awk)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${change_log} ${changelog_script})
 execute_process(COMMAND awk -v maintainer=${RUVO_MAINTAINER} -f ${changelog_script} ${change_log}

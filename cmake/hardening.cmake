@@ -1,9 +1,8 @@
-# What is shipped is hardened; scripts/check_hardening.sh looks at the result. Not with sanitizers, which
-# check more and stand in front of the same functions, nor with Debug, where -D_FORTIFY_SOURCE has no
-# optimiser to work with.
+# Everything that is shipped is hardened; scripts/check_hardening.sh checks the result. Not with sanitizers, which
+# check more and replace the same functions, nor with Debug, where -D_FORTIFY_SOURCE lacks the optimiser.
 #
-# -fcf-protection is left out: the linker keeps its mark only where every object has it, and the start-up
-# objects of Debian 12's C library have not, so that no process would ever switch it on.
+# -fcf-protection is omitted: the linker keeps its mark only if every object has it, and the start-up objects of Debian
+# 12's C library do not, so no process would ever switch it on.
 include(CheckPIESupported)
 check_pie_supported()
 
@@ -16,7 +15,7 @@ if(NOT RUVO_SANITIZE)
               $<${optimised}:-D_FORTIFY_SOURCE=2>
               $<${optimised}:-fstack-protector-strong>
               $<${optimised}:-fstack-clash-protection>)
-  # Every symbol is bound at the start: a call needs no stub.
+  # Every symbol is bound at start-up: a call needs no stub.
   target_compile_options(ruvo_build_flags INTERFACE -fno-plt)
   target_link_options(ruvo_build_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()

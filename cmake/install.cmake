@@ -2,7 +2,7 @@ include(CMakePackageConfigHelpers)
 
 set(package_dir ${RUVO_INSTALL_LIBDIR}/cmake/ruvo)
 
-# Every rule names its component: runtime, devel or tools. Each is a package, see packages.cmake.
+# Every rule names its component: runtime, devel or tools. Each component is a package, see packages.cmake.
 install(TARGETS ruvo stream_log EXPORT ruvo-targets
         LIBRARY DESTINATION ${RUVO_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT devel)
 if(RUVO_BUILD_TOOLS)
@@ -20,7 +20,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/ruvoConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/ruvoConfig.cmake ${PROJECT_BINARY_DIR}/ruvoConfigVersion.cmake
         DESTINATION ${package_dir} COMPONENT devel)
 
-# The prefix is reckoned from where the file lies, so that an installed tree can be moved.
+# The prefix is relative to the file's place, so that an installed tree can be moved.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
            BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${RUVO_INSTALL_LIBDIR}/pkgconfig
            OUTPUT_VARIABLE prefix_from_pc)
@@ -31,11 +31,11 @@ foreach(package IN ITEMS ruvo stream_log)
           COMPONENT devel)
 endforeach()
 
-# The examples are sources to read and to start from, with a CMake file that builds them where they lie.
+# The examples are sources to read and to start from, with a CMake file that builds them in place.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ COMPONENT devel
         DESTINATION ${RUVO_INSTALL_DOCDIR}/libruvo-dev/examples
         FILES_MATCHING PATTERN "*.cpp" PATTERN "*.c" PATTERN "*.h"
                        PATTERN "*.cfg" PATTERN "CMakeLists.txt")
-# A sample, not a configuration: the servers in it are nobody's.
+# A sample, not a configuration: its servers are fictitious.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/conf/ COMPONENT tools
         DESTINATION ${RUVO_INSTALL_DOCDIR}/ruvo-tools/examples)

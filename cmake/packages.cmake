@@ -5,8 +5,8 @@ if(NOT RUVO_INSTALL)
   message(FATAL_ERROR "RUVO_DEBIAN_PACKAGES needs RUVO_INSTALL: the packages are made of the install rules")
 endif()
 
-# What is missing is told here: without dpkg-shlibdeps cpack makes packages that depend on nothing, and
-# without `file` it ends after everything has been built.
+# Reports missing tools here: without dpkg-shlibdeps cpack makes packages without dependencies, and without `file` it
+# fails after everything has been built.
 foreach(program IN ITEMS dpkg-shlibdeps file)
   find_program(program_path ${program} NO_CACHE)
   if(NOT program_path)
@@ -19,7 +19,7 @@ endforeach()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-# Folders are everybody's to read, whatever the builder's umask.
+# Everybody may read the folders, whatever the builder's umask.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_ALL runtime devel)
@@ -33,9 +33,8 @@ set(CPACK_DEBIAN_PACKAGE_SOURCE libruvo)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${RUVO_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# A program that is linked with the library gets its dependency from the symbols, by the way of
-# dpkg-shlibdeps; from the shlibs where that is too old for symbols. Both concern libruvo1, which alone has
-# libraries.
+# A program that is linked with the library gets its dependency from the symbols through dpkg-shlibdeps, or from the
+# shlibs if that is too old for symbols. Both concern only libruvo1, the package with the libraries.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # Each description below begins with its own summary.
@@ -49,7 +48,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers
                                                ${PROJECT_BINARY_DIR}/symbols)
-# Refuses libraries that export other symbols than the list has.
+# Refuses libraries whose exported symbols differ from the list.
 add_custom_command(
   OUTPUT ${PROJECT_BINARY_DIR}/symbols
   COMMAND dpkg-gensymbols -plibruvo1 -v${PROJECT_VERSION} -e$<TARGET_FILE:ruvo> -e$<TARGET_FILE:stream_log>
@@ -65,7 +64,7 @@ This package has the shared library and its stream logger.")
 
 set(CPACK_DEBIAN_DEVEL_PACKAGE_NAME libruvo-dev)
 set(CPACK_DEBIAN_DEVEL_PACKAGE_SECTION libdevel)
-# Raw commands hand over replies of hiredis: ruvo.hpp includes its header.
+# Raw commands return hiredis replies: ruvo.hpp includes its header.
 set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION}), libhiredis-dev")
 set(CPACK_DEBIAN_DEVEL_DESCRIPTION "Redis for multi-threaded server processes (development files)
 ${about}
@@ -76,12 +75,12 @@ and the manual page libruvo(3).")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ruvo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
-# dpkg-shlibdeps finds the project's own libraries here, but not the package that they are in.
+# dpkg-shlibdeps finds the project's own libraries here, but not their package.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src
                                                 ${PROJECT_BINARY_DIR}/platform/stream_log)
-# The tools read the library's log lines, so they go with the version that they were built with.
+# The tools read the library's log lines, so they need the version that they were built with.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION})")
-# ruvo_chaos starts Redis servers, unless it is given some.
+# ruvo_chaos starts Redis servers, unless it is told which to use.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS redis-server)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Redis through libruvo, from the command line
 ${about}

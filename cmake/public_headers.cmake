@@ -1,6 +1,5 @@
-# Public headers lie in the folders of their units and are installed under one folder of their own.
-# The build tree shows them as they will be installed, so that everything in the project that uses
-# the library includes <ruvo/ruvo.h> as any other program does.
+# Public headers are in the folders of their units and are installed under one folder. The build tree has them in the
+# installed layout, so that the project's users of the library include <ruvo/ruvo.h> like any other program.
 set(RUVO_STAGED_INCLUDES ${PROJECT_BINARY_DIR}/include)
 
 function(public_headers target folder)
@@ -18,7 +17,7 @@ function(public_headers target folder)
                         $<INSTALL_INTERFACE:${RUVO_INSTALL_INCLUDEDIR}>)
 endfunction()
 
-# Lets out only what the version script names.
+# Exports only what the version script names.
 function(version_script target script)
   target_link_options(${target} PRIVATE -Wl,--version-script=${script})
   set_target_properties(${target} PROPERTIES LINK_DEPENDS ${script} SOVERSION 1)

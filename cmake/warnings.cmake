@@ -1,4 +1,4 @@
-# What all code of the project is compiled with. Warnings are errors in the developers' presets only.
+# Compiler options for all code of the project. Warnings are errors in the developers' presets only.
 add_library(ruvo_build_flags INTERFACE)
 target_compile_options(
   ruvo_build_flags
@@ -22,6 +22,6 @@ if(RUVO_SANITIZE)
                                                     -fno-omit-frame-pointer)
   target_link_options(ruvo_build_flags INTERFACE -fsanitize=${RUVO_SANITIZE})
 else()
-  # Sanitizers leave symbols for their own library to fill in.
+  # Sanitizers leave symbols that their own library defines.
   target_link_options(ruvo_build_flags INTERFACE -Wl,-z,defs)
 endif()

@@ -1,6 +1,6 @@
 # CHANGELOG.md in the form of a Debian change log. -v maintainer="Name <address>"
 
-# Prints the item that has been read, in lines of at most 80 columns, as Debian has them.
+# Prints the current item in lines of at most 80 columns, as Debian requires.
 function end_item(   count, words, line, i) {
   count = split(item, words, " ")
   line = "  *"
@@ -27,7 +27,7 @@ function end_version(   command, stamp) {
 
 /^## / {
   end_version()
-  # "## [1.0.0] - 2026-11-21"; what is not released yet has no date, and is left out
+  # "## [1.0.0] - 2026-11-21"; an unreleased entry has no date, and is left out
   if (NF == 4) {
     printf "libruvo (%s) unstable; urgency=medium\n", substr($2, 2, length($2) - 2)
     date = $4

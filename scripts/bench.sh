@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
-# Measures the library, with and without auto_pipelining, beside bare hiredis and a hand-written pool, over a network
-# and on loopback, draws what it found, and tells how it stands to the aims. Takes some eight minutes of a machine that
-# does nothing else; with RUVO_BENCH_ROUNDS=1 in the environment half a minute, to see that it runs.
+# Measures the library, with and without auto_pipelining, together with bare hiredis and a hand-written pool, over a
+# network and on loopback, draws the results, and compares them with the aims. Takes some eight minutes on an otherwise
+# idle machine; with RUVO_BENCH_ROUNDS=1 in the environment half a minute, as a trial run.
 #
 #   scripts/bench.sh [FOLDER] [OPTION...]
 #       FOLDER   where performance.csv and the pictures go (build/plots); docs/figures for those of the guide,
-#                whose tables are then made anew too
-#       OPTION   of the benchmark, as --rounds 5 or --full; --help lists them. One that chooses cases leaves the
-#                pictures, their data and the guide alone.
+#                whose tables are then updated too
+#       OPTION   of the benchmark, such as --rounds 5 or --full; --help lists them. One that chooses cases leaves
+#                the pictures, their data and the guide unchanged.
 #
 #   scripts/bench.sh --quick
-#       auto_pipelining on one connection beside bare hiredis, on loopback and over a network, in half a minute:
-#       what whoever changes it looks at.
+#       auto_pipelining on one connection and bare hiredis, on loopback and over a network, in half a minute:
+#       for a quick check of a change.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=build/plots
@@ -36,7 +36,7 @@ if [ -z "$whole" ]; then
   exit
 fi
 mkdir -p "$folder"
-cp "$measured" "$folder/performance.csv"  # whole, or as it was
+cp "$measured" "$folder/performance.csv"  # complete, or unchanged
 guide=()
 if [ "$folder" -ef docs/figures ]; then guide=(docs/performance.md); fi
 bench/tables.py "$folder/performance.csv" "${guide[@]}"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds for arm64 with Debian's cross compiler and libraries (unpacked into a folder, nothing of arm64 is
-# installed), and runs the unit tests and a short chaos with qemu-user.
+# Builds for arm64 with Debian's cross compiler and libraries (unpacked into a folder; no arm64 package is installed),
+# and runs the unit tests and a short chaos with qemu-user.
 #
 #   scripts/check_arm64.sh [FOLDER]     FOLDER is kept, so that the next time is shorter
 #
@@ -21,7 +21,7 @@ suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
 if [ ! -d "$root/usr/include/hiredis" ]; then
   scripts/unpack_packages.sh "$root" "$suite" arm64 libc6-dev libstdc++-12-dev libhiredis-dev libace-dev libgtest-dev \
     libcli11-dev nlohmann-json3-dev libffi-dev
-  # Links to places outside the folder lead into it.
+  # Absolute links are redirected into the folder.
   find "$root" -type l -lname '/*' | while read -r link; do
     ln -sfn "$root$(readlink "$link")" "$link"
   done
@@ -45,7 +45,7 @@ export PKG_CONFIG_LIBDIR=$root/usr/lib/aarch64-linux-gnu/pkgconfig:$root/usr/sha
 cmake -G Ninja -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$work/arm64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DRUVO_BUILD_EXAMPLES=OFF -DRUVO_BUILD_DEMO=OFF >"$work/log"
 
-# What does not measure time, which passes ten times as fast here, and needs no tool of its own.
+# Tests that measure no time, which passes ten times as fast here, and that need no tool of their own.
 tests=(stream_log sutils busin_config key_format log_line log_sink startup pools raw operations strings lifecycle
        exchange exports threads log_events latency_histogram judge)
 cmake --build "$build" --target "${tests[@]/%/_test}" ruvo_chaos >"$work/log" 2>&1 || { tail -n 20 "$work/log"; exit 1; }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The headers for C++ hosts, with GCC and Clang, as C++17, C++20 without exceptions and RTTI, and C++23: the
-# examples of ruvo.hpp, optimised and not; the mistakes that must not compile; each header on its own; a hiredis
-# that is not the library's. Wants the release build, whose headers it takes.
+# Checks the headers for C++ hosts with GCC and Clang, as C++17, C++20 without exceptions and RTTI, and C++23: the
+# examples of ruvo.hpp, optimised and not; the mistakes that must not compile; each header on its own; another hiredis
+# than the library's. Needs the release build, whose headers it uses.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,7 +18,7 @@ trap 'rm -rf "$work"' EXIT
   echo '}'
 } >"$work/examples.cpp"
 
-# Compiles the mistakes one by one, with a header that has been compiled before. $1: the compiler, the others: how.
+# Compiles the mistakes one by one, with a precompiled header. $1: the compiler, the others: how.
 refuse_mistakes() {
   local compiler=$1 name number sentence only step refused=0
   name=$(mktemp -d -p "$work")
@@ -35,7 +35,7 @@ refuse_mistakes() {
   "${compile[@]}" -c -DMISTAKE=0
   while read -r number only sentence; do
     if [ "$only" = any ] || [ "$only" = "$compiler" ]; then
-      # GCC sees a time only when it optimises.
+      # GCC sees a time only if it optimises.
       step=-fsyntax-only
       [ "$compiler $sentence" != "g++ the time is too short" ] || step=-c
       if "${compile[@]}" "$step" "-DMISTAKE=$number" 2>"$name/errors" || ! grep -qE "error: .*($sentence)" "$name/errors"; then
@@ -49,7 +49,7 @@ refuse_mistakes() {
   echo "$*: refuses $refused mistakes"
 }
 
-# Everything that one compiler must do. $1: which.
+# All checks for one compiler. $1: its name.
 check() {
   local configuration options level header
   for header in results arguments; do
@@ -85,7 +85,7 @@ if g++ -std=c++17 -I"$work" -I"$headers" -fsyntax-only "$work/examples.cpp" 2>"$
   exit 1
 fi
 
-# Without exceptions the program ends where one would be thrown, and says why.
+# Without exceptions the program ends with the reason at the place of a throw.
 cat >"$work/no_exceptions.cpp" <<'CODE'
 #include <ruvo/ruvo.hpp>
 int main() { return ruvo::pool(eTempServer).increment("k").value() > 0 ? 0 : 1; }

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Are the libraries and programs named, as installed, hardened as cmake/hardening.cmake says? The one
-# flag that cannot be seen is -fstack-clash-protection: it changes only functions with frames of a page and
-# more, and there may be none.
+# Are the libraries and programs named, as installed, hardened as cmake/hardening.cmake says? Only
+# -fstack-clash-protection is not visible: it changes only functions with frames of a page or more, and there may be
+# none.
 #
 #   scripts/check_hardening.sh FILE...
 set -euo pipefail
 
 failed=0
-# refuse FILE TEXT: says it of the file
+# refuse FILE TEXT: reports a fault of the file
 refuse() {
   echo "$1: $2" >&2
   failed=1
@@ -20,7 +20,7 @@ for file in "$@"; do
   grep -q 'FLAGS_1.*NOW' <<<"$dynamic" || refuse "$file" "binds late (-z now)"
   grep -q 'GNU_RELRO' <<<"$segments" || refuse "$file" "relocations stay writable (-z relro)"
   grep -q 'GNU_STACK .* RW ' <<<"$segments" || refuse "$file" "executable stack (-z noexecstack)"
-  # A library may have no call that could be checked; one that prints has.
+  # A library may have no call that could be checked; one that prints has some.
   if grep -qE ' v?[fsn]*printf@' <<<"$imports"; then
     grep -qE '__[a-z]+_chk(@|$)' <<<"$imports" || refuse "$file" "unchecked calls (-D_FORTIFY_SOURCE=2)"
   fi
@@ -29,7 +29,7 @@ for file in "$@"; do
   if grep 'INTERP' <<<"$segments" >/dev/null && ! grep -q 'FLAGS_1.*PIE' <<<"$dynamic"; then
     refuse "$file" "a program at a fixed address (-pie)"
   fi
-  # Folders where libraries are searched: relative to the file's own, or none.
+  # Folders that are searched for libraries: relative to the file's own, or none.
   paths=$(sed -nE 's/.*\((RPATH|RUNPATH)\).*\[(.*)\]/\2/p' <<<"$dynamic" | tr ':' '\n')
   if grep -vE '^\$ORIGIN(/|$)' <<<"$paths" | grep . ; then
     refuse "$file" "searches libraries outside its own tree"

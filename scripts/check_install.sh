@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs the release build into a folder of its own, looks at its hardening, and builds the installed
-# examples where they lie: the hosts and a program through the CMake package, one in C through pkg-config.
-# The programs are run. Then what the project is as a part of another one, and what it refuses to be.
+# Installs the release build into a folder of its own, checks its hardening, and builds the installed examples in
+# place: the hosts and a program through the CMake package, one in C through pkg-config. Runs the programs. Then checks
+# the project as a part of another one, and the uses that it must refuse.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -41,7 +41,7 @@ set(CMAKE_CXX_STANDARD 17)
 set(BUILD_SHARED_LIBS OFF)
 add_subdirectory($PWD ruvo)
 CMAKE
-# Prints what of the project the host would install with these options: documents, which need no build.
+# Prints the project's files that the host would install with these options: documents, which need no build.
 installed_by_host() {
   rm -rf "$work/host_build" "$work/host_prefix"
   cmake -S "$work/host" -B "$work/host_build" -G Ninja "$@" >/dev/null

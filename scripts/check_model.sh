@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Model checking of the calls that share a connection: the library's own pipeline.cpp on relacy. Three threads, in
-# each scenario of tests/model/pipeline_model.cpp: all states of two threads, two and three with few preemptions,
-# and each scenario at random. Then the faults of tests/model/faults.txt, each of which must be found.
+# Model checking of the calls that share a connection: the library's own pipeline.cpp on relacy. Three threads in each
+# scenario of tests/model/pipeline_model.cpp: all states of two threads, two and three with few preemptions, and each
+# scenario at random. Then the faults of tests/model/faults.txt, each of which must be found.
 #
-#   scripts/check_model.sh [EXECUTIONS]     of each scenario at random; 20000 where none is given
+#   scripts/check_model.sh [EXECUTIONS]     of each scenario at random (20000)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh build check
@@ -12,16 +12,16 @@ executions=${1:-20000}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 compile=(g++ -std=c++20 -O2 -Isrc/openlib/ruvo -Isrc/core/common -Isrc/util)
-# A state is also what the stacks hold: nothing there may be left over from earlier.
+# A state includes the contents of the stacks, which must not hold old values.
 as_state=(-fno-omit-frame-pointer -ftrivial-auto-var-init=zero)
 
-# The model with a pipeline.cpp. $1: its path; $2: the program.
+# The model with a given pipeline.cpp. $1: its path; $2: the program.
 build() {
   "${compile[@]}" "${as_state[@]}" "-DPIPELINE_SOURCE=\"$1\"" -c tests/model/pipeline_model.cpp -o "$2.o"
   g++ "$2.o" "$work/engine.o" -o "$2"
 }
 
-# $1: what the program must do, "passes" or "fails"; the others: the program and how it searches.
+# $1: what the program must do, "passes" or "fails"; the others: the program and its search.
 search() {
   local expected=$1 program=$2 end=passes log
   shift 2
@@ -44,7 +44,7 @@ for scenario in $("$work/model" names); do
   search passes "$work/model" "$scenario" random "$executions"
 done
 
-# Plants a fault. $1: what stands there; $2: what is put there; $3: the file.
+# Plants a fault. $1: the original text; $2: the replacement; $3: the file.
 plant() {
   python3 - "$@" <<'CODE'
 import re, sys

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Builds the Debian packages with README's own commands in a fresh Debian (debootstrap), builds and runs
-# programs there against what is installed, and installs and purges the packages in a second one that has
-# nothing else. Where there can be no fresh Debian it says why, builds the packages here and unpacks them
-# into a folder instead.
+# Builds the Debian packages with README's own commands in a fresh Debian (debootstrap), builds and runs programs there
+# against the installed packages, and installs and purges the packages in a second Debian that has nothing else. If
+# there can be no fresh Debian it says why, builds the packages here and unpacks them into a folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,7 +9,7 @@ work=$(mktemp -d)
 roots=$work/roots
 finish() {
   cd /
-  # Besides the tmpfs, what an interrupted debootstrap leaves mounted.
+  # Besides the tmpfs, the mounts that an interrupted debootstrap leaves.
   for mounted in $(awk -v work="$work/" 'index($2, work) == 1 {print $2}' /proc/mounts | sort -r); do
     umount "$mounted" || umount -l "$mounted"
   done
@@ -19,17 +18,17 @@ finish() {
 trap finish EXIT
 trap 'exit 130' INT TERM
 
-# Makes $roots/bare; sets `reason` where that cannot be.
+# Makes $roots/bare; sets `reason` if that is not possible.
 make_root() {
   local suite mirror bare=$roots/bare
   [ "$(id -u)" -eq 0 ] || { reason="not root"; return 1; }
   command -v debootstrap >/dev/null || { reason="no debootstrap"; return 1; }
   suite=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
-  # The machine's own mirror of its own release.
+  # The machine's own mirror for its release.
   mirror=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME)' 'Created-By: Packages' |
     awk -v suite="$suite" '$2 == suite {print $1; exit}')
   [ -n "$mirror" ] || { reason="apt has no source for '$suite'"; return 1; }
-  # In memory where that may be: dpkg syncs every file, and a busy disk takes minutes to delete them.
+  # In memory if possible: dpkg syncs every file, and a busy disk takes minutes to delete them.
   mkdir "$roots"
   mount -t tmpfs -o size=4g tmpfs "$roots" 2>"$work/mount.log" || true
   if ! debootstrap --variant=minbase "$suite" "$bare" "$mirror" >"$work/debootstrap.log" 2>&1; then
@@ -43,7 +42,7 @@ make_root() {
   chmod +x "$bare/usr/sbin/policy-rc.d"
 }
 
-# Runs a command in a root, in /root/libruvo where that is there; shows the end of its output if it fails.
+# Runs a command in a root, in /root/libruvo if that exists; shows the end of its output if it fails.
 within() {
   local root=$roots/$1
   shift
@@ -52,22 +51,21 @@ within() {
     { tail -n 20 "$work/log" >&2; return 1; }
 }
 
-# The block of README that makes the packages.
+# The block of README that builds the packages.
 readme_commands() {
   awk '/^ *```sh$/ {shown = 1; block = ""; next}
        /^ *```/    {if (shown && block ~ /--preset package/) printf "%s", block; shown = 0; next}
        shown       {sub(/^ +/, ""); block = block $0 "\n"}' README.md
 }
 
-# Every file but what apt, dpkg and the loader keep for themselves.
+# Every file except those that apt, dpkg and the loader maintain.
 files_of() {
   (cd "$roots/$1" &&
     find . -xdev \( -path ./var/cache -o -path ./var/log -o -path ./var/lib/apt -o -path ./root \) -prune \
       -o ! -path './var/lib/dpkg/*-old' -print | sort)
 }
 
-# Builds and runs what the package has as examples, against the package. $1: where it is unpacked, $2: a
-# folder to work in.
+# Builds and runs the package's examples against the package. $1: where it is unpacked, $2: a folder to work in.
 cat >"$work/consume.sh" <<'SH'
 set -eu
 examples=$1/usr/share/doc/libruvo-dev/examples
@@ -85,7 +83,7 @@ c++ "$examples/log_file_host.cpp" -o "$2/log_file_host" \
   $(pkg-config --cflags --libs ruvo stream_log) "$link"
 "$1/usr/bin/ruvo_cli" --version
 
-# What the guides point to is there.
+# The targets of the guides' links exist.
 cd "$1/usr/share/doc/ruvo-tools/docs"
 grep -Eo ']\([^):]+\)' ./*.md | sed -E 's/^([^:]*):]\(([^)#]*).*/\1 \2/' | while read -r guide target; do
   [ -z "$target" ] || [ -e "$target" ] || { echo "$guide: no $target" >&2; exit 1; }
@@ -107,7 +105,7 @@ if make_root; then
   cp "$work/consume.sh" "$roots/builder/root/"
   within builder sh /root/consume.sh "" /root
 
-  # Without what they need they are refused, not made wrong.
+  # Without their prerequisites the packages must be refused, not built wrong.
   for needed in file:file dpkg-dev:dpkg-shlibdeps; do
     within builder dpkg --remove --force-depends "${needed%:*}"
     if within builder cmake --preset package 2>"$work/refusal" ||
@@ -123,7 +121,7 @@ if make_root; then
   within bare apt-get update
   within bare sh -c 'apt-get install /root/debs/*.deb'
   for tool in ruvo_cli ruvo_chaos; do
-    within bare "$tool" --help   # with what the packages depend on, and nothing else
+    within bare "$tool" --help   # with only the packages' dependencies
   done
   within bare apt-get purge --auto-remove libruvo1 libruvo-dev ruvo-tools
   files_of bare >"$work/after"
@@ -131,7 +129,7 @@ if make_root; then
   where="in a fresh $(. /etc/os-release && echo "$PRETTY_NAME")"
 else
   echo "no fresh system ($reason): building here and unpacking"
-  rm -f build/package/*.deb   # of another version, say
+  rm -f build/package/*.deb   # of another version, for example
   cmake --workflow --preset package >/dev/null
   root=$work/unpacked
   for deb in build/package/*.deb; do
@@ -143,12 +141,12 @@ else
   where=unpacked
 fi
 
-# Nothing but libruvo-dev may do without dependencies from Debian.
+# Only libruvo-dev may have no dependencies from Debian.
 for deb in build/package/*.deb; do
   depends=$(dpkg-deb -f "$deb" Depends)
   echo "${deb##*/}: $depends"
   [[ $deb == */libruvo-dev_* || $depends == *libc6* ]] || { echo "${deb##*/} lacks dependencies" >&2; exit 1; }
 done
-# As root too, where it only warns. The calls of ldconfig are those that cpack puts in beside the trigger.
+# As root too, where it only warns. The calls of ldconfig are those that cpack adds to the trigger.
 lintian --allow-root --fail-on error,warning --suppress-tags maintscript-calls-ldconfig build/package/*.deb
 echo "the packages work $where"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What is documented by tools: the API reference (an undocumented public symbol is an error), the manual
-# pages, and the change log, whose newest version must be the project's.
+# The documents that tools check: the API reference (an undocumented public symbol is an error), the manual pages, and
+# the change log, whose newest version must be the project's.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

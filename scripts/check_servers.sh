@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Runs the tests that have a Redis, and a minute of chaos, against other servers and versions: those of
-# Debian's suites, unpacked into a folder and started from there. Prints the table of docs/compatibility.md.
+# Runs the tests that need a Redis, and a minute of chaos, against other servers and versions: those of Debian's
+# suites, unpacked into a folder and started from there. Prints the table of docs/compatibility.md.
 #
 #   scripts/check_servers.sh [SUITE/PACKAGE...]     (no argument: all of the list below)
 #
-# SERVERS_SECONDS in the environment: how long the chaos lasts in each mode, instead of 30 s.
+# SERVERS_SECONDS in the environment: duration of the chaos in each mode, instead of 30 s.
 # Not part of the regular checks: it takes some minutes for each server.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,8 +23,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 130' INT TERM
 
-# Puts PROGRAM of the unpacked package into the folder that stands first in PATH, by Redis' name. It runs
-# with the loader and the libraries of its own suite.
+# Puts PROGRAM of the unpacked package into the first folder of PATH, under Redis' name. It runs with the loader and
+# the libraries of its own suite.
 put() {
   local root=$1 program=$2 name=$3 loader
   loader=$(find "$root" -name 'ld-linux-*.so.*' | head -n 1)

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# What cppcheck finds in all of the project, and GCC's analyser in its C. In C++ the analyser of GCC 12
-# is not sound: it takes what `new` returns for null, and the object that a function returns for one never
-# set, and warned of nothing else here.
+# Runs cppcheck on all of the project, and GCC's analyser on its C. The analyser of GCC 12 is not sound for C++: it
+# takes the result of `new` for null and a returned object for uninitialised, and reported nothing else here.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -3,7 +3,7 @@
 #
 #   scripts/check_style.sh [--fix | --libraries]
 #
-#   --fix        put the format right, and no more
+#   --fix        only corrects the format
 #   --libraries  tidy checks only of the two libraries and ruvo.hpp; all the rest takes four times as long
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -15,9 +15,9 @@ if [ "${1:-}" = --fix ]; then
 fi
 clang-format --dry-run --Werror "${sources[@]}"
 
-# What the build compiles, the benchmarks too; headers are looked at where they are included. One file
-# at a time and the largest first, so that the processors end together. A template that explodes meets
-# the limits before it takes the machine down; in the foreground CTRL-C reaches it.
+# The files that the build compiles, including the benchmarks; headers are checked through them. One file at a time and
+# the largest first, so that the processors end together. The limits stop an exploding template before it exhausts the
+# machine; in the foreground CTRL-C reaches it.
 cmake --preset bench -B build/check -DRUVO_BUILD_TESTS=ON >/dev/null
 tidied=('*.cpp' ':!examples/installed_package' ':!tests/ruvo_hpp_mistakes.cpp')
 [ "${1:-}" != --libraries ] || tidied=('src/*.cpp' 'platform/*.cpp' examples/quick_start.cpp)

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Counts the instructions of each operation, and whose they are: the library's, hiredis', the C
-# library's. Fails when the library's share or the whole call has grown by more than 5% over bench/instructions.txt.
+# Counts the instructions of each operation by owner: the library, hiredis, the C library. Fails if the library's share
+# or the whole call has grown by more than 5% over bench/instructions.txt.
 #
 #   scripts/count_instructions.sh [--record] [--functions OPERATION]
-#       --record      write bench/instructions.txt afresh
-#       --functions   list the library's functions in one operation too, as "GET"
+#       --record      writes bench/instructions.txt again
+#       --functions   also lists the library's functions in one operation, such as "GET"
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

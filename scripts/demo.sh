@@ -1,14 +1,12 @@
 #!/usr/bin/env bash
-# Shows the library at work: builds it, starts throwaway servers on loopback, runs a host with eight
-# threads on them (ruvo_chaos, which checks every value), kills one of a pool's two servers under its
-# feet and brings it back.
+# Shows the library at work: builds it, starts throwaway servers on loopback, runs a host with eight threads on them
+# (ruvo_chaos, which checks every value), kills one of a pool's two servers meanwhile and brings it back.
 #
 #   scripts/demo.sh [--shards N]     DEMO_SECONDS=N in the environment: how long the host runs (12)
 #
-# The servers of a pool serve the same data: two proxies before N Redis servers, the shards, which the
-# keys are distributed over. The host sees the proxies, and it is a proxy that dies first:
-# no operation fails. With two shards or more, a shard dies next. Nothing stands in for it, so the
-# operations on its keys fail until it is back; it has kept its data.
+# The servers of a pool serve the same data: two proxies before N Redis servers, the shards, over which the keys are
+# distributed. The host sees the proxies, and a proxy dies first: no operation fails. With two shards or more, a shard
+# dies next. No other server has its keys, so the operations on them fail until it is back; it has kept its data.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,7 +19,7 @@ while [ $# -gt 0 ]; do
   shards=$2
   shift 2
 done
-# Each target is killed after a pause and comes back after another; then the host has three seconds.
+# Each target is killed after a pause and returns after another; then the host has three seconds.
 pauses=$((shards > 1 ? 4 : 2))
 seconds=${DEMO_SECONDS:-12}
 [[ $seconds =~ ^[1-9][0-9]{0,3}$ && $seconds -ge $((pauses + 3)) ]] ||
@@ -36,8 +34,8 @@ cmake --build build/demo --target ruvo_chaos
 . scripts/throwaway.sh
 reads() { [ "$(redis-cli -p "$1" exists probe)" = 0 ]; }
 
-# A shard writes each change to a file before it answers, and reads the file when it starts. Without
-# fsync: Redis puts writes off while one takes long on a busy disk, and a kill would lose them.
+# A shard writes each change to a file before it answers, and reads the file when it starts. Without fsync: while one
+# takes long on a busy disk, Redis delays writes, and a kill would lose them.
 start_shard() {  # name
   mkdir -p "$work/$1"
   redis-server --port "${port_of[$1]}" --bind 127.0.0.1 --save '' --appendonly yes \
@@ -47,7 +45,7 @@ start_shard() {  # name
   wait_for reads "${port_of[$1]}"
 }
 
-# The proxies of a pool list the same shards in the same order, and so agree where each key is.
+# The proxies of a pool list the same shards in the same order, and so agree on the shard of each key.
 start_proxy() {  # name
   {
     cat <<YML
@@ -88,7 +86,7 @@ cat >"$work/sruvo.conf" <<CONF
 [redis_cfg]
 redis_cfg_path = $work/ruvo_redis.conf
 CONF
-# The settings of a new site, but for the limit of the log: the host reads every line.
+# The settings of a new site, except the limit of the log: the host reads every line.
 cat >"$work/ruvo_redis.conf" <<CONF
 [common]
 connect_timeout = 200

@@ -1,18 +1,18 @@
 #!/usr/bin/env bash
-# Installs from Debian what this machine lacks; does nothing when all is there.
+# Installs missing packages from Debian; does nothing if there are none.
 #
 #   scripts/deps.sh [build] [package] [run] [site] [test] [bench] [check] [plot] [arm64]     (no argument: all but arm64)
 #
 #   build    compiler, build tools, hiredis and ACE
-#   package  what makes Debian packages of the build
+#   package  tools that make Debian packages of the build
 #   run      Redis and the proxy that the demo starts
-#   site     what scripts/site.sh starts: Redis, which is the Sentinel too, and HAProxy
+#   site     servers of scripts/site.sh: Redis, which is the Sentinel too, and HAProxy
 #   test     Redis, the proxy, GoogleTest
 #   bench    Redis, the proxy, valgrind and gnuplot, for the benchmark, its pictures and the count of instructions
-#   check    format, tidy and static checks, binary interface, model, fuzzing, reference, manual pages, packages, what
-#            the guides show
+#   check    format, tidy and static checks, binary interface, model, fuzzing, reference, manual pages, packages, the
+#            examples of the guides
 #   plot     the pictures of docs/scaling.md
-#   arm64    what scripts/check_arm64.sh builds and runs with
+#   arm64    cross compiler and emulator of scripts/check_arm64.sh
 set -euo pipefail
 
 declare -A packages=(

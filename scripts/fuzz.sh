@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Feeds the configuration reader, the text helpers and the expansion of keys with inputs that
-# libFuzzer makes up. An input that fails is left in build/fuzz; run the target with it to see it again:
+# Runs the configuration reader, the text helpers and the expansion of keys on inputs from libFuzzer. An input that
+# fails is left in build/fuzz; run the target with it to reproduce the fault:
 #
 #   build/fuzz/tests/fuzz/config_fuzz build/fuzz/config_fuzz-crash-...
 #
-#   scripts/fuzz.sh [seconds]     for all targets together; 60 unless told
+#   scripts/fuzz.sh [seconds]     for all targets together (60)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
@@ -13,7 +13,7 @@ targets=(config_fuzz text_fuzz key_fuzz)
 scripts/deps.sh build check
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
-corpus=$(mktemp -d)  # what is found goes there, so that the tree stays as it is
+corpus=$(mktemp -d)  # new inputs go there, so that the tree stays unchanged
 fuzzer=
 finish() {
   [ -z "$fuzzer" ] || kill "$fuzzer" 2>/dev/null || true

@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# Stops one of two servers below a host for a minute, without any key and as a new site is configured, and
-# draws what becomes of its calls, as docs/operations.md shows it. Takes three minutes of a machine that
-# does nothing else.
+# Stops one of two servers below a host for a minute, without any key and with a new site's configuration, and draws
+# the results of its calls, for docs/operations.md. Takes three minutes on an otherwise idle machine.
 #
 #   scripts/plot_worst_case.sh [FOLDER]     where worst_case.csv and the picture go (docs/figures)
-#   scripts/plot_worst_case.sh --draw       only draws what the CSV has
+#   scripts/plot_worst_case.sh --draw       only draws the CSV that is there
 set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=docs/figures
@@ -31,7 +30,7 @@ set xlabel "seconds; one of two servers is stopped from 10 to 70"
 set logscale y
 configurations = "'no key' 'recommended'"
 of(name, value) = strcol(1) eq name ? value : NaN
-# A logarithmic axis has no place for none: a second in which no call ended is a gap.
+# A logarithmic axis has no zero: a second in which no call ended is a gap.
 some(value) = value > 0 ? value : NaN
 set title "calls per second"
 set yrange [1:*]

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Plays a site with a failover below a host: a primary and a replica, three Sentinels, and two HAProxies that
-# lead to the primary, all throwaway and on loopback. A host with 16 threads writes and reads through the
-# HAProxies, while the primary is failed over by command, and then killed. Prints each second what the host got.
+# Simulates a site with failover: a primary and a replica, three Sentinels, and two HAProxies that lead to the primary,
+# all throwaway and on loopback. A host with 16 threads writes and reads through the HAProxies while the primary is
+# failed over by command, and then killed. Prints the host's results each second.
 #
 #   scripts/site.sh [--check sentinel|role] [--without-keys] [--require-none]
 #
 #   --check         how HAProxy finds the primary: it asks the Sentinels (sentinel), or each Redis for its role
 #                   (role); the files are examples/site/haproxy_*.cfg
 #   --without-keys  leaves recommended_defaults out
-#   --require-none  fails when a call failed
+#   --require-none  fails if a call failed
 #
 # SITE_SECONDS=N in the environment: how long the host runs (30).
 set -euo pipefail
@@ -45,7 +45,7 @@ export SITE=site
 host=127.0.0.1
 give_ports redis-{1,2} sentinel-{1,2,3} haproxy-{1,2}
 
-start_redis() {  # name, and what it is a replica of
+start_redis() {  # name, and the primary of a replica
   mkdir -p "$work/$1"
   redis-server --port "${port_of[$1]}" --bind $host --save '' --dir "$work/$1" --repl-diskless-sync-delay 0 \
     ${2:+--replicaof "$host ${port_of[$2]}"} >>"$work/$1.log" 2>&1 &
@@ -136,7 +136,7 @@ sleep 4
 former=$(primary)
 echo "--- SENTINEL FAILOVER, away from $former"
 redis-cli -p "${port_of[sentinel-1]}" sentinel failover $SITE >/dev/null
-wait_for is_replica "$former"  # takes ten seconds; without a replica there is nobody to take over
+wait_for is_replica "$former"  # takes ten seconds; without a replica no server can take over
 sleep 2
 killed=$(primary)
 kill_hard "$killed"

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the tests. Needs no server: the tests start their own.
+# Installs missing packages, builds, and runs the tests. Needs no server: the tests start their own.
 #
 #   scripts/test.sh [PRESET] [ARGUMENT OF CTEST...]
 #       PRESET    release (the default), debug, asan or tsan
-#       ARGUMENT  as -R walk (only tests with this in their names), --repeat until-fail:20, -j 1
+#       ARGUMENT  such as -R walk (only tests with this in their names), --repeat until-fail:20, -j 1
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=release

@@ -1,8 +1,8 @@
-# Programs that a script starts on loopback and that end with it; for demo.sh and site.sh, which source it.
-# Nothing is left of them, however the script ends.
+# Programs that a script starts on loopback and that end with it; sourced by demo.sh and site.sh. Nothing remains of
+# them, however the script ends.
 
 work=$(mktemp -d)
-declare -A pid_of   # what the script has started, by name
+declare -A pid_of   # the programs that the script has started, by name
 stop_all() {
   trap '' INT TERM  # once is enough
   for name in "${!pid_of[@]}"; do
@@ -14,7 +14,7 @@ stop_all() {
 trap stop_all EXIT
 trap 'exit 130' INT TERM
 
-# Prints so many loopback ports that are free now.
+# Prints a number of loopback ports that are free now.
 free_ports() {
   perl -MSocket -e '
     for (1 .. shift) {
@@ -49,6 +49,6 @@ wait_for() {
 kill_hard() {  # name
   echo "--- SIGKILL to $1"
   kill -KILL "${pid_of[$1]}"
-  { wait "${pid_of[$1]}" || true; } 2>/dev/null  # bash would tell of the kill
+  { wait "${pid_of[$1]}" || true; } 2>/dev/null  # without bash's message about the kill
   unset "pid_of[$1]"
 }

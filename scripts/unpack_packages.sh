@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
-# Unpacks packages of a Debian suite and all that they depend on into a folder; installs nothing.
+# Unpacks packages of a Debian suite and all their dependencies into a folder; installs nothing.
 #
 #   scripts/unpack_packages.sh FOLDER SUITE ARCHITECTURE PACKAGE...
 set -euo pipefail
 
 folder=$(mkdir -p "$1" && realpath "$1") suite=$2 architecture=$3
 shift 3
-# The machine's own mirror, whatever release it is of.
+# The machine's own mirror, whatever its release.
 mirror=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME)' 'Created-By: Packages' |
   awk -v own="$(. /etc/os-release && echo "$VERSION_CODENAME")" '$2 == own {print $1; exit}')
 [ -n "$mirror" ] || { echo "apt has no source for this machine's release" >&2; exit 1; }
 
-# An apt of its own, on a machine that has no package yet.
+# A separate apt, as on a machine without any package.
 apt=$folder/.apt
 mkdir -p "$apt"/{etc/apt.conf.d,lists/partial,archives/partial}
 : >"$apt/status"

@@ -1,5 +1,5 @@
 #!/bin/sh
-# What libraries let out against packaging/libruvo1.symbols, to the letter.
+# Compares the libraries' exports with packaging/libruvo1.symbols: they must match exactly.
 #
 #   tests/exports_are_as_listed.sh LIBRARY...
 set -eu

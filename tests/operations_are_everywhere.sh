@@ -1,11 +1,11 @@
 #!/bin/sh
-# Every exported function has its place in the interface for C++, in ruvo_cli, in the list of all
-# operations that tests work through, and in the manual pages.
+# Every exported function must be in the interface for C++, in ruvo_cli, in the tests' list of all operations, and in
+# the manual pages.
 set -eu
 cd "$(dirname "$0")/.."
 
 missing=0
-# want NAME PLACE PATTERN FILE...: tells when no file has the pattern
+# want NAME PLACE PATTERN FILE...: fails if no file has the pattern
 want() {
   name=$1 place=$2 pattern=$3
   shift 3
@@ -15,7 +15,7 @@ want() {
 operations=0
 for function in $(sed -nE 's/^ (RUVO_[A-Za-z]+)@.*/\1/p' packaging/libruvo1.symbols); do
   want "$function" "libruvo(3)" "^\.Fn $function " packaging/man/libruvo.3.in
-  # RUVO_ExecRedisCmd for those who have a va_list, which is all it adds.
+  # The same as RUVO_ExecRedisCmd, but with a va_list.
   [ "$function" != RUVO_ExecRedisvCmd ] || continue
   want "$function" ruvo.hpp "\\b$function\\(" src/openlib/ruvo/*.hpp
   case $function in
@@ -30,7 +30,7 @@ commands=$(sed -nE 's/^      \{"([a-z]+)",$/\1/p' tools/cli/operations.cpp)
 for command in $commands; do
   want "ruvo_cli $command" "ruvo_cli(1)" "^\.It Cm $command Ar " packaging/man/ruvo_cli.1.in
 done
-# As many as there are operations; a list that is not read as it is written would let everything pass.
+# The number of operations: a list that is misread would let everything pass.
 if [ "$operations" -eq 0 ] || [ "$(echo "$commands" | wc -w)" -ne "$operations" ]; then
   echo "$operations operations, and in ruvo_cli:" $commands >&2
   missing=1
