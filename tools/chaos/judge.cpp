@@ -15,7 +15,7 @@ const std::array<const char*, failure_count> failure_names{"the other server sti
                                                            "call timeout",
                                                            "not sent again: it may have run",
                                                            "connection out of step",
-                                                           "pool away for too long",
+                                                           "pool down for too long",
                                                            "outage expected",
                                                            "NOT ALLOWED"};
 

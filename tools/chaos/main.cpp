@@ -23,26 +23,26 @@ constexpr std::chrono::milliseconds longest_sleep(100);
 constexpr int most_runs = 8;
 
 constexpr const char* description =
-    R"(Keeps a host at work while its servers fail, and checks that it can trust the library with its
-life: threads use all families of operations on the three pools and check every value, while faults
-are injected on a plan that --seed determines.
+    R"(Runs a host while its servers fail, and checks every call: threads use all families of operations
+on the three pools and check every value, while faults are injected on a plan that --seed
+determines.
 
-Without --config it starts servers of its own on loopback: for each pool a Redis behind two TCP
-proxies, which the faults are injected into. They are gone when it ends. One server of each pool at
-a time is killed and started again, stopped and continued, paused, has its connections reset, stalls
-on one connection, answers what nobody asked for, or answers everything with READONLY, LOADING or
-"max number of clients reached"; or all servers of a pool are away, for less than call_timeout or
-for longer. The host starts while all servers are down.
+Without --config it starts its own servers on loopback: for each pool a Redis behind two TCP
+proxies, which inject the faults. They end with the run. One server of each pool at a time is killed
+and restarted, stopped and continued, paused, has its connections reset, stalls on one connection,
+sends a reply that nobody asked for, or answers everything with READONLY, LOADING or "max number of
+clients reached"; or all servers of a pool are down, for less than call_timeout or for longer. The
+host starts while all servers are down.
 
-With --config it works on an operator's servers. THEY MUST BE THROWAWAY ONES: it writes keys of its
-own in all pools (ruvo_workload:...) and leaves them there, and a server that loses data or carries
-out commands late makes values wrong. A server that holds any other key, or does not let that be
-seen, as a proxy does not, is refused, unless --throwaway says that it may be broken.
+With --config it uses an operator's servers. THEY MUST BE DISPOSABLE: it writes keys of its own to
+all pools (ruvo_workload:...) and leaves them there, and a server that loses data or runs commands
+late makes values wrong. It refuses a server that holds any other key, or that does not list its
+keys, as a proxy does not, unless --throwaway allows it.
 With --fault-command it takes one server of each pool down at a time and brings it back:
 COMMAND down IP:PORT, COMMAND up IP:PORT; the servers of a pool must be proxies of the same data.
-With --outside-faults somebody else takes servers down, and has them back when the run ends.
+With --outside-faults the operator takes servers down, and has brought them up when the run ends.
 
-Exit status: 0 all held, 1 something did not, 2 it could not run.)";
+Exit status: 0 all conditions held, 1 at least one did not, 2 it could not run.)";
 
 struct Options {
   std::uint64_t seed = std::random_device()();
@@ -93,7 +93,7 @@ void end_if_hung(const Judge& judge) {
   if (judge.finds_hang()) {
     std::this_thread::sleep_for(longest_sleep);
     if (judge.finds_hang()) {
-      std::puts("HANG: a call has taken longer than any may");
+      std::puts("HANG: a call has exceeded its upper bound");
       std::fflush(stdout);
       std::_Exit(1);
     }
@@ -106,7 +106,7 @@ void wait_until(Clock::time_point end, const Judge& judge) {
     std::this_thread::sleep_until(until);
     const Clock::duration late = Clock::now() - until;
     if (late > scheduling_tolerance) {
-      std::printf("STOOD STILL for %.1f s: the machine or somebody held this process up\n",
+      std::printf("PAUSED for %.1f s: this process did not run\n",
                   std::chrono::duration<double>(late).count());
     }
   }
@@ -319,7 +319,7 @@ int run_chaos(const Options& options, Site& site) {
 }
 
 void add_options(CLI::App& app, Options& options) {
-  app.add_option("--seed", options.seed, "Number that the plan of faults comes from [random]");
+  app.add_option("--seed", options.seed, "Seed of the fault plan [random]");
   app.add_option("--seconds", options.seconds, "How long to inject faults")
       ->capture_default_str()
       ->check(CLI::Range(1, 7 * 86400));
@@ -330,14 +330,14 @@ void add_options(CLI::App& app, Options& options) {
   auto* config = app.add_option("--config", options.config,
                                 "Local configuration file of a host on throwaway servers");
   app.add_flag("--throwaway", options.throwaway,
-               "Work on the servers of --config whatever keys they hold: nobody misses them")
+               "Use the servers of --config whatever keys they hold")
       ->needs(config);
   auto* command = app.add_option("--fault-command", options.fault_command,
                                  "Program that takes a configured server down and up")
                       ->needs(config);
   app.add_option("--outside-faults", options.outside_faults,
-                 "Somebody else injects faults: into a 'single' server of a pool at a time, or so "
-                 "that calls may fail, in an 'outage'")
+                 "The operator injects faults: into a 'single' server of a pool at a time, or in "
+                 "an 'outage', where calls may fail")
       ->needs(config)
       ->excludes(command)
       ->check(CLI::IsMember({"single", "outage"}));
@@ -352,11 +352,11 @@ void add_options(CLI::App& app, Options& options) {
   add_setting("--retry-timeout", options.own.retry_timeout_s, "..._server_retry_timeout (s)");
   add_setting("--connections", options.own.connections, "Connections to each");
   app.add_flag("--password", options.own.password,
-               "Its own servers want a password: plain, those that hang are ejected as well")
+               "Its own servers need a password: hung ones are then ejected with --plain, too")
       ->excludes(config);
   auto* plain = app.add_flag("--plain", options.own.plain,
-                             "Without recommended_defaults: a call may then fail where the walk's "
-                             "rules allow it")
+                             "Without recommended_defaults: a call may then fail where the rules "
+                             "of failover allow it")
                     ->excludes(config);
   app.add_flag(
          "--send-once", options.own.send_once,

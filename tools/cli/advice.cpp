@@ -45,7 +45,7 @@ std::optional<Advice> for_new_site(const StartupReport& report) {
       if (!is_absent(key)) {
         return std::nullopt;
       }
-      advice = {key.name, key.recommended, "gives what a new site should have:"};
+      advice = {key.name, key.recommended, "gives the settings of a new site:"};
     } else if (is_absent(key)) {
       changes += (changes.empty() ? " " : ", ") + key.name + " " + key.recommended;
     }

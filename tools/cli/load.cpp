@@ -343,11 +343,10 @@ ExitStatus load(const Options& options, const LoadOptions& load_options) {
     print(text_of(outcome));
   }
   if (outcome.keys_left > 0) {
-    std::fprintf(
-        stderr,
-        "ruvo_cli: load: up to %zu keys %s* could not be deleted in pool %s; those that the "
-        "load has made anew, but for set's, do not expire\n",
-        outcome.keys_left, key_prefix, pool_name(options.pool));
+    std::fprintf(stderr,
+                 "ruvo_cli: load: up to %zu keys %s* could not be deleted in pool %s; those that "
+                 "operations other than set have created do not expire\n",
+                 outcome.keys_left, key_prefix, pool_name(options.pool));
   }
   if (outcome.failed > 0) {
     show_kept_lines();

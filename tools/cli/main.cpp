@@ -138,7 +138,7 @@ CLI::Option* add_number(CLI::App& command, const std::string& name, Number& targ
 }
 
 constexpr const char* raw_usage =
-    "Behind the options come the words of the command, which are taken as they stand:\n"
+    "The words of the command follow the options and are taken unchanged:\n"
     "  ruvo_cli raw LRANGE key 0 -1\n\n";
 
 // The words are taken unchanged: none of them is an option, here or of the tool.
@@ -172,7 +172,7 @@ void add_parameter(CLI::App& command, CommandLine& line, Parameter parameter) {
       add_number(command, "SECONDS", arguments.seconds, "Seconds from now")->required();
       break;
     case Parameter::increment:
-      add_number(command, "INCREMENT", arguments.increment, "What to add")->required();
+      add_number(command, "INCREMENT", arguments.increment, "The amount to add")->required();
       break;
     case Parameter::count:
       add_number(command, "COUNT", arguments.count,
@@ -225,7 +225,7 @@ void add_operations(CLI::App& app, CommandLine& line) {
     for (const Parameter parameter : operation.parameters) {
       add_parameter(command, line, parameter);
     }
-    command.add_flag("-n,--no-newline", line.no_newline, "No newline behind the value");
+    command.add_flag("-n,--no-newline", line.no_newline, "No newline after the value");
     command.footer((operation.family == Family::any ? raw_usage : "") +
                    exit_status_help(statuses_of(operation)));
   }
@@ -241,20 +241,20 @@ std::string operation_names() {
 
 void add_stats(CLI::App& app, CommandLine& line, const std::string& group) {
   StatsOptions& wanted = line.stats;
-  CLI::App& command = add_command(app, line, "stats", "Show what a host has counted", group,
+  CLI::App& command = add_command(app, line, "stats", "Show a host's statistics", group,
                                   [&line] { return stats(line.options, line.stats); });
   command.parse_complete_callback([&app] { app.get_option("--config")->required(false); });
   command.add_option("FILE", wanted.file, "The host's stats_file")->required();
   CLI::Option* watching =
       add_number(command, "--watch", wanted.seconds,
-                 "Look again every so many seconds (default 1), with the rates between", 1, 86400)
+                 "Repeat after this many seconds (default 1), with the rates in between", 1, 86400)
           ->expected(0, 1)
           ->default_str("1");
-  add_number(command, "--rounds", wanted.rounds, "Number of looks; 0, the default: no end", 0,
+  add_number(command, "--rounds", wanted.rounds, "Number of readings; 0, the default: no end", 0,
              std::numeric_limits<int>::max())
       ->needs(watching);
   CLI::Option* prometheus =
-      command.add_flag("--prometheus", wanted.prometheus, "Print it as Prometheus reads it")
+      command.add_flag("--prometheus", wanted.prometheus, "Print the text format of Prometheus")
           ->excludes(watching)
           ->excludes(app.get_option("--json"));
   command
@@ -262,13 +262,14 @@ void add_stats(CLI::App& app, CommandLine& line, const std::string& group) {
       ->needs(prometheus)
       ->allow_extra_args(false)
       ->type_name("NAME=VALUE");
-  command.footer(exit_status_help(
-      {{succeeded, "success"}, {unreadable_input, "the file cannot be read, or is no such"}}));
+  command.footer(
+      exit_status_help({{succeeded, "success"},
+                        {unreadable_input, "the file cannot be read, or is no stats_file"}}));
 }
 
 void add_programs(CLI::App& app, CommandLine& line) {
   static const char* const group = "Servers";
-  add_command(app, line, "check", "Start up, ask every server, review the settings", group,
+  add_command(app, line, "check", "Start up, probe every server, review the settings", group,
               [&line] { return check(line.options); })
       .footer(exit_status_help(
           {{succeeded, "every server and connection is up, every setting is read as written"},
@@ -286,7 +287,7 @@ void add_programs(CLI::App& app, CommandLine& line) {
   add_number(watching, "--rounds", line.watch.rounds, "Number of rounds; 0, the default: no end", 0,
              std::numeric_limits<int>::max());
   watching.add_option("--stats-file", line.watch.stats_file,
-                      "A host's stats_file: show also how that host sees each server");
+                      "A host's stats_file: also show how that host sees each server");
   watching.footer(exit_status_help({{succeeded, "in the last round every server was up"},
                                     {pools_down, "none was, or the pool has no servers"},
                                     {connections_down, "some were not"}}));
@@ -297,16 +298,17 @@ void add_programs(CLI::App& app, CommandLine& line) {
   const auto or_default = [](const std::string& help, int value) {
     return help + " (default " + std::to_string(value) + ")";
   };
-  CLI::App& loading = add_command(app, line, "load", "Put a load on a pool and measure it", group,
+  CLI::App& loading = add_command(app, line, "load", "Load-test a pool", group,
                                   [&line] { return load(line.options, line.load); });
   add_number(loading, "--threads", line.load.threads,
              or_default("Threads that call", standard.threads), 1, 1000);
-  add_number(loading, "--seconds", line.load.seconds, or_default("How long", standard.seconds), 1,
-             86400);
+  add_number(loading, "--seconds", line.load.seconds,
+             or_default("Duration in seconds", standard.seconds), 1, 86400);
   loading.add_option("--mix", line.load.mix,
                      "OPERATION=WEIGHT,..., see below (default " + standard.mix + ")");
-  loading.add_option("--raw", line.load.raw,
-                     "What raw runs in the mix; {key} is the key (default " + standard.raw + ")");
+  loading.add_option(
+      "--raw", line.load.raw,
+      "The command of raw in the mix; {key} is the key (default " + standard.raw + ")");
   add_number(loading, "--keys", line.load.keys, or_default("Keys to spread over", standard.keys), 1,
              10000000);
   add_number(loading, "--value-size", line.load.value_size,
@@ -333,7 +335,7 @@ int run(int argc, char** argv) {
       ->check(CLI::IsMember(std::vector<std::string>(level_names.begin(), level_names.end())));
   app.add_option("--log-file", line.log.file, "Append the library's log to this file");
   app.add_flag("--show-passwords", line.log.show_passwords,
-               "Show the passwords that stand in the library's log");
+               "Show the passwords in the library's log");
   app.add_flag("--json", line.options.json, "Print JSON");
   add_programs(app, line);
   add_operations(app, line);

@@ -177,7 +177,7 @@ const std::vector<Operation>& table() {
        false,
        "no elements in that range"},
       {"ltrim",
-       "Cut a list down to START to END",
+       "Trim a list to the elements from START to END",
        Family::list,
        {P::key, P::start, P::end},
        [](const Arguments& a) -> Answer {

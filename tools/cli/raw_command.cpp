@@ -37,7 +37,7 @@ void warn_of_mode(const std::vector<std::string>& words) {
     std::fprintf(
         stderr,
         "ruvo_cli: raw: warning: %s changes or holds one connection of several: here that ends "
-        "with the tool, in a host it meets the calls of other threads\n",
+        "with the tool, in a host it affects the calls of other threads\n",
         words[0].c_str());
   }
 }

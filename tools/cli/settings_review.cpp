@@ -151,7 +151,7 @@ void Review::read_setting(const std::string& name, const std::string& value) {
 void Review::read_line(std::string line) {
   ++number_;
   if (line.size() > longest_line) {
-    tell("the line is longer than 2047 bytes: the rest is taken for a line of its own");
+    tell("the line is longer than 2047 bytes: the rest is read as another line");
   }
   sp::trim_str(line);
   if (line.size() > 1 && line.front() == '[' && line.find(']') == line.size() - 1) {

@@ -70,7 +70,7 @@ std::string head_text(const Look& look) {
   const std::string process = std::to_string(now.process_id);
   const std::string state = now.is_ended ? "has shut the library down"
                             : now.is_gone
-                                ? "is not there: it has ended, or runs in another container"
+                                ? "does not exist: it has ended, or runs in another container"
                                 : "runs";
   return "process " + process + " " + state + "; started " + time_text(now.start_time) +
          (look.is_since_start ? format("; rates since then, %.0f s\n", look.seconds)

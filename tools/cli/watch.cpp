@@ -291,8 +291,8 @@ class Watch {
       following_ = std::make_unique<ServerWatch>(addresses_);
     } else {
       std::fprintf(stderr,
-                   "ruvo_cli: watch: the library could not start: servers are asked by "
-                   "themselves from here on\n");
+                   "ruvo_cli: watch: the library could not start: from now on servers "
+                   "are probed directly\n");
       alone_ = lines_of(addresses_, State::not_started);
     }
   }
