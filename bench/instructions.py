@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Tells whose the instructions of a call are, from the dumps of call_script under callgrind.
+"""Reports the instructions of a call by owner, from the dumps of call_script under callgrind.
 
     bench/instructions.py FOLDER [--record] [--functions OPERATION]
 
 FOLDER holds the dumps. Prints a table and compares the library's share and the whole call with
-bench/instructions.txt; ends with status 1 when one has grown by more than the margin. --record
+bench/instructions.txt; the exit status is 1 if one has grown by more than the margin. --record
 writes that file instead, --functions lists the library's functions in one operation too.
 """
 import argparse
@@ -13,11 +13,11 @@ import sys
 from collections import Counter
 from pathlib import Path
 
-CALLS = 100  # of each operation, as call_script makes them
+CALLS = 100  # of each operation by call_script
 MARGIN = 0.05
 RECORD = Path(__file__).with_name("instructions.txt")
 
-# The objects, by the beginnings of their names. What is left is the C library: libc with the
+# The objects, by the beginnings of their names. All others are the C library: libc with the
 # threads, libstdc++, the loader.
 OWNERS = {"libruvo": "library", "libstream_log": "library", "libACE": "ACE",
           "libhiredis": "hiredis", "call_script": "program"}
@@ -29,8 +29,8 @@ def owner_of(path):
 
 
 def read_dump(path):
-    """What a dump counts: its name, the instructions of each owner, and those of the library's
-    functions. Those of the C library are put down to who called it."""
+    """The counts of a dump: its name, the instructions of each owner, and those of the library's
+    functions. Those of the C library count for its caller."""
     names = {}
 
     def named(kind, text):
@@ -86,14 +86,14 @@ def read_dumps(folder):
 
 
 def add_header(counts, flat):
-    """Puts down to the library what the program does more with ruvo.hpp, whose code is in it, than
-    with the flat function."""
+    """Counts for the library what the program, which contains the code of ruvo.hpp, executes more
+    with it than with the flat function."""
     for owner, of in ("library", "program"), ("C library for library", "C library for program"):
         counts[owner] += counts[of] - flat[of]
 
 
 def shares(counts):
-    """For each call: the library's code, that of others which it calls, hiredis with what it calls."""
+    """For each call: the library's code, its callees, hiredis with its callees."""
     own = counts["library"]
     called = counts["ACE"] + counts["C library for library"] + counts["C library for ACE"]
     hiredis = counts["hiredis"] + counts["C library for hiredis"]
@@ -132,7 +132,7 @@ def recorded():
 
 
 def compare(found):
-    """What has grown, as lines."""
+    """Lines about the counts that have grown."""
     before = recorded()
     for name, now in found.items():
         if name not in before:

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Makes the tables of docs/performance.md of what the benchmark has written, and tells how the run
-stands to the aims.
+"""Makes the tables of docs/performance.md from the benchmark's results, and compares the run with
+the aims.
 
     bench/tables.py CSV                print the aims
-    bench/tables.py CSV GUIDE          put all tables where the guide has their marks, too
+    bench/tables.py CSV GUIDE          also replace all tables of the guide
     bench/tables.py CSV -              print all tables
 
-A table stands between the lines "<!-- table: NAME -->" and "<!-- end of table -->".
+A table is between the lines "<!-- table: NAME -->" and "<!-- end of table -->".
 """
 import csv
 import re
@@ -50,7 +50,7 @@ class Case:
         return float(self.sides[side][percentile + "_us"])
 
     def latencies(self, side):
-        """The median and the 99th percentile; in milliseconds where a network lies between."""
+        """The median and the 99th percentile; in milliseconds over a network."""
         one, digits = (1000, 2) if self.round_trip else (1, 0)
         return " / ".join(f"{self.latency(side, percentile) / one:,.{digits}f}" for percentile in ("p50", "p99"))
 
@@ -82,18 +82,18 @@ def read_cases(path):
 # ---- The aims ----
 
 def rates(of, to):
-    """By how much one side calls more often than another."""
+    """The rate of one side, relative to another."""
     return (of, to), lambda case: case.spread(of, to)
 
 
 def latency(percentile, of, to):
-    """How many times the percentile of one side is that of another."""
+    """The percentile of one side, relative to another."""
     return (of, to), lambda case: (case.latency(of, percentile) / case.latency(to, percentile),) * 3
 
 
 @dataclass
 class Aim:
-    """A bound for all cases that it holds for, with what is measured of them."""
+    """A bound for the cases that it applies to, with their measured values."""
     text: str
     bound: float
     measures: tuple[tuple[str, str], Callable[[Case], tuple]]
@@ -120,7 +120,7 @@ class Aim:
 
 
 def loopback(threads, *connections):
-    """GET of 100 B on so many connections, where no network lies between."""
+    """GET of 100 B on this number of connections, on loopback."""
     return lambda case: (case.small and case.operation == "GET" and case.threads == threads
                          and case.connections in connections)
 
@@ -166,7 +166,7 @@ AIMS = [
 
 # ---- The tables ----
 
-# The columns of the guide by their heads; it explains them. Quartiles stand in the CSV.
+# The columns of the guide by their heads; it explains them. Quartiles are in the CSV.
 ROUND_TRIP = {"RTT, ms": lambda case: f"{case.round_trip:g}"}
 THREADS = {"Threads": lambda case: case.threads}
 CONNECTIONS = {"Connections": lambda case: case.connections}
@@ -186,7 +186,7 @@ def latencies(unit, *sides):
 
 
 def table(heads, rows, names):
-    """As Markdown; the first columns, so many, hold names."""
+    """As Markdown; the first `names` columns hold names."""
     lines = [heads, ["---"] * names + ["---:"] * (len(heads) - names), *rows]
     return [f"| {' | '.join(line)} |" for line in lines]
 
@@ -196,7 +196,7 @@ def table_of(cases, columns):
 
 
 def ratios_of_threads(cases, name):
-    """A row for each operation of some cases, or whatever `name` calls it: what both forms of the library reach
+    """A row for each operation of some cases, or for each `name`: the results of both forms of the library
     with one thread and with four."""
     rows = {}
     for case in cases:

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Runs what README.md, CONTRIBUTING.md and docs/*.md show, so that it works as it is written.
+"""Runs the examples of README.md, CONTRIBUTING.md and docs/*.md, so that they work as written.
 
     scripts/check_docs.py [DOCUMENT...]      (no argument: all of them)
 
-Wants the release build in build/release. The documents share a working folder, a copy of the tracked
+Needs the release build in build/release. The documents share a working folder, a copy of the tracked
 files, with the library "installed in /usr/local" below it; each gets a Redis on loopback. Its fenced
 blocks are handled in order, by their info string:
 
@@ -12,9 +12,9 @@ blocks are handled in order, by their info string:
     cpp, c     complete programs: built with the line that the document shows for the file, or with its
                first such line, with warnings as errors, and run
     cmake      a CMakeLists.txt, whose first line names it: configured and built
-    text       output and pictures: left alone
+    text       output and pictures: skipped
 
-Any other block is refused, and so is code that is only indented. Files with a name in their first
+Any other block is refused, and so is code without a fence. Files with a name in their first
 line ("// host.cpp") are all written before the first command runs. README's configuration files are
 there for every document.
 """
@@ -33,7 +33,7 @@ from pathlib import Path
 TREE = Path(__file__).resolve().parent.parent
 BLOCK_LIMIT = 900  # seconds
 
-# Commands that are shown and not run here.
+# Commands that are shown but not run here.
 NOT_RUN = {
     "scripts/test.sh": ".ci/run has run it",
     "scripts/test.sh asan": ".ci/run has run it",
@@ -53,7 +53,7 @@ NOT_RUN = {
     "ldconfig": "it writes the machine's own cache; LD_LIBRARY_PATH stands in for it",
 }
 
-# What a document must show, so that a block that is mistyped away is missed.
+# Kinds of blocks that a document must have, so that a mistyped fence is noticed.
 MUST_HOLD = {
     "README.md": {"sh", "ini", "cpp", "cmake"},
     "docs/configuration.md": {"sh", "ini", "yaml"},
@@ -64,10 +64,10 @@ MUST_HOLD = {
     "docs/statistics.md": {"sh", "ini", "cpp"},
 }
 
-# What every configuration that is shown has.
+# Lines of every configuration that is shown.
 NEW_SITE = ["connect_timeout = 200", "socket_timeout = 500", "recommended_defaults = true"]
 
-# Documents that say where in the tree things are.
+# Documents that name files of the tree.
 MAPS = {"CONTRIBUTING.md", "docs/architecture.md"}
 
 WARNINGS = "-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror"
@@ -113,8 +113,8 @@ def read_blocks(document):
 
 
 class Ports:
-    """Documents show the usual ports; here each stands for one that the kernel hands out. This is
-    the one place where what is run differs from what is shown."""
+    """Documents show the usual ports; here a free port replaces each. This is the only difference
+    between the commands shown and the commands run."""
 
     SHOWN = re.compile(r"(127\.0\.0\.\d+:|(?<!\S)(?:-p|-s|--port|--tls-port) )(\d{4,5})\b")
 
@@ -123,8 +123,8 @@ class Ports:
 
     def port(self, shown):
         if shown not in self.held:
-            # Bound and not listening: nobody else is given it, a server that sets SO_REUSEADDR may
-            # still take it, and until then a connection is refused.
+            # Bound and not listening: the kernel gives it to nobody else, a server that sets
+            # SO_REUSEADDR may still use it, and until then a connection is refused.
             holder = socket.socket()
             holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
             holder.bind(("127.0.0.1", 0))
@@ -143,8 +143,8 @@ def descendants(pid):
 
 
 def end_processes():
-    """Ends what this script has started and what that has left behind: as a subreaper it is the
-    parent of daemons too."""
+    """Ends all processes that this script has started, and those that they have left behind: as a
+    subreaper it is the parent of daemons too."""
     for sent in (signal.SIGTERM, signal.SIGKILL):
         deadline = time.monotonic() + 5
         for pid in list(descendants(os.getpid())):
@@ -175,7 +175,7 @@ class Sandbox:
             "CMAKE_PREFIX_PATH": str(prefix),
             "DEMO_SECONDS": "7",
             "RUVO_BENCH_ROUNDS": "1",  # enough to see that it runs
-            # Where ccache is installed, what one block has built is not built again by the next.
+            # With ccache, a block reuses what an earlier one has built.
             "CCACHE_BASEDIR": str(folder),
             "CCACHE_NOHASHDIR": "1",
         }
@@ -186,7 +186,7 @@ class Sandbox:
         self.command(["cmake", "--install", "build/release", "--prefix", "/usr/local"], TREE)
 
     def command(self, words, folder=None):
-        """Runs a command and returns what it wrote. The output goes through a file: a server that a
+        """Runs a command and returns its output. The output goes through a file: a server that a
         block leaves in the background would keep a pipe open."""
         with self.output.open("w+") as output:
             try:
@@ -259,7 +259,7 @@ def find_build_lines(document, blocks):
 
 
 def refuse_mistakes(document, blocks):
-    """Refuses what is wrong with a document before anything runs."""
+    """Refuses a faulty document before anything runs."""
     for block in blocks:
         if block.kind not in {"sh", "ini", "yaml", "cmake", "text", *COMPILERS}:
             raise Refused(f"{document}:{block.line}: nothing is known of a block of '{block.kind}'")
@@ -284,7 +284,7 @@ def headings(path):
 
 
 def refuse_dead_links(document):
-    """Refuses a link to a file or heading that is not there."""
+    """Refuses a link to a missing file or heading."""
     for link in re.findall(r"\]\(([^):\s]+)\)", (TREE / document).read_text()):
         target, _, anchor = link.partition("#")
         path = (TREE / document).parent / target if target else TREE / document
@@ -294,7 +294,7 @@ def refuse_dead_links(document):
 
 def refuse_missing_lines(document):
     """Refuses a list of log lines without a WARN or ERROR line of the library: the longest text
-    between two directives of each must stand in it."""
+    between two directives of each must be in it."""
     logged = re.compile(r'(?:RUVO_LOG\w*\([^";]*?\b(?:WARN|ERROR),[^";]*?|null_\w+ =)\s*((?:"[^"]*"\s*)+)')
     guide = (TREE / document).read_text()
     for source in sorted(TREE.glob("src/**/*.cpp")) + sorted(TREE.glob("src/**/*.h")):
@@ -306,7 +306,7 @@ def refuse_missing_lines(document):
 
 
 def refuse_missing_places(document):
-    """Refuses a map of the tree that names a file which is not there: "walk.cpp", "tests/walk_test.cpp",
+    """Refuses a document that names a missing file of the tree: "walk.cpp", "tests/walk_test.cpp",
     "pipeline.{h,cpp}" for two."""
     tracked = subprocess.run(["git", "ls-files", "-z"], cwd=TREE, check=True, capture_output=True,
                              text=True).stdout.split("\0")

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """A Prometheus from Debian's packages scrapes what `ruvo_cli stats --prometheus` writes for a host, and evaluates
-the alerts of docs/runbook.md. Wants the release build, redis-server and prometheus; all listen on loopback.
+the alerts of docs/runbook.md. Needs the release build, redis-server and prometheus; all listen on loopback.
 
-The host counts for a while, then its server is gone: the alert that no call succeeds must fire, and no rule may
+The host counts for a while, then its server is down: the alert that no call succeeds must fire, and no rule may
 fail.
 """
 import functools
@@ -52,7 +52,7 @@ def wait_for(what, condition):
 
 class Prometheus:
     def __init__(self, folder, target):
-        # Intervals of the guide are minutes; here a rule looks at seconds, so that the check ends.
+        # The guide's intervals are minutes; here they are seconds, so that the check ends.
         rules = re.search(r"```yaml\n# (ruvo_alerts.yml)\n(.*?)```", (TREE / "docs/runbook.md").read_text(), re.S)[2]
         shorter = re.sub(r"\[\d+m\]", "[5s]", re.sub(r"for: \d+m", "for: 0s", rules))
         (folder / "rules.yml").write_text(rules)
@@ -81,7 +81,7 @@ class Prometheus:
 
 
 def write_statistics(folder, is_ended):
-    """What a timer does on a host's machine."""
+    """The work of a timer on a host's machine."""
     while not is_ended.is_set():
         text = subprocess.run([BUILD / "tools/cli/ruvo_cli", "stats", folder / "ruvo.stats", "--prometheus"],
                               check=False, capture_output=True, text=True)

@@ -4,15 +4,15 @@
     scripts/plant_faults.py                      all rows of scripts/faults.txt
     scripts/plant_faults.py 3 17 --only walk     rows by number; those with this text
     scripts/plant_faults.py --tests walk,raw     tried with these tests only
-    scripts/plant_faults.py --idle               lists the tests that have noticed none of these rows, too
+    scripts/plant_faults.py --idle               also lists the tests that have noticed none of these rows
     scripts/plant_faults.py --list               the rows, without trying them: do they apply?
 
-Each of the --jobs works in a copy of the tree with a build folder of its own, which it keeps for all
-of its rows, and with --folder for the next time as well. The test programs that stand behind a file's
-name in the table are all run for each of its rows, and the tests in them that noticed the fault are told.
-Where none stands, any program may catch the fault, and the row ends with the first that does. A row whose
-text does not stand in its file exactly once, or that does not compile, is an error of the table. The exit
-status is 0 when every fault was caught, 1 when one was not, 2 when a row is in error.
+Each of the --jobs works in a copy of the tree with its own build folder, which it keeps for all of its
+rows, and with --folder for the next run as well. If test programs follow a file's name in the table, all
+of them run for each of its rows, and the tests that noticed the fault are printed. Otherwise any program
+may catch the fault, and the row ends with the first that does. A row whose text is not in its file exactly
+once, or that does not compile, is an error of the table. The exit status is 0 if every fault was caught,
+1 if one was not, 2 if a row is in error.
 
 The regular checks run --list only: all the rest takes a build and a run of the tests for every row.
 """
@@ -55,7 +55,7 @@ class Fault:
         return f"{self.number:3} {self.file}: {self.stands}{SEPARATOR}{self.put}"
 
     def plant(self, text):
-        """The text with the fault in it. A blank of the row stands for any run of blanks."""
+        """The text with the fault. A blank of the row matches any run of blanks."""
         pattern = r"\s+".join(re.escape(word) for word in self.stands.split())
         found = list(re.finditer(pattern, text))
         if len(found) != 1:
@@ -82,8 +82,8 @@ def read_table():
 class Workplace:
     """A copy of the tree, its build folder, and the tests in it."""
 
-    # Over all workplaces:
-    seconds = {}  # that a program takes
+    # Shared by all workplaces:
+    seconds = {}  # duration by program
     catches = collections.Counter()  # of faults in a file, by program
     known = set()  # tests that have run, as "program Suite.Name"
     noticed = collections.Counter()  # faults, by test
@@ -115,7 +115,7 @@ class Workplace:
 
     @staticmethod
     def copy(source, target):
-        """Leaves a file of the same content alone, so that nothing is built again."""
+        """Skips a file with the same content, so that nothing is built again."""
         if not target.exists() or target.read_bytes() != source.read_bytes():
             target.parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(source, target)
@@ -135,7 +135,7 @@ class Workplace:
         """The tests of a program that fail."""
         begin = time.monotonic()
         with tempfile.TemporaryFile("w+", errors="replace") as output:
-            # In a session of its own CTRL-C does not reach it; it ends with this process.
+            # In its own session CTRL-C does not reach it; it ends with this process.
             process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", self.build / "tests" / test],
                                        stdin=subprocess.DEVNULL, stdout=output,
                                        stderr=subprocess.DEVNULL, start_new_session=True)
@@ -166,8 +166,8 @@ class Workplace:
         path.write_text(fault.plant(sound))
         caught = []
         try:
-            # Where any may catch it: first the test of the file itself, then those that have caught
-            # faults in this file, then the quick ones. Each is built when its turn has come.
+            # If any may catch it: first the test of the file itself, then those that have caught
+            # faults in this file, then the quick ones. Each is built just before it runs.
             subject = pathlib.PurePath(fault.file).stem
             for test in sorted(self.programs(fault),
                                key=lambda test: (not test.startswith(subject),

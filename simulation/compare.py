@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Holds the model of docs/scaling.md against the library: measures (on a calm machine), simulates the same
+"""Compares the model of docs/scaling.md with the library: measures (on an idle machine), simulates the same
 points, and prints both as CSV.
 
     cmake --preset bench
@@ -13,7 +13,7 @@ from pathlib import Path
 
 PROGRAMS = Path(__file__).resolve().parent.parent / "build/bench/simulation"
 
-# What the model needs to know of the two ways, in microseconds, so that the median of one thread comes out right.
+# The model's parameters for both networks, in microseconds, so that the median of one thread is right.
 WAYS = {"far away": ("5 ms", {"round-trip": 5140, "service": 10, "host-work": 5}),
         "loopback": ("loopback", {"round-trip": 8, "service": 10, "host-work": 1})}
 POINTS = [(1, 1), (4, 1), (4, 4), (16, 1), (16, 4), (16, 8), (16, 32)]  # threads, connections
