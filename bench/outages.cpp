@@ -30,7 +30,7 @@ namespace {
 std::atomic<long> connections{0};
 }  // namespace
 
-// Stands in front of the system's own, also for the libraries.
+// Replaces the system's function, also for the libraries.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system's are reserved
 extern "C" __attribute__((visibility("default"))) int connect(int fd, const sockaddr* addr,
                                                               socklen_t length) {

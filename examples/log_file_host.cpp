@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr long largest_log = 10L * 1024 * 1024;  // bytes; a larger one begins anew
+constexpr long largest_log = 10L * 1024 * 1024;  // bytes; a larger one is emptied
 
 Log_Thread_Mutex lock;
 Log_IO_FILE sink;

@@ -204,7 +204,7 @@ class c_bytes {
 
 /// @cond
 // Reports a time that is too short: Clang checks the call, GCC what is left of it after inlining.
-// RUVO_FROM stands behind a function that takes a time, fits() in it; ruvo.hpp undefines them.
+// RUVO_FROM follows a function that takes a time, fits() is in it; ruvo.hpp undefines them.
 #define RUVO_TIME_TOO_SHORT \
   "ruvo: the time is too short: 1 or more of its unit, for expire 0 or more"
 #ifdef __clang__
@@ -423,7 +423,7 @@ constexpr std::array<char, 3 * words> template_of() noexcept {
 template <std::size_t words>
 inline constexpr std::array<char, 3 * words> command_template = template_of<words>();
 
-// What stands for a `%b`: the pointer of a word, then its length.
+// The arguments of a `%b`: the pointer of a word, then its length.
 template <bool is_length>
 auto part(std::string_view word) noexcept {
   if constexpr (is_length) {

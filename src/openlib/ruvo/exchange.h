@@ -117,8 +117,8 @@ connection_error look_at(const redisContext& context);
 
 // Sets an error on the context as hiredis does; the walk and its log lines read it there.
 void set_error(redisContext& context, const connection_error& error);
-// Breaks the connection if bytes are left after the reply to the last command: nobody asked for
-// them, and every later reply would go to the wrong caller.
+// Breaks the connection if bytes are left after the reply to the last command: with these stray
+// bytes every later reply would go to the wrong caller.
 void break_if_out_of_step(redisContext& context);
 
 #endif

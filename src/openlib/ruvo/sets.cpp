@@ -22,7 +22,7 @@ int ruvo_redis::set_add(const char* key, const char* value, std::size_t len,
   return RUVO_OK;
 }
 
-// Unlike set_add, a success also when nothing changed: callers only want the member gone.
+// Unlike set_add, a success also when nothing changed: callers only need it to be absent.
 int ruvo_redis::set_rem(const char* key, const char* value, std::size_t len,
                         RedisServerType redisSrvType, const char* /*server_addr*/) {
   static constexpr data_operation operation{.origin = "ruvo_redis::set_rem",

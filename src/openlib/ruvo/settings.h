@@ -51,7 +51,7 @@ struct setting {
   std::string name;
   setting_kind kind;
   const char* unit;         // of a number; empty: none
-  const char* recommended;  // for a new site, as it stands in a file; empty: the default
+  const char* recommended;  // for a new site, as in a file; empty: the default
   int least;                // lower bound of a number
   const char* meaning;
   std::variant<std::monostate, int time_limits::*, std::optional<std::string> pool_settings::*,

@@ -55,7 +55,7 @@ struct queued_call {
   bool is_leaving = false;        // its deadline has come while it is being written
   bool is_second_send = false;
   bool must_not_resend = false;  // once a byte of it may have reached the server
-  bool has_broken = false;       // its first send ended without a reply; not told yet
+  bool has_broken = false;       // its first send ended without a reply; not reported yet
   bool shares_rebuild = false;   // waited when the current rebuild began
   bool rebuild_failed = false;
   bool counts_failure = false;   // of the calls that share an event, one counts it
