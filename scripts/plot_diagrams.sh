@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Draws the states of a server and the waits of a call, as docs/operations.md shows them, from docs/figures/*.dot and
-# visits.csv.
+# Draws the states of a server and the waits of a call, for docs/operations.md, from docs/figures/*.dot and visits.csv.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh plot

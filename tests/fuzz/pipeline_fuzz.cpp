@@ -1,7 +1,7 @@
-// Calls that share a connection over a socket pair, at whose other end a server does what the input
-// says: it cuts and delays its replies, which may be of any type, sends bytes that nobody asked
-// for, hangs or closes. No call gets the reply of another unless such bytes were sent on its
-// connection, every call ends by its deadline, and afterwards the slot serves again.
+// Calls that share a connection over a socket pair. At its other end a server follows the input: it
+// cuts and delays its replies, which may be of any type, sends stray bytes, hangs or closes. No
+// call gets another's reply unless stray bytes were sent on its connection, every call ends by its
+// deadline, and afterwards the slot serves again.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sys/socket.h>
 
@@ -63,7 +63,7 @@ class Server {
     script_.ConsumeRemainingBytes<char>();
   }
 
-  // Whether bytes were sent on a connection that nobody asked for; -1: on any.
+  // Were stray bytes sent on this connection? -1: on any.
   bool has_sent_noise(long connection) {
     const std::scoped_lock lock(mutex_);
     return connection < 0 ? !noisy_.empty() : noisy_.contains(connection);
@@ -149,7 +149,7 @@ class Server {
     }
   }
 
-  // False: the other end has been closed.
+  // False if the other end has been closed.
   bool send_in_pieces(int fd, const std::string& bytes) {
     for (std::size_t sent = 0; sent < bytes.size();) {
       const unsigned cut = choose(64);
@@ -187,7 +187,7 @@ class Client final : public rebuilder {
 
   context_ptr rebuild() override { return server_.choose(7) == 1 ? nullptr : server_.connect(); }
 
-  // Whether it got a reply.
+  // Returns whether it got a reply.
   bool get(unsigned number, std::size_t more, milliseconds limit, bool must_not_resend) {
     const time_point deadline = clock_type::now() + limit;
     const std::string padding(more, 'p');
