@@ -15,7 +15,7 @@ namespace {
 
 using nlohmann::json;
 
-TEST(CliCheck, TellsOfPoolsAndConnections) {
+TEST(CliCheck, ReportsPoolsAndConnections) {
   const RedisServer redis;
   const RedisServer guarded("--requirepass right");
   const DownServer down;
@@ -57,7 +57,7 @@ TEST(CliCheck, TellsOfPoolsAndConnections) {
   }
 }
 
-TEST(CliCheck, AsksEveryServerByItself) {
+TEST(CliCheck, ProbesEveryServerDirectly) {
   const RedisServer redis;
   const RedisServer guarded("--requirepass right");
   const DownServer down;
@@ -145,7 +145,7 @@ std::map<std::string, std::string> advice_for(const std::string& common) {
   return advice;
 }
 
-TEST(CliCheck, AdvisesTheKeysThatAreMissing) {
+TEST(CliCheck, RecommendsMissingKeys) {
   const RedisServer redis;
   std::string all_keys;
   for (const setting& key : all_settings()) {
@@ -176,7 +176,7 @@ TEST(CliCheck, AdvisesTheKeysThatAreMissing) {
               {"\nworth setting:\nrecommended_defaults = true gives "});
 }
 
-TEST(CliCheck, AdvisesTheRepliesThatItHasSeen) {
+TEST(CliCheck, RecommendsRepliesThatItHasSeen) {
   const RedisServer redis;
   const RedisServer replica;
   become_replica(replica, redis);
@@ -192,7 +192,7 @@ TEST(CliCheck, AdvisesTheRepliesThatItHasSeen) {
   expect_told(Tool(common), "check", 7, {"temp         up in part", "replica  follows"});
 }
 
-TEST(CliCheck, NamesWhatIsNotReadAsWritten) {
+TEST(CliCheck, ListsSettingsThatAreNotReadAsWritten) {
   // clang-format off
   const struct { std::string content; std::vector<std::string> findings; } cases[] = {
       {"; all is well\r\n[Common]\r\nTEMP_server = a:1, b:0x10\r\nlog_limit = "
@@ -247,7 +247,7 @@ TEST(CliCheck, NamesWhatIsNotReadAsWritten) {
   }
 }
 
-TEST(CliCheck, NamesAFileThatCannotBeUsed) {
+TEST(CliCheck, NamesAnUnusableFile) {
   const TempDir dir;
   const std::string none = dir.path("none");
   const std::string empty = dir.write("empty", "[redis_cfg]\n");
@@ -300,7 +300,7 @@ TEST(CliWatch, FollowsAServerFromFailingToEjectedToRetried) {
                down.addr() + "  retried, failing" + counts});
 }
 
-TEST(CliWatch, AWalkThatComesRoundEjectsNobody) {
+TEST(CliWatch, AWalkBackAtItsFirstServerEjectsNone) {
   const RedisServer redis;
   const DownServer down;
   const DownServer other;
@@ -311,7 +311,7 @@ TEST(CliWatch, AWalkThatComesRoundEjectsNobody) {
 }
 
 // Without the signal it would end after a minute.
-TEST(CliWatch, EndsInItsOwnTimeWhenASignalAsksItTo) {
+TEST(CliWatch, EndsCleanlyOnASignal) {
   const RedisServer redis;
   const Tool tool(all_pools_at(redis.addr()));
   const TempDir dir;

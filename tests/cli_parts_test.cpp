@@ -102,7 +102,7 @@ TEST_F(Log, HidesThePasswordAndNothingElse) {
   EXPECT_TRUE(shown({Logger::WARN, "", true}, refuse).ends_with(line + "redis\n"));
 }
 
-TEST_F(Log, ShowsFromALevelOnOrKeepsTheLatestTroubleBack) {
+TEST_F(Log, ShowsLinesFromALevelOnOrHoldsTheLatestErrors) {
   const auto write_all = [] {
     for (const auto level : {Logger::INFO, Logger::WARN, Logger::ERROR}) {
       write(level, "level " + std::to_string(level));
@@ -128,7 +128,7 @@ TEST_F(Log, ShowsFromALevelOnOrKeepsTheLatestTroubleBack) {
   EXPECT_TRUE(latest.ends_with(" line 29\n"));
 }
 
-TEST_F(Log, IsListenedToFromALevelOnWhateverIsShown) {
+TEST_F(Log, ListenersGetLinesFromALevelOn) {
   std::vector<std::string> heard;
   const std::string told = shown({Logger::ERROR, "", false}, [&heard] {
     {

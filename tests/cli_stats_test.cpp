@@ -81,7 +81,7 @@ TEST(CliStats, ShowsATable) {
   expect_all(stats("stats " + dir.path("s")).output, {"has shut the library down; "});
 }
 
-TEST(CliStats, ShowsRatesSinceTheLastLook) {
+TEST(CliStats, ShowsRatesSinceTheLastReading) {
   const TempDir dir;
   Host host(dir.path("s"));
   host.calls(1'000'000, RUVO_STATS_OK, microseconds(10));
@@ -204,7 +204,7 @@ TEST(CliStats, AFileThatIsReplacedIsReadWhole) {
   stop = true;
 }
 
-TEST(CliStats, TheToolLeavesTheHostsFileAlone) {
+TEST(CliStats, TheToolWritesNoFileOfTheHost) {
   const RedisServer redis;
   const TempDir dir;
   const Tool tool(all_pools_at(redis.addr()) + "stats_file = " + dir.path("s"));

@@ -121,7 +121,7 @@ TEST(Cli, LoadMeasuresAndCleansUp) {
   EXPECT_EQ(redis.ask("DBSIZE"), "0");
 }
 
-TEST(Cli, LoadCountsFailuresAndTellsWhatItLeaves) {
+TEST(Cli, LoadCountsFailuresAndReportsRemainingKeys) {
   const RedisServer redis("--rename-command DEL ''");
   const Tool tool(all_pools_at(redis.addr()));
   const Ended run = tool.run(

@@ -24,7 +24,7 @@ server_addr addr_of(const DownServer& server) {
   return {"127.0.0.1", static_cast<std::uint32_t>(server.port())};
 }
 
-TEST(Connection, OpensAsFarAsTheServerLets) {
+TEST(Connection, ReportsHowFarOpeningGot) {
   const std::string secret = "s3cret";
   const auto takes_secret = [](Peer& peer) {
     const bool right = peer.read_command() == std::vector<std::string>{"AUTH", "s3cret"};
@@ -57,7 +57,7 @@ TEST(Connection, OpensAsFarAsTheServerLets) {
   }
 }
 
-TEST(Connection, TellsWhyAServerIsOutOfReach) {
+TEST(Connection, ReportsWhyAServerIsUnreachable) {
   const DownServer down;
   // clang-format off
   const struct { std::uint32_t port; const char* error; } cases[] = {
@@ -74,7 +74,7 @@ TEST(Connection, TellsWhyAServerIsOutOfReach) {
   EXPECT_NE(open_connection({"127.0.0.1", 65535}, {second, second, ""}).context, nullptr);
 }
 
-TEST(Connection, EachTimeOutStandsForItself) {
+TEST(Connection, TimeoutsAreIndependent) {
   const ScriptedServer silent([](Peer& peer) { peer.hang(); });
   for (const timeval& connect : {none, moment, second}) {
     for (const timeval& socket : {none, moment, second}) {
@@ -89,7 +89,7 @@ TEST(Connection, EachTimeOutStandsForItself) {
   }
 }
 
-TEST(Connection, BelievesArraysUpToALimit) {
+TEST(Connection, RefusesArraysAboveALimit) {
   // clang-format off
   const struct { std::string announced; std::string error; } cases[] = {
       {"*16777216\r\n", "Server closed the connection"}, {"*16777217\r\n", "Out of memory"},
@@ -113,13 +113,13 @@ ino_t socket_at(int fd) {
 }
 
 // Another thread may have been changing it when the process forked.
-TEST(Connection, ATornContextIsClosedAndNotFreed) {
+TEST(Connection, AHalfChangedContextIsClosedAndNotFreed) {
   static int freed;
   redisReplyObjectFunctions counting{};
   counting.freeObject = [](void*) { ++freed; };
   const ScriptedServer silent([](Peer& peer) { peer.hang(); });
   const auto open = [&] { return open_connection(addr_of(silent), {second, second, ""}).context; };
-  for (const bool is_torn : {true, false}) {
+  for (const bool is_half_changed : {true, false}) {
     freed = 0;
     conn_node slot;
     redisContext* const old = slot.context_ = open().release();
@@ -128,13 +128,13 @@ TEST(Connection, ATornContextIsClosedAndNotFreed) {
     ASSERT_NE(old_socket, 0U);
     old->reader->fn = &counting;
     old->reader->reply = &counting;
-    slot.was_used_at_fork_ = is_torn;
+    slot.was_used_at_fork_ = is_half_changed;
     replace_context(slot, open());
     EXPECT_NE(socket_at(fd), old_socket);
-    EXPECT_EQ(freed, is_torn ? 0 : 1);
+    EXPECT_EQ(freed, is_half_changed ? 0 : 1);
     EXPECT_FALSE(slot.was_used_at_fork_);
     replace_context(slot, nullptr);
-    if (is_torn) {
+    if (is_half_changed) {
       old->fd = -1;
       redisFree(old);
     }

@@ -122,7 +122,7 @@ volatile std::sig_atomic_t raised = 0;
   std::_Exit(raised == 1 ? 0 : 4);
 }
 
-TEST(HostSignals, AHostLivesThroughLostServersAndGetsItsOwnSigpipe) {
+TEST(HostSignals, AHostSurvivesLostServersAndGetsItsOwnSigpipe) {
   EXPECT_EXIT((std::signal(SIGPIPE, SIG_DFL), lose_the_server_a_hundred_times()),
               testing::KilledBySignal(SIGPIPE), "lived");
   EXPECT_EXIT(

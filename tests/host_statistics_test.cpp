@@ -88,7 +88,7 @@ TEST(HostStatistics, EveryCallIsCountedByItsResult) {
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 
-TEST(HostStatistics, ACallWhoseTimeHasPassedSaysSo) {
+TEST(HostStatistics, ACallPastItsDeadlineIsCountedAsSuch) {
   const ScriptedServer silent([](Peer& peer) { peer.hang(); });
   const TempDir dir;
   const HostConfig config(all_pools_at(silent.addr()) +
@@ -107,7 +107,7 @@ TEST(HostStatistics, ACallWhoseTimeHasPassedSaysSo) {
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 
-TEST(HostStatistics, AServerThatWillNotServeShows) {
+TEST(HostStatistics, ShowsAServerThatWillNotServe) {
   const ScriptedServer replica("-READONLY You can't write against a read only replica.\r\n");
   const TempDir dir;
   const HostConfig config(all_pools_at(replica.addr()) +
@@ -124,7 +124,7 @@ TEST(HostStatistics, AServerThatWillNotServeShows) {
 }
 
 // Without auto_pipelining the second call waits for the connection; with it both are in flight.
-TEST(HostStatistics, WhatIsUnderWayShows) {
+TEST(HostStatistics, ShowsCallsInProgress) {
   std::promise<void> asked;
   const ScriptedServer slow([released = asked.get_future().share()](Peer& peer) {
     peer.read_command();

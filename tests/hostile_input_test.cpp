@@ -85,7 +85,7 @@ TEST(HostileInput, SettingsAtAndBeyondTheirLimits) {
   }
 }
 
-TEST(HostileInput, FilesThatAreNone) {
+TEST(HostileInput, UnusualFiles) {
   const RedisServer redis;
   const TempDir dir;
   const LogCapture log(BaseLib::Logger::FATAL);

@@ -120,7 +120,7 @@ class Judging : public testing::Test {
   Judge judge_{site_, faults_, 4};
 };
 
-TEST_F(Judging, AFailedCallIsAllowedOnlyWhereTheWalksRulesSaySo) {
+TEST_F(Judging, AFailedCallIsAllowedOnlyByTheRulesOfFailover) {
   const auto spares_calls = [](Site& site) {
     client_options& options = site.settings.options;
     options.eject_silent_servers = options.try_ejected_servers = options.wait_for_servers = true;
@@ -256,7 +256,7 @@ TEST_F(Judging, AfterALongOutageCallsFailUntilOneIsServed) {
   EXPECT_EQ(judge_.failures(unexplained), 3);
 }
 
-TEST_F(Judging, ACallMayTakeSoLongAndNoLonger) {
+TEST_F(Judging, ACallHasAnUpperBound) {
   const int late = static_cast<int>(scheduling_tolerance.count());
   // clang-format off
   const struct { int connect_ms; int socket_ms; int connections; int threads; bool pipelining; int call_ms; Call call; int bound_ms; } cases[] = {

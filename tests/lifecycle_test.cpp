@@ -36,7 +36,7 @@ class LifeCycle : public testing::Test {
   LogCapture silence_{BaseLib::Logger::FATAL};
 };
 
-TEST_F(LifeCycle, OverAndOver) {
+TEST_F(LifeCycle, StartsAndEndsRepeatedly) {
   expect_nothing_works();
   const int descriptors = open_descriptors();
   for (std::size_t cycle = 0; cycle < 2 * operations.size(); ++cycle) {

@@ -30,7 +30,7 @@ class Log : public testing::Test {
 
 std::string last_line;  // with its head
 
-TEST_F(Log, ALineTellsItsPlaceAndIsCut) {
+TEST_F(Log, ALineHasItsPlaceAndIsCut) {
   BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char* line, std::size_t length) {
     last_line.assign(line, length);
   });
@@ -42,7 +42,7 @@ TEST_F(Log, ALineTellsItsPlaceAndIsCut) {
   EXPECT_TRUE(last_line.ends_with(" 100% of (null)\n")) << last_line;
 }
 
-TEST_F(Log, AnArgumentIsLookedAtOnlyForALineThatIsWritten) {
+TEST_F(Log, ArgumentsAreEvaluatedOnlyForWrittenLines) {
   int looked = 0;
   BaseLib::Logger::setLogLevel(WARN);
   RUVO_LOG(INFO, "%d", ++looked);
@@ -52,7 +52,7 @@ TEST_F(Log, AnArgumentIsLookedAtOnlyForALineThatIsWritten) {
   EXPECT_EQ(log_.take(), (std::vector<LogCapture::Line>{{WARN, "1"}}));
 }
 
-TEST_F(Log, LimitKeepsLinesOfAKindBackAndTellsHowMany) {
+TEST_F(Log, LimitSuppressesLinesOfAKindAndLogsHowMany) {
   const auto write = [](int number) {
     RUVO_LOG(WARN, "one kind %d", number);
     RUVO_LOG(ERROR, "other kind %d", number);

@@ -79,7 +79,7 @@ TEST_F(LogSink, EmptiesAndBacksUp) {
   EXPECT_EQ(content(), "stays");
 }
 
-TEST_F(LogSink, HandsARecordOnBeforeTheNextOne) {
+TEST_F(LogSink, WritesARecordBeforeTheNextOne) {
   ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);
   sink_.write("first\n");
   EXPECT_EQ(on_disk(), "");

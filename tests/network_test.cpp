@@ -140,7 +140,7 @@ TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
   EXPECT_EQ(log_.count_containing("invalid, failure count"), 0);  // all of them accept connections
 }
 
-TEST_F(Network, AMachineThatTakesNoConnectionIsGivenUpAndEjected) {
+TEST_F(Network, AMachineThatAcceptsNoConnectionIsEjected) {
   const FullServer full;
   EXPECT_EQ(start(full.addr()), 1);
   EXPECT_EQ(query(C, bound(1)), -1);

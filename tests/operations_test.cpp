@@ -217,7 +217,7 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
 
 // ---- Calls that are refused before anything is sent ----
 
-TEST(Operations, RefuseNullPointersAndWhatIsTooLong) {
+TEST(Operations, RefuseNullPointersAndTooLongArguments) {
   const char* none = nullptr;
   const std::size_t L = (std::size_t{512} << 20U) + 1;
   const std::string null_value = "invalid param value : null pointer.";
@@ -314,7 +314,7 @@ class OnRedis : public testing::Test {
   LogCapture log_{WARN};
 };
 
-TEST_F(OnRedis, BytesGoInAndComeBackWhole) {
+TEST_F(OnRedis, BytesAreStoredAndReadUnchanged) {
   std::string every_byte;
   for (int byte = 0; byte < 256; ++byte) {
     every_byte += static_cast<char>(byte);
@@ -351,7 +351,7 @@ TEST_F(OnRedis, BytesGoInAndComeBackWhole) {
   EXPECT_EQ(RUVO_HashFieldsNum("h", nullptr, T, nullptr), 0);
 }
 
-TEST_F(OnRedis, TimeOutsAndWrongTypes) {
+TEST_F(OnRedis, ExpiriesAndWrongTypes) {
   EXPECT_EQ(RUVO_InsertKey("k", "v", 1, 100, T, nullptr), 0);
   EXPECT_EQ(RUVO_HashSet("h", "f", 1, "v", 1, 100, T, nullptr), 0);
   EXPECT_EQ(RUVO_LPush("l", "v", 1, 100, &number, T, nullptr), 0);
@@ -366,7 +366,7 @@ TEST_F(OnRedis, TimeOutsAndWrongTypes) {
   EXPECT_EQ(log_.count(ERROR, "exists_key::increase_key | do_exec_command failed, ret:-1"), 1);
 }
 
-TEST_F(OnRedis, RawCommandsHandTheReplyOver) {
+TEST_F(OnRedis, RawCommandsReturnTheReply) {
   const auto run = [](const char* format, auto... args) {
     auto* reply = static_cast<redisReply*>(RUVO_ExecRedisCmd(ePersistServer, format, args...));
     const int type = reply != nullptr ? reply->type : -1;
@@ -393,7 +393,7 @@ TEST_F(OnRedis, RawCommandsHandTheReplyOver) {
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::free_reply_object | reply is NULL"), 1);
 }
 
-TEST(Operations, PoolsAreApartAndUnknownNumbersMeanTheTemporaryOne) {
+TEST(Operations, PoolsAreSeparateAndUnknownNumbersSelectTheTemporaryOne) {
   const RedisServer temp;
   const RedisServer persist;
   const RedisServer personality;

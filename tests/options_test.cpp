@@ -109,7 +109,7 @@ TEST_F(Options, EjectSilentServersClearsFailuresWithAnyReplyOnTheNewConnection) 
 }
 
 // The next server has just gone down; the other is up, but ejected for an earlier fault.
-TEST_F(Options, TryEjectedServersAnswersFromAServerThatWasPassedOver) {
+TEST_F(Options, TryEjectedServersAnswersFromASkippedServer) {
   const ScriptedServer up(answer);
   for (const bool tries : {false, true}) {
     start(tries ? "try_ejected_servers = true" : "", down_.addr() + "," + up.addr());
@@ -121,7 +121,7 @@ TEST_F(Options, TryEjectedServersAnswersFromAServerThatWasPassedOver) {
   }
 }
 
-TEST_F(Options, TryEjectedServersTakesTheOneWhoseTurnItIs) {
+TEST_F(Options, TryEjectedServersFollowsTheRoundRobin) {
   start("try_ejected_servers = true", down_.addr() + "," + down_.addr() + "," + down_.addr(),
         "p_server_failure_limit = 1");
   EXPECT_EQ(get(), -1);  // ejects all three
@@ -178,7 +178,7 @@ TEST_F(Options, TheReadmesServerMayRestart) {
   EXPECT_EQ(failed, 0);
 }
 
-TEST_F(Options, TryEjectedServersLetsNoCallFailWhereOneIsUp) {
+TEST_F(Options, TryEjectedServersFailsNoCallWhileOneIsUp) {
   RedisServer one;
   RedisServer other;
   start("try_ejected_servers = true", one.addr() + "," + other.addr(),
@@ -256,7 +256,7 @@ TEST_F(Options, CallTimeoutIsSharedWithTheSecondCommand) {
   EXPECT_EQ(log_.count_containing("call time-out of 1000 ms has passed"), 3);
 }
 
-TEST(PoolOutage, IsGivenUpWhenTheFirstDeadlineOfThoseThatWaitComes) {
+TEST(PoolOutage, IsGivenUpAtTheFirstDeadlineOfItsWaiters) {
   constexpr pool_outage::log_names names{"test", 1};
   constexpr std::chrono::seconds T(1);
   const time_point begin = std::chrono::steady_clock::now();

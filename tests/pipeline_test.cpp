@@ -126,7 +126,7 @@ TEST_F(Pipeline, NoCallWaitsForARoundTripThatIsNotItsOwn) {
   EXPECT_EQ(log_.count_containing("connection err"), 0);
 }
 
-TEST_F(Pipeline, WritesWhatHasGatheredWithinBounds) {
+TEST_F(Pipeline, WritesWaitingCommandsWithinBounds) {
   const std::string half(40000, 'h');
   const std::string large(70000, 'l');
   // The commands after each key, and the most commands and writes that may be seen.
@@ -202,7 +202,7 @@ TEST_F(Pipeline, OneEventCountsOnce) {
   EXPECT_EQ(server().failure_count_, 1);
 }
 
-TEST_F(Pipeline, AReplyThatNobodyAskedForShiftsTheOthersForAMomentOnly) {
+TEST_F(Pipeline, AStrayReplyShiftsOthersOnlyBriefly) {
   std::atomic<int> answered{0};
   const ScriptedServer talks([&](Peer& peer) {
     for (Words words = peer.read_command(); !words.empty(); words = peer.read_command()) {
@@ -230,7 +230,7 @@ TEST_F(Pipeline, AReplyThatNobodyAskedForShiftsTheOthersForAMomentOnly) {
   EXPECT_EQ(log_.count_containing("err:unexpected data after the reply"), 1);
 }
 
-TEST_F(Pipeline, ACallThatGivesUpLeavesItsPlaceToNobody) {
+TEST_F(Pipeline, NoCallGetsTheReplyOfOneThatGaveUp) {
   const ScriptedServer slow([&](Peer& peer) {
     for (Words words = peer.read_command(); !words.empty(); words = peer.read_command()) {
       std::this_thread::sleep_for(milliseconds(words[1] == "slow" ? 500 : 0));

@@ -16,7 +16,7 @@ namespace {
 constexpr int workers = 12;  // with keys of their own
 constexpr int rounds = 3;
 
-TEST(OnProxies, EveryOperationWorksAndOutlivesAProxy) {
+TEST(OnProxies, EveryOperationWorksAndSurvivesTheLossOfAProxy) {
   const LogCapture log(BaseLib::Logger::WARN);
   const RedisServer first;
   const RedisServer second;

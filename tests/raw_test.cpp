@@ -49,14 +49,14 @@ class Raw : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(Raw, LeavesTheArgumentsAsTheyWere) {
+TEST_F(Raw, LeavesItsArgumentsUnchanged) {
   const RedisServer redis;
   start(pools_at(redis.addr(), down_.addr(), ""));
   EXPECT_EQ(echo_twice("ECHO %s-%d", "a", 7), "a-7a-7");
   EXPECT_EQ(log_.count(INFO, "ruvo_redis::exec_redis_cmd | ECHO %s-%d redis server type:1"), 2);
 }
 
-TEST_F(Raw, GoesOnInThePoolOfTheNextNumber) {
+TEST_F(Raw, FailsOverToThePoolOfTheNextNumber) {
   const ScriptedServer temp{std::string("+temp\r\n")};
   const ScriptedServer persist{std::string("+persist\r\n")};
   start(pools_at(down_.addr() + "," + temp.addr(), persist.addr() + "," + closes_.addr(),
@@ -90,7 +90,7 @@ TEST_F(Raw, MakesTwoVisitsForEachServerOfThePoolsAtMost) {
   EXPECT_EQ(log_.count(WARN, "ruvo_redis::exec_redis_cmd | can not find an available server"), 1);
 }
 
-TEST_F(Raw, TellsOfAPoolWithoutAServerAtTheStart) {
+TEST_F(Raw, LogsAPoolWithoutAServerAtTheStart) {
   const ScriptedServer good{std::string("+good\r\n")};
   start(pools_at(down_.addr(), good.addr(), ""), "p_server_failure_limit = 1");
   for (const int told : {0, 1}) {  // the first call ejects the only server

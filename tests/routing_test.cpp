@@ -48,7 +48,7 @@ class Routing : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(Routing, TakesServersInTurnOrFromAPositionAndWraps) {
+TEST_F(Routing, UsesServersRoundRobinOrFromAPosition) {
   start("p_connect_num = 7");
   EXPECT_EQ(turns(2, 0), (positions{0, 0}));  // positions given do not move the counter
   EXPECT_EQ(turns(1, 3), positions{0});

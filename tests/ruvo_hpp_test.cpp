@@ -143,7 +143,7 @@ TEST_F(InCpp, EveryCallReadsWhatRedisSays) {
   }
 }
 
-TEST_F(InCpp, WhatIsRefusedSaysWhy) {
+TEST_F(InCpp, RefusalsSayWhy) {
   const auto why = [](const auto& result) {
     EXPECT_EQ(result.code(), RUVO_ERR_NULL_ARGUMENT);
     EXPECT_EQ(result.error(), std::errc::invalid_argument);
@@ -373,7 +373,7 @@ TEST_F(InCpp, ValuesAreSetOnConditionAndForAnyTime) {
   EXPECT_EQ(show(pool.set("k", "5", std::chrono::milliseconds::max())), "-1");
 }
 
-TEST_F(InCpp, CountersEndWhenTheyAreTold) {
+TEST_F(InCpp, CountersExpire) {
   start();
   EXPECT_EQ(show(pool.increment("stays", LLONG_MAX)), show(LLONG_MAX));
   EXPECT_EQ(show(pool.increment("stays", LLONG_MIN)), "-1");
@@ -386,7 +386,7 @@ TEST_F(InCpp, CountersEndWhenTheyAreTold) {
   EXPECT_NEAR(ttl("stays"), 99, 1);
 }
 
-TEST_F(InCpp, ManyGoInAsFewCommandsAsFit) {
+TEST_F(InCpp, ManyKeysUseAsFewCommandsAsPossible) {
   start();
   std::vector<std::string> keys;
   std::map<std::string, std::string> pairs;
@@ -516,7 +516,7 @@ TEST_F(InCpp, OwnersMoveAndMayOutliveTheLibrary) {
   EXPECT_EQ(RUVO_FreeResult(lost), RUVO_OK);  // NOLINT: it has not been released
 }
 
-TEST_F(InCpp, LibraryEndsWhatItHasStarted) {
+TEST_F(InCpp, LibraryEndsItsStartUps) {
   {
     const QuietConsole quiet;
     const ruvo::library one(config_.path());

@@ -31,7 +31,7 @@ std::string second_line(bool stay, bool start, const std::string& replies, bool 
          ", slow_call_log:" + std::to_string(slow) + " (ms)";
 }
 
-TEST(Options, AreReadAndWhatMakesNoSenseIsToldAndLeftOut) {
+TEST(Options, AreReadAndInvalidOnesAreLoggedAndIgnored) {
   const std::string truth = " must be true or false: ";
   const std::string number = " must be a number from 0 to 2147483647: ";
   const std::string waits = "wait_for_servers needs a call_timeout: true";
@@ -86,7 +86,7 @@ TEST(Options, AreReadAndWhatMakesNoSenseIsToldAndLeftOut) {
   }
 }
 
-TEST(Options, EachStandsInAFieldOfItsOwn) {
+TEST(Options, EachHasAFieldOfItsOwn) {
   const std::map<std::string, bool client_options::*> truths{
       {"recommended_defaults", &client_options::recommended_defaults},
       {"auto_pipelining", &client_options::auto_pipelining},
@@ -167,7 +167,7 @@ std::string value_behind(const std::string& word, const std::string& text) {
   return given_by(line);
 }
 
-TEST(Settings, TheGuidesSayOfEachKeyWhatTheTableSays) {
+TEST(Settings, TheGuidesAgreeWithTheTable) {
   const std::string guide = content_of(RUVO_TREE "/docs/configuration.md");
   const std::string manual = content_of(RUVO_TREE "/packaging/man/ruvo.conf.5.in");
   for (const setting& key : all_settings()) {

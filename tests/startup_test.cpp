@@ -62,7 +62,7 @@ class Startup : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
+TEST_F(Startup, ResultSaysWhichPoolsAreUp) {
   const RedisServer redis;
   const DownServer none;
   const std::string up = redis.addr();
@@ -82,7 +82,7 @@ TEST_F(Startup, ResultTellsWhichPoolsAreUp) {
   }
 }
 
-TEST_F(Startup, TellsItsStoryToLogAndConsole) {
+TEST_F(Startup, WritesItsStepsToLogAndConsole) {
   const ScriptedServer temp{std::string()};
   const ScriptedServer persist{std::string()};
   const HostConfig config(pools_at(temp.addr(), persist.addr(), "bad") + "socket_timeout = 2500");
@@ -159,7 +159,7 @@ TEST_F(Startup, BadConfigurationIsNamedAndFinal) {
   }
 }
 
-TEST_F(Startup, CountsItsCallersAndStartsAfreshAfterTheLast) {
+TEST_F(Startup, CountsItsCallersAndCanRestartAfterTheLast) {
   const RedisServer redis;
   const int descriptors = open_descriptors();
   ruvo_redis client;

@@ -242,7 +242,7 @@ TEST_F(Statistics, CallsAreCountedByResultAndCause) {
   EXPECT_EQ(FileCopy::sums_of(raw).results[RUVO_STATS_MAY_HAVE_RUN], 1U);
 }
 
-TEST_F(Statistics, WhatIsNoGoodFileIsTold) {
+TEST_F(Statistics, ABadFileIsReported) {
   ASSERT_TRUE(begin(path_));
   const FileCopy good(path_);
   const std::size_t pools = sizeof(ruvo_stats_header);
@@ -313,7 +313,7 @@ TEST_F(Statistics, AnotherStartBeginsANewFile) {
   EXPECT_EQ(files(), 2U);
 }
 
-TEST_F(Statistics, WhatCannotBeMadeIsTold) {
+TEST_F(Statistics, AFailedCreationIsLogged) {
   const LogCapture log(BaseLib::Logger::ERROR);
   ASSERT_TRUE(begin(dir_.path("%p.%p")));
   const std::string id = std::to_string(getpid());

@@ -30,7 +30,7 @@ TEST(Split, AppendsAndLimitsAPieceBeforeItTrims) {
   EXPECT_TRUE(pieces == (sp::str_arr{"before", std::string(limit, 'x'), y, "c"}));
 }
 
-TEST(Trim, KnowsItsCharacterAndSparesHighBytes) {
+TEST(Trim, RemovesItsCharacterAndKeepsHighBytes) {
   char buffer[] = "\t a \xFF\t";
   std::string text(buffer);
   sp::trim_str(buffer, '\t');
@@ -39,7 +39,7 @@ TEST(Trim, KnowsItsCharacterAndSparesHighBytes) {
   EXPECT_EQ(text, "a \xFF");
 }
 
-TEST(Trim, ANullPointerIsLeftAlone) { sp::trim_str(static_cast<char*>(nullptr)); }
+TEST(Trim, IgnoresANullPointer) { sp::trim_str(static_cast<char*>(nullptr)); }
 
 TEST(Characters, QuotesAndFullWidth) {
   EXPECT_TRUE(sp::is_quote('"') && sp::is_quote('\'') && !sp::is_quote('`'));

@@ -29,7 +29,7 @@ Site site_of_two() {
   return site;
 }
 
-TEST(Verdict, EachConditionIsBrokenByWhatItNames) {
+TEST(Verdict, EachConditionCanBeBroken) {
   Site site = site_of_two();
   client_options& options = site.settings.options;
   FaultRecord faults(false);

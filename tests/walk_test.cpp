@@ -106,7 +106,7 @@ TEST_F(Walk, RebuildsABrokenConnectionAndSendsAgain) {
   }
 }
 
-TEST_F(Walk, GoesOnAfterASecondSendWithoutAReply) {
+TEST_F(Walk, FailsOverAfterASecondSendWithoutAReply) {
   const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
   const ScriptedServer good{std::string("+OK\r\n")};
   start(closes.addr() + "," + good.addr());

@@ -227,7 +227,7 @@ double rate_of(const Outcome& outcome) {
 }
 
 // A bar for each power of two between the shortest and the longest latency.
-std::string drawing_of(const LatencyHistogram& latencies) {
+std::string histogram_text(const LatencyHistogram& latencies) {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> bars;  // from, count
   std::uint64_t highest = 0;
   for (std::uint64_t from = std::bit_floor(std::max<std::uint64_t>(latencies.min(), 1));
@@ -258,7 +258,7 @@ std::string text_of(const Outcome& outcome) {
     text += format("%11g%%  %.1f\n", percent, microseconds(latencies.percentile(percent)));
   }
   text += format("%12s  %.1f\n\n%12s\n", "max", microseconds(latencies.max()), "from");
-  return text + drawing_of(latencies);
+  return text + histogram_text(latencies);
 }
 
 nlohmann::json json_of(const Outcome& outcome) {

@@ -82,7 +82,7 @@ ssize_t receive(redisContext& context, std::span<char> buffer, int flags) {
 }
 
 // Has the reader begun a reply that is not complete?
-bool is_amid_reply(const redisReader& reader) { return reader.ridx > 0 || reader.len > reader.pos; }
+bool is_mid_reply(const redisReader& reader) { return reader.ridx > 0 || reader.len > reader.pos; }
 
 }  // namespace
 
@@ -231,7 +231,7 @@ wait_end receive_some(redisContext& context, std::chrono::microseconds socket_ti
     flags = MSG_DONTWAIT;
   }
   std::unique_ptr<char[]> large;
-  if (is_amid_reply(*context.reader)) {
+  if (is_mid_reply(*context.reader)) {
     large.reset(new (std::nothrow) char[large_read]);
   }
   std::array<char, small_read> small;

@@ -18,7 +18,7 @@ std::int64_t ticks(time_point at) {
 }
 
 // Keeps hosts that lost a server at the same moment from probing it at the same moment.
-std::chrono::nanoseconds shortened(std::chrono::nanoseconds pause) {
+std::chrono::nanoseconds with_jitter(std::chrono::nanoseconds pause) {
   thread_local std::minstd_rand random(std::random_device{}());
   std::uniform_int_distribution<std::int64_t> part(0, pause.count() / 2);
   return pause - std::chrono::nanoseconds(part(random));
@@ -44,7 +44,7 @@ void end_probe(server_probe& probe, bool has_answered) {
         std::clamp<std::int64_t>(2 * pause.load(std::memory_order_relaxed),
                                  first_probe_pause.count(), longest_probe_pause.count());
     pause.store(next, std::memory_order_relaxed);
-    rests_until = ticks(steady_clock::now() + shortened(std::chrono::milliseconds(next)));
+    rests_until = ticks(steady_clock::now() + with_jitter(std::chrono::milliseconds(next)));
   }
   std::atomic_ref(probe.rests_until).store(rests_until, std::memory_order_release);
 }
