@@ -15,7 +15,7 @@ constexpr int timeout_seconds = 10;
 enum class Timeout { none, set };
 Context connect_to(int port, Timeout timeout = Timeout::none);
 
-// What the library copies for its caller, beside the result code.
+// What the library copies for its caller, besides the result code.
 enum class Copied { nothing, buffer, text, texts };
 
 struct Command {

@@ -121,7 +121,7 @@ void mistake() {
 #elif MISTAKE == 36  // deleted function
   keep(temp.hexists("k", "f") && temp.hexists("k", "g"));
 
-// Views of what has gone
+// Dangling views
 #elif MISTAKE == 37  // deleted
   const std::string_view value = *temp.get("k");
   keep(value);

@@ -17,7 +17,7 @@ namespace {
 constexpr std::chrono::seconds warm_up(1);
 constexpr std::chrono::seconds calm(1);
 constexpr std::chrono::seconds progress_interval(5);
-constexpr std::chrono::seconds short_progress_interval(1);  // where no fault has a line
+constexpr std::chrono::seconds short_progress_interval(1);  // if faults print no lines
 constexpr std::chrono::milliseconds longest_sleep(100);
 // How often the library may send a command: twice in each of two visits to each of two servers.
 constexpr int most_runs = 8;

@@ -68,7 +68,7 @@ enum class Field {
   password,
   is_persistent,
   failures,
-  seconds,  // until an ejected server is tried again
+  seconds,  // until an ejected server is retried
   connection,
   connections,
   auto_eject,

@@ -99,7 +99,7 @@ int vop_config::open(const char* config_path) {
   if (!file) {
     return -1;
   }
-  vop_config loaded;  // takes the old sections along when it goes, and only then
+  vop_config loaded;  // its destructor frees the old sections
   std::array<char, line_buffer_size> line{};
   while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
     loaded.parse_line(line.data());

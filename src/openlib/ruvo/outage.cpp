@@ -11,7 +11,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::int64_t being_tried = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t being_probed = std::numeric_limits<std::int64_t>::max();
 
 std::int64_t ticks(time_point at) {
   return std::chrono::nanoseconds(at.time_since_epoch()).count();
@@ -30,7 +30,7 @@ bool begin_probe(server_probe& probe) {
   const std::atomic_ref shared(probe.rests_until);
   std::int64_t rests_until = shared.load(std::memory_order_relaxed);
   return rests_until <= ticks(steady_clock::now()) &&
-         shared.compare_exchange_strong(rests_until, being_tried, std::memory_order_acquire,
+         shared.compare_exchange_strong(rests_until, being_probed, std::memory_order_acquire,
                                         std::memory_order_relaxed);
 }
 
@@ -57,7 +57,7 @@ void reset_probe(server_probe& probe) {
   std::atomic_ref(probe.pause_ms).store(0, std::memory_order_relaxed);
   const std::atomic_ref shared(probe.rests_until);
   std::int64_t rests_until = shared.load(std::memory_order_relaxed);
-  if (rests_until != being_tried) {
+  if (rests_until != being_probed) {
     shared.compare_exchange_strong(rests_until, 0, std::memory_order_relaxed);
   }
 }
@@ -65,8 +65,8 @@ void reset_probe(server_probe& probe) {
 time_point next_probe(server_probe& probe) {
   const std::int64_t rests_until =
       std::atomic_ref(probe.rests_until).load(std::memory_order_relaxed);
-  return rests_until == being_tried ? no_deadline
-                                    : time_point(std::chrono::nanoseconds(rests_until));
+  return rests_until == being_probed ? no_deadline
+                                     : time_point(std::chrono::nanoseconds(rests_until));
 }
 
 bool pool_outage::join(const log_names& names, time_point began, time_point deadline, bool is_new) {

@@ -142,7 +142,7 @@ class call_timer {
                   call_clock::now() - std::exchange(call_begin, call_clock::time_point()));
     }
   }
-  // With the reply of a raw command, a redisReply; null where there is none.
+  // With the redisReply of a raw command; null if there is none.
   void end(const void* reply) noexcept;
 
  private:

@@ -108,7 +108,7 @@ struct ruvo_server_counters {
   uint64_t reconnects;     ///< connections rebuilt
   uint64_t failed_reconnects;  ///< connections that could not be rebuilt
   uint64_t ejections;          ///< times that `failure_limit` was reached
-  uint64_t retries;            ///< times that it was tried again after its ejection
+  uint64_t retries;            ///< times that it was retried after an ejection
   uint64_t waiting;            ///< visits that wait for a connection now; rises and falls
   uint64_t reserved[6];        ///< zero
 };
