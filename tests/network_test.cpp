@@ -106,7 +106,7 @@ TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
   const Row rows[] = {
       {"is slow", each([](Peer& peer) { std::this_thread::sleep_for(S / 2), peer.send(reply); }),
        S / 2, 0},
-      {"is slower than the time-out",
+      {"is slower than the timeout",
        each([](Peer& peer) { std::this_thread::sleep_for(3 * S), peer.send(reply); }), 2 * S, -1},
       {"drips, in time", each([](Peer& peer) { peer.drip(reply, milliseconds(5)); }),
        milliseconds(5) * 60, 0},

@@ -14,7 +14,7 @@
 constexpr std::chrono::milliseconds first_probe_pause{10};
 constexpr std::chrono::milliseconds longest_probe_pause{500};
 
-// Plain fields that all threads share, touched through atomic references.
+// Plain fields that all threads share, accessed through atomic references.
 struct server_probe {
   std::int64_t rests_until = 0;  // steady nanoseconds; the greatest value while a call probes it
   std::int64_t pause_ms = 0;     // before the next probe but one

@@ -1,9 +1,10 @@
 // The client behind the exported functions: one class, divided into several files by subject.
 //
 //   startup.cpp    configuration, default addresses, the order in which pools are built
-//   pools.cpp      building and closing a pool; the counted shut-down
+//   pools.cpp      building and closing a pool; the counted shutdown
 //   routing.cpp    choice of server and connection, failure state, rebuilding a connection
-//   walk.cpp       the walk over servers, and the typed path that makes a code of the reply
+//   execution.cpp  the typed path: a walk, and the result code of its reply
+//   walk.cpp       the walk over servers (visit.cpp: a visit of one of them)
 //   strings.cpp, hashes.cpp, lists.cpp, sets.cpp
 //                  the data operations (data_operation.cpp: what they share)
 //   raw.cpp        any command, its reply unchanged
