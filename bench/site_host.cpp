@@ -168,7 +168,7 @@ int run(int argc, char** argv) {
   host.stop();
   std::puts("\n--- in all");
   print_row("sum", sum, site.lost_writes(), "");
-  std::puts("\n--- what the log told, by kind");
+  std::puts("\n--- lines of the log, by kind");
   for (const auto& [kind, count] : most_frequent_first(all_told)) {
     std::printf("%8ld %s\n", count, kind.c_str());
   }

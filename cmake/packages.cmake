@@ -2,7 +2,7 @@
 # rules. `cmake --workflow --preset package` leaves them in build/package.
 
 if(NOT RUVO_INSTALL)
-  message(FATAL_ERROR "RUVO_DEBIAN_PACKAGES needs RUVO_INSTALL: the packages are made of the install rules")
+  message(FATAL_ERROR "RUVO_DEBIAN_PACKAGES needs RUVO_INSTALL: the packages are made from the install rules")
 endif()
 
 # Reports missing tools here: without dpkg-shlibdeps cpack makes packages without dependencies, and without `file` it

@@ -69,7 +69,7 @@ check() {
 sed -nE -e 's|^#elif MISTAKE == ([0-9]+) +// (g\+\+\|clang\+\+): (.*)|\1 \2 \3|p; t' \
   -e 's|^#elif MISTAKE == ([0-9]+) +// (.*)|\1 any \2|p' "$mistakes" >"$work/mistakes"
 [ "$(wc -l <"$work/mistakes")" -eq "$(grep -c '#elif MISTAKE' "$mistakes")" ] ||
-  { echo "a mistake stands there without its sentence" >&2; exit 1; }
+  { echo "a mistake lacks its expected message" >&2; exit 1; }
 
 check g++ &
 with_gcc=$!

@@ -50,7 +50,7 @@ NOT_RUN = {
     "cmake --workflow --preset package": "scripts/check_packages.sh runs it",
     "apt install ./build/package/*.deb": "it runs this too",
     ".ci/run": "it runs this script",
-    "ldconfig": "it writes the machine's own cache; LD_LIBRARY_PATH stands in for it",
+    "ldconfig": "it writes the machine's own cache; LD_LIBRARY_PATH replaces it",
 }
 
 # Kinds of blocks that a document must have, so that a mistyped fence is noticed.
@@ -262,7 +262,7 @@ def refuse_mistakes(document, blocks):
     """Refuses a faulty document before anything runs."""
     for block in blocks:
         if block.kind not in {"sh", "ini", "yaml", "cmake", "text", *COMPILERS}:
-            raise Refused(f"{document}:{block.line}: nothing is known of a block of '{block.kind}'")
+            raise Refused(f"{document}:{block.line}: unknown kind of block: '{block.kind}'")
         if block.kind in {"ini", "yaml", "cmake"} and not block.file:
             raise Refused(f"{document}:{block.line}: the first line does not name the file")
     files = [block.file for block in blocks if block.file]
@@ -289,7 +289,7 @@ def refuse_dead_links(document):
         target, _, anchor = link.partition("#")
         path = (TREE / document).parent / target if target else TREE / document
         if not path.exists() or (anchor and anchor not in headings(path)):
-            raise Refused(f"{document}: the link to {link} is dead")
+            raise Refused(f"{document}: dead link to {link}")
 
 
 def refuse_missing_lines(document):

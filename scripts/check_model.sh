@@ -53,7 +53,7 @@ text = open("src/openlib/ruvo/pipeline.cpp").read()
 pattern = r"\s+".join(re.escape(word) for word in before.split())
 text, count = re.subn(pattern, lambda _: after, text)
 if count != 1:
-    sys.exit(f"check_model.sh: stands {count} times in pipeline.cpp: {before}")
+    sys.exit(f"check_model.sh: occurs {count} times in pipeline.cpp: {before}")
 open(path, "w").write(text)
 CODE
 }

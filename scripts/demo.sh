@@ -132,11 +132,11 @@ result=0
 wait "${pid_of[host]}" || result=$?
 unset "pid_of[host]"
 echo
-echo "--- what the log told, by kind"
+echo "--- lines of the log, by kind"
 sed -E 's/^[^ ]+ [^ ]+ [0-9]+ ([A-Z]+) [^ ]+ /\1 /; s/(key|ruvo_workload):[^ ,]+/\1:.../g;
         s/[0-9]+ seconds/N seconds/; s/failure count:[0-9]+/failure count:N/' \
   "$work/host.log" | sort | uniq -c | sort -rn | head -n 12
 if [ "$result" -ne 0 ]; then
-  echo "demo.sh: the host reports that something did not hold" >&2
+  echo "demo.sh: the host reports a broken condition" >&2
 fi
 exit "$result"

@@ -59,7 +59,7 @@ class Fault:
         pattern = r"\s+".join(re.escape(word) for word in self.stands.split())
         found = list(re.finditer(pattern, text))
         if len(found) != 1:
-            raise ValueError(f"its text stands {len(found)} times in the file")
+            raise ValueError(f"its text occurs {len(found)} times in the file")
         return text[:found[0].start()] + self.put + text[found[0].end():]
 
 
@@ -208,12 +208,12 @@ def main():
     parser.add_argument("rows", nargs="*", type=int, help="numbers of rows")
     parser.add_argument("--only", metavar="SUBSTRING", help="rows that contain this text")
     parser.add_argument("--jobs", type=int, default=1, help="rows that are tried at a time")
-    parser.add_argument("--tests", metavar="NAMES", help="comma between them, without _test")
+    parser.add_argument("--tests", metavar="NAMES", help="comma-separated, without _test")
     parser.add_argument("--idle", action="store_true",
-                        help="list the tests that have noticed nothing, too")
+                        help="also list the tests that have noticed nothing")
     parser.add_argument("--folder", help="where the copies are; kept")
     parser.add_argument("--list", action="store_true",
-                        help="print the rows, and check that each text stands once")
+                        help="print the rows, and check that each text occurs once")
     arguments = parser.parse_args()
     faults = [fault for fault in read_table()
               if (not arguments.rows or fault.number in arguments.rows)

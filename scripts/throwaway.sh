@@ -42,7 +42,7 @@ wait_for() {
     "$@" >/dev/null 2>&1 && return
     sleep 0.05
   done
-  echo "${0##*/}: in vain for twenty seconds: $*" >&2
+  echo "${0##*/}: no success within twenty seconds: $*" >&2
   return 1
 }
 

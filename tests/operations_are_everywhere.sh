@@ -9,7 +9,7 @@ missing=0
 want() {
   name=$1 place=$2 pattern=$3
   shift 3
-  grep -qE -- "$pattern" "$@" || { echo "$name has no place in $place" >&2; missing=1; }
+  grep -qE -- "$pattern" "$@" || { echo "$name is missing from $place" >&2; missing=1; }
 }
 
 operations=0
