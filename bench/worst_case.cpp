@@ -1,12 +1,23 @@
-// What becomes of a host while one of its two servers hangs: without any key and as a new site is
-// configured. Writes a row for each second; scripts/plot_worst_case.sh draws it.
-#include <CLI/CLI.hpp>
-#include <cstdio>
+// What becomes of a host while one of its two servers hangs, is gone, restarts, or turns into a
+// replica: without any key and as a new site is configured. Writes a row for each second;
+// scripts/plot_worst_case.sh draws it.
+#include <ruvo/ruvo.h>
 
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <numeric>
+#include <stdexcept>
+
+#include "calling_host.h"
 #include "run_main.h"
-#include "stopped_server.h"
+#include "server_states.h"
 
 namespace {
+
+using std::chrono::seconds;
 
 struct Configuration {
   const char* name;
@@ -18,44 +29,125 @@ constexpr Configuration configurations[] = {
     {"recommended", "recommended_defaults = true\n"},
 };
 
-void print_summary(const char* name, const std::vector<SecondOfCalls>& seconds,
-                   const StoppedServer& run) {
-  const int from = run.before + 2;
-  const int to = run.before + run.stopped;
-  SecondOfCalls worst;
-  for (const SecondOfCalls& one : seconds) {
-    worst.failed += one.failed;
-    worst.slowest_ms = std::max(worst.slowest_ms, one.slowest_ms);
-    worst.lines = std::max(worst.lines, one.lines);
+struct Fault {
+  const char* name;
+  seconds lasts;
+  std::function<void(RedisServer& server, const RedisServer& other)> begin;
+  std::function<void(RedisServer& server)> end;
+};
+
+const std::vector<Fault>& faults() {
+  static const std::vector<Fault> all{
+      {"hang", seconds(60), [](RedisServer& server, const RedisServer&) { server.signal(SIGSTOP); },
+       [](RedisServer& server) { server.signal(SIGCONT); }},
+      {"kill", seconds(15), [](RedisServer& server, const RedisServer&) { server.kill(); },
+       [](RedisServer& server) { server.restart(); }},
+      {"restart", seconds(5),
+       [](RedisServer& server, const RedisServer&) {
+         server.kill();
+         server.restart();
+       },
+       [](RedisServer&) {}},
+      // Connections stay on what is now a replica, and writes are refused.
+      {"failover", seconds(15), become_replica, become_primary},
+  };
+  return all;
+}
+
+struct Moments {
+  int threads = 16;
+  int before = 10;  // seconds
+  int after = 10;
+};
+
+int write(int thread) {
+  return RUVO_InsertKey(("worst_case:" + std::to_string(thread)).c_str(), "value", 5, 60,
+                        eTempServer, nullptr);
+}
+
+std::vector<SecondOfCalls> calls_through(const Fault& fault, const char* keys,
+                                         const Moments& moments) {
+  const RedisServer good;
+  RedisServer faulty;
+  const std::string addrs = good.addr() + "," + faulty.addr();
+  const HostConfig config("connect_timeout = 200\nsocket_timeout = 500\n" + std::string(keys) +
+                              pools_at(addrs, good.addr(), good.addr()),
+                          "p_connect_num = 2");
+  CallingHost host(config.path(), moments.threads, write);
+  if (host.start_result() != RUVO_OK) {
+    throw std::runtime_error(std::string("RUVO_Init: ") + ruvo_result_text(host.start_result()));
+  }
+  const seconds begin(moments.before);
+  const seconds all = begin + fault.lasts + seconds(moments.after);
+  host.wait_until(begin);
+  fault.begin(faulty, good);
+  host.wait_until(begin + fault.lasts);
+  fault.end(faulty);
+  host.wait_until(all);
+  host.stop();
+  return host.seconds(static_cast<int>(all.count()));
+}
+
+double served(const std::vector<SecondOfCalls>& calls, int from, int to) {
+  return std::accumulate(calls.begin() + from, calls.begin() + to, 0.0,
+                         [](double sum, const SecondOfCalls& one) {
+                           return sum + static_cast<double>(one.calls - one.failed);
+                         });
+}
+
+// To standard error: standard output has the rows.
+void print_summary(const char* fault, const char* name, const std::vector<SecondOfCalls>& calls,
+                   int before, int end) {
+  constexpr int settled = 2;  // seconds
+  const int window = std::min(10, end - before - settled);
+  double worst = served(calls, before + settled, before + settled + window);
+  for (int from = before + settled; from + window <= end; ++from) {
+    worst = std::min(worst, served(calls, from, from + window));
+  }
+  SecondOfCalls most;
+  for (const SecondOfCalls& one : calls) {
+    most.failed += one.failed;
+    most.slowest_ms = std::max(most.slowest_ms, one.slowest_ms);
+    most.lines = std::max(most.lines, one.lines);
   }
   std::fprintf(stderr,
-               "%s: throughput %.3f of before over the worst ten seconds, slowest call %.0f ms, "
+               "%s, %s: goodput %.3f of before over the worst %d seconds, slowest call %.0f ms, "
                "%ld failed, at most %ld lines a second\n",
-               name, worst_share(seconds, run.before, from, to, std::min(10, to - from)),
-               worst.slowest_ms, worst.failed, worst.lines);
+               fault, name, worst / (served(calls, 0, before) / before * window), window,
+               most.slowest_ms, most.failed, most.lines);
 }
 
 int run(int argc, char** argv) {
-  StoppedServer run;
-  CLI::App app("Stops one of two servers below a host, and counts its calls");
+  Moments moments;
+  std::vector<std::string> only;
+  std::vector<std::string> names;
+  for (const Fault& fault : faults()) {
+    names.emplace_back(fault.name);
+  }
+  CLI::App app("Puts a fault on one of two servers below a host, and counts the host's calls");
+  app.add_option("faults", only, "Faults, all by default")->check(CLI::IsMember(names));
   const auto add = [&app](const char* name, int& value, const char* text) {
     app.add_option(name, value, text)->capture_default_str()->check(CLI::Range(1, 300));
   };
-  add("--threads", run.threads, "Threads of the host, on 2 connections to each server");
-  add("--before", run.before, "Seconds before the stop");
-  add("--stopped", run.stopped, "Seconds that the server is stopped for, 3 at least");
-  add("--after", run.after, "Seconds after it");
+  add("--threads", moments.threads, "Threads of the host, on 2 connections to each server");
+  add("--before", moments.before, "Seconds before the fault");
+  add("--after", moments.after, "Seconds after it");
   CLI11_PARSE(app, argc, argv);
-  std::puts("keys,second,calls,failed,slowest_ms,log_lines");
-  for (const auto& [name, keys] : configurations) {
-    run.keys = keys;
-    const std::vector<SecondOfCalls> seconds = calls_with_a_stopped_server(run);
-    for (std::size_t second = 0; second < seconds.size(); ++second) {
-      const SecondOfCalls& one = seconds[second];
-      std::printf("%s,%zu,%ld,%ld,%.1f,%ld\n", name, second + 1, one.calls, one.failed,
-                  one.slowest_ms, one.lines);
+  std::puts("fault,keys,second,calls,failed,slowest_ms,log_lines");
+  for (const Fault& fault : faults()) {
+    if (!only.empty() && std::find(only.begin(), only.end(), fault.name) == only.end()) {
+      continue;
     }
-    print_summary(name, seconds, run);
+    for (const auto& [name, keys] : configurations) {
+      const std::vector<SecondOfCalls> calls = calls_through(fault, keys, moments);
+      for (std::size_t second = 0; second < calls.size(); ++second) {
+        const SecondOfCalls& one = calls[second];
+        std::printf("%s,%s,%zu,%ld,%ld,%.1f,%ld\n", fault.name, name, second + 1, one.calls,
+                    one.failed, one.slowest_ms, one.lines);
+      }
+      print_summary(fault.name, name, calls, moments.before,
+                    moments.before + static_cast<int>(fault.lasts.count()));
+    }
   }
   return 0;
 }

@@ -24,7 +24,7 @@ declare -A packages=(
   [bench]="redis-server nutcracker valgrind gnuplot-nox python3"
   [check]="git clang clang-format clang-tidy libclang-rt-14-dev cppcheck abigail-tools relacy-dev doxygen mandoc binutils
            debootstrap lintian prometheus python3 libspdlog-dev stunnel4 openssl"
-  [plot]="gnuplot-nox"
+  [plot]="gnuplot-nox graphviz"
   [arm64]="g++-12-aarch64-linux-gnu qemu-user file"
 )
 groups=("$@")

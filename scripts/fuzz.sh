@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Feeds the configuration reader, the text helpers and the expansion of keys with inputs that
-# libFuzzer makes up. An input that fails is left in build/fuzz; run the target with it to see it again:
+# Feeds the configuration reader, the text helpers, the expansion of keys and the calls that share a connection
+# with inputs that libFuzzer makes up. An input that fails is left in build/fuzz; run the target with it to see it again:
 #
 #   build/fuzz/tests/fuzz/config_fuzz build/fuzz/config_fuzz-crash-...
 #
@@ -8,7 +8,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
-targets=(config_fuzz text_fuzz key_fuzz)
+targets=(config_fuzz text_fuzz key_fuzz pipeline_fuzz)
+# A reply may announce more elements than there is memory.
+export ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=256
 
 scripts/deps.sh build check
 cmake --preset fuzz >/dev/null
@@ -24,8 +26,9 @@ trap 'exit 130' INT TERM
 cp -r tests/fuzz/corpus/. "$corpus"
 for target in "${targets[@]}"; do
   log=build/fuzz/$target.log
-  build/fuzz/tests/fuzz/"$target" -max_total_time=$((seconds / ${#targets[@]})) -max_len=4096 -timeout=10 \
-    -print_final_stats=1 -artifact_prefix="build/fuzz/$target-" "$corpus/$target" >"$log" 2>&1 &
+  build/fuzz/tests/fuzz/"$target" -max_total_time=$((seconds / ${#targets[@]})) -max_len=4096 -len_control=0 \
+    -timeout=10 -malloc_limit_mb=100000 -print_final_stats=1 -artifact_prefix="build/fuzz/$target-" \
+    "$corpus/$target" >"$log" 2>&1 &
   fuzzer=$!  # in the background, so that a signal to this script ends it at once
   wait "$fuzzer" || { cat "$log"; exit 1; }
   fuzzer=

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Stops one of two servers below a host for a minute, without any key and as a new site is configured, and
-# draws what becomes of its calls, as docs/operations.md shows it. Takes three minutes of a machine that
-# does nothing else.
+# Puts faults on one of two servers below a host (it hangs for a minute, is gone, restarts, turns into a replica),
+# without any key and as a new site is configured, and draws the host's goodput, as docs/operations.md shows it. Takes
+# six minutes of a machine that does nothing else.
 #
 #   scripts/plot_worst_case.sh [FOLDER]     where worst_case.csv and the picture go (docs/figures)
 #   scripts/plot_worst_case.sh --draw       only draws what the CSV has
@@ -18,26 +18,38 @@ if [ "${1:-}" != --draw ]; then
   build/bench/bench/worst_case >"$folder/worst_case.csv"
 fi
 
-# The columns of the CSV: configuration, second, calls, failed, slowest call in ms, lines of the log.
+# The columns of the CSV: fault, configuration, second, calls, failed, slowest call in ms, lines of the log.
 cd "$folder"
 gnuplot <<'PLOT'
 set datafile separator ","
-set terminal svg size 900,400 noenhanced font "sans,12" background "white"
+set terminal svg size 1200,600 noenhanced font "sans,12" background "white"
 set output "worst_case.svg"
-set multiplot layout 1,2
+set multiplot layout 2,4
 set grid
 set key below
-set xlabel "seconds; one of two servers is stopped from 10 to 70"
+set xtics 10
 set logscale y
 configurations = "'no key' 'recommended'"
-of(name, value) = strcol(1) eq name ? value : NaN
-# A logarithmic axis has no place for none: a second in which no call ended is a gap.
+array fault[4] = ["hang", "kill", "restart", "failover"]
+array text[4] = ["hangs, second 10 to 70", "gone, second 10 to 25", "restarts at second 10", "a replica, second 10 to 25"]
+of(number, name, value) = strcol(1) eq fault[number] && strcol(2) eq name ? value : NaN
+# A logarithmic axis has no place for none: a second in which no call was served is a gap.
 some(value) = value > 0 ? value : NaN
-set title "calls per second"
 set yrange [1:*]
-plot for [n in configurations] "worst_case.csv" using 2:(of(n, some(column(3)))) with lines linewidth 2 title n
-set title "slowest call, milliseconds"
+set ylabel "calls served per second"
+do for [i = 1:4] {
+  set title "one of two servers " . text[i]
+  plot for [n in configurations] "worst_case.csv" using 3:(of(i, n, some(column(4) - column(5)))) \
+    with lines linewidth 2 title n
+  unset ylabel
+}
 set yrange [0.1:*]
-plot for [n in configurations] "worst_case.csv" using 2:(of(n, column(5))) with lines linewidth 2 title n
+set ylabel "slowest call, milliseconds"
+set xlabel "seconds"
+unset title
+do for [i = 1:4] {
+  plot for [n in configurations] "worst_case.csv" using 3:(of(i, n, column(6))) with lines linewidth 2 title n
+  unset ylabel
+}
 unset multiplot
 PLOT

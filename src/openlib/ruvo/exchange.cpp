@@ -110,7 +110,7 @@ connection_error out_of_step_error() {
 
 void set_error(redisContext& context, const connection_error& error) {
   context.err = error.code;
-  std::strcpy(context.errstr, error.text);  // of the same size
+  std::memcpy(context.errstr, error.text, std::strlen(error.text) + 1);  // of the same size
 }
 
 wire_command::wire_command(const char* format, va_list args) {
