@@ -54,9 +54,6 @@ class Case:
         one, digits = (1000, 2) if self.round_trip else (1, 0)
         return " / ".join(f"{self.latency(side, percentile) / one:,.{digits}f}" for percentile in ("p50", "p99"))
 
-    def processor(self):
-        return f"{float(self.sides['hiredis']['library_cpu_us_more']):+.2f}"
-
     def has(self, *sides):
         return all(side in self.sides for side in sides)
 
@@ -166,7 +163,8 @@ AIMS = [
 
 # ---- The tables ----
 
-# The columns of the guide by their heads; it explains them. Quartiles are in the CSV.
+# The columns of the guide by their heads; it explains them. Quartiles, and the cases that no table has, are in
+# the CSV.
 ROUND_TRIP = {"RTT, ms": lambda case: f"{case.round_trip:g}"}
 THREADS = {"Threads": lambda case: case.threads}
 CONNECTIONS = {"Connections": lambda case: case.connections}
@@ -176,8 +174,6 @@ PIPELINED = {"Pipelined, calls/s": lambda case: case.rate("pipelined")}
 POOL = {"Pool, calls/s": lambda case: case.rate("pool")}
 LIBRARY_RATIO = {"Library / hiredis": lambda case: case.ratio("library", "hiredis")}
 PIPELINED_RATIO = {"Pipelined / hiredis": lambda case: case.ratio("pipelined", "hiredis")}
-POOL_RATIO = {"Library / pool": lambda case: case.ratio("library", "pool")}
-PROCESSOR = {"Library, CPU µs more": lambda case: case.processor()}
 
 
 def latencies(unit, *sides):
@@ -195,45 +191,18 @@ def table_of(cases, columns):
     return table([*columns], [[str(value(case)) for value in columns.values()] for case in cases], 1)
 
 
-def ratios_of_threads(cases, name):
-    """A row for each operation of some cases, or for each `name`: the results of both forms of the library
-    with one thread and with four."""
-    rows = {}
-    for case in cases:
-        rows.setdefault(name(case), {})[case.threads] = case
-    heads = ["", *(f"{side} / hiredis, {threads}" for threads in ("1 thread", "4 threads")
-                   for side in ("Library", "Pipelined"))]
-
-    def ratios(by_threads):
-        for threads in (1, 4):
-            for side in ("library", "pipelined"):
-                yield by_threads[threads].ratio(side, "hiredis") if threads in by_threads else ""
-    return table(heads, [[row, *ratios(by_threads)] for row, by_threads in rows.items()], 1)
-
-
 def tables(cases):
-    small = [case for case in cases if case.small]
     gets = sorted((case for case in cases
                    if case.bytes == 100 and case.log == "WARN" and case.operation == "GET"),
                   key=lambda case: (case.round_trip, case.threads, case.connections))
-    far = [case for case in gets if case.round_trip > 0]
     return {
-        "network": table_of([case for case in far if case.connections == 1],
+        "network": table_of([case for case in gets if network(threads=(1, 16, 64))(case)],
                             ROUND_TRIP | THREADS | HIREDIS | PIPELINED | PIPELINED_RATIO
                             | latencies("ms", "hiredis", "pipelined")),
-        "network, connections": table_of(
-            [case for case in far if case.has("library") and case.threads > 1],
-            THREADS | CONNECTIONS | HIREDIS | LIBRARY | PIPELINED
-            | latencies("ms", "hiredis", "library", "pipelined")),
-        "loopback": table_of([case for case in gets if case.round_trip == 0],
+        "loopback": table_of([case for case in gets if case.round_trip == 0 and case.threads in (1, 4, 16, 64)
+                              and (case.connections == 1 or case.even)],
                              THREADS | CONNECTIONS | HIREDIS | POOL | LIBRARY | PIPELINED | LIBRARY_RATIO
                              | PIPELINED_RATIO | latencies("µs", "hiredis", "library", "pipelined")),
-        "operations": table_of([case for case in small if case.threads == case.connections == 1],
-                               {"Operation": lambda case: case.operation} | HIREDIS | POOL | LIBRARY | PIPELINED
-                               | LIBRARY_RATIO | POOL_RATIO | PIPELINED_RATIO | PROCESSOR),
-        "sizes": ratios_of_threads([case for case in cases if case.bytes != 100],
-                                   lambda case: f"{case.operation}, {SIZES.get(case.bytes, case.bytes)}"),
-        "log": ratios_of_threads([case for case in cases if case.log == "INFO"], lambda case: case.operation),
         "aims": table(["Ratio", "Aim", "", "Worst", "Of"], [aim.row() for aim in AIMS if aim.seen], 1),
     }
 
