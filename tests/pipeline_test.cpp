@@ -85,8 +85,8 @@ class Pipeline : public testing::Test {
     });
     const auto has_come = [this] {
       const std::scoped_lock guard(*this);
-      const pipeline_state& line = slot().pipeline_;
-      const std::size_t waiting = line.unsent.size() + line.alone.size() + line.in_flight.size();
+      const pipeline_state& state = slot().pipeline_;
+      const std::size_t waiting = state.unsent.size() + state.alone.size() + state.in_flight.size();
       return waiting + ended_ >= threads_.size();
     };
     ASSERT_TRUE(eventually(has_come)) << key;

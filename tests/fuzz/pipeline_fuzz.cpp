@@ -210,11 +210,11 @@ class Client final : public rebuilder {
   }
 
   void check_idle() {
-    const pipeline_state& line = slot().pipeline_;
-    const bool waits_for_nobody = line.unsent.empty() && line.alone.empty() &&
-                                  line.in_flight.empty() &&
-                                  line.users == (line.to_skip > 0 ? 1 : 0);
-    if (!waits_for_nobody || line.is_reading || line.is_writing || line.is_rebuilding) {
+    const pipeline_state& state = slot().pipeline_;
+    const bool waits_for_nobody = state.unsent.empty() && state.alone.empty() &&
+                                  state.in_flight.empty() &&
+                                  state.users == (state.replies_to_skip > 0 ? 1 : 0);
+    if (!waits_for_nobody || state.is_reading || state.is_writing || state.is_rebuilding) {
       fail("a call was left behind");
     }
   }

@@ -42,7 +42,7 @@ struct scenario {
   events may;
   unsigned with_deadline = 0;  // threads whose calls have one, as bits
   bool must_not_resend = false;
-  bool is_look_due = false;
+  bool is_check_due = false;
   bool has_socket_timeout = false;
   bool begins_broken = false;
 };
@@ -422,7 +422,7 @@ reply_ptr next_reply(redisContext& context) {
   model::fail("replies are leaked");
 }
 
-connection_error look_at(const redisContext& context) {
+connection_error check_unused(const redisContext& context) {
   peer& peer = used_peer(context);
   model::step();
   return peer.is_closed || breaks(peer)
@@ -595,7 +595,7 @@ void model::before() {
   }
   slot.context_ = open_peer();
   slot.context_->err = chosen->begins_broken ? REDIS_ERR_EOF : 0;
-  slot.pipeline_.last_look = chosen->is_look_due ? time_point() : time_point(begin_of_time);
+  slot.pipeline_.last_check = chosen->is_check_due ? time_point() : time_point(begin_of_time);
 }
 
 void model::run_thread(unsigned thread) {
@@ -607,13 +607,13 @@ void model::run_thread(unsigned thread) {
 
 void model::after() {
   world& world = now_in();
-  const pipeline_state& line = slot().pipeline_;
-  check(line.unsent.empty() && line.alone.empty() && line.in_flight.empty(), "a call is left");
-  check(!line.is_reading && !line.is_writing && !line.is_rebuilding, "a duty is left");
+  const pipeline_state& state = slot().pipeline_;
+  check(state.unsent.empty() && state.alone.empty() && state.in_flight.empty(), "a call is left");
+  check(!state.is_reading && !state.is_writing && !state.is_rebuilding, "a duty is left");
   const bool is_sound = chosen->may.breaks + chosen->may.partials + chosen->may.forks == 0 &&
                         !chosen->has_socket_timeout && !chosen->begins_broken;
   check(!is_sound || (world.breaks == 0 && slot().context_->err == 0), "a sound connection breaks");
-  check(line.users == (line.to_skip > 0 ? 1U : 0U), "a user is left");
+  check(state.users == (state.replies_to_skip > 0 ? 1U : 0U), "a user is left");
   for (const call_record& call : world.calls) {
     check(call.arrivals <= (chosen->must_not_resend ? 1U : 2U), "a command is sent too often");
     check(!call.has_returned ||

@@ -138,7 +138,7 @@ wire_command format_command(const char* format, ...) {
   return command;
 }
 
-connection_error look_at(const redisContext& context) {
+connection_error check_unused(const redisContext& context) {
   char byte = 0;
   const ssize_t peeked = ::recv(context.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   if (peeked > 0) {

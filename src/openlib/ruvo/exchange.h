@@ -113,7 +113,7 @@ connection_error out_of_step_error();
 
 // Checks, without waiting, a connection that awaits no reply: has its server closed it, or sent
 // data that nobody asked for? The code is 0 if neither is true.
-connection_error look_at(const redisContext& context);
+connection_error check_unused(const redisContext& context);
 
 // Sets an error on the context as hiredis does; the walk and its log lines read it there.
 void set_error(redisContext& context, const connection_error& error);

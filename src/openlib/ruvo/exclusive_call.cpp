@@ -33,7 +33,7 @@ send_end exclusive_call::send() {
   }
   if (call_.must_not_resend && !is_broken(slot_.context_)) {
     // The command must not be lost on a connection that its server has closed.
-    const connection_error found = look_at(*slot_.context_);
+    const connection_error found = check_unused(*slot_.context_);
     if (found.code != 0) {
       set_error(*slot_.context_, found);
     }

@@ -42,11 +42,11 @@ void ruvo_redis::disown_connections() noexcept {
     for (server_node& server : pool->servers_) {
       server.probe_ = server_probe();
       for (conn_node& slot : server.context_arr_) {
-        const pipeline_state& line = slot.pipeline_;
-        slot.was_used_at_fork_ = slot.was_used_at_fork_ || line.is_reading || line.is_writing ||
+        const pipeline_state& state = slot.pipeline_;
+        slot.was_used_at_fork_ = slot.was_used_at_fork_ || state.is_reading || state.is_writing ||
                                  slot.lock_->tryacquire() == -1;
         new (slot.lock_) ACE_Thread_Mutex;
-        const std::uint64_t forks = line.forks + 1;
+        const std::uint64_t forks = state.forks + 1;
         slot.pipeline_ = pipeline_state{};
         slot.pipeline_.forks = forks;
         if (slot.context_ != nullptr) {

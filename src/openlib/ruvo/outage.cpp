@@ -27,16 +27,16 @@ std::chrono::nanoseconds with_jitter(std::chrono::nanoseconds pause) {
 }  // namespace
 
 bool begin_probe(server_probe& probe) {
-  const std::atomic_ref shared(probe.rests_until);
-  std::int64_t rests_until = shared.load(std::memory_order_relaxed);
-  return rests_until <= ticks(steady_clock::now()) &&
-         shared.compare_exchange_strong(rests_until, being_probed, std::memory_order_acquire,
+  const std::atomic_ref shared(probe.next_probe_at);
+  std::int64_t next_probe_at = shared.load(std::memory_order_relaxed);
+  return next_probe_at <= ticks(steady_clock::now()) &&
+         shared.compare_exchange_strong(next_probe_at, being_probed, std::memory_order_acquire,
                                         std::memory_order_relaxed);
 }
 
 void end_probe(server_probe& probe, bool has_answered) {
   const std::atomic_ref pause(probe.pause_ms);
-  std::int64_t rests_until = 0;
+  std::int64_t next_probe_at = 0;
   if (has_answered) {
     pause.store(0, std::memory_order_relaxed);
   } else {
@@ -44,29 +44,29 @@ void end_probe(server_probe& probe, bool has_answered) {
         std::clamp<std::int64_t>(2 * pause.load(std::memory_order_relaxed),
                                  first_probe_pause.count(), longest_probe_pause.count());
     pause.store(next, std::memory_order_relaxed);
-    rests_until = ticks(steady_clock::now() + with_jitter(std::chrono::milliseconds(next)));
+    next_probe_at = ticks(steady_clock::now() + with_jitter(std::chrono::milliseconds(next)));
   }
-  std::atomic_ref(probe.rests_until).store(rests_until, std::memory_order_release);
+  std::atomic_ref(probe.next_probe_at).store(next_probe_at, std::memory_order_release);
 }
 
 void release_probe(server_probe& probe) {
-  std::atomic_ref(probe.rests_until).store(0, std::memory_order_release);
+  std::atomic_ref(probe.next_probe_at).store(0, std::memory_order_release);
 }
 
 void reset_probe(server_probe& probe) {
   std::atomic_ref(probe.pause_ms).store(0, std::memory_order_relaxed);
-  const std::atomic_ref shared(probe.rests_until);
-  std::int64_t rests_until = shared.load(std::memory_order_relaxed);
-  if (rests_until != being_probed) {
-    shared.compare_exchange_strong(rests_until, 0, std::memory_order_relaxed);
+  const std::atomic_ref shared(probe.next_probe_at);
+  std::int64_t next_probe_at = shared.load(std::memory_order_relaxed);
+  if (next_probe_at != being_probed) {
+    shared.compare_exchange_strong(next_probe_at, 0, std::memory_order_relaxed);
   }
 }
 
 time_point next_probe(server_probe& probe) {
-  const std::int64_t rests_until =
-      std::atomic_ref(probe.rests_until).load(std::memory_order_relaxed);
-  return rests_until == being_probed ? no_deadline
-                                     : time_point(std::chrono::nanoseconds(rests_until));
+  const std::int64_t next_probe_at =
+      std::atomic_ref(probe.next_probe_at).load(std::memory_order_relaxed);
+  return next_probe_at == being_probed ? no_deadline
+                                       : time_point(std::chrono::nanoseconds(next_probe_at));
 }
 
 bool pool_outage::join(const log_names& names, time_point began, time_point deadline, bool is_new) {

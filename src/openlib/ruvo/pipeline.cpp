@@ -17,36 +17,36 @@ namespace {
 using clock = std::chrono::steady_clock;
 using place = queued_call::place;
 
-void add_user(pipeline_state& line, std::uint32_t count) {
-  std::atomic_ref(line.users).fetch_add(count, std::memory_order_relaxed);
+void add_user(pipeline_state& state, std::uint32_t count) {
+  std::atomic_ref(state.users).fetch_add(count, std::memory_order_relaxed);
 }
 
 // Replies that nobody waits for any more make a slot count as used, so others are chosen first.
-void set_to_skip(pipeline_state& line, std::uint32_t replies) {
-  if ((line.to_skip == 0) != (replies == 0)) {
-    add_user(line, replies > 0 ? 1 : ~0U);
+void set_replies_to_skip(pipeline_state& state, std::uint32_t replies) {
+  if ((state.replies_to_skip == 0) != (replies == 0)) {
+    add_user(state, replies > 0 ? 1 : ~0U);
   }
-  line.to_skip = replies;
+  state.replies_to_skip = replies;
 }
 
-bool is_look_due(const pipeline_state& line, time_point now) {
-  const auto interval =
-      std::max<std::chrono::nanoseconds>(look_interval, look_round_trips * line.known_round_trip);
-  return now - line.last_look >= interval;
+bool is_check_due(const pipeline_state& state, time_point now) {
+  const auto interval = std::max<std::chrono::nanoseconds>(
+      check_interval, check_round_trips * state.known_round_trip);
+  return now - state.last_check >= interval;
 }
 
 // Before a write with nothing in flight: a command that must not be resent must not be lost on a
 // connection that its server has closed.
-bool needs_look(const pipeline_state& line, time_point now) {
-  const queued_call* const next = line.head();
-  return is_look_due(line, now) ||
-         (next != nullptr && next->must_not_resend && !next->is_second_send && !line.has_looked);
+bool needs_check(const pipeline_state& state, time_point now) {
+  const queued_call* const next = state.head();
+  return is_check_due(state, now) ||
+         (next != nullptr && next->must_not_resend && !next->is_second_send && !state.was_checked);
 }
 
 // Is a command that must go alone the next one? It comes after the second sends.
-bool is_turn_of_alone(const pipeline_state& line) {
-  const queued_call* next = line.unsent.front();
-  return !line.alone.empty() && (next == nullptr || (!next->is_second_send && next->written == 0));
+bool is_turn_of_alone(const pipeline_state& state) {
+  const queued_call* next = state.unsent.front();
+  return !state.alone.empty() && (next == nullptr || (!next->is_second_send && next->written == 0));
 }
 
 // Returns the first unused slot of the server from `slot` on, or `slot` if all are used. This call
@@ -156,12 +156,12 @@ pipelined_call::pipelined_call(server_node& server, conn_node& slot, const wire_
                                const send_terms& terms)
     : slot_call(wire, terms),
       slot_(choose_slot(server, slot)),
-      line_(slot_.pipeline_),
+      state_(slot_.pipeline_),
       terms_(terms),
-      forks_(line_.forks) {}
+      forks_(state_.forks) {}
 
 pipelined_call::~pipelined_call() {
-  if (line_.forks != forks_) {
+  if (state_.forks != forks_) {
     return;  // in the child of a fork: the slot is a new one, without this call
   }
   if (call_.where != place::nowhere) {
@@ -169,7 +169,7 @@ pipelined_call::~pipelined_call() {
     lock.lock();
     leave(lock);
   }
-  add_user(line_, ~0U);
+  add_user(state_, ~0U);
 }
 
 // ---- The two sends ----
@@ -192,14 +192,14 @@ send_end pipelined_call::send() {
 send_end pipelined_call::send_again(rebuilder& rebuilder) {
   guard lock(slot_);
   lock.lock();
-  if (line_.forks != forks_) {
+  if (state_.forks != forks_) {
     // In the child of a fork: what the parent's threads have done for the call does not count.
     call_.where = place::nowhere;
     call_.written = 0;
-    call_.to_skip = 0;
+    call_.replies_to_skip = 0;
     call_.is_being_written = call_.wakes_by_itself = call_.is_leaving = false;
-    call_.signal.store(queued_call::look, std::memory_order_relaxed);
-    add_user(line_, 1);
+    call_.signal.store(queued_call::recheck, std::memory_order_relaxed);
+    add_user(state_, 1);
     enqueue();
   }
   return wait(lock, &rebuilder);
@@ -210,39 +210,39 @@ void pipelined_call::give_up(const char* reason) {
   lock.lock();
   call_.error = connection_error(REDIS_ERR_OOM, reason);
   // Of the calls that share an event, only the first counts it.
-  call_.counts_failure = call_.sent_after == slot_.rebuilds_ && !line_.is_ending && !is_broken();
+  call_.counts_failure = call_.sent_after == slot_.rebuilds_ && !state_.is_ending && !is_broken();
   if (call_.counts_failure) {
-    line_.is_ending = true;
-    line_.end = call_.error;
+    state_.is_ending = true;
+    state_.end = call_.error;
   }
   if (!std::exchange(call_.is_second_send, true)) {
-    call_.signal.store(queued_call::look, std::memory_order_relaxed);
+    call_.signal.store(queued_call::recheck, std::memory_order_relaxed);
     enqueue();
   }
-  if (line_.in_flight.empty()) {
+  if (state_.in_flight.empty()) {
     check_idle_connection();
   }
-  settle(lock);
+  wake_next(lock);
 }
 
 // Second sends come before first sends; both keep their order.
 void pipelined_call::enqueue() {
-  forks_ = line_.forks;
-  call_.number = line_.next_number++;
+  forks_ = state_.forks;
+  call_.number = state_.next_number++;
   if (call_.wire->refused()) {
     call_.where = place::alone;
-    line_.alone.push_back(call_);
+    state_.alone.push_back(call_);
     return;
   }
   queued_call* position = nullptr;
   if (call_.is_second_send) {
-    position = line_.unsent.front();
+    position = state_.unsent.front();
     while (position != nullptr && position->is_second_send) {
       position = position->next;
     }
   }
   call_.where = place::unsent;
-  line_.unsent.insert_before(position, call_);
+  state_.unsent.insert_before(position, call_);
 }
 
 // Does the connection's work that is up to this call, until it has a reply or has failed.
@@ -263,9 +263,9 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
     }
     call_.is_leaving = now >= call_.deadline;
     time_point until = call_.is_leaving ? no_deadline : call_.deadline;
-    const bool is_head = line_.head() == &call_;
+    const bool is_head = state_.head() == &call_;
     if (is_broken()) {
-      if (is_head && !line_.is_rebuilding && !line_.is_reading && !line_.is_writing) {
+      if (is_head && !state_.is_rebuilding && !state_.is_reading && !state_.is_writing) {
         if (rebuilder == nullptr) {
           note_broken_connection();
           return send_end::unanswered;
@@ -273,7 +273,7 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
         rebuild(lock, *rebuilder);
         continue;
       }
-    } else if (is_head && line_.is_blocked && !line_.is_writing) {
+    } else if (is_head && state_.is_blocked && !state_.is_writing) {
       wait_until_writable(lock);
       continue;
     } else {
@@ -283,12 +283,12 @@ send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
         continue;
       }
       // While its command is being written, this call may still have to write the rest.
-      if (line_.in_flight.front() == &call_ && !line_.is_reading && !call_.is_being_written) {
+      if (state_.in_flight.front() == &call_ && !state_.is_reading && !call_.is_being_written) {
         read(lock, now);
         continue;
       }
       if (is_head && chance == write_chance::after_pause) {
-        until = std::min(until, (line_.is_writing ? now : line_.last_write) + line_.pause);
+        until = std::min(until, (state_.is_writing ? now : state_.last_write) + state_.pause);
         call_.wakes_by_itself = true;
       }
     }
@@ -308,7 +308,7 @@ send_end pipelined_call::end_of_call() const {
 
 // The call has ended: another thread is about to store `done`.
 void pipelined_call::sleep_until_done() {
-  std::uint32_t signal = queued_call::look;
+  std::uint32_t signal = queued_call::recheck;
   call_.signal.compare_exchange_strong(signal, queued_call::asleep, std::memory_order_acquire);
   while (call_.signal.load(std::memory_order_acquire) != queued_call::done) {
     sleep_once(no_deadline);
@@ -317,7 +317,7 @@ void pipelined_call::sleep_until_done() {
 
 // Sleeps unless the call has a signal; false: `until` has come.
 bool pipelined_call::sleep_once(time_point until) {
-  std::uint32_t& word = line_.words[word_of(call_.number)];
+  std::uint32_t& word = state_.words[word_of(call_.number)];
   const std::uint32_t value = std::atomic_ref(word).load(std::memory_order_acquire);
   return call_.signal.load(std::memory_order_acquire) == queued_call::asleep &&
          sleep_on(&word, value, until, bit_of(call_.number));
@@ -337,7 +337,7 @@ void pipelined_call::sleep(guard& lock, time_point until) {
 
 // Only a thread that reads changes the context without the lock.
 bool pipelined_call::is_broken() const {
-  return line_.is_broken || (!line_.is_reading && ::is_broken(slot_.context_));
+  return state_.is_broken || (!state_.is_reading && ::is_broken(slot_.context_));
 }
 
 // The connection was broken before this call could use it: that counts as its first send.
@@ -351,27 +351,27 @@ void pipelined_call::note_broken_connection() {
 // ---- Writing ----
 
 pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_replied) const {
-  if (line_.is_rebuilding || line_.is_blocked || line_.has_failed_to_write || is_broken()) {
+  if (state_.is_rebuilding || state_.is_blocked || state_.has_failed_to_write || is_broken()) {
     return write_chance::on_event;
   }
-  if (!line_.unsent.empty() && line_.unsent.front()->written > 0) {
-    return line_.is_writing ? write_chance::on_event : write_chance::now;  // the rest of it
+  if (!state_.unsent.empty() && state_.unsent.front()->written > 0) {
+    return state_.is_writing ? write_chance::on_event : write_chance::now;  // the rest of it
   }
-  if (line_.is_ending || line_.is_alone) {
+  if (state_.is_ending || state_.is_alone) {
     return write_chance::on_event;
   }
-  if (is_turn_of_alone(line_)) {
-    return line_.in_flight.empty() && !line_.is_writing ? write_chance::now
-                                                        : write_chance::on_event;
+  if (is_turn_of_alone(state_)) {
+    return state_.in_flight.empty() && !state_.is_writing ? write_chance::now
+                                                          : write_chance::on_event;
   }
-  if (line_.unsent.empty() || (!line_.in_flight.empty() && is_look_due(line_, now))) {
+  if (state_.unsent.empty() || (!state_.in_flight.empty() && is_check_due(state_, now))) {
     return write_chance::on_event;
   }
-  if (line_.is_writing) {
+  if (state_.is_writing) {
     return write_chance::after_pause;
   }
-  const bool at_once =
-      line_.in_flight.size() < direct_sends || has_replied || now - line_.last_write >= line_.pause;
+  const bool at_once = state_.in_flight.size() < direct_sends || has_replied ||
+                       now - state_.last_write >= state_.pause;
   return at_once ? write_chance::now : write_chance::after_pause;
 }
 
@@ -381,9 +381,9 @@ void pipelined_call::put_in_flight(queued_call& call, time_point now) {
   call.was_sent = true;
   call.waiting.end();
   call.sent_after = slot_.rebuilds_;
-  call.to_skip = line_.to_skip;
-  set_to_skip(line_, 0);
-  line_.in_flight.push_back(call);
+  call.replies_to_skip = state_.replies_to_skip;
+  set_replies_to_skip(state_, 0);
+  state_.in_flight.push_back(call);
 }
 
 // Puts waiting commands in flight, oldest first and within the bounds of a write. Calls past their
@@ -391,15 +391,15 @@ void pipelined_call::put_in_flight(queued_call& call, time_point now) {
 std::size_t pipelined_call::take_batch(std::span<queued_call*> batch, time_point now) {
   std::size_t count = 0;
   std::size_t bytes = 0;
-  const std::size_t most = line_.is_alone ? 1 : batch.size();
-  for (queued_call* call = line_.unsent.front(); call != nullptr && count < most;) {
+  const std::size_t most = state_.is_alone ? 1 : batch.size();
+  for (queued_call* call = state_.unsent.front(); call != nullptr && count < most;) {
     queued_call* const next = call->next;
     if (now < call->deadline || call->written > 0) {
       bytes += call->wire->length();
       if (count > 0 && bytes > max_write_bytes) {
         break;
       }
-      line_.unsent.remove(*call);
+      state_.unsent.remove(*call);
       put_in_flight(*call, now);
       call->is_being_written = true;
       batch[count++] = call;
@@ -410,21 +410,21 @@ std::size_t pipelined_call::take_batch(std::span<queued_call*> batch, time_point
 }
 
 void pipelined_call::write(guard& lock, time_point now) {
-  if (line_.in_flight.empty() && line_.to_skip == 0 && needs_look(line_, now)) {
-    look_whether_in_step(lock, now);
+  if (state_.in_flight.empty() && state_.replies_to_skip == 0 && needs_check(state_, now)) {
+    check_in_step(lock, now);
     return;
   }
   std::array<queued_call*, max_write_commands> calls;
   std::array<iovec, max_write_commands> bytes;
   std::size_t count = 1;
-  if (is_turn_of_alone(line_)) {
-    queued_call& call = line_.alone.pop_front();
+  if (is_turn_of_alone(state_)) {
+    queued_call& call = state_.alone.pop_front();
     put_in_flight(call, now);
-    line_.is_alone = true;
+    state_.is_alone = true;
     if (call.wire->refused()) {
       call.wire->report_refusal(*slot_.context_);
       break_off();
-      settle(lock);
+      wake_next(lock);
       return;
     }
     call.is_being_written = true;
@@ -436,20 +436,20 @@ void pipelined_call::write(guard& lock, time_point now) {
   std::transform(batch.begin(), batch.end(), bytes.begin(), [](const queued_call* call) {
     return iovec{call->wire->bytes() + call->written, call->wire->length() - call->written};
   });
-  line_.is_writing = true;
-  line_.has_looked = false;
-  line_.last_write = now;
-  line_.pause = count > 1 ? write_pause : pause_after_single;
+  state_.is_writing = true;
+  state_.was_checked = false;
+  state_.last_write = now;
+  state_.pause = count > 1 ? write_pause : pause_after_single;
   lock.unlock();
   const ssize_t sent = count > 0 ? send_some(*slot_.context_, std::span(bytes).first(count)) : 0;
   const int error = errno;
   lock.lock();
-  line_.is_writing = false;
+  state_.is_writing = false;
   note_written(lock, batch, sent > 0 ? static_cast<std::size_t>(sent) : 0);
   if (sent < 0) {
     stop_writing(error);
   }
-  settle(lock);
+  wake_next(lock);
 }
 
 // Commands that the socket has taken completely are in flight; the others go back to the head of
@@ -468,33 +468,33 @@ void pipelined_call::note_written(guard& lock, std::span<queued_call*> batch, st
     } else if (call.written < call.wire->length()) {
       put_back(call);
     } else if (call.is_leaving) {
-      lock.send_signal(call, queued_call::look);
+      lock.send_signal(call, queued_call::recheck);
     }
   }
 }
 
 void pipelined_call::put_back(queued_call& call) {
-  line_.in_flight.remove(call);
-  set_to_skip(line_, line_.to_skip + std::exchange(call.to_skip, 0));
+  state_.in_flight.remove(call);
+  set_replies_to_skip(state_, state_.replies_to_skip + std::exchange(call.replies_to_skip, 0));
   if (call.written == 0) {
     call.was_sent = false;
   }
-  const bool returns_alone = line_.is_alone && call.written == 0;
+  const bool returns_alone = state_.is_alone && call.written == 0;
   call.where = returns_alone ? place::alone : place::unsent;
-  call_list& list = returns_alone ? line_.alone : line_.unsent;
+  call_list& list = returns_alone ? state_.alone : state_.unsent;
   list.insert_before(list.front(), call);
-  line_.is_alone = line_.is_alone && call.written > 0;
-  line_.is_blocked = true;
+  state_.is_alone = state_.is_alone && call.written > 0;
+  state_.is_blocked = true;
 }
 
 // A connection that takes no bytes may still hold received replies: those are read first.
 void pipelined_call::stop_writing(int error) {
-  line_.is_blocked = false;
-  line_.has_failed_to_write = true;
-  if (!std::exchange(line_.is_ending, true)) {
-    line_.end = system_error(error);
+  state_.is_blocked = false;
+  state_.has_failed_to_write = true;
+  if (!std::exchange(state_.is_ending, true)) {
+    state_.end = system_error(error);
   }
-  if (line_.in_flight.empty()) {
+  if (state_.in_flight.empty()) {
     check_idle_connection();
   }
 }
@@ -502,41 +502,41 @@ void pipelined_call::stop_writing(int error) {
 // The socket's buffer is full: the head of the queue waits until it takes more.
 void pipelined_call::wait_until_writable(guard& lock) {
   const auto timeout = terms_.limits.socket_timeout;
-  const time_point end = timeout.count() > 0 ? line_.last_write + timeout : no_deadline;
-  line_.is_writing = true;
+  const time_point end = timeout.count() > 0 ? state_.last_write + timeout : no_deadline;
+  state_.is_writing = true;
   lock.unlock();
   const wait_end waited = wait_for_peer(*slot_.context_, POLLOUT, std::min(end, call_.deadline));
   lock.lock();
-  line_.is_writing = false;
+  state_.is_writing = false;
   if (waited != wait_end::timed_out) {
-    line_.is_blocked = false;
+    state_.is_blocked = false;
   } else if (clock::now() < call_.deadline) {
-    line_.end = timeout_error();
+    state_.end = timeout_error();
     break_off();
   }
-  settle(lock);
+  wake_next(lock);
 }
 
 // Nothing is in flight: nobody asked for bytes that arrive now. A stray reply that has shifted the
 // others arrives within a round trip of the last command, so the check does not end earlier.
-void pipelined_call::look_whether_in_step(guard& lock, time_point now) {
-  line_.is_writing = true;
-  line_.last_look = now;
-  const time_point quiet = line_.last_write + line_.known_round_trip;
-  line_.known_round_trip = std::exchange(line_.round_trip, std::chrono::nanoseconds(0));
+void pipelined_call::check_in_step(guard& lock, time_point now) {
+  state_.is_writing = true;
+  state_.last_check = now;
+  const time_point quiet = state_.last_write + state_.known_round_trip;
+  state_.known_round_trip = std::exchange(state_.round_trip, std::chrono::nanoseconds(0));
   lock.unlock();
   if (quiet > now) {
     wait_for_peer(*slot_.context_, POLLIN, quiet);
   }
-  const connection_error found = look_at(*slot_.context_);
+  const connection_error found = check_unused(*slot_.context_);
   lock.lock();
-  line_.is_writing = false;
-  line_.has_looked = true;
+  state_.is_writing = false;
+  state_.was_checked = true;
   if (found.code != 0) {
-    line_.end = found;
+    state_.end = found;
     break_off();
   }
-  settle(lock);
+  wake_next(lock);
 }
 
 // ---- Reading ----
@@ -545,16 +545,17 @@ void pipelined_call::read(guard& lock, time_point now) {
   redisContext& context = *slot_.context_;
   const auto timeout = terms_.limits.socket_timeout;
   const time_point due =
-      timeout.count() > 0 ? std::max(call_.sent_at, line_.last_arrival) + timeout : no_deadline;
+      timeout.count() > 0 ? std::max(call_.sent_at, state_.last_arrival) + timeout : no_deadline;
   std::array<redisReply*, max_write_commands> replies;
-  const std::size_t most = std::min(replies.size(), line_.in_flight.size() + call_.to_skip);
+  const std::size_t most =
+      std::min(replies.size(), state_.in_flight.size() + call_.replies_to_skip);
   std::size_t count = 0;
   const auto take_replies = [&] {
     while (count < most && (replies[count] = next_reply(context).release()) != nullptr) {
       ++count;
     }
   };
-  line_.is_reading = true;
+  state_.is_reading = true;
   lock.unlock();
   wait_end end = wait_end::ready;
   bool has_received = false;
@@ -566,9 +567,9 @@ void pipelined_call::read(guard& lock, time_point now) {
   }
   now = clock::now();
   lock.lock();
-  line_.is_reading = false;
+  state_.is_reading = false;
   if (has_received) {
-    line_.last_arrival = now;
+    state_.last_arrival = now;
   }
   if (context.err == 0 && end == wait_end::timed_out && now < call_.deadline) {
     set_error(context, timeout_error());
@@ -576,44 +577,44 @@ void pipelined_call::read(guard& lock, time_point now) {
   if (context.err != 0) {
     break_off();
   }
-  hand_out(lock, std::span(replies).first(count), now);
+  deliver(lock, std::span(replies).first(count), now);
 }
 
 // Gives the replies to their calls, and the reading and writing to the next call. Only then wakes
 // the served calls: what they do next needs the processor, too.
-void pipelined_call::hand_out(guard& lock, std::span<redisReply*> replies, time_point now) {
+void pipelined_call::deliver(guard& lock, std::span<redisReply*> replies, time_point now) {
   std::array<queued_call*, max_write_commands> served;
   std::size_t count = 0;
   for (redisReply* received : replies) {
     reply_ptr reply(received);
-    queued_call* const first = line_.in_flight.front();
+    queued_call* const first = state_.in_flight.front();
     if (first == nullptr) {
-      set_to_skip(line_, line_.to_skip - 1);
+      set_replies_to_skip(state_, state_.replies_to_skip - 1);
       continue;
     }
-    if (first->to_skip > 0) {
-      --first->to_skip;
+    if (first->replies_to_skip > 0) {
+      --first->replies_to_skip;
       continue;
     }
-    queued_call& call = line_.in_flight.pop_front();
+    queued_call& call = state_.in_flight.pop_front();
     call.where = place::nowhere;
     call.reply = std::move(reply);
     call.is_first_reply = std::exchange(slot_.awaits_first_reply_, false);
-    line_.has_answered = true;
-    line_.silence_counted = false;
+    state_.has_answered = true;
+    state_.silence_counted = false;
     const std::chrono::nanoseconds round_trip = now - call.sent_at;
-    if (line_.round_trip.count() == 0 || round_trip < line_.round_trip) {
-      line_.round_trip = round_trip;
+    if (state_.round_trip.count() == 0 || round_trip < state_.round_trip) {
+      state_.round_trip = round_trip;
     }
     if (!call.is_being_written) {
       served[count++] = &call;
     }
   }
-  if (line_.in_flight.empty()) {
-    line_.is_alone = false;
+  if (state_.in_flight.empty()) {
+    state_.is_alone = false;
     check_idle_connection();
   }
-  settle(lock);
+  wake_next(lock);
   for (bool has_replied = !replies.empty(); may_write(now, has_replied) == write_chance::now;) {
     write(lock, now);
     has_replied = false;
@@ -629,9 +630,9 @@ void pipelined_call::check_idle_connection() {
   if (context.err != 0) {
     return;
   }
-  if (line_.is_ending) {
-    set_error(context, line_.end);
-  } else if (line_.to_skip == 0) {
+  if (state_.is_ending) {
+    set_error(context, state_.end);
+  } else if (state_.replies_to_skip == 0) {
     break_if_out_of_step(context);
   }
   if (context.err != 0) {
@@ -644,25 +645,25 @@ void pipelined_call::check_idle_connection() {
 // The connection is unusable. Threads that wait for its socket return at once; the last of them
 // goes on with finish_break().
 void pipelined_call::break_off() {
-  line_.is_broken = true;
-  if (line_.is_reading || line_.is_writing) {
+  state_.is_broken = true;
+  if (state_.is_reading || state_.is_writing) {
     ::shutdown(slot_.context_->fd, SHUT_RDWR);
   }
 }
 
 // Called after anything that may change the next step.
-void pipelined_call::settle(guard& lock) {
-  if (line_.is_broken && !line_.is_reading && !line_.is_writing && !line_.is_rebuilding) {
+void pipelined_call::wake_next(guard& lock) {
+  if (state_.is_broken && !state_.is_reading && !state_.is_writing && !state_.is_rebuilding) {
     finish_break(lock);
   }
-  queued_call* const reads = line_.in_flight.front();
-  if (reads != nullptr && reads != &call_ && !line_.is_reading && !reads->is_being_written) {
-    lock.send_signal(*reads, queued_call::look);
+  queued_call* const reads = state_.in_flight.front();
+  if (reads != nullptr && reads != &call_ && !state_.is_reading && !reads->is_being_written) {
+    lock.send_signal(*reads, queued_call::recheck);
   }
-  queued_call* const head = line_.head();
-  if (head != nullptr && head != &call_ && !head->wakes_by_itself && !line_.is_writing &&
-      !line_.is_rebuilding) {
-    lock.send_signal(*head, queued_call::look);
+  queued_call* const head = state_.head();
+  if (head != nullptr && head != &call_ && !head->wakes_by_itself && !state_.is_writing &&
+      !state_.is_rebuilding) {
+    lock.send_signal(*head, queued_call::recheck);
   }
 }
 
@@ -672,14 +673,14 @@ void pipelined_call::settle(guard& lock) {
 void pipelined_call::finish_break(guard& lock) {
   redisContext& context = *slot_.context_;
   if (context.err == 0) {
-    set_error(context, line_.end);
+    set_error(context, state_.end);
   }
   // The call whose reply was due, unless it has left.
-  queued_call* const first = line_.in_flight.front();
-  queued_call* const due = first != nullptr && first->to_skip == 0 ? first : nullptr;
+  queued_call* const first = state_.in_flight.front();
+  queued_call* const due = first != nullptr && first->replies_to_skip == 0 ? first : nullptr;
   // A partly written command counts as sent.
-  while (!line_.unsent.empty() && line_.unsent.front()->written > 0) {
-    line_.in_flight.push_back(line_.unsent.pop_front());
+  while (!state_.unsent.empty() && state_.unsent.front()->written > 0) {
+    state_.in_flight.push_back(state_.unsent.pop_front());
   }
   bool is_counted = false;
   const auto end = [&](queued_call& call) {
@@ -688,20 +689,20 @@ void pipelined_call::finish_break(guard& lock) {
     lock.send_signal(call, queued_call::done);
   };
   // A new connection that has not answered anything would not answer these calls either.
-  for (queued_call* call = line_.has_answered ? nullptr : line_.alone.front(); call != nullptr;) {
+  for (queued_call* call = state_.has_answered ? nullptr : state_.alone.front(); call != nullptr;) {
     queued_call* const next = call->next;
     if (call->is_second_send) {
-      line_.alone.remove(*call);
+      state_.alone.remove(*call);
       end(*call);
     }
     call = next;
   }
-  queued_call* const later = line_.unsent.front();
-  while (!line_.in_flight.empty()) {
-    queued_call& call = line_.in_flight.pop_front();
+  queued_call* const later = state_.unsent.front();
+  while (!state_.in_flight.empty()) {
+    queued_call& call = state_.in_flight.pop_front();
     call.error = connection_error(context);
     call.written = 0;
-    call.to_skip = 0;
+    call.replies_to_skip = 0;
     const bool is_resent = !call.is_second_send && !call.must_not_resend;
     call.has_broken = !call.is_second_send;
     if (!is_resent) {
@@ -712,20 +713,20 @@ void pipelined_call::finish_break(guard& lock) {
     const bool goes_alone = &call == due || call.wire->refused();
     call.where = goes_alone ? place::alone : place::unsent;
     if (goes_alone) {
-      line_.alone.push_back(call);
+      state_.alone.push_back(call);
     } else {
-      line_.unsent.insert_before(later, call);
+      state_.unsent.insert_before(later, call);
     }
-    lock.send_signal(call, queued_call::look);
+    lock.send_signal(call, queued_call::recheck);
   }
-  set_to_skip(line_, 0);
-  line_.is_broken = false;  // calls that are resent have met only one break
-  line_.is_alone = line_.is_blocked = line_.is_ending = line_.has_failed_to_write = false;
+  set_replies_to_skip(state_, 0);
+  state_.is_broken = false;  // calls that are resent have met only one break
+  state_.is_alone = state_.is_blocked = state_.is_ending = state_.has_failed_to_write = false;
 }
 
 void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
-  line_.is_rebuilding = true;
-  for (call_list* list : {&line_.unsent, &line_.alone}) {
+  state_.is_rebuilding = true;
+  for (call_list* list : {&state_.unsent, &state_.alone}) {
     for (queued_call* call = list->front(); call != nullptr; call = call->next) {
       call->shares_rebuild = true;
     }
@@ -733,21 +734,21 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
   lock.unlock();
   context_ptr fresh = rebuilder.rebuild();
   lock.lock();
-  line_.is_rebuilding = false;
+  state_.is_rebuilding = false;
   if (fresh) {
     replace_context(slot_, std::move(fresh));
-    line_.has_answered = line_.silence_counted = false;
-    line_.round_trip = line_.known_round_trip = std::chrono::nanoseconds(0);
-    line_.last_look = clock::now();
+    state_.has_answered = state_.silence_counted = false;
+    state_.round_trip = state_.known_round_trip = std::chrono::nanoseconds(0);
+    state_.last_check = clock::now();
   } else if (clock::now() < call_.deadline) {
     share_failed_rebuild(lock);
   }
-  settle(lock);
+  wake_next(lock);
 }
 
 // Calls that arrived meanwhile have not met the failure: they try for themselves.
 void pipelined_call::share_failed_rebuild(guard& lock) {
-  for (call_list* list : {&line_.unsent, &line_.alone}) {
+  for (call_list* list : {&state_.unsent, &state_.alone}) {
     for (queued_call* call = list->front(); call != nullptr;) {
       queued_call* const next = call->next;
       if (call->shares_rebuild) {
@@ -769,27 +770,27 @@ void pipelined_call::share_failed_rebuild(guard& lock) {
 void pipelined_call::leave(guard& lock) {
   if (call_.where == place::in_flight) {
     queued_call* const next = call_.next;
-    const std::uint32_t replies = call_.to_skip + 1;
-    line_.in_flight.remove(call_);
+    const std::uint32_t replies = call_.replies_to_skip + 1;
+    state_.in_flight.remove(call_);
     if (next != nullptr) {
-      next->to_skip += replies;
+      next->replies_to_skip += replies;
     } else {
-      set_to_skip(line_, line_.to_skip + replies);
+      set_replies_to_skip(state_, state_.replies_to_skip + replies);
     }
-    if (line_.in_flight.empty()) {
-      line_.is_alone = false;
+    if (state_.in_flight.empty()) {
+      state_.is_alone = false;
       check_idle_connection();
     }
-    if (line_.last_arrival <= call_.sent_at) {
-      call_.counts_failure = !std::exchange(line_.silence_counted, true);
+    if (state_.last_arrival <= call_.sent_at) {
+      call_.counts_failure = !std::exchange(state_.silence_counted, true);
     }
   } else if (call_.where != place::nowhere) {
-    (call_.where == place::alone ? line_.alone : line_.unsent).remove(call_);
+    (call_.where == place::alone ? state_.alone : state_.unsent).remove(call_);
     if (call_.written > 0) {
-      line_.end = deadline_error();
+      state_.end = deadline_error();
       break_off();
     }
   }
   call_.where = place::nowhere;
-  settle(lock);
+  wake_next(lock);
 }

@@ -55,8 +55,8 @@ constexpr std::size_t max_write_commands = 128;
 constexpr std::size_t max_write_bytes = std::size_t{64} << 10U;
 
 // How often a connection under constant traffic is drained, to check whether it is in step.
-constexpr std::chrono::milliseconds look_interval{100};
-constexpr int look_round_trips = 64;
+constexpr std::chrono::milliseconds check_interval{100};
+constexpr int check_round_trips = 64;
 
 constexpr std::size_t calls_per_word = 32;  // that sleep on it
 constexpr std::size_t sleep_words = 8;      // further calls share bits: spurious wakes
@@ -82,7 +82,7 @@ struct pipeline_state {
   call_list unsent;  // second sends first
   call_list alone;   // to be sent with nothing else in flight
   call_list in_flight;
-  std::uint32_t to_skip = 0;  // replies of calls that have left, due after all of in_flight
+  std::uint32_t replies_to_skip = 0;  // replies of calls that have left, due after all of in_flight
   bool is_reading = false;
   bool is_writing = false;
   bool is_rebuilding = false;
@@ -93,12 +93,12 @@ struct pipeline_state {
   bool is_broken = false;        // the break waits for a thread that reads or writes
   bool has_answered = false;     // since it was opened
   bool silence_counted = false;  // as a failure of the server
-  bool has_looked = false;       // whether it is in step, since the last write
+  bool was_checked = false;      // whether it is in step, since the last write
   connection_error end;          // why it is given up
   time_point last_write{};
   std::chrono::microseconds pause{0};  // after the last write
   time_point last_arrival{};           // of bytes
-  time_point last_look{};
+  time_point last_check{};
   std::chrono::nanoseconds round_trip{0};          // the shortest since the last check
   std::chrono::nanoseconds known_round_trip{0};    // the shortest before it
   std::uint64_t forks = 0;                         // how often the process has forked into this one
@@ -144,11 +144,11 @@ class pipelined_call final : public slot_call {
   void put_back(queued_call& call);
   void stop_writing(int error);
   void wait_until_writable(guard& lock);
-  void look_whether_in_step(guard& lock, time_point now);
+  void check_in_step(guard& lock, time_point now);
 
   void read(guard& lock, time_point now);
   // Takes ownership of the replies.
-  void hand_out(guard& lock, std::span<redisReply*> replies, time_point now);
+  void deliver(guard& lock, std::span<redisReply*> replies, time_point now);
   void check_idle_connection();
 
   void break_off();
@@ -156,10 +156,10 @@ class pipelined_call final : public slot_call {
   void rebuild(guard& lock, rebuilder& rebuilder);
   void share_failed_rebuild(guard& lock);
   void leave(guard& lock);
-  void settle(guard& lock);
+  void wake_next(guard& lock);
 
   conn_node& slot_;
-  pipeline_state& line_;
+  pipeline_state& state_;
   send_terms terms_;
   std::uint64_t forks_;
 };

@@ -38,17 +38,17 @@ class rebuilder {
 struct queued_call {
   enum class place : std::uint8_t { nowhere, unsent, alone, in_flight };
   static constexpr std::uint32_t asleep = 0;
-  static constexpr std::uint32_t look = 1;  // there may be work for this call
+  static constexpr std::uint32_t recheck = 1;  // there may be work for this call
   static constexpr std::uint32_t done = 2;
 
   const wire_command* wire = nullptr;
   time_point deadline = no_deadline;
   reply_ptr reply;
   connection_error error;
-  time_point sent_at{};       // if times are kept
-  bool was_sent = false;      // a byte of it may have reached a server
-  std::size_t written = 0;    // bytes of the command that the socket has taken
-  std::uint32_t to_skip = 0;  // replies of calls that have left, due before this one's
+  time_point sent_at{};               // if times are kept
+  bool was_sent = false;              // a byte of it may have reached a server
+  std::size_t written = 0;            // bytes of the command that the socket has taken
+  std::uint32_t replies_to_skip = 0;  // replies of calls that have left, due before this one's
   place where = place::nowhere;
   bool is_being_written = false;  // a writing thread has its address
   bool wakes_by_itself = false;   // sleeps at most for the pause
@@ -63,7 +63,7 @@ struct queued_call {
   std::uint64_t sent_after = 0;  // rebuilds of the connection before this send
   queued_call* previous = nullptr;
   queued_call* next = nullptr;
-  std::atomic<std::uint32_t> signal{look};
+  std::atomic<std::uint32_t> signal{recheck};
   std::uint32_t number = 0;  // at its connection: selects the word it sleeps on
   waiting_mark waiting;      // to be sent for the first time
 };
