@@ -22,33 +22,36 @@ fi
 cd "$folder"
 gnuplot <<'PLOT'
 set datafile separator ","
-set terminal svg size 1200,600 noenhanced font "sans,12" background "white"
+set terminal svg size 1000,500 noenhanced font "sans,12" background "white"
 set output "worst_case.svg"
 set multiplot layout 2,4
 set grid
-set key below
-set xtics 10
-set logscale y
+set key top right samplen 1 spacing 0.9
 configurations = "'no key' 'recommended'"
 array fault[4] = ["hang", "kill", "restart", "failover"]
-array text[4] = ["hangs, second 10 to 70", "gone, second 10 to 25", "restarts at second 10", "a replica, second 10 to 25"]
+array text[4] = ["hangs, 10 to 70", "is gone, 10 to 25", "restarts at 10", "a replica, 10 to 25"]
+array end[4] = [80, 35, 25, 35]
 of(number, name, value) = strcol(1) eq fault[number] && strcol(2) eq name ? value : NaN
-# A logarithmic axis has no zero: a second in which no call was served is a gap.
-some(value) = value > 0 ? value : NaN
-set yrange [1:*]
-set ylabel "calls served per second"
+set yrange [0:*]
+set ylabel "thousand calls served/s"
 do for [i = 1:4] {
-  set title "one of two servers " . text[i]
-  plot for [n in configurations] "worst_case.csv" using 3:(of(i, n, some(column(4) - column(5)))) \
-    with lines linewidth 2 title n
+  set xrange [0:end[i]]
+  set xtics end[i] > 50 ? 20 : 10
+  set title "one of 2 " . text[i]
+  plot for [n in configurations] "worst_case.csv" using 3:(of(i, n, (column(4) - column(5)) / 1000)) \
+    with lines linewidth 2 notitle
   unset ylabel
 }
-set yrange [0.1:*]
+set logscale y
+set yrange [1:10000]
 set ylabel "slowest call, milliseconds"
 set xlabel "seconds"
 unset title
 do for [i = 1:4] {
-  plot for [n in configurations] "worst_case.csv" using 3:(of(i, n, column(6))) with lines linewidth 2 title n
+  set xrange [0:end[i]]
+  set xtics end[i] > 50 ? 20 : 10
+  plot for [n in configurations] "worst_case.csv" using 3:(of(i, n, column(6))) with lines linewidth 2 \
+    title i == 4 ? n : ""
   unset ylabel
 }
 unset multiplot
