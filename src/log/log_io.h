@@ -67,7 +67,7 @@ class Log_IO {
   virtual Log_Cfg* config() = 0;
   /// Replaces the configuration.
   virtual void config(Log_Cfg* cfg) = 0;
-  /// Must the sink not be deleted by its user?
+  /// True if the user of the sink must not delete it.
   virtual bool donot_delete() = 0;
 
  protected:
@@ -204,7 +204,8 @@ class Log_IO_FILE : public Log_IO {
     }
   }
 
-  /// Descriptor 0, which a host without standard input gets, counts as a failure too.
+  /// If the stream gets descriptor 0, as in a host without standard input, that counts as a
+  /// failure.
   static int refuse(int descriptor) {
     if (descriptor == 0) {
       ::close(descriptor);

@@ -13,13 +13,13 @@
 
 namespace {
 
-constexpr std::size_t line_buffer_size = 2048;  // bytes that one read of a line may fill
+constexpr std::size_t line_buffer_size = 2048;  // bytes, the terminating zero included
 
 vop_config process_config;
 
 bool is_empty(const char* text) { return text == nullptr || *text == '\0'; }
 
-// Appends to a vector of owning pointers; nothing is lost when the vector cannot grow.
+// Appends to a vector of owning pointers; nothing leaks if the vector cannot grow.
 template <typename T>
 void append_owned(std::vector<T*>& owner, std::unique_ptr<T> item) {
   owner.push_back(item.get());
@@ -90,7 +90,7 @@ int vop_config::open(const char* config_path) {
   if (config_path == nullptr) {
     return -1;
   }
-  // A copy: the caller may have the path from a value of this very reader, which is replaced below.
+  // A copy: the path may be a value of this reader, whose contents are replaced below.
   std::string path(config_path);
   if (!cfg_path_.empty() && cfg_path_ == path) {
     return 0;
@@ -135,8 +135,8 @@ int vop_config::close() {
   return 0;
 }
 
-// Works on the shared reader whatever object it is called on: modules of the process have readers
-// of their own and refresh the shared one with this call.
+// Works on the shared reader whatever object it is called on: modules of the process have their own
+// readers and refresh the shared one with this call.
 int vop_config::cfg_reload(const char* config_path) {
   vop_config* shared = Busin_Conf_Instance();
   shared->cfg_path_.clear();

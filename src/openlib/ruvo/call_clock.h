@@ -7,7 +7,7 @@
 
 using call_clock = std::chrono::steady_clock;
 
-// The start of the call that this thread is in, if the call is counted; else not set. initial-exec,
+// The start of this thread's call, if the call is counted; otherwise not set. initial-exec,
 // as for every variable that each call reads: the other TLS models take ten times as long.
 // NOLINTBEGIN(cert-err58-cpp): constinit, so that nothing is thrown
 [[gnu::tls_model(

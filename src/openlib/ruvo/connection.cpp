@@ -61,7 +61,7 @@ context_ptr connect_until(const server_addr& addr, time_point end) {
   return context_ptr(redisConnectWithTimeout(ip_of(addr), port_of(addr), timeout));
 }
 
-// hiredis gives up if a signal handler has run meanwhile. That says nothing about the server.
+// hiredis gives up if a signal handler has run meanwhile, which says nothing about the server.
 bool was_interrupted(const redisContext* context) {
   return context != nullptr && context->err == REDIS_ERR_IO &&
          std::strstr(context->errstr, system_error(EINTR).text) != nullptr;
@@ -120,7 +120,7 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
   if (!settings.password.empty()) {
     opened.outcome = authenticate(*opened.context, addr, settings);
     if (opened.outcome == open_outcome::ready && is_broken(opened.context.get())) {
-      opened.outcome = open_outcome::unreachable;  // later bytes would be the next answer
+      opened.outcome = open_outcome::unreachable;  // surplus bytes would pass for a reply
     }
   }
   return opened;

@@ -14,8 +14,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// Bytes of one read. A reply that the first read does not complete is read on in larger pieces:
-// each read is a system call, and hiredis' own 16 KiB make 64 of them for a megabyte.
+// Bytes of one read. The rest of a reply that the first read does not complete comes in larger
+// pieces: each read is a system call, and hiredis' own 16 KiB make 64 of them for a megabyte.
 constexpr std::size_t small_read = std::size_t{16} << 10U;
 constexpr std::size_t large_read = std::size_t{256} << 10U;
 
@@ -219,7 +219,7 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
 
 wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
                       time_point until) {
-  // The socket has the timeout, too: if that ends earlier, one system call is enough.
+  // The socket has a timeout of its own: if it ends before `until`, one system call is enough.
   constexpr std::chrono::milliseconds tolerance{1};
   int flags = 0;
   if (until != no_deadline &&

@@ -14,8 +14,8 @@
 
 struct context_deleter {
   void operator()(redisContext* context) const {
-    // hiredis 0.14 takes descriptor 0 for none, but a host that has closed its input gets it. If
-    // nothing has been connected, the 0 is not a descriptor.
+    // hiredis 0.14 does not close descriptor 0, which a host without standard input may get for a
+    // socket. If nothing was connected, the 0 is not a descriptor.
     const bool stays_open =
         HIREDIS_MAJOR == 0 && context->fd == 0 && (context->flags & REDIS_CONNECTED) != 0;
     redisFree(context);

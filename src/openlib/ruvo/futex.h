@@ -15,8 +15,8 @@
 
 constexpr std::uint32_t any_sleeper = FUTEX_BITSET_MATCH_ANY;
 
-// Sleeps while the word has this value, until one of these bits is woken or `until` has come;
-// false: it has. May return early.
+// Sleeps while the word has this value, until one of these bits is woken or `until` has come.
+// Returns false if `until` has come. May return early.
 inline bool sleep_on(const void* word, std::uint32_t value, time_point until,
                      std::uint32_t bits = any_sleeper) {
   timespec end{};

@@ -20,14 +20,14 @@ struct server_probe {
   std::int64_t pause_ms = 0;       // before the next probe but one
 };
 
-// Reserves the server for a probe by this call, unless another call probes it or it rests.
+// Reserves the server for a probe by this call, unless another call probes it or its pause lasts.
 bool begin_probe(server_probe& probe);
 // Undoes begin_probe().
 void release_probe(server_probe& probe);
 void end_probe(server_probe& probe, bool has_answered);
 // The server has been ejected again: it may be probed at once.
 void reset_probe(server_probe& probe);
-// When it may be probed: in the past if at once, no_deadline while a call probes it.
+// The time from which it may be probed, which may have passed; no_deadline while a call probes it.
 time_point next_probe(server_probe& probe);
 
 // A pool in which no server answers (wait_for_servers). Its calls wait until one does.

@@ -43,7 +43,7 @@ bool needs_check(const pipeline_state& state, time_point now) {
          (next != nullptr && next->must_not_resend && !next->is_second_send && !state.was_checked);
 }
 
-// Is a command that must go alone the next one? It comes after the second sends.
+// Is the next command one that must be sent alone? Second sends come before it.
 bool is_turn_of_alone(const pipeline_state& state) {
   const queued_call* next = state.unsent.front();
   return !state.alone.empty() && (next == nullptr || (!next->is_second_send && next->written == 0));
@@ -68,7 +68,7 @@ conn_node& choose_slot(server_node& server, conn_node& slot) {
   return slot;
 }
 
-// The word, and its bit, that a call sleeps on.
+// The word that a call sleeps on, and the call's bit in it.
 std::size_t word_of(std::uint32_t number) { return number / calls_per_word % sleep_words; }
 std::uint32_t bit_of(std::uint32_t number) { return 1U << number % calls_per_word; }
 
@@ -315,7 +315,7 @@ void pipelined_call::sleep_until_done() {
   }
 }
 
-// Sleeps unless the call has a signal; false: `until` has come.
+// Sleeps unless the call has a signal. Returns false if it has one or `until` has come.
 bool pipelined_call::sleep_once(time_point until) {
   std::uint32_t& word = state_.words[word_of(call_.number)];
   const std::uint32_t value = std::atomic_ref(word).load(std::memory_order_acquire);
@@ -746,7 +746,7 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
   wake_next(lock);
 }
 
-// Calls that arrived meanwhile have not met the failure: they try for themselves.
+// Calls that arrived meanwhile do not share the failure: they try again themselves.
 void pipelined_call::share_failed_rebuild(guard& lock) {
   for (call_list* list : {&state_.unsent, &state_.alone}) {
     for (queued_call* call = list->front(); call != nullptr;) {

@@ -35,7 +35,7 @@ void close_slots(server_node& server) {
   server.context_arr_.clear();
 }
 
-// How the connections to the servers of a pool ended up.
+// The results of opening the connections of a pool.
 struct connection_tally {
   int good = 0;
   int failure = RUVO_OK;  // of a connection that could not be opened

@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint64_t last_turn = 10001;  // the highest number that a round-robin counter gives
 
 // Takes the next number of a round-robin counter. Two threads may both reset a counter that has
-// passed its last turn; a few turns given twice do no harm.
+// passed its last turn: a few numbers are then used twice, which does no harm.
 std::uint64_t next_turn(std::int64_t& counter) {
   const std::atomic_ref<std::int64_t> shared(counter);
   const auto turn = static_cast<std::uint64_t>(shared.fetch_add(1));

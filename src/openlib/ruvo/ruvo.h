@@ -87,7 +87,7 @@
 /// Marks the functions that the library exports.
 #define RUVO_API __attribute__((visibility("default")))
 
-/// Marks the functions whose result tells whether there is one: ignoring it is a warning.
+/// Marks the functions whose result must be checked: the compiler warns if it is ignored.
 #define RUVO_CHECKED __attribute__((warn_unused_result))
 
 /// The server pools. Their addresses and settings come from the configuration.
@@ -260,7 +260,7 @@ RUVO_API int RUVO_ExpireKey(const char* key, unsigned int time_out, int redisSrv
                             const char* server_addr);
 
 /// Removes the expiry of a key.
-/// @retval RUVO_OK  whether or not it had one
+/// @retval RUVO_OK  whether or not it had an expiry
 RUVO_API int RUVO_PersistKey(const char* key, int redisSrvType, const char* server_addr);
 
 /// @}
@@ -351,7 +351,7 @@ RUVO_API void RUVO_FreeReplyObject(void* reply);
 /// Removes elements equal to `value`, a required zero-terminated string: the first `count` from the
 /// head; if negative, the first -`count` from the tail; if 0, all.
 /// @retval RUVO_OK            at least one was removed
-/// @retval RUVO_NOTHING_DONE  none was
+/// @retval RUVO_NOTHING_DONE  none was removed
 RUVO_API int RUVO_LRem(const char* key, int count, const char* value, int redisSrvType,
                        const char* server_addr);
 
@@ -369,20 +369,20 @@ RUVO_API int RUVO_LPush(const char* key, const char* value, size_t length, int t
 
 /// Removes and returns the element at the tail of a list.
 /// @retval RUVO_OK             `value` holds it
-/// @retval RUVO_NOTHING_DONE   it was empty; it is gone from the list
+/// @retval RUVO_NOTHING_DONE   the element was empty; it has been removed
 /// @retval RUVO_ERR_NOT_FOUND  no such list
 RUVO_API RUVO_CHECKED int RUVO_RPop(const char* key, std::string& value, int redisSrvType,
                                     const char* server_addr);
 
 /// Gets the elements from `start` to `end` inclusive. 0 is the head; negative positions count from
-/// the tail, -1 being the last element. Empty elements are left out.
+/// the tail, -1 being the last element. Empty elements are omitted.
 /// @retval RUVO_OK            `value` holds them in order
 /// @retval RUVO_NOTHING_DONE  there are none
 RUVO_API RUVO_CHECKED int RUVO_LRange(const char* key, int start, int end,
                                       std::vector<std::string>& value, int redisSrvType,
                                       const char* server_addr);
 
-/// Gets all members of a set, in the order in which Redis lists them. An empty member is left out.
+/// Gets all members of a set, in the order in which Redis lists them. An empty member is omitted.
 /// @retval RUVO_OK            `value` holds them
 /// @retval RUVO_NOTHING_DONE  there are none
 RUVO_API RUVO_CHECKED int RUVO_SMembers(const char* key, std::vector<std::string>& value,
@@ -406,7 +406,7 @@ RUVO_API int RUVO_SAdd(const char* key, const char* data, size_t len, int redisS
                        const char* server_addr);
 
 /// Removes a member. `data` is required.
-/// @retval RUVO_OK  whether or not it was one
+/// @retval RUVO_OK  whether or not it was a member
 RUVO_API int RUVO_SRem(const char* key, const char* data, size_t len, int redisSrvType,
                        const char* server_addr);
 

@@ -379,7 +379,7 @@ class basic_pool : private Backend {
                ? ask_key<void>(key, "SET", std::string_view(key), value, "PX", exact.count())
                : result<void>(out_of_range());
   }
-  /// Stores a value without an expiry if there is no such key, or if there is: was it stored? Raw:
+  /// Stores a value without an expiry, on a condition; yes() if it was stored. Raw:
   /// SET with NX or XX. If a reply is lost and the command retried, the retry answers.
   result<bool> set(const c_text& key, const bytes_view& value, condition only) const {
     return stored(ask_key<void>(key, "SET", std::string_view(key), value, name_of(only)));
@@ -408,15 +408,15 @@ class basic_pool : private Backend {
     return ask_key<long long>(key, "INCRBY", std::string_view(key), by);
   }
   /// Adds to a counter with an expiry, and returns the sum. The same command sets the expiry of a
-  /// counter that has none, so that no counter stays for ever. Later counts do not prolong it. Raw:
-  /// EVAL.
+  /// counter that has none, so that no counter stays for ever. Later increments do not prolong the
+  /// expiry. Raw: EVAL.
   [[gnu::always_inline]] result<long long> increment(const c_text& key, long long by,
                                                      std::chrono::milliseconds time) const
       RUVO_FROM(1, time) {
     return detail::fits<long long>(time, 1) ? count(key, by, time)
                                             : result<long long>(out_of_range());
   }
-  /// Does the key exist? (RUVO_ExistsKey)
+  /// Tests whether the key exists (RUVO_ExistsKey).
   result<bool> exists(const c_text& key) const noexcept { return Backend::exists(pool_, key); }
   /// Deletes a key of any type (RUVO_DeleteKey).
   result<void> remove(const c_text& key) const noexcept { return Backend::remove(pool_, key); }
@@ -570,7 +570,7 @@ class basic_pool : private Backend {
     }
     return all;
   }
-  /// Does the field exist? (RUVO_HashFieldExist)
+  /// Tests whether the field exists (RUVO_HashFieldExist).
   result<bool> hexists(const c_text& key, const c_bytes& field) const noexcept {
     return Backend::hexists(pool_, key, field);
   }
@@ -650,11 +650,11 @@ class basic_pool : private Backend {
   ///     }
   /// @{
 
-  /// Adds a member: is it new? (RUVO_SAdd)
+  /// Adds a member; yes() if it is new (RUVO_SAdd).
   result<bool> sadd(const c_text& key, const c_bytes& member) const noexcept {
     return Backend::sadd(pool_, key, member);
   }
-  /// Is it a member? (RUVO_SIsmember)
+  /// Tests whether it is a member (RUVO_SIsmember).
   result<bool> sismember(const c_text& key, const c_bytes& member) const noexcept {
     return Backend::sismember(pool_, key, member);
   }

@@ -71,7 +71,7 @@ class ruvo_redis {
   // A usable server of the pool, or null: the next by round-robin if `svc_index` is negative, else
   // the first from that position on.
   server_node* get_server_node(RedisServerType redisSrvType, int svc_index);
-  // The same for a walk. A server that is probed is reserved for this call until end_probe().
+  // The same for a walk. A server that the call is to probe is reserved for it until end_probe().
   server_choice choose_server(RedisServerType type, int svc_index);
   // The next slot by round-robin, or null if the server does not have it.
   conn_node* get_conn(server_node& svc_node, RedisServerType redisSrvType);

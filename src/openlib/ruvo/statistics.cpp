@@ -43,7 +43,7 @@ void release_lane() noexcept {
                         std::memory_order_release);
 }
 
-// Detects the end of a thread. The value of a pthread key needs no memory, which could be missing.
+// Detects the end of a thread. The value of a pthread key needs no memory, which could run out.
 class thread_end_key {
  public:
   thread_end_key() : is_made_(pthread_key_create(&key_, [](void*) { release_lane(); }) == 0) {}

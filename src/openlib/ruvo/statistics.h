@@ -5,7 +5,7 @@
 // Start-up makes the file once the pools are built, and gives each server_pool and server_node the
 // pointer to its record:
 //
-//   statistics_.begin(path, pools)           before operations are let in
+//   statistics_.begin(path, pools)           before operations are accepted
 //   pool.stats_ = statistics_.pool(i), server.stats_ = statistics_.server(i, server.index_)
 //   statistics_.end()                        in fini, when the pools are closed
 //

@@ -134,7 +134,7 @@ struct ruvo_server_stats {
   uint32_t pool;                          ///< number of its pool's record
   uint32_t position;                      ///< in the pool, from 0
   uint32_t reserved;                      ///< zero
-  int64_t failure_count;                  ///< failures now; of forked processes the latest one's
+  int64_t failure_count;                  ///< failures now; after a fork those of the latest writer
   int64_t next_retry_time;  ///< end of its ejection, seconds since 1970; 0: none; likewise
   char reserved_too[32];    ///< zero
   struct ruvo_server_counters lanes[RUVO_STATS_LANES];

@@ -16,7 +16,7 @@ using clock = std::chrono::steady_clock;
 
 constexpr std::size_t visits_per_server = 2;
 
-// A command that stays unanswered while servers answer others is sent in at most this many walks.
+// If servers answer other commands but not this one, it is sent in at most this many walks.
 constexpr int most_walks_beside_answers = 3;
 
 // How often a call that waits for servers checks whether one may be probed.
@@ -27,8 +27,8 @@ server_choice next_of_pool(ruvo_redis& redis, const server_node& failed, RedisSe
   return redis.choose_server(pool, static_cast<int>(failed.index_) + 1);
 }
 
-// With try_ejected_servers, a call does not fail while a server may answer that is ejected for an
-// earlier fault, even if the others are not ejected yet.
+// With try_ejected_servers, a call does not fail before it has tried the servers that are ejected
+// for an earlier fault, even if the others are not ejected yet.
 server_choice ejected_of_pool(ruvo_redis& redis, const tried_servers& tried, RedisServerType pool) {
   std::vector<server_node>& servers = redis.getPool(pool).servers_;
   const std::size_t count = std::min(servers.size(), tried.size());
@@ -44,8 +44,8 @@ std::size_t servers_of_pool(const ruvo_redis& redis, RedisServerType pool) {
   return redis.getPool(pool).servers_.size();
 }
 
-// Takes the next position as the number of a pool, and that pool's next server by round-robin:
-// deployed systems rely on raw commands reaching the other pools.
+// The failed server's position, counted from 1, is the number of the next pool, which gives its
+// next server by round-robin: deployed systems rely on raw commands reaching the other pools.
 server_choice next_of_any_pool(ruvo_redis& redis, const server_node& failed, RedisServerType) {
   return redis.choose_server(static_cast<RedisServerType>(failed.index_ + 1), -1);
 }
@@ -71,7 +71,7 @@ ruvo_stats_result cause_of(walk_end end) {
   }
 }
 
-// Ends a probe when the visit has ended, in whatever way.
+// Ends a probe when the visit has ended, whatever its result.
 class probe_guard {
  public:
   explicit probe_guard(const server_choice& choice)
