@@ -81,7 +81,7 @@ class Head {
 
 // The head of the line: "YYYY-MM-DD hh:mm:ss.uuuuuu TID LEVEL file:line ".
 Logger::Logger(SourceFile file, int line, LogLevel level) : level_(level) {
-  const int saved_errno = errno;  // the text that follows may be about it
+  const int saved_errno = errno;  // the text that follows may report it
   timeval now{};
   gettimeofday(&now, nullptr);
   Head()
@@ -105,8 +105,8 @@ Logger::~Logger() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   try {
-    // A stream is bad if there was no memory for a piece of the line: a line that lacks one would
-    // mislead, so none is written. A piece that could not be formatted is the host's own affair.
+    // A stream is bad if memory ran out for a piece of the line: a line that lacks a piece would
+    // mislead, so none is written. A piece that could not be formatted is left to the host.
     if (!stream_.bad()) {
       stream_.clear();
     }

@@ -30,8 +30,8 @@
 /// called from every thread that logs, possibly from several at once. A Logger object belongs to
 /// one thread.
 ///
-/// A host that is compiled with a macro of a level's name, -DDEBUG say, cannot write Logger::DEBUG;
-/// it can write BaseLib::Logger::LogLevel(STREAM_LOG_DEBUG).
+/// A host that is compiled with a macro of a level's name, such as -DDEBUG, cannot write
+/// Logger::DEBUG; it can write BaseLib::Logger::LogLevel(STREAM_LOG_DEBUG).
 #ifndef STREAM_LOG_LOGGER_H
 #define STREAM_LOG_LOGGER_H
 
@@ -79,7 +79,7 @@ __attribute__((visibility("default"))) void stream_log_set_output(void (*output)
 #include <ostream>
 #include <sstream>
 
-// Hosts have macros of these names, which would replace the levels; the hosts keep them.
+// Hosts have macros of these names, which would replace the levels. They are restored below.
 #pragma push_macro("TRACE")
 #pragma push_macro("DEBUG")
 #pragma push_macro("INFO")
