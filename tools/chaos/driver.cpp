@@ -7,8 +7,8 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// A pause between two faults may be shorter or longer than an ejection. A fault lasts from a moment
-// to several socket timeouts.
+// A pause between two faults may be shorter or longer than an ejection. A fault may be as short as
+// a moment and as long as several socket timeouts.
 constexpr int shortest_pause_ms = 200;
 constexpr int longest_pause_ms = 2500;
 constexpr int shortest_fault_ms = 50;
@@ -166,16 +166,16 @@ milliseconds Driver::length_of(Fault fault, std::mt19937_64& plan) const {
       return between(plan, 2 * reply_ms, 4 * reply_ms);
     case extra_reply:  // no other fault may take a connection that is out of step
       return out_of_step_window;
-    case away:  // the rest of the deadline is enough to find the servers again
+    case away:  // the remaining time of a call is enough to find the servers again
       return between(plan, call_ms / 20, call_ms * 2 / 5);
-    case long_away:  // the rest after a first wait is enough to see a second one
+    case long_away:  // the remaining time after a first wait is enough to detect a second one
       return between(plan, call_ms * 7 / 4, call_ms * 9 / 4);
     default:
       return between(plan, shortest_fault_ms, longest_fault_ms);
   }
 }
 
-// A machine that is too slow for the plan still gets its pauses.
+// On a machine that is too slow for the plan the pauses stay.
 void Driver::plan_next(Pool& pool) {
   pool.next = std::max(pool.next + between(pool.plan, shortest_pause_ms, longest_pause_ms),
                        Clock::now() + milliseconds(shortest_pause_ms));

@@ -34,7 +34,7 @@ class FaultRecord {
   explicit FaultRecord(bool outside) : outside_(outside) {}
   void begin(const std::string& server);
   void end(const std::string& server);
-  // Did it have a fault at any time in between?
+  // Did it have a fault at any time between the two?
   bool touches(const std::string& server, Clock::time_point from, Clock::time_point to) const;
 
   // All servers of a pool are down.
@@ -59,7 +59,7 @@ class FaultRecord {
   bool outside_;
   std::array<std::atomic<Clock::rep>, pool_count> extra_replies_{};  // the latest; 0: none
   mutable std::mutex mutex_;
-  std::vector<Span> spans_;  // guarded by mutex_, like the next one; the latest last
+  std::vector<Span> spans_;  // the latest one last; guarded by mutex_, like the next field
   std::array<std::vector<Outage>, pool_count> outages_;
 };
 

@@ -5,7 +5,7 @@
 #include "site.h"
 
 // Throws std::runtime_error, with the server's name and the reason, if a server holds a key that is
-// not the workload's, or does not list its keys, as proxies do not.
+// not the workload's, or does not list its keys (a proxy, for example).
 void refuse_foreign_keys(const Site& site);
 
 #endif

@@ -79,7 +79,7 @@ Clock::duration Judge::bound(const Call& call) const {
          visit_bound(settings);
 }
 
-// With auto_pipelining they wait together: for the visit in progress, and for the next.
+// With auto_pipelining these threads wait at the same time, for the visit in progress and the next.
 int Judge::sharers() const {
   const Settings& settings = site_.settings;
   const int threads = (threads_ + settings.connections - 1) / settings.connections;
@@ -167,7 +167,8 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   if (may_fail_in_outage(call, from, to)) {
     return in_a_long_outage;
   }
-  // A connection that broke in a fault may be used only now: its threads waited in other pools.
+  // A connection that broke in a fault may not have been used since: its threads waited in other
+  // pools.
   const milliseconds aftermath(settings.options.call_timeout);
   if (walk.may_have_run && std::any_of(servers.begin(), servers.end(), [&](const auto& server) {
         return faults_.touches(server->addr(), from - aftermath, to);
@@ -175,7 +176,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
     return may_have_run;
   }
   if (is_bound_to_pool(call) && settings.spares_calls()) {
-    return unexplained;  // none may fail
+    return unexplained;  // no call may fail
   }
   const bool tried_faulty_ones_only =
       std::all_of(walk.rebuilds.begin(), walk.rebuilds.end(),
@@ -208,15 +209,15 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   return walk.skipped.empty() ? each_had_a_fault : still_ejected;
 }
 
-// The latest outage of its pool, if it was long before the call ended. If calls wait for servers, a
-// shorter one costs no call.
+// The latest outage of its pool, if it had lasted long when the call ended. If calls wait for
+// servers, a shorter outage fails no call.
 std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
   const std::optional<Outage> outage = faults_.outage_before(call.pool, to, me().served_last);
   return outage && std::min(outage->to, to) - outage->from >= deadline / 2 ? outage : std::nullopt;
 }
 
-// Served or not, a thread waits once in an outage: then the pool is given up.
+// A thread waits once in an outage, whether its call is served or not: then the pool is given up.
 void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_point to) {
   const std::optional<Outage> outage = long_outage(call, to);
   if (outage && from <= outage->to &&

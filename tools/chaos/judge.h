@@ -25,7 +25,7 @@ enum Failure {
   // Each server of the pool had a fault during the call: the second one after the call had already
   // waited for the first.
   each_had_a_fault,
-  // The walk made the two visits for each server that bound it, and no server replied.
+  // The walk made two visits for each server, which is its upper bound, and no server replied.
   visits_used_up,
   // A raw command that may leave its pool fails over to the pool whose number is the position of
   // the failed server, counted from 1. It gives up when it meets a server at the position where it
@@ -35,7 +35,7 @@ enum Failure {
   out_of_time,
   // With send_once: the connection broke in a fault, and the command may have run.
   may_have_run,
-  // Another call's reply, or none: a connection of the pool received an extra one.
+  // The call got another call's reply, or none: a connection of the pool received an extra reply.
   out_of_step,
   // All servers of its pool were down for longer than a call waits, and until one was found again.
   in_a_long_outage,
@@ -92,7 +92,7 @@ class Judge : public CallObserver {
   const FaultRecord& faults_;
   int threads_;
   std::vector<Caller> callers_;
-  static inline std::atomic<std::size_t> next_thread_{0};  // of all judges: a thread has one number
+  static inline std::atomic<std::size_t> next_thread_{0};  // shared: a thread has one number
   std::array<std::atomic<Clock::time_point>, pool_count> served_{};  // the latest call of the pool
   std::array<std::atomic<long>, failure_count> failures_{};
   std::atomic<long> too_long_{0};

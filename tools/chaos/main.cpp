@@ -88,7 +88,7 @@ class Host {
   std::vector<std::jthread> threads_;
 };
 
-// After the process was stopped, its calls look old when it continues, but not a moment later.
+// When a stopped process continues, its calls look old, but only for a moment.
 void end_if_hung(const Judge& judge) {
   if (judge.finds_hang()) {
     std::this_thread::sleep_for(longest_sleep);
@@ -250,7 +250,7 @@ void print_report(const Totals& totals, const Judge& judge, const Driver& driver
       judge.longest_typed(), judge.longest_raw(), judge.explain_bound().c_str());
 }
 
-// Without what the run's proxies hold for connections that the host has closed.
+// Excludes what the run's proxies hold for connections that the host has closed.
 Resources resources_in_use(const Site& site) {
   for (const auto& pool : site.pools) {
     for (const auto& target : pool) {

@@ -25,10 +25,10 @@ std::size_t index_of_refusal(Fault fault) {
   return static_cast<std::size_t>(fault) - static_cast<std::size_t>(read_only);
 }
 
-// Answers but does not serve.
+// A server that answers but does not serve.
 std::unique_ptr<ScriptedServer> refusing_server(Fault fault) {
   const std::string refusal = refusals.at(index_of_refusal(fault));
-  if (fault == at_limit) {  // says so at once, and closes
+  if (fault == at_limit) {  // sends the error at once, and closes
     return std::make_unique<ScriptedServer>([refusal](Peer& peer) { peer.send(refusal); });
   }
   return std::make_unique<ScriptedServer>(

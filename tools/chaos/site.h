@@ -16,7 +16,7 @@ class ScriptedServer;
 constexpr std::size_t pool_count = 3;
 constexpr std::size_t index_of(int pool) { return static_cast<std::size_t>(pool) - 1; }
 
-// What the host's configuration says, as far as the judge needs it.
+// The settings of the host that the judge needs.
 struct Settings {
   int connect_timeout_ms = 400;
   int socket_timeout_ms = 400;
@@ -24,8 +24,8 @@ struct Settings {
   int connections = 2;  // to each server
   client_options options;
 
-  // Does a call succeed whenever one server of its pool is up? Not without waiting: one call at a
-  // time probes an ejected server, and the others then have none.
+  // Does a call succeed whenever one server of its pool is up? Only if calls wait for servers: one
+  // call at a time probes an ejected server, and until it is done the other calls have no server.
   bool spares_calls() const {
     return options.eject_silent_servers && options.try_ejected_servers && options.wait_for_servers;
   }
@@ -44,7 +44,7 @@ enum Fault {
   paused,
   reset,
   stalled,      // one connection gets no more replies
-  extra_reply,  // that nobody asked for
+  extra_reply,  // a reply that nobody asked for
   read_only,    // the server answers everything with an error, as in the next two
   loading,
   at_limit,  // of clients
@@ -56,7 +56,7 @@ constexpr std::array<const char*, fault_count> fault_names{
     "kill",     "stop",    "pause",        "reset", "stall",    "extra reply",
     "READONLY", "LOADING", "client limit", "away",  "long away"};
 
-// A server of a pool, as far as the run can inject faults into it.
+// A server of a pool into which the run can inject faults.
 class Target : NoCopy {
  public:
   explicit Target(std::string addr) : addr_(std::move(addr)) {}

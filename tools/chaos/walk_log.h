@@ -9,13 +9,13 @@
 
 struct Walk {
   std::vector<std::string> rebuilds;  // broken connections that were to be rebuilt
-  std::vector<std::string> failed;    // those of them that could not be rebuilt
+  std::vector<std::string> failed;    // the ones among them that could not be rebuilt
   std::vector<std::string> skipped;   // servers that were ejected
   bool met_broken = false;            // broken connections, rebuilt by any thread
   bool timed_out = false;
   bool may_have_run = false;  // so it was not sent again
 
-  // Has it left its first server, or could it have?
+  // Has the walk left its first server, or may it have?
   bool failed_over() const { return met_broken || !rebuilds.empty() || !failed.empty(); }
 };
 

@@ -1,5 +1,5 @@
-// The keys that a configuration lacks: those that a new site sets, and those that its servers need
-// just now.
+// The keys that a configuration lacks: the ones that a new site sets, and the ones that the present
+// state of its servers calls for.
 #ifndef RUVO_TOOLS_CLI_ADVICE_H
 #define RUVO_TOOLS_CLI_ADVICE_H
 

@@ -38,8 +38,8 @@ bool is_whole(const PoolReport& pool) {
          std::ranges::all_of(pool.servers, [](const ServerReport& one) { return is_whole(one); });
 }
 
-// The library's result is not enough: connections may be up although commands get no answer, and it
-// does not count those that are refused for their password.
+// The library's result is not enough: connections may be up although commands get no answer, and
+// the result does not count connections that are refused because of their password.
 std::string state_of(const PoolReport& pool) {
   if (!pool.result) {
     return "not tried";
@@ -91,7 +91,7 @@ std::string reason_of(const ServerReport& server) {
   return server.down.empty() ? "" : "not up: " + down_text(server);
 }
 
-// One below the other, without those that are not set.
+// One setting on each line, without those that are not set.
 std::string options_text(const client_options& options) {
   std::vector<std::string> texts;
   for (const setting& key : all_settings()) {

@@ -10,17 +10,17 @@
 // Starts the library and shows a table, probes each server directly, and reviews the settings.
 ExitStatus check(const Options& options);
 
-// Every key that the configuration files may contain; needs no configuration.
+// Lists every key that the configuration files may contain; needs no configuration.
 ExitStatus list_settings(const Options& options);
 
-// The state of a pool's servers, once a second: until a signal, or for a number of rounds.
+// Shows the state of a pool's servers once a second, until a signal or for a number of rounds.
 struct WatchOptions {
   int rounds = 0;          // 0: no end
   std::string stats_file;  // of a host, whose view is shown as well; empty: none
 };
 ExitStatus watch(const Options& options, const WatchOptions& watch_options);
 
-// What a host has counted in its statistics file: as a table, or as the options say.
+// Shows what a host has counted in its statistics file: as a table, or as the options say.
 struct StatsOptions {
   std::string file;
   int seconds = 0;  // between two readings; 0: one reading
@@ -30,7 +30,7 @@ struct StatsOptions {
 };
 ExitStatus stats(const Options& options, const StatsOptions& wanted);
 
-// A load on a pool, and its results.
+// Puts a load on a pool, and shows the results.
 struct LoadOptions {
   int threads = 4;
   int seconds = 10;

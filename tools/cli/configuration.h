@@ -1,5 +1,5 @@
-// The two configuration files, as the library reads them: what `check` and `watch` need to know
-// without starting it.
+// The two configuration files, as the library reads them: what `check` and `watch` need before the
+// library is started.
 #ifndef RUVO_TOOLS_CLI_CONFIGURATION_H
 #define RUVO_TOOLS_CLI_CONFIGURATION_H
 
@@ -11,7 +11,7 @@
 // Reads the second file. The defaults if it cannot be opened.
 site_settings read_configuration(const std::string& redis_config);
 
-// The path of the second file, as the first one names it; empty if it does not.
+// The path of the second file, which the first one names; empty if it names none.
 std::string redis_config_of(const std::string& config);
 
 // Why a file cannot be opened; empty if it can.

@@ -31,8 +31,8 @@ bool is_read = true;  // somebody reads the output
 void hold_standard_streams() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) == -1) {
-      // Gets the lowest number, this one, and is opened the wrong way: reading from it or writing
-      // to it is an error.
+      // The new descriptor gets the lowest number, which is this one. It is opened in the opposite
+      // direction, so that any use of it is an error.
       open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // NOLINT: stays open
     }
   }
@@ -76,7 +76,7 @@ void print(const std::string& text) {
 }
 
 void print_json(const nlohmann::json& json) {
-  // Values are printable already; what is left to replace is in addresses and paths.
+  // Values are printable already; only addresses and paths may contain other bytes.
   print(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
 

@@ -1,4 +1,4 @@
-// Standard output, for the tool alone: what the library prints there at start-up is dropped.
+// Standard output, which belongs to the tool: what the library prints at start-up is dropped.
 #ifndef RUVO_TOOLS_CLI_CONSOLE_H
 #define RUVO_TOOLS_CLI_CONSOLE_H
 
@@ -32,11 +32,11 @@ std::string columns(const std::vector<std::vector<std::string>>& rows,
 // Is the output a terminal with more lines than this?
 bool is_terminal(std::size_t lines);
 
-// SIGINT and SIGTERM ask the tool to end in its own time; a second signal ends it at once. Threads
-// that they must not interrupt block them.
+// SIGINT and SIGTERM ask the tool to end when it is ready; a second signal ends it at once. Threads
+// that these signals must not interrupt block them.
 void catch_end_signals();
 void block_end_signals();
 bool is_end_wanted();
-bool wait_for_end(int milliseconds);  // at most; true if the tool is to end
+bool wait_for_end(int milliseconds);  // waits at most so long; true if the tool is to end
 
 #endif

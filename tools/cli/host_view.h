@@ -10,10 +10,10 @@
 
 class HostView {
  public:
-  // For one pool. Reads the file; throws Failure if it cannot be read.
+  // The view of one pool. Reads the file; throws Failure if it cannot be read.
   HostView(std::string path, std::string pool);
 
-  // Reads it again. A host that restarts may have no file for a moment: nothing is known then.
+  // Reads the file again. A host that restarts may have no file for a moment, and no view then.
   void look_again();
 
   // For a server, "address:port". Rates are those since the previous reading.

@@ -6,7 +6,8 @@
 
 namespace {
 
-// The file that a result of RUVO_Init is about, and its fault; empty if it is about none.
+// The file that a result of RUVO_Init concerns, and its fault; empty if the result concerns no
+// file.
 std::string file_error(const std::string& config, int result) {
   if (result == RUVO_ERR_CONFIG_FILE) {
     return "cannot open " + config + ": " + open_error(config);
@@ -29,7 +30,7 @@ std::string file_error(const std::string& config, int result) {
 
 }  // namespace
 
-// Two numbers have another meaning here than for an operation.
+// Two result codes of RUVO_Init have another meaning than the same codes of an operation.
 const char* start_text(int result) {
   switch (result) {
     case RUVO_INIT_TEMP_POOL_FAILED:

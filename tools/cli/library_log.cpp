@@ -60,7 +60,7 @@ void take_line(LogLevel level, const char* text, std::size_t length) {
   }
 }
 
-// Lines that nobody wants are not even built.
+// Lines that nobody reads are not built.
 void set_threshold() {
   BaseLib::Logger::setLogLevel(listener ? std::min(shown_level(), listener_level) : shown_level());
 }

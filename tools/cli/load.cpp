@@ -27,10 +27,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// For keys that are left behind. Keys that the mix creates other than with set, or makes
-// persistent, have no expiry.
+// The expiry of keys that cannot be deleted. Keys that the mix creates with another operation than
+// set, or makes persistent, have none.
 constexpr int key_lifetime_s = 3600;
-constexpr int most_failures_in_a_row = 10;  // of deletions, before the rest is left
+constexpr int most_failures_in_a_row = 10;  // of deletions; then the other keys are left
 constexpr const char* key_prefix = "ruvo_cli:load:";
 constexpr const char* key_word = "{key}";
 constexpr std::chrono::milliseconds pause_after_failure{1};
@@ -84,7 +84,7 @@ Arguments arguments_for(const Options& options, const LoadOptions& load_options)
   return arguments;
 }
 
-// Counts in fields of their own: the others hold values that are not numbers.
+// Counters have separate fields: the other fields hold values that are not numbers.
 const char* field_of(const Operation& operation) {
   const auto& parameters = operation.parameters;
   return std::find(parameters.begin(), parameters.end(), Parameter::increment) != parameters.end()
@@ -92,7 +92,7 @@ const char* field_of(const Operation& operation) {
              : "field";
 }
 
-// Only set sends its expiry in the same command: the others would need a second one.
+// Only set has an expiry: the other operations would need a second command for it.
 std::optional<int> ttl_of(const Operation& operation) {
   const bool is_set = std::string_view(operation.name) == traits_of(Family::string).store;
   return is_set ? std::optional(key_lifetime_s) : std::nullopt;
@@ -122,7 +122,7 @@ class LoadKeys {
   LoadKeys(const LoadKeys&) = delete;
   LoadKeys& operator=(const LoadKeys&) = delete;
 
-  // Deletes them. Returns how many are left, or may be.
+  // Deletes these keys. Returns how many are or may be left.
   std::size_t clean_up() {
     is_clean_ = true;
     std::size_t left = mix_.families.size() * static_cast<std::size_t>(load_options_.keys);

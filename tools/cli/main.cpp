@@ -141,7 +141,7 @@ constexpr const char* raw_usage =
     "The words of the command follow the options and are taken unchanged:\n"
     "  ruvo_cli raw LRANGE key 0 -1\n\n";
 
-// The words are taken unchanged: none of them is an option, here or of the tool.
+// The words are taken unchanged: none of them is an option of this command or of the tool.
 void add_words(CLI::App& command, CommandLine& line) {
   command.fallthrough(false)->prefix_command();
   command.callback([&command, &line] {

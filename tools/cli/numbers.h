@@ -1,4 +1,4 @@
-// Whole numbers as people write them: in base 10, without any text behind them.
+// Whole numbers as people write them: in base 10, with nothing after the digits.
 #ifndef RUVO_TOOLS_CLI_NUMBERS_H
 #define RUVO_TOOLS_CLI_NUMBERS_H
 

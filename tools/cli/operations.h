@@ -1,5 +1,5 @@
-// Every operation of the library as a command: its name, its parameters and its call. `load`
-// measures these, too.
+// Every operation of the library as a command: its name, its parameters and its call. `load` uses
+// the same commands.
 #ifndef RUVO_TOOLS_CLI_OPERATIONS_H
 #define RUVO_TOOLS_CLI_OPERATIONS_H
 

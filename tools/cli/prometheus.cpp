@@ -11,8 +11,8 @@ namespace {
 
 constexpr double nanoseconds_per_second = 1e9;
 
-// Every fourth of the file's buckets ends at a power of two, or halfway to the next one. Those from
-// about 16 us to 13 s are exported; the first and the last include all others.
+// Every fourth bucket of the file ends at a power of two, or halfway to the next power. The buckets
+// from about 16 us to 13 s are exported; the first and the last also count all others.
 constexpr std::uint64_t shortest_le = std::uint64_t{1} << 14U;
 constexpr std::uint64_t longest_le = std::uint64_t{3} << 32U;
 

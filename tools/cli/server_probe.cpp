@@ -60,7 +60,7 @@ Probe no_reply(const redisContext& context, int limit_ms) {
              : Probe{"closed", "closes the connection on the first command"};
 }
 
-// States that end by themselves, or that need not affect the pool's other servers.
+// States that end without an operator, or that need not affect the pool's other servers.
 const std::array passing_states{
     Probe{"loading", "loads its data, and answers no command until it is done", "LOADING"},
     Probe{"at its limit of clients", "closes every further connection: see its maxclients",

@@ -11,8 +11,8 @@
 struct Probe {
   std::string state;   // "up", or a short description of the fault
   std::string reason;  // a sentence; empty when the server is up
-  // The beginning of its error replies in this state, as in failover_replies; empty if it gives
-  // none.
+  // The beginning of the error replies that it gives in this state, as in failover_replies; empty
+  // if it gives none.
   std::string error_reply = {};
   bool is_replica = false;  // a replica that answers reads
 
@@ -20,8 +20,8 @@ struct Probe {
   bool answers() const { return is_up() || is_replica; }
 };
 
-// Uses the timeouts and the password that the library uses for a server of that pool. If it would
-// wait for ever, the probe waits for five seconds.
+// Uses the timeouts and the password that the library uses for a server of that pool. If these
+// set no limit, the probe waits for five seconds.
 Probe probe_server(const std::string& text, const site_settings& site, std::size_t pool);
 
 #endif

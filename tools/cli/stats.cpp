@@ -25,7 +25,7 @@ struct Percentile {
 constexpr std::array percentiles{Percentile{"p50", 50}, Percentile{"p90", 90},
                                  Percentile{"p99", 99}, Percentile{"p99.9", 99.9}};
 
-// At most the end of the last bucket that has an end.
+// Capped at the end of the last bucket that has an end.
 std::uint64_t percentile_of(const PoolNumbers& pool, double percent) {
   return std::min(ruvo_stats_percentile(pool.buckets.data(), percent),
                   ruvo_stats_bucket_limit(RUVO_STATS_BUCKETS - 2));

@@ -28,8 +28,8 @@ constexpr std::size_t size_limit = std::size_t{64} << 20U;  // far above any rea
 }
 
 // Copied rather than mapped: a file that is truncated meanwhile would kill the tool. An open file
-// stays the same even if the library puts another in its place. The kernel copies an aligned word
-// at once.
+// stays the same even if the library puts another in its place. The kernel copies an aligned
+// word in one piece.
 std::vector<std::uint64_t> read_words(const std::string& path, std::size_t& length) {
   struct File {
     explicit File(const std::string& name)

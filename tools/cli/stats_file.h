@@ -1,4 +1,5 @@
-// A statistics file of the library as the tool shows it: read whole, then made into numbers.
+// A statistics file of the library as the tool shows it: read as a whole, then converted to
+// numbers.
 #ifndef RUVO_TOOLS_CLI_STATS_FILE_H
 #define RUVO_TOOLS_CLI_STATS_FILE_H
 
@@ -56,7 +57,7 @@ struct PoolNumbers {
   std::vector<ServerNumbers> servers;
 
   std::uint64_t calls() const;
-  std::uint64_t failed() const;  // of these, the calls that a server or the library has failed
+  std::uint64_t failed() const;  // of these, the calls in which a server or the library failed
 };
 
 // The contents of a file when it was read.

@@ -56,7 +56,7 @@ struct Server {
   std::string cause = {};   // state of a probe of a server that is not up
 };
 
-// A server that is in the list twice has two turns and one line.
+// A server that is in the list twice is visited twice and has one line.
 std::vector<Server> lines_of(const std::vector<std::string>& addresses, State state) {
   std::vector<Server> servers;
   for (const std::string& addr : addresses) {
@@ -121,7 +121,7 @@ class ServerWatch {
         is_under_way_ = false;
         break;
       case EventKind::all_servers_invalid:
-        leave();  // a server that is tried all the same stays ejected
+        leave();  // a server that is visited nevertheless stays ejected
         break;
       case EventKind::call_timed_out:
         candidate_ = nullptr;
@@ -191,7 +191,7 @@ bool is_up(const Server& server) {
          (server.state == State::not_started && server.cause == text_of(State::up));
 }
 
-// Replaces the last round's lines if wanted, so each stays one line of the terminal.
+// Overwrites the previous round's lines on a terminal, so that each server keeps its line.
 void show(const Options& options, const std::vector<Server>& servers, const HostView* host,
           bool in_place) {
   std::string text = in_place ? format("\033[%zuA\033[?7l", servers.size()) : "";
@@ -210,7 +210,7 @@ class Watch {
  public:
   explicit Watch(const Options& options)
       : options_(options), pool_(static_cast<std::size_t>(options.pool - 1)) {
-    // A pipe can be read only once, and the library must read it.
+    // A pipe can be read only once, and the library needs its contents.
     const auto is_file = [](const std::string& path) {
       std::error_code none;
       return std::filesystem::is_regular_file(path, none);

@@ -112,7 +112,7 @@ struct LogEvent {
 // Reads a line with its head.
 LogEvent read_event(std::string_view line);
 
-// The library writes a few ERROR lines that report no fault.
+// Is the line an error? The library also writes a few ERROR lines that report no fault.
 bool tells_of_trouble(const LogEvent& event);
 
 #endif

@@ -1,4 +1,4 @@
-// The main of a small program: an exception ends it with one line and status 2.
+// The main function of a small program: an exception ends it with one line and status 2.
 #ifndef RUVO_TOOLS_COMMON_RUN_MAIN_H
 #define RUVO_TOOLS_COMMON_RUN_MAIN_H
 
