@@ -24,8 +24,8 @@ struct SecondOfCalls {
   SecondOfCalls& operator+=(const SecondOfCalls& other);
 };
 
-// Starts the library, has threads call until it is stopped, and shuts the library down. If start-up
-// fails, so do the calls. REQUIRES: there is no other one in the process.
+// Starts the library, lets threads call it until stop(), and shuts it down. If start-up fails, so
+// do the calls. REQUIRES: the process has no other CallingHost.
 class CallingHost : NoCopy {
  public:
   using Clock = std::chrono::steady_clock;
@@ -42,7 +42,7 @@ class CallingHost : NoCopy {
   void wait_until(std::chrono::milliseconds moment) const;
   SecondOfCalls second(int number) const;  // final once it has passed
   std::vector<SecondOfCalls> seconds(int count) const;
-  void stop();  // returns when the last call has
+  void stop();  // returns when the last call has returned
 
  private:
   static constexpr std::size_t most_seconds = 10000;  // the last one counts all later ones

@@ -1,5 +1,5 @@
-// One call of every operation, for tests of them all. Nothing here allocates memory: some of these
-// tests let it run out.
+// One call of every operation, for tests that need them all. Nothing here allocates memory, since
+// some of these tests let it run out.
 #ifndef RUVO_TESTING_EVERY_OPERATION_H
 #define RUVO_TESTING_EVERY_OPERATION_H
 

@@ -78,7 +78,7 @@ int bound_socket(int port) {
 }  // namespace
 
 // The second socket is bound to the port that the system chose for the first. It keeps the port
-// when it has listened and is shut down; the first would lose it.
+// after it has listened and been shut down; the first socket would lose it.
 DownServer::DownServer() {
   const int chosen = bound_socket(0);
   sockaddr_in addr{};

@@ -75,7 +75,7 @@ class QuietConsole : NoCopy {
   int console_;
 };
 
-// A port that refuses connections while the object exists, and that nobody else has.
+// A port that refuses connections while the object exists, and that no other process can take.
 class DownServer : NoCopy {
  public:
   DownServer();
@@ -88,8 +88,8 @@ class DownServer : NoCopy {
   int port_;
 };
 
-// A program that runs beside this one: its output is read here, and it ends with the object, or
-// with this process if that crashes.
+// A program that runs beside this one. The object reads its output. The program ends with the
+// object, or with this process if that crashes.
 class ServerProcess : NoCopy {
  public:
   ~ServerProcess() { kill(); }
@@ -112,7 +112,7 @@ class RedisServer : NoCopy {
   std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
   void kill() { process_.kill(); }
   void signal(int number) const { process_.signal(number); }
-  // When a start is complete: the server serves, or it answers and may still load its data.
+  // What completes a start: the server serves, or it answers although it may still load its data.
   enum class Until { ready, started };
   void restart(const std::string& more_options = "", Until until = Until::ready);  // on its port
   // The output of redis-cli for a command, without the newline.

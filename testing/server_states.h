@@ -1,5 +1,5 @@
-// A real Redis that answers but does not serve: a replica, one that loads its data, one at its
-// limit of clients, one that needs a password. Each function changes a running server and closes
+// A real Redis that answers but does not serve: a replica, a server that loads its data, one at its
+// limit of clients, one that requires a password. Each function changes a running server and closes
 // the connections of its clients, so that the next command meets the new state.
 #ifndef RUVO_TESTING_SERVER_STATES_H
 #define RUVO_TESTING_SERVER_STATES_H

@@ -28,7 +28,7 @@ class Peer : NoCopy {
   void send(const std::string& bytes) const;
   void answer_all(const std::string& bytes);  // every command that arrives
   void hang() { answer_all(""); }             // until the client gives up
-  void drip(const std::string& bytes, std::chrono::milliseconds pause) const;  // one at a time
+  void drip(const std::string& bytes, std::chrono::milliseconds pause) const;  // byte by byte
   void reset() const;   // as a crashed machine does: sent data may be lost
   void vanish() const;  // closes, then resets: the client's next write raises SIGPIPE
 
@@ -45,7 +45,7 @@ class ScriptedServer : public DownServer {
  public:
   using Script = std::function<void(Peer&)>;
   explicit ScriptedServer(Script script);
-  // Its answer to the words of each command.
+  // Answers each command with what this function makes of its words.
   using Answer = std::function<std::string(const std::vector<std::string>& words)>;
   explicit ScriptedServer(const Answer& answer);
   explicit ScriptedServer(const std::string& reply)
@@ -66,7 +66,7 @@ class ScriptedServer : public DownServer {
   std::jthread acceptor_;
 };
 
-// The proxy of that name, which distributes the keys over Redis servers. Proxies with the same list
+// The proxy nutcracker, which distributes the keys over Redis servers. Proxies with the same list
 // agree on the server of each key.
 class Nutcracker : NoCopy {
  public:

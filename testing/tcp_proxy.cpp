@@ -168,10 +168,10 @@ void TcpProxy::take_from(const epoll_event& event) {
   const int from = event.data.fd;
   const auto found = connections_.find(from);
   if (found == connections_.end()) {
-    return;  // its other end has just closed
+    return;  // the other side has just closed
   }
   const Connection connection = found->second;
-  // A client that has closed has given its command up and may have sent it elsewhere.
+  // A client that has closed has given up its command, and may have sent it elsewhere.
   const bool client_has_gone =
       from == connection.client && (event.events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
   const int to = from == connection.client ? connection.target : connection.client;
@@ -193,7 +193,7 @@ bool TcpProxy::forward(int from, int to) {
 void TcpProxy::pass_on(int to, std::string_view bytes) {
   if (delay_.count() > 0) {
     pieces_.push_back({Clock::now() + delay_, to, std::string(bytes)});
-  } else {  // without memory, which ruvo_chaos would take for the library's
+  } else {  // holds no memory, which ruvo_chaos would count as the library's
     send(to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   }
 }

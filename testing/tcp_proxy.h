@@ -1,4 +1,4 @@
-// A TCP proxy on loopback that delays what it forwards, and fails in every way a server fails.
+// A TCP proxy on loopback that delays what it forwards, and fails in every way that a server does.
 #ifndef RUVO_TESTING_TCP_PROXY_H
 #define RUVO_TESTING_TCP_PROXY_H
 
@@ -21,7 +21,7 @@
 
 // Runs in a thread of its own; its functions are for one thread at a time, and return when they are
 // done. Data in transit when either end closes is lost. The proxy waits until the receiver has
-// taken the data that it forwards, so it is not for more than the buffers of a socket hold.
+// taken the data that it forwards, so use it only for data that fits the buffers of a socket.
 class TcpProxy : public DownServer {
  public:
   enum class Mode {
@@ -36,11 +36,11 @@ class TcpProxy : public DownServer {
   explicit TcpProxy(int target_port, std::chrono::microseconds delay = {});
   ~TcpProxy();
 
-  // Back to `forward` it resets its connections: commands that their callers have given up must not
-  // run late, after newer ones. (Another server may bring old values back; nothing in a host can
-  // prevent it.)
+  // With `forward` again, it resets its connections: commands that their callers have given up must
+  // not run late, after newer ones, since they would bring old values back.
   void set_mode(Mode mode);
-  // Also those that the system has accepted but the proxy has not. REQUIRES: mode `forward`.
+  // Resets all connections, even those that the system has accepted but the proxy has not.
+  // REQUIRES: mode `forward`.
   void reset_connections();
 
   // Later connections lead to this port. Resets the others. REQUIRES: mode `forward`.

@@ -49,7 +49,7 @@ void Worker::work(int round) {
   on_track_ = on_track_ && !in_doubt_;
 }
 
-// Values left by another run, or in doubt after an outage, do not count.
+// Values that another run left, or that are in doubt after an outage, do not count.
 void Worker::start_afresh() {
   for (const char* kind : {"visits", "profile", "queue", "friends"}) {
     expect(strings, "delete", [&] { return RUVO_DeleteKey(key(kind).c_str(), pool_, nullptr); });
@@ -72,7 +72,7 @@ std::string Worker::text_for(const char* kind, int round) const {
   return text;
 }
 
-// Every call goes through here. Once replies are its own for certain, a round in doubt ends.
+// Every call goes through here. A round in doubt ends once every reply is certainly the call's own.
 template <typename Operation>
 int Worker::call(Family family, const char* what, const Operation& operation) {
   const Call made{family, what, pool_};
@@ -214,7 +214,9 @@ void Worker::queue_message(int round) {
     check("queue", waiting.size() == static_cast<std::size_t>(length) &&
                        std::count(waiting.begin(), waiting.end(), text) == length);
   }
-  // A pop that runs twice also takes the second message, or finds none: then its first run took it.
+  // A pop that runs twice also takes the second message, or finds none, since its first run took
+  // the
+  // last one.
   std::string message;
   const int popped =
       call(lists, "pop", [&] { return RUVO_RPop(queue.c_str(), message, pool_, nullptr); });
@@ -289,7 +291,8 @@ void Worker::balance() {
   totals_.increments_extra += std::max<std::int64_t>(stored - acknowledged_ - failed_, 0);
 }
 
-// Any command. Its failover may lead to another pool, so the value from there is asked for again.
+// Any command. If its failover has led to another pool, the value that it read there does not
+// count, and it is sent again.
 void Worker::ask_anything(int round) {
   const std::string note = key("note");
   const std::string text = text_for("note", round);
@@ -312,8 +315,8 @@ void Worker::ask_anything(int round) {
   check("note, asked for again and again", false);
 }
 
-// If a server fails, a raw command may also return to that server and give up, where a typed one
-// tries the next: so its caller asks again. Returns nothing if all calls failed.
+// If a server fails, a raw command may return to that server and give up, although a typed one
+// would try the next. So its caller repeats it. Returns nothing if all calls failed.
 template <typename... Words>
 std::optional<bool> Worker::reply_is(int type, const std::string& text, bool& left_pool,
                                      const char* name, const Words&... words) {

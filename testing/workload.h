@@ -17,7 +17,7 @@ enum Family { strings, hashes, lists, sets, raw, family_count };
 constexpr std::array<const char*, family_count> family_names{"string keys", "hashes", "lists",
                                                              "sets", "raw commands"};
 
-// The prefix of all keys of the work, so that they are nobody else's.
+// The prefix of all keys of the work, which nothing else uses.
 constexpr std::string_view workload_prefix = "ruvo_workload:";
 
 struct Totals {
@@ -57,8 +57,8 @@ class CallObserver {
   virtual void call_begins(const Call& /*call*/) {}
   // A raw command without a reply has the result RUVO_ERR_FAILED.
   virtual void call_ended(const Call& /*call*/, int /*result*/) {}
-  // May the failover of this thread's last call have led to another pool? Only that of raw commands
-  // can.
+  // May the failover of this thread's last call have led to another pool? Only a raw command can go
+  // there.
   virtual bool may_have_left_pool() const { return false; }
   // May a call that began at its time and ends now have received another call's reply?
   virtual bool may_be_out_of_step(const Call& /*call*/,
@@ -67,12 +67,12 @@ class CallObserver {
   }
 };
 
-// One thread's work on one pool. Its keys are its own, so it knows the value of each.
+// One thread's work on one pool. No other thread uses its keys, so it knows the value of each.
 //
 // If a connection breaks between a command and its reply, the command is resent. Operations that
 // are not idempotent (counting, pushing) may then run twice, and never less than once; the checks
 // allow for that and count it. One counter is never deleted in a run: at the end it holds at least
-// what was acknowledged, and with send_once at most that and what failed.
+// the acknowledged increments, and with send_once at most the acknowledged and the failed ones.
 class Worker {
  public:
   Worker(int thread, int pool, Totals& totals, CallObserver& observer)
