@@ -20,7 +20,7 @@ void expect_refusal(const Ended& run, const std::string& why) {
 
 TEST(Chaos, RefusesServersThatHoldOtherKeys) {
   const RedisServer redis;
-  // Keys of its own fill the first pages of a scan.
+  // Keys of ruvo_chaos fill the first pages of a scan.
   redis.ask("EVAL 'for i = 1, 9999 do redis.call(\"SET\", \"ruvo_workload:x\" .. i, \"x\") end' 0");
   redis.ask("SET somebody:1 x");
   expect_refusal(chaos_on(redis.addr(), ""), "somebody:1");
@@ -29,7 +29,7 @@ TEST(Chaos, RefusesServersThatHoldOtherKeys) {
   EXPECT_EQ(told.status, 0) << told.output;
 
   redis.ask("DEL somebody:1");
-  EXPECT_NE(redis.ask("DBSIZE"), "0");  // its own, of the previous run
+  EXPECT_NE(redis.ask("DBSIZE"), "0");  // the keys of the previous run
   const Ended own = chaos_on(redis.addr(), "");
   EXPECT_EQ(own.status, 0) << own.output;
 

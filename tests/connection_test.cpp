@@ -16,7 +16,7 @@ constexpr timeval second{1, 0};
 constexpr timeval moment{0, 200000};
 constexpr timeval none{-1, 0};
 
-const std::string two = "+OK\r\n+of another\r\n";  // nobody asked for the second
+const std::string two = "+OK\r\n+of another\r\n";  // the second was not requested
 
 constexpr auto ERROR = BaseLib::Logger::ERROR;
 
@@ -176,8 +176,8 @@ TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
     EXPECT_EQ(log.count_containing("| connect to node"), 3 * 3);
     conn_node& talking = pool.servers_[4].context_arr_[0];
     EXPECT_EQ(client.reset_connection(talking, pool.servers_[4].addr_), nullptr);
-    EXPECT_TRUE(is_broken(talking.context_));  // as it was: no caller gets another's reply
-    // Rebuilding is held up no longer, and works once the server answers.
+    EXPECT_TRUE(is_broken(talking.context_));  // unchanged: no caller gets another's reply
+    // Rebuilding does not wait any longer either, and works once the server answers.
     server_node& server = pool.servers_[0];
     const redisContext* failed = server.context_arr_[0].context_;
     EXPECT_EQ(client.reset_connection(server.context_arr_[0], server.addr_), nullptr);

@@ -59,7 +59,7 @@ TEST_F(Example, ClientsAreLimitedUntilTheirWindowEnds) {
   EXPECT_TRUE(limiter.allow("ada").failed());
 }
 
-// The claims of login_test.cpp, which has a backend of its own, hold with Redis, too.
+// What login_test.cpp checks with a backend of its own also holds with Redis.
 TEST_F(Example, TheServiceAnswers) {
   const login_service<ruvo::pool> service(pool_);
   EXPECT_EQ(service.answer("who ada"), "not logged in");

@@ -71,7 +71,7 @@ TEST_F(Exchange, BytesBehindAReplyBreakTheConnection) {
   start(talks_too_much.addr());
   EXPECT_EQ(client_.exists_key("k", eTempServer, nullptr), RUVO_OK);  // as it was sent
   EXPECT_EQ(log_.count_containing("connection err"), 0);
-  EXPECT_EQ(client_.exists_key("k", eTempServer, nullptr), RUVO_ABSENT);  // not the left over one
+  EXPECT_EQ(client_.exists_key("k", eTempServer, nullptr), RUVO_ABSENT);  // not the surplus reply
   EXPECT_EQ(log_.count(WARN, broken + std::string("ret:4, err:unexpected data after the reply")),
             1);
   EXPECT_EQ(client_.exists_key("k", eTempServer, nullptr), RUVO_ABSENT);
@@ -90,7 +90,7 @@ TEST_F(Exchange, ARefusedTemplateIsAnErrorOfTheConnection) {
 
 volatile std::sig_atomic_t raised = 0;
 
-// Makes calls, and the server vanishes after each answer; then writes to a pipe without a reader.
+// Makes calls whose server vanishes after each answer; then writes to a pipe without a reader.
 [[noreturn]] void lose_the_server_a_hundred_times() {
   std::atomic<int> gone{0};
   const ScriptedServer vanishes([&](Peer& peer) {
@@ -110,7 +110,7 @@ volatile std::sig_atomic_t raised = 0;
       std::_Exit(5);
     }
   }
-  // If the news of the end is late, a read detects it instead of a write.
+  // If the end of the connection is reported late, a read detects it instead of a write.
   if (log.count_containing("err:Broken pipe") < 50 || raised != 0) {
     std::_Exit(2);
   }

@@ -13,7 +13,7 @@ namespace {
 
 constexpr int rounds = 2000;
 
-// Values of `who` that were stored and came back as another's, or did not come back.
+// The number of values that `who` stored and read as another's value, or did not find.
 int wrong_values(const std::string& who) {
   int wrong = 0;
   for (int i = 0; i < rounds; ++i) {

@@ -1,4 +1,4 @@
-// Keys, settings and configuration files that nobody should use.
+// Keys, settings and configuration files that no host should have.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

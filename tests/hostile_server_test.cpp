@@ -100,7 +100,7 @@ TEST(HostileServer, CannotHarmItsCallers) {
     });
     const HostConfig config("connect_timeout = 1000\nsocket_timeout = 20\n" +
                             pools_at(server.addr(), server.addr(), server.addr()));
-    LogCapture log;  // every line is written
+    LogCapture log;  // each line is formatted
     ASSERT_EQ(start(config), RUVO_OK);
     // Two commands of two visits (a raw one six), and a timeout for each piece of a reply.
     const milliseconds bound = 6 * milliseconds(1000 + 4 * 6 * 20);

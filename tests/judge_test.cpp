@@ -124,7 +124,7 @@ TEST_F(Judging, AFailedCallIsAllowedOnlyByTheRulesOfFailover) {
   const auto spares_calls = [](Site& site) {
     client_options& options = site.settings.options;
     options.eject_silent_servers = options.try_ejected_servers = options.wait_for_servers = true;
-    options.call_timeout = 60000;  // an outage of a moment is a short one
+    options.call_timeout = 60000;  // an outage of a moment counts as short
   };
   const auto stays_in_pool = [&](Site& site) {
     spares_calls(site);

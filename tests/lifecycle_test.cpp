@@ -42,7 +42,7 @@ TEST_F(LifeCycle, StartsAndEndsRepeatedly) {
   for (std::size_t cycle = 0; cycle < 2 * operations.size(); ++cycle) {
     ASSERT_EQ(RUVO_Init(config_.path()), RUVO_OK);
     const Operation& operation = operations[cycle % operations.size()];
-    // A key of its own, so that no operation meets another type.
+    // Each operation has its own key, so that none meets another type.
     const int ret = operation.call(operation.name);
     EXPECT_TRUE(ret != RUVO_ERR_FAILED && operation.may_return(ret))
         << operation.name << ": " << ret;

@@ -1,4 +1,4 @@
-// One allocation after the other fails: in a start-up, in every operation, in a shutdown.
+// Each allocation of a start-up, of every operation and of a shutdown fails once.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,8 +14,8 @@ class MemoryFailure : public testing::Test {
  protected:
   MemoryFailure() {
     BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char*, std::size_t) {});
-    BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // lines may lack memory
-    // Makes the allocations that a process makes only once.
+    BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // building a line may fail
+    // Makes the allocations that happen only once in a process.
     EXPECT_EQ(start(config_), RUVO_OK);
     for (const Operation& one : operations) {
       one.call(one.name);
@@ -75,7 +75,7 @@ TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
       EXPECT_TRUE(one.may_return(ret) || ret == RUVO_ERR_NO_MEMORY)
           << one.name << " " << number << ": " << ret;
     }
-    EXPECT_NE(ret, RUVO_ERR_FAILED) << one.name;  // it recovers once there is memory again
+    EXPECT_NE(ret, RUVO_ERR_FAILED) << one.name;  // the library recovers once there is memory
   }
   for (int number = 0; fails(number, ret, RUVO_Fini); ++number) {
     EXPECT_EQ(ret, RUVO_OK);

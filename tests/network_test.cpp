@@ -1,4 +1,4 @@
-// A network that fails in every way: a call's result, and its duration.
+// A network that fails in every way: the result and the duration of a call.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

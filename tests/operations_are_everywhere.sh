@@ -15,7 +15,7 @@ want() {
 operations=0
 for function in $(sed -nE 's/^ (RUVO_[A-Za-z]+)@.*/\1/p' packaging/libruvo1.symbols); do
   want "$function" "libruvo(3)" "^\.Fn $function " packaging/man/libruvo.3.in
-  # The same as RUVO_ExecRedisCmd, but with a va_list.
+  # Runs the same command as RUVO_ExecRedisCmd, but takes a va_list.
   [ "$function" != RUVO_ExecRedisvCmd ] || continue
   want "$function" ruvo.hpp "\\b$function\\(" src/openlib/ruvo/*.hpp
   case $function in

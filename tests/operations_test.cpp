@@ -358,7 +358,7 @@ TEST_F(OnRedis, ExpiriesAndWrongTypes) {
   EXPECT_NEAR(ttl("k") + ttl("h") + ttl("l"), 300, 6);
   EXPECT_EQ(RUVO_PersistKey("k", T, nullptr), 0);
   EXPECT_EQ(ttl("k"), -1);
-  EXPECT_EQ(RUVO_InsertKey("k", "v", 1, 0, T, nullptr), RUVO_ERR_FAILED);  // redis refuses it
+  EXPECT_EQ(RUVO_InsertKey("k", "v", 1, 0, T, nullptr), RUVO_ERR_FAILED);  // Redis refuses it
   number = 5;
   EXPECT_EQ(RUVO_HashIncrBy("k", "f", 1, 1, &number, T, nullptr), RUVO_ERR_FAILED);
   EXPECT_EQ(RUVO_IncreaseKey("k", &number, T, nullptr), RUVO_ERR_FAILED);

@@ -30,7 +30,7 @@ void close_it(Peer& peer) { peer.read_command(); }
 void hang(Peer& peer) { peer.hang(); }
 void answer(Peer& peer) { peer.answer_all(nil); }
 
-// Logs later connections in slowly; drops the first ones.
+// Answers AUTH slowly on later connections; closes the first ones.
 void slow_login(Peer& peer) {
   for (auto words = peer.read_command(); !words.empty(); words = peer.read_command()) {
     std::this_thread::sleep_for(words[0] == "AUTH" && peer.number() >= at_start ? S * 3 / 4
@@ -134,7 +134,7 @@ TEST_F(Options, TryEjectedServersFollowsTheRoundRobin) {
             1);
   EXPECT_EQ(get(), -1);
   EXPECT_EQ(log_.count_containing("reset_connection | reset connection"), 3);  // each once
-  // Each rests now, and a call that finds no other server fails without a probe.
+  // Each has its pause now, and a call that finds no other server fails without a probe.
   EXPECT_EQ(get(), -1);
   EXPECT_EQ(log_.count_containing("reset_connection | reset connection"), 3);
   client_->fini_server_pool(pool_in(*client_));
@@ -194,7 +194,7 @@ TEST_F(Options, TryEjectedServersFailsNoCallWhileOneIsUp) {
   EXPECT_GT(log_.count_containing("all servers invalid"), 0);
 }
 
-// What a call of 100 ms still starts once a step has taken longer.
+// What a call with a deadline of 100 ms still starts once a step has taken longer.
 TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
   // clang-format off
   const struct { const char* before; ScriptedServer::Script script; int connections; } cases[] = {

@@ -34,7 +34,7 @@ using Words = std::vector<std::string>;
 
 constexpr int at_start = 3;  // connections: one to each pool
 
-// Answers "GET k" with the key, so that a reply of another call shows.
+// Answers "GET k" with the key, so that another call's reply is noticed.
 std::string own_reply(const std::string& key) {
   return "$" + std::to_string(key.size()) + "\r\n" + key + "\r\n";
 }

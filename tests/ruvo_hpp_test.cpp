@@ -240,7 +240,7 @@ TEST_F(InCpp, CommandsTakeRangesOfAnyLength) {
             "(integer) 11");
   EXPECT_EQ(show(pool.ask<std::vector<std::string>>("LRANGE", "l", 0, -1)),
             "a 1 b 2 x 0.5 2 a 1 b 2");
-  // Around the lengths for which there is room.
+  // Lengths around the size of the internal buffer.
   for (const std::size_t count : {1U, 13U, 14U, 15U, 125U, 126U, 127U, 1021U, 1022U}) {
     ruvo::words some;
     for (std::size_t i = 0; i < count; ++i) {
@@ -510,7 +510,7 @@ TEST_F(InCpp, OwnersMoveAndMayOutliveTheLibrary) {
   second = ruvo::bytes::of("made");
   EXPECT_EQ(
       log_.count(BaseLib::Logger::ERROR, "ruvo_redis::free_result | redis is not initialized"), 1);
-  second = {};  // of its own making: nothing to report
+  second = {};  // made by the host: nothing to report
   EXPECT_EQ(log_.take().size(), 1);
   start();                                    // for the other owner, and so that nothing leaks here
   EXPECT_EQ(RUVO_FreeResult(lost), RUVO_OK);  // NOLINT: it has not been released

@@ -150,7 +150,7 @@ TEST_F(Startup, BadConfigurationIsNamedAndFinal) {
     EXPECT_EQ(log_.count(ERROR, path_is.substr(1) + "(null)"), one.result == 10106);
     EXPECT_EQ(log_.count(ERROR, path_is.substr(1) + "/none/x"), one.result == -1);
     EXPECT_EQ(log_.count(ERROR, no_path), one.result == 10106);
-    // Stuck: nothing is tried again, and there is nothing to shut down.
+    // A failed start-up is final: nothing is tried again, and there is nothing to shut down.
     EXPECT_EQ(client.init(one.config), 0);
     EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | redis is now in initialize"), 1);
     EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);

@@ -200,7 +200,7 @@ TEST_F(Statistics, AReaderFindsWhatTheHostCounts) {
   EXPECT_EQ(state(0, 3'999'999'999), RUVO_SERVER_EJECTED);
   EXPECT_EQ(state(0, 4'000'000'000), RUVO_SERVER_RETRY_DUE);
   EXPECT_EQ(state(1, 0), RUVO_SERVER_HEALTHY);
-  EXPECT_EQ(state(2, 0), RUVO_SERVER_FAILING);  // of a pool that ejects nobody
+  EXPECT_EQ(state(2, 0), RUVO_SERVER_FAILING);  // of a pool that ejects no server
 }
 
 TEST_F(Statistics, CallsAreCountedByResultAndCause) {
@@ -342,7 +342,7 @@ TEST_F(Statistics, EveryThreadIsCounted) {
   ASSERT_TRUE(begin(path_));
   constexpr int threads = 2 * RUVO_STATS_LANES;
   constexpr int calls = 1'000;
-  const call_timer own(file_.pool(0));  // takes a lane of this thread, and leaves it empty
+  const call_timer own(file_.pool(0));  // takes a lane for this thread, and leaves it empty
   for (int round = 0; round < 2; ++round) {
     std::barrier all(threads);
     std::vector<std::jthread> callers;

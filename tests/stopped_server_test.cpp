@@ -20,7 +20,7 @@ TEST(StoppedServer, IsEjectedAfterAFewVisitsAndFailsNoCall) {
   const ScriptedServer good(std::string(":0\r\n"));
   const ScriptedServer stops(
       [&](const std::vector<std::string>&) { return is_stopped ? "" : ":0\r\n"; });
-  // Long timeouts: no call fails only because the machine is busy.
+  // Long timeouts, so that no call fails just because the machine is busy.
   const HostConfig config(
       "recommended_defaults = true\ncall_timeout = 60000\n"
       "connect_timeout = 5000\nsocket_timeout = 500\n" +

@@ -36,7 +36,7 @@ std::mutex mutex;
 std::vector<std::pair<Logger::LogLevel, std::string>> lines;
 
 void collect(Logger::LogLevel level, const char* line, std::size_t length) {
-  pthread_testcancel();  // a cancelled thread finishes its line
+  pthread_testcancel();  // a thread that is cancelled finishes its line
   const std::scoped_lock lock(mutex);
   lines.emplace_back(level, std::string(line, length));
   EXPECT_EQ(line[length], '\0');
@@ -49,7 +49,7 @@ class StreamLog : public testing::Test {
   ~StreamLog() override { Logger::setOutput(nullptr); }
 };
 
-// The time in the head is local, in any zone.
+// The time in the head is local time, whatever the zone.
 TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
   setenv("TZ", "XXX-05:45", 1);
   tzset();

@@ -28,7 +28,7 @@ std::string ask(const Context& context, int timeout_ms = 5000) {
 TEST(TcpProxy, FailsInEveryModeAndForwardsAgain) {
   const ScriptedServer server{std::string("+PONG\r\n")};
   TcpProxy proxy(server.port());
-  // What arrives over an old connection, a new one, and one from before the end.
+  // What arrives over an old connection, a new one, and one that was opened before the fault ended.
   // clang-format off
   const struct { Mode mode; const char* old; const char* fresh; const char* before_end; } cases[] = {
       {Mode::refuse, closed, "Connection refused", ""},

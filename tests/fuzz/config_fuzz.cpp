@@ -32,7 +32,7 @@ strings contents(const vop_config& config) {
   return found;
 }
 
-// If both forms see the same lines.
+// Only if both forms see the same lines.
 bool reads_alike(const std::string& text) {
   return text.find_first_of(std::string("\r\0", 2)) == std::string::npos && text.size() < 2047;
 }

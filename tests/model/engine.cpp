@@ -93,9 +93,9 @@ class state_set {
 };
 state_set* seen_states = nullptr;
 
-// Tries every choice in every state. Whatever follows a known state has been tried, or will be:
-// such an execution is only completed. A state is the contents of the threads' stacks and of the
-// model.
+// Tries every choice in every state. An execution that reaches a known state is only completed: all
+// that follows that state has been tried, or will be. A state is the contents of the threads'
+// stacks and of the model.
 template <rl::thread_id_t count>
 class state_scheduler
     : public rl::scheduler<state_scheduler<count>, rl::scheduler_thread_info, count> {
@@ -127,7 +127,7 @@ class state_scheduler
     if (depth_ == choices_.size() && !is_known_) {
       is_known_ = !seen_states->insert(present_state());
     }
-    // The running thread, the others that could run, those that may time out.
+    // The options: the running thread, the others that could run, those that may time out.
     std::array<rl::thread_id_t, 2 * count> options{};
     unsigned option_count = 0;
     const rl::thread_id_t last = this->thread_->index_;
@@ -429,7 +429,7 @@ bool word::compare_exchange(std::uint32_t& expected, std::uint32_t value, std::m
   return value_ == expected ? (value_ = value, true) : (expected = value_, false);
 }
 
-// The thread that asks sees nothing older from then on.
+// From then on the calling thread sees nothing older.
 std::uint32_t word::latest() {
   if (!is_state_search) {
     rl::preemption_disabler whole(rl::ctx());

@@ -28,8 +28,9 @@ unsigned choose(unsigned options);  // 0: the usual case
 [[noreturn]] void fail(const char* what);
 void note(const char* what, int number);  // for the history of a failure
 
-// Sleeps until unpark(), or until a time that may come at any moment; then false. The search of all
-// states would otherwise see an endless clock: it lets a pause end only if no other thread can run.
+// Sleeps until unpark(), or until a time that may come at any moment, and then returns false. In
+// the search of all states the clock would be endless, so a pause ends only if no other thread can
+// run.
 enum class until { unparked, deadline, pause };
 bool park(until end);
 void unpark(unsigned thread);
@@ -70,7 +71,7 @@ class lock_order {
   alignas(16) std::array<std::byte, 8 * thread_count> clock_{};
 };
 
-// A plain variable, which no two threads access without an order between them.
+// A plain variable, which two threads may access only with an order between them.
 class variable {
  public:
   void construct();

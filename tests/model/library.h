@@ -1,6 +1,6 @@
-// The library's own source, compiled so that the model sees the interactions of threads: its
-// atomics, clock and locks are the model's. The guards of replaced library headers are defined
-// here.
+// Compiles the library's own source so that the model sees the interactions of threads: its
+// atomics, clock and locks are those of the model. The guards of replaced library headers are
+// defined here.
 #ifndef RUVO_TESTS_MODEL_LIBRARY_H
 #define RUVO_TESTS_MODEL_LIBRARY_H
 

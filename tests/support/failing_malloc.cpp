@@ -33,7 +33,7 @@ bool fails() {
   return true;
 }
 
-// Lets no allocation fail while it exists.
+// While it exists, no allocation fails.
 struct Spared {
   int failing = failing_allocation;
   Spared() { failing_allocation = -1; }
