@@ -86,14 +86,14 @@ def read_dumps(folder):
 
 
 def add_header(counts, flat):
-    """Counts for the library what the program, which contains the code of ruvo.hpp, executes more
-    with it than with the flat function."""
+    """Adds the code of ruvo.hpp to the library's count: what the program, which contains this code,
+    executes more than with the flat function."""
     for owner, of in ("library", "program"), ("C library for library", "C library for program"):
         counts[owner] += counts[of] - flat[of]
 
 
 def shares(counts):
-    """For each call: the library's code, its callees, hiredis with its callees."""
+    """The counts for each call: the library's code, its callees, hiredis with its callees."""
     own = counts["library"]
     called = counts["ACE"] + counts["C library for library"] + counts["C library for ACE"]
     hiredis = counts["hiredis"] + counts["C library for hiredis"]

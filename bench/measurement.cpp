@@ -50,8 +50,8 @@ std::vector<Side> order_of_slices(std::vector<Side> sides, std::size_t rounds) {
   return order;
 }
 
-// Slices so long that the calls which their ends cut off do not matter: over a network, with values
-// that take long, and where threads wait for each other's round trips.
+// Slices so long that the calls which their ends cut off do not matter. They are longer over a
+// network, with large values, and if threads wait for each other's round trips.
 std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
   constexpr std::size_t round_trips = 40;
   constexpr std::size_t large = 1000000;  // bytes
@@ -66,7 +66,7 @@ std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
   return std::max(network, pace.slice * (one.operation->bytes >= large ? 4 : 1));
 }
 
-// Fewer rounds of longer slices, which vary less.
+// Longer slices vary less, so fewer rounds are enough.
 std::size_t rounds_of(std::chrono::milliseconds slice, const Pace& pace) {
   constexpr std::size_t enough = 11;
   const auto in_as_much_time = static_cast<std::size_t>(3 * pace.rounds * pace.slice / slice);
@@ -80,7 +80,7 @@ struct Period {
   Clock::time_point ends;
 };
 
-// Calls until the slice ends. Counts the calls that end in the counted part: one at least. The
+// Calls until the slice ends. Counts the calls that end in the counted part, at least one. The
 // clock is read once for each call, on all sides.
 template <typename Call>
 Share call_through(const Period& period, LatencyHistogram& latency, const Call& call) {
@@ -119,7 +119,7 @@ class Network : NoCopy {
   std::optional<TcpProxy> proxy_;
 };
 
-// The library as a slice needs it. It is restarted if the slice needs the other kind.
+// The library with the settings of a slice. It is restarted if the next slice needs others.
 class LibraryOfSlices : NoCopy {
  public:
   LibraryOfSlices(std::string addr, std::string other_pools, std::size_t connections)

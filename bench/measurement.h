@@ -23,7 +23,7 @@ struct Case {
 struct Pace {
   std::size_t rounds;
   std::chrono::milliseconds slice;  // of each side in each round, at least
-  Timeout bare_timeout;             // whether hiredis gets the timeouts of the others
+  Timeout bare_timeout;             // whether hiredis gets the same timeouts as the others
 };
 
 // A median and its quartiles; NaN if nothing was measured.

@@ -15,7 +15,7 @@ constexpr int timeout_seconds = 10;
 enum class Timeout { none, set };
 Context connect_to(int port, Timeout timeout = Timeout::none);
 
-// What the library copies for its caller, besides the result code.
+// What the library copies for its caller besides the result code.
 enum class Copied { nothing, buffer, text, texts };
 
 struct Command {
@@ -49,7 +49,7 @@ Reply run_command(const Command& command, redisContext& context);
 // Copies a reply's contents as the library does for its caller, and frees the copy.
 void copy_result(Copied what, const redisReply& reply);
 
-// Throws std::runtime_error if not.
+// Throws std::runtime_error if the condition does not hold.
 void require(bool succeeded);
 
 #endif

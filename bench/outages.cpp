@@ -1,5 +1,5 @@
-// What an outage costs a host of 16 threads: each row injects a fault below it and counts the
-// failed calls. If a server can still answer within the deadline, no call should fail.
+// What an outage costs a host of 16 threads: each row injects a fault into its servers and counts
+// the failed calls. If a server can still answer within the deadline, no call should fail.
 #include <ruvo/ruvo.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -55,7 +55,7 @@ struct Outcome {
   SecondOfCalls all;
   SecondOfCalls last;                // second
   double connections_a_second = -1;  // if it is checked
-  int strayed = 0;                   // keys that were written to another pool
+  int strayed = 0;                   // keys written to another pool
 };
 
 struct Row {
@@ -113,7 +113,7 @@ Outcome outcome_of(CallingHost& host, int seconds) {
   return outcome;
 }
 
-// Calls from a first moment on, a fault, and its end.
+// Threads call; then comes a fault, and then its end.
 template <typename Fault, typename End>
 Outcome run_through(const HostConfig& config, const Fault& fault, milliseconds away, const End& end,
                     int seconds, const CallingHost::Call& call = write_or_read) {
@@ -160,7 +160,7 @@ Outcome one_of_two(const OfOne& enter, const OfOne& leave) {
       end_of_state - fault_at, [&] { leave(server, well); }, 3);
 }
 
-// From the start on: a server that comes back loading may have been ejected before.
+// The fault lasts from the start: a server that returns loading may have been ejected before.
 Outcome one_of_two_loading() {
   const RedisServer well;
   RedisServer server;
@@ -176,7 +176,7 @@ Outcome one_of_two_at_its_limit() {
                     [&](RedisServer&, const RedisServer&) { limit.reset(); });
 }
 
-// The host starts; its servers come later.
+// The host starts before its servers.
 template <typename Arrival>
 Outcome start_before(const HostConfig& config, const Arrival& arrival) {
   return run_through(
@@ -213,7 +213,7 @@ Outcome pool_down(const std::string& addr, const RedisServer& other_pools, const
                   const End& end) {
   constexpr milliseconds count_from = 1000ms;
   constexpr milliseconds back_at = 3500ms;
-  constexpr int seconds = 6;  // the fifth is for the server to return and for the host to notice
+  constexpr int seconds = 6;  // in the fifth the server returns and the host notices it
   const HostConfig config = config_for(addr, other_pools.addr());
   CallingHost host(config.path(), thread_count, write_or_read);
   host.wait_until(fault_at);

@@ -9,7 +9,7 @@ set key below samplen 2
 sides = "hiredis pipelined library"
 titles = "'bare hiredis' 'auto_pipelining' 'without it'"
 
-# GET of 100 B over a network of this round trip by one side; all others become NaN and are left out.
+# GET of 100 B over a network of this round trip by one side; all others become NaN, which is not drawn.
 of(round_trip, side, value) = strcol("operation") eq "GET" && column("bytes") == 100 && strcol("log") eq "WARN" \
   && column("round_trip_ms") == round_trip && strcol("side") eq side ? value : NaN
 # With this many connections (0: as many as threads); bare hiredis has its own, so its rows match all of them.

@@ -3,7 +3,7 @@
 // side a short slice of time; the ratios are taken round by round, and the table shows their median
 // and quartiles.
 //
-//   ruvo_bench             what the aims of bench/tables.py ask for, in some minutes
+//   ruvo_bench             the cases that the aims of bench/tables.py need, in some minutes
 //   ruvo_bench --quick     auto_pipelining on one connection, on loopback and over a network
 //   ruvo_bench --full      every operation, thread count, connect number and size
 //   ruvo_bench --operation GET --bytes 100 --threads 4 --connections 4 --round-trip 1000
@@ -80,7 +80,7 @@ struct Part {
   std::vector<std::size_t> bytes{100};
   std::vector<std::size_t> threads{1};
   std::vector<std::size_t> connections{as_many_as_threads};
-  bool more_connections_than_threads = false;       // otherwise such combinations are left out
+  bool more_connections_than_threads = false;       // otherwise such combinations are skipped
   std::vector<microseconds> round_trips{loopback};  // of a network; loopback itself has none
   bool info_log = false;
   std::vector<Side> sides = every_side;
@@ -118,8 +118,8 @@ std::vector<Part> parts_as_asked_for(const Options& options) {
 
 std::vector<Part> parts_of_the_aims() {
   return {
-      // If calls wait for the network, the library's without auto_pipelining wait for each other
-      // too: one distance shows it.
+      // Over a network, the library's calls without auto_pipelining also wait for each other: one
+      // distance is enough to show it.
       {.title = "over a network, with and without auto_pipelining",
        .threads = all_threads,
        .connections = {1, 2, 8, as_many_as_threads},

@@ -32,7 +32,7 @@ class BareConnections : NoCopy {
   std::vector<Context> contexts_;
 };
 
-// The lower bound: the simplest pool that one could write by hand. Round-robin over connections,
+// The lower bound: the simplest pool that one could write by hand. It uses connections round-robin,
 // each behind a mutex. Like the library, it copies a value for the caller after it has released the
 // mutex, and its sockets have timeouts. It does not reconnect.
 class HandWrittenPool : NoCopy {
@@ -62,8 +62,8 @@ class Library : NoCopy {
   std::optional<StartedLibrary> library_;
 };
 
-// While it exists, the library's lines from INFO on go to a file, through the library's own sink
-// and lock. Afterwards the threshold is WARN.
+// While it exists, the library's lines from INFO on go to a file, through the sink and the lock
+// that the library provides. Afterwards the threshold is WARN.
 class LogFile : NoCopy {
  public:
   LogFile();

@@ -35,7 +35,7 @@ std::string kind_of(const LogEvent& event) {
   return kind;
 }
 
-// The kinds of log lines since they were last taken.
+// The kinds of log lines since the last take().
 class ToldKinds {
  public:
   using Counts = std::map<std::string, long>;

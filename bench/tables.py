@@ -84,7 +84,7 @@ def rates(of, to):
 
 
 def latency(percentile, of, to):
-    """The percentile of one side, relative to another."""
+    """A percentile of one side, relative to another."""
     return (of, to), lambda case: (case.latency(of, percentile) / case.latency(to, percentile),) * 3
 
 
@@ -163,8 +163,8 @@ AIMS = [
 
 # ---- The tables ----
 
-# The columns of the guide by their heads; it explains them. Quartiles, and the cases that no table has, are in
-# the CSV.
+# The columns of the guide by their heads, which the guide explains. Quartiles, and the cases that no table has,
+# are in the CSV.
 ROUND_TRIP = {"RTT, ms": lambda case: f"{case.round_trip:g}"}
 THREADS = {"Threads": lambda case: case.threads}
 CONNECTIONS = {"Connections": lambda case: case.connections}

@@ -126,8 +126,8 @@ EXPORTED ssize_t sendmsg(int fd, const msghdr* message, int flags) {
   return send_or_swallow(size, [=] { return syscall(SYS_sendmsg, fd, message, flags); });
 }
 
-// The data is there at once, or the time is over. Other names here, since the system's header
-// declares that these functions do not read their arguments.
+// The data is there at once, or the time is over. The functions have other names here, since the
+// system's header declares that they do not read their arguments.
 int play_or_poll(pollfd* fds, nfds_t count, const timespec* timeout,
                  const sigset_t* signals) asm("ppoll");
 int play_or_poll_checked(pollfd* fds, nfds_t count, const timespec* timeout,

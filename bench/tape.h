@@ -18,7 +18,7 @@ class Tape {
   Tape(const Tape&) = delete;
   Tape& operator=(const Tape&) = delete;
 
-  // Records from now on what is read, a reply for each command that is sent.
+  // From now on records what is read, a reply for each command that is sent.
   void record();
   // From now on commands are discarded, and the replies are repeated in their order.
   void play();

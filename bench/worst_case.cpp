@@ -48,7 +48,7 @@ const std::vector<Fault>& faults() {
          server.restart();
        },
        [](RedisServer&) {}},
-      // Connections stay on what is now a replica, and writes are refused.
+      // Connections stay on the server that is now a replica, and writes are refused.
       {"failover", seconds(15), become_replica, become_primary},
   };
   return all;
