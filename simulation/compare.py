@@ -13,7 +13,7 @@ from pathlib import Path
 
 PROGRAMS = Path(__file__).resolve().parent.parent / "build/bench/simulation"
 
-# The model's parameters for both networks, in microseconds, so that the median of one thread is right.
+# The model's parameters for both networks, in microseconds, chosen so that the median of one thread is right.
 WAYS = {"far away": ("5 ms", {"round-trip": 5140, "service": 10, "host-work": 5}),
         "loopback": ("loopback", {"round-trip": 8, "service": 10, "host-work": 1})}
 POINTS = [(1, 1), (4, 1), (4, 4), (16, 1), (16, 4), (16, 8), (16, 32)]  # threads, connections

@@ -9,12 +9,14 @@
 // connection's lock. The request travels for half the round trip, waits for the server's single
 // thread, is served, and its reply travels back. Then the lock is free, and the thread calls again
 // after some work of its own. A freed lock wakes the thread that has waited longest; a thread that
-// arrives before that one is awake gets it first, as with the system's mutexes. Nothing fails.
+// arrives before the other is awake gets the lock first, as with the system's mutexes. Nothing
+// fails.
 //
 // With auto_pipelining a thread whose connection is busy takes the next free one of that server; if
 // there is none, it leaves its command in the connection's queue. When the connection is free, the
 // oldest of a queue becomes the leader: once awake, it sends all commands of the queue at once,
-// reads all replies, and wakes the next leader and then the others of its batch.
+// reads all replies, and wakes the next leader and then the others of its batch. The library does
+// better: it is in full duplex, and does not wait for a batch to end.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -33,7 +35,7 @@ namespace {
 
 constexpr std::uint64_t seed = 1;
 constexpr std::size_t requests_measured = 200000;
-constexpr std::size_t requests_before = 50000;  // until the queues have found their lengths
+constexpr std::size_t requests_before = 50000;  // until the queues are in a steady state
 
 // The values that the figures cover.
 constexpr std::array<std::size_t, 3> thread_counts{4, 16, 64};
@@ -117,7 +119,7 @@ class Simulation {
     events_.push({now_ + delay, event_count_++, step, thread});
   }
 
-  // By hand: the standard's distributions differ from library to library.
+  // Not a distribution of the standard library, since these differ between implementations.
   double random_time(double mean) {
     const double uniform = (static_cast<double>(random_() >> 11U) + 0.5) * 0x1p-53;
     return -std::log(uniform) * mean;
@@ -276,7 +278,7 @@ class Simulation {
   std::vector<double> latencies_;
 };
 
-// One host: what more connections give to a number of threads. Eight hosts: what more servers give.
+// One host shows what more connections give to its threads, eight hosts what more servers give.
 std::vector<Point> points_of_the_pictures() {
   std::vector<Point> points;
   for (const std::size_t threads : thread_counts) {
