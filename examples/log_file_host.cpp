@@ -49,7 +49,7 @@ int main(int argc, char** argv) {
     const ruvo::library library(argv[2]);
     std::printf("start-up: %s; the log is in %s\n", library.error().message().c_str(), argv[1]);
     code = library.code();
-  }  // ends here, before the log does
+  }  // the library ends here, before the log
 
   BaseLib::Logger::setOutput(nullptr);
   sink.close();

@@ -36,7 +36,7 @@ class login_service {
     if (allowed.no()) {
       return "too many logins";
     }
-    // A user who cannot be counted is not let in.
+    // If Redis cannot count the attempt, the login is refused.
     return allowed.failed()
                ? told(allowed.why(), "")
                : told(sessions_.save(user, {{"name", user}, {"role", "guest"}}), "welcome " + user);

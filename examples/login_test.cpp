@@ -15,7 +15,7 @@ struct memory {
   bool down = false;
 };
 
-// Has only what the service calls: the compiler reports anything that is missing.
+// Has only the functions that the service calls: the compiler reports any that is missing.
 struct memory_backend {
   memory* data;
 

@@ -19,8 +19,8 @@ class rate_limiter {
   rate_limiter(Pool pool, long long most, std::chrono::milliseconds window)
       : pool_(std::move(pool)), most_(most), window_(window) {}
 
-  // Counts a request: may it go on? yes(), no(), or failed() if Redis could not be asked. Only the
-  // host knows what is right then: a login page refuses, a news page goes on.
+  // Counts a request: yes() if it may go on, no() if not, failed() if Redis could not be asked.
+  // Only the host knows what to do then: a login page refuses, a news page goes on.
   ruvo::result<bool> allow(std::string_view client) const {
     const auto count = pool_.increment(key_of(client), 1, window_);
     if (!count) {
@@ -29,7 +29,7 @@ class rate_limiter {
     return *count <= most_;
   }
 
-  // How long it takes until the window of a client ends; none if it has no window.
+  // The time until the window of a client ends; none if it has no window.
   ruvo::result<std::chrono::milliseconds> wait(std::string_view client) const {
     auto left = pool_.ttl(key_of(client));
     return left.absent() ? std::chrono::milliseconds(0) : left;
