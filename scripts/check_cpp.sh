@@ -85,7 +85,7 @@ if g++ -std=c++17 -I"$work" -I"$headers" -fsyntax-only "$work/examples.cpp" 2>"$
   exit 1
 fi
 
-# Without exceptions the program ends with the reason at the place of a throw.
+# Without exceptions the program ends with a message where it would throw.
 cat >"$work/no_exceptions.cpp" <<'CODE'
 #include <ruvo/ruvo.hpp>
 int main() { return ruvo::pool(eTempServer).increment("k").value() > 0 ? 0 : 1; }

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs the examples of README.md, CONTRIBUTING.md and docs/*.md, so that they work as written.
+"""Runs the examples of README.md, CONTRIBUTING.md and docs/*.md, to make sure that they work as written.
 
     scripts/check_docs.py [DOCUMENT...]      (no argument: all of them)
 
@@ -14,7 +14,7 @@ blocks are handled in order, by their info string:
     cmake      a CMakeLists.txt, whose first line names it: configured and built
     text       output and pictures: skipped
 
-Any other block is refused, and so is code without a fence. Files with a name in their first
+Any other block, and code without a fence, is refused. Files with a name in their first
 line ("// host.cpp") are all written before the first command runs. README's configuration files are
 there for every document.
 """
@@ -143,8 +143,8 @@ def descendants(pid):
 
 
 def end_processes():
-    """Ends all processes that this script has started, and those that they have left behind: as a
-    subreaper it is the parent of daemons too."""
+    """Ends all processes that this script has started, and those that they have left behind: this
+    script is a subreaper, and so becomes the parent of daemons."""
     for sent in (signal.SIGTERM, signal.SIGKILL):
         deadline = time.monotonic() + 5
         for pid in list(descendants(os.getpid())):

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Are the libraries and programs named, as installed, hardened as cmake/hardening.cmake says? Only
-# -fstack-clash-protection is not visible: it changes only functions with frames of a page or more, and there may be
-# none.
+# -fstack-clash-protection cannot be checked: it changes only functions with frames of a page or more, which may not
+# occur.
 #
 #   scripts/check_hardening.sh FILE...
 set -euo pipefail
@@ -20,7 +20,7 @@ for file in "$@"; do
   grep -q 'FLAGS_1.*NOW' <<<"$dynamic" || refuse "$file" "binds late (-z now)"
   grep -q 'GNU_RELRO' <<<"$segments" || refuse "$file" "relocations stay writable (-z relro)"
   grep -q 'GNU_STACK .* RW ' <<<"$segments" || refuse "$file" "executable stack (-z noexecstack)"
-  # A library may have no call that could be checked; one that prints has some.
+  # A library may have no call that could be checked; a library that prints has some.
   if grep -qE ' v?[fsn]*printf@' <<<"$imports"; then
     grep -qE '__[a-z]+_chk(@|$)' <<<"$imports" || refuse "$file" "unchecked calls (-D_FORTIFY_SOURCE=2)"
   fi

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the release build into a folder of its own, checks its hardening, and builds the installed examples in
 # place: the hosts and a program through the CMake package, one in C through pkg-config. Runs the programs. Then checks
-# the project as a part of another one, and the uses that it must refuse.
+# the project as a part of another one, and that it refuses unsupported options.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Model checking of the calls that share a connection: the library's own pipeline.cpp on relacy. Three threads in each
-# scenario of tests/model/pipeline_model.cpp: all states of two threads, two and three with few preemptions, and each
-# scenario at random. Then the faults of tests/model/faults.txt, each of which must be found.
+# Model checking of the calls that share a connection: the library's own pipeline.cpp on relacy. Tries all
+# states of two threads, the orders of two and of three threads with few preemptions, and random orders of each scenario
+# of tests/model/pipeline_model.cpp. Then plants the faults of tests/model/faults.txt, each of which must be found.
 #
 #   scripts/check_model.sh [EXECUTIONS]     of each scenario at random (20000)
 set -euo pipefail

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the Debian packages with README's own commands in a fresh Debian (debootstrap), builds and runs programs there
 # against the installed packages, and installs and purges the packages in a second Debian that has nothing else. If
-# there can be no fresh Debian it says why, builds the packages here and unpacks them into a folder.
+# a fresh Debian cannot be made, it says why, builds the packages here and unpacks them into a folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,7 +35,7 @@ make_root() {
     reason="debootstrap failed: $(tail -n 1 "$work/debootstrap.log")"
     return 1
   fi
-  # Nobody answers questions there, and no server is started.
+  # Packages ask no questions there and start no server.
   echo 'APT::Get::Assume-Yes "true"; APT::Install-Recommends "false";' \
     >"$bare/etc/apt/apt.conf.d/90check"
   printf '#!/bin/sh\nexit 101\n' >"$bare/usr/sbin/policy-rc.d"
@@ -83,7 +83,7 @@ c++ "$examples/log_file_host.cpp" -o "$2/log_file_host" \
   $(pkg-config --cflags --libs ruvo stream_log) "$link"
 "$1/usr/bin/ruvo_cli" --version
 
-# The targets of the guides' links exist.
+# The targets of the guides' links must exist.
 cd "$1/usr/share/doc/ruvo-tools/docs"
 grep -Eo ']\([^):]+\)' ./*.md | sed -E 's/^([^:]*):]\(([^)#]*).*/\1 \2/' | while read -r guide target; do
   [ -z "$target" ] || [ -e "$target" ] || { echo "$guide: no $target" >&2; exit 1; }

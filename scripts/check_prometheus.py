@@ -80,7 +80,7 @@ class Prometheus:
 
 
 def write_statistics(folder, is_ended):
-    """The work of a timer on a host's machine."""
+    """Does the work of a timer on a host's machine."""
     while not is_ended.is_set():
         text = subprocess.run([BUILD / "tools/cli/ruvo_cli", "stats", folder / "ruvo.stats", "--prometheus"],
                               check=False, capture_output=True, text=True)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the tests that need a Redis, and a minute of chaos, against other servers and versions: those of Debian's
-# suites, unpacked into a folder and started from there. Prints the table of docs/compatibility.md.
+# Runs the tests that need a Redis, and half a minute of chaos in each of two modes, against other servers and versions:
+# those of Debian's suites, unpacked into a folder and started from there. Prints a table of the results.
 #
 #   scripts/check_servers.sh [SUITE/PACKAGE...]     (no argument: all of the list below)
 #

@@ -8,7 +8,7 @@ cmake --preset bench -B build/check -DRUVO_BUILD_TESTS=ON >/dev/null
 cppcheck --project=build/check/compile_commands.json --enable=warning,performance,portability \
   --library=googletest --suppress='*:/usr/*' --inline-suppr --error-exitcode=1 --quiet -j "$(nproc)"
 
-# The C that hosts start from; the header comes with it.
+# The C example for hosts; it includes the headers.
 gcc -std=c99 -Wall -Wextra -Werror -fanalyzer -Ibuild/check/include -c -o /dev/null \
   examples/installed_package/program.c
 echo "cppcheck and the analyser find nothing"

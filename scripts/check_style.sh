@@ -16,8 +16,8 @@ fi
 clang-format --dry-run --Werror "${sources[@]}"
 
 # The files that the build compiles, including the benchmarks; headers are checked through them. One file at a time and
-# the largest first, so that the processors end together. The limits stop an exploding template before it exhausts the
-# machine; in the foreground CTRL-C reaches it.
+# the largest first, so that the processors end together. The limits stop a template that expands without end before it
+# exhausts the machine; in the foreground CTRL-C reaches it.
 cmake --preset bench -B build/check -DRUVO_BUILD_TESTS=ON >/dev/null
 tidied=('*.cpp' ':!examples/installed_package' ':!tests/ruvo_hpp_mistakes.cpp')
 [ "${1:-}" != --libraries ] || tidied=('src/*.cpp' 'platform/*.cpp' examples/quick_start.cpp)

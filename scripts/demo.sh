@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Shows the library at work: builds it, starts throwaway servers on loopback, runs a host with eight threads on them
-# (ruvo_chaos, which checks every value), kills one of a pool's two servers meanwhile and brings it back.
+# (ruvo_chaos, which checks every value), and meanwhile kills one of a pool's two servers and restarts it.
 #
 #   scripts/demo.sh [--shards N]     DEMO_SECONDS=N in the environment: how long the host runs (12)
 #
@@ -34,8 +34,8 @@ cmake --build build/demo --target ruvo_chaos
 . scripts/throwaway.sh
 reads() { [ "$(redis-cli -p "$1" exists probe)" = 0 ]; }
 
-# A shard writes each change to a file before it answers, and reads the file when it starts. Without fsync: while one
-# takes long on a busy disk, Redis delays writes, and a kill would lose them.
+# A shard writes each change to a file before it answers, and reads the file when it starts. Without fsync: Redis
+# delays writes while a fsync takes long on a busy disk, and a kill would lose the delayed ones.
 start_shard() {  # name
   mkdir -p "$work/$1"
   redis-server --port "${port_of[$1]}" --bind 127.0.0.1 --save '' --appendonly yes \
@@ -113,7 +113,7 @@ build/demo/tools/chaos/ruvo_chaos --config "$work/sruvo.conf" --throwaway --log 
   --seconds "$seconds" --threads 8 --outside-faults "$faults" &
 pid_of[host]=$!
 
-sleep $((pause + 1)) # it warms up for a second
+sleep $((pause + 1)) # the host warms up for a second
 kill_hard temp-proxy-1
 sleep "$pause"
 echo "--- temp-proxy-1 starts again"

@@ -19,7 +19,7 @@ set datafile separator ","
 set terminal svg size 900,430 noenhanced font "sans,13" background "white"
 set grid
 set key below maxrows 3
-# The points of one picture and one number of threads; all others become NaN and are left out.
+# The points of one picture and one number of threads; all others become NaN, which is not drawn.
 of(name, threads, value) = strcol(1) eq name && column(3) == threads ? value : NaN
 
 set output "scaling_connections.svg"

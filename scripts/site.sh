@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Simulates a site with failover: a primary and a replica, three Sentinels, and two HAProxies that lead to the primary,
-# all throwaway and on loopback. A host with 16 threads writes and reads through the HAProxies while the primary is
+# Simulates a site with failover: a primary and a replica, three Sentinels, and two HAProxies that connect to the
+# primary, all throwaway and on loopback. A host with 16 threads writes and reads through the HAProxies while the primary is
 # failed over by command, and then killed. Prints the host's results each second.
 #
 #   scripts/site.sh [--check sentinel|role] [--without-keys] [--require-none]
 #
 #   --check         how HAProxy finds the primary: it asks the Sentinels (sentinel), or each Redis for its role
 #                   (role); the files are examples/site/haproxy_*.cfg
-#   --without-keys  leaves recommended_defaults out
+#   --without-keys  omits recommended_defaults
 #   --require-none  fails if a call failed
 #
 # SITE_SECONDS=N in the environment: how long the host runs (30).
@@ -80,7 +80,7 @@ knows_the_others() {  # port of a Sentinel
   known=$(redis-cli -p "$1" sentinel master $SITE)
   [[ $known == *num-slaves$'\n'1* && $known == *num-other-sentinels$'\n'2* ]]
 }
-leads_to_the_primary() {  # port of an HAProxy, which may lead to each Redis in turn
+leads_to_the_primary() {  # port of an HAProxy, which may use both Redis servers round-robin
   for _ in 1 2 3 4 5 6; do
     [ "$(role_of "$1")" = master ] || return 1
   done
@@ -136,7 +136,7 @@ sleep 4
 former=$(primary)
 echo "--- SENTINEL FAILOVER, away from $former"
 redis-cli -p "${port_of[sentinel-1]}" sentinel failover $SITE >/dev/null
-wait_for is_replica "$former"  # takes ten seconds; without a replica no server can take over
+wait_for is_replica "$former"  # ten seconds: without a replica no server can take over
 sleep 2
 killed=$(primary)
 kill_hard "$killed"

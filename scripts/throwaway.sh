@@ -1,5 +1,5 @@
-# Programs that a script starts on loopback and that end with it; sourced by demo.sh and site.sh. Nothing remains of
-# them, however the script ends.
+# Programs that a script starts on loopback and that end with it; sourced by demo.sh and site.sh. They leave
+# nothing behind, however the script ends.
 
 work=$(mktemp -d)
 declare -A pid_of   # the programs that the script has started, by name

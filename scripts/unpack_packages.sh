@@ -27,7 +27,7 @@ APT::Architectures {"$architecture";};
 APT::Install-Recommends "false";
 APT::Sandbox::User "root";
 Acquire::Languages "none";
-Acquire::Check-Valid-Until "false"; // what an old mirror signed is signed all the same
+Acquire::Check-Valid-Until "false"; // the index of an old mirror may have expired
 END
 export APT_CONFIG=$apt/apt.conf
 apt-get update -q >"$apt/log" 2>&1 && apt-get install -q -y --download-only "$@" >>"$apt/log" 2>&1 ||
