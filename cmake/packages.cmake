@@ -75,12 +75,12 @@ and the manual page libruvo(3).")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ruvo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
-# dpkg-shlibdeps finds the project's own libraries here, but not their package.
+# dpkg-shlibdeps finds the project's own libraries here, but not the package that contains them.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src
                                                 ${PROJECT_BINARY_DIR}/platform/stream_log)
 # The tools read the library's log lines, so they need the version that they were built with.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libruvo1 (= ${PROJECT_VERSION})")
-# ruvo_chaos starts Redis servers, unless it is told which to use.
+# ruvo_chaos starts Redis servers, unless its options name some.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS redis-server)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Redis through libruvo, from the command line
 ${about}

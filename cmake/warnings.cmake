@@ -22,6 +22,6 @@ if(RUVO_SANITIZE)
                                                     -fno-omit-frame-pointer)
   target_link_options(ruvo_build_flags INTERFACE -fsanitize=${RUVO_SANITIZE})
 else()
-  # Sanitizers leave symbols that their own library defines.
+  # Sanitizers leave symbols undefined that their own library defines.
   target_link_options(ruvo_build_flags INTERFACE -Wl,-z,defs)
 endif()
