@@ -27,7 +27,7 @@ function end_version(   command, stamp) {
 
 /^## / {
   end_version()
-  # "## [1.0.0] - 2026-11-21"; an unreleased entry has no date, and is left out
+  # "## [1.0.0] - 2026-11-21"; an unreleased entry has no date, and is skipped
   if (NF == 4) {
     printf "libruvo (%s) unstable; urgency=medium\n", substr($2, 2, length($2) - 2)
     date = $4
