@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Simulates a site with failover: a primary and a replica, three Sentinels, and two HAProxies that connect to the
-# primary, all throwaway and on loopback. A host with 16 threads writes and reads through the HAProxies while the primary is
-# failed over by command, and then killed. Prints the host's results each second.
+# primary, all throwaway and on loopback. A host with 16 threads writes and reads through the HAProxies while the primary
+# is failed over by command, and then killed. Prints the results of the host each second.
 #
 #   scripts/site.sh [--check sentinel|role] [--without-keys] [--require-none]
 #
