@@ -156,7 +156,7 @@ std::string given_by(std::string text) {
   return text.substr(0, std::min(text.find(": "), text.find(", ")));
 }
 
-// The value behind the word at the start of a line.
+// The value after the word at the start of a line.
 std::string value_behind(const std::string& word, const std::string& text) {
   const std::size_t at = text.find("\n" + word + " ");
   if (at == std::string::npos) {

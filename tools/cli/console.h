@@ -37,6 +37,6 @@ bool is_terminal(std::size_t lines);
 void catch_end_signals();
 void block_end_signals();
 bool is_end_wanted();
-bool wait_for_end(int milliseconds);  // waits at most so long; true if the tool is to end
+bool wait_for_end(int milliseconds);  // true if the tool is to end
 
 #endif

@@ -62,7 +62,7 @@ std::string_view bytes_of(const Text& text) noexcept {
   }
 }
 
-// Does its type guarantee a zero byte behind it?
+// Does its type guarantee a zero byte after it?
 template <typename Text>
 inline constexpr bool is_terminated =
     std::is_convertible_v<const Text&, const char*> || std::is_same_v<Text, std::string>;
@@ -163,7 +163,7 @@ class bytes_view {
 };
 
 /// A value, field, element or member that the library may print: any bytes. Short ones are copied
-/// unless there is a zero byte behind them, so that no level of the log reads past them.
+/// unless there is a zero byte after them, so that no level of the log reads past them.
 class c_bytes {
  public:
   /// No bytes.

@@ -42,7 +42,7 @@ int read_size(const char*& at) {
   return 0;
 }
 
-// `at` is behind the "%" and is moved behind the directive.
+// `at` is just after the "%", and is moved past the directive.
 directive read_directive(const char*& at) {
   directive result;
   skip_position(at);

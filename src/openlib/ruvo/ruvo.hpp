@@ -832,7 +832,7 @@ class basic_pool : private Backend {
     return detail::answer<T>(*got);
   }
 
-  // Sends the words of a range behind `head`, in as many commands as needed, and hands each answer
+  // Sends the words of a range after `head`, in as many commands as needed, and hands each answer
   // to `take`. The words come in groups of `together`, which begin with a key, if there are keys.
   enum class first_word : bool { key, any };
   template <typename T, typename Take = ignore>

@@ -36,7 +36,7 @@ struct ruvo_pool_stats;
 struct server_node {
   std::vector<conn_node> context_arr_;
   server_addr addr_;
-  std::int32_t failure_count_ = 0;      // failures since the last reconnection or retry
+  std::int32_t failure_count_ = 0;      // failures since the last event that cleared them
   std::time_t next_retry_time_ = 0;     // when an ejected server may be retried; 0: not set
   server_probe probe_;                  // used while it is ejected, or its pool does not answer
   ruvo_server_stats* stats_ = nullptr;  // null: no statistics
