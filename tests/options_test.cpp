@@ -109,6 +109,56 @@ TEST_F(Options, EjectSilentServersClearsFailuresWithAnyReplyOnTheNewConnection) 
 }
 
 // The next server has just gone down; the other is up, but ejected for an earlier fault.
+TEST_F(Options, EjectSilentServersCountsEachCallThatEndsWhileTheServerIsSilent) {
+  const auto hang_at_login = [](Peer& peer) {
+    if (peer.number() < at_start) {
+      peer.read_command();
+      peer.send("+OK\r\n");
+      peer.read_command();
+    } else {
+      peer.hang();
+    }
+  };
+  // clang-format off
+  const struct { ScriptedServer::Script script; std::string server; } cases[] = {
+      {hang, ""}, {hang_at_login, passwords}};  // the deadline ends the wait for a reply, or a rebuild
+  // clang-format on
+  for (const auto& one : cases) {
+    for (const std::string pipelining : {"", "auto_pipelining = true\n"}) {
+      const ScriptedServer silent(one.script);
+      start(pipelining + "eject_silent_servers = true\ncall_timeout = 100", silent.addr(),
+            one.server);
+      for (int calls = 1; calls <= 2; ++calls) {
+        EXPECT_EQ(get(), -1);
+        EXPECT_EQ(failures(0), calls) << pipelining << one.server;
+      }
+    }
+  }
+}
+
+// A refusal says that the command has not run. When it is sent again, that no longer holds.
+TEST_F(Options, SendOnceHoldsWhatIsSentAgainAfterARefusal) {
+  const auto refuse = [](Peer& peer) { peer.answer_all("-READONLY no\r\n"); };
+  for (const std::string pipelining : {"", "auto_pipelining = true\n"}) {
+    const std::string options =
+        pipelining + "failover_replies = READONLY\nraw_commands_stay_in_pool = true\n";
+    std::atomic<int> commands{0};
+    const ScriptedServer other([&](const std::vector<std::string>&) {
+      ++commands;
+      return nil;
+    });
+    const ScriptedServer closes(later(refuse, close_it));
+    start(options + "send_once = true", closes.addr() + "," + other.addr());
+    EXPECT_FALSE(get_raw("INCR k")) << pipelining;
+    EXPECT_EQ(commands, 0);
+    EXPECT_EQ(log_.count_containing("not sent again: it may have run"), 1);
+    // Otherwise a call that runs out of time ends with the refusal.
+    const ScriptedServer hangs(later(refuse, hang));
+    start(options + "call_timeout = 200", hangs.addr());
+    EXPECT_TRUE(get_raw("GET k"));
+  }
+}
+
 TEST_F(Options, TryEjectedServersAnswersFromASkippedServer) {
   const ScriptedServer up(answer);
   for (const bool tries : {false, true}) {
@@ -117,7 +167,7 @@ TEST_F(Options, TryEjectedServersAnswersFromASkippedServer) {
     server(1).next_retry_time_ = std::time(nullptr) + 100;
     EXPECT_EQ(get(), tries ? RUVO_ERR_NOT_FOUND : -1);  // the answer is nil
     EXPECT_EQ(failures(0), 1);
-    EXPECT_EQ(failures(1), 5);
+    EXPECT_EQ(failures(1), tries ? 0 : 5);  // its reply ends the ejection
   }
 }
 

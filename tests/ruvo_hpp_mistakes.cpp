@@ -98,6 +98,11 @@ void mistake() {
 #elif MISTAKE == 27  // ruvo: what is set is a range of pairs
   keep(temp.hset("k", "f", 5s));
 
+#elif MISTAKE == 48  // ruvo: keys are a range of texts
+  keep(temp.remove(fields));
+#elif MISTAKE == 49  // ruvo: what is set is a range of pairs
+  keep(temp.mset(std::map<std::string, std::vector<std::string> >()));
+
 // Results that are dropped or misread
 #elif MISTAKE == 28  // unused-result
   temp.set("k", "v");

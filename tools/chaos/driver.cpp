@@ -21,12 +21,16 @@ milliseconds between(std::mt19937_64& plan, int shortest, int longest) {
 
 bool is_of_all_servers(Fault fault) { return fault == away || fault == long_away; }
 
+// So that a long run holds no more memory than a short one. No call lasts as long.
+bool is_forgotten(const Outage& past) { return past.to < Clock::now() - std::chrono::minutes(5); }
+
 double seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
 
 }  // namespace
 
 void FaultRecord::begin(const std::string& server) {
   const std::scoped_lock lock(mutex_);
+  std::erase_if(spans_, [](const Span& span) { return is_forgotten(span.time); });
   spans_.push_back({server, {Clock::now(), Clock::time_point::max()}});
 }
 
@@ -47,6 +51,7 @@ bool FaultRecord::touches(const std::string& server, Clock::time_point from,
 
 void FaultRecord::begin_outage(int pool) {
   const std::scoped_lock lock(mutex_);
+  std::erase_if(outages_.at(index_of(pool)), is_forgotten);
   outages_.at(index_of(pool)).push_back({Clock::now(), Clock::time_point::max()});
 }
 

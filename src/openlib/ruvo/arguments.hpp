@@ -325,10 +325,20 @@ inline constexpr bool
 
 template <typename T>
 inline constexpr bool is_list = is_word<T> && !is_single_word<T> && !is_pair<T>;
+template <typename T>
+inline constexpr bool is_name_and_value = false;
+template <typename A, typename B>
+inline constexpr bool is_name_and_value<std::pair<A, B>> =
+    is_text<std::decay_t<A>>&& is_single_word<std::decay_t<B>>;
 template <typename T, typename = void>
 inline constexpr bool is_list_of_pairs = false;
 template <typename T>
-inline constexpr bool is_list_of_pairs<T, std::void_t<element_of<T>>> = is_pair<element_of<T>>;
+inline constexpr bool is_list_of_pairs<T, std::void_t<element_of<T>>> =
+    is_name_and_value<element_of<T>>;
+template <typename T, typename = void>
+inline constexpr bool is_list_of_texts = false;
+template <typename T>
+inline constexpr bool is_list_of_texts<T, std::void_t<element_of<T>>> = is_text<element_of<T>>;
 
 }  // namespace detail
 /// @endcond
@@ -349,7 +359,7 @@ class words {
   words() = default;
   /// These words; see add.
   template <typename First, typename... More,
-            typename = std::enable_if_t<!std::is_same_v<First, words>>>
+            typename = std::enable_if_t<(sizeof...(More) > 0) || !std::is_same_v<First, words>>>
   explicit words(const First& first, const More&... more) {
     add(first);
     (add(more), ...);

@@ -73,14 +73,6 @@ reply_ptr wait_for_reply(redisContext& context, const wait_limits& limits) {
   }
 }
 
-ssize_t receive(redisContext& context, std::span<char> buffer, int flags) {
-  ssize_t received = 0;
-  do {
-    received = ::recv(context.fd, buffer.data(), buffer.size(), flags);
-  } while (received < 0 && errno == EINTR);
-  return received;
-}
-
 // Has the reader begun a reply that is not complete?
 bool is_mid_reply(const redisReader& reader) { return reader.ridx > 0 || reader.len > reader.pos; }
 
@@ -236,7 +228,16 @@ wait_end receive_some(redisContext& context, std::chrono::microseconds socket_ti
   }
   std::array<char, small_read> small;
   const std::span<char> buffer = large ? std::span(large.get(), large_read) : std::span(small);
-  const ssize_t received = receive(context, buffer, flags);
+  ssize_t received = 0;
+  while ((received = ::recv(context.fd, buffer.data(), buffer.size(), flags)) < 0 &&
+         errno == EINTR) {
+    if (until != no_deadline) {  // the socket's timeout would begin anew
+      if (wait_for_peer(context, POLLIN, until) == wait_end::timed_out) {
+        return wait_end::timed_out;
+      }
+      flags = MSG_DONTWAIT;
+    }
+  }
   if (received > 0) {
     if (redisReaderFeed(context.reader, buffer.data(), static_cast<std::size_t>(received)) ==
         REDIS_OK) {

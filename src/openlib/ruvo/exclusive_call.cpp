@@ -50,6 +50,7 @@ send_end exclusive_call::send() {
 send_end exclusive_call::send_again(rebuilder& rebuilder) {
   context_ptr fresh = rebuilder.rebuild();
   if (!fresh) {
+    call_.rebuild_failed = true;
     return limits_.has_passed() ? send_end::out_of_time : send_end::rebuild_failed;
   }
   replace_context(slot_, std::move(fresh));
@@ -58,6 +59,7 @@ send_end exclusive_call::send_again(rebuilder& rebuilder) {
 
 void exclusive_call::give_up(const char* reason) {
   call_.error = connection_error(REDIS_ERR_OOM, reason);
+  call_.was_sent = false;
   set_error(*slot_.context_, call_.error);
 }
 

@@ -19,7 +19,9 @@ std::int64_t ticks(time_point at) {
 
 // Keeps hosts that lost a server at the same moment from probing it at the same moment.
 std::chrono::nanoseconds with_jitter(std::chrono::nanoseconds pause) {
-  thread_local std::minstd_rand random(std::random_device{}());
+  // A std::random_device may throw.
+  thread_local std::minstd_rand random(static_cast<std::minstd_rand::result_type>(
+      ticks(steady_clock::now()) ^ reinterpret_cast<std::intptr_t>(&random)));
   std::uniform_int_distribution<std::int64_t> part(0, pause.count() / 2);
   return pause - std::chrono::nanoseconds(part(random));
 }

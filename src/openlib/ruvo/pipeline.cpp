@@ -38,9 +38,11 @@ bool is_check_due(const pipeline_state& state, time_point now) {
 // Before a write with nothing in flight: a command that must not be resent must not be lost on a
 // connection that its server has closed.
 bool needs_check(const pipeline_state& state, time_point now) {
-  const queued_call* const next = state.head();
-  return is_check_due(state, now) ||
-         (next != nullptr && next->must_not_resend && !next->is_second_send && !state.was_checked);
+  const queued_call* next = state.head();
+  while (next != nullptr && (!next->must_not_resend || next->is_second_send)) {
+    next = next->next;
+  }
+  return is_check_due(state, now) || (next != nullptr && !state.was_checked);
 }
 
 // Is the next command one that must be sent alone? Second sends come before it.
@@ -209,6 +211,8 @@ void pipelined_call::give_up(const char* reason) {
   guard lock(slot_);
   lock.lock();
   call_.error = connection_error(REDIS_ERR_OOM, reason);
+  call_.was_sent = false;
+  call_.written = 0;
   // Of the calls that share an event, only the first counts it.
   call_.counts_failure = call_.sent_after == slot_.rebuilds_ && !state_.is_ending && !is_broken();
   if (call_.counts_failure) {
@@ -391,7 +395,8 @@ void pipelined_call::put_in_flight(queued_call& call, time_point now) {
 std::size_t pipelined_call::take_batch(std::span<queued_call*> batch, time_point now) {
   std::size_t count = 0;
   std::size_t bytes = 0;
-  const std::size_t most = state_.is_alone ? 1 : batch.size();
+  // A connection that is ending takes the rest of a command, and no more.
+  const std::size_t most = state_.is_alone || state_.is_ending ? 1 : batch.size();
   for (queued_call* call = state_.unsent.front(); call != nullptr && count < most;) {
     queued_call* const next = call->next;
     if (now < call->deadline || call->written > 0) {
@@ -464,10 +469,17 @@ void pipelined_call::note_written(guard& lock, std::span<queued_call*> batch, st
     queued_call& call = *batch[i];
     call.is_being_written = false;
     if (call.where == place::nowhere) {
+      if (call.written < call.wire->length()) {  // what it got is the answer to nothing
+        state_.end = out_of_step_error();
+        break_off();
+      }
       lock.send_signal(call, queued_call::done);
-    } else if (call.written < call.wire->length()) {
+      continue;
+    }
+    if (call.written < call.wire->length()) {
       put_back(call);
-    } else if (call.is_leaving) {
+    }
+    if (call.is_leaving) {
       lock.send_signal(call, queued_call::recheck);
     }
   }
@@ -526,7 +538,7 @@ void pipelined_call::check_in_step(guard& lock, time_point now) {
   state_.known_round_trip = std::exchange(state_.round_trip, std::chrono::nanoseconds(0));
   lock.unlock();
   if (quiet > now) {
-    wait_for_peer(*slot_.context_, POLLIN, quiet);
+    wait_for_peer(*slot_.context_, POLLIN, std::min({quiet, now + longest_check, call_.deadline}));
   }
   const connection_error found = check_unused(*slot_.context_);
   lock.lock();
@@ -571,6 +583,9 @@ void pipelined_call::read(guard& lock, time_point now) {
   if (has_received) {
     state_.last_arrival = now;
   }
+  if (state_.is_broken) {  // by another thread, which has told the reason
+    set_error(context, state_.end);
+  }
   if (context.err == 0 && end == wait_end::timed_out && now < call_.deadline) {
     set_error(context, timeout_error());
   }
@@ -588,6 +603,11 @@ void pipelined_call::deliver(guard& lock, std::span<redisReply*> replies, time_p
   for (redisReply* received : replies) {
     reply_ptr reply(received);
     queued_call* const first = state_.in_flight.front();
+    if (first == nullptr && state_.replies_to_skip == 0) {  // its command has been put back
+      state_.end = out_of_step_error();
+      break_off();
+      continue;
+    }
     if (first == nullptr) {
       set_replies_to_skip(state_, state_.replies_to_skip - 1);
       continue;
@@ -601,7 +621,6 @@ void pipelined_call::deliver(guard& lock, std::span<redisReply*> replies, time_p
     call.reply = std::move(reply);
     call.is_first_reply = std::exchange(slot_.awaits_first_reply_, false);
     state_.has_answered = true;
-    state_.silence_counted = false;
     const std::chrono::nanoseconds round_trip = now - call.sent_at;
     if (state_.round_trip.count() == 0 || round_trip < state_.round_trip) {
       state_.round_trip = round_trip;
@@ -616,6 +635,9 @@ void pipelined_call::deliver(guard& lock, std::span<redisReply*> replies, time_p
   }
   wake_next(lock);
   for (bool has_replied = !replies.empty(); may_write(now, has_replied) == write_chance::now;) {
+    if (state_.in_flight.empty() && needs_check(state_, now)) {
+      break;  // a check may wait: that is for the next call, not for those that are served
+    }
     write(lock, now);
     has_replied = false;
   }
@@ -737,11 +759,13 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
   state_.is_rebuilding = false;
   if (fresh) {
     replace_context(slot_, std::move(fresh));
-    state_.has_answered = state_.silence_counted = false;
+    state_.has_answered = false;
     state_.round_trip = state_.known_round_trip = std::chrono::nanoseconds(0);
     state_.last_check = clock::now();
   } else if (clock::now() < call_.deadline) {
     share_failed_rebuild(lock);
+  } else {
+    call_.rebuild_failed = call_.counts_failure = true;
   }
   wake_next(lock);
 }
@@ -781,8 +805,11 @@ void pipelined_call::leave(guard& lock) {
       state_.is_alone = false;
       check_idle_connection();
     }
-    if (state_.last_arrival <= call_.sent_at) {
-      call_.counts_failure = !std::exchange(state_.silence_counted, true);
+    // Calls that were in flight together share a silence.
+    if (state_.last_arrival <= call_.sent_at && state_.last_silence <= call_.sent_at) {
+      call_.counts_failure = true;
+      state_.last_silence = clock::now();
+      slot_.awaits_first_reply_ = true;  // which ends the silence
     }
   } else if (call_.where != place::nowhere) {
     (call_.where == place::alone ? state_.alone : state_.unsent).remove(call_);

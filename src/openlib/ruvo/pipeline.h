@@ -57,6 +57,7 @@ constexpr std::size_t max_write_bytes = std::size_t{64} << 10U;
 // How often a connection under constant traffic is drained, to check whether it is in step.
 constexpr std::chrono::milliseconds check_interval{100};
 constexpr int check_round_trips = 64;
+constexpr std::chrono::milliseconds longest_check{20};  // waits no longer for a stray reply
 
 constexpr std::size_t calls_per_word = 32;  // that sleep on it
 constexpr std::size_t sleep_words = 8;      // further calls share bits: spurious wakes
@@ -90,14 +91,14 @@ struct pipeline_state {
   bool is_alone = false;    // the command in flight was sent alone
   bool is_ending = false;   // takes no more commands; given up once nothing is in flight
   bool has_failed_to_write = false;
-  bool is_broken = false;        // the break waits for a thread that reads or writes
-  bool has_answered = false;     // since it was opened
-  bool silence_counted = false;  // as a failure of the server
-  bool was_checked = false;      // whether it is in step, since the last write
-  connection_error end;          // why it is given up
+  bool is_broken = false;     // the break waits for a thread that reads or writes
+  bool has_answered = false;  // since it was opened
+  bool was_checked = false;   // whether it is in step, since the last write
+  connection_error end;       // why it is given up
   time_point last_write{};
   std::chrono::microseconds pause{0};  // after the last write
   time_point last_arrival{};           // of bytes
+  time_point last_silence{};           // that a call has counted as a failure
   time_point last_check{};
   std::chrono::nanoseconds round_trip{0};          // the shortest since the last check
   std::chrono::nanoseconds known_round_trip{0};    // the shortest before it

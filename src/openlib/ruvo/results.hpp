@@ -291,6 +291,9 @@ class [[nodiscard]] result : public valued<T> {
   result(T value) noexcept : valued<T>(std::move(value)) {}
   /// A failure.
   result(failure why) noexcept : valued<T>(std::move(why)) {}
+  /// A failure, from a code that would otherwise convert to a value.
+  template <typename Code, std::enable_if_t<std::is_same_v<Code, RuvoResult>, int> = 0>
+  result(Code why) noexcept : result(failure(why)) {}
 
   /// Is there a value?
   explicit operator bool() const noexcept { return !this->failed(); }
@@ -312,9 +315,13 @@ class [[nodiscard]] result<bool> : public valued<bool> {
   result(bool value) noexcept : valued(value) {}
   /// A failure.
   result(failure why) noexcept : valued(std::move(why)) {}
+  /// A failure, from a code that would otherwise convert to a value.
+  template <typename Code, std::enable_if_t<std::is_same_v<Code, RuvoResult>, int> = 0>
+  result(Code why) noexcept : result(failure(why)) {}
   // Other types that convert to bool, such as numbers and pointers, are no answer.
-  template <typename Other,
-            typename = std::enable_if_t<std::is_arithmetic_v<Other> || std::is_pointer_v<Other>>>
+  template <typename Other, typename = std::enable_if_t<
+                                std::is_arithmetic_v<Other> || std::is_pointer_v<Other> ||
+                                (std::is_enum_v<Other> && !std::is_same_v<Other, RuvoResult>)>>
   result(Other) = delete;
 
   /// Did the call succeed, and is the answer yes?

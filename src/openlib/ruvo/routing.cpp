@@ -105,12 +105,13 @@ void ruvo_redis::update_server_ok(server_node* svc_node) { clear_failures(*svc_n
 // Pushes the retry time forward on every failure, so that a server stays ejected for the whole
 // retry timeout after its latest one.
 void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType redisSrvType) {
+  const server_pool& pool = getPool(redisSrvType);
+  const std::time_t next_retry = std::time(nullptr) + pool.retry_timeout_;
+  // First, so that no thread finds the limit reached and an old time.
+  std::atomic_ref(svc_node->next_retry_time_).store(next_retry);
   const std::int32_t failures = std::atomic_ref(svc_node->failure_count_).fetch_add(1) + 1;
   RUVO_LOG(DEBUG, "ruvo_redis::update_server_failed | server, ip:%s port:%d failure count:%d",
            ip_of(svc_node->addr_), port_of(svc_node->addr_), failures);
-  const server_pool& pool = getPool(redisSrvType);
-  const std::time_t next_retry = std::time(nullptr) + pool.retry_timeout_;
-  std::atomic_ref(svc_node->next_retry_time_).store(next_retry);
   note_failures(svc_node->stats_, failures, next_retry);
   if (pool.auto_eject_ && static_cast<std::uint32_t>(failures) == pool.failure_limit_) {
     count(svc_node->stats_, &server_counters::ejections);

@@ -866,7 +866,7 @@ class basic_pool : private Backend {
 
   template <typename Keys>
   static words keys_of(const Keys& keys) {
-    static_assert(detail::is_list<Keys>, "ruvo: keys are a range of texts");
+    static_assert(detail::is_list_of_texts<Keys>, "ruvo: keys are a range of texts");
     return words(keys);
   }
   template <typename Pairs>

@@ -166,7 +166,7 @@ ruvo_stats_result result_of(int code) noexcept {
     case RUVO_NOTHING_DONE:
       return RUVO_STATS_NOTHING_DONE;
     case RUVO_ERR_FAILED:
-      return std::exchange(latest_cause, RUVO_STATS_OTHER_FAILURE);
+      return latest_cause;
     case RUVO_ERR_NULL_ARGUMENT:
       return RUVO_STATS_BAD_ARGUMENT;
     case RUVO_ERR_NO_MEMORY:

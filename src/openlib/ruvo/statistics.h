@@ -140,6 +140,7 @@ class call_timer {
     if (pool_ != nullptr) {
       record_call(*pool_, code == RUVO_OK ? RUVO_STATS_OK : result_of(code),
                   call_clock::now() - std::exchange(call_begin, call_clock::time_point()));
+      latest_cause = RUVO_STATS_OTHER_FAILURE;
     }
   }
   // With the redisReply of a raw command; null if there is none.

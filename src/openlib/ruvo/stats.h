@@ -324,6 +324,10 @@ static inline void ruvo_stats_read_server(const struct ruvo_server_stats* server
     sum->ejections += ruvo_stats_load(&from->ejections);
     sum->retries += ruvo_stats_load(&from->retries);
   }
+  if (sum->waiting >
+      UINT64_MAX / 2) {  // one that began in a lane after it was read ended in another
+    sum->waiting = 0;
+  }
 }
 
 /// Visits of a server that are under way and do not wait for a connection.

@@ -72,8 +72,7 @@ class visitor {
       redis_.update_server_ok(&server_);  // a rebuilt connection alone proves nothing
     }
     count_end(end);
-    const bool was_sent = call_.state().was_sent && !refusal_;
-    return {end_of_visit(end), was_sent,
+    return {end_of_visit(end), call_.state().was_sent,
             end == send_end::replied ? call_.take_reply() : std::move(refusal_)};
   }
 
@@ -84,8 +83,9 @@ class visitor {
 
   send_end send_again() {
     connection_rebuilder rebuilder(redis_, server_, command_.deadline, times_);
+    const bool was_sent = call_.state().was_sent;
     const send_end end = timed([&] { return call_.send_again(rebuilder); });
-    if (end == send_end::replied || end == send_end::unanswered) {
+    if (was_sent && (end == send_end::replied || end == send_end::unanswered)) {
       count(server_.stats_, &server_counters::second_sends);
     }
     return end;
@@ -93,8 +93,9 @@ class visitor {
 
   template <typename Send>
   send_end timed(const Send& send) {
+    const time_point sent_before = call_.state().sent_at;
     const send_end end = send();
-    if (times_ != nullptr && call_.state().was_sent) {
+    if (times_ != nullptr && call_.state().sent_at != sent_before) {
       times_->replies += clock::now() - call_.state().sent_at;
     }
     return end;
@@ -112,9 +113,7 @@ class visitor {
   }
 
   // The command was sent, and no reply says that it was not run.
-  bool may_have_run() const {
-    return command_.must_not_resend && call_.state().was_sent && !refusal_;
-  }
+  bool may_have_run() const { return command_.must_not_resend && call_.state().was_sent; }
 
   void log_broken_connection() const {
     redis_.getPool(command_.pool).outage_.note_break();
@@ -129,7 +128,8 @@ class visitor {
   void count_failure(send_end end) {
     const bool is_silent = redis_.options().eject_silent_servers && !command_.wire.refused();
     const bool is_unanswered =
-        end == send_end::unanswered || (end == send_end::out_of_time && call_.state().was_sent);
+        end == send_end::unanswered ||
+        (end == send_end::out_of_time && (call_.state().was_sent || call_.state().rebuild_failed));
     if ((end == send_end::rebuild_failed || (is_silent && is_unanswered)) &&
         call_.state().counts_failure) {
       redis_.update_server_failed(&server_, command_.pool);

@@ -1,6 +1,7 @@
 #include "walk.h"
 
 #include <algorithm>
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -84,6 +85,7 @@ class probe_guard {
   probe_guard(const probe_guard&) = delete;
   probe_guard& operator=(const probe_guard&) = delete;
 
+  bool is_set() const { return probe_ != nullptr; }
   bool has_answered = false;
 
  private:
@@ -113,7 +115,9 @@ class walker {
     if (redis_.options().wait_for_servers) {
       end = wait_and_walk_again(end, reply);
     }
-    if (end != walk_end::replied && end != walk_end::lock_failed && refusal_) {
+    // What may have run since it was refused does not end with the refusal.
+    if (end != walk_end::replied && end != walk_end::lock_failed && end != walk_end::may_have_run &&
+        refusal_) {
       reply = std::move(refusal_);
       end = walk_end::replied;
     }
@@ -128,6 +132,7 @@ class walker {
 
  private:
   walk_end walk_once(reply_ptr& reply);
+  void note_answer(server_node& server, probe_guard& probe);
   walk_end wait_and_walk_again(walk_end end, reply_ptr& reply);
   void log_slow_call() const;
 
@@ -170,10 +175,12 @@ walk_end walker::walk_once(reply_ptr& reply) {
           ++times_.visits;
           times_.last_server = &server;
         }
+        if (result.end != visit_end::replied && result.reply) {
+          refusal_ = std::move(result.reply);
+        }
         switch (result.end) {
           case visit_end::replied:
-            probe.has_answered = true;
-            pool_.outage_.note_answer(names_);
+            note_answer(server, probe);
             reply = std::move(result.reply);
             return walk_end::replied;
           case visit_end::lock_failed:
@@ -186,9 +193,6 @@ walk_end walker::walk_once(reply_ptr& reply) {
             break;
         }
         has_sent_ = has_sent_ || result.was_sent;
-        if (result.reply) {
-          refusal_ = std::move(result.reply);
-        }
       }
       next = route_.next_server(redis_, server, command_.pool);
     }
@@ -219,6 +223,19 @@ walk_end walker::walk_once(reply_ptr& reply) {
       return walk_end::out_of_time;
     }
     choice = next;
+  }
+}
+
+void walker::note_answer(server_node& server, probe_guard& probe) {
+  if (probe.is_set()) {
+    probe.has_answered = true;
+    redis_.update_server_ok(&server);  // else one call at a time could use it until its retry
+  }
+  // The walk of a raw command may have left its pool.
+  const std::less_equal<const server_node*> is_not_after;
+  if (is_not_after(pool_.servers_.data(), &server) &&
+      is_not_after(&server, &pool_.servers_.back())) {
+    pool_.outage_.note_answer(names_);
   }
 }
 
