@@ -12,11 +12,10 @@
 // arrives before the other is awake gets the lock first, as with the system's mutexes. Nothing
 // fails.
 //
-// With auto_pipelining a thread whose connection is busy takes the next free one of that server; if
-// there is none, it leaves its command in the connection's queue. When the connection is free, the
-// oldest of a queue becomes the leader: once awake, it sends all commands of the queue at once,
-// reads all replies, and wakes the next leader and then the others of its batch. The library does
-// better: it is in full duplex, and does not wait for a batch to end.
+// With auto_pipelining a thread whose connection is in use takes the next unused one of that
+// server; if there is none, it shares the connection in full duplex. Its command leaves at once
+// while fewer than 4 are in flight, otherwise with the next reply or 100 microseconds after the
+// last write.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -43,7 +42,9 @@ constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  
                                                         16, 24, 32, 48, 64, 96, 128};
 constexpr std::size_t most_servers = 8;
 
-constexpr std::size_t max_batch_commands = 128;
+// Of the library, src/openlib/ruvo/pipeline.h.
+constexpr std::size_t direct_sends = 4;
+constexpr double write_pause = 100;  // microseconds
 
 struct Point {
   std::string series = "one";
@@ -90,12 +91,12 @@ class Simulation {
   }
 
  private:
-  enum class Step { call, woken, leads, arrive, served, reply, returns };
+  enum class Step { call, woken, write, arrive, served, reply };
   struct Event {
     double time;
     std::uint64_t number;  // orders simultaneous events
     Step step;
-    std::size_t thread;
+    std::size_t subject;                        // a connection for Step::write, otherwise a thread
     bool operator<(const Event& other) const {  // the queue has the greatest on top
       return time != other.time ? time > other.time : number > other.number;
     }
@@ -110,13 +111,13 @@ class Simulation {
     bool locked = false;
     Queue waiting;
     // With auto_pipelining:
-    std::size_t leader = 0;           // reads all replies
-    std::size_t in_flight = 0;        // of them
-    std::vector<std::size_t> served;  // whose replies it has
+    std::size_t in_flight = 0;
+    double last_write = -write_pause;
+    bool will_write = false;  // when the pause is over
   };
 
-  void schedule(double delay, Step step, std::size_t thread) {
-    events_.push({now_ + delay, event_count_++, step, thread});
+  void schedule(double delay, Step step, std::size_t subject) {
+    events_.push({now_ + delay, event_count_++, step, subject});
   }
 
   // Not a distribution of the standard library, since these differ between implementations.
@@ -126,22 +127,31 @@ class Simulation {
   }
 
   void take(const Event& event) {
-    Thread& thread = threads_[event.thread];
+    if (event.step == Step::write) {
+      connections_[event.subject].will_write = false;
+      write(event.subject, false);
+      return;
+    }
+    Thread& thread = threads_[event.subject];
     switch (event.step) {
       case Step::call:
-        choose(event.thread);
-        lock(event.thread);
+        choose(event.subject);
+        if (point_.auto_pipelining) {
+          connections_[thread.connection].waiting.push_back(event.subject);
+          write(thread.connection, false);
+        } else {
+          lock(event.subject);
+        }
         break;
       case Step::woken:
-        lock(event.thread);
+        lock(event.subject);
         break;
-      case Step::leads:
-        send_batch(event.thread);
+      case Step::write:
         break;
       case Step::arrive:
-        servers_[thread.server].push_back(event.thread);
+        servers_[thread.server].push_back(event.subject);
         if (servers_[thread.server].size() == 1) {
-          schedule(random_time(point_.service), Step::served, event.thread);
+          schedule(random_time(point_.service), Step::served, event.subject);
         }
         break;
       case Step::served:
@@ -149,18 +159,16 @@ class Simulation {
         if (!servers_[thread.server].empty()) {
           schedule(random_time(point_.service), Step::served, servers_[thread.server].front());
         }
-        schedule(point_.round_trip / 2, Step::reply, event.thread);
+        schedule(point_.round_trip / 2, Step::reply, event.subject);
         break;
       case Step::reply:
         if (point_.auto_pipelining) {
-          take_reply_of_batch(event.thread);
+          --connections_[thread.connection].in_flight;
+          write(thread.connection, true);
         } else {
           unlock(connections_[thread.connection]);
-          return_from_call(event.thread);
         }
-        break;
-      case Step::returns:
-        return_from_call(event.thread);
+        return_from_call(event.subject);
         break;
     }
   }
@@ -185,7 +193,7 @@ class Simulation {
     thread.connection = first + turn % point_.connections;
     for (std::size_t i = 0; point_.auto_pipelining && i < point_.connections; ++i) {
       const std::size_t candidate = first + (turn + i) % point_.connections;
-      if (!connections_[candidate].locked) {
+      if (connections_[candidate].in_flight + connections_[candidate].waiting.size() == 0) {
         thread.connection = candidate;
         return;
       }
@@ -199,49 +207,29 @@ class Simulation {
       return;
     }
     connection.locked = true;
-    if (point_.auto_pipelining) {
-      send_batch(thread);
-    } else {
-      schedule(point_.round_trip / 2, Step::arrive, thread);
-    }
+    schedule(point_.round_trip / 2, Step::arrive, thread);
   }
 
-  // This thread's command and the waiting ones, in order of arrival.
-  void send_batch(std::size_t leader) {
-    Connection& connection = connections_[threads_[leader].connection];
-    connection.leader = leader;
-    connection.in_flight = 1;
-    schedule(point_.round_trip / 2, Step::arrive, leader);
-    for (; !connection.waiting.empty() && connection.in_flight < max_batch_commands;
-         ++connection.in_flight) {
-      schedule(point_.round_trip / 2, Step::arrive, connection.waiting.front());
-      connection.waiting.pop_front();
-    }
-  }
-
-  // After the last reply the next leader is woken first, so that it sends before the others call
-  // again.
-  void take_reply_of_batch(std::size_t thread) {
-    Connection& connection = connections_[threads_[thread].connection];
-    connection.served.push_back(thread);
-    if (--connection.in_flight > 0) {
+  // Sends the commands that wait at a connection, now or when the pause is over.
+  void write(std::size_t number, bool has_replied) {
+    Connection& connection = connections_[number];
+    if (connection.waiting.empty()) {
       return;
     }
-    double next_leads = 0;
-    if (connection.waiting.empty()) {
-      connection.locked = false;
-    } else {
-      next_leads = random_time(point_.wake_up);
-      schedule(next_leads, Step::leads, connection.waiting.front());
-      connection.waiting.pop_front();
-    }
-    for (const std::size_t served : connection.served) {
-      if (served != connection.leader) {
-        schedule(next_leads + random_time(point_.wake_up), Step::returns, served);
+    const double next_write = connection.last_write + write_pause;
+    if (connection.in_flight >= direct_sends && !has_replied && now_ < next_write) {
+      if (!connection.will_write) {
+        connection.will_write = true;
+        schedule(next_write - now_, Step::write, number);
       }
+      return;
     }
-    connection.served.clear();
-    return_from_call(connection.leader);
+    for (const std::size_t caller : connection.waiting) {
+      schedule(point_.round_trip / 2, Step::arrive, caller);
+    }
+    connection.in_flight += connection.waiting.size();
+    connection.waiting.clear();
+    connection.last_write = now_;
   }
 
   void unlock(Connection& connection) {

@@ -805,11 +805,10 @@ void pipelined_call::leave(guard& lock) {
       state_.is_alone = false;
       check_idle_connection();
     }
-    // Calls that were in flight together share a silence.
     if (state_.last_arrival <= call_.sent_at && state_.last_silence <= call_.sent_at) {
       call_.counts_failure = true;
-      state_.last_silence = clock::now();
-      slot_.awaits_first_reply_ = true;  // which ends the silence
+      state_.last_silence = clock::now();  // shared by the calls in flight together
+      slot_.awaits_first_reply_ = true;    // which ends the silence
     }
   } else if (call_.where != place::nowhere) {
     (call_.where == place::alone ? state_.alone : state_.unsent).remove(call_);
