@@ -139,20 +139,30 @@ TEST_F(Options, EjectSilentServersCountsEachCallThatEndsWhileTheServerIsSilent) 
 // A refusal says that the command has not run. When it is sent again, that no longer holds.
 TEST_F(Options, SendOnceHoldsWhatIsSentAgainAfterARefusal) {
   const auto refuse = [](Peer& peer) { peer.answer_all("-READONLY no\r\n"); };
+  const auto log_in_and_refuse = [&](Peer& peer) {
+    peer.read_command();
+    peer.send("+OK\r\n");
+    refuse(peer);
+  };
   for (const std::string pipelining : {"", "auto_pipelining = true\n"}) {
     const std::string options =
         pipelining + "failover_replies = READONLY\nraw_commands_stay_in_pool = true\n";
     std::atomic<int> commands{0};
-    const ScriptedServer other([&](const std::vector<std::string>&) {
-      ++commands;
-      return nil;
+    const ScriptedServer other([&](const std::vector<std::string>& words) {
+      commands += words[0] == "AUTH" ? 0 : 1;
+      return words[0] == "AUTH" ? "+OK\r\n" : nil;
     });
     const ScriptedServer closes(later(refuse, close_it));
     start(options + "send_once = true", closes.addr() + "," + other.addr());
     EXPECT_FALSE(get_raw("INCR k")) << pipelining;
     EXPECT_EQ(commands, 0);
     EXPECT_EQ(log_.count_containing("not sent again: it may have run"), 1);
-    // Otherwise a call that runs out of time ends with the refusal.
+    // It leaves no more if there is no new connection: the other server gets it.
+    const ScriptedServer shuts(later(log_in_and_refuse, close_it));
+    start(options + "send_once = true", shuts.addr() + "," + other.addr(), passwords);
+    EXPECT_TRUE(get_raw("INCR k")) << pipelining;
+    EXPECT_EQ(commands, 1);
+    // Without send_once a call that runs out of time ends with the refusal.
     const ScriptedServer hangs(later(refuse, hang));
     start(options + "call_timeout = 200", hangs.addr());
     EXPECT_TRUE(get_raw("GET k"));
