@@ -98,10 +98,9 @@ double served(const std::vector<SecondOfCalls>& calls, int from, int to) {
 // To standard error: standard output has the rows.
 void print_summary(const char* fault, const char* name, const std::vector<SecondOfCalls>& calls,
                    int before, int end) {
-  constexpr int settled = 2;  // seconds
-  const int window = std::min(10, end - before - settled);
-  double worst = served(calls, before + settled, before + settled + window);
-  for (int from = before + settled; from + window <= end; ++from) {
+  const int window = std::min(10, end - before);
+  double worst = served(calls, before, before + window);
+  for (int from = before; from + window <= end; ++from) {
     worst = std::min(worst, served(calls, from, from + window));
   }
   SecondOfCalls most;
