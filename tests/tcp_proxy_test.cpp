@@ -70,6 +70,9 @@ TEST(TcpProxy, FailsOneConnectionAndChangesItsTarget) {
   EXPECT_EQ(ask(served_last), "PONG");
   proxy.add_reply("+MORE\r\n");
   EXPECT_EQ(ask(served_last), "MORE");
+  void* own = nullptr;  // its own reply, after which the proxy serves it no more
+  EXPECT_EQ(redisGetReply(served_last.get(), &own), REDIS_OK);
+  const Reply pong(static_cast<redisReply*>(own));
   EXPECT_EQ(ask(old), "PONG");
   proxy.stall_connection();
   EXPECT_EQ(ask(old, 50), timed_out);
