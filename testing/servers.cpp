@@ -56,6 +56,18 @@ void Peer::reset() const {
   close(null);
 }
 
+ScriptedServer::Script hang_at_later_login(int first_connections) {
+  return [first_connections](Peer& peer) {
+    if (peer.number() >= first_connections) {
+      peer.hang();
+      return;
+    }
+    peer.read_command();
+    peer.send("+OK\r\n");
+    peer.read_command();
+  };
+}
+
 void Peer::vanish() const {
   shutdown(fd_, SHUT_WR);
   reset();

@@ -66,6 +66,9 @@ class ScriptedServer : public DownServer {
   std::jthread acceptor_;
 };
 
+// Hangs up on the first command of the first connections, and never answers the password of others.
+ScriptedServer::Script hang_at_later_login(int first_connections);
+
 // The proxy nutcracker, which distributes the keys over Redis servers. Proxies with the same list
 // agree on the server of each key.
 class Nutcracker : NoCopy {

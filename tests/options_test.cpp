@@ -108,20 +108,10 @@ TEST_F(Options, EjectSilentServersClearsFailuresWithAnyReplyOnTheNewConnection) 
   EXPECT_EQ(failures(0), 1);
 }
 
-// The next server has just gone down; the other is up, but ejected for an earlier fault.
 TEST_F(Options, EjectSilentServersCountsEachCallThatEndsWhileTheServerIsSilent) {
-  const auto hang_at_login = [](Peer& peer) {
-    if (peer.number() < at_start) {
-      peer.read_command();
-      peer.send("+OK\r\n");
-      peer.read_command();
-    } else {
-      peer.hang();
-    }
-  };
   // clang-format off
   const struct { ScriptedServer::Script script; std::string server; } cases[] = {
-      {hang, ""}, {hang_at_login, passwords}};  // the deadline ends the wait for a reply, or a rebuild
+      {hang, ""}, {hang_at_later_login(at_start), passwords}};  // the deadline ends the wait for a reply, or a rebuild
   // clang-format on
   for (const auto& one : cases) {
     for (const std::string pipelining : {"", "auto_pipelining = true\n"}) {
@@ -169,6 +159,7 @@ TEST_F(Options, SendOnceHoldsWhatIsSentAgainAfterARefusal) {
   }
 }
 
+// The next server has just gone down; the other is up, but ejected for an earlier fault.
 TEST_F(Options, TryEjectedServersAnswersFromASkippedServer) {
   const ScriptedServer up(answer);
   for (const bool tries : {false, true}) {

@@ -259,15 +259,7 @@ TEST_F(Pipeline, NoCallGetsTheReplyOfOneThatGaveUp) {
 // The places where a call may wait when its deadline comes.
 TEST_F(Pipeline, TheDeadlineEndsEveryWait) {
   const auto silent = [](Peer& peer) { peer.hang(); };
-  const auto silent_at_login = [](Peer& peer) {
-    if (peer.number() < at_start) {
-      peer.read_command();
-      peer.send("+OK\r\n");
-      peer.read_command();
-    } else {
-      peer.hang();
-    }
-  };
+  const ScriptedServer::Script silent_at_login = hang_at_later_login(at_start);
   const std::string login = "p_password = x\nt_password = x\nps_password = x";
   // clang-format off
   const struct { const char* wait; ScriptedServer::Script server; std::string server_keys; const char* mode; int calls; } cases[] = {
