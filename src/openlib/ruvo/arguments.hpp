@@ -324,8 +324,6 @@ inline constexpr bool
         is_word<element_of<Range>>;
 
 template <typename T>
-inline constexpr bool is_list = is_word<T> && !is_single_word<T> && !is_pair<T>;
-template <typename T>
 inline constexpr bool is_name_and_value = false;
 template <typename A, typename B>
 inline constexpr bool is_name_and_value<std::pair<A, B>> =

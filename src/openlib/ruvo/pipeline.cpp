@@ -530,7 +530,8 @@ void pipelined_call::wait_until_writable(guard& lock) {
 }
 
 // Nothing is in flight: nobody asked for bytes that arrive now. A stray reply that has shifted the
-// others arrives within a round trip of the last command, so the check does not end earlier.
+// others arrives within a round trip of the last command: the check waits for it, but not for long,
+// since calls wait for the check.
 void pipelined_call::check_in_step(guard& lock, time_point now) {
   state_.is_writing = true;
   state_.last_check = now;

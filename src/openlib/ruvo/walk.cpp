@@ -1,7 +1,6 @@
 #include "walk.h"
 
 #include <algorithm>
-#include <functional>
 #include <utility>
 #include <vector>
 
@@ -85,7 +84,6 @@ class probe_guard {
   probe_guard(const probe_guard&) = delete;
   probe_guard& operator=(const probe_guard&) = delete;
 
-  bool is_set() const { return probe_ != nullptr; }
   bool has_answered = false;
 
  private:
@@ -132,7 +130,7 @@ class walker {
 
  private:
   walk_end walk_once(reply_ptr& reply);
-  void note_answer(server_node& server, probe_guard& probe);
+  void note_answer(const server_choice& choice);
   walk_end wait_and_walk_again(walk_end end, reply_ptr& reply);
   void log_slow_call() const;
 
@@ -180,7 +178,8 @@ walk_end walker::walk_once(reply_ptr& reply) {
         }
         switch (result.end) {
           case visit_end::replied:
-            note_answer(server, probe);
+            probe.has_answered = true;
+            note_answer(choice);
             reply = std::move(result.reply);
             return walk_end::replied;
           case visit_end::lock_failed:
@@ -226,15 +225,13 @@ walk_end walker::walk_once(reply_ptr& reply) {
   }
 }
 
-void walker::note_answer(server_node& server, probe_guard& probe) {
-  if (probe.is_set()) {
-    probe.has_answered = true;
-    redis_.update_server_ok(&server);  // else one call at a time could use it until its retry
+void walker::note_answer(const server_choice& choice) {
+  if (choice.is_probe) {
+    redis_.update_server_ok(choice.server);  // else one call at a time could use it until its retry
   }
   // The walk of a raw command may have left its pool.
-  const std::less_equal<const server_node*> is_not_after;
-  if (is_not_after(pool_.servers_.data(), &server) &&
-      is_not_after(&server, &pool_.servers_.back())) {
+  const std::size_t index = choice.server->index_;
+  if (index < pool_.servers_.size() && choice.server == &pool_.servers_[index]) {
     pool_.outage_.note_answer(names_);
   }
 }
