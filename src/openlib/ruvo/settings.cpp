@@ -39,22 +39,22 @@ std::vector<setting> make_settings() {
       {common, "socket_timeout", kind::number, "ms", "500", INT_MIN, "each read and each write on a connection; below 1: no limit", &time_limits::socket_timeout},
 
       // First of the options, since it changes the defaults of the others.
-      {common, "recommended_defaults", kind::truth, "", "true", 0, "the keys below have their recommended values unless the file has others", &O::recommended_defaults},
+      {common, "recommended_defaults", kind::truth, "", "true", 0, "the keys below have their recommended values unless the file sets them", &O::recommended_defaults},
       {common, "auto_pipelining", kind::truth, "", "true", 0, "threads that meet on a connection pipeline their commands on it", &O::auto_pipelining, 0, 1},
       {common, "eject_silent_servers", kind::truth, "", "true", 0, "a visit without a reply counts as a failure of the server", &O::eject_silent_servers, 0, 1},
-      {common, "try_ejected_servers", kind::truth, "", "true", 0, "where every server is ejected, one call at a time probes them", &O::try_ejected_servers, 0, 1},
-      {common, "log_limit", kind::number, "lines", "5", 0, "WARN and ERROR lines of one kind that are written in a second; 0: all", &O::log_limit, 0, 1},
+      {common, "try_ejected_servers", kind::truth, "", "true", 0, "if every server is ejected, one call at a time probes them", &O::try_ejected_servers, 0, 1},
+      {common, "log_limit", kind::number, "lines", "5", 0, "at most this many WARN and ERROR lines of one kind are written in a second; 0: all", &O::log_limit, 0, 1},
       {common, "call_timeout", kind::number, "ms", "2000", 0, "deadline of a call, with all its retries and waits; 0: none", &O::call_timeout, 0, 1},
       {common, "raw_commands_stay_in_pool", kind::truth, "", "true", 0, "a raw command fails over within its own pool only", &O::raw_commands_stay_in_pool, 0, 2},
-      {common, "start_without_servers", kind::truth, "", "true", 0, "start-up keeps the connections that cannot be opened, for their first use", &O::start_without_servers, 0, 2},
-      {common, "failover_replies", kind::texts, "", failover_replies, 0, "an error reply that begins with one of them counts as none: the call fails over", &O::failover_replies, 0, 2},
+      {common, "start_without_servers", kind::truth, "", "true", 0, "a connection that cannot be opened at start-up is opened on first use", &O::start_without_servers, 0, 2},
+      {common, "failover_replies", kind::texts, "", failover_replies, 0, "an error reply that begins with one of these texts counts as no reply: the call fails over", &O::failover_replies, 0, 2},
       {common, "send_once", kind::truth, "", "", 0, "a command that may not run twice is sent at most once", &O::send_once, 0, 2},
-      {common, "wait_for_servers", kind::truth, "", "true", 0, "a call waits until a server answers again or its deadline comes; needs call_timeout", &O::wait_for_servers, 0, 2, &O::call_timeout},
-      {common, "stats_file", kind::path, "", "", 0, "the file of the statistics; %p in it is the process id", &O::stats_file, 0, 2},
+      {common, "wait_for_servers", kind::truth, "", "true", 0, "a call that finds no server waits until one answers or its deadline comes; needs call_timeout", &O::wait_for_servers, 0, 2, &O::call_timeout},
+      {common, "stats_file", kind::path, "", "", 0, "the statistics file; %p in its path is the process id", &O::stats_file, 0, 2},
       {common, "slow_call_log", kind::number, "ms", "", 0, "a call that takes at least this long is logged at WARN; 0: none", &O::slow_call_log, 0, 2},
   };
   for (const pool_keys& pool : keys_of_pools) {
-    all.push_back({common, pool.addresses, kind::addresses, "", "", 0, "its servers; absent: the default of the host's network", &P::addresses, pool.type});
+    all.push_back({common, pool.addresses, kind::addresses, "", "", 0, "its servers; if absent: the default for the host's network", &P::addresses, pool.type});
   }
   for (const setting& key : std::initializer_list<setting>{
            {server, "connect_num", kind::number, "", "", 0, "connections to each server; p_ is used for every pool, t_ and ps_ for none", &P::connect_num},
