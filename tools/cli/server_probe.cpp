@@ -30,7 +30,7 @@ std::string printable(const redisReply& reply) {
 
 Probe not_connected(const std::string& error, int limit_ms) {
   if (holds(error, "refused")) {
-    return {"refused", "nobody listens there"};
+    return {"refused", "nothing listens at the address"};
   }
   if (holds(error, "timed out")) {
     return {"timed out", "no connection within " + std::to_string(limit_ms) + " ms"};
@@ -46,14 +46,14 @@ Probe not_connected(const std::string& error, int limit_ms) {
 }
 
 Probe not_a_redis() {
-  return {"not a Redis", "what answers there is no Redis; one behind TLS looks like this, too"};
+  return {"not a Redis", "something else answers at the address, or a Redis behind TLS"};
 }
 
 // REQUIRES: errno is as the exchange left it.
 Probe no_reply(const redisContext& context, int limit_ms) {
   if (errno == EAGAIN || errno == ETIMEDOUT) {
     return {"hung",
-            "takes connections, and does not answer within " + std::to_string(limit_ms) + " ms"};
+            "accepts connections but does not answer within " + std::to_string(limit_ms) + " ms"};
   }
   return context.err == REDIS_ERR_PROTOCOL
              ? not_a_redis()
@@ -62,11 +62,11 @@ Probe no_reply(const redisContext& context, int limit_ms) {
 
 // States that end without an operator, or that need not affect the pool's other servers.
 const std::array passing_states{
-    Probe{"loading", "loads its data, and answers no command until it is done", "LOADING"},
+    Probe{"loading", "is loading its data, and answers no command until that is done", "LOADING"},
     Probe{"at its limit of clients", "closes every further connection: see its maxclients",
           "ERR max number of clients"},
     Probe{"replica without its primary",
-          "the link to its primary is down, and it answers no command until it is up again",
+          "its link to its primary is down, and it answers no command until the link is up",
           "MASTERDOWN"},
 };
 
@@ -78,13 +78,13 @@ Probe refusal(const redisReply& error, const std::string& key) {
     return *passing;
   }
   if (text.starts_with("NOAUTH")) {
-    return {"no password given", "asks for a password, and " + key + " is not set", "NOAUTH"};
+    return {"no password given", "requires a password, and " + key + " is not set", "NOAUTH"};
   }
   if (holds(text, "no password is set") || holds(text, "without any password")) {
-    return {"no password wanted", "has none, and " + key + " gives one: it is refused"};
+    return {"no password wanted", "has no password, and rejects the one in " + key};
   }
   if (text.starts_with("WRONGPASS") || holds(text, "invalid password")) {
-    return {"wrong password", "does not take the value of " + key};
+    return {"wrong password", "rejects the value of " + key};
   }
   return {"error reply", text};
 }
@@ -113,7 +113,7 @@ Probe up_or_replica(redisContext& context) {
   if (link != "connected") {
     probe.state = "replica without its primary";
     probe.reason = "follows " + primary + ", but the link is down (" + link +
-                   "): its data get old, and it answers writes with READONLY";
+                   "): its data may be old, and it answers writes with READONLY";
   }
   probe.is_replica = true;
   return probe;
@@ -124,7 +124,7 @@ Probe up_or_replica(redisContext& context) {
 Probe probe_server(const std::string& text, const site_settings& site, std::size_t pool) {
   const std::optional<server_addr> addr = parse_address(text);
   if (!addr || addr->port_ < 1 || addr->port_ > max_port) {
-    return {"no such port", "ports are numbers from 1 to 65535"};
+    return {"no such port", "a port is a number from 1 to 65535"};
   }
   const int connect_ms = limit_of(site.limits.connect_timeout);
   const int answer_ms = limit_of(site.limits.socket_timeout);

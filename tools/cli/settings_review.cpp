@@ -30,7 +30,7 @@ std::string review_number(const setting& key, const std::string& value) {
     return "is negative: the default, " + default_text(key) + ", is used";
   }
   if (!parse_number(value, key.least)) {
-    return "is no whole number: " + std::to_string(number) + " is used";
+    return "is not a whole number: " + std::to_string(number) + " is used";
   }
   return number == 0 && key.name == "p_connect_num" ? "means no connections: every operation fails"
                                                     : "";
@@ -45,7 +45,7 @@ std::string review_address(const std::string& piece) {
   sp::trim_str(port);
   const std::string told = "port " + port + " of '" + piece + "' is ";
   if (addr->port_ < 1 || addr->port_ > max_port) {
-    return told + "not from 1 to 65535: it is never connected to";
+    return told + "not from 1 to 65535: the library never connects to it";
   }
   const std::string read = std::to_string(addr->port_);
   return port == read ? "" : told + "read as " + read;
@@ -84,10 +84,10 @@ void Review::begin_section(const std::string& name) {
   const auto [first, is_new] = sections_.emplace(section_, number_);
   is_read_ = is_known && is_new;
   if (!is_known) {
-    tell("section [" + name + "] is read by nobody");
+    tell("the library does not read section [" + name + "]");
   } else if (!is_new) {
-    tell("section [" + name + "] stands in line " + std::to_string(first->second) +
-         " already: only that one is read");
+    tell("section [" + name + "] is already in line " + std::to_string(first->second) +
+         ": only that one is read");
   }
 }
 
@@ -98,15 +98,15 @@ std::string Review::review_value(const setting& key, const std::string& value) c
   if (key.kind == setting_kind::truth) {
     const std::optional<bool> truth = parse_truth(value);
     const bool is_idle = key.needed_number != nullptr && options_.*key.needed_number == 0;
-    return !truth              ? "is none of true, 1, false, 0" + used
-           : is_idle && *truth ? "needs a call_timeout: it counts as left out"
+    return !truth              ? "is not true, 1, false or 0" + used
+           : is_idle && *truth ? "needs a call_timeout: it counts as absent"
                                : "";
   }
   if (key.kind != setting_kind::number) {
     return "";
   }
   if (key.is_option()) {
-    return parse_number(value, key.least) ? "" : "is no number from 0 to 2147483647" + used;
+    return parse_number(value, key.least) ? "" : "is not a number from 0 to 2147483647" + used;
   }
   return review_number(key, value);
 }
@@ -128,7 +128,7 @@ void Review::read_setting(const std::string& name, const std::string& value) {
       all, [&](const setting& one) { return section_ == one.section && is_named(one); });
   if (key == all.end()) {
     const auto elsewhere = std::ranges::find_if(all, is_named);
-    tell("key " + name + " is read by nobody" +
+    tell("the library does not read key " + name +
          (elsewhere != all.end()
               ? std::string(" here: it belongs to section [") + elsewhere->section + "]"
               : ""));
@@ -136,9 +136,9 @@ void Review::read_setting(const std::string& name, const std::string& value) {
   }
   const auto [first, is_new] = settings_.emplace(key->name, number_);
   if (!is_new) {
-    tell(name + " stands in line " + std::to_string(first->second) + " already: that one is read");
+    tell(name + " is already in line " + std::to_string(first->second) + ": that one is read");
   } else if (value.empty()) {
-    tell(name + " is empty: it counts as left out");
+    tell(name + " is empty: it counts as absent");
   } else if (key->kind == setting_kind::addresses) {
     read_addresses(*key, value);
   } else if (key->kind == setting_kind::text) {
@@ -163,10 +163,10 @@ void Review::read_line(std::string line) {
   }
   const std::size_t equals = line.find('=');
   if (equals == std::string::npos || equals == 0) {
-    tell("the line is no section, no setting and no comment: it is skipped");  // it may be a
+    tell("the line is not a section, a setting or a comment: it is skipped");  // it may be a
                                                                                // password
   } else if (sections_.empty()) {
-    tell("the line stands before the first section: it is skipped");
+    tell("the line is before the first section: it is skipped");
   } else if (is_read_) {
     std::string name = line.substr(0, equals);
     std::string value = line.substr(equals + 1);
@@ -185,11 +185,11 @@ void Review::compare_passwords() {
       continue;
     }
     tell(rebuilt.empty()
-             ? key + " is set and t_password is not: a connection that is rebuilt gives no password"
+             ? key + " is set and t_password is not: a rebuilt connection sends no password"
          : passwords_[key].empty()
              ? "t_password is set and " + key +
-                   " is not: a connection of that pool that is rebuilt gives t_password"
-             : key + " and t_password differ: a connection that is rebuilt gives t_password");
+                   " is not: a rebuilt connection of that pool sends t_password"
+             : key + " and t_password differ: a rebuilt connection sends t_password");
   }
 }
 
