@@ -43,7 +43,7 @@ TEST(Chaos, RefusesServersThatDoNotShowTheirKeys) {
   const ScriptedServer unable("-ERR unknown command\r\n");
   expect_refusal(chaos_on(unable.addr(), ""), "ERR unknown command");
   const ScriptedServer closes([](Peer& peer) { peer.read_command(); });  // as nutcracker does
-  expect_refusal(chaos_on(closes.addr(), ""), "does not let its keys be seen");
+  expect_refusal(chaos_on(closes.addr(), ""), "does not show its keys");
   const RedisServer locked("--requirepass right");
   expect_refusal(chaos_on(locked.addr(), "", "p_password = wrong"), "WRONGPASS");
 }

@@ -183,12 +183,11 @@ TEST(CliCheck, RecommendsRepliesThatItHasSeen) {
   become_replica(replica, redis);
   const std::string common =
       pools_at(redis.addr() + "," + replica.addr(), redis.addr(), redis.addr());
-  EXPECT_EQ(
-      advice_for(common + "recommended_defaults = 1\nfailover_replies = LOADING"),
-      (std::map<std::string, std::string>{
-          {"failover_replies",
-           "LOADING,READONLY: lets calls fail over where they end now: at READONLY from temp " +
-               replica.addr()}}));
+  EXPECT_EQ(advice_for(common + "recommended_defaults = 1\nfailover_replies = LOADING"),
+            (std::map<std::string, std::string>{{"failover_replies",
+                                                 "LOADING,READONLY: makes calls fail over on "
+                                                 "replies that end them now: READONLY from temp " +
+                                                     replica.addr()}}));
   EXPECT_TRUE(advice_for(common + "recommended_defaults = 1").empty());
   expect_told(Tool(common), "check", 7, {"temp         up in part", "replica  follows"});
 }

@@ -167,7 +167,7 @@ TEST(CliStats, SaysWhatIsWrong) {
       {"stats --watch 0 " + s, 64, "--watch: not a whole number from 1 to 86400: 0"},
       {"stats --label a=b " + s, 64, "--label requires --prometheus"},
       {"stats --json --prometheus " + s, 64, "excludes"},
-      {"stats --prometheus --label le=1 " + s, 64, "with a name of the site's own: le=1"},
+      {"stats --prometheus --label le=1 " + s, 64, "or NAME is reserved: le=1"},
       {"stats --prometheus --label 1a=1 " + s, 64, "not NAME=VALUE"},
       {"stats /none", 66, "cannot read /none: No such file or directory"},
       {"stats /", 66, "/: not a statistics file of libruvo"},
@@ -223,7 +223,7 @@ TEST(CliStats, WatchShowsTheHostsView) {
   expect_told(tool, "watch --rounds 1 --stats-file " + dir.path("s"), 0,
               {redis.addr() + "  up  ", "  host: ejected, ", " s  calls/s 0.0  in flight 0"});
   expect_told(tool, "--pool persist watch --rounds 1 --stats-file " + dir.path("s"), 0,
-              {"  host: does not have it\n"});
+              {"  host: does not list this server\n"});
   const Ended run = tool.run("--json watch --rounds 1 --stats-file " + dir.path("s"));
   EXPECT_EQ(json::parse(run.output)["host"]["state"], "ejected");
 }

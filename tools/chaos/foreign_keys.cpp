@@ -32,7 +32,7 @@ class Server {
     for (std::size_t at = 0; (at = databases.find("\ndb", at)) != std::string_view::npos; ++at) {
       const std::string_view name = databases.substr(at + 1, databases.find(':', at) - at - 1);
       if (name != "db0") {  // where the library stores its keys
-        refuse("holds keys in " + std::string(name));
+        refuse("has keys in " + std::string(name));
       }
     }
     std::string cursor = "0";
@@ -45,7 +45,7 @@ class Server {
       for (std::size_t i = 0; i < keys.elements; ++i) {
         const std::string_view key = text_of(*keys.element[i]);
         if (key.substr(0, workload_prefix.size()) != workload_prefix) {
-          refuse("holds a key that is not of ruvo_chaos: " + std::string(key));
+          refuse("has a key that ruvo_chaos has not written: " + std::string(key));
         }
       }
       cursor = text_of(*scanned->element[0]);
@@ -75,13 +75,12 @@ class Server {
   }
 
   [[noreturn]] void hides_its_keys(const std::string& why) const {
-    refuse("does not let its keys be seen: " + why);
+    refuse("does not show its keys: " + why);
   }
   [[noreturn]] void refuse(const std::string& why) const {
     throw std::runtime_error(
         addr_ + ' ' + why +
-        "\nThe servers of --config must be throwaway ones; if they are, say so with "
-        "--throwaway");
+        "\nThe servers of --config must be disposable; if they are, add --throwaway");
   }
 
   std::string addr_;

@@ -11,7 +11,7 @@ using std::chrono::milliseconds;
 const std::array<const char*, failure_count> failure_names{"the other server still ejected",
                                                            "a fault in each server",
                                                            "visits used up",
-                                                           "raw command came round",
+                                                           "raw command back at its start",
                                                            "call timeout",
                                                            "not sent again: it may have run",
                                                            "connection out of step",

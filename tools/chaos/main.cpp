@@ -24,25 +24,25 @@ constexpr int most_runs = 8;
 
 constexpr const char* description =
     R"(Runs a host while its servers fail, and checks every call: threads use all families of operations
-on the three pools and check every value, while faults are injected on a plan that --seed
+on the three pools and check every value, while faults are injected according to a plan that --seed
 determines.
 
 Without --config it starts its own servers on loopback: for each pool a Redis behind two TCP
 proxies, which inject the faults. They end with the run. One server of each pool at a time is killed
-and restarted, stopped and continued, paused, has its connections reset, stalls on one connection,
-sends a reply that nobody asked for, or answers everything with READONLY, LOADING or "max number of
-clients reached"; or all servers of a pool are down, for less than call_timeout or for longer. The
-host starts while all servers are down.
+and restarted, stopped and continued, or paused; or it has its connections reset, stalls on one
+connection, sends a reply that no client asked for, or answers everything with READONLY, LOADING or
+"max number of clients reached". Or all servers of a pool are down, for less than call_timeout or for
+longer. The host starts while all servers are down.
 
 With --config it uses an operator's servers. THEY MUST BE DISPOSABLE: it writes keys of its own to
 all pools (ruvo_workload:...) and leaves them there, and a server that loses data or runs commands
-late makes values wrong. It refuses a server that holds any other key, or that does not list its
-keys, as a proxy does not, unless --throwaway allows it.
+late makes values wrong. It refuses a server that has any other key, or that cannot list its keys,
+such as a proxy, unless --throwaway allows it.
 With --fault-command it takes one server of each pool down at a time and brings it back:
-COMMAND down IP:PORT, COMMAND up IP:PORT; the servers of a pool must be proxies of the same data.
-With --outside-faults the operator takes servers down, and has brought them up when the run ends.
+COMMAND down IP:PORT, COMMAND up IP:PORT; the servers of a pool must serve the same data.
+With --outside-faults the operator takes servers down, and brings them up before the run ends.
 
-Exit status: 0 all conditions held, 1 at least one did not, 2 it could not run.)";
+Exit status: 0 all conditions were met, 1 at least one was not, 2 it could not run.)";
 
 struct Options {
   std::uint64_t seed = std::random_device()();
@@ -223,7 +223,7 @@ void print_report(const Totals& totals, const Judge& judge, const Driver& driver
   }
   std::printf("values checked           %" PRId64 "\nwrong values             %" PRId64
               "\nfailed operations        %" PRId64 "\nran more than once       %" PRId64
-              "\nraw commands asked again %" PRId64 "\nresults out of step      %" PRId64
+              "\nraw commands repeated    %" PRId64 "\nresults out of step      %" PRId64
               "\nincrements               %" PRId64 " acknowledged, %" PRId64 " failed, %" PRId64
               " stored\nfaults                  ",
               totals.values_checked.load(), totals.wrong_values.load(), totals.failed.load(),
@@ -328,9 +328,9 @@ void add_options(CLI::App& app, Options& options) {
       ->check(CLI::Range(1, 1000));
   app.add_option("--log", options.log, "File for the library's WARN and ERROR lines");
   auto* config = app.add_option("--config", options.config,
-                                "Local configuration file of a host on throwaway servers");
+                                "Local configuration file of a host with disposable servers");
   app.add_flag("--throwaway", options.throwaway,
-               "Use the servers of --config whatever keys they hold")
+               "Use the servers of --config whatever keys they have")
       ->needs(config);
   auto* command = app.add_option("--fault-command", options.fault_command,
                                  "Program that takes a configured server down and up")
@@ -351,8 +351,9 @@ void add_options(CLI::App& app, Options& options) {
   add_setting("--socket-timeout", options.own.socket_timeout_ms, "socket_timeout (ms)");
   add_setting("--retry-timeout", options.own.retry_timeout_s, "..._server_retry_timeout (s)");
   add_setting("--connections", options.own.connections, "Connections to each");
-  app.add_flag("--password", options.own.password,
-               "Its own servers need a password: hung ones are then ejected with --plain, too")
+  app.add_flag(
+         "--password", options.own.password,
+         "Give its own servers a password: with --plain, servers that hang are then ejected, too")
       ->excludes(config);
   auto* plain = app.add_flag("--plain", options.own.plain,
                              "Without recommended_defaults: a call may then fail where the rules "

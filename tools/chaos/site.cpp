@@ -200,8 +200,8 @@ Site configured_site(const std::string& config, const std::string& command) {
     throw std::runtime_error("connect_timeout, socket_timeout and p_connect_num must be above 0");
   }
   if (settings.options.log_limit > 0 && settings.options.log_limit < most_lines) {
-    throw std::runtime_error("log_limit must be 0, or " + std::to_string(most_lines) +
-                             " at least: every line is read");
+    throw std::runtime_error("log_limit must be 0 or at least " + std::to_string(most_lines) +
+                             ": ruvo_chaos reads every line");
   }
   for (std::size_t pool = 0; pool < pool_count; ++pool) {
     const pool_settings& own = read.pools[pool];

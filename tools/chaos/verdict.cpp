@@ -9,7 +9,7 @@ constexpr long resident_tolerance = 8L * 1024 * 1024;  // pages that it keeps fo
 
 Condition condition_without_faults(const Totals& totals) {
   return {totals.failed + totals.wrong_values == 0 && totals.all_operations() > 0,
-          "nothing fails and no value is wrong without faults"};
+          "no failed call and no wrong value without faults"};
 }
 
 std::vector<Condition> conditions_of(const RunFacts& run) {
@@ -24,11 +24,11 @@ std::vector<Condition> conditions_of(const RunFacts& run) {
   }
   if (options.wait_for_servers) {
     conditions.push_back(
-        {run.judge.waited_again() == 0, "each thread waits once in an outage, at most"});
+        {run.judge.waited_again() == 0, "each thread waited at most once in an outage"});
   }
   if (!run.site.outage_expected) {
     conditions.push_back(
-        {run.judge.failures(unexplained) == 0, "no call failed, but where the rules allow it"});
+        {run.judge.failures(unexplained) == 0, "no call failed except where the rules allow it"});
   }
   if (!run.is_from_outside) {
     conditions.push_back(
@@ -39,7 +39,7 @@ std::vector<Condition> conditions_of(const RunFacts& run) {
   }
   conditions.insert(
       conditions.end(),
-      {{run.failed_late == 0 && run.done_late > 0, "all well again after the last fault"},
+      {{run.failed_late == 0 && run.done_late > 0, "calls succeed again after the last fault"},
        {run.after.descriptors == run.before.descriptors, "descriptors as at the start"},
        {run.after.allocated <= run.before.allocated + allocated_tolerance,
         "allocated memory as at the start, within 256 KiB"}});

@@ -45,7 +45,7 @@ std::optional<Advice> for_new_site(const StartupReport& report) {
       if (!is_absent(key)) {
         return std::nullopt;
       }
-      advice = {key.name, key.recommended, "gives the settings of a new site:"};
+      advice = {key.name, key.recommended, "switches on the settings of a new site:"};
     } else if (is_absent(key)) {
       changes += (changes.empty() ? " " : ", ") + key.name + " " + key.recommended;
     }
@@ -59,13 +59,13 @@ std::optional<Advice> for_failover_replies(const StartupReport& report) {
   if (replies.empty()) {
     return std::nullopt;
   }
-  Advice advice{"failover_replies", "", "lets calls fail over where they end now:"};
+  Advice advice{"failover_replies", "", "makes calls fail over on replies that end them now:"};
   for (const std::string& handled : report.configuration.options.failover_replies) {
     advice.value += handled + ",";
   }
   for (const auto& [reply, servers] : replies) {
     advice.value += reply + ",";
-    advice.reason += " at " + reply + " from " + servers + ",";
+    advice.reason += " " + reply + " from " + servers + ",";
   }
   advice.value.pop_back();
   advice.reason.pop_back();

@@ -42,9 +42,11 @@ std::string exit_status_help() {
        {nothing_done, "nothing done or found (-2)"},
        {failed, "failed: no server, or an error reply (-1, 10112); load: some calls failed"},
        {pools_down,
-        "no main pool is up (RUVO_Init: 3); check: some pool is not; watch: no server is"},
+        "no main pool is up (RUVO_Init: 3); check: some pool cannot be used; watch: no server is "
+        "up"},
        {connections_down,
-        "check: every pool is up, some servers or connections are not; watch: some"},
+        "check: every pool is up, but some servers or connections are not; watch: some servers are "
+        "not up"},
        {settings_misread, "check: all is up, but settings are not read as written"},
        {unreadable_input, "an input file cannot be read"}});
 }

@@ -38,7 +38,7 @@ std::string HostView::text_of(const std::string& server) const {
   }
   const ServerNumbers* const now = find(*now_, server);
   if (now == nullptr) {
-    return "host: does not have it";
+    return "host: does not list this server";
   }
   const double calls =
       static_cast<double>(find(*counted_, server)->count(&ruvo_server_counters::calls));

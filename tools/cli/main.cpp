@@ -176,7 +176,7 @@ void add_parameter(CLI::App& command, CommandLine& line, Parameter parameter) {
       break;
     case Parameter::count:
       add_number(command, "COUNT", arguments.count,
-                 "How many: from the head, negative from the tail, 0 all")
+                 "How many elements: from the head; negative: from the tail; 0: all")
           ->required();
       break;
     case Parameter::start:
@@ -206,7 +206,7 @@ StatusTexts statuses_of(const Operation& operation) {
   if (operation.can_be_absent) {
     statuses[absent] = operation.family == Family::any
                            ? "the reply is nil (10402)"
-                           : "it is not there (library results 1, 10402)";
+                           : "the key or field is absent (library results 1, 10402)";
   }
   if (operation.nothing_done != nullptr) {
     statuses[nothing_done] = std::string(operation.nothing_done) + " (-2)";
@@ -250,7 +250,7 @@ void add_stats(CLI::App& app, CommandLine& line, const std::string& group) {
                  "Repeat after this many seconds (default 1), with the rates in between", 1, 86400)
           ->expected(0, 1)
           ->default_str("1");
-  add_number(command, "--rounds", wanted.rounds, "Number of readings; 0, the default: no end", 0,
+  add_number(command, "--rounds", wanted.rounds, "Number of readings (default 0: without end)", 0,
              std::numeric_limits<int>::max())
       ->needs(watching);
   CLI::Option* prometheus =
@@ -264,7 +264,7 @@ void add_stats(CLI::App& app, CommandLine& line, const std::string& group) {
       ->type_name("NAME=VALUE");
   command.footer(
       exit_status_help({{succeeded, "success"},
-                        {unreadable_input, "the file cannot be read, or is no stats_file"}}));
+                        {unreadable_input, "the file cannot be read, or is not a stats_file"}}));
 }
 
 void add_programs(CLI::App& app, CommandLine& line) {
@@ -284,13 +284,14 @@ void add_programs(CLI::App& app, CommandLine& line) {
 
   CLI::App& watching = add_command(app, line, "watch", "Show a pool's servers once a second", group,
                                    [&line] { return watch(line.options, line.watch); });
-  add_number(watching, "--rounds", line.watch.rounds, "Number of rounds; 0, the default: no end", 0,
-             std::numeric_limits<int>::max());
+  add_number(watching, "--rounds", line.watch.rounds, "Number of rounds (default 0: without end)",
+             0, std::numeric_limits<int>::max());
   watching.add_option("--stats-file", line.watch.stats_file,
                       "A host's stats_file: also show how that host sees each server");
-  watching.footer(exit_status_help({{succeeded, "in the last round every server was up"},
-                                    {pools_down, "none was, or the pool has no servers"},
-                                    {connections_down, "some were not"}}));
+  watching.footer(
+      exit_status_help({{succeeded, "in the last round every server was up"},
+                        {pools_down, "in the last round no server was up, or the pool has none"},
+                        {connections_down, "in the last round some servers were not up"}}));
 
   add_stats(app, line, group);
 

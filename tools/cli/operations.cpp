@@ -189,7 +189,7 @@ const std::vector<Operation>& table() {
        {P::key, P::count, P::value},
        [](const Arguments& a) -> Answer {
          if (a.value.find('\0') != std::string::npos) {
-           throw Failure(wrong_usage, "lrem: the value must not hold a zero byte");
+           throw Failure(wrong_usage, "lrem: the value must not contain a zero byte");
          }
          return RUVO_LRem(a.key.c_str(), a.count, a.value.c_str(), a.pool, nullptr);
        },

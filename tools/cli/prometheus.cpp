@@ -125,14 +125,14 @@ void add_servers(Exposition& out, const std::vector<PoolNumbers>& pools) {
                   [](const ServerNumbers& server) {
                     return server.state == RUVO_SERVER_EJECTED ? "1" : "0";
                   }},
-      ServerGauge{"failures", "Failures of the server since it was last well",
+      ServerGauge{"failures", "Failures of the server since the last event that cleared them",
                   [](const ServerNumbers& server) { return std::to_string(server.failure_count); }},
       ServerGauge{
           "next_retry_timestamp_seconds", "When the server's ejection ends; 0: not set",
           [](const ServerNumbers& server) { return std::to_string(server.next_retry_time); }},
       ServerGauge{"calls_waiting", "Calls that wait for a connection to the server",
                   [](const ServerNumbers& server) { return std::to_string(server.waiting); }},
-      ServerGauge{"calls_in_flight", "Calls under way on a connection to the server",
+      ServerGauge{"calls_in_flight", "Calls in flight on a connection to the server",
                   [](const ServerNumbers& server) { return std::to_string(server.in_flight); }},
   };
   for (const ServerGauge& gauge : gauges) {
@@ -156,14 +156,15 @@ std::pair<std::string, std::string> parse_label(const std::string& text) {
   const std::size_t equals = text.find('=');
   const std::string name = text.substr(0, equals);
   if (equals == std::string::npos || !is_label_name(name)) {
-    throw Failure(wrong_usage, "--label: not NAME=VALUE with a name of the site's own: " + text);
+    throw Failure(wrong_usage, "--label: not NAME=VALUE, or NAME is reserved: " + text);
   }
   return {name, text.substr(equals + 1)};
 }
 
 std::string to_prometheus(const Statistics& statistics, const Labels& site) {
   Exposition out(site);
-  out.begin_family("up", "gauge", "Whether the library runs: not shut down, and its process there");
+  out.begin_family("up", "gauge",
+                   "1 if the library runs; 0 if it has shut down or its process does not exist");
   out.add({}, statistics.is_running() ? "1" : "0");
   out.begin_family("start_time_seconds", "gauge", "When the library was started");
   out.add({}, exact_seconds_text(static_cast<std::uint64_t>(statistics.start_time)));

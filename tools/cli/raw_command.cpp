@@ -36,8 +36,8 @@ void warn_of_mode(const std::vector<std::string>& words) {
   if (is_one) {
     std::fprintf(
         stderr,
-        "ruvo_cli: raw: warning: %s changes or holds one connection of several: here that ends "
-        "with the tool, in a host it affects the calls of other threads\n",
+        "ruvo_cli: raw: warning: %s changes or blocks one connection of several: here this ends "
+        "with the tool, but in a host it affects the calls of other threads\n",
         words[0].c_str());
   }
 }

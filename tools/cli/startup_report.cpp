@@ -124,7 +124,7 @@ StartupReport StartupReader::report() const {
         ++(outcome->reason.empty() ? server.up : server.down[outcome->reason]);
       }
       if (known < pool.connections) {
-        server.down["closed on the password"] = pool.connections - known;
+        server.down["closed after the password"] = pool.connections - known;
       }
       pool.servers.push_back(server);
     }
