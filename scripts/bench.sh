@@ -5,7 +5,7 @@
 #
 #   scripts/bench.sh [FOLDER] [OPTION...]
 #       FOLDER   where performance.csv and the pictures go (build/plots); docs/figures for those of the guide,
-#                whose tables are then updated too
+#                whose tables the script then updates, too
 #       OPTION   of the benchmark, such as --rounds 5 or --full; --help lists them. One that chooses cases leaves
 #                the pictures, their data and the guide unchanged.
 #

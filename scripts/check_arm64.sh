@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds for arm64 with Debian's cross compiler and libraries (unpacked into a folder; no arm64 package is installed),
-# and runs the unit tests and a short chaos with qemu-user.
+# and runs the unit tests and ruvo_chaos for a short time with qemu-user.
 #
-#   scripts/check_arm64.sh [FOLDER]     FOLDER is kept, so that the next time is shorter
+#   scripts/check_arm64.sh [FOLDER]     FOLDER is kept, so that the next run is shorter
 #
 # Not part of the regular checks: it takes about ten minutes on two cores.
 set -euo pipefail
@@ -45,7 +45,7 @@ export PKG_CONFIG_LIBDIR=$root/usr/lib/aarch64-linux-gnu/pkgconfig:$root/usr/sha
 cmake -G Ninja -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$work/arm64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DRUVO_BUILD_EXAMPLES=OFF -DRUVO_BUILD_DEMO=OFF >"$work/log"
 
-# Tests that measure no time, which passes ten times as fast here, and that need no tool of their own.
+# Tests that measure no time, since they run ten times slower here, and that need no tool of their own.
 tests=(stream_log sutils busin_config key_format log_line log_sink startup pools raw operations strings lifecycle
        exchange exports threads log_events latency_histogram judge)
 cmake --build "$build" --target "${tests[@]/%/_test}" ruvo_chaos >"$work/log" 2>&1 || { tail -n 20 "$work/log"; exit 1; }

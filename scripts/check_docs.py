@@ -14,9 +14,9 @@ blocks are handled in order, by their info string:
     cmake      a CMakeLists.txt, whose first line names it: configured and built
     text       output and pictures: skipped
 
-Any other block, and code without a fence, is refused. Files with a name in their first
-line ("// host.cpp") are all written before the first command runs. README's configuration files are
-there for every document.
+The script refuses any other block, and code without a fence. It writes all files that are named in
+the first line of a block ("// host.cpp") before the first command runs. Every document can use
+README's configuration files.
 """
 import ctypes
 import os
@@ -45,10 +45,10 @@ NOT_RUN = {
     "scripts/bench.sh": ".ci/run runs it",
     "scripts/count_instructions.sh": ".ci/run runs it",
     "cmake -B build/plain -G Ninja -DRUVO_BUILD_TESTS=OFF": "this script begins with the release build",
-    "cmake --build build/plain": "the same",
-    "cmake --install build/plain --prefix /usr/local": "so is this",
+    "cmake --build build/plain": "this script begins with the release build",
+    "cmake --install build/plain --prefix /usr/local": "this script begins with the release build",
     "cmake --workflow --preset package": "scripts/check_packages.sh runs it",
-    "apt install ./build/package/*.deb": "it runs this too",
+    "apt install ./build/package/*.deb": "scripts/check_packages.sh runs it",
     ".ci/run": "it runs this script",
     "ldconfig": "it writes the machine's own cache; LD_LIBRARY_PATH replaces it",
 }
@@ -123,8 +123,8 @@ class Ports:
 
     def port(self, shown):
         if shown not in self.held:
-            # Bound and not listening: the kernel gives it to nobody else, a server that sets
-            # SO_REUSEADDR may still use it, and until then a connection is refused.
+            # The socket is bound but does not listen: the kernel gives the port to no other socket, a
+            # server that sets SO_REUSEADDR may still use it, and until then connections are refused.
             holder = socket.socket()
             holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
             holder.bind(("127.0.0.1", 0))
@@ -144,7 +144,7 @@ def descendants(pid):
 
 def end_processes():
     """Ends all processes that this script has started, and those that they have left behind: this
-    script is a subreaper, and so becomes the parent of daemons."""
+    script is a subreaper, so it becomes the parent of daemons."""
     for sent in (signal.SIGTERM, signal.SIGKILL):
         deadline = time.monotonic() + 5
         for pid in list(descendants(os.getpid())):
@@ -194,7 +194,7 @@ class Sandbox:
                                         stdin=subprocess.DEVNULL, stdout=output,
                                         stderr=subprocess.STDOUT, timeout=BLOCK_LIMIT)
             except subprocess.TimeoutExpired as error:
-                raise Refused(f"not done after {BLOCK_LIMIT} seconds") from error
+                raise Refused(f"not finished after {BLOCK_LIMIT} seconds") from error
             output.seek(0)
             text = output.read()
         if result.returncode != 0:

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Are the libraries and programs named, as installed, hardened as cmake/hardening.cmake says? Only
-# -fstack-clash-protection cannot be checked: it changes only functions with frames of a page or more, which may not
-# occur.
+# -fstack-clash-protection cannot be checked: it changes only functions with frames of a page or more, and there may be
+# none.
 #
 #   scripts/check_hardening.sh FILE...
 set -euo pipefail

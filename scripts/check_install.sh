@@ -49,7 +49,7 @@ installed_by_host() {
   find "$work/host_prefix" -type f 2>/dev/null || true
 }
 files=$(installed_by_host)
-[ -z "$files" ] || { echo "installed by a project that this one is a part of: $files" >&2; exit 1; }
+[ -z "$files" ] || { echo "installed although another project includes this one: $files" >&2; exit 1; }
 [[ $(installed_by_host -DRUVO_INSTALL=ON) == *ruvo.conf.5.gz* ]] || { echo "RUVO_INSTALL=ON installs nothing" >&2; exit 1; }
 
 for wish in BUILD_SHARED_LIBS=OFF CMAKE_CXX_STANDARD=17; do

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the Debian packages with README's own commands in a fresh Debian (debootstrap), builds and runs programs there
-# against the installed packages, and installs and purges the packages in a second Debian that has nothing else. If
-# a fresh Debian cannot be made, it says why, builds the packages here and unpacks them into a folder.
+# against the installed packages, and installs and purges the packages in a second Debian that has nothing else. If the
+# script cannot make a fresh Debian, it says why, builds the packages here and unpacks them into a folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -2,7 +2,7 @@
 """A Prometheus from Debian's packages scrapes what `ruvo_cli stats --prometheus` writes for a host, and evaluates
 the alerts of conf/ruvo_alerts.yml. Needs the release build, redis-server and prometheus; all listen on loopback.
 
-The host counts for a while, then its server is down: the alert that no call succeeds must fire, and no rule may
+The host counts calls for a while, then its server dies: the alert that no call succeeds must fire, and no rule may
 fail.
 """
 import functools
@@ -47,7 +47,7 @@ def wait_for(what, condition):
         except OSError:
             pass
         time.sleep(0.2)
-    raise SystemExit(f"check_prometheus.py: not within {LIMIT} s: {what}")
+    raise SystemExit(f"check_prometheus.py: did not happen within {LIMIT} s: {what}")
 
 
 class Prometheus:

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Runs the tests that need a Redis, and half a minute of chaos in each of two modes, against other servers and versions:
-# those of Debian's suites, unpacked into a folder and started from there. Prints a table of the results.
+# Runs the tests that need a Redis, and ruvo_chaos for half a minute in each of two modes, against other servers and
+# versions: those of Debian's suites, unpacked into a folder and started from there. Prints a table of the results.
 #
 #   scripts/check_servers.sh [SUITE/PACKAGE...]     (no argument: all of the list below)
 #
-# SERVERS_SECONDS in the environment: duration of the chaos in each mode, instead of 30 s.
+# SERVERS_SECONDS in the environment: how long ruvo_chaos runs in each mode, instead of 30 s.
 # Not part of the regular checks: it takes some minutes for each server.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -45,7 +45,7 @@ for server in "${servers[@]}"; do
   rm -rf "$root" "$work/bin"
   mkdir -p "$work/bin"
   if ! scripts/unpack_packages.sh "$root" "$suite" "$(dpkg --print-architecture)" "$package"; then
-    echo "$server: not to be had" >&2
+    echo "$server: the package cannot be unpacked" >&2
     failed=1
     continue
   fi

@@ -4,8 +4,8 @@
 #
 #   scripts/demo.sh [--shards N]     DEMO_SECONDS=N in the environment: how long the host runs (12)
 #
-# The servers of a pool serve the same data: two proxies before N Redis servers, the shards, over which the keys are
-# distributed. The host sees the proxies, and a proxy dies first: no operation fails. With two shards or more, a shard
+# The servers of a pool serve the same data: two proxies in front of N Redis servers, the shards, which share the keys.
+# The host sees only the proxies. A proxy dies first: no operation fails. With two shards or more, a shard
 # dies next. No other server has its keys, so the operations on them fail until it is back; it has kept its data.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -19,7 +19,7 @@ while [ $# -gt 0 ]; do
   shards=$2
   shift 2
 done
-# Each target is killed after a pause and returns after another; then the host has three seconds.
+# Each target is killed after a pause and starts again after another; then the host runs for three more seconds.
 pauses=$((shards > 1 ? 4 : 2))
 seconds=${DEMO_SECONDS:-12}
 [[ $seconds =~ ^[1-9][0-9]{0,3}$ && $seconds -ge $((pauses + 3)) ]] ||

@@ -6,7 +6,7 @@
 #   build    compiler, build tools, hiredis and ACE
 #   package  tools that make Debian packages of the build
 #   run      Redis and the proxy that the demo starts
-#   site     servers of scripts/site.sh: Redis, whose program is also the Sentinel, and HAProxy
+#   site     servers of scripts/site.sh: Redis, whose program also runs as Sentinel, and HAProxy
 #   test     Redis, the proxy, GoogleTest
 #   bench    Redis, the proxy, valgrind and gnuplot, for the benchmark, its pictures and the count of instructions
 #   check    format, tidy and static checks, binary interface, model, fuzzing, reference, manual pages, packages, the

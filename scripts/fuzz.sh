@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs the configuration reader, the text helpers, the expansion of keys and the calls that share a connection on
-# inputs from libFuzzer. An input that fails is left in build/fuzz; run the target with it to reproduce the fault:
+# inputs from libFuzzer. The script leaves a failing input in build/fuzz; run the target with it to reproduce the fault:
 #
 #   build/fuzz/tests/fuzz/config_fuzz build/fuzz/config_fuzz-crash-...
 #

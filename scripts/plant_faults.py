@@ -10,11 +10,11 @@
 Each of the --jobs works in a copy of the tree with its own build folder, which it keeps for all of its
 rows, and with --folder for the next run as well. If test programs follow a file's name in the table, all
 of them run for each of its rows, and the tests that noticed the fault are printed. Otherwise any program
-may catch the fault, and the row ends with the first that does. A row whose text is not in its file exactly
+may catch the fault, and the row ends with the first program that does. A row whose text is not in its file exactly
 once, or that does not compile, is an error of the table. The exit status is 0 if every fault was caught,
 1 if one was not, 2 if a row is in error.
 
-The regular checks run --list only: all the rest takes a build and a run of the tests for every row.
+The regular checks run --list only: every other use builds and runs the tests for each row.
 """
 
 import argparse
@@ -207,11 +207,11 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
     parser.add_argument("rows", nargs="*", type=int, help="numbers of rows")
     parser.add_argument("--only", metavar="SUBSTRING", help="rows that contain this text")
-    parser.add_argument("--jobs", type=int, default=1, help="rows that are tried at a time")
+    parser.add_argument("--jobs", type=int, default=1, help="number of rows that are tried at a time")
     parser.add_argument("--tests", metavar="NAMES", help="comma-separated, without _test")
     parser.add_argument("--idle", action="store_true",
                         help="also list the tests that have noticed nothing")
-    parser.add_argument("--folder", help="where the copies are; kept")
+    parser.add_argument("--folder", help="folder of the copies, which is kept")
     parser.add_argument("--list", action="store_true",
                         help="print the rows, and check that each text occurs once")
     arguments = parser.parse_args()

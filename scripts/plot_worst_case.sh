@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Injects faults into one of two servers below a host (it hangs for a minute, is down, restarts, becomes a replica),
-# without any key and with a new site's configuration, and draws the host's goodput, for docs/operations.md. Takes six
+# Injects faults into one of a host's two servers (it hangs for a minute, is down, restarts, becomes a replica).
+# The host runs without any key and with a new site's configuration. Draws the host's goodput, for docs/operations.md. Takes six
 # minutes on an otherwise idle machine.
 #
 #   scripts/plot_worst_case.sh [FOLDER]     where worst_case.csv and the picture go (docs/figures)
