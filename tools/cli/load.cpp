@@ -344,7 +344,7 @@ ExitStatus load(const Options& options, const LoadOptions& load_options) {
   }
   if (outcome.keys_left > 0) {
     std::fprintf(stderr,
-                 "ruvo_cli: load: up to %zu keys %s* could not be deleted in pool %s; those that "
+                 "ruvo_cli: load: up to %zu keys %s* could not be deleted in pool %s; keys that "
                  "operations other than set have created do not expire\n",
                  outcome.keys_left, key_prefix, pool_name(options.pool));
   }
