@@ -32,7 +32,7 @@ enum class unexpected_type {
 struct data_operation {
   const char* origin;                  // class and method at the start of its log lines
   const char* null_text;               // log text if a required pointer is null
-  const char* failed_origin = origin;  // some name another method: deployed systems rely on it
+  const char* failed_origin = origin;  // may name another method: deployed systems rely on it
   const char* verb = nullptr;          // of the log line of its success, if it has one
   BaseLib::Logger::LogLevel absent_level = BaseLib::Logger::ERROR;  // of the line of a nil reply
   int reply_type = any_type;

@@ -50,7 +50,7 @@ namespace ruvo {
 
 namespace detail {
 
-// Causes without a code of their own, but with a sentence.
+// Causes of failures. All but of_code share a result code and have a sentence of their own.
 enum class cause : unsigned char {
   of_code,
   zero_byte,
@@ -173,7 +173,7 @@ class outcome {
   /// A code of RuvoResult.
   int code() const noexcept { return why_.code(); }
   /// The code in category(). Null pointers, keys with a zero byte and times out of range are all
-  /// RUVO_ERR_NULL_ARGUMENT; the message tells them apart.
+  /// RUVO_ERR_NULL_ARGUMENT; the message distinguishes them.
   ruvo::error_code error() const noexcept { return ruvo::error_code(why_); }
   /// What Redis said if pool::ask, or an operation that says "raw" below, failed with an error
   /// reply or one of another shape. Empty for all others: the log has it.

@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint64_t last_turn = 10001;  // the highest number that a round-robin counter gives
 
 // Takes the next number of a round-robin counter. Two threads may both reset a counter that has
-// passed its last turn: a few numbers are then used twice, which does no harm.
+// passed its highest number: a few numbers are then used twice, which does no harm.
 std::uint64_t next_turn(std::int64_t& counter) {
   const std::atomic_ref<std::int64_t> shared(counter);
   const auto turn = static_cast<std::uint64_t>(shared.fetch_add(1));
@@ -107,7 +107,7 @@ void ruvo_redis::update_server_ok(server_node* svc_node) { clear_failures(*svc_n
 void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType redisSrvType) {
   const server_pool& pool = getPool(redisSrvType);
   const std::time_t next_retry = std::time(nullptr) + pool.retry_timeout_;
-  // First, so that no thread finds the limit reached and an old time.
+  // Stored first, so that no thread finds the limit reached and an old retry time.
   std::atomic_ref(svc_node->next_retry_time_).store(next_retry);
   const std::int32_t failures = std::atomic_ref(svc_node->failure_count_).fetch_add(1) + 1;
   RUVO_LOG(DEBUG, "ruvo_redis::update_server_failed | server, ip:%s port:%d failure count:%d",

@@ -43,7 +43,7 @@ void release_lane() noexcept {
                         std::memory_order_release);
 }
 
-// Detects the end of a thread. The value of a pthread key needs no memory, which could run out.
+// Detects the end of a thread. The value of a pthread key needs no allocation, which could fail.
 class thread_end_key {
  public:
   thread_end_key() : is_made_(pthread_key_create(&key_, [](void*) { release_lane(); }) == 0) {}
@@ -106,7 +106,7 @@ std::string name_beside(const std::string& path) {
 }
 
 // Creates a file of `size` bytes and maps it. Its blocks are reserved: on a full disk, a store to a
-// page without one would kill the host. Null with errno on failure.
+// page without one would kill the host. Returns null with errno set on failure.
 void* make_mapped_file(const char* name, std::size_t size) {
   const file_descriptor file(
       open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));  // NOLINT: C's
@@ -209,7 +209,7 @@ bool statistics_file::begin(const std::string& path, std::span<const counted_poo
   return false;
 }
 
-// False with errno.
+// Returns false with errno set on failure.
 bool statistics_file::make(const char* name, std::span<const counted_pool> pools) {
   std::size_t servers = 0;
   for (const counted_pool& one : pools) {

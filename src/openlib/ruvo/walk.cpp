@@ -113,7 +113,7 @@ class walker {
     if (redis_.options().wait_for_servers) {
       end = wait_and_walk_again(end, reply);
     }
-    // What may have run since it was refused does not end with the refusal.
+    // A call whose command may have run after a refusal does not end with that refusal.
     if (end != walk_end::replied && end != walk_end::lock_failed && end != walk_end::may_have_run &&
         refusal_) {
       reply = std::move(refusal_);
@@ -147,9 +147,9 @@ class walker {
 };
 
 // Each visit has one connection, and releases it before the next visit takes its own. The bound is
-// for walks that do not return to their first server: one that crosses pools could go on for ever,
-// and a server that accepts connections and never answers could hold a typed one for a whole retry
-// timeout.
+// for walks that do not return to their first server: a walk that crosses pools could go on for
+// ever, and one that stays in its pool could spend a whole retry timeout on a server that accepts
+// connections and never answers.
 walk_end walker::walk_once(reply_ptr& reply) {
   has_sent_ = false;
   server_choice choice = redis_.choose_server(command_.pool, -1);
