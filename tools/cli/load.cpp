@@ -30,7 +30,7 @@ using Clock = std::chrono::steady_clock;
 // The expiry of keys that cannot be deleted. Keys that the mix creates with another operation than
 // set, or makes persistent, have none.
 constexpr int key_lifetime_s = 3600;
-constexpr int most_failures_in_a_row = 10;  // of deletions; then the other keys are left
+constexpr int most_failures_in_a_row = 10;  // of deletions; then the remaining keys are left
 constexpr const char* key_prefix = "ruvo_cli:load:";
 constexpr const char* key_word = "{key}";
 constexpr std::chrono::milliseconds pause_after_failure{1};

@@ -163,8 +163,8 @@ void Review::read_line(std::string line) {
   }
   const std::size_t equals = line.find('=');
   if (equals == std::string::npos || equals == 0) {
-    tell("the line is no section, no setting and no comment: it is skipped");  // it may be a
-                                                                               // password
+    // Does not show the line, which may be a password.
+    tell("the line is no section, no setting and no comment: it is skipped");
   } else if (sections_.empty()) {
     tell("the line stands before the first section: it is skipped");
   } else if (is_read_) {

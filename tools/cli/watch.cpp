@@ -87,7 +87,7 @@ class ServerWatch {
       for (Server& server : servers_) {
         server.is_visited = false;
       }
-      [[maybe_unused]] const int ret = RUVO_ExistsKey(probe_key, pool, nullptr);  // the log tells
+      [[maybe_unused]] const int ret = RUVO_ExistsKey(probe_key, pool, nullptr);  // see read()
       leave();
     }
   }
