@@ -50,7 +50,7 @@ std::vector<Side> order_of_slices(std::vector<Side> sides, std::size_t rounds) {
   return order;
 }
 
-// Slices so long that the calls which their ends cut off do not matter. They are longer over a
+// A slice is so long that the calls which its end cuts off do not matter. It is longer over a
 // network, with large values, and if threads wait for each other's round trips.
 std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
   constexpr std::size_t round_trips = 40;

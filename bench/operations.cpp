@@ -40,7 +40,7 @@ std::string key_of(const char* name, std::size_t bytes) {
   return std::string("bench:") + name + ":" + std::to_string(bytes);
 }
 
-// The captured texts live as long as the program: the operations are made once for each size.
+// Not freed: the operations, which are made once for each size, use these texts until the end.
 const char* lasting(std::string text) { return (new std::string(std::move(text)))->c_str(); }
 
 // A unique member or element of exactly `bytes` bytes.

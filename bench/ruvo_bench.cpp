@@ -119,7 +119,7 @@ std::vector<Part> parts_as_asked_for(const Options& options) {
 std::vector<Part> parts_of_the_aims() {
   return {
       // Over a network, the library's calls without auto_pipelining also wait for each other: one
-      // distance is enough to show it.
+      // round-trip time is enough to show it.
       {.title = "over a network, with and without auto_pipelining",
        .threads = all_threads,
        .connections = {1, 2, 8, as_many_as_threads},

@@ -266,7 +266,8 @@ class Simulation {
   std::vector<double> latencies_;
 };
 
-// One host shows what more connections give to its threads, eight hosts what more servers give.
+// One host shows what its threads gain from more connections, eight hosts what they gain from more
+// servers.
 std::vector<Point> points_of_the_pictures() {
   std::vector<Point> points;
   for (const std::size_t threads : thread_counts) {

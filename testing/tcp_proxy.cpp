@@ -193,7 +193,7 @@ bool TcpProxy::forward(int from, int to) {
 void TcpProxy::pass_on(int to, std::string_view bytes) {
   if (delay_.count() > 0) {
     pieces_.push_back({Clock::now() + delay_, to, std::string(bytes)});
-  } else {  // holds no memory, which ruvo_chaos would count as the library's
+  } else {  // not queued: ruvo_chaos would count the memory as the library's
     send(to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   }
 }

@@ -215,8 +215,7 @@ void Worker::queue_message(int round) {
                        std::count(waiting.begin(), waiting.end(), text) == length);
   }
   // A pop that runs twice also takes the second message, or finds none, since its first run took
-  // the
-  // last one.
+  // the last one.
   std::string message;
   const int popped =
       call(lists, "pop", [&] { return RUVO_RPop(queue.c_str(), message, pool_, nullptr); });
