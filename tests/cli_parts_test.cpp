@@ -89,7 +89,7 @@ class Log : public testing::Test {
   }
 };
 
-// A password may stand earlier in its line, too.
+// The text of the password may also occur earlier in the line.
 TEST_F(Log, HidesThePasswordAndNothingElse) {
   const auto refuse = [] {
     write(Logger::ERROR,

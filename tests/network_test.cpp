@@ -132,8 +132,8 @@ TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
     if (row.in_bound) {
       start(faulty.addr() + "," + good_.addr());
       EXPECT_EQ(query(row.least, bound(2)), 0);
-      EXPECT_EQ(query({}, bound(2)), 0);  // the good server's turn
-      // The temporary pool again, and the good server's turn there.
+      EXPECT_EQ(query({}, bound(2)), 0);  // round-robin chooses the good server
+      // The temporary pool again, where round-robin chooses the good server, too.
       EXPECT_TRUE(query_raw(raw_bound(2)));
     }
   }
@@ -148,7 +148,7 @@ TEST_F(Network, AMachineThatAcceptsNoConnectionIsEjected) {
   EXPECT_EQ(start(full.addr() + "," + good_.addr()), 0);
   for (int failure = 0; failure < 5; ++failure) {
     EXPECT_EQ(query(C, bound(2)), 0);
-    EXPECT_EQ(query({}, bound(2)), 0);  // the good server's turn
+    EXPECT_EQ(query({}, bound(2)), 0);  // round-robin chooses the good server
   }
   log_.clear();
   EXPECT_EQ(query({}, bound(2)), 0);

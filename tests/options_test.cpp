@@ -89,7 +89,8 @@ TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
     server(0).failure_count_ = one.failures[0];
     for (std::size_t i = 1; i < one.failures.size(); ++i) {
       const int ret = one.command == std::string("GET k") ? RUVO_ERR_NOT_FOUND : RUVO_ERR_FAILED;
-      EXPECT_EQ(get(one.command) + get(one.command), 2 * ret);  // the second: the good one's turn
+      // The second call goes to the good server by round-robin.
+      EXPECT_EQ(get(one.command) + get(one.command), 2 * ret);
       EXPECT_EQ(failures(0), one.failures[i]);
     }
     EXPECT_EQ(log_.count_containing("invalid, failure count:2") > 0, one.failures.back() == 2);

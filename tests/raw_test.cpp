@@ -73,7 +73,8 @@ TEST_F(Raw, FailsOverToThePoolOfTheNextNumber) {
   EXPECT_EQ(log_.count_containing("ruvo_redis::exec_redis_cmd | key:temp, null reply and reset"),
             2);
   EXPECT_EQ(ping(eTempServer), "temp");
-  // The second server of the persistent pool closes; position 1 leads to that pool, to its turn 2.
+  // The second server of the persistent pool closes. Position 1 leads to that pool, where
+  // round-robin chooses the first server.
   EXPECT_EQ(ping(ePersistServer), "persist");
   EXPECT_EQ(pool_in(client_, ePersonalityServer).servers_[1].failure_count_, 1);
 }
