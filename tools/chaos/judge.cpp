@@ -188,7 +188,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
     return out_of_time;
   }
   if (!is_bound_to_pool(call) && walk.failed_over()) {
-    return raw_came_round;
+    return raw_back_at_start;
   }
   const auto is_in = [](const std::vector<std::string>& list, const std::string& server) {
     return std::find(list.begin(), list.end(), server) != list.end();
