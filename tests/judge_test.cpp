@@ -121,17 +121,17 @@ class Judging : public testing::Test {
 };
 
 TEST_F(Judging, AFailedCallIsAllowedOnlyByTheRulesOfFailover) {
-  const auto spares_calls = [](Site& site) {
+  const auto one_server_suffices = [](Site& site) {
     client_options& options = site.settings.options;
     options.eject_silent_servers = options.try_ejected_servers = options.wait_for_servers = true;
     options.call_timeout = 60000;  // an outage of a moment counts as short
   };
   const auto stays_in_pool = [&](Site& site) {
-    spares_calls(site);
+    one_server_suffices(site);
     site.settings.options.raw_commands_stay_in_pool = true;
   };
   const auto does_not_wait = [&](Site& site) {
-    spares_calls(site);
+    one_server_suffices(site);
     site.settings.options.wait_for_servers = false;
   };
   const auto ejects_for_no_time = [](Site& site) {
@@ -167,14 +167,14 @@ TEST_F(Judging, AFailedCallIsAllowedOnlyByTheRulesOfFailover) {
       {as_it_is, {fault_in(one)}, {broken()}, typed, unexplained},
       {as_it_is, {fault_in(one)}, {rebuild(two)}, raw_call, unexplained},
       {as_it_is, {fault_in(one)}, {}, raw_call, unexplained},
-      {spares_calls, both_faulty, both_tried, typed, unexplained},
-      {spares_calls, both_faulty, {broken()}, raw_call, raw_back_at_start},
-      {spares_calls, both_faulty, {broken(), outage()}, typed, unexplained},
-      {spares_calls, past_fault, {broken(), not_sent_again()}, typed, may_have_run},
-      {spares_calls, {}, {broken(), not_sent_again()}, typed, unexplained},
-      {spares_calls, {extra_reply_in(eTempServer)}, {}, typed, out_of_step},
-      {spares_calls, {}, {extra_reply_in(eTempServer)}, typed, out_of_step},
-      {spares_calls, {extra_reply_in(ePersistServer)}, {}, typed, unexplained},
+      {one_server_suffices, both_faulty, both_tried, typed, unexplained},
+      {one_server_suffices, both_faulty, {broken()}, raw_call, raw_back_at_start},
+      {one_server_suffices, both_faulty, {broken(), outage()}, typed, unexplained},
+      {one_server_suffices, past_fault, {broken(), not_sent_again()}, typed, may_have_run},
+      {one_server_suffices, {}, {broken(), not_sent_again()}, typed, unexplained},
+      {one_server_suffices, {extra_reply_in(eTempServer)}, {}, typed, out_of_step},
+      {one_server_suffices, {}, {extra_reply_in(eTempServer)}, typed, out_of_step},
+      {one_server_suffices, {extra_reply_in(ePersistServer)}, {}, typed, unexplained},
       {stays_in_pool, both_faulty, {broken()}, raw_call, unexplained},
       {does_not_wait, past_fault, one_tried, typed, still_ejected},
       {expects_an_outage, {}, {}, typed, in_an_outage},

@@ -175,7 +175,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
       })) {
     return may_have_run;
   }
-  if (is_bound_to_pool(call) && settings.spares_calls()) {
+  if (is_bound_to_pool(call) && settings.one_server_suffices()) {
     return unexplained;  // no call may fail
   }
   const bool tried_faulty_ones_only =

@@ -290,7 +290,7 @@ int run_chaos(const Options& options, Site& site) {
   Judge judge(site, faults, options.threads);
   Driver driver(site, options.seed, faults_of(options, site.settings), faults,
                 [&](Clock::time_point time) {
-                  return site.settings.spares_calls() && judge.has_call_from_before(time);
+                  return site.settings.one_server_suffices() && judge.has_call_from_before(time);
                 });
   std::int64_t failed_late = 0;
   std::int64_t done_late = 0;
