@@ -40,7 +40,7 @@ void log_options(const client_options& options, int line) {
 client_options read_options(const vop_config& config) {
   const found_options found = find_options(config, tell);
   for (const int line : {1, 2}) {
-    if (found.is_told.at(static_cast<std::size_t>(line))) {
+    if (found.has_content.at(static_cast<std::size_t>(line))) {
       log_options(found.options, line);
     }
   }
