@@ -52,7 +52,7 @@ void take_line(LogLevel level, const char* text, std::size_t length) {
         sink.write(line.data(), line.size()) == static_cast<int>(line.size()) && sink.flush() == 0;
   } else if (is_shown()) {
     static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
-  } else if (tells_of_trouble(event)) {
+  } else if (reports_fault(event)) {
     kept_lines.push_back(line);
     if (kept_lines.size() > most_kept_lines) {
       kept_lines.erase(kept_lines.begin());

@@ -95,7 +95,7 @@ void StartupReader::read_of_pool(const LogEvent& event) {
       ++pool_;
       break;
     default:
-      if (event.level >= BaseLib::Logger::ERROR && tells_of_trouble(event)) {
+      if (event.level >= BaseLib::Logger::ERROR && reports_fault(event)) {
         (builds_pools_ ? pool.told : report_.told).push_back(event.text);
       }
   }
