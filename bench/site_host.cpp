@@ -36,7 +36,7 @@ std::string kind_of(const LogEvent& event) {
 }
 
 // The kinds of log lines since the last take().
-class ToldKinds {
+class LogKinds {
  public:
   using Counts = std::map<std::string, long>;
 
@@ -57,7 +57,7 @@ class ToldKinds {
 
 using Kinds = std::vector<std::pair<std::string, long>>;
 
-Kinds most_frequent_first(const ToldKinds::Counts& counts) {
+Kinds most_frequent_first(const LogKinds::Counts& counts) {
   Kinds kinds(counts.begin(), counts.end());
   std::stable_sort(kinds.begin(), kinds.end(),
                    [](const auto& one, const auto& other) { return one.second > other.second; });
@@ -144,18 +144,18 @@ int run(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   Site site(threads);
-  ToldKinds told;
+  LogKinds told;
   CallingHost host(
       config.c_str(), threads, [&site](int thread) { return site.call(thread); },
       [&told](std::string_view line) { told.read(line); });
   std::printf("start-up: %d, %s\n", host.start_result(), ruvo_result_text(host.start_result()));
-  ToldKinds::Counts all_told;
+  LogKinds::Counts all_told;
   SecondOfCalls sum;
   long lost_before = 0;
   for (int second = 0; second < seconds; ++second) {
     host.wait_until(std::chrono::seconds(second + 1));
     const long lost = site.lost_writes();
-    const ToldKinds::Counts counts = told.take();
+    const LogKinds::Counts counts = told.take();
     const Kinds kinds = most_frequent_first(counts);
     print_row(std::to_string(second + 1) + " s", host.second(second), lost - lost_before,
               kinds.empty() ? "" : kinds.front().first);
