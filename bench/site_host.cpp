@@ -149,7 +149,7 @@ int run(int argc, char** argv) {
       config.c_str(), threads, [&site](int thread) { return site.call(thread); },
       [&told](std::string_view line) { told.read(line); });
   std::printf("start-up: %d, %s\n", host.start_result(), ruvo_result_text(host.start_result()));
-  LogKinds::Counts all_told;
+  LogKinds::Counts all_counts;
   SecondOfCalls sum;
   long lost_before = 0;
   for (int second = 0; second < seconds; ++second) {
@@ -162,14 +162,14 @@ int run(int argc, char** argv) {
     lost_before = lost;
     sum += host.second(second);
     for (const auto& [kind, count] : counts) {
-      all_told[kind] += count;
+      all_counts[kind] += count;
     }
   }
   host.stop();
   std::puts("\n--- in all");
   print_row("sum", sum, site.lost_writes(), "");
   std::puts("\n--- lines of the log, by kind");
-  for (const auto& [kind, count] : most_frequent_first(all_told)) {
+  for (const auto& [kind, count] : most_frequent_first(all_counts)) {
     std::printf("%8ld %s\n", count, kind.c_str());
   }
   return require_none && sum.failed > 0 ? 1 : 0;
