@@ -53,7 +53,7 @@ TEST(CliCheck, ReportsPoolsAndConnections) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    expect_told(Tool(one.common, one.server), "check", one.status, one.told);
+    expect_output(Tool(one.common, one.server), "check", one.status, one.told);
   }
 }
 
@@ -172,8 +172,8 @@ TEST(CliCheck, RecommendsMissingKeys) {
       advice_for(all_pools_at(redis.addr()) + "auto_pipelining = 0")["recommended_defaults"];
   EXPECT_EQ(reason.find("auto_pipelining"), std::string::npos) << reason;
   EXPECT_NE(reason.find(", call_timeout 2000,"), std::string::npos) << reason;
-  expect_told(Tool(all_pools_at(redis.addr())), "check", 0,
-              {"\nworth setting:\nrecommended_defaults = true gives "});
+  expect_output(Tool(all_pools_at(redis.addr())), "check", 0,
+                {"\nworth setting:\nrecommended_defaults = true gives "});
 }
 
 TEST(CliCheck, RecommendsRepliesThatItHasSeen) {
@@ -189,7 +189,7 @@ TEST(CliCheck, RecommendsRepliesThatItHasSeen) {
            "LOADING,READONLY: lets calls fail over where they end now: at READONLY from temp " +
                replica.addr()}}));
   EXPECT_TRUE(advice_for(common + "recommended_defaults = 1").empty());
-  expect_told(Tool(common), "check", 7, {"temp         up in part", "replica  follows"});
+  expect_output(Tool(common), "check", 7, {"temp         up in part", "replica  follows"});
 }
 
 TEST(CliCheck, ListsSettingsThatAreNotReadAsWritten) {
@@ -285,7 +285,7 @@ TEST(CliCheck, HidesPasswordsUnlessAskedForThem) {
   }
   tool.run("--log-file " + dir.path("log") + " get k");
   EXPECT_EQ(shell("cat " + dir.path("log")).output.find("secret"), std::string::npos);
-  expect_told(tool, "--show-passwords --log-level WARN get k", 3, {"passwd = secret\n"});
+  expect_output(tool, "--show-passwords --log-level WARN get k", 3, {"passwd = secret\n"});
 }
 
 TEST(CliWatch, FollowsAServerFromFailingToEjectedToRetried) {
@@ -294,10 +294,10 @@ TEST(CliWatch, FollowsAServerFromFailingToEjectedToRetried) {
   const Tool tool(all_pools_at(redis.addr() + "," + down.addr()),
                   "p_server_failure_limit = 1\np_server_retry_timeout = 2");
   const std::string counts = "  reads 0  failures 2  ejections 1  retries 1  refused\n";
-  expect_told(tool, "watch --rounds 4", 7,
-              {redis.addr() + "  up                reads 8  failures 0  ejections 0  retries 0\n",
-               down.addr() + "  failing", down.addr() + "  ejected",
-               down.addr() + "  retried, failing" + counts});
+  expect_output(tool, "watch --rounds 4", 7,
+                {redis.addr() + "  up                reads 8  failures 0  ejections 0  retries 0\n",
+                 down.addr() + "  failing", down.addr() + "  ejected",
+                 down.addr() + "  retried, failing" + counts});
 }
 
 TEST(CliWatch, AWalkBackAtItsFirstServerEjectsNone) {
@@ -307,7 +307,7 @@ TEST(CliWatch, AWalkBackAtItsFirstServerEjectsNone) {
   const Tool tool(pools_at(down.addr() + "," + other.addr(), redis.addr(), redis.addr()));
   const std::string counts =
       "  failing           reads 0  failures 2  ejections 0  retries 0  refused\n";
-  expect_told(tool, "watch --rounds 1", 5, {down.addr() + counts, other.addr() + counts});
+  expect_output(tool, "watch --rounds 1", 5, {down.addr() + counts, other.addr() + counts});
 }
 
 // Without the signal it would end after a minute.
@@ -329,8 +329,8 @@ TEST(CliWatch, StartsTheLibraryWhenTheFirstServerAnswers) {
   RedisServer redis;
   const Tool tool(all_pools_at(redis.addr()));
   redis.kill();
-  expect_told(tool, "watch --rounds 1", 5,
-              {"no server of the main pools answers", "not started", "  refused\n"});
+  expect_output(tool, "watch --rounds 1", 5,
+                {"no server of the main pools answers", "not started", "  refused\n"});
   const TempDir dir;
   Ended watched{};
   std::jthread watch([&] {

@@ -26,8 +26,8 @@ class Tool {
 };
 
 // Runs the tool and checks its status and parts of its output.
-inline void expect_told(const Tool& tool, const std::string& arguments, int status,
-                        const std::vector<std::string>& told) {
+inline void expect_output(const Tool& tool, const std::string& arguments, int status,
+                          const std::vector<std::string>& told) {
   const Ended run = tool.run(arguments);
   EXPECT_EQ(run.status, status) << arguments << "\n" << run.output;
   for (const std::string& part : told) {
