@@ -46,7 +46,7 @@ using namespace std::chrono_literals;
 constexpr const char* password = "secret";
 constexpr milliseconds fault_at = 500ms;
 constexpr milliseconds end_of_state = 1500ms;
-constexpr double most_connections = 30;  // per second, to a pool that is down
+constexpr double max_connections = 30;  // per second, to a pool that is down
 
 std::string keys = "recommended_defaults = true";
 int thread_count = 16;
@@ -313,7 +313,7 @@ std::string judge(const Row& row, const Outcome& outcome) {
   add(row.is_answerable && outcome.all.failed > 0, "calls failed");
   add(outcome.last.failed > 0 || outcome.last.calls == 0, "did not recover");
   add(outcome.strayed > 0, "written in another pool");
-  add(outcome.connections_a_second > most_connections, "too many connections");
+  add(outcome.connections_a_second > max_connections, "too many connections");
   return wrong;
 }
 

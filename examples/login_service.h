@@ -12,11 +12,11 @@
 template <typename Pool>
 class login_service {
  public:
-  static constexpr long long most_logins = 3;  // in a minute
+  static constexpr long long max_logins = 3;  // in a minute
 
   explicit login_service(const Pool& pool)
       : sessions_(pool, std::chrono::minutes(30)),
-        limiter_(pool, most_logins, std::chrono::minutes(1)) {}
+        limiter_(pool, max_logins, std::chrono::minutes(1)) {}
 
   // The answer to a line: "login USER", "who USER" or "logout USER".
   std::string answer(const std::string& line) const {

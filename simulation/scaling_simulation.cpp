@@ -40,7 +40,7 @@ constexpr std::size_t requests_before = 50000;  // until the queues are in a ste
 constexpr std::array<std::size_t, 3> thread_counts{4, 16, 64};
 constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  12,
                                                         16, 24, 32, 48, 64, 96, 128};
-constexpr std::size_t most_servers = 8;
+constexpr std::size_t max_servers = 8;
 
 // Of the library, src/openlib/ruvo/pipeline.h.
 constexpr std::size_t direct_sends = 4;
@@ -284,7 +284,7 @@ std::vector<Point> points_of_the_pictures() {
     }
   }
   for (const std::size_t threads : thread_counts) {
-    for (std::size_t servers = 1; servers <= most_servers; ++servers) {
+    for (std::size_t servers = 1; servers <= max_servers; ++servers) {
       points.push_back({.series = "servers",
                         .hosts = 8,
                         .threads = threads,

@@ -13,7 +13,7 @@ namespace {
 
 constexpr int sessions_per_thread = 50;
 constexpr int session_seconds = 60;
-constexpr int most_friends = 5;
+constexpr int max_friends = 5;
 constexpr int raw_tries = 10;
 constexpr std::chrono::milliseconds pause_in_outage(20);
 
@@ -126,7 +126,7 @@ void Worker::check(const char* what, bool right) {
 // A counter must have moved by `step`, or by a multiple if the command ran more than once.
 void Worker::check_moved(const char* what, long long& known, long long now, long long step) {
   const long long runs = (now - known) / step;
-  check(what, (now - known) % step == 0 && runs >= 1 && runs <= totals_.most_runs);
+  check(what, (now - known) % step == 0 && runs >= 1 && runs <= totals_.max_runs);
   totals_.run_twice += runs > 1 ? 1 : 0;
   known = now;
 }
@@ -219,7 +219,7 @@ void Worker::queue_message(int round) {
   std::string message;
   const int popped =
       call(lists, "pop", [&] { return RUVO_RPop(queue.c_str(), message, pool_, nullptr); });
-  if (popped == RUVO_ERR_NOT_FOUND && totals_.most_runs > 1) {
+  if (popped == RUVO_ERR_NOT_FOUND && totals_.max_runs > 1) {
     ++totals_.run_twice;
     ++totals_.operations[lists];
   } else if (judge(lists, "pop", popped, RUVO_OK)) {
@@ -233,7 +233,7 @@ void Worker::queue_message(int round) {
 // Sets.
 void Worker::tag_friends(int round) {
   const std::string friends = key("friends");
-  const std::string name = "friend" + std::to_string(round % most_friends);
+  const std::string name = "friend" + std::to_string(round % max_friends);
   const bool is_new = friends_.insert(name).second;
   const int added = call(sets, "add", [&] {
     return RUVO_SAdd(friends.c_str(), name.data(), name.size(), pool_, nullptr);
@@ -251,7 +251,7 @@ void Worker::tag_friends(int round) {
              [&] { return RUVO_SMembers(friends.c_str(), members, pool_, nullptr); })) {
     check("friends", std::set<std::string>(members.begin(), members.end()) == friends_);
   }
-  if (round % most_friends == most_friends - 1) {
+  if (round % max_friends == max_friends - 1) {
     expect(sets, "remove",
            [&] { return RUVO_SRem(friends.c_str(), name.data(), name.size(), pool_, nullptr); });
     friends_.erase(name);

@@ -22,7 +22,7 @@ constexpr std::string_view workload_prefix = "ruvo_workload:";
 
 struct Totals {
   bool outage_expected = false;  // failed operations are counted, and end a worker's round
-  int most_runs = 2;             // how often a command that was resent may have run: more is wrong
+  int max_runs = 2;              // how often a command that was resent may have run: more is wrong
   std::array<std::atomic<std::int64_t>, family_count> operations{};
   std::atomic<std::int64_t> values_checked{0};
   std::atomic<std::int64_t> run_twice{0};

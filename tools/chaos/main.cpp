@@ -20,7 +20,7 @@ constexpr std::chrono::seconds progress_interval(5);
 constexpr std::chrono::seconds short_progress_interval(1);  // if faults print no lines
 constexpr std::chrono::milliseconds longest_sleep(100);
 // How often the library may send a command: twice in each of two visits to each of two servers.
-constexpr int most_runs = 8;
+constexpr int max_runs = 8;
 
 constexpr const char* description =
     R"(Runs a host while its servers fail, and checks every call: threads use all families of operations
@@ -286,7 +286,7 @@ int run_chaos(const Options& options, Site& site) {
   const Resources before = resources_in_use(site);
   Totals totals;
   totals.outage_expected = true;
-  totals.most_runs = site.settings.options.send_once ? 1 : most_runs;
+  totals.max_runs = site.settings.options.send_once ? 1 : max_runs;
   Judge judge(site, faults, options.threads);
   Driver driver(site, options.seed, faults_of(options, site.settings), faults,
                 [&](Clock::time_point time) {
