@@ -120,10 +120,10 @@ class Site {
 };
 
 void print_row(const std::string& when, const SecondOfCalls& calls, long lost_writes,
-               const std::string& told) {
+               const std::string& log_kinds) {
   std::printf("%6s %9ld calls %9ld failed %8.1f ms slowest %7ld writes lost %6ld lines  %s\n",
               when.c_str(), calls.calls, calls.failed, calls.slowest_ms, lost_writes, calls.lines,
-              told.c_str());
+              log_kinds.c_str());
   std::fflush(stdout);
 }
 
@@ -144,10 +144,10 @@ int run(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   Site site(threads);
-  LogKinds told;
+  LogKinds log_kinds;
   CallingHost host(
       config.c_str(), threads, [&site](int thread) { return site.call(thread); },
-      [&told](std::string_view line) { told.read(line); });
+      [&log_kinds](std::string_view line) { log_kinds.read(line); });
   std::printf("start-up: %d, %s\n", host.start_result(), ruvo_result_text(host.start_result()));
   LogKinds::Counts all_counts;
   SecondOfCalls sum;
@@ -155,7 +155,7 @@ int run(int argc, char** argv) {
   for (int second = 0; second < seconds; ++second) {
     host.wait_until(std::chrono::seconds(second + 1));
     const long lost = site.lost_writes();
-    const LogKinds::Counts counts = told.take();
+    const LogKinds::Counts counts = log_kinds.take();
     const Kinds kinds = most_frequent_first(counts);
     print_row(std::to_string(second + 1) + " s", host.second(second), lost - lost_before,
               kinds.empty() ? "" : kinds.front().first);
