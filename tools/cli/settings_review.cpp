@@ -43,12 +43,12 @@ std::string review_address(const std::string& piece) {
   }
   std::string port = piece.substr(piece.find(':') + 1);
   sp::trim_str(port);
-  const std::string told = "port " + port + " of '" + piece + "' is ";
+  const std::string error = "port " + port + " of '" + piece + "' is ";
   if (addr->port_ < 1 || addr->port_ > max_port) {
-    return told + "not from 1 to 65535: it is never connected to";
+    return error + "not from 1 to 65535: it is never connected to";
   }
   const std::string read = std::to_string(addr->port_);
-  return port == read ? "" : told + "read as " + read;
+  return port == read ? "" : error + "read as " + read;
 }
 
 class Review {
@@ -115,8 +115,8 @@ void Review::read_addresses(const setting& key, const std::string& value) {
   sp::str_arr pieces;
   sp::split_str(value.c_str(), pieces, ",");
   for (const std::string& piece : pieces) {
-    if (const std::string told = review_address(piece); !told.empty()) {
-      add_finding(key.name + ": " + told);
+    if (const std::string error = review_address(piece); !error.empty()) {
+      add_finding(key.name + ": " + error);
     }
   }
 }
@@ -144,8 +144,8 @@ void Review::read_setting(const std::string& name, const std::string& value) {
     read_addresses(*key, value);
   } else if (key->kind == setting_kind::text) {
     passwords_[key->name] = value;
-  } else if (const std::string told = review_value(*key, value); !told.empty()) {
-    add_finding(name + " = " + value + " " + told);
+  } else if (const std::string error = review_value(*key, value); !error.empty()) {
+    add_finding(name + " = " + value + " " + error);
   }
 }
 
