@@ -96,7 +96,7 @@ void StartupReader::read_of_pool(const LogEvent& event) {
       break;
     default:
       if (event.level >= BaseLib::Logger::ERROR && reports_fault(event)) {
-        (builds_pools_ ? pool.told : report_.told).push_back(event.text);
+        (builds_pools_ ? pool.errors : report_.errors).push_back(event.text);
       }
   }
 }
