@@ -17,7 +17,7 @@ using clock = std::chrono::steady_clock;
 constexpr std::size_t visits_per_server = 2;
 
 // If servers answer other commands but not this one, it is sent in at most this many walks.
-constexpr int most_walks_beside_answers = 3;
+constexpr int max_walks_while_others_answered = 3;
 
 // How often a call that waits for servers checks whether one may be probed.
 constexpr std::chrono::milliseconds shortest_wait{1};
@@ -241,7 +241,7 @@ void walker::note_answer(const server_choice& choice) {
 walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
   const time_point began =
       command_.deadline - std::chrono::milliseconds(redis_.options().call_timeout);
-  int walks_beside_answers = 1;
+  int walks_while_others_answered = 1;
   bool is_new = true;  // it has not waited yet
   while (end == walk_end::no_server_at_start || end == walk_end::no_server_left ||
          end == walk_end::all_tried) {
@@ -253,7 +253,8 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
       return end;
     }
     const bool others_are_answered = pool_.outage_.has_answered() && !pool_.outage_.is_on();
-    if (others_are_answered && has_sent_ && ++walks_beside_answers > most_walks_beside_answers) {
+    if (others_are_answered && has_sent_ &&
+        ++walks_while_others_answered > max_walks_while_others_answered) {
       return end;  // the command itself is the cause
     }
     if (!others_are_answered &&
