@@ -120,10 +120,10 @@ class Site {
 };
 
 void print_row(const std::string& when, const SecondOfCalls& calls, long lost_writes,
-               const std::string& log_kinds) {
+               const std::string& log_kind) {
   std::printf("%6s %9ld calls %9ld failed %8.1f ms slowest %7ld writes lost %6ld lines  %s\n",
               when.c_str(), calls.calls, calls.failed, calls.slowest_ms, lost_writes, calls.lines,
-              log_kinds.c_str());
+              log_kind.c_str());
   std::fflush(stdout);
 }
 
