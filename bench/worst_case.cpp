@@ -103,17 +103,17 @@ void print_summary(const char* fault, const char* name, const std::vector<Second
   for (int from = before; from + window <= end; ++from) {
     worst = std::min(worst, served(calls, from, from + window));
   }
-  SecondOfCalls most;
+  SecondOfCalls summary;
   for (const SecondOfCalls& one : calls) {
-    most.failed += one.failed;
-    most.slowest_ms = std::max(most.slowest_ms, one.slowest_ms);
-    most.lines = std::max(most.lines, one.lines);
+    summary.failed += one.failed;
+    summary.slowest_ms = std::max(summary.slowest_ms, one.slowest_ms);
+    summary.lines = std::max(summary.lines, one.lines);
   }
   std::fprintf(stderr,
                "%s, %s: goodput %.3f of before over the worst %d seconds, slowest call %.0f ms, "
                "%ld failed, at most %ld lines a second\n",
                fault, name, worst / (served(calls, 0, before) / before * window), window,
-               most.slowest_ms, most.failed, most.lines);
+               summary.slowest_ms, summary.failed, summary.lines);
 }
 
 int run(int argc, char** argv) {
