@@ -55,7 +55,7 @@ struct Outcome {
   SecondOfCalls all;
   SecondOfCalls last;                // second
   double connections_a_second = -1;  // if it is checked
-  int strayed = 0;                   // keys written to another pool
+  int keys_in_other_pools = 0;       // keys written to another pool
 };
 
 struct Row {
@@ -252,7 +252,7 @@ Outcome raw_command_stays() {
   Outcome outcome = run_through(
       config_for(well.addr() + "," + redis.addr(), other_pools.addr()), [&] { redis.kill(); }, 1s,
       [&] { redis.restart(); }, 3, write_raw);
-  outcome.strayed = std::stoi(other_pools.ask("dbsize"));
+  outcome.keys_in_other_pools = std::stoi(other_pools.ask("dbsize"));
   return outcome;
 }
 
@@ -312,7 +312,7 @@ std::string judge(const Row& row, const Outcome& outcome) {
   };
   add(row.is_answerable && outcome.all.failed > 0, "calls failed");
   add(outcome.last.failed > 0 || outcome.last.calls == 0, "did not recover");
-  add(outcome.strayed > 0, "written in another pool");
+  add(outcome.keys_in_other_pools > 0, "written in another pool");
   add(outcome.connections_a_second > max_connections, "too many connections");
   return wrong;
 }
