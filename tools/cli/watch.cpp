@@ -319,7 +319,7 @@ ExitStatus watch(const Options& options, const WatchOptions& watch_options) {
   for (int round = 0;; ++round) {
     all.run_round();
     if (host && round > 0) {
-      host->look_again();
+      host->read_again();
     }
     show(options, all.servers(), host ? &*host : nullptr, in_place && round > 0);
     if (round + 1 == watch_options.rounds || wait_for_end(round_ms)) {
