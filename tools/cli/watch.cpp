@@ -219,7 +219,7 @@ class Watch {
         is_file(path)) {
       configuration_ = read_configuration(path);
       addresses_ = servers_of(configuration_->pools.at(pool_).addresses.value_or(""));
-      alone_ = lines_of(addresses_, State::not_started);
+      servers_before_start_ = lines_of(addresses_, State::not_started);
     }
     if (may_start()) {
       start();
@@ -233,7 +233,9 @@ class Watch {
     }
   }
 
-  std::vector<Server>& servers() { return following_ ? following_->servers() : alone_; }
+  std::vector<Server>& servers() {
+    return following_ ? following_->servers() : servers_before_start_;
+  }
 
   void run_round() {
     if (!library_ && may_start()) {
@@ -293,7 +295,7 @@ class Watch {
       std::fprintf(stderr,
                    "ruvo_cli: watch: the library could not start: from now on servers "
                    "are probed directly\n");
-      alone_ = lines_of(addresses_, State::not_started);
+      servers_before_start_ = lines_of(addresses_, State::not_started);
     }
   }
 
@@ -303,7 +305,7 @@ class Watch {
   std::vector<std::string> addresses_;
   std::unique_ptr<Library> library_;
   std::unique_ptr<ServerWatch> following_;
-  std::vector<Server> alone_;  // while the library is not started
+  std::vector<Server> servers_before_start_;  // while the library is not started
 };
 
 }  // namespace
