@@ -10,7 +10,7 @@
 
 // Opens closed standard streams, so that no connection gets the number of one, and with it the data
 // meant for that stream. Call it before anything else is opened.
-void hold_standard_streams();
+void open_standard_streams();
 
 // From now on standard output belongs to the tool.
 void take_output();
