@@ -56,7 +56,7 @@ double Judge::seconds(Ticks time) {
   return std::chrono::duration<double>(Clock::duration(time)).count();
 }
 
-Judge::Caller& Judge::me() {
+Judge::Caller& Judge::own_caller() {
   thread_local const std::size_t mine = next_thread_++;
   return callers_.at(mine % callers_.size());
 }
@@ -116,13 +116,13 @@ bool Judge::has_call_from_before(Clock::time_point time) const {
 
 void Judge::call_begins(const Call& call) {
   begin_walk();
-  Caller& caller = me();
+  Caller& caller = own_caller();
   caller.served_last = served_.at(index_of(call.pool));
   caller.begin = Clock::now().time_since_epoch().count();
 }
 
 void Judge::call_ended(const Call& call, int result) {
-  const Ticks begun = me().begin.exchange(0);
+  const Ticks begun = own_caller().begin.exchange(0);
   const Clock::time_point from{Clock::duration(begun)};
   const Clock::time_point to = Clock::now();
   end_walk();
@@ -213,7 +213,8 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
 // servers, a shorter outage fails no call.
 std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
-  const std::optional<Outage> outage = faults_.outage_before(call.pool, to, me().served_last);
+  const std::optional<Outage> outage =
+      faults_.outage_before(call.pool, to, own_caller().served_last);
   return outage && std::min(outage->to, to) - outage->from >= deadline / 2 ? outage : std::nullopt;
 }
 
@@ -221,7 +222,7 @@ std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to)
 void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_point to) {
   const std::optional<Outage> outage = long_outage(call, to);
   if (outage && from <= outage->to &&
-      std::exchange(me().waited_in.at(index_of(call.pool)), outage->from) == outage->from) {
+      std::exchange(own_caller().waited_in.at(index_of(call.pool)), outage->from) == outage->from) {
     ++waited_again_;
     print("WAITED AGAIN IN THE SAME OUTAGE", call, seconds((to - from).count()), current_walk());
   }
@@ -235,7 +236,7 @@ bool Judge::may_fail_in_outage(const Call& call, Clock::time_point from, Clock::
       static_cast<int>(pool_count - 1) * deadline + longest_probe_pause + scheduling_tolerance;
   const std::optional<Outage> outage = long_outage(call, to);
   return outage && (from <= outage->to ||
-                    (me().served_last <= outage->to && from - outage->to <= to_find_back));
+                    (own_caller().served_last <= outage->to && from - outage->to <= to_find_back));
 }
 
 bool Judge::may_be_out_of_step(const Call& call, Clock::time_point begin) const {

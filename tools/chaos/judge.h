@@ -80,7 +80,7 @@ class Judge : public CallObserver {
   };
 
   static double seconds(Ticks time);
-  Caller& me();
+  Caller& own_caller();
   int sharers() const;
   bool is_bound_to_pool(const Call& call) const;
   Failure explain(const Call& call, const Walk& walk, Clock::time_point from, Clock::time_point to);
