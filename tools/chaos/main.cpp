@@ -15,7 +15,7 @@
 namespace {
 
 constexpr std::chrono::seconds warm_up(1);
-constexpr std::chrono::seconds calm(1);
+constexpr std::chrono::seconds quiet_period(1);
 constexpr std::chrono::seconds progress_interval(5);
 constexpr std::chrono::seconds short_progress_interval(1);  // if faults print no lines
 constexpr std::chrono::milliseconds longest_sleep(100);
@@ -301,7 +301,7 @@ int run_chaos(const Options& options, Site& site) {
     settle(site, judge);
     failed_late = totals.failed;
     done_late = totals.all_operations();
-    wait_until(Clock::now() + calm, judge);
+    wait_until(Clock::now() + quiet_period, judge);
     failed_late = totals.failed - failed_late;
     done_late = totals.all_operations() - done_late;
   }
