@@ -274,7 +274,7 @@ void Worker::open_account() {
                  !in_doubt_;
 }
 
-void Worker::balance() {
+void Worker::check_stored_count() {
   const char* data = nullptr;
   unsigned long len = 0;
   std::int64_t stored = 0;

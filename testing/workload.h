@@ -80,7 +80,7 @@ class Worker {
 
   void work(int round);
   // After the last round: does the store hold what this worker has counted?
-  void balance();
+  void check_stored_count();
 
  private:
   void start_afresh();

@@ -71,7 +71,7 @@ class Host {
           }
         }
         for (Worker& worker : workers) {
-          worker.balance();
+          worker.check_stored_count();
         }
       });
     }
