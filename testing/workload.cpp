@@ -18,7 +18,7 @@ constexpr int raw_tries = 10;
 constexpr std::chrono::milliseconds pause_in_outage(20);
 
 // Thrown out of a round: an operation failed in an outage, and may or may not have run.
-struct LostTrack {};
+struct FailedInOutage {};
 
 }  // namespace
 
@@ -32,7 +32,7 @@ void Worker::work(int round) {
     if (!has_account_) {
       open_account();
     }
-    if (!on_track_) {
+    if (!knows_values_) {
       start_afresh();
     }
     keep_session(round);
@@ -42,11 +42,11 @@ void Worker::work(int round) {
     tag_friends(round);
     ask_anything(round);
     count_for_good();
-  } catch (const LostTrack&) {
-    on_track_ = false;
+  } catch (const FailedInOutage&) {
+    knows_values_ = false;
     std::this_thread::sleep_for(pause_in_outage);
   }
-  on_track_ = on_track_ && !in_doubt_;
+  knows_values_ = knows_values_ && !in_doubt_;
 }
 
 // Values that another run left, or that are in doubt after an outage, do not count.
@@ -57,7 +57,7 @@ void Worker::start_afresh() {
   visits_ = 0;
   points_ = 0;
   friends_.clear();
-  on_track_ = true;
+  knows_values_ = true;
 }
 
 // The key contains the pool: pools may share a server, and a raw command may reach another pool.
@@ -78,7 +78,7 @@ int Worker::call(Family family, const char* what, const Operation& operation) {
   const Call made{family, what, pool_};
   const auto begin = std::chrono::steady_clock::now();
   if (in_doubt_ && !observer_.may_be_out_of_step(made, begin)) {
-    throw LostTrack();
+    throw FailedInOutage();
   }
   observer_.call_begins(made);
   const int result = operation();
@@ -101,7 +101,7 @@ bool Worker::judge(Family family, const char* what, int result, int expected) {
   const bool wrong = result != RUVO_ERR_FAILED;
   ++(wrong ? totals_.wrong_values : totals_.failed);
   if (!wrong && totals_.outage_expected) {
-    throw LostTrack();
+    throw FailedInOutage();
   }
   std::printf("%s: %s: %s (%d)\n", wrong ? "WRONG RESULT" : "FAILED", what,
               ruvo_result_text(result), result);

@@ -113,7 +113,7 @@ class Worker {
   int pool_;
   Totals& totals_;
   CallObserver& observer_;
-  bool on_track_ = false;  // the fields below match the keys
+  bool knows_values_ = false;  // the fields below match the keys
   long long visits_ = 0;
   long long points_ = 0;
   std::set<std::string> friends_;
