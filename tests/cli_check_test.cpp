@@ -117,7 +117,7 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
   const Tool tool(
       pools_at(lists["temp"], lists["persist"], lists["personality"]) + "socket_timeout = 100",
       "t_password = secret");
-  const Ended run = tool.run("--json check");
+  const ProgramResult run = tool.run("--json check");
   EXPECT_EQ(run.status, 5);
   const json report = json::parse(run.output);
   for (const json& pool : report["pools"]) {
@@ -266,7 +266,7 @@ TEST(CliCheck, NamesAnUnusableFile) {
   // clang-format on
   for (const auto& one : cases) {
     for (const std::string command : {"check", "watch", "load", "get k", "raw PING"}) {
-      const Ended run = shell(RUVO_CLI " --config " + one.config + " " + command + " 2>&1");
+      const ProgramResult run = shell(RUVO_CLI " --config " + one.config + " " + command + " 2>&1");
       EXPECT_EQ(run.status, 4) << command;
       EXPECT_EQ(run.output.find("ruvo_cli: start-up failed: "), 0U) << run.output;
       EXPECT_NE(run.output.find(one.told), std::string::npos) << command << "\n" << run.output;
@@ -317,9 +317,9 @@ TEST(CliWatch, EndsCleanlyOnASignal) {
   const TempDir dir;
   for (const std::string signal : {"INT", "TERM"}) {
     const std::string out = dir.path(signal);
-    const Ended run = shell(tool.command("watch --rounds 60") + " >" + out +
-                            " & until grep -q reads " + out + "; do :; done; kill -" + signal +
-                            " $!; wait $!; echo $? $(grep -c reads " + out + ")");
+    const ProgramResult run = shell(tool.command("watch --rounds 60") + " >" + out +
+                                    " & until grep -q reads " + out + "; do :; done; kill -" +
+                                    signal + " $!; wait $!; echo $? $(grep -c reads " + out + ")");
     EXPECT_TRUE(run.output.starts_with("0 ")) << run.output;
     EXPECT_NE(run.output, "0 60\n");
   }
@@ -332,7 +332,7 @@ TEST(CliWatch, StartsTheLibraryWhenTheFirstServerAnswers) {
   expect_output(tool, "watch --rounds 1", 5,
                 {"no server of the main pools answers", "not started", "  refused\n"});
   const TempDir dir;
-  Ended watched{};
+  ProgramResult watched{};
   std::jthread watch([&] {
     watched = shell("timeout 30 " + tool.command("watch --json") + " 2>&1 | tee " +
                     dir.path("out") + " | grep -m 1 '\"state\":\"up\"'");

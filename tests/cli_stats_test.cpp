@@ -56,7 +56,9 @@ class Host {
   statistics_file file_;
 };
 
-Ended stats(const std::string& arguments) { return shell(RUVO_CLI " " + arguments + " 2>&1"); }
+ProgramResult stats(const std::string& arguments) {
+  return shell(RUVO_CLI " " + arguments + " 2>&1");
+}
 
 void expect_all(const std::string& output, const std::vector<std::string>& told) {
   for (const std::string& text : told) {
@@ -71,7 +73,7 @@ TEST(CliStats, ShowsATable) {
   host.calls(2, RUVO_STATS_NO_SERVER, microseconds(2'000'000));
   note_failures(host.server(1), 3, std::time(nullptr) + 1000);
   note_failures(host.server(2), 2, 0);
-  const Ended run = stats("stats " + dir.path("s"));
+  const ProgramResult run = stats("stats " + dir.path("s"));
   EXPECT_EQ(run.status, 0);
   expect_all(run.output,
              {"process " + std::to_string(getpid()) + " runs; started ",
@@ -85,7 +87,7 @@ TEST(CliStats, ShowsRatesSinceTheLastReading) {
   const TempDir dir;
   Host host(dir.path("s"));
   host.calls(1'000'000, RUVO_STATS_OK, microseconds(10));
-  Ended run{};
+  ProgramResult run{};
   std::jthread watch([&] {
     run = stats("--json stats --watch 1 --rounds 3 " + dir.path("s") + " | tee " + dir.path("out"));
   });
@@ -122,7 +124,8 @@ TEST(CliStats, IsReadByPrometheus) {
   host.calls(3, RUVO_STATS_OK, microseconds(40));
   host.calls(1, RUVO_STATS_ERROR_REPLY, microseconds(20'000'000));
   note_failures(host.server(1), 3, std::time(nullptr) + 1000);
-  const Ended run = stats("stats --prometheus --label host=h1 --label 'unit=x y' " + dir.path("s"));
+  const ProgramResult run =
+      stats("stats --prometheus --label host=h1 --label 'unit=x y' " + dir.path("s"));
   EXPECT_EQ(run.status, 0);
   const std::string site = R"({host="h1",unit="x y")";
   const std::string histogram = "ruvo_call_duration_seconds";
@@ -180,7 +183,7 @@ TEST(CliStats, SaysWhatIsWrong) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    const Ended run = stats(one.arguments);
+    const ProgramResult run = stats(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
     expect_all(run.output, {one.told});
   }
@@ -197,7 +200,7 @@ TEST(CliStats, AFileThatIsReplacedIsReadWhole) {
     }
   });
   for (int i = 0; i < 20; ++i) {
-    const Ended run = stats("--json stats " + dir.path("s"));
+    const ProgramResult run = stats("--json stats " + dir.path("s"));
     ASSERT_EQ(run.status, 0) << run.output;
     EXPECT_LE(json::parse(run.output)["pools"][0]["calls"], 100);
   }
@@ -224,7 +227,7 @@ TEST(CliStats, WatchShowsTheHostsView) {
                 {redis.addr() + "  up  ", "  host: ejected, ", " s  calls/s 0.0  in flight 0"});
   expect_output(tool, "--pool persist watch --rounds 1 --stats-file " + dir.path("s"), 0,
                 {"  host: does not have it\n"});
-  const Ended run = tool.run("--json watch --rounds 1 --stats-file " + dir.path("s"));
+  const ProgramResult run = tool.run("--json watch --rounds 1 --stats-file " + dir.path("s"));
   EXPECT_EQ(json::parse(run.output)["host"]["state"], "ejected");
 }
 

@@ -48,7 +48,7 @@ TEST(Cli, RunsEveryOperation) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    const Ended run = tool.run(one.arguments);
+    const ProgramResult run = tool.run(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
     const bool is_json = one.output.starts_with('{');
     EXPECT_EQ(run.output, one.output + (is_json ? "\n" : "")) << one.arguments;
@@ -93,7 +93,7 @@ TEST(Cli, SaysWhatIsWrong) {
   // clang-format on
   tool.run("set k v");
   for (const auto& one : cases) {
-    const Ended run = tool.run(one.arguments);
+    const ProgramResult run = tool.run(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
     EXPECT_NE(run.output.find(one.told), std::string::npos) << one.arguments << ": " << run.output;
   }
@@ -112,7 +112,7 @@ TEST(Cli, LoadMeasuresAndCleansUp) {
   for (const Operation& operation : all_operations()) {
     mix += std::string(",") + operation.name + "=1";
   }
-  const Ended run = tool.run("load --threads 2 --seconds 1 --keys 10 --mix " + mix);
+  const ProgramResult run = tool.run("load --threads 2 --seconds 1 --keys 10 --mix " + mix);
   EXPECT_EQ(run.status, 0) << run.output;
   for (const std::string part :
        {"   1 s  ", " 0 failed in this second\n", "failed      0\n", "99.9%  ", "####"}) {
@@ -124,7 +124,7 @@ TEST(Cli, LoadMeasuresAndCleansUp) {
 TEST(Cli, LoadCountsFailuresAndReportsRemainingKeys) {
   const RedisServer redis("--rename-command DEL ''");
   const Tool tool(all_pools_at(redis.addr()));
-  const Ended run = tool.run(
+  const ProgramResult run = tool.run(
       "load --json --threads 1 --seconds 1 --keys 20 --mix set=1,raw=1 --raw 'HGET {key} f'");
   EXPECT_EQ(run.status, 3) << run.output;
   for (const std::string part :
