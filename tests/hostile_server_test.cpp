@@ -15,7 +15,7 @@ namespace {
 using std::chrono::milliseconds;
 
 // clang-format off
-const std::vector<std::string> sound = {
+const std::vector<std::string> valid_replies = {
     "+OK\r\n", "-ERR no\r\n", ":1\r\n", ":0\r\n", "$5\r\nhello\r\n", "$0\r\n\r\n", "$-1\r\n", "*-1\r\n", "*0\r\n",
     "*3\r\n$1\r\na\r\n:7\r\n$-1\r\n", "*2\r\n*2\r\n$1\r\na\r\n+b\r\n*1\r\n*1\r\n:3\r\n"};
 const std::vector<std::string> lengths = {
@@ -27,7 +27,7 @@ const std::vector<std::string> lengths = {
 class Damage {
  public:
   explicit Damage(std::uint64_t number) : random_(number) {
-    bytes = sound[below(sound.size())];
+    bytes = valid_replies[below(valid_replies.size())];
     for (std::size_t count = below(4); count > 0; --count) {
       damage();
     }
