@@ -42,7 +42,7 @@ using Call = std::function<int()>;
 // ---- The commands sent, and the result of each reply: against a server with scripted answers ----
 
 // Does the line match? Three dots at the end stand for any text.
-bool is_as(const LogCapture::Line& expected, const LogCapture::Line& line) {
+bool matches(const LogCapture::Line& expected, const LogCapture::Line& line) {
   const std::string whole = "ruvo_redis::" + expected.text;
   return line.level == expected.level &&
          (whole.ends_with("...") ? line.text.starts_with(whole.substr(0, whole.size() - 3))
@@ -184,9 +184,10 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
         return line.text.find(part) != std::string::npos;
       });
     };
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [&one](const LogCapture::Line& line) { return is_as(one.line, line); }),
-              1)
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(),
+                      [&one](const LogCapture::Line& line) { return matches(one.line, line); }),
+        1)
         << one.line;
     EXPECT_EQ(told("list_trim | success"),
               one.sent[1] == 'T' && one.reply.starts_with("+O") && one.reply != "+Odd");
