@@ -270,9 +270,10 @@ TEST(Operations, RefuseNullPointersAndTooLongArguments) {
     for (const auto& one : cases) {
       const int refused = one.text == too_long ? RUVO_ERR_FAILED : RUVO_ERR_NULL_ARGUMENT;
       EXPECT_EQ(one.call(), initialised ? refused : RUVO_ERR_NOT_INITIALIZED);
-      const std::string count_lines_with = initialised ? one.text : "redis is not initialized";
-      EXPECT_EQ(log.take(), (std::vector<LogCapture::Line>{
-                                {ERROR, "ruvo_redis::" + one.name + " | " + count_lines_with}}));
+      const std::string expected = initialised ? one.text : "redis is not initialized";
+      EXPECT_EQ(
+          log.take(),
+          (std::vector<LogCapture::Line>{{ERROR, "ruvo_redis::" + one.name + " | " + expected}}));
     }
     for (const Operation& one : operations) {
       if (one.unready() == RUVO_ERR_NOT_INITIALIZED) {  // a raw command uses the key as a format
