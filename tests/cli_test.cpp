@@ -63,7 +63,7 @@ TEST(Cli, SaysWhatIsWrong) {
   const TempDir dir;
   const std::string with_zero = dir.write("zero", std::string("a\0b", 3));
   // clang-format off
-  struct { std::string arguments; int status; std::string told; } const cases[] = {
+  struct { std::string arguments; int status; std::string output_part; } const cases[] = {
       {"", 64, "A subcommand is required"}, {"fly", 64, "no such command: fly"},
       {"get", 64, "KEY is required"}, {"set k", 64, "VALUE or --value-file is required"},
       {"set k v --value-file f", 64, "excludes"},
@@ -95,7 +95,8 @@ TEST(Cli, SaysWhatIsWrong) {
   for (const auto& one : cases) {
     const ProgramResult run = tool.run(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
-    EXPECT_NE(run.output.find(one.told), std::string::npos) << one.arguments << ": " << run.output;
+    EXPECT_NE(run.output.find(one.output_part), std::string::npos)
+        << one.arguments << ": " << run.output;
   }
   EXPECT_EQ(shell("RUVO_CONFIG=" + tool.path() + " " RUVO_CLI " get k").output, "v\n");
   EXPECT_EQ(shell(std::string(RUVO_CLI) + " --version").output, "ruvo_cli " RUVO_VERSION "\n");
