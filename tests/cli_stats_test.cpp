@@ -60,8 +60,8 @@ ProgramResult stats(const std::string& arguments) {
   return shell(RUVO_CLI " " + arguments + " 2>&1");
 }
 
-void expect_all(const std::string& output, const std::vector<std::string>& told) {
-  for (const std::string& text : told) {
+void expect_all(const std::string& output, const std::vector<std::string>& output_parts) {
+  for (const std::string& text : output_parts) {
     EXPECT_NE(output.find(text), std::string::npos) << text << "\n" << output;
   }
 }
@@ -102,20 +102,20 @@ TEST(CliStats, ShowsRatesSinceTheLastReading) {
   host.begin();
   watch.join();
   std::istringstream lines(run.output);
-  std::vector<json> looks;
+  std::vector<json> readings;
   for (std::string line; std::getline(lines, line);) {
-    looks.push_back(json::parse(line)["pools"][0]);
+    readings.push_back(json::parse(line)["pools"][0]);
   }
-  ASSERT_EQ(looks.size(), 3U);
-  EXPECT_EQ(looks[0]["results"]["ok"], 1'000'000);
-  EXPECT_LT(looks[0]["seconds"]["p99"], 0.000'012);
-  EXPECT_EQ(looks[1]["calls"], 1'000'500);
-  EXPECT_LE(looks[1]["calls_per_second"], 500);
-  EXPECT_GT(looks[1]["calls_per_second"], 5);
-  EXPECT_GT(looks[1]["seconds"]["p50"], 0.05);
-  EXPECT_EQ(looks[2]["calls"], 0);  // the host has restarted
-  EXPECT_EQ(looks[2]["calls_per_second"], 0.0);
-  EXPECT_EQ(looks[2]["servers"].size(), 3U);
+  ASSERT_EQ(readings.size(), 3U);
+  EXPECT_EQ(readings[0]["results"]["ok"], 1'000'000);
+  EXPECT_LT(readings[0]["seconds"]["p99"], 0.000'012);
+  EXPECT_EQ(readings[1]["calls"], 1'000'500);
+  EXPECT_LE(readings[1]["calls_per_second"], 500);
+  EXPECT_GT(readings[1]["calls_per_second"], 5);
+  EXPECT_GT(readings[1]["seconds"]["p50"], 0.05);
+  EXPECT_EQ(readings[2]["calls"], 0);  // the host has restarted
+  EXPECT_EQ(readings[2]["calls_per_second"], 0.0);
+  EXPECT_EQ(readings[2]["servers"].size(), 3U);
 }
 
 TEST(CliStats, IsReadByPrometheus) {
@@ -165,7 +165,7 @@ TEST(CliStats, SaysWhatIsWrong) {
   ASSERT_EQ(shell("mkfifo " + dir.path("pipe")).status, 0);
   const std::string s = dir.path("s");
   // clang-format off
-  const struct { std::string arguments; int status; std::string told; } cases[] = {
+  const struct { std::string arguments; int status; std::string output_parts; } cases[] = {
       {"stats", 64, "FILE is required"}, {"get k", 64, "--config is required, or RUVO_CONFIG"},
       {"stats --watch 0 " + s, 64, "--watch: not a whole number from 1 to 86400: 0"},
       {"stats --label a=b " + s, 64, "--label requires --prometheus"},
@@ -185,7 +185,7 @@ TEST(CliStats, SaysWhatIsWrong) {
   for (const auto& one : cases) {
     const ProgramResult run = stats(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
-    expect_all(run.output, {one.told});
+    expect_all(run.output, {one.output_parts});
   }
 }
 
