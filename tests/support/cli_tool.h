@@ -29,10 +29,10 @@ class Tool {
 
 // Runs the tool and checks its status and parts of its output.
 inline void expect_output(const Tool& tool, const std::string& arguments, int status,
-                          const std::vector<std::string>& told) {
+                          const std::vector<std::string>& parts) {
   const ProgramResult run = tool.run(arguments);
   EXPECT_EQ(run.status, status) << arguments << "\n" << run.output;
-  for (const std::string& part : told) {
+  for (const std::string& part : parts) {
     EXPECT_NE(run.output.find(part), std::string::npos) << arguments << ": " << part << "\n"
                                                         << run.output;
   }
