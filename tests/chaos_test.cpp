@@ -25,8 +25,8 @@ TEST(Chaos, RefusesServersThatHoldOtherKeys) {
   redis.ask("SET somebody:1 x");
   expect_refusal(chaos_on(redis.addr(), ""), "somebody:1");
   EXPECT_EQ(redis.ask("DBSIZE"), "10000");
-  const ProgramResult told = chaos_on(redis.addr(), "--throwaway");
-  EXPECT_EQ(told.status, 0) << told.output;
+  const ProgramResult throwaway = chaos_on(redis.addr(), "--throwaway");
+  EXPECT_EQ(throwaway.status, 0) << throwaway.output;
 
   redis.ask("DEL somebody:1");
   EXPECT_NE(redis.ask("DBSIZE"), "0");  // the keys of the previous run
