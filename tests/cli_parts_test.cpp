@@ -129,11 +129,11 @@ TEST_F(Log, ShowsLinesFromALevelOnOrHoldsTheLatestErrors) {
 }
 
 TEST_F(Log, ListenersGetLinesFromALevelOn) {
-  std::vector<std::string> heard;
-  const std::string told = shown({Logger::ERROR, "", false}, [&heard] {
+  std::vector<std::string> received;
+  const std::string output = shown({Logger::ERROR, "", false}, [&received] {
     {
       const LogListening listening(
-          Logger::INFO, [&heard](const LogEvent& event) { heard.push_back(event.text); });
+          Logger::INFO, [&received](const LogEvent& event) { received.push_back(event.text); });
       for (const auto level : {Logger::DEBUG, Logger::INFO, Logger::ERROR}) {
         write(level, "level " + std::to_string(level));
       }
@@ -142,8 +142,8 @@ TEST_F(Log, ListenersGetLinesFromALevelOn) {
     EXPECT_EQ(Logger::logLevel(), Logger::ERROR);
     write(Logger::ERROR, "unheard");
   });
-  EXPECT_EQ(heard, (std::vector<std::string>{"level 2", "level 4"}));
-  EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 2) << told;
+  EXPECT_EQ(received, (std::vector<std::string>{"level 2", "level 4"}));
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2) << output;
 }
 
 }  // namespace
