@@ -213,9 +213,9 @@ TEST_F(Judging, OnlyAFailedCallIsAFailure) {
   EXPECT_EQ(judge_.failures(unexplained), 0);
   judge({}, {rebuild(one), skipped(two)}, {lists, "push", ePersistServer});
   EXPECT_EQ(judge_.failures(unexplained), 1);
-  const std::string told = printed();
-  EXPECT_EQ(told.find("FAILED WITHOUT REASON: push, pool 2, after "), 0U) << told;
-  EXPECT_TRUE(told.ends_with(" s; tried 127.0.0.1:1 skipped 127.0.0.1:2\n")) << told;
+  const std::string output = printed();
+  EXPECT_EQ(output.find("FAILED WITHOUT REASON: push, pool 2, after "), 0U) << output;
+  EXPECT_TRUE(output.ends_with(" s; tried 127.0.0.1:1 skipped 127.0.0.1:2\n")) << output;
 }
 
 TEST_F(Judging, AServerMayBeGivenUpOnlyInAFault) {
