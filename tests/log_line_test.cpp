@@ -72,10 +72,10 @@ TEST_F(Log, LimitSuppressesLinesOfAKindAndLogsHowMany) {
   }
   counts(2, 2, 20);
   now = first + 1;  // again the second that has had its lines
-  const std::string told = "ruvo_redis::log_limit | 9 lines like the next one were kept back";
-  EXPECT_EQ(log_.count(WARN, told), 2);  // of each kind
+  const std::string notice = "ruvo_redis::log_limit | 9 lines like the next one were kept back";
+  EXPECT_EQ(log_.count(WARN, notice), 2);  // of each kind
   const std::vector<LogCapture::Line> lines = log_.take();
-  const auto at = std::find(lines.begin(), lines.end(), LogCapture::Line{WARN, told});
+  const auto at = std::find(lines.begin(), lines.end(), LogCapture::Line{WARN, notice});
   ASSERT_NE(at, lines.end());
   EXPECT_EQ(at[1].text, "one kind 0");
   {
