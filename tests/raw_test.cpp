@@ -94,10 +94,10 @@ TEST_F(Raw, MakesTwoVisitsForEachServerOfThePoolsAtMost) {
 TEST_F(Raw, LogsAPoolWithoutAServerAtTheStart) {
   const ScriptedServer good{std::string("+good\r\n")};
   start(pools_at(down_.addr(), good.addr(), ""), "p_server_failure_limit = 1");
-  for (const int told : {0, 1}) {  // the first call ejects the only server
+  for (const int error_lines : {0, 1}) {  // the first call ejects the only server
     log_.clear();
     EXPECT_EQ(ping(eTempServer), "null");
-    EXPECT_EQ(log_.count(ERROR, "temp"), told);
+    EXPECT_EQ(log_.count(ERROR, "temp"), error_lines);
   }
 }
 
