@@ -250,7 +250,7 @@ TEST_F(Statistics, ABadFileIsReported) {
   const auto reaching = [](std::size_t base, std::size_t field) { return base + field; };
   const struct {
     FileCopy file;
-    const char* told;
+    const char* error_part;
   } cases[] = {
       {good.cut(0), "not a statistics file"},
       {good.with(0, 0), "not a statistics file"},
@@ -275,8 +275,8 @@ TEST_F(Statistics, ABadFileIsReported) {
   };
   EXPECT_EQ(good.error(), "");
   for (const auto& one : cases) {
-    EXPECT_NE(one.file.error().find(one.told), std::string::npos)
-        << one.told << ": " << one.file.error();
+    EXPECT_NE(one.file.error().find(one.error_part), std::string::npos)
+        << one.error_part << ": " << one.file.error();
   }
   for (std::size_t length = 0; length < good.size(); length += 997) {
     EXPECT_NE(good.cut(length).check(), nullptr) << length;
