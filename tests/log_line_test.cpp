@@ -43,12 +43,12 @@ TEST_F(Log, ALineHasItsPlaceAndIsCut) {
 }
 
 TEST_F(Log, ArgumentsAreEvaluatedOnlyForWrittenLines) {
-  int looked = 0;
+  int evaluations = 0;
   BaseLib::Logger::setLogLevel(WARN);
-  RUVO_LOG(INFO, "%d", ++looked);
-  EXPECT_EQ(looked, 0);
-  RUVO_LOG(WARN, "%d", ++looked);
-  EXPECT_EQ(looked, 1);
+  RUVO_LOG(INFO, "%d", ++evaluations);
+  EXPECT_EQ(evaluations, 0);
+  RUVO_LOG(WARN, "%d", ++evaluations);
+  EXPECT_EQ(evaluations, 1);
   EXPECT_EQ(log_.take(), (std::vector<LogCapture::Line>{{WARN, "1"}}));
 }
 
