@@ -116,16 +116,16 @@ TEST_F(StreamLog, DropsALineThatLacksAPiece) {
 
 TEST_F(StreamLog, ACancelledThreadFinishesItsLineAndEndsThen) {
   lines.clear();
-  std::atomic<bool> went_on{false};
+  std::atomic<bool> has_continued{false};
   std::thread writer([&] {
     pthread_cancel(pthread_self());
     Logger("t.cpp", 1, Logger::INFO).stream() << "whole";
     pthread_testcancel();
-    went_on = true;
+    has_continued = true;
   });
   writer.join();
   EXPECT_EQ(lines.size(), 1U);
-  EXPECT_FALSE(went_on);
+  EXPECT_FALSE(has_continued);
 }
 
 // Hosts in C set the same threshold and the same output.
