@@ -254,7 +254,7 @@ TEST(CliCheck, NamesAnUnusableFile) {
   const std::string gone = dir.write("gone", "[redis_cfg]\nredis_cfg_path = " + none + "\n");
   const std::string astray = dir.write("astray", "[redis_cfg]\nredis_cfg_path = stray.conf\n");
   // clang-format off
-  const struct { std::string config; std::string output_parts; } cases[] = {
+  const struct { std::string config; std::string output_part; } cases[] = {
       {none, "cannot open " + none + ": No such file or directory (10115)\n"},
       {"/", "start-up failed: /: Is a directory (10106)\n"},
       {empty, empty + ": no redis_cfg_path in section [redis_cfg] (10106)\n"},
@@ -269,8 +269,8 @@ TEST(CliCheck, NamesAnUnusableFile) {
       const ProgramResult run = shell(RUVO_CLI " --config " + one.config + " " + command + " 2>&1");
       EXPECT_EQ(run.status, 4) << command;
       EXPECT_EQ(run.output.find("ruvo_cli: start-up failed: "), 0U) << run.output;
-      EXPECT_NE(run.output.find(one.output_parts), std::string::npos) << command << "\n"
-                                                                      << run.output;
+      EXPECT_NE(run.output.find(one.output_part), std::string::npos) << command << "\n"
+                                                                     << run.output;
     }
   }
 }

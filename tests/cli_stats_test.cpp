@@ -165,7 +165,7 @@ TEST(CliStats, SaysWhatIsWrong) {
   ASSERT_EQ(shell("mkfifo " + dir.path("pipe")).status, 0);
   const std::string s = dir.path("s");
   // clang-format off
-  const struct { std::string arguments; int status; std::string output_parts; } cases[] = {
+  const struct { std::string arguments; int status; std::string output_part; } cases[] = {
       {"stats", 64, "FILE is required"}, {"get k", 64, "--config is required, or RUVO_CONFIG"},
       {"stats --watch 0 " + s, 64, "--watch: not a whole number from 1 to 86400: 0"},
       {"stats --label a=b " + s, 64, "--label requires --prometheus"},
@@ -185,7 +185,7 @@ TEST(CliStats, SaysWhatIsWrong) {
   for (const auto& one : cases) {
     const ProgramResult run = stats(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
-    expect_all(run.output, {one.output_parts});
+    expect_all(run.output, {one.output_part});
   }
 }
 
