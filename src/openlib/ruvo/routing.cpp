@@ -10,17 +10,18 @@
 
 namespace {
 
-constexpr std::uint64_t last_turn = 10001;  // the highest number that a round-robin counter gives
+constexpr std::uint64_t highest_number =
+    10001;  // the highest number that a round-robin counter gives
 
 // Takes the next number of a round-robin counter. Two threads may both reset a counter that has
 // passed its highest number: a few numbers are then used twice, which does no harm.
-std::uint64_t next_turn(std::int64_t& counter) {
+std::uint64_t next_number(std::int64_t& counter) {
   const std::atomic_ref<std::int64_t> shared(counter);
-  const auto turn = static_cast<std::uint64_t>(shared.fetch_add(1));
-  if (turn >= last_turn) {
+  const auto number = static_cast<std::uint64_t>(shared.fetch_add(1));
+  if (number >= highest_number) {
     shared.store(0);
   }
-  return turn;
+  return number;
 }
 
 void clear_failures(server_node& server) {
@@ -31,9 +32,9 @@ void clear_failures(server_node& server) {
 
 // The position where a search for a server begins.
 std::size_t start_position(server_pool& pool, int svc_index) {
-  const std::uint64_t turn =
-      svc_index < 0 ? next_turn(pool.server_count_) : static_cast<std::uint64_t>(svc_index);
-  return turn % pool.servers_.size();
+  const std::uint64_t number =
+      svc_index < 0 ? next_number(pool.server_count_) : static_cast<std::uint64_t>(svc_index);
+  return number % pool.servers_.size();
 }
 
 }  // namespace
@@ -122,8 +123,8 @@ void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType red
 // Counts modulo the temporary pool's number of connections, which sizes every server's slots.
 conn_node* ruvo_redis::get_conn(server_node& svc_node, RedisServerType /*redisSrvType*/) {
   const std::uint32_t conn_num = t_pool_.conn_num_;
-  const std::uint64_t turn = next_turn(svc_node.conn_count_);
-  const auto index = static_cast<std::uint32_t>(conn_num > 0 ? turn % conn_num : 0);
+  const std::uint64_t number = next_number(svc_node.conn_count_);
+  const auto index = static_cast<std::uint32_t>(conn_num > 0 ? number % conn_num : 0);
   RUVO_LOG(DEBUG, "ruvo_redis::get_conn | connection index: %u/%u", index, conn_num);
   if (index >= svc_node.context_arr_.size()) {
     RUVO_LOG(WARN, "ruvo_redis::get_conn | no connection %u on server %s port:%d", index,
