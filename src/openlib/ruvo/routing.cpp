@@ -11,7 +11,7 @@
 namespace {
 
 constexpr std::uint64_t highest_number =
-    10001;  // the highest number that a round-robin counter gives
+    10001;  // of a round-robin counter
 
 // Takes the next number of a round-robin counter. Two threads may both reset a counter that has
 // passed its highest number: a few numbers are then used twice, which does no harm.
