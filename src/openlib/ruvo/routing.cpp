@@ -10,8 +10,7 @@
 
 namespace {
 
-constexpr std::uint64_t highest_number =
-    10001;  // of a round-robin counter
+constexpr std::uint64_t highest_number = 10001;  // of a round-robin counter
 
 // Takes the next number of a round-robin counter. Two threads may both reset a counter that has
 // passed its highest number: a few numbers are then used twice, which does no harm.
@@ -53,9 +52,9 @@ server_choice ruvo_redis::choose_server(RedisServerType type, int svc_index) {
   const std::size_t start = count > 0 ? start_position(pool, svc_index) : 0;
   // In an outage each server is probed by one call at a time, ejected or not.
   const bool only_probes = pool.outage_.is_on();
-  for (std::size_t looked_at = 0; looked_at < count; ++looked_at) {
-    server_node& candidate = pool.servers_[(start + looked_at) % count];
-    if (looked_at == 0) {
+  for (std::size_t offset = 0; offset < count; ++offset) {
+    server_node& candidate = pool.servers_[(start + offset) % count];
+    if (offset == 0) {
       RUVO_LOG(DEBUG, "ruvo_redis::get_redis_node | addr:%s port:%d", ip_of(candidate.addr_),
                port_of(candidate.addr_));
     } else {
