@@ -72,7 +72,7 @@ std::vector<Server> lines_of(const std::vector<std::string>& addresses, State st
 class ServerWatch {
  public:
   explicit ServerWatch(const std::vector<std::string>& addresses)
-      : turns_(addresses.size()),
+      : reads_per_round_(addresses.size()),
         servers_(lines_of(addresses, State::unknown)),
         listening_(BaseLib::Logger::DEBUG, [this](const LogEvent& event) { read(event); }) {}
 
@@ -83,7 +83,7 @@ class ServerWatch {
     for (Server& server : servers_) {
       server.is_retried = false;
     }
-    for (std::size_t i = 0; i < turns_; ++i) {
+    for (std::size_t i = 0; i < reads_per_round_; ++i) {
       for (Server& server : servers_) {
         server.is_visited = false;
       }
@@ -146,7 +146,7 @@ class ServerWatch {
     candidate_ = nullptr;
   }
 
-  std::size_t turns_;
+  std::size_t reads_per_round_;
   std::vector<Server> servers_;
   Server* candidate_ = nullptr;
   bool is_under_way_ = false;  // a visit
