@@ -72,8 +72,8 @@ class Simulation {
   explicit Simulation(const Point& point)
       : point_(point),
         threads_(point.hosts * point.threads),
-        server_turns_(point.hosts),
-        connection_turns_(point.hosts * point.servers),
+        next_server_(point.hosts),
+        next_connection_(point.hosts * point.servers),
         connections_(point.hosts * point.servers * point.connections),
         servers_(point.servers) {}
 
@@ -186,13 +186,13 @@ class Simulation {
     Thread& thread = threads_[number];
     const std::size_t host = number / point_.threads;
     thread.called = now_;
-    thread.server = server_turns_[host]++ % point_.servers;
+    thread.server = next_server_[host]++ % point_.servers;
     const std::size_t path = host * point_.servers + thread.server;
     const std::size_t first = path * point_.connections;
-    const std::size_t turn = connection_turns_[path]++;
-    thread.connection = first + turn % point_.connections;
+    const std::size_t number = next_connection_[path]++;
+    thread.connection = first + number % point_.connections;
     for (std::size_t i = 0; point_.auto_pipelining && i < point_.connections; ++i) {
-      const std::size_t candidate = first + (turn + i) % point_.connections;
+      const std::size_t candidate = first + (number + i) % point_.connections;
       if (connections_[candidate].in_flight + connections_[candidate].waiting.size() == 0) {
         thread.connection = candidate;
         return;
@@ -259,10 +259,10 @@ class Simulation {
   std::uint64_t event_count_ = 0;
   std::priority_queue<Event> events_;
   std::vector<Thread> threads_;
-  std::vector<std::size_t> server_turns_;      // by host
-  std::vector<std::size_t> connection_turns_;  // by host and server
-  std::vector<Connection> connections_;        // by host, server and number
-  std::vector<Queue> servers_;                 // the first is being served
+  std::vector<std::size_t> next_server_;      // by host
+  std::vector<std::size_t> next_connection_;  // by host and server
+  std::vector<Connection> connections_;       // by host, server and number
+  std::vector<Queue> servers_;                // the first is being served
   std::vector<double> latencies_;
 };
 
