@@ -189,10 +189,10 @@ class Simulation {
     thread.server = next_server_[host]++ % point_.servers;
     const std::size_t path = host * point_.servers + thread.server;
     const std::size_t first = path * point_.connections;
-    const std::size_t number = next_connection_[path]++;
-    thread.connection = first + number % point_.connections;
+    const std::size_t next = next_connection_[path]++;
+    thread.connection = first + next % point_.connections;
     for (std::size_t i = 0; point_.auto_pipelining && i < point_.connections; ++i) {
-      const std::size_t candidate = first + (number + i) % point_.connections;
+      const std::size_t candidate = first + (next + i) % point_.connections;
       if (connections_[candidate].in_flight + connections_[candidate].waiting.size() == 0) {
         thread.connection = candidate;
         return;
