@@ -55,7 +55,7 @@ struct Outcome {
   SecondOfCalls all;
   SecondOfCalls last;                // second
   double connections_a_second = -1;  // if it is checked
-  int keys_in_other_pools = 0;       // keys written to another pool
+  int keys_in_other_pools = 0;
 };
 
 struct Row {

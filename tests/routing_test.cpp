@@ -105,8 +105,8 @@ TEST_F(Routing, GivesUpWhenAllServersAreEjectedOrThereIsNone) {
   EXPECT_EQ(log_.count_containing("ruvo_redis::is_server_valid | server,ip:"), 3);
   EXPECT_EQ(log_.count(BaseLib::Logger::INFO, "ruvo_redis::get_server_node | all servers invalid"),
             1);
-  EXPECT_EQ(next_positions(1, -1, ePersistServer),
-            positions{0});  // each pool has servers of its own
+  // Each pool has servers of its own.
+  EXPECT_EQ(next_positions(1, -1, ePersistServer), positions{0});
   client_.update_server_ok(&server(2));
   EXPECT_EQ(next_positions(1), positions{2});
 }
