@@ -57,7 +57,7 @@ std::string per_second(std::uint64_t count, double seconds) {
   return format("%.1f", static_cast<double>(count) / seconds);
 }
 
-// A reading, and the counts since the previous one, or since the start.
+// What a reading of the file gave; `counted` covers the time since the previous one.
 struct Reading {
   Statistics now;
   Statistics counted;
