@@ -57,8 +57,8 @@ double Judge::seconds(Ticks time) {
 }
 
 Judge::Caller& Judge::own_caller() {
-  thread_local const std::size_t mine = next_thread_++;
-  return callers_.at(mine % callers_.size());
+  thread_local const std::size_t number = next_thread_++;
+  return callers_.at(number % callers_.size());
 }
 
 bool Judge::is_bound_to_pool(const Call& call) const {
@@ -169,9 +169,9 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   }
   // A connection that broke in a fault may not have been used since: its threads waited in other
   // pools.
-  const milliseconds aftermath(settings.options.call_timeout);
+  const milliseconds max_time_unused(settings.options.call_timeout);
   if (walk.may_have_run && std::any_of(servers.begin(), servers.end(), [&](const auto& server) {
-        return faults_.touches(server->addr(), from - aftermath, to);
+        return faults_.touches(server->addr(), from - max_time_unused, to);
       })) {
     return may_have_run;
   }
@@ -232,11 +232,11 @@ void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_poi
 // servers when a thread comes to that pool, and that thread may have waited in the other pools.
 bool Judge::may_fail_in_outage(const Call& call, Clock::time_point from, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
-  const Clock::duration to_find_back =
+  const Clock::duration recovery_time =
       static_cast<int>(pool_count - 1) * deadline + longest_probe_pause + scheduling_tolerance;
   const std::optional<Outage> outage = long_outage(call, to);
   return outage && (from <= outage->to ||
-                    (own_caller().served_last <= outage->to && from - outage->to <= to_find_back));
+                    (own_caller().served_last <= outage->to && from - outage->to <= recovery_time));
 }
 
 bool Judge::may_be_out_of_step(const Call& call, Clock::time_point begin) const {
