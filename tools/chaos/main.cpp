@@ -134,7 +134,7 @@ void run_driver(const Options& options, Driver& driver, const Judge& judge, cons
 }
 
 // Waits until the calls that began in a fault have ended and every ejected server has been retried.
-void settle(const Site& site, const Judge& judge) {
+void wait_for_recovery(const Site& site, const Judge& judge) {
   const Clock::time_point cleared = Clock::now();
   const Clock::time_point last =
       cleared + std::chrono::seconds(site.settings.retry_timeout_s) + judge.bound({raw, "", 1});
@@ -298,7 +298,7 @@ int run_chaos(const Options& options, Site& site) {
     const auto library = start_library(options, site, faults);
     const Host host(options.threads, totals, judge);
     run_driver(options, driver, judge, totals);
-    settle(site, judge);
+    wait_for_recovery(site, judge);
     failed_late = totals.failed;
     done_late = totals.all_operations();
     wait_until(Clock::now() + quiet_period, judge);
