@@ -33,15 +33,15 @@ void Worker::work(int round) {
       open_account();
     }
     if (!knows_values_) {
-      start_afresh();
+      reset_values();
     }
     keep_session(round);
     count_visit();
     update_profile(round);
     queue_message(round);
     tag_friends(round);
-    ask_anything(round);
-    count_for_good();
+    run_raw_commands(round);
+    count_permanently();
   } catch (const FailedInOutage&) {
     knows_values_ = false;
     std::this_thread::sleep_for(pause_in_outage);
@@ -50,7 +50,7 @@ void Worker::work(int round) {
 }
 
 // Values that another run left, or that are in doubt after an outage, do not count.
-void Worker::start_afresh() {
+void Worker::reset_values() {
   for (const char* kind : {"visits", "profile", "queue", "friends"}) {
     expect(strings, "delete", [&] { return RUVO_DeleteKey(key(kind).c_str(), pool_, nullptr); });
   }
@@ -259,7 +259,7 @@ void Worker::tag_friends(int round) {
 }
 
 // A counter that nobody deletes.
-void Worker::count_for_good() {
+void Worker::count_permanently() {
   long long count = 0;
   const int result = call(hashes, "increment", [&] {
     return RUVO_HashIncrBy(key("account").c_str(), "count", 5, 1, &count, pool_, nullptr);
@@ -292,7 +292,7 @@ void Worker::check_stored_count() {
 
 // Any command. If its failover has led to another pool, the value that it read there does not
 // count, and it is sent again.
-void Worker::ask_anything(int round) {
+void Worker::run_raw_commands(int round) {
   const std::string note = key("note");
   const std::string text = text_for("note", round);
   for (int tries = 0; tries < raw_tries; ++tries) {

@@ -83,7 +83,7 @@ class Worker {
   void check_stored_count();
 
  private:
-  void start_afresh();
+  void reset_values();
   void open_account();
   std::string key(const char* kind) const;
   std::string text_for(const char* kind, int round) const;
@@ -103,8 +103,8 @@ class Worker {
   void update_profile(int round);
   void queue_message(int round);
   void tag_friends(int round);
-  void ask_anything(int round);
-  void count_for_good();
+  void run_raw_commands(int round);
+  void count_permanently();
   template <typename... Words>
   std::optional<bool> reply_is(int type, const std::string& text, bool& left_pool, const char* name,
                                const Words&... words);
