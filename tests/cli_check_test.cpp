@@ -64,7 +64,7 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
   const ScriptedServer silent([](Peer& peer) { peer.hang(); });
   const ScriptedServer closing([](Peer& peer) { peer.read_command(); });
   const ScriptedServer web("HTTP/1.1 400 Bad Request\r\n\r\n");
-  const ScriptedServer friendly("+OK\r\n");
+  const ScriptedServer not_redis("+OK\r\n");
   const ScriptedServer strange("-ERR no \x1b such thing\r\n");
   RedisServer loading;
   restart_loading(loading);
@@ -72,8 +72,8 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
   const ClientLimit limit(full);
   const RedisServer replica;
   become_replica(replica, redis);
-  const RedisServer alone;
-  become_replica_without_primary(alone);
+  const RedisServer without_primary;
+  become_replica_without_primary(without_primary);
   const RedisServer stale("--replicaof 127.0.0.1 " + std::to_string(down.port()));
   std::map<std::string, std::string> states{
       {"temp " + redis.addr(), "up "},
@@ -84,7 +84,7 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
       {"temp " + closing.addr(), "closed closes the connection on the first command"},
       {"temp " + web.addr(),
        "not a Redis what answers there is no Redis; one behind TLS looks like this, too"},
-      {"temp " + friendly.addr(),
+      {"temp " + not_redis.addr(),
        "not a Redis what answers there is no Redis; one behind TLS looks like this, too"},
       {"temp " + strange.addr(), "error reply ERR no ? such thing"},
       {"temp " + loading.addr(), "loading loads its data, and answers no command until it is done"},
@@ -92,7 +92,7 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
        "at its limit of clients closes every further connection: see its maxclients"},
       {"temp " + replica.addr(),
        "replica follows " + redis.addr() + ", and answers writes with READONLY"},
-      {"temp " + alone.addr(),
+      {"temp " + without_primary.addr(),
        "replica without its primary the link to its primary is down, and it answers no command "
        "until it is up again"},
       {"temp " + stale.addr(), "replica without its primary follows " + down.addr() +
@@ -252,7 +252,7 @@ TEST(CliCheck, NamesAnUnusableFile) {
   const std::string none = dir.path("none");
   const std::string empty = dir.write("empty", "[redis_cfg]\n");
   const std::string gone = dir.write("gone", "[redis_cfg]\nredis_cfg_path = " + none + "\n");
-  const std::string astray = dir.write("astray", "[redis_cfg]\nredis_cfg_path = stray.conf\n");
+  const std::string relative = dir.write("astray", "[redis_cfg]\nredis_cfg_path = stray.conf\n");
   // clang-format off
   const struct { std::string config; std::string output_part; } cases[] = {
       {none, "cannot open " + none + ": No such file or directory (10115)\n"},
@@ -260,7 +260,7 @@ TEST(CliCheck, NamesAnUnusableFile) {
       {empty, empty + ": no redis_cfg_path in section [redis_cfg] (10106)\n"},
       {gone, "cannot open " + none + ": No such file or directory; it is the redis_cfg_path of " +
        gone + " (-1)\n"},
-      {astray, "relative to the working directory " + std::filesystem::current_path().string() +
+      {relative, "relative to the working directory " + std::filesystem::current_path().string() +
        " (-1)\n"},
   };
   // clang-format on
