@@ -72,11 +72,11 @@ const std::array temporary_states{
 
 Probe refusal(const redisReply& error, const std::string& key) {
   const std::string text = printable(error);
-  const auto* const passing = std::ranges::find_if(temporary_states, [&text](const Probe& state) {
+  const auto* const temporary = std::ranges::find_if(temporary_states, [&text](const Probe& state) {
     return text.starts_with(state.error_reply);
   });
-  if (passing != temporary_states.end()) {
-    return *passing;
+  if (temporary != temporary_states.end()) {
+    return *temporary;
   }
   if (text.starts_with("NOAUTH")) {
     return {"no password given", "asks for a password, and " + key + " is not set", "NOAUTH"};
