@@ -456,7 +456,7 @@ template <std::size_t room>
   words.resize(room);
   return execute(pool, count, words.data(), std::make_index_sequence<2 * room>());
 }
-// The same for a number known at run time: with room for 16, 128 or the most words.
+// The same for a number known at run time: with room for 16, 128 or the maximum number of words.
 inline void* execute(RedisServerType pool, words_view given) {
   std::vector<std::string_view> words(given.begin(), given.end());
   const std::size_t count = words.size();

@@ -492,7 +492,7 @@ class reply_view {
 class reply_view::iterator {
  public:
   using iterator_concept = std::forward_iterator_tag;
-  using iterator_category = std::input_iterator_tag;  // what it refers to is a value
+  using iterator_category = std::input_iterator_tag;  // dereferencing returns a value
   using value_type = reply_view;
   using difference_type = std::ptrdiff_t;
   using pointer = void;
