@@ -113,7 +113,7 @@ Outcome outcome_of(CallingHost& host, int seconds) {
   return outcome;
 }
 
-// Threads call; then comes a fault, and then its end.
+// Threads call while a fault begins and ends.
 template <typename Fault, typename End>
 Outcome run_through(const HostConfig& config, const Fault& fault, milliseconds away, const End& end,
                     int seconds, const CallingHost::Call& call = write_or_read) {
@@ -160,7 +160,7 @@ Outcome one_of_two(const OfOne& enter, const OfOne& leave) {
       end_of_state - fault_at, [&] { leave(server, well); }, 3);
 }
 
-// The fault lasts from the start: a server that returns loading may have been ejected before.
+// The server loads from the start: one that restarts could be ejected before it answers LOADING.
 Outcome one_of_two_loading() {
   const RedisServer well;
   RedisServer server;

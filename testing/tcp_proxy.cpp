@@ -117,8 +117,8 @@ void TcpProxy::forward_all() {
     }
     deliver();
     if (std::any_of(events.begin(), events.end(), is_of(fd_))) {
-      accept_connection();  // last, since it may get the number of a socket that was just
-                            // closed
+      // Last, since the connection may get the number of a socket that was just closed.
+      accept_connection();
     }
   }
 }

@@ -17,7 +17,7 @@ constexpr int max_friends = 5;
 constexpr int raw_tries = 10;
 constexpr std::chrono::milliseconds pause_in_outage(20);
 
-// Thrown out of a round: an operation failed in an outage, and may or may not have run.
+// Ends a round: an operation failed in an outage, and may or may not have run.
 struct FailedInOutage {};
 
 }  // namespace

@@ -17,7 +17,7 @@ enum Family { strings, hashes, lists, sets, raw, family_count };
 constexpr std::array<const char*, family_count> family_names{"string keys", "hashes", "lists",
                                                              "sets", "raw commands"};
 
-// The prefix of all keys of the work, which nothing else uses.
+// The prefix of all keys of the workload, which nothing else uses.
 constexpr std::string_view workload_prefix = "ruvo_workload:";
 
 struct Totals {

@@ -71,7 +71,7 @@ TEST_F(Log, LimitSuppressesLinesOfAKindAndLogsHowMany) {
     }
   }
   counts(2, 2, 20);
-  now = first + 1;  // again the second that has had its lines
+  now = first + 1;  // the second whose limit has been reached
   const std::string notice = "ruvo_redis::log_limit | 9 lines like the next one were kept back";
   EXPECT_EQ(log_.count(WARN, notice), 2);  // of each kind
   const std::vector<LogCapture::Line> lines = log_.take();

@@ -140,7 +140,8 @@ TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
     passwords += words.at(1) + " ";
     return "+OK\r\n";
   });
-  // Good while the three pools are built; later one refuses, one closes, one is down.
+  // The servers are good while the three pools are built; later one refuses, one closes, one is
+  // down.
   const ScriptedServer refuses([](Peer& peer) {
     peer.answer_all(peer.number() < 3 ? "+OK\r\n" : "-ERR invalid password\r\n");
   });
