@@ -196,7 +196,7 @@ class Client final : public rebuilder {
     pipelined_call call(node_, slot(), wire,
                         {{socket_timeout, deadline}, false, must_not_resend, nullptr});
     send_end end = call.send();
-    if (end == send_end::unanswered && !(must_not_resend && call.state().was_sent)) {
+    if (end == send_end::unanswered && !(must_not_resend && call.outcome().was_sent)) {
       end = call.send_again(*this);
     }
     if (clock_type::now() > deadline + late) {

@@ -524,15 +524,14 @@ void may_fork() {
   }
 }
 
-void check_end(send_end end, unsigned number, const queued_call& call, bool is_last) {
-  const bool has_deadline = call.deadline != no_deadline;
+void check_end(send_end end, unsigned number, const pipelined_call& call, time_point deadline,
+               bool is_last) {
   switch (end) {
     case send_end::replied:
-      check(call.reply->integer == number, "a call gets another's reply");
+      check(call.reply()->integer == number, "a call gets another's reply");
       return;
     case send_end::out_of_time:
-      check(has_deadline && std::chrono::steady_clock::now() >= call.deadline,
-            "a call ends before its deadline");
+      check(std::chrono::steady_clock::now() >= deadline, "a call ends before its deadline");
       return;
     case send_end::rebuild_failed:
       check(now_in().has_refused, "a call tells of a rebuild that did not fail");
@@ -563,14 +562,14 @@ void make_call(unsigned number) {
   }
   auto* call = new (record.memory.data()) pipelined_call(server(), slot(), wire, terms);
   send_end end = call->send();
-  const bool may_have_run = chosen->must_not_resend && call->state().was_sent;
+  const bool may_have_run = chosen->must_not_resend && call->outcome().was_sent;
   const bool sends_again = end == send_end::unanswered && !may_have_run;
-  check_end(end, number, call->state(), !sends_again);
+  check_end(end, number, *call, terms.limits.deadline, !sends_again);
   if (sends_again) {
     may_fork();
     model_rebuilder rebuilder;
     end = call->send_again(rebuilder);
-    check_end(end, number, call->state(), true);
+    check_end(end, number, *call, terms.limits.deadline, true);
   }
   call->take_reply().reset();
   call->~pipelined_call();

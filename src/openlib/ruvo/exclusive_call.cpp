@@ -5,12 +5,14 @@
 #include "slot_lock.h"
 
 exclusive_call::exclusive_call(conn_node& slot, const wire_command& wire, const send_terms& terms)
-    : slot_call(wire, terms),
-      slot_(slot),
+    : slot_(slot),
+      wire_(wire),
       limits_(terms.limits),
       is_timed_(terms.is_timed),
+      must_not_resend_(terms.must_not_resend),
       forks_(slot.pipeline_.forks) {
-  call_.counts_failure = true;
+  outcome_.counts_failure = true;
+  waiting_.begin(terms.stats);
 }
 
 exclusive_call::~exclusive_call() {
@@ -24,14 +26,14 @@ send_end exclusive_call::send() {
   switch (lock_until(*slot_.lock_, limits_.deadline)) {
     case lock_end::locked:
       has_lock_ = true;
-      call_.waiting.end();
+      waiting_.end();
       break;
     case lock_end::failed:
       return send_end::lock_failed;
     case lock_end::timed_out:
       return send_end::out_of_time;
   }
-  if (call_.must_not_resend && !is_broken(slot_.context_)) {
+  if (must_not_resend_ && !is_broken(slot_.context_)) {
     // The command must not be lost on a connection that its server has closed.
     const connection_error found = check_unused(*slot_.context_);
     if (found.code != 0) {
@@ -40,7 +42,7 @@ send_end exclusive_call::send() {
   }
   if (is_broken(slot_.context_)) {
     if (slot_.context_ != nullptr) {
-      call_.error = connection_error(*slot_.context_);
+      outcome_.error = connection_error(*slot_.context_);
     }
     return send_end::unanswered;
   }
@@ -50,7 +52,7 @@ send_end exclusive_call::send() {
 send_end exclusive_call::send_again(rebuilder& rebuilder) {
   context_ptr fresh = rebuilder.rebuild();
   if (!fresh) {
-    call_.rebuild_failed = true;
+    outcome_.rebuild_failed = true;
     return limits_.has_passed() ? send_end::out_of_time : send_end::rebuild_failed;
   }
   replace_context(slot_, std::move(fresh));
@@ -58,20 +60,20 @@ send_end exclusive_call::send_again(rebuilder& rebuilder) {
 }
 
 void exclusive_call::give_up(const char* reason) {
-  call_.error = connection_error(REDIS_ERR_OOM, reason);
-  call_.was_sent = false;
-  set_error(*slot_.context_, call_.error);
+  outcome_.error = connection_error(REDIS_ERR_OOM, reason);
+  outcome_.was_sent = false;
+  set_error(*slot_.context_, outcome_.error);
 }
 
 send_end exclusive_call::exchange_over_slot() {
   if (is_timed_) {
-    call_.sent_at = std::chrono::steady_clock::now();
+    outcome_.sent_at = std::chrono::steady_clock::now();
   }
-  call_.reply = exchange(*slot_.context_, *call_.wire, limits_, &call_.was_sent);
-  if (call_.reply) {
-    call_.is_first_reply = std::exchange(slot_.awaits_first_reply_, false);
+  reply_ = exchange(*slot_.context_, wire_, limits_, &outcome_.was_sent);
+  if (reply_) {
+    outcome_.is_first_reply = std::exchange(slot_.awaits_first_reply_, false);
     return send_end::replied;
   }
-  call_.error = connection_error(*slot_.context_);
+  outcome_.error = connection_error(*slot_.context_);
   return limits_.has_passed() ? send_end::out_of_time : send_end::unanswered;
 }

@@ -5,6 +5,8 @@
 
 #include "slot_call.h"
 
+struct conn_node;
+
 class exclusive_call final : public slot_call {
  public:
   exclusive_call(conn_node& slot, const wire_command& wire, const send_terms& terms);
@@ -18,10 +20,13 @@ class exclusive_call final : public slot_call {
   send_end exchange_over_slot();
 
   conn_node& slot_;
+  const wire_command& wire_;
   wait_limits limits_;
   bool is_timed_;
+  bool must_not_resend_;
   std::uint64_t forks_;
   bool has_lock_ = false;
+  waiting_mark waiting_;  // for the lock
 };
 
 #endif

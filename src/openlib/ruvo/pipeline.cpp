@@ -156,11 +156,15 @@ class pipelined_call::guard {
 
 pipelined_call::pipelined_call(server_node& server, conn_node& slot, const wire_command& wire,
                                const send_terms& terms)
-    : slot_call(wire, terms),
-      slot_(choose_slot(server, slot)),
+    : slot_(choose_slot(server, slot)),
       state_(slot_.pipeline_),
       terms_(terms),
-      forks_(state_.forks) {}
+      forks_(state_.forks) {
+  call_.wire = &wire;
+  call_.deadline = terms.limits.deadline;
+  call_.must_not_resend = terms.must_not_resend;
+  call_.waiting.begin(terms.stats);
+}
 
 pipelined_call::~pipelined_call() {
   if (state_.forks != forks_) {
@@ -188,7 +192,7 @@ send_end pipelined_call::send() {
   }
   enqueue();
   const send_end end = wait(lock, nullptr);
-  return std::exchange(call_.has_broken, false) ? send_end::unanswered : end;
+  return conclude(std::exchange(call_.has_broken, false) ? send_end::unanswered : end);
 }
 
 send_end pipelined_call::send_again(rebuilder& rebuilder) {
@@ -204,7 +208,16 @@ send_end pipelined_call::send_again(rebuilder& rebuilder) {
     add_user(state_, 1);
     enqueue();
   }
-  return wait(lock, &rebuilder);
+  return conclude(wait(lock, &rebuilder));
+}
+
+// Between its sends a call is in a list, and may change: the caller gets a copy.
+send_end pipelined_call::conclude(send_end end) {
+  outcome_ = call_;
+  if (end == send_end::replied) {
+    reply_ = std::move(call_.reply);
+  }
+  return end;
 }
 
 void pipelined_call::give_up(const char* reason) {
@@ -227,6 +240,7 @@ void pipelined_call::give_up(const char* reason) {
     check_idle_connection();
   }
   wake_next(lock);
+  conclude(send_end::unanswered);
 }
 
 // Second sends come before first sends; both keep their order.

@@ -40,6 +40,7 @@
 
 #include "slot_call.h"
 
+struct conn_node;
 struct server_node;
 
 // With this many commands in flight, more are held back to share a write, for at most the pause.
@@ -61,6 +62,35 @@ constexpr std::chrono::milliseconds longest_check{20};  // waits no longer for a
 
 constexpr std::size_t calls_per_word = 32;  // that sleep on it
 constexpr std::size_t sleep_words = 8;      // further calls share bits: spurious wakes
+
+// A call as other threads see it. All but the signal is guarded by the slot's lock while it is in a
+// list.
+struct queued_call : send_outcome {
+  enum class place : std::uint8_t { nowhere, unsent, alone, in_flight };
+  static constexpr std::uint32_t asleep = 0;
+  static constexpr std::uint32_t recheck = 1;  // there may be work for this call
+  static constexpr std::uint32_t done = 2;
+
+  const wire_command* wire = nullptr;
+  time_point deadline = no_deadline;
+  reply_ptr reply;
+  std::size_t written = 0;            // bytes of the command that the socket has taken
+  std::uint32_t replies_to_skip = 0;  // replies of calls that have left, due before this one's
+  place where = place::nowhere;
+  bool is_being_written = false;  // a writing thread has its address
+  bool wakes_by_itself = false;   // sleeps at most for the pause
+  bool is_leaving = false;        // its deadline has come while it is being written
+  bool is_second_send = false;
+  bool must_not_resend = false;  // once a byte of it may have reached the server
+  bool has_broken = false;       // its first send ended without a reply; not reported yet
+  bool shares_rebuild = false;   // waited when the current rebuild began
+  std::uint64_t sent_after = 0;  // rebuilds of the connection before this send
+  queued_call* previous = nullptr;
+  queued_call* next = nullptr;
+  std::atomic<std::uint32_t> signal{recheck};
+  std::uint32_t number = 0;  // at its connection: selects the word it sleeps on
+  waiting_mark waiting;      // to be sent for the first time
+};
 
 class call_list {
  public:
@@ -129,6 +159,7 @@ class pipelined_call final : public slot_call {
   enum class write_chance { now, after_pause, on_event };
 
   void enqueue();
+  send_end conclude(send_end end);
   send_end wait(guard& lock, rebuilder* rebuilder);
   send_end end_of_call() const;
   void sleep(guard& lock, time_point until);
@@ -161,6 +192,7 @@ class pipelined_call final : public slot_call {
 
   conn_node& slot_;
   pipeline_state& state_;
+  queued_call call_;
   send_terms terms_;
   std::uint64_t forks_;
 };

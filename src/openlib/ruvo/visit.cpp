@@ -68,11 +68,11 @@ class visitor {
     }
     if (end != send_end::replied) {
       count_failure(end);
-    } else if (redis_.options().eject_silent_servers && call_.state().is_first_reply) {
+    } else if (redis_.options().eject_silent_servers && call_.outcome().is_first_reply) {
       redis_.update_server_ok(&server_);  // a rebuilt connection alone proves nothing
     }
     count_end(end);
-    return {end_of_visit(end), call_.state().was_sent,
+    return {end_of_visit(end), call_.outcome().was_sent,
             end == send_end::replied ? call_.take_reply() : std::move(refusal_)};
   }
 
@@ -83,7 +83,7 @@ class visitor {
 
   send_end send_again() {
     connection_rebuilder rebuilder(redis_, server_, command_.deadline, times_);
-    const bool was_sent = call_.state().was_sent;
+    const bool was_sent = call_.outcome().was_sent;
     const send_end end = timed([&] { return call_.send_again(rebuilder); });
     if (was_sent && (end == send_end::replied || end == send_end::unanswered)) {
       count(server_.stats_, &server_counters::second_sends);
@@ -93,17 +93,17 @@ class visitor {
 
   template <typename Send>
   send_end timed(const Send& send) {
-    const time_point sent_before = call_.state().sent_at;
+    const time_point sent_before = call_.outcome().sent_at;
     const send_end end = send();
-    if (times_ != nullptr && call_.state().sent_at != sent_before) {
-      times_->replies += clock::now() - call_.state().sent_at;
+    if (times_ != nullptr && call_.outcome().sent_at != sent_before) {
+      times_->replies += clock::now() - call_.outcome().sent_at;
     }
     return end;
   }
 
   // A server that will not serve counts as unanswered.
   send_end accepted(send_end end) {
-    if (end != send_end::replied || !is_failover_reply(redis_, call_.state().reply.get())) {
+    if (end != send_end::replied || !is_failover_reply(redis_, call_.reply())) {
       return end;
     }
     count(server_.stats_, &server_counters::error_replies);
@@ -113,11 +113,11 @@ class visitor {
   }
 
   // The command was sent, and no reply says that it was not run.
-  bool may_have_run() const { return command_.must_not_resend && call_.state().was_sent; }
+  bool may_have_run() const { return command_.must_not_resend && call_.outcome().was_sent; }
 
   void log_broken_connection() const {
     redis_.getPool(command_.pool).outage_.note_break();
-    const connection_error& error = call_.state().error;
+    const connection_error& error = call_.outcome().error;
     if (error.code != 0) {
       RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
                command_.method, command_.key, error.code, error.text);
@@ -127,11 +127,11 @@ class visitor {
   // Of the calls that share an event, one counts it.
   void count_failure(send_end end) {
     const bool is_silent = redis_.options().eject_silent_servers && !command_.wire.refused();
-    const bool is_unanswered =
-        end == send_end::unanswered ||
-        (end == send_end::out_of_time && (call_.state().was_sent || call_.state().rebuild_failed));
+    const bool is_unanswered = end == send_end::unanswered ||
+                               (end == send_end::out_of_time &&
+                                (call_.outcome().was_sent || call_.outcome().rebuild_failed));
     if ((end == send_end::rebuild_failed || (is_silent && is_unanswered)) &&
-        call_.state().counts_failure) {
+        call_.outcome().counts_failure) {
       redis_.update_server_failed(&server_, command_.pool);
     }
   }
@@ -142,8 +142,8 @@ class visitor {
       return;
     }
     count(server_.stats_, &server_counters::replies);
-    const reply_ptr& reply = call_.state().reply;
-    if (reply && reply->type == REDIS_REPLY_ERROR) {
+    const redisReply* reply = call_.reply();
+    if (reply != nullptr && reply->type == REDIS_REPLY_ERROR) {
       count(server_.stats_, &server_counters::error_replies);
     }
   }
