@@ -23,7 +23,7 @@ namespace {
 
 constexpr int visits_per_server = 2;
 
-void raise_to(std::atomic<Clock::rep>& highest, Clock::rep value) {
+void store_maximum(std::atomic<Clock::rep>& highest, Clock::rep value) {
   for (Clock::rep known = highest; known < value && !highest.compare_exchange_weak(known, value);) {
   }
 }
@@ -128,7 +128,7 @@ void Judge::call_ended(const Call& call, int result) {
   end_walk();
   const Walk& walk = current_walk();
   const Ticks taken = (to - from).count();
-  raise_to(call.family == raw ? longest_raw_ : longest_typed_, taken);
+  store_maximum(call.family == raw ? longest_raw_ : longest_typed_, taken);
   if (to - from > bound(call)) {
     ++too_long_;
     print("TOO LONG", call, seconds(taken), walk);
