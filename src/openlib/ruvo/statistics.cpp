@@ -99,8 +99,8 @@ std::string with_process_id(std::string path) {
   return path;
 }
 
-// A unique name beside the file.
-std::string name_beside(const std::string& path) {
+// A unique name temporary_name the file.
+std::string make_temporary_name(const std::string& path) {
   return path + "." + std::to_string(getpid()) + "." +
          std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
 }
@@ -195,14 +195,14 @@ bool statistics_file::begin(const std::string& path, std::span<const counted_poo
     return false;
   }
   const std::string name = with_process_id(path);
-  const std::string beside = name_beside(name);
-  const bool is_made = make(beside.c_str(), pools);
-  if (is_made && rename(beside.c_str(), name.c_str()) == 0) {
+  const std::string temporary_name = make_temporary_name(name);
+  const bool is_made = make(temporary_name.c_str(), pools);
+  if (is_made && rename(temporary_name.c_str(), name.c_str()) == 0) {
     hand_out_lanes();
     return true;
   }
   const int error = errno;
-  unlink(beside.c_str());
+  unlink(temporary_name.c_str());
   end();
   RUVO_LOG(ERROR, "ruvo_redis::init | cannot make stats_file %s: %s, left out", name.c_str(),
            std::generic_category().message(error).c_str());
