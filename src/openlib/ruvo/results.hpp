@@ -666,11 +666,11 @@ inline void print(std::string& out, const reply_view& reply,  // NOLINT(misc-no-
         break;
       }
       const std::size_t width = std::to_string(reply.size()).size();
-      const std::string deeper = indent + std::string(width + 2, ' ');
+      const std::string inner_indent = indent + std::string(width + 2, ' ');
       for (std::size_t i = 0; i < reply.size(); ++i) {
         const std::string number = std::to_string(i + 1);
         out += (i == 0 ? "" : indent) + std::string(width - number.size(), ' ') + number + ") ";
-        print(out, reply[i], deeper);
+        print(out, reply[i], inner_indent);
       }
       break;
     }
