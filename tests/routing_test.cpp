@@ -145,10 +145,10 @@ TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
   const ScriptedServer refuses([](Peer& peer) {
     peer.answer_all(peer.number() < 3 ? "+OK\r\n" : "-ERR invalid password\r\n");
   });
-  const ScriptedServer goes(
+  const ScriptedServer closes_later(
       [](Peer& peer) { peer.number() < 3 ? peer.answer_all("+OK\r\n") : void(); });
   start("p_password = temporary\nt_password = persistent",
-        accepts.addr() + "," + refuses.addr() + "," + goes.addr() + "," + down_.addr());
+        accepts.addr() + "," + refuses.addr() + "," + closes_later.addr() + "," + down_.addr());
   server_node& good = server(0, ePersonalityServer);
   const int descriptors = open_descriptors();
   for (int i = 0; i < 31; ++i) {
