@@ -53,9 +53,9 @@ TEST(CliParts, NumbersAreWholeAndInBounds) {
 
 TEST(CliParts, ValuesAreShownAsTheyAre) {
   const json nested{"a", json::array({1, json::array({"b", nullptr})}), json::array()};
-  json twelve = json::array({json::array({"x", "y"})});
+  json twelve_pairs = json::array({json::array({"x", "y"})});
   for (int i = 0; i < 11; ++i) {
-    twelve.push_back(json::array({"x", "y"}));
+    twelve_pairs.push_back(json::array({"x", "y"}));
   }
   // clang-format off
   const struct { json value; std::string text; } cases[] = {
@@ -67,7 +67,7 @@ TEST(CliParts, ValuesAreShownAsTheyAre) {
   for (const auto& one : cases) {
     EXPECT_EQ(to_text(one.value), one.text);
   }
-  EXPECT_TRUE(to_text(twelve).ends_with("\n12) 1) x\n    2) y"));
+  EXPECT_TRUE(to_text(twelve_pairs).ends_with("\n12) 1) x\n    2) y"));
   const std::string bytes("\x01\xff\0", 3);
   EXPECT_EQ(to_printable(bytes).dump(), R"({"hex":"01ff00"})");
   EXPECT_EQ(to_printable(json::array({bytes, "ok", 1})).dump(), R"([{"hex":"01ff00"},"ok",1])");
