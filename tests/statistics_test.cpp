@@ -247,7 +247,7 @@ TEST_F(Statistics, ABadFileIsReported) {
   const FileCopy good(path_);
   const std::size_t pools = sizeof(ruvo_stats_header);
   const std::size_t servers = pools + 3 * sizeof(pool_stats);
-  const auto reaching = [](std::size_t base, std::size_t field) { return base + field; };
+  const auto field_offset = [](std::size_t base, std::size_t field) { return base + field; };
   const struct {
     FileCopy file;
     const char* error_part;
@@ -269,9 +269,9 @@ TEST_F(Statistics, ABadFileIsReported) {
       {good.with(offsetof(ruvo_stats_header, pool_count), 0xffffffff), "shorter than its header s"},
       {good.with(offsetof(ruvo_stats_header, server_count), 4), "shorter than its header says"},
       {good.cut(good.size() - 1), "shorter than its header says"},
-      {good.with(reaching(pools, offsetof(pool_stats, server_count)), 4), "damaged"},
-      {good.with(reaching(pools, offsetof(pool_stats, first_server)), 0xffffffff), "damaged"},
-      {good.with(reaching(servers, offsetof(server_stats, pool)), 3), "damaged"},
+      {good.with(field_offset(pools, offsetof(pool_stats, server_count)), 4), "damaged"},
+      {good.with(field_offset(pools, offsetof(pool_stats, first_server)), 0xffffffff), "damaged"},
+      {good.with(field_offset(servers, offsetof(server_stats, pool)), 3), "damaged"},
   };
   EXPECT_EQ(good.error(), "");
   for (const auto& one : cases) {
