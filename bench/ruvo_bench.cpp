@@ -94,7 +94,7 @@ std::vector<Part> quick_parts() {
            .sides = beside_hiredis}};
 }
 
-std::vector<Part> parts_as_asked_for(const Options& options) {
+std::vector<Part> parts_from_options(const Options& options) {
   const auto or_else = [](const auto& wanted, std::vector<std::size_t> otherwise) {
     return wanted.empty() ? otherwise : wanted;
   };
@@ -168,7 +168,7 @@ std::vector<Part> parts_of(const Options& options) {
   const bool asked_for = !options.operations.empty() || !options.bytes.empty() ||
                          !options.threads.empty() || !options.connections.empty() ||
                          !options.round_trips_us.empty() || !options.sides.empty();
-  return asked_for ? parts_as_asked_for(options) : parts_of_the_aims();
+  return asked_for ? parts_from_options(options) : parts_of_the_aims();
 }
 
 bool is_wanted(const Part& part, const Operation& operation) {
