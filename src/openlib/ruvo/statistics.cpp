@@ -99,7 +99,7 @@ std::string with_process_id(std::string path) {
   return path;
 }
 
-// A unique name temporary_name the file.
+// A unique name beside the file.
 std::string make_temporary_name(const std::string& path) {
   return path + "." + std::to_string(getpid()) + "." +
          std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
