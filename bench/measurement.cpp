@@ -50,7 +50,7 @@ std::vector<Side> order_of_slices(std::vector<Side> sides, std::size_t rounds) {
   return order;
 }
 
-// Slices so long that the calls which their ends cut off do not matter. They are longer over a
+// A slice is so long that the calls which its end cuts off do not matter. It is longer over a
 // network, with large values, and if threads wait for each other's round trips.
 std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
   constexpr std::size_t round_trips = 40;
@@ -58,19 +58,20 @@ std::chrono::milliseconds slice_of(const Case& one, const Pace& pace) {
   const auto waits_for_others = [](Side side) {
     return side == Side::library || side == Side::pool;
   };
-  const std::size_t in_a_row = std::any_of(one.sides.begin(), one.sides.end(), waits_for_others)
-                                   ? 2 * std::max<std::size_t>(one.threads / one.connections, 1)
-                                   : 1;
+  const std::size_t serial_round_trips =
+      std::any_of(one.sides.begin(), one.sides.end(), waits_for_others)
+          ? 2 * std::max<std::size_t>(one.threads / one.connections, 1)
+          : 1;
   const auto network = std::chrono::ceil<std::chrono::milliseconds>(
-      std::max(round_trips, in_a_row) * one.round_trip);
+      std::max(round_trips, serial_round_trips) * one.round_trip);
   return std::max(network, pace.slice * (one.operation->bytes >= large ? 4 : 1));
 }
 
 // Longer slices vary less, so fewer rounds are enough.
 std::size_t rounds_of(std::chrono::milliseconds slice, const Pace& pace) {
   constexpr std::size_t enough = 11;
-  const auto in_as_much_time = static_cast<std::size_t>(3 * pace.rounds * pace.slice / slice);
-  return std::min(pace.rounds, std::max(enough, in_as_much_time));
+  const auto rounds_in_same_time = static_cast<std::size_t>(3 * pace.rounds * pace.slice / slice);
+  return std::min(pace.rounds, std::max(enough, rounds_in_same_time));
 }
 
 // When a slice ends, and when it begins to count: before that the library's connections, which

@@ -40,8 +40,8 @@ std::string key_of(const char* name, std::size_t bytes) {
   return std::string("bench:") + name + ":" + std::to_string(bytes);
 }
 
-// The captured texts live as long as the program: the operations are made once for each size.
-const char* lasting(std::string text) { return (new std::string(std::move(text)))->c_str(); }
+// Not freed: the operations, which are made once for each size, use these texts until the end.
+const char* permanent(std::string text) { return (new std::string(std::move(text)))->c_str(); }
 
 // A unique member or element of exactly `bytes` bytes.
 std::string numbered(std::size_t number, std::size_t bytes) {
@@ -72,13 +72,13 @@ std::size_t elements_of(std::size_t bytes) {
 }
 
 std::vector<Operation> operations_on(std::size_t bytes) {
-  const char* const value = lasting(std::string(bytes, 'x'));
-  const char* const member = lasting(numbered(0, bytes));
-  const char* const text = lasting(key_of("text", bytes));
-  const char* const hash = lasting(key_of("hash", bytes));
-  const char* const queue = lasting(key_of("queue", bytes));
-  const char* const list = lasting(key_of("list", bytes));
-  const char* const set = lasting(key_of("set", bytes));
+  const char* const value = permanent(std::string(bytes, 'x'));
+  const char* const member = permanent(numbered(0, bytes));
+  const char* const text = permanent(key_of("text", bytes));
+  const char* const hash = permanent(key_of("hash", bytes));
+  const char* const queue = permanent(key_of("queue", bytes));
+  const char* const list = permanent(key_of("list", bytes));
+  const char* const set = permanent(key_of("set", bytes));
   const std::size_t elements = elements_of(bytes);
   const auto get = command(REDIS_REPLY_STRING, Copied::buffer, "GET %s", text);
 

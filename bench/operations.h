@@ -40,7 +40,7 @@ std::size_t elements_of(std::size_t bytes);
 // Stores what the operations of this size need.
 void prepare(redisContext& context, std::size_t bytes);
 
-// Runs the commands on one connection and leaves their replies in the reply.
+// Runs the commands on one connection, without copying anything out of their replies.
 void run_bare(const Operation& operation, redisContext& context);
 
 // Sends one command; throws std::runtime_error if the reply is not the expected one.

@@ -46,7 +46,7 @@ using namespace std::chrono_literals;
 constexpr const char* password = "secret";
 constexpr milliseconds fault_at = 500ms;
 constexpr milliseconds end_of_state = 1500ms;
-constexpr double most_connections = 30;  // per second, to a pool that is down
+constexpr double max_connections = 30;  // per second, to a pool that is down
 
 std::string keys = "recommended_defaults = true";
 int thread_count = 16;
@@ -55,7 +55,7 @@ struct Outcome {
   SecondOfCalls all;
   SecondOfCalls last;                // second
   double connections_a_second = -1;  // if it is checked
-  int strayed = 0;                   // keys written to another pool
+  int keys_in_other_pools = 0;
 };
 
 struct Row {
@@ -113,7 +113,7 @@ Outcome outcome_of(CallingHost& host, int seconds) {
   return outcome;
 }
 
-// Threads call; then comes a fault, and then its end.
+// Threads call while a fault begins and ends.
 template <typename Fault, typename End>
 Outcome run_through(const HostConfig& config, const Fault& fault, milliseconds away, const End& end,
                     int seconds, const CallingHost::Call& call = write_or_read) {
@@ -160,7 +160,7 @@ Outcome one_of_two(const OfOne& enter, const OfOne& leave) {
       end_of_state - fault_at, [&] { leave(server, well); }, 3);
 }
 
-// The fault lasts from the start: a server that returns loading may have been ejected before.
+// The server loads from the start: one that restarts could be ejected before it answers LOADING.
 Outcome one_of_two_loading() {
   const RedisServer well;
   RedisServer server;
@@ -252,7 +252,7 @@ Outcome raw_command_stays() {
   Outcome outcome = run_through(
       config_for(well.addr() + "," + redis.addr(), other_pools.addr()), [&] { redis.kill(); }, 1s,
       [&] { redis.restart(); }, 3, write_raw);
-  outcome.strayed = std::stoi(other_pools.ask("dbsize"));
+  outcome.keys_in_other_pools = std::stoi(other_pools.ask("dbsize"));
   return outcome;
 }
 
@@ -312,8 +312,8 @@ std::string judge(const Row& row, const Outcome& outcome) {
   };
   add(row.is_answerable && outcome.all.failed > 0, "calls failed");
   add(outcome.last.failed > 0 || outcome.last.calls == 0, "did not recover");
-  add(outcome.strayed > 0, "written in another pool");
-  add(outcome.connections_a_second > most_connections, "too many connections");
+  add(outcome.keys_in_other_pools > 0, "written in another pool");
+  add(outcome.connections_a_second > max_connections, "too many connections");
   return wrong;
 }
 

@@ -94,7 +94,7 @@ std::vector<Part> quick_parts() {
            .sides = beside_hiredis}};
 }
 
-std::vector<Part> parts_as_asked_for(const Options& options) {
+std::vector<Part> parts_from_options(const Options& options) {
   const auto or_else = [](const auto& wanted, std::vector<std::size_t> otherwise) {
     return wanted.empty() ? otherwise : wanted;
   };
@@ -119,7 +119,7 @@ std::vector<Part> parts_as_asked_for(const Options& options) {
 std::vector<Part> parts_of_the_aims() {
   return {
       // Over a network, the library's calls without auto_pipelining also wait for each other: one
-      // distance is enough to show it.
+      // round-trip time is enough to show it.
       {.title = "over a network, with and without auto_pipelining",
        .threads = all_threads,
        .connections = {1, 2, 8, as_many_as_threads},
@@ -168,7 +168,7 @@ std::vector<Part> parts_of(const Options& options) {
   const bool asked_for = !options.operations.empty() || !options.bytes.empty() ||
                          !options.threads.empty() || !options.connections.empty() ||
                          !options.round_trips_us.empty() || !options.sides.empty();
-  return asked_for ? parts_as_asked_for(options) : parts_of_the_aims();
+  return asked_for ? parts_from_options(options) : parts_of_the_aims();
 }
 
 bool is_wanted(const Part& part, const Operation& operation) {

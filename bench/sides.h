@@ -20,7 +20,7 @@ inline constexpr std::array side_names{"library", "pipelined", "hiredis", "pool"
 constexpr std::size_t index_of(Side side) { return static_cast<std::size_t>(side); }
 
 // The baseline: hiredis alone, on a connection that no other thread uses. The result stays in the
-// reply. Without timeouts, hiredis' default.
+// reply. By default there is no timeout, as in hiredis.
 class BareConnections : NoCopy {
  public:
   BareConnections(int port, std::size_t threads, Timeout timeout);

@@ -36,7 +36,7 @@ std::string kind_of(const LogEvent& event) {
 }
 
 // The kinds of log lines since the last take().
-class ToldKinds {
+class LogKinds {
  public:
   using Counts = std::map<std::string, long>;
 
@@ -57,7 +57,7 @@ class ToldKinds {
 
 using Kinds = std::vector<std::pair<std::string, long>>;
 
-Kinds most_frequent_first(const ToldKinds::Counts& counts) {
+Kinds most_frequent_first(const LogKinds::Counts& counts) {
   Kinds kinds(counts.begin(), counts.end());
   std::stable_sort(kinds.begin(), kinds.end(),
                    [](const auto& one, const auto& other) { return one.second > other.second; });
@@ -120,10 +120,10 @@ class Site {
 };
 
 void print_row(const std::string& when, const SecondOfCalls& calls, long lost_writes,
-               const std::string& told) {
+               const std::string& log_kind) {
   std::printf("%6s %9ld calls %9ld failed %8.1f ms slowest %7ld writes lost %6ld lines  %s\n",
               when.c_str(), calls.calls, calls.failed, calls.slowest_ms, lost_writes, calls.lines,
-              told.c_str());
+              log_kind.c_str());
   std::fflush(stdout);
 }
 
@@ -144,32 +144,32 @@ int run(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   Site site(threads);
-  ToldKinds told;
+  LogKinds log_kinds;
   CallingHost host(
       config.c_str(), threads, [&site](int thread) { return site.call(thread); },
-      [&told](std::string_view line) { told.read(line); });
+      [&log_kinds](std::string_view line) { log_kinds.read(line); });
   std::printf("start-up: %d, %s\n", host.start_result(), ruvo_result_text(host.start_result()));
-  ToldKinds::Counts all_told;
+  LogKinds::Counts all_counts;
   SecondOfCalls sum;
   long lost_before = 0;
   for (int second = 0; second < seconds; ++second) {
     host.wait_until(std::chrono::seconds(second + 1));
     const long lost = site.lost_writes();
-    const ToldKinds::Counts counts = told.take();
+    const LogKinds::Counts counts = log_kinds.take();
     const Kinds kinds = most_frequent_first(counts);
     print_row(std::to_string(second + 1) + " s", host.second(second), lost - lost_before,
               kinds.empty() ? "" : kinds.front().first);
     lost_before = lost;
     sum += host.second(second);
     for (const auto& [kind, count] : counts) {
-      all_told[kind] += count;
+      all_counts[kind] += count;
     }
   }
   host.stop();
   std::puts("\n--- in all");
   print_row("sum", sum, site.lost_writes(), "");
   std::puts("\n--- lines of the log, by kind");
-  for (const auto& [kind, count] : most_frequent_first(all_told)) {
+  for (const auto& [kind, count] : most_frequent_first(all_counts)) {
     std::printf("%8ld %s\n", count, kind.c_str());
   }
   return require_none && sum.failed > 0 ? 1 : 0;

@@ -54,7 +54,7 @@ const std::vector<Fault>& faults() {
   return all;
 }
 
-struct Moments {
+struct RunSettings {
   int threads = 16;
   int before = 10;  // seconds
   int after = 10;
@@ -66,19 +66,19 @@ int write(int thread) {
 }
 
 std::vector<SecondOfCalls> calls_through(const Fault& fault, const char* keys,
-                                         const Moments& moments) {
+                                         const RunSettings& settings) {
   const RedisServer good;
   RedisServer faulty;
   const std::string addrs = good.addr() + "," + faulty.addr();
   const HostConfig config("connect_timeout = 200\nsocket_timeout = 500\n" + std::string(keys) +
                               pools_at(addrs, good.addr(), good.addr()),
                           "p_connect_num = 2");
-  CallingHost host(config.path(), moments.threads, write);
+  CallingHost host(config.path(), settings.threads, write);
   if (host.start_result() != RUVO_OK) {
     throw std::runtime_error(std::string("RUVO_Init: ") + ruvo_result_text(host.start_result()));
   }
-  const seconds begin(moments.before);
-  const seconds all = begin + fault.lasts + seconds(moments.after);
+  const seconds begin(settings.before);
+  const seconds all = begin + fault.lasts + seconds(settings.after);
   host.wait_until(begin);
   fault.begin(faulty, good);
   host.wait_until(begin + fault.lasts);
@@ -103,21 +103,21 @@ void print_summary(const char* fault, const char* name, const std::vector<Second
   for (int from = before; from + window <= end; ++from) {
     worst = std::min(worst, served(calls, from, from + window));
   }
-  SecondOfCalls most;
+  SecondOfCalls summary;
   for (const SecondOfCalls& one : calls) {
-    most.failed += one.failed;
-    most.slowest_ms = std::max(most.slowest_ms, one.slowest_ms);
-    most.lines = std::max(most.lines, one.lines);
+    summary.failed += one.failed;
+    summary.slowest_ms = std::max(summary.slowest_ms, one.slowest_ms);
+    summary.lines = std::max(summary.lines, one.lines);
   }
   std::fprintf(stderr,
                "%s, %s: goodput %.3f of before over the worst %d seconds, slowest call %.0f ms, "
                "%ld failed, at most %ld lines a second\n",
                fault, name, worst / (served(calls, 0, before) / before * window), window,
-               most.slowest_ms, most.failed, most.lines);
+               summary.slowest_ms, summary.failed, summary.lines);
 }
 
 int run(int argc, char** argv) {
-  Moments moments;
+  RunSettings settings;
   std::vector<std::string> only;
   std::vector<std::string> names;
   for (const Fault& fault : faults()) {
@@ -128,9 +128,9 @@ int run(int argc, char** argv) {
   const auto add = [&app](const char* name, int& value, const char* text) {
     app.add_option(name, value, text)->capture_default_str()->check(CLI::Range(1, 300));
   };
-  add("--threads", moments.threads, "Threads of the host, on 2 connections to each server");
-  add("--before", moments.before, "Seconds before the fault");
-  add("--after", moments.after, "Seconds after it");
+  add("--threads", settings.threads, "Threads of the host, on 2 connections to each server");
+  add("--before", settings.before, "Seconds before the fault");
+  add("--after", settings.after, "Seconds after it");
   CLI11_PARSE(app, argc, argv);
   std::puts("fault,keys,second,calls,failed,slowest_ms,log_lines");
   for (const Fault& fault : faults()) {
@@ -138,14 +138,14 @@ int run(int argc, char** argv) {
       continue;
     }
     for (const auto& [name, keys] : configurations) {
-      const std::vector<SecondOfCalls> calls = calls_through(fault, keys, moments);
+      const std::vector<SecondOfCalls> calls = calls_through(fault, keys, settings);
       for (std::size_t second = 0; second < calls.size(); ++second) {
         const SecondOfCalls& one = calls[second];
         std::printf("%s,%s,%zu,%ld,%ld,%.1f,%ld\n", fault.name, name, second + 1, one.calls,
                     one.failed, one.slowest_ms, one.lines);
       }
-      print_summary(fault.name, name, calls, moments.before,
-                    moments.before + static_cast<int>(fault.lasts.count()));
+      print_summary(fault.name, name, calls, settings.before,
+                    settings.before + static_cast<int>(fault.lasts.count()));
     }
   }
   return 0;

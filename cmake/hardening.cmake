@@ -1,5 +1,5 @@
-# Everything that is shipped is hardened; scripts/check_hardening.sh checks the result. Not with sanitizers, which
-# check more and replace the same functions, nor with Debug, where -D_FORTIFY_SOURCE lacks the optimiser.
+# Everything that is shipped is hardened; scripts/check_hardening.sh checks the result. Builds with sanitizers, which
+# check more and replace the same functions, and Debug, where -D_FORTIFY_SOURCE lacks the optimiser, are not hardened.
 #
 # -fcf-protection is omitted: the linker keeps its mark only if every object has it, and the start-up objects of Debian
 # 12's C library do not, so no process would ever switch it on.

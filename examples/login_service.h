@@ -12,11 +12,11 @@
 template <typename Pool>
 class login_service {
  public:
-  static constexpr long long most_logins = 3;  // in a minute
+  static constexpr long long max_logins = 3;  // in a minute
 
   explicit login_service(const Pool& pool)
       : sessions_(pool, std::chrono::minutes(30)),
-        limiter_(pool, most_logins, std::chrono::minutes(1)) {}
+        limiter_(pool, max_logins, std::chrono::minutes(1)) {}
 
   // The answer to a line: "login USER", "who USER" or "logout USER".
   std::string answer(const std::string& line) const {
@@ -26,7 +26,7 @@ class login_service {
     words >> command >> user;
     return command == "login" && !user.empty()    ? login(user)
            : command == "who" && !user.empty()    ? who(user)
-           : command == "logout" && !user.empty() ? told(sessions_.end(user), "goodbye")
+           : command == "logout" && !user.empty() ? result_text(sessions_.end(user), "goodbye")
                                                   : "say: login USER, who USER, logout USER";
   }
 
@@ -37,19 +37,19 @@ class login_service {
       return "too many logins";
     }
     // If Redis cannot count the attempt, the login is refused.
-    return allowed.failed()
-               ? told(allowed.why(), "")
-               : told(sessions_.save(user, {{"name", user}, {"role", "guest"}}), "welcome " + user);
+    return allowed.failed() ? result_text(allowed.why(), "")
+                            : result_text(sessions_.save(user, {{"name", user}, {"role", "guest"}}),
+                                          "welcome " + user);
   }
 
   std::string who(const std::string& user) const {
     const auto session = sessions_.load(user);
     return session.absent() ? "not logged in"
-           : !session       ? told(session.why(), "")
+           : !session       ? result_text(session.why(), "")
                             : session->at("name") + " is a " + session->at("role");
   }
 
-  static std::string told(const ruvo::result<void>& done, const std::string& good) {
+  static std::string result_text(const ruvo::result<void>& done, const std::string& good) {
     return done ? good : "try again later: " + done.error().message();
   }
 

@@ -16,8 +16,8 @@
 template <typename Pool>
 class rate_limiter {
  public:
-  rate_limiter(Pool pool, long long most, std::chrono::milliseconds window)
-      : pool_(std::move(pool)), most_(most), window_(window) {}
+  rate_limiter(Pool pool, long long max_requests, std::chrono::milliseconds window)
+      : pool_(std::move(pool)), max_requests_(max_requests), window_(window) {}
 
   // Counts a request: yes() if it may go on, no() if not, failed() if Redis could not be asked.
   // Only the host knows what to do then: a login page refuses, a news page goes on.
@@ -26,7 +26,7 @@ class rate_limiter {
     if (!count) {
       return count.why();
     }
-    return *count <= most_;
+    return *count <= max_requests_;
   }
 
   // The time until the window of a client ends; none if it has no window.
@@ -39,7 +39,7 @@ class rate_limiter {
   static std::string key_of(std::string_view client) { return "rate:" + std::string(client); }
 
   Pool pool_;
-  long long most_;
+  long long max_requests_;
   std::chrono::milliseconds window_;
 };
 

@@ -32,7 +32,7 @@ put() {
   libraries=$(find "$root" -name '*.so.*' -printf '%h\n' | sort -u | paste -sd :)
   cat >"$work/bin/$name" <<END
 #!/bin/sh
-exec $loader --library-path $libraries --argv0 $name $root/usr/bin/$program "\$@"
+exec $loader --library-path $libraries $root/usr/bin/$program "\$@"
 END
   chmod +x "$work/bin/$name"
 }

@@ -34,7 +34,7 @@ void read_key(std::vector<double>& latencies, std::latch& all_ready) {
     const char* data = nullptr;
     unsigned long len = 0;
     if (RUVO_QueryKey("key", &data, &len, eTempServer, nullptr) != RUVO_OK) {
-      latencies.clear();  // tells the caller: a thread has no other way to report a failure
+      latencies.clear();  // how a thread reports a failure to its caller
       return;
     }
     RUVO_FreeResult(data);

@@ -40,7 +40,7 @@ constexpr std::size_t requests_before = 50000;  // until the queues are in a ste
 constexpr std::array<std::size_t, 3> thread_counts{4, 16, 64};
 constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  12,
                                                         16, 24, 32, 48, 64, 96, 128};
-constexpr std::size_t most_servers = 8;
+constexpr std::size_t max_servers = 8;
 
 // Of the library, src/openlib/ruvo/pipeline.h.
 constexpr std::size_t direct_sends = 4;
@@ -72,8 +72,8 @@ class Simulation {
   explicit Simulation(const Point& point)
       : point_(point),
         threads_(point.hosts * point.threads),
-        server_turns_(point.hosts),
-        connection_turns_(point.hosts * point.servers),
+        next_server_(point.hosts),
+        next_connection_(point.hosts * point.servers),
         connections_(point.hosts * point.servers * point.connections),
         servers_(point.servers) {}
 
@@ -186,13 +186,13 @@ class Simulation {
     Thread& thread = threads_[number];
     const std::size_t host = number / point_.threads;
     thread.called = now_;
-    thread.server = server_turns_[host]++ % point_.servers;
+    thread.server = next_server_[host]++ % point_.servers;
     const std::size_t path = host * point_.servers + thread.server;
     const std::size_t first = path * point_.connections;
-    const std::size_t turn = connection_turns_[path]++;
-    thread.connection = first + turn % point_.connections;
+    const std::size_t next = next_connection_[path]++;
+    thread.connection = first + next % point_.connections;
     for (std::size_t i = 0; point_.auto_pipelining && i < point_.connections; ++i) {
-      const std::size_t candidate = first + (turn + i) % point_.connections;
+      const std::size_t candidate = first + (next + i) % point_.connections;
       if (connections_[candidate].in_flight + connections_[candidate].waiting.size() == 0) {
         thread.connection = candidate;
         return;
@@ -259,14 +259,15 @@ class Simulation {
   std::uint64_t event_count_ = 0;
   std::priority_queue<Event> events_;
   std::vector<Thread> threads_;
-  std::vector<std::size_t> server_turns_;      // by host
-  std::vector<std::size_t> connection_turns_;  // by host and server
-  std::vector<Connection> connections_;        // by host, server and number
-  std::vector<Queue> servers_;                 // the first is being served
+  std::vector<std::size_t> next_server_;      // by host
+  std::vector<std::size_t> next_connection_;  // by host and server
+  std::vector<Connection> connections_;       // by host, server and number
+  std::vector<Queue> servers_;                // the first is being served
   std::vector<double> latencies_;
 };
 
-// One host shows what more connections give to its threads, eight hosts what more servers give.
+// One host shows what its threads gain from more connections, eight hosts what they gain from more
+// servers.
 std::vector<Point> points_of_the_pictures() {
   std::vector<Point> points;
   for (const std::size_t threads : thread_counts) {
@@ -283,7 +284,7 @@ std::vector<Point> points_of_the_pictures() {
     }
   }
   for (const std::size_t threads : thread_counts) {
-    for (std::size_t servers = 1; servers <= most_servers; ++servers) {
+    for (std::size_t servers = 1; servers <= max_servers; ++servers) {
       points.push_back({.series = "servers",
                         .hosts = 8,
                         .threads = threads,

@@ -28,7 +28,7 @@ CallingHost::CallingHost(const char* config, int threads, Call call, LogReader r
       reader_(std::move(reader)),
       library_(start(config)),
       begin_(Clock::now()),
-      counts_(most_seconds) {
+      counts_(max_seconds) {
   host = this;
   threads_.reserve(static_cast<std::size_t>(threads));
   for (int number = 0; number < threads; ++number) {
@@ -90,7 +90,7 @@ void CallingHost::read_line(Logger::LogLevel, const char* line, std::size_t leng
 
 CallingHost::Counts& CallingHost::now() {
   const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin_);
-  return counts_[std::min(static_cast<std::size_t>(passed.count()), most_seconds - 1)];
+  return counts_[std::min(static_cast<std::size_t>(passed.count()), max_seconds - 1)];
 }
 
 void CallingHost::call_until(const std::stop_token& stop, int thread) {

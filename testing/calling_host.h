@@ -45,7 +45,7 @@ class CallingHost : NoCopy {
   void stop();  // returns when the last call has returned
 
  private:
-  static constexpr std::size_t most_seconds = 10000;  // the last one counts all later ones
+  static constexpr std::size_t max_seconds = 10000;  // the last one counts all later ones
   struct Counts {
     std::atomic<long> calls{0};
     std::atomic<long> failed{0};

@@ -117,8 +117,8 @@ void TcpProxy::forward_all() {
     }
     deliver();
     if (std::any_of(events.begin(), events.end(), is_of(fd_))) {
-      accept_connection();  // last, since it may get the number of a socket that was just
-                            // closed
+      // Last, since the connection may get the number of a socket that was just closed.
+      accept_connection();
     }
   }
 }
@@ -193,7 +193,7 @@ bool TcpProxy::forward(int from, int to) {
 void TcpProxy::pass_on(int to, std::string_view bytes) {
   if (delay_.count() > 0) {
     pieces_.push_back({Clock::now() + delay_, to, std::string(bytes)});
-  } else {  // holds no memory, which ruvo_chaos would count as the library's
+  } else {  // not queued: ruvo_chaos would count the memory as the library's
     send(to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   }
 }

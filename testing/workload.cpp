@@ -13,12 +13,12 @@ namespace {
 
 constexpr int sessions_per_thread = 50;
 constexpr int session_seconds = 60;
-constexpr int most_friends = 5;
+constexpr int max_friends = 5;
 constexpr int raw_tries = 10;
 constexpr std::chrono::milliseconds pause_in_outage(20);
 
-// Thrown out of a round: an operation failed in an outage, and may or may not have run.
-struct LostTrack {};
+// Ends a round: an operation failed in an outage, and may or may not have run.
+struct FailedInOutage {};
 
 }  // namespace
 
@@ -32,32 +32,32 @@ void Worker::work(int round) {
     if (!has_account_) {
       open_account();
     }
-    if (!on_track_) {
-      start_afresh();
+    if (!knows_values_) {
+      reset_values();
     }
     keep_session(round);
     count_visit();
     update_profile(round);
     queue_message(round);
     tag_friends(round);
-    ask_anything(round);
-    count_for_good();
-  } catch (const LostTrack&) {
-    on_track_ = false;
+    run_raw_commands(round);
+    count_permanently();
+  } catch (const FailedInOutage&) {
+    knows_values_ = false;
     std::this_thread::sleep_for(pause_in_outage);
   }
-  on_track_ = on_track_ && !in_doubt_;
+  knows_values_ = knows_values_ && !in_doubt_;
 }
 
 // Values that another run left, or that are in doubt after an outage, do not count.
-void Worker::start_afresh() {
+void Worker::reset_values() {
   for (const char* kind : {"visits", "profile", "queue", "friends"}) {
     expect(strings, "delete", [&] { return RUVO_DeleteKey(key(kind).c_str(), pool_, nullptr); });
   }
   visits_ = 0;
   points_ = 0;
   friends_.clear();
-  on_track_ = true;
+  knows_values_ = true;
 }
 
 // The key contains the pool: pools may share a server, and a raw command may reach another pool.
@@ -78,7 +78,7 @@ int Worker::call(Family family, const char* what, const Operation& operation) {
   const Call made{family, what, pool_};
   const auto begin = std::chrono::steady_clock::now();
   if (in_doubt_ && !observer_.may_be_out_of_step(made, begin)) {
-    throw LostTrack();
+    throw FailedInOutage();
   }
   observer_.call_begins(made);
   const int result = operation();
@@ -101,7 +101,7 @@ bool Worker::judge(Family family, const char* what, int result, int expected) {
   const bool wrong = result != RUVO_ERR_FAILED;
   ++(wrong ? totals_.wrong_values : totals_.failed);
   if (!wrong && totals_.outage_expected) {
-    throw LostTrack();
+    throw FailedInOutage();
   }
   std::printf("%s: %s: %s (%d)\n", wrong ? "WRONG RESULT" : "FAILED", what,
               ruvo_result_text(result), result);
@@ -126,7 +126,7 @@ void Worker::check(const char* what, bool right) {
 // A counter must have moved by `step`, or by a multiple if the command ran more than once.
 void Worker::check_moved(const char* what, long long& known, long long now, long long step) {
   const long long runs = (now - known) / step;
-  check(what, (now - known) % step == 0 && runs >= 1 && runs <= totals_.most_runs);
+  check(what, (now - known) % step == 0 && runs >= 1 && runs <= totals_.max_runs);
   totals_.run_twice += runs > 1 ? 1 : 0;
   known = now;
 }
@@ -215,12 +215,11 @@ void Worker::queue_message(int round) {
                        std::count(waiting.begin(), waiting.end(), text) == length);
   }
   // A pop that runs twice also takes the second message, or finds none, since its first run took
-  // the
-  // last one.
+  // the last one.
   std::string message;
   const int popped =
       call(lists, "pop", [&] { return RUVO_RPop(queue.c_str(), message, pool_, nullptr); });
-  if (popped == RUVO_ERR_NOT_FOUND && totals_.most_runs > 1) {
+  if (popped == RUVO_ERR_NOT_FOUND && totals_.max_runs > 1) {
     ++totals_.run_twice;
     ++totals_.operations[lists];
   } else if (judge(lists, "pop", popped, RUVO_OK)) {
@@ -234,7 +233,7 @@ void Worker::queue_message(int round) {
 // Sets.
 void Worker::tag_friends(int round) {
   const std::string friends = key("friends");
-  const std::string name = "friend" + std::to_string(round % most_friends);
+  const std::string name = "friend" + std::to_string(round % max_friends);
   const bool is_new = friends_.insert(name).second;
   const int added = call(sets, "add", [&] {
     return RUVO_SAdd(friends.c_str(), name.data(), name.size(), pool_, nullptr);
@@ -252,7 +251,7 @@ void Worker::tag_friends(int round) {
              [&] { return RUVO_SMembers(friends.c_str(), members, pool_, nullptr); })) {
     check("friends", std::set<std::string>(members.begin(), members.end()) == friends_);
   }
-  if (round % most_friends == most_friends - 1) {
+  if (round % max_friends == max_friends - 1) {
     expect(sets, "remove",
            [&] { return RUVO_SRem(friends.c_str(), name.data(), name.size(), pool_, nullptr); });
     friends_.erase(name);
@@ -260,7 +259,7 @@ void Worker::tag_friends(int round) {
 }
 
 // A counter that nobody deletes.
-void Worker::count_for_good() {
+void Worker::count_permanently() {
   long long count = 0;
   const int result = call(hashes, "increment", [&] {
     return RUVO_HashIncrBy(key("account").c_str(), "count", 5, 1, &count, pool_, nullptr);
@@ -275,7 +274,7 @@ void Worker::open_account() {
                  !in_doubt_;
 }
 
-void Worker::balance() {
+void Worker::check_stored_count() {
   const char* data = nullptr;
   unsigned long len = 0;
   std::int64_t stored = 0;
@@ -293,7 +292,7 @@ void Worker::balance() {
 
 // Any command. If its failover has led to another pool, the value that it read there does not
 // count, and it is sent again.
-void Worker::ask_anything(int round) {
+void Worker::run_raw_commands(int round) {
   const std::string note = key("note");
   const std::string text = text_for("note", round);
   for (int tries = 0; tries < raw_tries; ++tries) {

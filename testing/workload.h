@@ -17,12 +17,12 @@ enum Family { strings, hashes, lists, sets, raw, family_count };
 constexpr std::array<const char*, family_count> family_names{"string keys", "hashes", "lists",
                                                              "sets", "raw commands"};
 
-// The prefix of all keys of the work, which nothing else uses.
+// The prefix of all keys of the workload, which nothing else uses.
 constexpr std::string_view workload_prefix = "ruvo_workload:";
 
 struct Totals {
   bool outage_expected = false;  // failed operations are counted, and end a worker's round
-  int most_runs = 2;             // how often a command that was resent may have run: more is wrong
+  int max_runs = 2;              // how often a command that was resent may have run: more is wrong
   std::array<std::atomic<std::int64_t>, family_count> operations{};
   std::atomic<std::int64_t> values_checked{0};
   std::atomic<std::int64_t> run_twice{0};
@@ -80,10 +80,10 @@ class Worker {
 
   void work(int round);
   // After the last round: does the store hold what this worker has counted?
-  void balance();
+  void check_stored_count();
 
  private:
-  void start_afresh();
+  void reset_values();
   void open_account();
   std::string key(const char* kind) const;
   std::string text_for(const char* kind, int round) const;
@@ -103,8 +103,8 @@ class Worker {
   void update_profile(int round);
   void queue_message(int round);
   void tag_friends(int round);
-  void ask_anything(int round);
-  void count_for_good();
+  void run_raw_commands(int round);
+  void count_permanently();
   template <typename... Words>
   std::optional<bool> reply_is(int type, const std::string& text, bool& left_pool, const char* name,
                                const Words&... words);
@@ -113,7 +113,7 @@ class Worker {
   int pool_;
   Totals& totals_;
   CallObserver& observer_;
-  bool on_track_ = false;  // the fields below match the keys
+  bool knows_values_ = false;  // the fields below match the keys
   long long visits_ = 0;
   long long points_ = 0;
   std::set<std::string> friends_;

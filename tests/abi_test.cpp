@@ -11,7 +11,7 @@ TEST(BinaryInterface, AHostOfVersion1Runs) {
   const RedisServer persist;
   const HostConfig config("connect_timeout = 10000\nsocket_timeout = 10000\n" +
                           pools_at(temp.addr(), persist.addr(), temp.addr()));
-  const Ended run = shell(std::string(HOST_1_0) + " " + config.path() + " 2>&1");
+  const ProgramResult run = shell(std::string(HOST_1_0) + " " + config.path() + " 2>&1");
   EXPECT_EQ(run.status, 0) << run.output;
 }
 

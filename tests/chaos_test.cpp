@@ -6,14 +6,14 @@
 
 namespace {
 
-Ended chaos_on(const std::string& addr, const std::string& options,
-               const std::string& server = "") {
+ProgramResult chaos_on(const std::string& addr, const std::string& options,
+                       const std::string& server = "") {
   const HostConfig config(all_pools_at(addr), server);
   return shell(std::string(RUVO_CHAOS) + " --seconds 1 --threads 1 --config " + config.path() +
                " " + options + " 2>&1");
 }
 
-void expect_refusal(const Ended& run, const std::string& why) {
+void expect_refusal(const ProgramResult& run, const std::string& why) {
   EXPECT_EQ(run.status, 2) << run.output;
   EXPECT_NE(run.output.find(why), std::string::npos) << run.output;
 }
@@ -25,12 +25,12 @@ TEST(Chaos, RefusesServersThatHoldOtherKeys) {
   redis.ask("SET somebody:1 x");
   expect_refusal(chaos_on(redis.addr(), ""), "somebody:1");
   EXPECT_EQ(redis.ask("DBSIZE"), "10000");
-  const Ended told = chaos_on(redis.addr(), "--throwaway");
-  EXPECT_EQ(told.status, 0) << told.output;
+  const ProgramResult throwaway = chaos_on(redis.addr(), "--throwaway");
+  EXPECT_EQ(throwaway.status, 0) << throwaway.output;
 
   redis.ask("DEL somebody:1");
   EXPECT_NE(redis.ask("DBSIZE"), "0");  // the keys of the previous run
-  const Ended own = chaos_on(redis.addr(), "");
+  const ProgramResult own = chaos_on(redis.addr(), "");
   EXPECT_EQ(own.status, 0) << own.output;
 
   redis.ask("-n 3 SET somebody:1 x");

@@ -20,7 +20,7 @@ TEST(CliCheck, ReportsPoolsAndConnections) {
   const RedisServer guarded("--requirepass right");
   const DownServer down;
   // clang-format off
-  struct { std::string common; std::string server; int status; std::vector<std::string> told; }
+  struct { std::string common; std::string server; int status; std::vector<std::string> output_parts; }
       const cases[] = {
       {all_pools_at(redis.addr()),
        "p_connect_num = 2\nt_auto_eject_server = 0\nps_server_retry_timeout = 7", 0,
@@ -53,7 +53,7 @@ TEST(CliCheck, ReportsPoolsAndConnections) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    expect_told(Tool(one.common, one.server), "check", one.status, one.told);
+    expect_output(Tool(one.common, one.server), "check", one.status, one.output_parts);
   }
 }
 
@@ -64,7 +64,7 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
   const ScriptedServer silent([](Peer& peer) { peer.hang(); });
   const ScriptedServer closing([](Peer& peer) { peer.read_command(); });
   const ScriptedServer web("HTTP/1.1 400 Bad Request\r\n\r\n");
-  const ScriptedServer friendly("+OK\r\n");
+  const ScriptedServer not_redis("+OK\r\n");
   const ScriptedServer strange("-ERR no \x1b such thing\r\n");
   RedisServer loading;
   restart_loading(loading);
@@ -72,8 +72,8 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
   const ClientLimit limit(full);
   const RedisServer replica;
   become_replica(replica, redis);
-  const RedisServer alone;
-  become_replica_without_primary(alone);
+  const RedisServer without_primary;
+  become_replica_without_primary(without_primary);
   const RedisServer stale("--replicaof 127.0.0.1 " + std::to_string(down.port()));
   std::map<std::string, std::string> states{
       {"temp " + redis.addr(), "up "},
@@ -84,7 +84,7 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
       {"temp " + closing.addr(), "closed closes the connection on the first command"},
       {"temp " + web.addr(),
        "not a Redis something else answers at the address, or a Redis behind TLS"},
-      {"temp " + friendly.addr(),
+      {"temp " + not_redis.addr(),
        "not a Redis something else answers at the address, or a Redis behind TLS"},
       {"temp " + strange.addr(), "error reply ERR no ? such thing"},
       {"temp " + loading.addr(),
@@ -93,7 +93,7 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
        "at its limit of clients closes every further connection: see its maxclients"},
       {"temp " + replica.addr(),
        "replica follows " + redis.addr() + ", and answers writes with READONLY"},
-      {"temp " + alone.addr(),
+      {"temp " + without_primary.addr(),
        "replica without its primary its link to its primary is down, and it answers no command "
        "until the link is up"},
       {"temp " + stale.addr(), "replica without its primary follows " + down.addr() +
@@ -118,7 +118,7 @@ TEST(CliCheck, ProbesEveryServerDirectly) {
   const Tool tool(
       pools_at(lists["temp"], lists["persist"], lists["personality"]) + "socket_timeout = 100",
       "t_password = secret");
-  const Ended run = tool.run("--json check");
+  const ProgramResult run = tool.run("--json check");
   EXPECT_EQ(run.status, 5);
   const json report = json::parse(run.output);
   for (const json& pool : report["pools"]) {
@@ -173,8 +173,8 @@ TEST(CliCheck, RecommendsMissingKeys) {
       advice_for(all_pools_at(redis.addr()) + "auto_pipelining = 0")["recommended_defaults"];
   EXPECT_EQ(reason.find("auto_pipelining"), std::string::npos) << reason;
   EXPECT_NE(reason.find(", call_timeout 2000,"), std::string::npos) << reason;
-  expect_told(Tool(all_pools_at(redis.addr())), "check", 0,
-              {"\nworth setting:\nrecommended_defaults = true gives "});
+  expect_output(Tool(all_pools_at(redis.addr())), "check", 0,
+                {"\nworth setting:\nrecommended_defaults = true gives "});
 }
 
 TEST(CliCheck, RecommendsRepliesThatItHasSeen) {
@@ -189,7 +189,7 @@ TEST(CliCheck, RecommendsRepliesThatItHasSeen) {
                                                  "replies that end them now: READONLY from temp " +
                                                      replica.addr()}}));
   EXPECT_TRUE(advice_for(common + "recommended_defaults = 1").empty());
-  expect_told(Tool(common), "check", 7, {"temp         up in part", "replica  follows"});
+  expect_output(Tool(common), "check", 7, {"temp         up in part", "replica  follows"});
 }
 
 TEST(CliCheck, ListsSettingsThatAreNotReadAsWritten) {
@@ -251,24 +251,25 @@ TEST(CliCheck, NamesAnUnusableFile) {
   const std::string none = dir.path("none");
   const std::string empty = dir.write("empty", "[redis_cfg]\n");
   const std::string gone = dir.write("gone", "[redis_cfg]\nredis_cfg_path = " + none + "\n");
-  const std::string astray = dir.write("astray", "[redis_cfg]\nredis_cfg_path = stray.conf\n");
+  const std::string relative = dir.write("astray", "[redis_cfg]\nredis_cfg_path = stray.conf\n");
   // clang-format off
-  const struct { std::string config; std::string told; } cases[] = {
+  const struct { std::string config; std::string output_part; } cases[] = {
       {none, "cannot open " + none + ": No such file or directory (10115)\n"},
       {"/", "start-up failed: /: Is a directory (10106)\n"},
       {empty, empty + ": no redis_cfg_path in section [redis_cfg] (10106)\n"},
       {gone, "cannot open " + none + ": No such file or directory; it is the redis_cfg_path of " +
        gone + " (-1)\n"},
-      {astray, "relative to the working directory " + std::filesystem::current_path().string() +
+      {relative, "relative to the working directory " + std::filesystem::current_path().string() +
        " (-1)\n"},
   };
   // clang-format on
   for (const auto& one : cases) {
     for (const std::string command : {"check", "watch", "load", "get k", "raw PING"}) {
-      const Ended run = shell(RUVO_CLI " --config " + one.config + " " + command + " 2>&1");
+      const ProgramResult run = shell(RUVO_CLI " --config " + one.config + " " + command + " 2>&1");
       EXPECT_EQ(run.status, 4) << command;
       EXPECT_EQ(run.output.find("ruvo_cli: start-up failed: "), 0U) << run.output;
-      EXPECT_NE(run.output.find(one.told), std::string::npos) << command << "\n" << run.output;
+      EXPECT_NE(run.output.find(one.output_part), std::string::npos) << command << "\n"
+                                                                     << run.output;
     }
   }
 }
@@ -284,7 +285,7 @@ TEST(CliCheck, HidesPasswordsUnlessAskedForThem) {
   }
   tool.run("--log-file " + dir.path("log") + " get k");
   EXPECT_EQ(shell("cat " + dir.path("log")).output.find("secret"), std::string::npos);
-  expect_told(tool, "--show-passwords --log-level WARN get k", 3, {"passwd = secret\n"});
+  expect_output(tool, "--show-passwords --log-level WARN get k", 3, {"passwd = secret\n"});
 }
 
 TEST(CliWatch, FollowsAServerFromFailingToEjectedToRetried) {
@@ -293,10 +294,10 @@ TEST(CliWatch, FollowsAServerFromFailingToEjectedToRetried) {
   const Tool tool(all_pools_at(redis.addr() + "," + down.addr()),
                   "p_server_failure_limit = 1\np_server_retry_timeout = 2");
   const std::string counts = "  reads 0  failures 2  ejections 1  retries 1  refused\n";
-  expect_told(tool, "watch --rounds 4", 7,
-              {redis.addr() + "  up                reads 8  failures 0  ejections 0  retries 0\n",
-               down.addr() + "  failing", down.addr() + "  ejected",
-               down.addr() + "  retried, failing" + counts});
+  expect_output(tool, "watch --rounds 4", 7,
+                {redis.addr() + "  up                reads 8  failures 0  ejections 0  retries 0\n",
+                 down.addr() + "  failing", down.addr() + "  ejected",
+                 down.addr() + "  retried, failing" + counts});
 }
 
 TEST(CliWatch, AWalkBackAtItsFirstServerEjectsNone) {
@@ -306,7 +307,7 @@ TEST(CliWatch, AWalkBackAtItsFirstServerEjectsNone) {
   const Tool tool(pools_at(down.addr() + "," + other.addr(), redis.addr(), redis.addr()));
   const std::string counts =
       "  failing           reads 0  failures 2  ejections 0  retries 0  refused\n";
-  expect_told(tool, "watch --rounds 1", 5, {down.addr() + counts, other.addr() + counts});
+  expect_output(tool, "watch --rounds 1", 5, {down.addr() + counts, other.addr() + counts});
 }
 
 // Without the signal it would end after a minute.
@@ -316,9 +317,9 @@ TEST(CliWatch, EndsCleanlyOnASignal) {
   const TempDir dir;
   for (const std::string signal : {"INT", "TERM"}) {
     const std::string out = dir.path(signal);
-    const Ended run = shell(tool.command("watch --rounds 60") + " >" + out +
-                            " & until grep -q reads " + out + "; do :; done; kill -" + signal +
-                            " $!; wait $!; echo $? $(grep -c reads " + out + ")");
+    const ProgramResult run = shell(tool.command("watch --rounds 60") + " >" + out +
+                                    " & until grep -q reads " + out + "; do :; done; kill -" +
+                                    signal + " $!; wait $!; echo $? $(grep -c reads " + out + ")");
     EXPECT_TRUE(run.output.starts_with("0 ")) << run.output;
     EXPECT_NE(run.output, "0 60\n");
   }
@@ -328,10 +329,10 @@ TEST(CliWatch, StartsTheLibraryWhenTheFirstServerAnswers) {
   RedisServer redis;
   const Tool tool(all_pools_at(redis.addr()));
   redis.kill();
-  expect_told(tool, "watch --rounds 1", 5,
-              {"no server of the main pools answers", "not started", "  refused\n"});
+  expect_output(tool, "watch --rounds 1", 5,
+                {"no server of the main pools answers", "not started", "  refused\n"});
   const TempDir dir;
-  Ended watched{};
+  ProgramResult watched{};
   std::jthread watch([&] {
     watched = shell("timeout 30 " + tool.command("watch --json") + " 2>&1 | tee " +
                     dir.path("out") + " | grep -m 1 '\"state\":\"up\"'");

@@ -53,9 +53,9 @@ TEST(CliParts, NumbersAreWholeAndInBounds) {
 
 TEST(CliParts, ValuesAreShownAsTheyAre) {
   const json nested{"a", json::array({1, json::array({"b", nullptr})}), json::array()};
-  json twelve = json::array({json::array({"x", "y"})});
+  json twelve_pairs = json::array({json::array({"x", "y"})});
   for (int i = 0; i < 11; ++i) {
-    twelve.push_back(json::array({"x", "y"}));
+    twelve_pairs.push_back(json::array({"x", "y"}));
   }
   // clang-format off
   const struct { json value; std::string text; } cases[] = {
@@ -67,7 +67,7 @@ TEST(CliParts, ValuesAreShownAsTheyAre) {
   for (const auto& one : cases) {
     EXPECT_EQ(to_text(one.value), one.text);
   }
-  EXPECT_TRUE(to_text(twelve).ends_with("\n12) 1) x\n    2) y"));
+  EXPECT_TRUE(to_text(twelve_pairs).ends_with("\n12) 1) x\n    2) y"));
   const std::string bytes("\x01\xff\0", 3);
   EXPECT_EQ(to_printable(bytes).dump(), R"({"hex":"01ff00"})");
   EXPECT_EQ(to_printable(json::array({bytes, "ok", 1})).dump(), R"([{"hex":"01ff00"},"ok",1])");
@@ -89,7 +89,7 @@ class Log : public testing::Test {
   }
 };
 
-// A password may stand earlier in its line, too.
+// The text of the password may also occur earlier in the line.
 TEST_F(Log, HidesThePasswordAndNothingElse) {
   const auto refuse = [] {
     write(Logger::ERROR,
@@ -129,11 +129,11 @@ TEST_F(Log, ShowsLinesFromALevelOnOrHoldsTheLatestErrors) {
 }
 
 TEST_F(Log, ListenersGetLinesFromALevelOn) {
-  std::vector<std::string> heard;
-  const std::string told = shown({Logger::ERROR, "", false}, [&heard] {
+  std::vector<std::string> received;
+  const std::string output = shown({Logger::ERROR, "", false}, [&received] {
     {
       const LogListening listening(
-          Logger::INFO, [&heard](const LogEvent& event) { heard.push_back(event.text); });
+          Logger::INFO, [&received](const LogEvent& event) { received.push_back(event.text); });
       for (const auto level : {Logger::DEBUG, Logger::INFO, Logger::ERROR}) {
         write(level, "level " + std::to_string(level));
       }
@@ -142,8 +142,8 @@ TEST_F(Log, ListenersGetLinesFromALevelOn) {
     EXPECT_EQ(Logger::logLevel(), Logger::ERROR);
     write(Logger::ERROR, "unheard");
   });
-  EXPECT_EQ(heard, (std::vector<std::string>{"level 2", "level 4"}));
-  EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 2) << told;
+  EXPECT_EQ(received, (std::vector<std::string>{"level 2", "level 4"}));
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2) << output;
 }
 
 }  // namespace

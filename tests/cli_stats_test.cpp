@@ -56,10 +56,12 @@ class Host {
   statistics_file file_;
 };
 
-Ended stats(const std::string& arguments) { return shell(RUVO_CLI " " + arguments + " 2>&1"); }
+ProgramResult stats(const std::string& arguments) {
+  return shell(RUVO_CLI " " + arguments + " 2>&1");
+}
 
-void expect_all(const std::string& output, const std::vector<std::string>& told) {
-  for (const std::string& text : told) {
+void expect_all(const std::string& output, const std::vector<std::string>& output_parts) {
+  for (const std::string& text : output_parts) {
     EXPECT_NE(output.find(text), std::string::npos) << text << "\n" << output;
   }
 }
@@ -71,7 +73,7 @@ TEST(CliStats, ShowsATable) {
   host.calls(2, RUVO_STATS_NO_SERVER, microseconds(2'000'000));
   note_failures(host.server(1), 3, std::time(nullptr) + 1000);
   note_failures(host.server(2), 2, 0);
-  const Ended run = stats("stats " + dir.path("s"));
+  const ProgramResult run = stats("stats " + dir.path("s"));
   EXPECT_EQ(run.status, 0);
   expect_all(run.output,
              {"process " + std::to_string(getpid()) + " runs; started ",
@@ -85,7 +87,7 @@ TEST(CliStats, ShowsRatesSinceTheLastReading) {
   const TempDir dir;
   Host host(dir.path("s"));
   host.calls(1'000'000, RUVO_STATS_OK, microseconds(10));
-  Ended run{};
+  ProgramResult run{};
   std::jthread watch([&] {
     run = stats("--json stats --watch 1 --rounds 3 " + dir.path("s") + " | tee " + dir.path("out"));
   });
@@ -100,20 +102,20 @@ TEST(CliStats, ShowsRatesSinceTheLastReading) {
   host.begin();
   watch.join();
   std::istringstream lines(run.output);
-  std::vector<json> looks;
+  std::vector<json> readings;
   for (std::string line; std::getline(lines, line);) {
-    looks.push_back(json::parse(line)["pools"][0]);
+    readings.push_back(json::parse(line)["pools"][0]);
   }
-  ASSERT_EQ(looks.size(), 3U);
-  EXPECT_EQ(looks[0]["results"]["ok"], 1'000'000);
-  EXPECT_LT(looks[0]["seconds"]["p99"], 0.000'012);
-  EXPECT_EQ(looks[1]["calls"], 1'000'500);
-  EXPECT_LE(looks[1]["calls_per_second"], 500);
-  EXPECT_GT(looks[1]["calls_per_second"], 5);
-  EXPECT_GT(looks[1]["seconds"]["p50"], 0.05);
-  EXPECT_EQ(looks[2]["calls"], 0);  // the host has restarted
-  EXPECT_EQ(looks[2]["calls_per_second"], 0.0);
-  EXPECT_EQ(looks[2]["servers"].size(), 3U);
+  ASSERT_EQ(readings.size(), 3U);
+  EXPECT_EQ(readings[0]["results"]["ok"], 1'000'000);
+  EXPECT_LT(readings[0]["seconds"]["p99"], 0.000'012);
+  EXPECT_EQ(readings[1]["calls"], 1'000'500);
+  EXPECT_LE(readings[1]["calls_per_second"], 500);
+  EXPECT_GT(readings[1]["calls_per_second"], 5);
+  EXPECT_GT(readings[1]["seconds"]["p50"], 0.05);
+  EXPECT_EQ(readings[2]["calls"], 0);  // the host has restarted
+  EXPECT_EQ(readings[2]["calls_per_second"], 0.0);
+  EXPECT_EQ(readings[2]["servers"].size(), 3U);
 }
 
 TEST(CliStats, IsReadByPrometheus) {
@@ -122,7 +124,8 @@ TEST(CliStats, IsReadByPrometheus) {
   host.calls(3, RUVO_STATS_OK, microseconds(40));
   host.calls(1, RUVO_STATS_ERROR_REPLY, microseconds(20'000'000));
   note_failures(host.server(1), 3, std::time(nullptr) + 1000);
-  const Ended run = stats("stats --prometheus --label host=h1 --label 'unit=x y' " + dir.path("s"));
+  const ProgramResult run =
+      stats("stats --prometheus --label host=h1 --label 'unit=x y' " + dir.path("s"));
   EXPECT_EQ(run.status, 0);
   const std::string site = R"({host="h1",unit="x y")";
   const std::string histogram = "ruvo_call_duration_seconds";
@@ -162,7 +165,7 @@ TEST(CliStats, SaysWhatIsWrong) {
   ASSERT_EQ(shell("mkfifo " + dir.path("pipe")).status, 0);
   const std::string s = dir.path("s");
   // clang-format off
-  const struct { std::string arguments; int status; std::string told; } cases[] = {
+  const struct { std::string arguments; int status; std::string output_part; } cases[] = {
       {"stats", 64, "FILE is required"}, {"get k", 64, "--config is required, or RUVO_CONFIG"},
       {"stats --watch 0 " + s, 64, "--watch: not a whole number from 1 to 86400: 0"},
       {"stats --label a=b " + s, 64, "--label requires --prometheus"},
@@ -180,9 +183,9 @@ TEST(CliStats, SaysWhatIsWrong) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    const Ended run = stats(one.arguments);
+    const ProgramResult run = stats(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
-    expect_all(run.output, {one.told});
+    expect_all(run.output, {one.output_part});
   }
 }
 
@@ -197,7 +200,7 @@ TEST(CliStats, AFileThatIsReplacedIsReadWhole) {
     }
   });
   for (int i = 0; i < 20; ++i) {
-    const Ended run = stats("--json stats " + dir.path("s"));
+    const ProgramResult run = stats("--json stats " + dir.path("s"));
     ASSERT_EQ(run.status, 0) << run.output;
     EXPECT_LE(json::parse(run.output)["pools"][0]["calls"], 100);
   }
@@ -220,11 +223,11 @@ TEST(CliStats, WatchShowsTheHostsView) {
   const TempDir dir;
   Host host(dir.path("s"), "127.0.0.1", redis.port());
   note_failures(host.server(0), 3, std::time(nullptr) + 1000);
-  expect_told(tool, "watch --rounds 1 --stats-file " + dir.path("s"), 0,
-              {redis.addr() + "  up  ", "  host: ejected, ", " s  calls/s 0.0  in flight 0"});
-  expect_told(tool, "--pool persist watch --rounds 1 --stats-file " + dir.path("s"), 0,
-              {"  host: does not list this server\n"});
-  const Ended run = tool.run("--json watch --rounds 1 --stats-file " + dir.path("s"));
+  expect_output(tool, "watch --rounds 1 --stats-file " + dir.path("s"), 0,
+                {redis.addr() + "  up  ", "  host: ejected, ", " s  calls/s 0.0  in flight 0"});
+  expect_output(tool, "--pool persist watch --rounds 1 --stats-file " + dir.path("s"), 0,
+                {"  host: does not list this server\n"});
+  const ProgramResult run = tool.run("--json watch --rounds 1 --stats-file " + dir.path("s"));
   EXPECT_EQ(json::parse(run.output)["host"]["state"], "ejected");
 }
 

@@ -48,7 +48,7 @@ TEST(Cli, RunsEveryOperation) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    const Ended run = tool.run(one.arguments);
+    const ProgramResult run = tool.run(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
     const bool is_json = one.output.starts_with('{');
     EXPECT_EQ(run.output, one.output + (is_json ? "\n" : "")) << one.arguments;
@@ -63,7 +63,7 @@ TEST(Cli, SaysWhatIsWrong) {
   const TempDir dir;
   const std::string with_zero = dir.write("zero", std::string("a\0b", 3));
   // clang-format off
-  struct { std::string arguments; int status; std::string told; } const cases[] = {
+  struct { std::string arguments; int status; std::string output_part; } const cases[] = {
       {"", 64, "A subcommand is required"}, {"fly", 64, "no such command: fly"},
       {"get", 64, "KEY is required"}, {"set k", 64, "VALUE or --value-file is required"},
       {"set k v --value-file f", 64, "excludes"},
@@ -93,9 +93,10 @@ TEST(Cli, SaysWhatIsWrong) {
   // clang-format on
   tool.run("set k v");
   for (const auto& one : cases) {
-    const Ended run = tool.run(one.arguments);
+    const ProgramResult run = tool.run(one.arguments);
     EXPECT_EQ(run.status, one.status) << one.arguments;
-    EXPECT_NE(run.output.find(one.told), std::string::npos) << one.arguments << ": " << run.output;
+    EXPECT_NE(run.output.find(one.output_part), std::string::npos)
+        << one.arguments << ": " << run.output;
   }
   EXPECT_EQ(shell("RUVO_CONFIG=" + tool.path() + " " RUVO_CLI " get k").output, "v\n");
   EXPECT_EQ(shell(std::string(RUVO_CLI) + " --version").output, "ruvo_cli " RUVO_VERSION "\n");
@@ -112,7 +113,7 @@ TEST(Cli, LoadMeasuresAndCleansUp) {
   for (const Operation& operation : all_operations()) {
     mix += std::string(",") + operation.name + "=1";
   }
-  const Ended run = tool.run("load --threads 2 --seconds 1 --keys 10 --mix " + mix);
+  const ProgramResult run = tool.run("load --threads 2 --seconds 1 --keys 10 --mix " + mix);
   EXPECT_EQ(run.status, 0) << run.output;
   for (const std::string part :
        {"   1 s  ", " 0 failed in this second\n", "failed      0\n", "99.9%  ", "####"}) {
@@ -124,7 +125,7 @@ TEST(Cli, LoadMeasuresAndCleansUp) {
 TEST(Cli, LoadCountsFailuresAndReportsRemainingKeys) {
   const RedisServer redis("--rename-command DEL ''");
   const Tool tool(all_pools_at(redis.addr()));
-  const Ended run = tool.run(
+  const ProgramResult run = tool.run(
       "load --json --threads 1 --seconds 1 --keys 20 --mix set=1,raw=1 --raw 'HGET {key} f'");
   EXPECT_EQ(run.status, 3) << run.output;
   for (const std::string part :

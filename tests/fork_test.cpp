@@ -71,7 +71,7 @@ TEST_P(Fork, ParentAndChildKeepTheirRepliesApart) {
     const pid_t child = fork();
     if (child == 0) {
       const int wrong = wrong_values("child" + std::to_string(i) + ":");
-      // It has connections of its own: as many as it uses, two in each pool.
+      // The child has connections of its own: as many as it uses, two in each pool.
       const bool is_good = wrong == 0 && log.count_containing("reset connection") == 3 * 2 &&
                            log.count_containing("ret:3, err:the process has forked") == 3 * 2;
       _exit(is_good ? 0 : 1);

@@ -15,7 +15,7 @@ namespace {
 using std::chrono::milliseconds;
 
 // clang-format off
-const std::vector<std::string> sound = {
+const std::vector<std::string> valid_replies = {
     "+OK\r\n", "-ERR no\r\n", ":1\r\n", ":0\r\n", "$5\r\nhello\r\n", "$0\r\n\r\n", "$-1\r\n", "*-1\r\n", "*0\r\n",
     "*3\r\n$1\r\na\r\n:7\r\n$-1\r\n", "*2\r\n*2\r\n$1\r\na\r\n+b\r\n*1\r\n*1\r\n:3\r\n"};
 const std::vector<std::string> lengths = {
@@ -27,7 +27,7 @@ const std::vector<std::string> lengths = {
 class Damage {
  public:
   explicit Damage(std::uint64_t number) : random_(number) {
-    bytes = sound[below(sound.size())];
+    bytes = valid_replies[below(valid_replies.size())];
     for (std::size_t count = below(4); count > 0; --count) {
       damage();
     }
@@ -44,32 +44,32 @@ class Damage {
 
   void damage() {
     const std::size_t at = below(bytes.size() + 1);
-    const std::size_t way = below(8);
-    if (way == 0) {
+    const std::size_t kind = below(8);
+    if (kind == 0) {
       bytes.resize(at);
     }
-    if (way == 1) {
+    if (kind == 1) {
       const std::size_t digit = bytes.find_first_of("0123456789", at);
       if (digit != std::string::npos) {
         bytes.replace(digit, 1, lengths[below(lengths.size())]);
       }
     }
-    if (way == 2 && at < bytes.size()) {
+    if (kind == 2 && at < bytes.size()) {
       bytes[at] = static_cast<char>(below(256));
     }
-    if (way == 3) {
+    if (kind == 3) {
       bytes.insert(at, 1 + below(9), '\0');
     }
-    if (way == 4) {
+    if (kind == 4) {
       bytes.insert(at, bytes);
     }
-    for (std::size_t depth = way == 5 ? 1 + below(12) : 0; depth > 0; --depth) {
+    for (std::size_t depth = kind == 5 ? 1 + below(12) : 0; depth > 0; --depth) {
       bytes.insert(0, "*1\r\n");
     }
-    if (way == 6) {
+    if (kind == 6) {
       bytes.insert(at, 1, "+-:$*\r\n"[below(7)]);
     }
-    if (way == 7) {
+    if (kind == 7) {
       bytes.insert(at, below(200000), "x%\n\xFF"[below(4)]);
     }
   }

@@ -121,25 +121,25 @@ class Judging : public testing::Test {
 };
 
 TEST_F(Judging, AFailedCallIsAllowedOnlyByTheRulesOfFailover) {
-  const auto spares_calls = [](Site& site) {
+  const auto one_server_suffices = [](Site& site) {
     client_options& options = site.settings.options;
     options.eject_silent_servers = options.try_ejected_servers = options.wait_for_servers = true;
     options.call_timeout = 60000;  // an outage of a moment counts as short
   };
   const auto stays_in_pool = [&](Site& site) {
-    spares_calls(site);
+    one_server_suffices(site);
     site.settings.options.raw_commands_stay_in_pool = true;
   };
   const auto does_not_wait = [&](Site& site) {
-    spares_calls(site);
+    one_server_suffices(site);
     site.settings.options.wait_for_servers = false;
   };
-  const auto ejects_for_no_time = [](Site& site) {
+  const auto retries_at_once = [](Site& site) {
     site.settings.connect_timeout_ms = site.settings.socket_timeout_ms = 0;
     site.settings.retry_timeout_s = 0;
   };
   const auto expects_an_outage = [](Site& site) { site.outage_expected = true; };
-  const auto as_it_is = [](Site&) {};
+  const auto default_settings = [](Site&) {};
   const std::vector<Step> both_faulty{fault_in(one), fault_in(two)};
   const std::vector<Step> past_fault{fault_in(two), end_of_fault(two), wait_a_moment(),
                                      fault_in(one)};
@@ -147,34 +147,34 @@ TEST_F(Judging, AFailedCallIsAllowedOnlyByTheRulesOfFailover) {
   const std::vector<Step> one_tried{rebuild(one), skipped(two)};
   // clang-format off
   const struct { std::function<void(Site&)> set; std::vector<Step> before; std::vector<Step> during; Call call; Failure why; } cases[] = {
-      {as_it_is, {}, {}, typed, unexplained},
-      {as_it_is, both_faulty, {}, typed, unexplained},
-      {as_it_is, both_faulty, both_tried, typed, each_had_a_fault},
-      {as_it_is, {}, {fault_in(one), rebuild(one), rebuild(two), fault_in(two)}, typed, each_had_a_fault},
-      {as_it_is, {}, both_tried, typed, unexplained},
-      {as_it_is, {fault_in(one)}, both_tried, typed, unexplained},
-      {as_it_is, both_faulty, {rebuild(one)}, typed, unexplained},
-      {as_it_is, both_faulty, {rebuild(one), rebuild(two), rebuild(one), rebuild(two)}, typed, visits_used_up},
-      {as_it_is, both_faulty, {rebuild(one), rebuild(two), rebuild(one)}, typed, each_had_a_fault},
-      {as_it_is, both_faulty, one_tried, typed, still_ejected},
-      {as_it_is, past_fault, one_tried, typed, still_ejected},
-      {as_it_is, {fault_in(one)}, one_tried, typed, unexplained},
-      {ejects_for_no_time, past_fault, one_tried, typed, unexplained},
-      {as_it_is, {fault_in(one)}, {rebuild(one), timed_out()}, typed, out_of_time},
-      {as_it_is, {fault_in(two)}, {rebuild(one), timed_out()}, typed, unexplained},
-      {as_it_is, {fault_in(one)}, {broken()}, raw_call, raw_came_round},
-      {as_it_is, {fault_in(one)}, {rebuild(one)}, raw_call, raw_came_round},
-      {as_it_is, {fault_in(one)}, {broken()}, typed, unexplained},
-      {as_it_is, {fault_in(one)}, {rebuild(two)}, raw_call, unexplained},
-      {as_it_is, {fault_in(one)}, {}, raw_call, unexplained},
-      {spares_calls, both_faulty, both_tried, typed, unexplained},
-      {spares_calls, both_faulty, {broken()}, raw_call, raw_came_round},
-      {spares_calls, both_faulty, {broken(), outage()}, typed, unexplained},
-      {spares_calls, past_fault, {broken(), not_sent_again()}, typed, may_have_run},
-      {spares_calls, {}, {broken(), not_sent_again()}, typed, unexplained},
-      {spares_calls, {extra_reply_in(eTempServer)}, {}, typed, out_of_step},
-      {spares_calls, {}, {extra_reply_in(eTempServer)}, typed, out_of_step},
-      {spares_calls, {extra_reply_in(ePersistServer)}, {}, typed, unexplained},
+      {default_settings, {}, {}, typed, unexplained},
+      {default_settings, both_faulty, {}, typed, unexplained},
+      {default_settings, both_faulty, both_tried, typed, each_had_a_fault},
+      {default_settings, {}, {fault_in(one), rebuild(one), rebuild(two), fault_in(two)}, typed, each_had_a_fault},
+      {default_settings, {}, both_tried, typed, unexplained},
+      {default_settings, {fault_in(one)}, both_tried, typed, unexplained},
+      {default_settings, both_faulty, {rebuild(one)}, typed, unexplained},
+      {default_settings, both_faulty, {rebuild(one), rebuild(two), rebuild(one), rebuild(two)}, typed, visits_used_up},
+      {default_settings, both_faulty, {rebuild(one), rebuild(two), rebuild(one)}, typed, each_had_a_fault},
+      {default_settings, both_faulty, one_tried, typed, still_ejected},
+      {default_settings, past_fault, one_tried, typed, still_ejected},
+      {default_settings, {fault_in(one)}, one_tried, typed, unexplained},
+      {retries_at_once, past_fault, one_tried, typed, unexplained},
+      {default_settings, {fault_in(one)}, {rebuild(one), timed_out()}, typed, out_of_time},
+      {default_settings, {fault_in(two)}, {rebuild(one), timed_out()}, typed, unexplained},
+      {default_settings, {fault_in(one)}, {broken()}, raw_call, raw_back_at_start},
+      {default_settings, {fault_in(one)}, {rebuild(one)}, raw_call, raw_back_at_start},
+      {default_settings, {fault_in(one)}, {broken()}, typed, unexplained},
+      {default_settings, {fault_in(one)}, {rebuild(two)}, raw_call, unexplained},
+      {default_settings, {fault_in(one)}, {}, raw_call, unexplained},
+      {one_server_suffices, both_faulty, both_tried, typed, unexplained},
+      {one_server_suffices, both_faulty, {broken()}, raw_call, raw_back_at_start},
+      {one_server_suffices, both_faulty, {broken(), outage()}, typed, unexplained},
+      {one_server_suffices, past_fault, {broken(), not_sent_again()}, typed, may_have_run},
+      {one_server_suffices, {}, {broken(), not_sent_again()}, typed, unexplained},
+      {one_server_suffices, {extra_reply_in(eTempServer)}, {}, typed, out_of_step},
+      {one_server_suffices, {}, {extra_reply_in(eTempServer)}, typed, out_of_step},
+      {one_server_suffices, {extra_reply_in(ePersistServer)}, {}, typed, unexplained},
       {stays_in_pool, both_faulty, {broken()}, raw_call, unexplained},
       {does_not_wait, past_fault, one_tried, typed, still_ejected},
       {expects_an_outage, {}, {}, typed, in_an_outage},
@@ -213,9 +213,9 @@ TEST_F(Judging, OnlyAFailedCallIsAFailure) {
   EXPECT_EQ(judge_.failures(unexplained), 0);
   judge({}, {rebuild(one), skipped(two)}, {lists, "push", ePersistServer});
   EXPECT_EQ(judge_.failures(unexplained), 1);
-  const std::string told = printed();
-  EXPECT_EQ(told.find("FAILED WITHOUT REASON: push, pool 2, after "), 0U) << told;
-  EXPECT_TRUE(told.ends_with(" s; tried 127.0.0.1:1 skipped 127.0.0.1:2\n")) << told;
+  const std::string output = printed();
+  EXPECT_EQ(output.find("FAILED WITHOUT REASON: push, pool 2, after "), 0U) << output;
+  EXPECT_TRUE(output.ends_with(" s; tried 127.0.0.1:1 skipped 127.0.0.1:2\n")) << output;
 }
 
 TEST_F(Judging, AServerMayBeGivenUpOnlyInAFault) {

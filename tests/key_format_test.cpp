@@ -10,9 +10,9 @@ namespace {
 TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
   const std::string full(1023, 'x');
   const std::string spaces(1022, ' ');
-  std::string nothing_much;
+  std::string many_n;
   for (int i = 0; i < 5000; ++i) {
-    nothing_much += "%n";
+    many_n += "%n";
   }
   // clang-format off
   struct { std::string key; std::string text; } const cases[] = {
@@ -25,7 +25,7 @@ TEST(KeyFormat, ExpandsAsPrintfWouldWithZeros) {
       {"ends in %", "ends in "}, {":%49:%39", ":%49:%39"}, {"%99999999999d", spaces + " "},
       {"%.99999999999f", "0." + std::string(1021, '0')}, {full + "yyy", full},
       {full.substr(3) + "%s", full.substr(3) + "(nu"},
-      {nothing_much, ""}, {"%-----------------------5d|", "0    |"}, {nothing_much + "x", ""},
+      {many_n, ""}, {"%-----------------------5d|", "0    |"}, {many_n + "x", ""},
       {"%o%X%b%B|%a|%A|%E|%F|%G|%S|% d|%'d|%Id|%.0f", "0000|0x0p+0|0X0P+0|0.000000E+00|0.000000|0|(null)| 0|0|0|0"},
       {"a%C", "a"}, {"%m", "Success"}, {"%y ends in %5", "%y ends in %5"},
   };

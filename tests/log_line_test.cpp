@@ -43,12 +43,12 @@ TEST_F(Log, ALineHasItsPlaceAndIsCut) {
 }
 
 TEST_F(Log, ArgumentsAreEvaluatedOnlyForWrittenLines) {
-  int looked = 0;
+  int evaluations = 0;
   BaseLib::Logger::setLogLevel(WARN);
-  RUVO_LOG(INFO, "%d", ++looked);
-  EXPECT_EQ(looked, 0);
-  RUVO_LOG(WARN, "%d", ++looked);
-  EXPECT_EQ(looked, 1);
+  RUVO_LOG(INFO, "%d", ++evaluations);
+  EXPECT_EQ(evaluations, 0);
+  RUVO_LOG(WARN, "%d", ++evaluations);
+  EXPECT_EQ(evaluations, 1);
   EXPECT_EQ(log_.take(), (std::vector<LogCapture::Line>{{WARN, "1"}}));
 }
 
@@ -71,11 +71,11 @@ TEST_F(Log, LimitSuppressesLinesOfAKindAndLogsHowMany) {
     }
   }
   counts(2, 2, 20);
-  now = first + 1;  // again the second that has had its lines
-  const std::string told = "ruvo_redis::log_limit | 9 lines like the next one were kept back";
-  EXPECT_EQ(log_.count(WARN, told), 2);  // of each kind
+  now = first + 1;  // the second whose limit has been reached
+  const std::string notice = "ruvo_redis::log_limit | 9 lines like the next one were kept back";
+  EXPECT_EQ(log_.count(WARN, notice), 2);  // of each kind
   const std::vector<LogCapture::Line> lines = log_.take();
-  const auto at = std::find(lines.begin(), lines.end(), LogCapture::Line{WARN, told});
+  const auto at = std::find(lines.begin(), lines.end(), LogCapture::Line{WARN, notice});
   ASSERT_NE(at, lines.end());
   EXPECT_EQ(at[1].text, "one kind 0");
   {

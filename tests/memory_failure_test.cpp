@@ -41,7 +41,7 @@ TEST_F(MemoryFailure, InAStartUp) {
   const int descriptors = open_descriptors();
   const int live = live_allocations;
   int status = 0;
-  for (int number = 0; status == 0; ++number) {  // each in its own process: one fails for good
+  for (int number = 0; status == 0; ++number) {  // in a process each: a failed start-up is final
     const pid_t child = fork();
     if (child == 0) {
       int ret = 0;

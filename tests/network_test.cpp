@@ -57,7 +57,7 @@ struct Row {
   const char* what;
   ScriptedServer::Script server;
   milliseconds least;    // what a visit costs according to the operations guide
-  int alone;             // the result if there is no other server; with a good one it is 0
+  int result_alone;      // the result if there is no other server; with a good one it is 0
   bool in_bound = true;  // long replies may take up to S for each piece: no bound holds
 };
 
@@ -127,13 +127,13 @@ TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
     SCOPED_TRACE(row.what);
     const ScriptedServer faulty(row.server);
     start(faulty.addr());
-    EXPECT_EQ(query(row.least, row.in_bound ? bound(1) : no_bound), row.alone);
-    EXPECT_EQ(query_raw(row.in_bound ? raw_bound(1) : no_bound), row.alone == 0);
+    EXPECT_EQ(query(row.least, row.in_bound ? bound(1) : no_bound), row.result_alone);
+    EXPECT_EQ(query_raw(row.in_bound ? raw_bound(1) : no_bound), row.result_alone == 0);
     if (row.in_bound) {
       start(faulty.addr() + "," + good_.addr());
       EXPECT_EQ(query(row.least, bound(2)), 0);
-      EXPECT_EQ(query({}, bound(2)), 0);  // the good server's turn
-      // The temporary pool again, and the good server's turn there.
+      EXPECT_EQ(query({}, bound(2)), 0);  // round-robin chooses the good server
+      // The temporary pool again, where round-robin chooses the good server, too.
       EXPECT_TRUE(query_raw(raw_bound(2)));
     }
   }
@@ -148,7 +148,7 @@ TEST_F(Network, AMachineThatAcceptsNoConnectionIsEjected) {
   EXPECT_EQ(start(full.addr() + "," + good_.addr()), 0);
   for (int failure = 0; failure < 5; ++failure) {
     EXPECT_EQ(query(C, bound(2)), 0);
-    EXPECT_EQ(query({}, bound(2)), 0);  // the good server's turn
+    EXPECT_EQ(query({}, bound(2)), 0);  // round-robin chooses the good server
   }
   log_.clear();
   EXPECT_EQ(query({}, bound(2)), 0);

@@ -42,7 +42,7 @@ using Call = std::function<int()>;
 // ---- The commands sent, and the result of each reply: against a server with scripted answers ----
 
 // Does the line match? Three dots at the end stand for any text.
-bool is_as(const LogCapture::Line& expected, const LogCapture::Line& line) {
+bool matches(const LogCapture::Line& expected, const LogCapture::Line& line) {
   const std::string whole = "ruvo_redis::" + expected.text;
   return line.level == expected.level &&
          (whole.ends_with("...") ? line.text.starts_with(whole.substr(0, whole.size() - 3))
@@ -179,20 +179,22 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
     text = "old";
     EXPECT_EQ(one.call(), one.result) << one.line;
     const std::vector<LogCapture::Line> lines = log.take();
-    const auto told = [&lines](const std::string& part) {
+    const auto count_lines_with = [&lines](const std::string& part) {
       return std::count_if(lines.begin(), lines.end(), [&part](const LogCapture::Line& line) {
         return line.text.find(part) != std::string::npos;
       });
     };
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [&one](const LogCapture::Line& line) { return is_as(one.line, line); }),
-              1)
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(),
+                      [&one](const LogCapture::Line& line) { return matches(one.line, line); }),
+        1)
         << one.line;
-    EXPECT_EQ(told("list_trim | success"),
+    EXPECT_EQ(count_lines_with("list_trim | success"),
               one.sent[1] == 'T' && one.reply.starts_with("+O") && one.reply != "+Odd");
-    EXPECT_EQ(told("not exist"), one.line.text.find("not exist") != std::string::npos) << one.line;
+    EXPECT_EQ(count_lines_with("not exist"), one.line.text.find("not exist") != std::string::npos)
+        << one.line;
     if (one.reply[0] == '-') {
-      EXPECT_EQ(told("succe"), 0) << one.line;
+      EXPECT_EQ(count_lines_with("succe"), 0) << one.line;
     }
     const std::scoped_lock lock(mutex);
     EXPECT_EQ(sent, one.sent);
@@ -268,9 +270,10 @@ TEST(Operations, RefuseNullPointersAndTooLongArguments) {
     for (const auto& one : cases) {
       const int refused = one.text == too_long ? RUVO_ERR_FAILED : RUVO_ERR_NULL_ARGUMENT;
       EXPECT_EQ(one.call(), initialised ? refused : RUVO_ERR_NOT_INITIALIZED);
-      const std::string told = initialised ? one.text : "redis is not initialized";
-      EXPECT_EQ(log.take(),
-                (std::vector<LogCapture::Line>{{ERROR, "ruvo_redis::" + one.name + " | " + told}}));
+      const std::string expected = initialised ? one.text : "redis is not initialized";
+      EXPECT_EQ(
+          log.take(),
+          (std::vector<LogCapture::Line>{{ERROR, "ruvo_redis::" + one.name + " | " + expected}}));
     }
     for (const Operation& one : operations) {
       if (one.unready() == RUVO_ERR_NOT_INITIALIZED) {  // a raw command uses the key as a format

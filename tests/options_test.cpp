@@ -76,7 +76,7 @@ TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
   // clang-format off
   const struct { ScriptedServer::Script script; bool on; std::vector<int> failures; const char* command = "GET k"; } cases[] = {
       {hang, true, {0, 1, 2, 2}},
-      {close_it, true, {0, 1, 2, 2}},  // it takes every new connection
+      {close_it, true, {0, 1, 2, 2}},  // accepts every new connection
       {close_it, false, {1, 0, 0}}, {later(close_it, answer), true, {1, 0}},
       {answer, true, {0, 0}, "GET %z"},  // a template that hiredis refuses is no server's failure
   };
@@ -89,7 +89,8 @@ TEST_F(Options, EjectSilentServersCountsVisitsWithoutAReplyUntilOneComes) {
     server(0).failure_count_ = one.failures[0];
     for (std::size_t i = 1; i < one.failures.size(); ++i) {
       const int ret = one.command == std::string("GET k") ? RUVO_ERR_NOT_FOUND : RUVO_ERR_FAILED;
-      EXPECT_EQ(get(one.command) + get(one.command), 2 * ret);  // the second: the good one's turn
+      // The second call goes to the good server by round-robin.
+      EXPECT_EQ(get(one.command) + get(one.command), 2 * ret);
       EXPECT_EQ(failures(0), one.failures[i]);
     }
     EXPECT_EQ(log_.count_containing("invalid, failure count:2") > 0, one.failures.back() == 2);
@@ -126,7 +127,7 @@ TEST_F(Options, EjectSilentServersCountsEachCallThatEndsWhileTheServerIsSilent) 
   }
 }
 
-// A refusal says that the command has not run. When it is sent again, that no longer holds.
+// A refusal says that the command has not run. After a second send without a reply it may have run.
 TEST_F(Options, SendOnceHoldsWhatIsSentAgainAfterARefusal) {
   const auto refuse = [](Peer& peer) { peer.answer_all("-READONLY no\r\n"); };
   const auto log_in_and_refuse = [&](Peer& peer) {
@@ -147,7 +148,7 @@ TEST_F(Options, SendOnceHoldsWhatIsSentAgainAfterARefusal) {
     EXPECT_FALSE(get_raw("INCR k")) << pipelining;
     EXPECT_EQ(commands, 0);
     EXPECT_EQ(log_.count_containing("not sent again: it may have run"), 1);
-    // It leaves no more if there is no new connection: the other server gets it.
+    // Without a new connection there is no second send, so the other server gets the command.
     const ScriptedServer shuts(later(log_in_and_refuse, close_it));
     start(options + "send_once = true", shuts.addr() + "," + other.addr(), passwords);
     EXPECT_TRUE(get_raw("INCR k")) << pipelining;

@@ -303,7 +303,7 @@ TEST_F(Pipeline, TakesAFreeConnectionFirst) {
   start(server.addr(), "socket_timeout = 10000", 2);
   call("held");
   EXPECT_EQ(get("a"), RUVO_OK);
-  EXPECT_EQ(get("b"), RUVO_OK);  // the round-robin's next is the held one
+  EXPECT_EQ(get("b"), RUVO_OK);  // the next one by round-robin is in use
   gate.open();
   join();
 }

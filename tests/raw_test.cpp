@@ -73,7 +73,8 @@ TEST_F(Raw, FailsOverToThePoolOfTheNextNumber) {
   EXPECT_EQ(log_.count_containing("ruvo_redis::exec_redis_cmd | key:temp, null reply and reset"),
             2);
   EXPECT_EQ(ping(eTempServer), "temp");
-  // The second server of the persistent pool closes; position 1 leads to that pool, to its turn 2.
+  // The second server of the persistent pool closes. Position 1 leads to that pool, where
+  // round-robin chooses the first server.
   EXPECT_EQ(ping(ePersistServer), "persist");
   EXPECT_EQ(pool_in(client_, ePersonalityServer).servers_[1].failure_count_, 1);
 }
@@ -93,10 +94,10 @@ TEST_F(Raw, MakesTwoVisitsForEachServerOfThePoolsAtMost) {
 TEST_F(Raw, LogsAPoolWithoutAServerAtTheStart) {
   const ScriptedServer good{std::string("+good\r\n")};
   start(pools_at(down_.addr(), good.addr(), ""), "p_server_failure_limit = 1");
-  for (const int told : {0, 1}) {  // the first call ejects the only server
+  for (const int error_lines : {0, 1}) {  // the first call ejects the only server
     log_.clear();
     EXPECT_EQ(ping(eTempServer), "null");
-    EXPECT_EQ(log_.count(ERROR, "temp"), told);
+    EXPECT_EQ(log_.count(ERROR, "temp"), error_lines);
   }
 }
 

@@ -31,7 +31,7 @@ class Routing : public testing::Test {
     log_.clear();
   }
   // The positions of the next servers by round-robin; -1 if there is none.
-  positions turns(int count, int svc_index = -1, RedisServerType type = eTempServer) {
+  positions next_positions(int count, int svc_index = -1, RedisServerType type = eTempServer) {
     positions found;
     while (count-- > 0) {
       const server_node* server = client_.get_server_node(type, svc_index);
@@ -50,18 +50,18 @@ class Routing : public testing::Test {
 
 TEST_F(Routing, UsesServersRoundRobinOrFromAPosition) {
   start("p_connect_num = 7");
-  EXPECT_EQ(turns(2, 0), (positions{0, 0}));  // positions given do not move the counter
-  EXPECT_EQ(turns(1, 3), positions{0});
-  EXPECT_EQ(turns(1, 4), positions{1});
-  EXPECT_EQ(turns(2, -1, ePersistServer), (positions{0, 1}));
+  EXPECT_EQ(next_positions(2, 0), (positions{0, 0}));  // positions given do not move the counter
+  EXPECT_EQ(next_positions(1, 3), positions{0});
+  EXPECT_EQ(next_positions(1, 4), positions{1});
+  EXPECT_EQ(next_positions(2, -1, ePersistServer), (positions{0, 1}));
   server_node& node = server(2, ePersonalityServer);
   for (const int turn : {0, 1}) {
     for (int i = turn; i <= 10001; ++i) {
-      ASSERT_EQ(turns(1)[0], i % 3) << i;
+      ASSERT_EQ(next_positions(1)[0], i % 3) << i;
       ASSERT_EQ(client_.get_conn(node, ePersonalityServer),
                 &node.context_arr_.at(static_cast<std::size_t>(i) % 7));
     }
-    EXPECT_EQ(turns(1)[0], 0);  // then from the start again
+    EXPECT_EQ(next_positions(1)[0], 0);  // then from the start again
     EXPECT_EQ(client_.get_conn(node, eTempServer), node.context_arr_.data());
   }
   EXPECT_GT(log_.count(BaseLib::Logger::DEBUG, "ruvo_redis::get_conn | connection index: 6/7"), 0);
@@ -74,19 +74,19 @@ TEST_F(Routing, EjectsAtTheLimitAndRetriesWhenTheTimeHasCome) {
                               " invalid, failure count:3, retry after ";
   client_.update_server_failed(&server(1), eTempServer);
   client_.update_server_failed(&server(1), eTempServer);
-  EXPECT_EQ(turns(1, 1), positions{1});
+  EXPECT_EQ(next_positions(1, 1), positions{1});
   now += 10;
   client_.update_server_failed(&server(1), eTempServer);
-  EXPECT_EQ(turns(1, 1), positions{2});
+  EXPECT_EQ(next_positions(1, 1), positions{2});
   now += 29;  // the retry time counts from the latest failure
-  EXPECT_EQ(turns(1, 1), positions{2});
+  EXPECT_EQ(next_positions(1, 1), positions{2});
   EXPECT_EQ(log_.count(WARN, invalid + "30 seconds"), 1);
   EXPECT_EQ(log_.count(WARN, invalid + "1 seconds"), 1);
   EXPECT_EQ(log_.count_containing("ruvo_redis::get_redis_node | addr:127.0.0.1" + port), 3);
   EXPECT_EQ(log_.count_containing("get_server_node | try next server:127.0.0.1,port:"), 2);
   EXPECT_EQ(log_.count_containing("server, ip:127.0.0.1" + port + " failure count:2"), 1);
   now += 1;
-  EXPECT_EQ(turns(2, 1), (positions{1, 1}));
+  EXPECT_EQ(next_positions(2, 1), (positions{1, 1}));
   EXPECT_EQ(log_.count(
                 WARN, "ruvo_redis::is_server_valid | server, ip:127.0.0.1" + port + " start retry"),
             1);
@@ -96,18 +96,19 @@ TEST_F(Routing, EjectsAtTheLimitAndRetriesWhenTheTimeHasCome) {
 }
 
 TEST_F(Routing, GivesUpWhenAllServersAreEjectedOrThereIsNone) {
-  EXPECT_EQ(turns(2, -1), (positions{-1, -1}));
+  EXPECT_EQ(next_positions(2, -1), (positions{-1, -1}));
   start("p_server_failure_limit = 1");
   for (server_node& node : pool_in(client_).servers_) {
     client_.update_server_failed(&node, eTempServer);
   }
-  EXPECT_EQ(turns(1), positions{-1});
+  EXPECT_EQ(next_positions(1), positions{-1});
   EXPECT_EQ(log_.count_containing("ruvo_redis::is_server_valid | server,ip:"), 3);
   EXPECT_EQ(log_.count(BaseLib::Logger::INFO, "ruvo_redis::get_server_node | all servers invalid"),
             1);
-  EXPECT_EQ(turns(1, -1, ePersistServer), positions{0});  // each pool has servers of its own
+  // Each pool has servers of its own.
+  EXPECT_EQ(next_positions(1, -1, ePersistServer), positions{0});
   client_.update_server_ok(&server(2));
-  EXPECT_EQ(turns(1), positions{2});
+  EXPECT_EQ(next_positions(1), positions{2});
 }
 
 TEST_F(Routing, LimitsOfEjection) {
@@ -139,14 +140,15 @@ TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
     passwords += words.at(1) + " ";
     return "+OK\r\n";
   });
-  // Good while the three pools are built; later one refuses, one closes, one is down.
+  // The servers are good while the three pools are built; later one refuses, one closes, one is
+  // down.
   const ScriptedServer refuses([](Peer& peer) {
     peer.answer_all(peer.number() < 3 ? "+OK\r\n" : "-ERR invalid password\r\n");
   });
-  const ScriptedServer goes(
+  const ScriptedServer closes_later(
       [](Peer& peer) { peer.number() < 3 ? peer.answer_all("+OK\r\n") : void(); });
   start("p_password = temporary\nt_password = persistent",
-        accepts.addr() + "," + refuses.addr() + "," + goes.addr() + "," + down_.addr());
+        accepts.addr() + "," + refuses.addr() + "," + closes_later.addr() + "," + down_.addr());
   server_node& good = server(0, ePersonalityServer);
   const int descriptors = open_descriptors();
   for (int i = 0; i < 31; ++i) {

@@ -99,8 +99,8 @@ class InCpp : public testing::Test {
 TEST_F(InCpp, EveryCallReadsWhatRedisSays) {
   using Key = std::string_view;
   // clang-format off
-  using Story = std::vector<std::pair<std::string, std::string>>;  // printed, and expected
-  const auto tell = [](Key key) { return Story{
+  using Outputs = std::vector<std::pair<std::string, std::string>>;  // printed, and expected
+  const auto outputs_of = [](Key key) { return Outputs{
       {show(pool.get(key)), "absent 10402"}, {show(pool.set(key, "a\0b"sv)), "done"},
       {show(pool.get(key)), "a\0b"s}, {show(pool.append(key, "\0"sv)), "done"},
       {show(pool.get(key)), "a\0b\0"s}, {show(pool.set(key, {})), "done"},
@@ -126,20 +126,20 @@ TEST_F(InCpp, EveryCallReadsWhatRedisSays) {
       {show(pool.smembers(key)), "absent -2"},
   };};
   // clang-format on
-  for (const auto& [said, expected] : tell("k")) {
-    EXPECT_EQ(said, "10111");
+  for (const auto& [printed, expected] : outputs_of("k")) {
+    EXPECT_EQ(printed, "10111");
   }
   start();
   for (const std::string& key : {"k"s, ""s, std::string(127, 'k'), std::string(128, 'k')}) {
     // More bytes follow, where the library would look for a zero byte.
     const std::string longer = key + "x";
-    for (const auto& [said, expected] : tell(Key(longer).substr(0, key.size()))) {
-      EXPECT_EQ(said, expected);
+    for (const auto& [printed, expected] : outputs_of(Key(longer).substr(0, key.size()))) {
+      EXPECT_EQ(printed, expected);
     }
   }
   EXPECT_EQ(redis_.ask("dbsize"), "0");
-  for (const auto& [said, expected] : tell("k\0"sv)) {
-    EXPECT_EQ(said, "10107");
+  for (const auto& [printed, expected] : outputs_of("k\0"sv)) {
+    EXPECT_EQ(printed, "10107");
   }
 }
 
@@ -158,7 +158,7 @@ TEST_F(InCpp, RefusalsSayWhy) {
   const std::vector<const char*> nulls{"k", none};
   const std::map<std::string, const char*> null_field{{"f", none}};
   // clang-format off
-  const std::vector<std::pair<std::string, std::string>> told{
+  const std::vector<std::pair<std::string, std::string>> messages{
       {why(pool.get(none)), null}, {why(pool.set("k", none)), null},
       {why(pool.set("k", none, ruvo::if_absent)), null}, {why(pool.append("k", none)), null},
       {why(pool.hset("k", none, "v")), null}, {why(pool.hset("k", "f", none)), null},
@@ -181,8 +181,8 @@ TEST_F(InCpp, RefusalsSayWhy) {
       {why(pool.command(ruvo::words())), "a command has no words, or more than 1024"},
   };
   // clang-format on
-  for (std::size_t i = 0; i < told.size(); ++i) {
-    EXPECT_EQ(told[i].first, told[i].second) << i;
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    EXPECT_EQ(messages[i].first, messages[i].second) << i;
   }
   for (const long long seconds : {LLONG_MIN, -1LL, 0LL, 1LL + INT_MAX, LLONG_MAX}) {
     EXPECT_EQ(why(pool.set("s", "v", unknown(seconds))), time) << seconds;
@@ -266,7 +266,7 @@ TEST_F(InCpp, AnswersHaveTheirTypes) {
   using stream = std::vector<std::pair<std::string, std::map<std::string, std::string>>>;
   const std::string flat = lua("{'a','1','b','2'}");
   // clang-format off
-  const std::vector<std::pair<std::string, std::string>> said{
+  const std::vector<std::pair<std::string, std::string>> answers{
       {show(pool.ask<void>("SET", "n", 41)), "done"}, {show(pool.ask<int>("GET", "n")), "41"},
       {show(pool.ask<bool>("SET", "t", "text")), "yes"}, {show(pool.ask<double>("INCRBYFLOAT", "n", 0.5)), "41.5"},
       {show(pool.ask<int>("GET", "n")), "-1"}, {show(pool.ask<double>("GET", "n")), "41.5"},
@@ -291,8 +291,8 @@ TEST_F(InCpp, AnswersHaveTheirTypes) {
       {show(pool.ask<std::vector<bool>>("SMISMEMBER", "none", "a")), "no"},
   };
   // clang-format on
-  for (std::size_t i = 0; i < said.size(); ++i) {
-    EXPECT_EQ(said[i].first, said[i].second) << i;
+  for (std::size_t i = 0; i < answers.size(); ++i) {
+    EXPECT_EQ(answers[i].first, answers[i].second) << i;
   }
 }
 

@@ -95,7 +95,7 @@ TEST_F(Startup, WritesItsStepsToLogAndConsole) {
   EXPECT_EQ(set.tv_sec * 1000 + set.tv_usec / 1000, 2500);
   client.fini();
   // clang-format off
-  const LogCapture::Line story[] = {
+  const LogCapture::Line expected_lines[] = {
       {INFO, "ruvo_worker::init | get timeout cfg, connect_timeout:100 (ms), socket_timeout:2500 (ms)"},
       {ERROR, "t_par_val: " + temp.addr() + "\n"}, {ERROR, "p_par_val: " + persist.addr() + "\n"},
       {INFO, "ruvo_redis::init | temp_server addr = " + temp.addr() + ", persist_server addr = " + persist.addr() + "."},
@@ -113,7 +113,7 @@ TEST_F(Startup, WritesItsStepsToLogAndConsole) {
       "ruvo_redis::init | persist init_server_pool ret = 0\n"
       "ruvo_redis::init | personality init_server_pool ret = 10109\nret_sum = 0\n";
   // clang-format on
-  for (const LogCapture::Line& line : story) {
+  for (const LogCapture::Line& line : expected_lines) {
     EXPECT_EQ(log_.count(line.level, line.text), 1) << line;
   }
   EXPECT_EQ(log_.count_containing("| server: conn_num:1, auto_eject:true, failure_limit:5, retry_"),

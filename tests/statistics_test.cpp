@@ -247,10 +247,10 @@ TEST_F(Statistics, ABadFileIsReported) {
   const FileCopy good(path_);
   const std::size_t pools = sizeof(ruvo_stats_header);
   const std::size_t servers = pools + 3 * sizeof(pool_stats);
-  const auto reaching = [](std::size_t base, std::size_t field) { return base + field; };
+  const auto field_offset = [](std::size_t base, std::size_t field) { return base + field; };
   const struct {
     FileCopy file;
-    const char* told;
+    const char* error_part;
   } cases[] = {
       {good.cut(0), "not a statistics file"},
       {good.with(0, 0), "not a statistics file"},
@@ -269,14 +269,14 @@ TEST_F(Statistics, ABadFileIsReported) {
       {good.with(offsetof(ruvo_stats_header, pool_count), 0xffffffff), "shorter than its header s"},
       {good.with(offsetof(ruvo_stats_header, server_count), 4), "shorter than its header says"},
       {good.cut(good.size() - 1), "shorter than its header says"},
-      {good.with(reaching(pools, offsetof(pool_stats, server_count)), 4), "damaged"},
-      {good.with(reaching(pools, offsetof(pool_stats, first_server)), 0xffffffff), "damaged"},
-      {good.with(reaching(servers, offsetof(server_stats, pool)), 3), "damaged"},
+      {good.with(field_offset(pools, offsetof(pool_stats, server_count)), 4), "damaged"},
+      {good.with(field_offset(pools, offsetof(pool_stats, first_server)), 0xffffffff), "damaged"},
+      {good.with(field_offset(servers, offsetof(server_stats, pool)), 3), "damaged"},
   };
   EXPECT_EQ(good.error(), "");
   for (const auto& one : cases) {
-    EXPECT_NE(one.file.error().find(one.told), std::string::npos)
-        << one.told << ": " << one.file.error();
+    EXPECT_NE(one.file.error().find(one.error_part), std::string::npos)
+        << one.error_part << ": " << one.file.error();
   }
   for (std::size_t length = 0; length < good.size(); length += 997) {
     EXPECT_NE(good.cut(length).check(), nullptr) << length;

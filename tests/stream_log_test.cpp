@@ -116,16 +116,16 @@ TEST_F(StreamLog, DropsALineThatLacksAPiece) {
 
 TEST_F(StreamLog, ACancelledThreadFinishesItsLineAndEndsThen) {
   lines.clear();
-  std::atomic<bool> went_on{false};
+  std::atomic<bool> has_continued{false};
   std::thread writer([&] {
     pthread_cancel(pthread_self());
     Logger("t.cpp", 1, Logger::INFO).stream() << "whole";
     pthread_testcancel();
-    went_on = true;
+    has_continued = true;
   });
   writer.join();
   EXPECT_EQ(lines.size(), 1U);
-  EXPECT_FALSE(went_on);
+  EXPECT_FALSE(has_continued);
 }
 
 // Hosts in C set the same threshold and the same output.
@@ -137,21 +137,21 @@ TEST_F(StreamLog, FromC) {
     EXPECT_EQ(stream_log_level(), level);
     EXPECT_EQ(static_cast<int>(Logger::logLevel()), level);
   }
-  static int told_level;
-  static std::string told;
+  static int last_level;
+  static std::string last_line;
   stream_log_set_output([](int level, const char* line, std::size_t length) {
-    told_level = level;
-    told.assign(line, length);
+    last_level = level;
+    last_line.assign(line, length);
   });
   Logger("c.c", 1, Logger::WARN).stream() << "to C";
-  EXPECT_EQ(told_level, STREAM_LOG_WARN);
-  EXPECT_TRUE(told.ends_with(" c.c:1 to C\n"));
-  told.clear();
+  EXPECT_EQ(last_level, STREAM_LOG_WARN);
+  EXPECT_TRUE(last_line.ends_with(" c.c:1 to C\n"));
+  last_line.clear();
   stream_log_set_output(nullptr);
   testing::internal::CaptureStderr();
   Logger("c.c", 2, Logger::WARN).stream() << "not to C";
   EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(" c.c:2 not to C\n"));
-  EXPECT_EQ(told, "");
+  EXPECT_EQ(last_line, "");
 }
 
 TEST(StreamLogDefault, WritesToStandardError) {

@@ -111,7 +111,7 @@ TEST_F(Walk, FailsOverAfterASecondSendWithoutAReply) {
   const ScriptedServer good{std::string("+OK\r\n")};
   start(closes.addr() + "," + good.addr());
   EXPECT_EQ(get("k"), 0);
-  EXPECT_EQ(get("k"), 0);                  // the good server's turn
+  EXPECT_EQ(get("k"), 0);                  // round-robin chooses the good server
   EXPECT_EQ(closes.connections(), 3 + 1);  // one for each pool, and one rebuild
   EXPECT_EQ(server(0).failure_count_, 0);  // the rebuild has worked
   EXPECT_EQ(log_.count_containing("ruvo_redis::reset_connection | reset connection"), 1);

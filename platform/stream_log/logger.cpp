@@ -106,7 +106,7 @@ Logger::~Logger() {
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   try {
     // A stream is bad if memory ran out for a piece of the line: a line that lacks a piece would
-    // mislead, so none is written. A piece that could not be formatted is left to the host.
+    // mislead, so none is written. A piece that the host could not format does not drop the line.
     if (!stream_.bad()) {
       stream_.clear();
     }
@@ -150,7 +150,7 @@ void stream_log_set_level(int level) {
   BaseLib::Logger::setLogLevel(static_cast<BaseLib::Logger::LogLevel>(known));
 }
 
-// A thread that is in the middle of a line may still pass it to the output before this one.
+// A thread that is in the middle of a line may still pass it to the previous output.
 void stream_log_set_output(void (*output)(int level, const char* line, size_t length)) {
   if (output != nullptr) {
     c_output.store(output, std::memory_order_release);

@@ -16,8 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (std::memchr(text.data(), '\0', text.size()) == nullptr) {
     std::abort();
   }
-  // Only these conversions, none of which takes a number from a floating-point register, and no
-  // more of them than there are zeros below. printf ends a text at a zero that "%c" prints.
+  // Matches keys whose conversions read only the zeros below: no floating-point numbers, and no
+  // more conversions than zeros. "%c" is missing, since printf would end the text at its zero.
   static const std::regex plain(
       "([^%]|%(%|[-+ "
       "#0]{0,3}[0-9]{0,3}([.][0-9]{0,3})?(hh|h|ll|l|j|z|t)?[diouxXp]|[0-9]{0,2}s)){0,12}");

@@ -235,12 +235,14 @@ peer& peer_of(const redisContext& context) {
   return now_in().peers.at(static_cast<std::size_t>(context.fd));
 }
 
-class use {
+class exclusive_use {
  public:
-  use(bool& flag, const char* what) : flag_(flag) { check(!std::exchange(flag, true), what); }
-  ~use() { flag_ = false; }
-  use(const use&) = delete;
-  use& operator=(const use&) = delete;
+  exclusive_use(bool& flag, const char* what) : flag_(flag) {
+    check(!std::exchange(flag, true), what);
+  }
+  ~exclusive_use() { flag_ = false; }
+  exclusive_use(const exclusive_use&) = delete;
+  exclusive_use& operator=(const exclusive_use&) = delete;
 
  private:
   bool& flag_;
@@ -326,7 +328,7 @@ int model_shutdown(int number, int) {
 
 ssize_t send_some(const redisContext& context, std::span<iovec> bytes) {
   peer& peer = used_peer(context);
-  const use writes(peer.is_written, "two threads write");
+  const exclusive_use writes(peer.is_written, "two threads write");
   model::step();
   if (peer.is_closed || breaks(peer)) {
     errno = EPIPE;
@@ -369,7 +371,7 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
 wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
                       time_point until) {
   peer& peer = used_peer(context);
-  const use reads(peer.is_read, "two threads read");
+  const exclusive_use reads(peer.is_read, "two threads read");
   model::step();
   if (socket_timeout.count() > 0) {
     until = std::min(until, std::chrono::steady_clock::now() + socket_timeout);

@@ -18,7 +18,9 @@ class Tool {
   std::string command(const std::string& arguments) const {
     return std::string(RUVO_CLI) + " --config " + config_.path() + " " + arguments;
   }
-  Ended run(const std::string& arguments) const { return shell(command(arguments) + " 2>&1"); }
+  ProgramResult run(const std::string& arguments) const {
+    return shell(command(arguments) + " 2>&1");
+  }
   std::string path() const { return config_.path(); }
 
  private:
@@ -26,11 +28,11 @@ class Tool {
 };
 
 // Runs the tool and checks its status and parts of its output.
-inline void expect_told(const Tool& tool, const std::string& arguments, int status,
-                        const std::vector<std::string>& told) {
-  const Ended run = tool.run(arguments);
+inline void expect_output(const Tool& tool, const std::string& arguments, int status,
+                          const std::vector<std::string>& parts) {
+  const ProgramResult run = tool.run(arguments);
   EXPECT_EQ(run.status, status) << arguments << "\n" << run.output;
-  for (const std::string& part : told) {
+  for (const std::string& part : parts) {
     EXPECT_NE(run.output.find(part), std::string::npos) << arguments << ": " << part << "\n"
                                                         << run.output;
   }

@@ -34,10 +34,10 @@ bool fails() {
 }
 
 // While it exists, no allocation fails.
-struct Spared {
+struct NoFailure {
   int failing = failing_allocation;
-  Spared() { failing_allocation = -1; }
-  ~Spared() { failing_allocation = failing; }
+  NoFailure() { failing_allocation = -1; }
+  ~NoFailure() { failing_allocation = failing; }
 };
 
 }  // namespace
@@ -65,15 +65,15 @@ void free(void* memory) {
 // these are replaced by ones that do not fail.
 #pragma GCC visibility push(default)
 void* hi_malloc(std::size_t size) {
-  const Spared spared;
+  const NoFailure no_failure;
   return malloc(size);
 }
 char* hi_strdup(const char* text) {
-  const Spared spared;
+  const NoFailure no_failure;
   return strdup(text);
 }
 char* sdsempty() {
-  const Spared spared;
+  const NoFailure no_failure;
   return sdsnewlen("", 0);
 }
 #pragma GCC visibility pop

@@ -8,12 +8,12 @@
 #include <cstdio>
 #include <string>
 
-struct Ended {
+struct ProgramResult {
   int status;
   std::string output;  // standard output, followed by standard error if requested
 };
 
-inline Ended shell(const std::string& command) {
+inline ProgramResult shell(const std::string& command) {
   // NOLINTNEXTLINE(cert-env33-c): the commands of the tests
   FILE* pipe = popen(command.c_str(), "re");
   std::string output;

@@ -21,7 +21,7 @@ milliseconds between(std::mt19937_64& plan, int shortest, int longest) {
 
 bool is_of_all_servers(Fault fault) { return fault == away || fault == long_away; }
 
-// So that a long run holds no more memory than a short one. No call lasts as long.
+// No call lasts longer: without these outages a long run needs no more memory than a short one.
 bool is_forgotten(const Outage& past) { return past.to < Clock::now() - std::chrono::minutes(5); }
 
 double seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }

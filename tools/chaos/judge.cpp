@@ -23,7 +23,7 @@ namespace {
 
 constexpr int visits_per_server = 2;
 
-void raise_to(std::atomic<Clock::rep>& highest, Clock::rep value) {
+void store_maximum(std::atomic<Clock::rep>& highest, Clock::rep value) {
   for (Clock::rep known = highest; known < value && !highest.compare_exchange_weak(known, value);) {
   }
 }
@@ -56,9 +56,9 @@ double Judge::seconds(Ticks time) {
   return std::chrono::duration<double>(Clock::duration(time)).count();
 }
 
-Judge::Caller& Judge::me() {
-  thread_local const std::size_t mine = next_thread_++;
-  return callers_.at(mine % callers_.size());
+Judge::Caller& Judge::own_caller() {
+  thread_local const std::size_t number = next_thread_++;
+  return callers_.at(number % callers_.size());
 }
 
 bool Judge::is_bound_to_pool(const Call& call) const {
@@ -116,19 +116,19 @@ bool Judge::has_call_from_before(Clock::time_point time) const {
 
 void Judge::call_begins(const Call& call) {
   begin_walk();
-  Caller& caller = me();
+  Caller& caller = own_caller();
   caller.served_last = served_.at(index_of(call.pool));
   caller.begin = Clock::now().time_since_epoch().count();
 }
 
 void Judge::call_ended(const Call& call, int result) {
-  const Ticks begun = me().begin.exchange(0);
+  const Ticks begun = own_caller().begin.exchange(0);
   const Clock::time_point from{Clock::duration(begun)};
   const Clock::time_point to = Clock::now();
   end_walk();
   const Walk& walk = current_walk();
   const Ticks taken = (to - from).count();
-  raise_to(call.family == raw ? longest_raw_ : longest_typed_, taken);
+  store_maximum(call.family == raw ? longest_raw_ : longest_typed_, taken);
   if (to - from > bound(call)) {
     ++too_long_;
     print("TOO LONG", call, seconds(taken), walk);
@@ -169,13 +169,13 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
   }
   // A connection that broke in a fault may not have been used since: its threads waited in other
   // pools.
-  const milliseconds aftermath(settings.options.call_timeout);
+  const milliseconds max_time_unused(settings.options.call_timeout);
   if (walk.may_have_run && std::any_of(servers.begin(), servers.end(), [&](const auto& server) {
-        return faults_.touches(server->addr(), from - aftermath, to);
+        return faults_.touches(server->addr(), from - max_time_unused, to);
       })) {
     return may_have_run;
   }
-  if (is_bound_to_pool(call) && settings.spares_calls()) {
+  if (is_bound_to_pool(call) && settings.one_server_suffices()) {
     return unexplained;  // no call may fail
   }
   const bool tried_faulty_ones_only =
@@ -188,7 +188,7 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
     return out_of_time;
   }
   if (!is_bound_to_pool(call) && walk.failed_over()) {
-    return raw_came_round;
+    return raw_back_at_start;
   }
   const auto is_in = [](const std::vector<std::string>& list, const std::string& server) {
     return std::find(list.begin(), list.end(), server) != list.end();
@@ -213,7 +213,8 @@ Failure Judge::explain(const Call& call, const Walk& walk, Clock::time_point fro
 // servers, a shorter outage fails no call.
 std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
-  const std::optional<Outage> outage = faults_.outage_before(call.pool, to, me().served_last);
+  const std::optional<Outage> outage =
+      faults_.outage_before(call.pool, to, own_caller().served_last);
   return outage && std::min(outage->to, to) - outage->from >= deadline / 2 ? outage : std::nullopt;
 }
 
@@ -221,7 +222,7 @@ std::optional<Outage> Judge::long_outage(const Call& call, Clock::time_point to)
 void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_point to) {
   const std::optional<Outage> outage = long_outage(call, to);
   if (outage && from <= outage->to &&
-      std::exchange(me().waited_in.at(index_of(call.pool)), outage->from) == outage->from) {
+      std::exchange(own_caller().waited_in.at(index_of(call.pool)), outage->from) == outage->from) {
     ++waited_again_;
     print("WAITED AGAIN IN THE SAME OUTAGE", call, seconds((to - from).count()), current_walk());
   }
@@ -231,11 +232,11 @@ void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_poi
 // servers when a thread comes to that pool, and that thread may have waited in the other pools.
 bool Judge::may_fail_in_outage(const Call& call, Clock::time_point from, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
-  const Clock::duration to_find_back =
+  const Clock::duration recovery_time =
       static_cast<int>(pool_count - 1) * deadline + longest_probe_pause + scheduling_tolerance;
   const std::optional<Outage> outage = long_outage(call, to);
   return outage && (from <= outage->to ||
-                    (me().served_last <= outage->to && from - outage->to <= to_find_back));
+                    (own_caller().served_last <= outage->to && from - outage->to <= recovery_time));
 }
 
 bool Judge::may_be_out_of_step(const Call& call, Clock::time_point begin) const {

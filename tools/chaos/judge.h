@@ -30,7 +30,7 @@ enum Failure {
   // A raw command that may leave its pool fails over to the pool whose number is the position of
   // the failed server, counted from 1. It gives up when it meets a server at the position where it
   // began, though another may be up.
-  raw_came_round,
+  raw_back_at_start,
   // The time that a call may take had passed.
   out_of_time,
   // With send_once: the connection broke in a fault, and the command may have run.
@@ -80,7 +80,7 @@ class Judge : public CallObserver {
   };
 
   static double seconds(Ticks time);
-  Caller& me();
+  Caller& own_caller();
   int sharers() const;
   bool is_bound_to_pool(const Call& call) const;
   Failure explain(const Call& call, const Walk& walk, Clock::time_point from, Clock::time_point to);

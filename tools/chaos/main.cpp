@@ -15,12 +15,12 @@
 namespace {
 
 constexpr std::chrono::seconds warm_up(1);
-constexpr std::chrono::seconds calm(1);
+constexpr std::chrono::seconds quiet_period(1);
 constexpr std::chrono::seconds progress_interval(5);
 constexpr std::chrono::seconds short_progress_interval(1);  // if faults print no lines
 constexpr std::chrono::milliseconds longest_sleep(100);
 // How often the library may send a command: twice in each of two visits to each of two servers.
-constexpr int most_runs = 8;
+constexpr int max_runs = 8;
 
 constexpr const char* description =
     R"(Runs a host while its servers fail, and checks every call: threads use all families of operations
@@ -71,7 +71,7 @@ class Host {
           }
         }
         for (Worker& worker : workers) {
-          worker.balance();
+          worker.check_stored_count();
         }
       });
     }
@@ -134,7 +134,7 @@ void run_driver(const Options& options, Driver& driver, const Judge& judge, cons
 }
 
 // Waits until the calls that began in a fault have ended and every ejected server has been retried.
-void settle(const Site& site, const Judge& judge) {
+void wait_for_recovery(const Site& site, const Judge& judge) {
   const Clock::time_point cleared = Clock::now();
   const Clock::time_point last =
       cleared + std::chrono::seconds(site.settings.retry_timeout_s) + judge.bound({raw, "", 1});
@@ -286,11 +286,11 @@ int run_chaos(const Options& options, Site& site) {
   const Resources before = resources_in_use(site);
   Totals totals;
   totals.outage_expected = true;
-  totals.most_runs = site.settings.options.send_once ? 1 : most_runs;
+  totals.max_runs = site.settings.options.send_once ? 1 : max_runs;
   Judge judge(site, faults, options.threads);
   Driver driver(site, options.seed, faults_of(options, site.settings), faults,
                 [&](Clock::time_point time) {
-                  return site.settings.spares_calls() && judge.has_call_from_before(time);
+                  return site.settings.one_server_suffices() && judge.has_call_from_before(time);
                 });
   std::int64_t failed_late = 0;
   std::int64_t done_late = 0;
@@ -298,10 +298,10 @@ int run_chaos(const Options& options, Site& site) {
     const auto library = start_library(options, site, faults);
     const Host host(options.threads, totals, judge);
     run_driver(options, driver, judge, totals);
-    settle(site, judge);
+    wait_for_recovery(site, judge);
     failed_late = totals.failed;
     done_late = totals.all_operations();
-    wait_until(Clock::now() + calm, judge);
+    wait_until(Clock::now() + quiet_period, judge);
     failed_late = totals.failed - failed_late;
     done_late = totals.all_operations() - done_late;
   }

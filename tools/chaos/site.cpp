@@ -109,7 +109,7 @@ class CommandTarget : public Target {
   std::string command_;
 };
 
-constexpr int most_lines = 1000000;  // of a kind in a second: more than are ever written
+constexpr int max_lines = 1000000;  // of a kind in a second: more than are ever written
 // Long enough for a visit to a server that hangs, and for a second one.
 constexpr int socket_timeouts_of_call = 5;
 
@@ -119,7 +119,7 @@ std::string common_settings(const OwnSettings& settings) {
         << "\nsocket_timeout = " << settings.socket_timeout_ms << '\n';
   if (!settings.plain) {
     lines << "recommended_defaults = true\ncall_timeout = "
-          << socket_timeouts_of_call * settings.socket_timeout_ms << "\nlog_limit = " << most_lines
+          << socket_timeouts_of_call * settings.socket_timeout_ms << "\nlog_limit = " << max_lines
           << '\n';
   }
   if (settings.send_once) {
@@ -199,8 +199,8 @@ Site configured_site(const std::string& config, const std::string& command) {
       settings.connections < 1) {
     throw std::runtime_error("connect_timeout, socket_timeout and p_connect_num must be above 0");
   }
-  if (settings.options.log_limit > 0 && settings.options.log_limit < most_lines) {
-    throw std::runtime_error("log_limit must be 0 or at least " + std::to_string(most_lines) +
+  if (settings.options.log_limit > 0 && settings.options.log_limit < max_lines) {
+    throw std::runtime_error("log_limit must be 0 or at least " + std::to_string(max_lines) +
                              ": ruvo_chaos reads every line");
   }
   for (std::size_t pool = 0; pool < pool_count; ++pool) {

@@ -26,7 +26,7 @@ struct Settings {
 
   // Does a call succeed whenever one server of its pool is up? Only if calls wait for servers: one
   // call at a time probes an ejected server, and until it is done the other calls have no server.
-  bool spares_calls() const {
+  bool one_server_suffices() const {
     return options.eject_silent_servers && options.try_ejected_servers && options.wait_for_servers;
   }
 };

@@ -1,5 +1,5 @@
-// What the library's log says about walks over servers: the current call of a thread, and the
-// ejections by all. Servers are named "ip:port".
+// What the library's log says about walks over servers: the current walk of a thread, and the
+// ejections by all threads. Servers are named "ip:port".
 #ifndef RUVO_TOOLS_CHAOS_WALK_LOG_H
 #define RUVO_TOOLS_CHAOS_WALK_LOG_H
 
@@ -24,7 +24,7 @@ struct ServerEvents {
   long failed_rebuilds = 0;  // those that could not be rebuilt
   long ejections = 0;
   long retries = 0;
-  long ended_by_rebuild = 0;      // a visit in progress rebuilt a connection to the server
+  long ended_by_rebuild = 0;  // ejections that ended since a visit in progress rebuilt a connection
   std::set<std::string> ejected;  // now
 };
 

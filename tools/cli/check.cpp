@@ -123,14 +123,14 @@ std::string findings_text(const StartupReport& report, const std::vector<Finding
   return text;
 }
 
-std::string told_text(const StartupReport& report) {
-  std::string told = report.told.empty() ? "" : join(report.told, "\n") + "\n";
+std::string errors_text(const StartupReport& report) {
+  std::string errors = report.errors.empty() ? "" : join(report.errors, "\n") + "\n";
   for (const PoolReport& pool : report.pools) {
-    for (const std::string& text : pool.told) {
-      told += pool.name + ": " + text + "\n";
+    for (const std::string& text : pool.errors) {
+      errors += pool.name + ": " + text + "\n";
     }
   }
-  return told;
+  return errors;
 }
 
 std::string advice_text(const std::vector<Advice>& advice) {
@@ -175,8 +175,8 @@ std::string report_text(const Options& options, const StartupReport& report,
   if (const std::vector<Advice> advice = advise(report); !advice.empty()) {
     text << "\nworth setting:\n" << advice_text(advice);
   }
-  if (const std::string told = told_text(report); !told.empty()) {
-    text << "\nthe library says:\n" << told;
+  if (const std::string errors = errors_text(report); !errors.empty()) {
+    text << "\nthe library says:\n" << errors;
   }
   return text.str();
 }
@@ -210,7 +210,7 @@ json report_json(const Options& options, const StartupReport& report,
                      {"failure_limit", pool.failure_limit},
                      {"retry_timeout_s", pool.retry_seconds},
                      {"servers", servers},
-                     {"told", pool.told}});
+                     {"told", pool.errors}});
   }
   json all{{"configuration", options.config},
            {"redis_configuration", report.redis_config},
@@ -218,7 +218,7 @@ json report_json(const Options& options, const StartupReport& report,
            {"advice", advice},
            {"result", result},
            {"text", start_text(result)},
-           {"told", report.told},
+           {"told", report.errors},
            {"pools", pools}};
   for (const setting& key : all_settings()) {
     const auto add = [&](const auto& value) {

@@ -28,7 +28,7 @@ bool is_read = true;  // somebody reads the output
 
 }  // namespace
 
-void hold_standard_streams() {
+void open_standard_streams() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) == -1) {
       // The new descriptor gets the lowest number, which is this one. It is opened in the opposite

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-// Opens closed standard streams, so that no connection gets one of their numbers and the data meant
-// for them. To be called before anything else is opened.
-void hold_standard_streams();
+// Opens closed standard streams, so that no connection gets the number of one, and with it the data
+// meant for that stream. Call it before anything else is opened.
+void open_standard_streams();
 
 // From now on standard output belongs to the tool.
 void take_output();

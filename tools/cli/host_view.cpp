@@ -12,7 +12,7 @@ HostView::HostView(std::string path, std::string pool)
   seconds_ = covered_seconds(*now_);
 }
 
-void HostView::look_again() {
+void HostView::read_again() {
   const std::optional<Statistics> before = std::exchange(now_, std::nullopt);
   try {
     now_ = read_statistics(path_);

@@ -14,7 +14,7 @@ class HostView {
   HostView(std::string path, std::string pool);
 
   // Reads the file again. A host that restarts may have no file for a moment, and no view then.
-  void look_again();
+  void read_again();
 
   // For a server, "address:port". Rates are those since the previous reading.
   std::string text_of(const std::string& server) const;

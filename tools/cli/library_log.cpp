@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr LogLevel quiet_level = BaseLib::Logger::WARN;  // held if no level is asked for
-constexpr std::size_t most_kept_lines = 20;
+constexpr LogLevel quiet_level = BaseLib::Logger::WARN;  // kept if no level is asked for
+constexpr std::size_t max_kept_lines = 20;
 
 // All guarded by `mutex`.
 std::mutex mutex;
@@ -52,9 +52,9 @@ void take_line(LogLevel level, const char* text, std::size_t length) {
         sink.write(line.data(), line.size()) == static_cast<int>(line.size()) && sink.flush() == 0;
   } else if (is_shown()) {
     static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
-  } else if (tells_of_trouble(event)) {
+  } else if (reports_fault(event)) {
     kept_lines.push_back(line);
-    if (kept_lines.size() > most_kept_lines) {
+    if (kept_lines.size() > max_kept_lines) {
       kept_lines.erase(kept_lines.begin());
     }
   }

@@ -1,4 +1,4 @@
-// The library's log in the tool: shown, written to a file, or held until something fails. Only the
+// The library's log in the tool: shown, written to a file, or kept until something fails. Only the
 // log says what the library did, so commands can listen to it, too.
 #ifndef RUVO_TOOLS_CLI_LIBRARY_LOG_H
 #define RUVO_TOOLS_CLI_LIBRARY_LOG_H
@@ -28,7 +28,7 @@ void open_log(const LogOptions& wanted);
 // Throws Failure if the file has not taken every line.
 void require_log_written();
 
-// Shows the held lines on standard error: the latest warnings and errors.
+// Shows the kept lines on standard error: the latest warnings and errors.
 void show_kept_lines();
 
 // Receives lines from `level` on while it exists; one at a time.

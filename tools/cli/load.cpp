@@ -30,12 +30,12 @@ using Clock = std::chrono::steady_clock;
 // The expiry of keys that cannot be deleted. Keys that the mix creates with another operation than
 // set, or makes persistent, have none.
 constexpr int key_lifetime_s = 3600;
-constexpr int most_failures_in_a_row = 10;  // of deletions; then the other keys are left
+constexpr int max_failures_in_a_row = 10;  // of deletions; then the remaining keys are left
 constexpr const char* key_prefix = "ruvo_cli:load:";
 constexpr const char* key_word = "{key}";
 constexpr std::chrono::milliseconds pause_after_failure{1};
 constexpr std::array percents{50.0, 90.0, 99.0, 99.9};
-constexpr int most_weight = 1000000;
+constexpr int max_weight = 1000000;
 constexpr int bar_width = 50;
 
 struct Mix {
@@ -53,7 +53,7 @@ Mix parse_mix(const std::string& text) {
     const Operation* operation = find_operation(part.substr(0, equals));
     const std::optional<int> weight =
         equals != std::string::npos
-            ? parse_number(std::string_view(part).substr(equals + 1), 1, most_weight)
+            ? parse_number(std::string_view(part).substr(equals + 1), 1, max_weight)
             : std::nullopt;
     if (operation == nullptr || !weight) {
       throw Failure(wrong_usage, "load: not OPERATION=WEIGHT in the mix: '" + part + "'");
@@ -131,7 +131,7 @@ class LoadKeys {
       const bool is_deleted = RUVO_DeleteKey(key.c_str(), options_.pool, nullptr) == RUVO_OK;
       left -= is_deleted ? 1 : 0;
       failures = is_deleted ? 0 : failures + 1;
-      return failures < most_failures_in_a_row;
+      return failures < max_failures_in_a_row;
     });
     return left;
   }

@@ -370,7 +370,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  hold_standard_streams();
+  open_standard_streams();
   setenv("RUVO_NO_STATS_FILE", "1", 1);  // that file belongs to the host with this configuration
   static_cast<void>(
       std::signal(SIGPIPE, SIG_IGN));  // an output without a reader is a reported error

@@ -61,7 +61,7 @@ Probe no_reply(const redisContext& context, int limit_ms) {
 }
 
 // States that end without an operator, or that need not affect the pool's other servers.
-const std::array passing_states{
+const std::array temporary_states{
     Probe{"loading", "is loading its data, and answers no command until that is done", "LOADING"},
     Probe{"at its limit of clients", "closes every further connection: see its maxclients",
           "ERR max number of clients"},
@@ -72,10 +72,11 @@ const std::array passing_states{
 
 Probe refusal(const redisReply& error, const std::string& key) {
   const std::string text = printable(error);
-  const auto* const passing = std::ranges::find_if(
-      passing_states, [&text](const Probe& state) { return text.starts_with(state.error_reply); });
-  if (passing != passing_states.end()) {
-    return *passing;
+  const auto* const temporary = std::ranges::find_if(temporary_states, [&text](const Probe& state) {
+    return text.starts_with(state.error_reply);
+  });
+  if (temporary != temporary_states.end()) {
+    return *temporary;
   }
   if (text.starts_with("NOAUTH")) {
     return {"no password given", "requires a password, and " + key + " is not set", "NOAUTH"};

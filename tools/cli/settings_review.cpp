@@ -43,12 +43,12 @@ std::string review_address(const std::string& piece) {
   }
   std::string port = piece.substr(piece.find(':') + 1);
   sp::trim_str(port);
-  const std::string told = "port " + port + " of '" + piece + "' is ";
+  const std::string error = "port " + port + " of '" + piece + "' is ";
   if (addr->port_ < 1 || addr->port_ > max_port) {
-    return told + "not from 1 to 65535: the library never connects to it";
+    return error + "not from 1 to 65535: the library never connects to it";
   }
   const std::string read = std::to_string(addr->port_);
-  return port == read ? "" : told + "read as " + read;
+  return port == read ? "" : error + "read as " + read;
 }
 
 class Review {
@@ -61,7 +61,7 @@ class Review {
   void compare_passwords();
 
  private:
-  void tell(const std::string& text) { findings.push_back({number_, text}); }
+  void add_finding(const std::string& text) { findings.push_back({number_, text}); }
   void begin_section(const std::string& name);
   void read_setting(const std::string& name, const std::string& value);
   void read_addresses(const setting& key, const std::string& value);
@@ -84,10 +84,10 @@ void Review::begin_section(const std::string& name) {
   const auto [first, is_new] = sections_.emplace(section_, number_);
   is_read_ = is_known && is_new;
   if (!is_known) {
-    tell("the library does not read section [" + name + "]");
+    add_finding("the library does not read section [" + name + "]");
   } else if (!is_new) {
-    tell("section [" + name + "] is already in line " + std::to_string(first->second) +
-         ": only that one is read");
+    add_finding("section [" + name + "] is already in line " + std::to_string(first->second) +
+                ": only that one is read");
   }
 }
 
@@ -115,8 +115,8 @@ void Review::read_addresses(const setting& key, const std::string& value) {
   sp::str_arr pieces;
   sp::split_str(value.c_str(), pieces, ",");
   for (const std::string& piece : pieces) {
-    if (const std::string told = review_address(piece); !told.empty()) {
-      tell(key.name + ": " + told);
+    if (const std::string error = review_address(piece); !error.empty()) {
+      add_finding(key.name + ": " + error);
     }
   }
 }
@@ -128,30 +128,31 @@ void Review::read_setting(const std::string& name, const std::string& value) {
       all, [&](const setting& one) { return section_ == one.section && is_named(one); });
   if (key == all.end()) {
     const auto elsewhere = std::ranges::find_if(all, is_named);
-    tell("the library does not read key " + name +
-         (elsewhere != all.end()
-              ? std::string(" here: it belongs to section [") + elsewhere->section + "]"
-              : ""));
+    add_finding("the library does not read key " + name +
+                (elsewhere != all.end()
+                     ? std::string(" here: it belongs to section [") + elsewhere->section + "]"
+                     : ""));
     return;
   }
   const auto [first, is_new] = settings_.emplace(key->name, number_);
   if (!is_new) {
-    tell(name + " is already in line " + std::to_string(first->second) + ": that one is read");
+    add_finding(name + " is already in line " + std::to_string(first->second) +
+                ": that one is read");
   } else if (value.empty()) {
-    tell(name + " is empty: it counts as absent");
+    add_finding(name + " is empty: it counts as absent");
   } else if (key->kind == setting_kind::addresses) {
     read_addresses(*key, value);
   } else if (key->kind == setting_kind::text) {
     passwords_[key->name] = value;
-  } else if (const std::string told = review_value(*key, value); !told.empty()) {
-    tell(name + " = " + value + " " + told);
+  } else if (const std::string error = review_value(*key, value); !error.empty()) {
+    add_finding(name + " = " + value + " " + error);
   }
 }
 
 void Review::read_line(std::string line) {
   ++number_;
   if (line.size() > longest_line) {
-    tell("the line is longer than 2047 bytes: the rest is read as another line");
+    add_finding("the line is longer than 2047 bytes: the rest is read as another line");
   }
   sp::trim_str(line);
   if (line.size() > 1 && line.front() == '[' && line.find(']') == line.size() - 1) {
@@ -163,10 +164,10 @@ void Review::read_line(std::string line) {
   }
   const std::size_t equals = line.find('=');
   if (equals == std::string::npos || equals == 0) {
-    tell("the line is not a section, a setting or a comment: it is skipped");  // it may be a
-                                                                               // password
+    // Does not show the line, which may be a password.
+    add_finding("the line is not a section, a setting or a comment: it is skipped");
   } else if (sections_.empty()) {
-    tell("the line is before the first section: it is skipped");
+    add_finding("the line is before the first section: it is skipped");
   } else if (is_read_) {
     std::string name = line.substr(0, equals);
     std::string value = line.substr(equals + 1);
@@ -184,12 +185,12 @@ void Review::compare_passwords() {
     if (passwords_[key] == rebuilt) {
       continue;
     }
-    tell(rebuilt.empty()
-             ? key + " is set and t_password is not: a rebuilt connection sends no password"
-         : passwords_[key].empty()
-             ? "t_password is set and " + key +
-                   " is not: a rebuilt connection of that pool sends t_password"
-             : key + " and t_password differ: a rebuilt connection sends t_password");
+    add_finding(rebuilt.empty()
+                    ? key + " is set and t_password is not: a rebuilt connection sends no password"
+                : passwords_[key].empty()
+                    ? "t_password is set and " + key +
+                          " is not: a rebuilt connection of that pool sends t_password"
+                    : key + " and t_password differ: a rebuilt connection sends t_password");
   }
 }
 

@@ -71,7 +71,7 @@ void StartupReader::read(const LogEvent& event) {
 
 void StartupReader::read_of_pool(const LogEvent& event) {
   PoolReport& pool = report_.pools[pool_];
-  const auto tell_outcome = [&](const std::string& reason) {
+  const auto add_outcome = [&](const std::string& reason) {
     outcomes_[pool_].push_back({event.server(), reason});
   };
   switch (event.kind) {
@@ -81,13 +81,13 @@ void StartupReader::read_of_pool(const LogEvent& event) {
       pool.retry_seconds = static_cast<int>(event.number(Field::retry_timeout));
       break;
     case EventKind::connected:
-      tell_outcome("");
+      add_outcome("");
       break;
     case EventKind::connect_failed:
-      tell_outcome(reason_of(event.field(Field::error)));
+      add_outcome(reason_of(event.field(Field::error)));
       break;
     case EventKind::auth_refused:
-      tell_outcome("wrong password");
+      add_outcome("wrong password");
       break;
     case EventKind::pool_ready:
     case EventKind::pool_failed:
@@ -95,8 +95,8 @@ void StartupReader::read_of_pool(const LogEvent& event) {
       ++pool_;
       break;
     default:
-      if (event.level >= BaseLib::Logger::ERROR && tells_of_trouble(event)) {
-        (builds_pools_ ? pool.told : report_.told).push_back(event.text);
+      if (event.level >= BaseLib::Logger::ERROR && reports_fault(event)) {
+        (builds_pools_ ? pool.errors : report_.errors).push_back(event.text);
       }
   }
 }

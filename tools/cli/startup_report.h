@@ -22,11 +22,11 @@ struct ServerReport {
 
 struct PoolReport {
   std::string name;
-  std::string addresses;          // empty: none
-  bool is_configured = false;     // else a default of the site
-  std::optional<int> result;      // none: start-up did not get this far
-  std::vector<std::string> told;  // errors that belong to no server, as logged
-  int connections = 0;            // to each server
+  std::string addresses;            // empty: none
+  bool is_configured = false;       // else a default of the site
+  std::optional<int> result;        // none: start-up did not get this far
+  std::vector<std::string> errors;  // errors that belong to no server, as logged
+  int connections = 0;              // to each server
   bool auto_eject = true;
   unsigned long failure_limit = 0;
   int retry_seconds = 0;
@@ -36,7 +36,7 @@ struct PoolReport {
 struct StartupReport {
   std::string redis_config;  // path
   site_settings configuration;
-  std::vector<std::string> told;  // errors from before the pools were built, as logged
+  std::vector<std::string> errors;  // errors from before the pools were built, as logged
   std::array<PoolReport, 3> pools;
 };
 

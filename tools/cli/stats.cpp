@@ -57,38 +57,38 @@ std::string per_second(std::uint64_t count, double seconds) {
   return format("%.1f", static_cast<double>(count) / seconds);
 }
 
-// A reading, and the counts since the previous one, or since the start.
-struct Look {
+// What a reading of the file gave; `counted` covers the time since the previous one.
+struct Reading {
   Statistics now;
   Statistics counted;
   double seconds = 0;
   bool is_since_start = true;
 };
 
-std::string head_text(const Look& look) {
-  const Statistics& now = look.now;
+std::string head_text(const Reading& reading) {
+  const Statistics& now = reading.now;
   const std::string process = std::to_string(now.process_id);
   const std::string state = now.is_ended ? "has shut the library down"
                             : now.is_gone
                                 ? "does not exist: it has ended, or runs in another container"
                                 : "runs";
   return "process " + process + " " + state + "; started " + time_text(now.start_time) +
-         (look.is_since_start ? format("; rates since then, %.0f s\n", look.seconds)
-                              : format("; rates of the last %.1f s\n", look.seconds));
+         (reading.is_since_start ? format("; rates since then, %.0f s\n", reading.seconds)
+                                 : format("; rates of the last %.1f s\n", reading.seconds));
 }
 
-std::string pools_text(const Look& look) {
+std::string pools_text(const Reading& reading) {
   std::vector<std::vector<std::string>> rows{{"pool", "calls", "calls/s", "failed", "failed/s"}};
   for (const Percentile& one : percentiles) {
     rows.front().emplace_back(one.name);
   }
   std::string results;
-  for (std::size_t i = 0; i < look.now.pools.size(); ++i) {
-    const PoolNumbers& now = look.now.pools[i];
-    const PoolNumbers& counted = look.counted.pools[i];
+  for (std::size_t i = 0; i < reading.now.pools.size(); ++i) {
+    const PoolNumbers& now = reading.now.pools[i];
+    const PoolNumbers& counted = reading.counted.pools[i];
     std::vector<std::string> row{
-        now.name, std::to_string(now.calls()), per_second(counted.calls(), look.seconds),
-        std::to_string(now.failed()), per_second(counted.failed(), look.seconds)};
+        now.name, std::to_string(now.calls()), per_second(counted.calls(), reading.seconds),
+        std::to_string(now.failed()), per_second(counted.failed(), reading.seconds)};
     for (const Percentile& one : percentiles) {
       row.push_back(duration_text(percentile_of(counted, one.percent)));
     }
@@ -105,21 +105,21 @@ std::string pools_text(const Look& look) {
   return columns(rows, 1) + results;
 }
 
-std::string servers_text(const Look& look) {
+std::string servers_text(const Reading& reading) {
   std::vector<std::vector<std::string>> rows{{"server", "state", "calls/s", "in flight", "waiting",
                                               "no reply", "errors", "sent twice", "rebuilt",
                                               "not rebuilt", "ejected", "retried"}};
-  for (std::size_t i = 0; i < look.now.pools.size(); ++i) {
-    const PoolNumbers& pool = look.now.pools[i];
+  for (std::size_t i = 0; i < reading.now.pools.size(); ++i) {
+    const PoolNumbers& pool = reading.now.pools[i];
     for (std::size_t j = 0; j < pool.servers.size(); ++j) {
       const ServerNumbers& server = pool.servers[j];
-      const ServerNumbers& counted = look.counted.pools[i].servers[j];
+      const ServerNumbers& counted = reading.counted.pools[i].servers[j];
       const auto total = [&server](std::uint64_t ruvo_server_counters::*counter) {
         return std::to_string(server.count(counter));
       };
       rows.push_back(
-          {pool.name + " " + server.name, state_text(server, look.now.read_time),
-           per_second(counted.count(&ruvo_server_counters::calls), look.seconds),
+          {pool.name + " " + server.name, state_text(server, reading.now.read_time),
+           per_second(counted.count(&ruvo_server_counters::calls), reading.seconds),
            std::to_string(server.in_flight), std::to_string(server.waiting),
            total(&ruvo_server_counters::no_replies), total(&ruvo_server_counters::error_replies),
            total(&ruvo_server_counters::second_sends), total(&ruvo_server_counters::reconnects),
@@ -153,26 +153,27 @@ nlohmann::json json_of(const PoolNumbers& now, const PoolNumbers& counted, doubl
   return json;
 }
 
-nlohmann::json json_of(const Look& look) {
+nlohmann::json json_of(const Reading& reading) {
   nlohmann::json json{
-      {"process_id", look.now.process_id},
-      {"running", look.now.is_running()},
-      {"start_time", static_cast<double>(look.now.start_time) / nanoseconds_per_second},
-      {"rates_of_seconds", look.seconds},
+      {"process_id", reading.now.process_id},
+      {"running", reading.now.is_running()},
+      {"start_time", static_cast<double>(reading.now.start_time) / nanoseconds_per_second},
+      {"rates_of_seconds", reading.seconds},
       {"pools", nlohmann::json::array()}};
-  for (std::size_t i = 0; i < look.now.pools.size(); ++i) {
-    json["pools"].push_back(json_of(look.now.pools[i], look.counted.pools[i], look.seconds));
+  for (std::size_t i = 0; i < reading.now.pools.size(); ++i) {
+    json["pools"].push_back(
+        json_of(reading.now.pools[i], reading.counted.pools[i], reading.seconds));
   }
   return json;
 }
 
-Look look_at(const std::string& path, const std::optional<Statistics>& before) {
-  Look look;
-  look.now = read_statistics(path);
-  look.counted = before ? since(look.now, *before) : look.now;
-  look.is_since_start = !before || before->start_time != look.now.start_time;
-  look.seconds = before ? covered_seconds(look.now, *before) : covered_seconds(look.now);
-  return look;
+Reading take_reading(const std::string& path, const std::optional<Statistics>& before) {
+  Reading reading;
+  reading.now = read_statistics(path);
+  reading.counted = before ? since(reading.now, *before) : reading.now;
+  reading.is_since_start = !before || before->start_time != reading.now.start_time;
+  reading.seconds = before ? covered_seconds(reading.now, *before) : covered_seconds(reading.now);
+  return reading;
 }
 
 }  // namespace
@@ -191,15 +192,15 @@ ExitStatus stats(const Options& options, const StatsOptions& wanted) {
   for (int round = 0;; ++round) {
     // A host that restarts may have no file for a moment: only the first reading must succeed.
     try {
-      Look look = look_at(wanted.file, before);
+      Reading reading = take_reading(wanted.file, before);
       if (options.json) {
-        print_json(json_of(look));
+        print_json(json_of(reading));
       } else {
         const bool in_place = wanted.seconds > 0 && is_terminal(0);
-        print((in_place ? "\033[H\033[J" : "") + head_text(look) + "\n" + pools_text(look) + "\n" +
-              servers_text(look) + (wanted.seconds > 0 && !in_place ? "\n" : ""));
+        print((in_place ? "\033[H\033[J" : "") + head_text(reading) + "\n" + pools_text(reading) +
+              "\n" + servers_text(reading) + (wanted.seconds > 0 && !in_place ? "\n" : ""));
       }
-      before = std::move(look.now);
+      before = std::move(reading.now);
     } catch (const Failure& failure) {
       if (round == 0 || failure.status() != unreadable_input) {
         throw;

@@ -1,4 +1,4 @@
-// Values of Redis' replies, held as JSON whose strings may contain any bytes, and how the tool
+// Values of Redis' replies, kept as JSON whose strings may contain any bytes, and how the tool
 // prints them.
 #ifndef RUVO_TOOLS_CLI_VALUE_H
 #define RUVO_TOOLS_CLI_VALUE_H

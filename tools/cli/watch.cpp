@@ -72,7 +72,7 @@ std::vector<Server> lines_of(const std::vector<std::string>& addresses, State st
 class ServerWatch {
  public:
   explicit ServerWatch(const std::vector<std::string>& addresses)
-      : turns_(addresses.size()),
+      : reads_per_round_(addresses.size()),
         servers_(lines_of(addresses, State::unknown)),
         listening_(BaseLib::Logger::DEBUG, [this](const LogEvent& event) { read(event); }) {}
 
@@ -83,11 +83,11 @@ class ServerWatch {
     for (Server& server : servers_) {
       server.is_retried = false;
     }
-    for (std::size_t i = 0; i < turns_; ++i) {
+    for (std::size_t i = 0; i < reads_per_round_; ++i) {
       for (Server& server : servers_) {
         server.is_visited = false;
       }
-      [[maybe_unused]] const int ret = RUVO_ExistsKey(probe_key, pool, nullptr);  // the log tells
+      [[maybe_unused]] const int ret = RUVO_ExistsKey(probe_key, pool, nullptr);  // see read()
       leave();
     }
   }
@@ -146,7 +146,7 @@ class ServerWatch {
     candidate_ = nullptr;
   }
 
-  std::size_t turns_;
+  std::size_t reads_per_round_;
   std::vector<Server> servers_;
   Server* candidate_ = nullptr;
   bool is_under_way_ = false;  // a visit
@@ -219,7 +219,7 @@ class Watch {
         is_file(path)) {
       configuration_ = read_configuration(path);
       addresses_ = servers_of(configuration_->pools.at(pool_).addresses.value_or(""));
-      alone_ = lines_of(addresses_, State::not_started);
+      servers_before_start_ = lines_of(addresses_, State::not_started);
     }
     if (may_start()) {
       start();
@@ -233,7 +233,9 @@ class Watch {
     }
   }
 
-  std::vector<Server>& servers() { return following_ ? following_->servers() : alone_; }
+  std::vector<Server>& servers() {
+    return following_ ? following_->servers() : servers_before_start_;
+  }
 
   void run_round() {
     if (!library_ && may_start()) {
@@ -293,7 +295,7 @@ class Watch {
       std::fprintf(stderr,
                    "ruvo_cli: watch: the library could not start: from now on servers "
                    "are probed directly\n");
-      alone_ = lines_of(addresses_, State::not_started);
+      servers_before_start_ = lines_of(addresses_, State::not_started);
     }
   }
 
@@ -303,7 +305,7 @@ class Watch {
   std::vector<std::string> addresses_;
   std::unique_ptr<Library> library_;
   std::unique_ptr<ServerWatch> following_;
-  std::vector<Server> alone_;  // while the library is not started
+  std::vector<Server> servers_before_start_;  // while the library is not started
 };
 
 }  // namespace
@@ -319,7 +321,7 @@ ExitStatus watch(const Options& options, const WatchOptions& watch_options) {
   for (int round = 0;; ++round) {
     all.run_round();
     if (host && round > 0) {
-      host->look_again();
+      host->read_again();
     }
     show(options, all.servers(), host ? &*host : nullptr, in_place && round > 0);
     if (round + 1 == watch_options.rounds || wait_for_end(round_ms)) {

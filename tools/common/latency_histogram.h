@@ -54,7 +54,7 @@ class LatencyHistogram {
   // Records from `from` to below `to`, both powers of two.
   std::uint64_t count_between(std::uint64_t from, std::uint64_t to) const {
     std::uint64_t count = 0;
-    const std::size_t end = to >> most_bits != 0 ? counts_.size() : index_of(to);
+    const std::size_t end = to >> max_bits != 0 ? counts_.size() : index_of(to);
     for (std::size_t i = index_of(from); i < end; ++i) {
       count += counts_[i];
     }
@@ -64,12 +64,12 @@ class LatencyHistogram {
  private:
   static constexpr unsigned sub_bits = 7;
   static constexpr std::uint64_t sub_buckets = std::uint64_t{1} << sub_bits;
-  static constexpr unsigned most_bits = 40;  // 18 minutes; a longer latency counts as that
+  static constexpr unsigned max_bits = 40;  // 18 minutes; a longer latency counts as that
 
   // Below 128 every value has a bucket; above, the leading bit chooses the group and the next seven
   // bits the bucket in it.
   static std::size_t index_of(std::uint64_t ns) {
-    ns = std::min(ns, (std::uint64_t{1} << most_bits) - 1);
+    ns = std::min(ns, (std::uint64_t{1} << max_bits) - 1);
     if (ns < sub_buckets) {
       return ns;
     }
@@ -85,7 +85,7 @@ class LatencyHistogram {
     return ((index % sub_buckets + sub_buckets + 1) << shift) - 1;
   }
 
-  std::array<std::uint64_t, (most_bits - sub_bits + 1) * sub_buckets> counts_{};
+  std::array<std::uint64_t, (max_bits - sub_bits + 1) * sub_buckets> counts_{};
   std::uint64_t total_ = 0;
   std::uint64_t sum_ = 0;
   std::uint64_t min_ = std::numeric_limits<std::uint64_t>::max();

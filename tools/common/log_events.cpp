@@ -169,6 +169,6 @@ LogEvent read_event(std::string_view line) {
   return event;
 }
 
-bool tells_of_trouble(const LogEvent& event) {
+bool reports_fault(const LogEvent& event) {
   return event.kind != K::configuration_path && event.kind != K::configured_servers;
 }

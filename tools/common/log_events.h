@@ -113,6 +113,6 @@ struct LogEvent {
 LogEvent read_event(std::string_view line);
 
 // Is the line an error? The library also writes a few ERROR lines that report no fault.
-bool tells_of_trouble(const LogEvent& event);
+bool reports_fault(const LogEvent& event);
 
 #endif

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t line_buffer_size = 2048;  // bytes, the terminating zero included
+constexpr std::size_t line_buffer_size = 2048;  // bytes, including the terminating zero
 
 vop_config process_config;
 

@@ -30,12 +30,12 @@ namespace detail {
 template <typename T, typename... Others>
 inline constexpr bool is_one_of = (std::is_same_v<T, Others> || ...);
 
-// What a std::string_view takes, except a literal null.
+// Whatever converts to a std::string_view, except a literal null.
 template <typename Text>
 inline constexpr bool is_text =
     std::is_convertible_v<const Text&, std::string_view> && !std::is_null_pointer_v<Text>;
 
-// What looks like a text to the compiler or to a reader, but is none: 0, nullptr, 'c', true, 5.
+// What the compiler or a reader may mistake for a text: 0, nullptr, 'c', true, 5.
 template <typename T>
 inline constexpr bool is_mistaken = std::is_arithmetic_v<T> || std::is_null_pointer_v<T>;
 
@@ -456,7 +456,7 @@ template <std::size_t room>
   words.resize(room);
   return execute(pool, count, words.data(), std::make_index_sequence<2 * room>());
 }
-// The same for a number known at run time: with room for 16, 128 or the most words.
+// The same for a number known at run time: with room for 16, 128 or the maximum number of words.
 inline void* execute(RedisServerType pool, words_view given) {
   std::vector<std::string_view> words(given.begin(), given.end());
   const std::size_t count = words.size();

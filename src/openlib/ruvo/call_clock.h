@@ -7,9 +7,9 @@
 
 using call_clock = std::chrono::steady_clock;
 
-// The start of this thread's call, if the call is counted; otherwise not set. initial-exec,
-// as for every variable that each call reads: the other TLS models take ten times as long.
-// NOLINTBEGIN(cert-err58-cpp): constinit, so that nothing is thrown
+// The start of this thread's call, if the call is counted; otherwise not set. The TLS model is
+// initial-exec, as for every variable that each call reads: the others take ten times as long.
+// NOLINTBEGIN(cert-err58-cpp): the initialisation of a constinit variable throws nothing
 [[gnu::tls_model(
     "initial-exec")]] inline constinit thread_local call_clock::time_point call_begin{};
 // NOLINTEND(cert-err58-cpp)

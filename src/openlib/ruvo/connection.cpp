@@ -97,7 +97,8 @@ open_outcome authenticate(redisContext& context, const server_addr& addr,
   if (reply->type != REDIS_REPLY_ERROR) {
     return open_outcome::ready;
   }
-  // Operators tell a wrong password from a wrong server by this line, so it shows what was sent.
+  // The line shows what was sent: operators need it to distinguish a wrong password from a wrong
+  // server.
   RUVO_LOG(ERROR,
            "ruvo_redis::init_server_pool | failed to authenticate redis, error passwd, redis_ip = "
            "%s, redis_port = %d, passwd = %s",
@@ -120,7 +121,7 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
   if (!settings.password.empty()) {
     opened.outcome = authenticate(*opened.context, addr, settings);
     if (opened.outcome == open_outcome::ready && is_broken(opened.context.get())) {
-      opened.outcome = open_outcome::unreachable;  // surplus bytes would pass for a reply
+      opened.outcome = open_outcome::unreachable;  // surplus bytes look like a reply
     }
   }
   return opened;

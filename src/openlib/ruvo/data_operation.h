@@ -26,17 +26,17 @@ constexpr const char* null_key_or_value = "key or value is NULL";
 // How an operation logs a reply of an unexpected type.
 enum class unexpected_type {
   warned_with_key,  // string keys
-  told_as_error     // the others
+  logged_as_error   // the others
 };
 
 struct data_operation {
   const char* origin;                  // class and method at the start of its log lines
   const char* null_text;               // log text if a required pointer is null
-  const char* failed_origin = origin;  // some name another method: deployed systems rely on it
+  const char* failed_origin = origin;  // may name another method: deployed systems rely on it
   const char* verb = nullptr;          // of the log line of its success, if it has one
   BaseLib::Logger::LogLevel absent_level = BaseLib::Logger::ERROR;  // of the line of a nil reply
   int reply_type = any_type;
-  unexpected_type policy = unexpected_type::told_as_error;
+  unexpected_type policy = unexpected_type::logged_as_error;
   int unexpected_result = RUVO_ERR_FAILED;  // for a reply of another type
   bool is_idempotent = true;                // may run twice
 };

@@ -90,8 +90,8 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
 wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
                       time_point until);
 
-// The next reply, if it has arrived completely; null if it has not or if its bytes are no reply
-// (the context then carries the error).
+// The next reply, if it has arrived completely; null if it has not or if its bytes are not a
+// reply (the context then carries the error).
 reply_ptr next_reply(redisContext& context);
 
 // Why a connection is no longer usable, in hiredis' terms.

@@ -35,8 +35,7 @@ int ruvo_redis::exec_command(const call_terms& terms, const char* key, reply_ptr
     return RUVO_ERR_FAILED;
   }
   if (received->type == REDIS_REPLY_NIL) {
-    // Every pool counts as persistent here, only the number 0 does not: deployed systems rely on
-    // the line.
+    // Every pool number except 0 counts as persistent here: deployed systems rely on the line.
     RUVO_LOG(WARN, "ruvo_redis::do_exec_command | redis key:%s, persistence:%s, redis reply is nil",
              key, static_cast<int>(redisSrvType) != 0 ? "true" : "false");
     return RUVO_ERR_NOT_FOUND;

@@ -4,7 +4,7 @@
 
 #include <array>
 
-constexpr int log_buffer_size = 1024;  // bytes of one log text, its terminating zero included
+constexpr int log_buffer_size = 1024;  // bytes of one log text, including its terminating zero
 
 // Expands `key` as printf would if every argument were zero or a null pointer: "%%" gives "%", "%s"
 // "(null)", "%d" "0". "%n" gives nothing and writes nowhere. All other text stays unchanged. No

@@ -20,7 +20,7 @@ inline bool is_logged(BaseLib::Logger::LogLevel level) {
 struct log_rate {
   std::atomic<std::uint64_t> window{0};  // see admits()
   std::atomic<unsigned long long> suppressed{0};
-  std::atomic<std::uint64_t> kind{0};  // of the table of shared_rate()
+  std::atomic<std::uint64_t> kind{0};  // its key in the table of shared_rate()
 };
 
 // A place in the source that writes lines.

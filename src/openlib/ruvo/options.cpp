@@ -7,7 +7,7 @@
 
 namespace {
 
-void tell(const setting& key, setting_fault why, const char* value) {
+void log_fault(const setting& key, setting_fault why, const char* value) {
   const char* const name = key.name.c_str();
   switch (why) {
     case setting_fault::no_truth:
@@ -38,9 +38,9 @@ void log_options(const client_options& options, int line) {
 }  // namespace
 
 client_options read_options(const vop_config& config) {
-  const found_options found = find_options(config, tell);
+  const found_options found = find_options(config, log_fault);
   for (const int line : {1, 2}) {
-    if (found.is_told.at(static_cast<std::size_t>(line))) {
+    if (found.has_content.at(static_cast<std::size_t>(line))) {
       log_options(found.options, line);
     }
   }

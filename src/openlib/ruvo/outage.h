@@ -17,7 +17,7 @@ constexpr std::chrono::milliseconds longest_probe_pause{500};
 // Plain fields that all threads share, accessed through atomic references.
 struct server_probe {
   std::int64_t next_probe_at = 0;  // steady nanoseconds; the greatest value while a call probes it
-  std::int64_t pause_ms = 0;       // before the next probe but one
+  std::int64_t pause_ms = 0;       // the latest one; the next is twice as long
 };
 
 // Reserves the server for a probe by this call, unless another call probes it or its pause lasts.

@@ -170,11 +170,6 @@ pipelined_call::~pipelined_call() {
   if (state_.forks != forks_) {
     return;  // in the child of a fork: the slot is a new one, without this call
   }
-  if (call_.where != place::nowhere) {
-    guard lock(slot_);
-    lock.lock();
-    leave(lock);
-  }
   add_user(state_, ~0U);
 }
 

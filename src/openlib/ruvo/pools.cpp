@@ -108,7 +108,7 @@ ruvo_redis::~ruvo_redis() {
 
 int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
                                  RedisServerType type) {
-  pool.use(pool_settings());
+  pool.apply(pool_settings());
   pool.number_ = type;
   if (addrs.empty()) {
     RUVO_LOG(ERROR, "ruvo_redis::init_server_pool | addr is empty");
@@ -120,7 +120,7 @@ int ruvo_redis::init_server_pool(const std::string& addrs, server_pool& pool,
              list.malformed->c_str());
     return RUVO_ERR_ADDRESS_LIST;
   }
-  pool.use(read_settings(type));
+  pool.apply(read_settings(type));
   pool.server_count_ = 0;
   pool.server_num_ = static_cast<std::uint32_t>(list.servers.size());
   // The temporary pool's number sizes the servers of every pool, as get_conn expects.

@@ -50,7 +50,7 @@ namespace ruvo {
 
 namespace detail {
 
-// Causes without a code of their own, but with a sentence.
+// Causes of failures. All but of_code share a result code and have a sentence of their own.
 enum class cause : unsigned char {
   of_code,
   zero_byte,
@@ -173,7 +173,7 @@ class outcome {
   /// A code of RuvoResult.
   int code() const noexcept { return why_.code(); }
   /// The code in category(). Null pointers, keys with a zero byte and times out of range are all
-  /// RUVO_ERR_NULL_ARGUMENT; the message tells them apart.
+  /// RUVO_ERR_NULL_ARGUMENT; the message distinguishes them.
   ruvo::error_code error() const noexcept { return ruvo::error_code(why_); }
   /// What Redis said if pool::ask, or an operation that says "raw" below, failed with an error
   /// reply or one of another shape. Empty for all others: the log has it.
@@ -492,7 +492,7 @@ class reply_view {
 class reply_view::iterator {
  public:
   using iterator_concept = std::forward_iterator_tag;
-  using iterator_category = std::input_iterator_tag;  // what it refers to is a value
+  using iterator_category = std::input_iterator_tag;  // dereferencing returns a value
   using value_type = reply_view;
   using difference_type = std::ptrdiff_t;
   using pointer = void;
@@ -666,11 +666,11 @@ inline void print(std::string& out, const reply_view& reply,  // NOLINT(misc-no-
         break;
       }
       const std::size_t width = std::to_string(reply.size()).size();
-      const std::string deeper = indent + std::string(width + 2, ' ');
+      const std::string inner_indent = indent + std::string(width + 2, ' ');
       for (std::size_t i = 0; i < reply.size(); ++i) {
         const std::string number = std::to_string(i + 1);
         out += (i == 0 ? "" : indent) + std::string(width - number.size(), ' ') + number + ") ";
-        print(out, reply[i], deeper);
+        print(out, reply[i], inner_indent);
       }
       break;
     }

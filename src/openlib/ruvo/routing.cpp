@@ -10,17 +10,17 @@
 
 namespace {
 
-constexpr std::uint64_t last_turn = 10001;  // the highest number that a round-robin counter gives
+constexpr std::uint64_t highest_number = 10001;  // of a round-robin counter
 
 // Takes the next number of a round-robin counter. Two threads may both reset a counter that has
-// passed its last turn: a few numbers are then used twice, which does no harm.
-std::uint64_t next_turn(std::int64_t& counter) {
+// passed its highest number: a few numbers are then used twice, which does no harm.
+std::uint64_t next_number(std::int64_t& counter) {
   const std::atomic_ref<std::int64_t> shared(counter);
-  const auto turn = static_cast<std::uint64_t>(shared.fetch_add(1));
-  if (turn >= last_turn) {
+  const auto number = static_cast<std::uint64_t>(shared.fetch_add(1));
+  if (number >= highest_number) {
     shared.store(0);
   }
-  return turn;
+  return number;
 }
 
 void clear_failures(server_node& server) {
@@ -31,9 +31,9 @@ void clear_failures(server_node& server) {
 
 // The position where a search for a server begins.
 std::size_t start_position(server_pool& pool, int svc_index) {
-  const std::uint64_t turn =
-      svc_index < 0 ? next_turn(pool.server_count_) : static_cast<std::uint64_t>(svc_index);
-  return turn % pool.servers_.size();
+  const std::uint64_t number =
+      svc_index < 0 ? next_number(pool.server_count_) : static_cast<std::uint64_t>(svc_index);
+  return number % pool.servers_.size();
 }
 
 }  // namespace
@@ -52,9 +52,9 @@ server_choice ruvo_redis::choose_server(RedisServerType type, int svc_index) {
   const std::size_t start = count > 0 ? start_position(pool, svc_index) : 0;
   // In an outage each server is probed by one call at a time, ejected or not.
   const bool only_probes = pool.outage_.is_on();
-  for (std::size_t looked_at = 0; looked_at < count; ++looked_at) {
-    server_node& candidate = pool.servers_[(start + looked_at) % count];
-    if (looked_at == 0) {
+  for (std::size_t offset = 0; offset < count; ++offset) {
+    server_node& candidate = pool.servers_[(start + offset) % count];
+    if (offset == 0) {
       RUVO_LOG(DEBUG, "ruvo_redis::get_redis_node | addr:%s port:%d", ip_of(candidate.addr_),
                port_of(candidate.addr_));
     } else {
@@ -107,7 +107,7 @@ void ruvo_redis::update_server_ok(server_node* svc_node) { clear_failures(*svc_n
 void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType redisSrvType) {
   const server_pool& pool = getPool(redisSrvType);
   const std::time_t next_retry = std::time(nullptr) + pool.retry_timeout_;
-  // First, so that no thread finds the limit reached and an old time.
+  // Stored first, so that no thread finds the limit reached and an old retry time.
   std::atomic_ref(svc_node->next_retry_time_).store(next_retry);
   const std::int32_t failures = std::atomic_ref(svc_node->failure_count_).fetch_add(1) + 1;
   RUVO_LOG(DEBUG, "ruvo_redis::update_server_failed | server, ip:%s port:%d failure count:%d",
@@ -122,8 +122,8 @@ void ruvo_redis::update_server_failed(server_node* svc_node, RedisServerType red
 // Counts modulo the temporary pool's number of connections, which sizes every server's slots.
 conn_node* ruvo_redis::get_conn(server_node& svc_node, RedisServerType /*redisSrvType*/) {
   const std::uint32_t conn_num = t_pool_.conn_num_;
-  const std::uint64_t turn = next_turn(svc_node.conn_count_);
-  const auto index = static_cast<std::uint32_t>(conn_num > 0 ? turn % conn_num : 0);
+  const std::uint64_t number = next_number(svc_node.conn_count_);
+  const auto index = static_cast<std::uint32_t>(conn_num > 0 ? number % conn_num : 0);
   RUVO_LOG(DEBUG, "ruvo_redis::get_conn | connection index: %u/%u", index, conn_num);
   if (index >= svc_node.context_arr_.size()) {
     RUVO_LOG(WARN, "ruvo_redis::get_conn | no connection %u on server %s port:%d", index,

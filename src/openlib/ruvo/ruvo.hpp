@@ -42,10 +42,10 @@
 /// copied if it has at most 127 bytes; a longer one must be terminated in a process that logs at
 /// DEBUG.
 ///
-/// TIMES are durations of std::chrono, from 1 of their unit (if stated, from 0) to the most that
-/// the function takes. Any other time is refused with RUVO_ERR_NULL_ARGUMENT before anything is
-/// sent. If the compiler knows a time and it is too short, it does not compile: with Clang always,
-/// with GCC from -O1 on.
+/// TIMES are durations of std::chrono, from 1 of their unit (if stated, from 0) to the longest
+/// that the function takes. Any other time is refused with RUVO_ERR_NULL_ARGUMENT before anything
+/// is sent. If the compiler knows a time and it is too short, it does not compile: with Clang
+/// always, with GCC from -O1 on.
 ///
 /// BLOCKING. With `call_timeout` a call returns within that time, plus what it takes to schedule
 /// its thread. Without it a command makes at most two visits for each server of its pool (a raw

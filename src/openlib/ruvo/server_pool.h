@@ -45,10 +45,10 @@ struct server_node {
 };
 
 struct server_pool {
-  server_pool() { use(pool_settings()); }
+  server_pool() { apply(pool_settings()); }
 
   // A negative failure limit is never reached.
-  void use(const pool_settings& settings) {
+  void apply(const pool_settings& settings) {
     conn_num_ = static_cast<std::uint32_t>(settings.connect_num);
     auto_eject_ = settings.auto_eject_server;
     failure_limit_ = static_cast<std::uint32_t>(settings.server_failure_limit);

@@ -209,14 +209,14 @@ found_options find_options(const vop_config& config, const fault_listener& refus
     key.with_field(options, [&](auto& value) {
       const bool is_idle = key.needed_number != nullptr && options.*key.needed_number == 0;
       if (read(config, key, is_idle, value, refuse)) {
-        found.is_told.at(static_cast<std::size_t>(key.line)) = true;
+        found.has_content.at(static_cast<std::size_t>(key.line)) = true;
       } else if (options.recommended_defaults && !is_idle && *key.recommended != '\0') {
         parse(key, key.recommended, value);
       }
     });
   }
   if (options.recommended_defaults) {
-    found.is_told.fill(true);
+    found.has_content.fill(true);
   }
   return found;
 }

@@ -100,7 +100,7 @@ using fault_listener =
 
 struct found_options {
   client_options options;
-  std::array<bool, 3> is_told{};  // the start-up lines that have something to show
+  std::array<bool, 3> has_content{};  // the start-up lines that have something to show
 };
 
 const char* find_redis_config(const vop_config& config);  // null: missing

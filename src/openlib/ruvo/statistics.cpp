@@ -43,7 +43,7 @@ void release_lane() noexcept {
                         std::memory_order_release);
 }
 
-// Detects the end of a thread. The value of a pthread key needs no memory, which could run out.
+// Detects the end of a thread. The value of a pthread key needs no allocation, which could fail.
 class thread_end_key {
  public:
   thread_end_key() : is_made_(pthread_key_create(&key_, [](void*) { release_lane(); }) == 0) {}
@@ -100,13 +100,13 @@ std::string with_process_id(std::string path) {
 }
 
 // A unique name beside the file.
-std::string name_beside(const std::string& path) {
+std::string make_temporary_name(const std::string& path) {
   return path + "." + std::to_string(getpid()) + "." +
          std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
 }
 
 // Creates a file of `size` bytes and maps it. Its blocks are reserved: on a full disk, a store to a
-// page without one would kill the host. Null with errno on failure.
+// page without one would kill the host. Returns null with errno set on failure.
 void* make_mapped_file(const char* name, std::size_t size) {
   const file_descriptor file(
       open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));  // NOLINT: C's
@@ -195,21 +195,21 @@ bool statistics_file::begin(const std::string& path, std::span<const counted_poo
     return false;
   }
   const std::string name = with_process_id(path);
-  const std::string beside = name_beside(name);
-  const bool is_made = make(beside.c_str(), pools);
-  if (is_made && rename(beside.c_str(), name.c_str()) == 0) {
+  const std::string temporary_name = make_temporary_name(name);
+  const bool is_made = make(temporary_name.c_str(), pools);
+  if (is_made && rename(temporary_name.c_str(), name.c_str()) == 0) {
     hand_out_lanes();
     return true;
   }
   const int error = errno;
-  unlink(beside.c_str());
+  unlink(temporary_name.c_str());
   end();
   RUVO_LOG(ERROR, "ruvo_redis::init | cannot make stats_file %s: %s, left out", name.c_str(),
            std::generic_category().message(error).c_str());
   return false;
 }
 
-// False with errno.
+// Returns false with errno set on failure.
 bool statistics_file::make(const char* name, std::span<const counted_pool> pools) {
   std::size_t servers = 0;
   for (const counted_pool& one : pools) {

@@ -48,8 +48,8 @@ using pool_stats = ruvo_pool_stats;
 using server_stats = ruvo_server_stats;
 using server_counters = ruvo_server_counters;
 
-// The lane of this thread; 0: the shared one. initial-exec, since a call reads it several times,
-// and the other TLS models take longer for that than the counting does.
+// The lane of this thread; 0: the shared one. The TLS model is initial-exec: with the others, the
+// reads of the lane in a call take longer than the counting.
 [[gnu::tls_model("initial-exec")]] inline constinit thread_local std::uint32_t stats_lane = 0;
 
 // Gets this thread a lane until it ends, if one is free.

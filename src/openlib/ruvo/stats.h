@@ -97,7 +97,7 @@ struct ruvo_pool_counters {
 };
 
 /// What is counted for a server. A call that fails over from one server to the next visits both.
-/// While `calls` exceeds `replies` + `no_replies`, the rest is under way.
+/// Visits that are neither in `replies` nor in `no_replies` are under way.
 struct ruvo_server_counters {
   uint64_t calls;          ///< visits: calls that have chosen a connection of this server
   uint64_t replies;        ///< visits that ended with a reply, error replies included
@@ -324,8 +324,8 @@ static inline void ruvo_stats_read_server(const struct ruvo_server_stats* server
     sum->ejections += ruvo_stats_load(&from->ejections);
     sum->retries += ruvo_stats_load(&from->retries);
   }
-  if (sum->waiting >
-      UINT64_MAX / 2) {  // one that began in a lane after it was read ended in another
+  // A visit that began in a lane after that lane was read may have ended in another lane.
+  if (sum->waiting > UINT64_MAX / 2) {
     sum->waiting = 0;
   }
 }

@@ -61,7 +61,7 @@ int ruvo_redis::increase_key(const char* key, long long* value, RedisServerType 
     RUVO_LOG(DEBUG,
              "ruvo_redis::increase_key | key %s successfully increased, current value is %lld.",
              key, reply->integer);
-    // A new counter lives until midnight. If its expiry cannot be set, the count still stands.
+    // A new counter lives until midnight. If its expiry cannot be set, the count is still valid.
     if (reply->integer == 1) {
       exec_regardless(deadline, key, redisSrvType, "EXPIRE %s %ld", key, seconds_to_midnight());
     }

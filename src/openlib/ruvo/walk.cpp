@@ -17,7 +17,7 @@ using clock = std::chrono::steady_clock;
 constexpr std::size_t visits_per_server = 2;
 
 // If servers answer other commands but not this one, it is sent in at most this many walks.
-constexpr int most_walks_beside_answers = 3;
+constexpr int max_walks_while_others_answered = 3;
 
 // How often a call that waits for servers checks whether one may be probed.
 constexpr std::chrono::milliseconds shortest_wait{1};
@@ -113,7 +113,7 @@ class walker {
     if (redis_.options().wait_for_servers) {
       end = wait_and_walk_again(end, reply);
     }
-    // What may have run since it was refused does not end with the refusal.
+    // A call whose command may have run after a refusal does not end with that refusal.
     if (end != walk_end::replied && end != walk_end::lock_failed && end != walk_end::may_have_run &&
         refusal_) {
       reply = std::move(refusal_);
@@ -147,9 +147,9 @@ class walker {
 };
 
 // Each visit has one connection, and releases it before the next visit takes its own. The bound is
-// for walks that do not return to their first server: one that crosses pools could go on for ever,
-// and a server that accepts connections and never answers could hold a typed one for a whole retry
-// timeout.
+// for walks that do not return to their first server: a walk that crosses pools could go on for
+// ever, and one that stays in its pool could spend a whole retry timeout on a server that accepts
+// connections and never answers.
 walk_end walker::walk_once(reply_ptr& reply) {
   has_sent_ = false;
   server_choice choice = redis_.choose_server(command_.pool, -1);
@@ -241,7 +241,7 @@ void walker::note_answer(const server_choice& choice) {
 walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
   const time_point began =
       command_.deadline - std::chrono::milliseconds(redis_.options().call_timeout);
-  int walks_beside_answers = 1;
+  int walks_while_others_answered = 1;
   bool is_new = true;  // it has not waited yet
   while (end == walk_end::no_server_at_start || end == walk_end::no_server_left ||
          end == walk_end::all_tried) {
@@ -253,7 +253,8 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
       return end;
     }
     const bool others_are_answered = pool_.outage_.has_answered() && !pool_.outage_.is_on();
-    if (others_are_answered && has_sent_ && ++walks_beside_answers > most_walks_beside_answers) {
+    if (others_are_answered && has_sent_ &&
+        ++walks_while_others_answered > max_walks_while_others_answered) {
       return end;  // the command itself is the cause
     }
     if (!others_are_answered &&
