@@ -100,7 +100,7 @@ const std::vector<Operation>& table() {
                              a.value.size(), a.ttl.value_or(-1), a.pool, nullptr);
        }},
       {"hget",
-       "Print a field",
+       "Print the value of a field",
        Family::hash,
        {P::key, P::field},
        [](const Arguments& a) -> Answer {
@@ -164,7 +164,7 @@ const std::vector<Operation>& table() {
          return result == RUVO_OK ? Answer(result, text) : Answer(result);
        },
        true,
-       "it was the empty text, which has been removed"},
+       "the element was the empty text; it has been removed"},
       {"lrange",
        "Print the elements from START to END",
        Family::list,
@@ -206,14 +206,14 @@ const std::vector<Operation>& table() {
        false,
        "already a member"},
       {"srem",
-       "Remove a member",
+       "Remove a member from a set",
        Family::set,
        {P::key, P::value},
        [](const Arguments& a) -> Answer {
          return RUVO_SRem(a.key.c_str(), a.value.data(), a.value.size(), a.pool, nullptr);
        }},
       {"sismember",
-       "Test whether it is a member",
+       "Test whether a value is a member of a set",
        Family::set,
        {P::key, P::value},
        [](const Arguments& a) -> Answer {
@@ -222,7 +222,7 @@ const std::vector<Operation>& table() {
        false,
        "not a member"},
       {"smembers",
-       "Print all members",
+       "Print all members of a set",
        Family::set,
        {P::key},
        [](const Arguments& a) -> Answer {
