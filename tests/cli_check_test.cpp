@@ -174,7 +174,7 @@ TEST(CliCheck, RecommendsMissingKeys) {
   EXPECT_EQ(reason.find("auto_pipelining"), std::string::npos) << reason;
   EXPECT_NE(reason.find(", call_timeout 2000,"), std::string::npos) << reason;
   expect_output(Tool(all_pools_at(redis.addr())), "check", 0,
-                {"\nworth setting:\nrecommended_defaults = true gives "});
+                {"\nworth setting:\nrecommended_defaults = true switches on "});
 }
 
 TEST(CliCheck, RecommendsRepliesThatItHasSeen) {

@@ -134,6 +134,7 @@ void run_driver(const Options& options, Driver& driver, const Judge& judge, cons
 }
 
 // Waits until the calls that began in a fault have ended and every ejected server has been retried.
+// The pools that were given up are probed after that.
 void wait_for_recovery(const Site& site, const Judge& judge) {
   const Clock::time_point cleared = Clock::now();
   const Clock::time_point last =
@@ -141,6 +142,9 @@ void wait_for_recovery(const Site& site, const Judge& judge) {
   while ((judge.has_call_from_before(cleared) || !server_events().ejected.empty()) &&
          Clock::now() < last) {
     wait_until(Clock::now() + longest_sleep, judge);
+  }
+  if (site.settings.options.try_ejected_servers) {
+    wait_until(Clock::now() + 2 * longest_probe_pause, judge);
   }
 }
 

@@ -45,7 +45,7 @@ bool needs_check(const pipeline_state& state, time_point now) {
   return is_check_due(state, now) || (next != nullptr && !state.was_checked);
 }
 
-// Is the next command one that must be sent alone? Second sends come before it.
+// Must the next command be sent alone? Second sends come before it.
 bool is_turn_of_alone(const pipeline_state& state) {
   const queued_call* next = state.unsent.front();
   return !state.alone.empty() && (next == nullptr || (!next->is_second_send && next->written == 0));
@@ -221,8 +221,9 @@ void pipelined_call::give_up(const char* reason) {
   call_.error = connection_error(REDIS_ERR_OOM, reason);
   call_.was_sent = false;
   call_.written = 0;
-  // Of the calls that share an event, only the first counts it.
-  call_.counts_failure = call_.sent_after == slot_.rebuilds_ && !state_.is_ending && !is_broken();
+  // Only the first of the calls that share a failure counts it.
+  call_.counts_failure =
+      call_.rebuilds_before_send == slot_.rebuilds_ && !state_.is_ending && !is_broken();
   if (call_.counts_failure) {
     state_.is_ending = true;
     state_.end = call_.error;
@@ -258,7 +259,7 @@ void pipelined_call::enqueue() {
   state_.unsent.insert_before(position, call_);
 }
 
-// Does the connection's work that is up to this call, until it has a reply or has failed.
+// Does the work on the connection that this call must do, until it has a reply or has failed.
 send_end pipelined_call::wait(guard& lock, rebuilder* rebuilder) {
   for (;;) {
     if (call_.where == place::nowhere) {
@@ -393,7 +394,7 @@ void pipelined_call::put_in_flight(queued_call& call, time_point now) {
   call.sent_at = now;
   call.was_sent = true;
   call.waiting.end();
-  call.sent_after = slot_.rebuilds_;
+  call.rebuilds_before_send = slot_.rebuilds_;
   call.replies_to_skip = state_.replies_to_skip;
   set_replies_to_skip(state_, 0);
   state_.in_flight.push_back(call);
@@ -405,8 +406,8 @@ std::size_t pipelined_call::take_batch(std::span<queued_call*> batch, time_point
   std::size_t count = 0;
   std::size_t bytes = 0;
   // A connection that is ending takes the rest of a command, and no more.
-  const std::size_t most = state_.is_alone || state_.is_ending ? 1 : batch.size();
-  for (queued_call* call = state_.unsent.front(); call != nullptr && count < most;) {
+  const std::size_t max_calls = state_.is_alone || state_.is_ending ? 1 : batch.size();
+  for (queued_call* call = state_.unsent.front(); call != nullptr && count < max_calls;) {
     queued_call* const next = call->next;
     if (now < call->deadline || call->written > 0) {
       bytes += call->wire->length();
@@ -467,7 +468,7 @@ void pipelined_call::write(guard& lock, time_point now) {
 }
 
 // Commands that the socket has taken completely are in flight; the others go back to the head of
-// the queue. A call whose reply has arrived meanwhile is done now.
+// the queue. A call whose reply has already arrived is done.
 void pipelined_call::note_written(guard& lock, std::span<queued_call*> batch, std::size_t bytes) {
   for (queued_call* call : batch) {
     const std::size_t taken = std::min(bytes, call->wire->length() - call->written);
@@ -478,7 +479,7 @@ void pipelined_call::note_written(guard& lock, std::span<queued_call*> batch, st
     queued_call& call = *batch[i];
     call.is_being_written = false;
     if (call.where == place::nowhere) {
-      if (call.written < call.wire->length()) {  // what it got is the answer to nothing
+      if (call.written < call.wire->length()) {  // its reply is out of step
         state_.end = out_of_step_error();
         break_off();
       }
@@ -569,11 +570,11 @@ void pipelined_call::read(guard& lock, time_point now) {
   const time_point due =
       timeout.count() > 0 ? std::max(call_.sent_at, state_.last_arrival) + timeout : no_deadline;
   std::array<redisReply*, max_write_commands> replies;
-  const std::size_t most =
+  const std::size_t max_replies =
       std::min(replies.size(), state_.in_flight.size() + call_.replies_to_skip);
   std::size_t count = 0;
   const auto take_replies = [&] {
-    while (count < most && (replies[count] = next_reply(context).release()) != nullptr) {
+    while (count < max_replies && (replies[count] = next_reply(context).release()) != nullptr) {
       ++count;
     }
   };
@@ -593,7 +594,7 @@ void pipelined_call::read(guard& lock, time_point now) {
   if (has_received) {
     state_.last_arrival = now;
   }
-  if (state_.is_broken) {  // by another thread, which has told the reason
+  if (state_.is_broken) {  // by another thread, which has recorded the reason
     set_error(context, state_.end);
   }
   if (context.err == 0 && end == wait_end::timed_out && now < call_.deadline) {
@@ -646,7 +647,7 @@ void pipelined_call::deliver(guard& lock, std::span<redisReply*> replies, time_p
   wake_next(lock);
   for (bool has_replied = !replies.empty(); may_write(now, has_replied) == write_chance::now;) {
     if (state_.in_flight.empty() && needs_check(state_, now)) {
-      break;  // a check may wait: that is for the next call, not for those that are served
+      break;  // a check may wait: the next call does it, the served ones do not pay for it
     }
     write(lock, now);
     has_replied = false;
@@ -675,7 +676,7 @@ void pipelined_call::check_idle_connection() {
 // ---- Breaks ----
 
 // The connection is unusable. Threads that wait for its socket return at once; the last of them
-// goes on with finish_break().
+// calls finish_break().
 void pipelined_call::break_off() {
   state_.is_broken = true;
   if (state_.is_reading || state_.is_writing) {
@@ -699,9 +700,9 @@ void pipelined_call::wake_next(guard& lock) {
   }
 }
 
-// The calls in flight have used a send. Those behind the call whose reply was due are resent first,
-// in their order; that call is resent alone and after them, so that a command which stalls or kills
-// its connection fails by itself. A command that was sent twice has failed.
+// A break uses up a send of each call in flight. Those behind the call whose reply was due are
+// resent first, in their order; that call is resent alone and after them, so that a command which
+// stalls or kills its connection fails by itself. A command that was sent twice has failed.
 void pipelined_call::finish_break(guard& lock) {
   redisContext& context = *slot_.context_;
   if (context.err == 0) {
@@ -752,7 +753,7 @@ void pipelined_call::finish_break(guard& lock) {
     lock.send_signal(call, queued_call::recheck);
   }
   set_replies_to_skip(state_, 0);
-  state_.is_broken = false;  // calls that are resent have met only one break
+  state_.is_broken = false;  // resent calls count it only once
   state_.is_alone = state_.is_blocked = state_.is_ending = state_.has_failed_to_write = false;
 }
 

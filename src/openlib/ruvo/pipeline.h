@@ -1,8 +1,8 @@
 // Calls that share a connection in full duplex (auto_pipelining).
 //
 // A slot has two lists of calls, `unsent` and `in_flight`, both in the order in which replies are
-// due. A call appends itself to `unsent`. Then, in a loop, it does the connection's work that is up
-// to it, or sleeps until it is woken (pipelined_call::wait()):
+// due. A call appends itself to `unsent`. Then, in a loop, it does the work on the connection that
+// it must do, or sleeps until it is woken (pipelined_call::wait()):
 //
 //   write    The call that finds that a write may begin puts the waiting commands in flight and
 //            sends them. A write may begin at once while few commands are in flight; otherwise it
@@ -58,10 +58,10 @@ constexpr std::size_t max_write_bytes = std::size_t{64} << 10U;
 // How often a connection under constant traffic is drained, to check whether it is in step.
 constexpr std::chrono::milliseconds check_interval{100};
 constexpr int check_round_trips = 64;
-constexpr std::chrono::milliseconds longest_check{20};  // waits no longer for a stray reply
+constexpr std::chrono::milliseconds longest_check{20};  // of a wait for a stray reply
 
 constexpr std::size_t calls_per_word = 32;  // that sleep on it
-constexpr std::size_t sleep_words = 8;      // further calls share bits: spurious wakes
+constexpr std::size_t sleep_words = 8;  // calls beyond these share bits, and may be woken in vain
 
 // A call as other threads see it. All but the signal is guarded by the slot's lock while it is in a
 // list.
@@ -77,14 +77,14 @@ struct queued_call : send_outcome {
   std::size_t written = 0;            // bytes of the command that the socket has taken
   std::uint32_t replies_to_skip = 0;  // replies of calls that have left, due before this one's
   place where = place::nowhere;
-  bool is_being_written = false;  // a writing thread has its address
+  bool is_being_written = false;  // a writing thread has a pointer to it
   bool wakes_by_itself = false;   // sleeps at most for the pause
   bool is_leaving = false;        // its deadline has come while it is being written
   bool is_second_send = false;
   bool must_not_resend = false;  // once a byte of it may have reached the server
   bool has_broken = false;       // its first send ended without a reply; not reported yet
   bool shares_rebuild = false;   // waited when the current rebuild began
-  std::uint64_t sent_after = 0;  // rebuilds of the connection before this send
+  std::uint64_t rebuilds_before_send = 0;
   queued_call* previous = nullptr;
   queued_call* next = nullptr;
   std::atomic<std::uint32_t> signal{recheck};
@@ -128,11 +128,11 @@ struct pipeline_state {
   time_point last_write{};
   std::chrono::microseconds pause{0};  // after the last write
   time_point last_arrival{};           // of bytes
-  time_point last_silence{};           // that a call has counted as a failure
+  time_point last_silence{};           // the latest that counted as a failure
   time_point last_check{};
   std::chrono::nanoseconds round_trip{0};          // the shortest since the last check
   std::chrono::nanoseconds known_round_trip{0};    // the shortest before it
-  std::uint64_t forks = 0;                         // how often the process has forked into this one
+  std::uint64_t forks = 0;                         // that lead to this process
   std::uint32_t next_number = 0;                   // of a call
   std::array<std::uint32_t, sleep_words> words{};  // calls sleep on these; atomic references
   std::uint32_t users = 0;  // calls at the slot, through atomic references; plus one while

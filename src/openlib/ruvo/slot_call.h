@@ -29,13 +29,13 @@ class rebuilder {
   ~rebuilder() = default;
 };
 
-// What the sends of a call have come to.
+// The outcome of a call's sends.
 struct send_outcome {
   connection_error error;  // why the connection was given up
   time_point sent_at{};    // if times are kept
   bool was_sent = false;   // a byte of the command may have reached a server
   bool rebuild_failed = false;
-  bool counts_failure = false;  // of the calls that share an event, one counts it
+  bool counts_failure = false;  // of the calls that share a failure, one counts it
   bool is_first_reply = false;  // on its connection
 };
 
@@ -48,8 +48,8 @@ class slot_call {
   // The first send. Without a reply, the outcome's error says why the connection was given up.
   virtual send_end send() = 0;
   // The second send: rebuilds the connection, and sends the command once more. It must follow if
-  // send() ends `unanswered`, or give_up() refuses its reply, since the call may be in a queue; only
-  // a command that was sent and must not be resent is in none.
+  // send() ends `unanswered`, or give_up() refuses its reply, since the call may be in a queue;
+  // only a command that was sent and must not be resent is in none.
   virtual send_end send_again(rebuilder& rebuilder) = 0;
   // The server has answered that it will not serve: the connection is given up.
   virtual void give_up(const char* reason) = 0;

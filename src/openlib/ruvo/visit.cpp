@@ -124,7 +124,7 @@ class visitor {
     }
   }
 
-  // Of the calls that share an event, one counts it.
+  // Of the calls that share a failure, one counts it.
   void count_failure(send_end end) {
     const bool is_silent = redis_.options().eject_silent_servers && !command_.wire.refused();
     const bool is_unanswered = end == send_end::unanswered ||
