@@ -130,13 +130,15 @@ std::span<const epoll_event> TcpProxy::wait_for_events() {
     events_[0] = {.events = EPOLLIN, .data = {.fd = wake_up_}};
     return std::span(events_).first(1);
   }
-  timespec pause{};
-  const bool delivers = mode_ == Mode::forward && !pieces_.empty();
-  if (delivers) {
-    pause = as_timespec(std::max(pieces_.front().arrives - Clock::now(), Clock::duration(0)));
+  const int max_events = static_cast<int>(events_.size());
+  int count = 0;
+  if (mode_ == Mode::forward && !pieces_.empty()) {
+    const timespec pause =
+        as_timespec(std::max(pieces_.front().arrives - Clock::now(), Clock::duration(0)));
+    count = epoll_pwait2(epoll_, events_.data(), max_events, &pause, nullptr);
+  } else {  // qemu-user does not know epoll_pwait2
+    count = epoll_wait(epoll_, events_.data(), max_events, -1);
   }
-  const int count = epoll_pwait2(epoll_, events_.data(), static_cast<int>(events_.size()),
-                                 delivers ? &pause : nullptr, nullptr);
   return std::span(events_).first(static_cast<std::size_t>(std::max(count, 0)));
 }
 
