@@ -25,7 +25,7 @@ bool begin_probe(server_probe& probe);
 // Undoes begin_probe().
 void release_probe(server_probe& probe);
 void end_probe(server_probe& probe, bool has_answered);
-// The server has been ejected again: it may be probed at once.
+// The server has just been ejected: it may be probed at once.
 void reset_probe(server_probe& probe);
 // The time from which it may be probed, which may have passed; no_deadline while a call probes it.
 time_point next_probe(server_probe& probe);

@@ -753,7 +753,7 @@ void pipelined_call::finish_break(guard& lock) {
     lock.send_signal(call, queued_call::recheck);
   }
   set_replies_to_skip(state_, 0);
-  state_.is_broken = false;  // resent calls count it only once
+  state_.is_broken = false;  // this break must not use up second sends, too
   state_.is_alone = state_.is_blocked = state_.is_ending = state_.has_failed_to_write = false;
 }
 

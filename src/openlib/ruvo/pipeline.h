@@ -1,8 +1,8 @@
 // Calls that share a connection in full duplex (auto_pipelining).
 //
-// A slot has two lists of calls, `unsent` and `in_flight`, both in the order in which replies are
-// due. A call appends itself to `unsent`. Then, in a loop, it does the work on the connection that
-// it must do, or sleeps until it is woken (pipelined_call::wait()):
+// A slot has a queue of calls to be sent (`unsent`, then `alone`) and a list of calls whose replies
+// are due (`in_flight`), each in order. A call appends itself to `unsent`. Then, in a loop, it does
+// the work on the connection that it must do, or sleeps until it is woken (pipelined_call::wait()):
 //
 //   write    The call that finds that a write may begin puts the waiting commands in flight and
 //            sends them. A write may begin at once while few commands are in flight; otherwise it
@@ -44,8 +44,8 @@ struct conn_node;
 struct server_node;
 
 // With this many commands in flight, more are held back to share a write, for at most the pause.
-// Measured with GET on one connection: holding back fewer than 4 makes 2 to 4 threads slower;
-// without a pause 64 threads on loopback lose half their rate. After a write of a single command
+// Measured with GET on one connection: a smaller number makes 2 to 4 threads slower; without a
+// pause 64 threads on loopback lose half their rate. After a write of a single command
 // the long pause would only add to the latency: 6 % at 16 threads and a round trip of 1 ms.
 constexpr std::size_t direct_sends = 4;
 constexpr std::chrono::microseconds write_pause{100};

@@ -328,8 +328,8 @@ RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long
 /// If a server fails, the command fails over to the pool whose number is that server's position in
 /// its list, counted from 1 (anything but 1 to 3: the temporary pool), WHICHEVER POOL WAS
 /// REQUESTED, unless the configuration says `raw_commands_stay_in_pool` (as `recommended_defaults`
-/// does). Without it, check the reply where pools hold different data; and since such a command
-/// gives up sooner, call again after a null reply while a server is failing.
+/// does). Without that key, check the reply if the pools hold different data; such a command also
+/// gives up sooner, so call again after a null reply while a server is failing.
 ///
 /// Successive commands may use different servers and connections. Do not send commands that need a
 /// connection of their own (MULTI, SUBSCRIBE, WATCH, SELECT) or that block for longer than

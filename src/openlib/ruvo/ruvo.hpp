@@ -833,7 +833,8 @@ class basic_pool : private Backend {
   }
 
   // Sends the words of a range after `head`, in as many commands as needed, and hands each answer
-  // to `take`. The words come in groups of `together`, which begin with a key, if there are keys.
+  // to `take`. Groups of `together` words stay in one command; `first` says whether each begins
+  // with a key.
   enum class first_word : bool { key, any };
   template <typename T, typename Take = ignore>
   failure in_batches(const words& head, const words& all, std::size_t together, Take take = {},

@@ -48,8 +48,8 @@ class slot_call {
   // The first send. Without a reply, the outcome's error says why the connection was given up.
   virtual send_end send() = 0;
   // The second send: rebuilds the connection, and sends the command once more. It must follow if
-  // send() ends `unanswered`, or give_up() refuses its reply, since the call may be in a queue;
-  // only a command that was sent and must not be resent is in none.
+  // send() ends `unanswered`, or if give_up() drops the reply of send(): the call may be in a
+  // queue. Only a command that was sent and must not be resent is in none.
   virtual send_end send_again(rebuilder& rebuilder) = 0;
   // The server has answered that it will not serve: the connection is given up.
   virtual void give_up(const char* reason) = 0;
