@@ -40,8 +40,8 @@ class FaultRecord {
   // All servers of a pool are down.
   void begin_outage(int pool);
   void end_outage(int pool);
-  // The latest outage that began before `time`. If no call was served since an earlier one, after
-  // `served`, the host sees the two as one.
+  // The latest outage that began before `time`. It includes earlier ones that ended after `served`,
+  // the time of the last served call: to the host they are one outage.
   std::optional<Outage> outage_before(int pool, Clock::time_point time,
                                       Clock::time_point served) const;
 

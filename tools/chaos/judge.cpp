@@ -79,7 +79,9 @@ Clock::duration Judge::bound(const Call& call) const {
          visit_bound(settings);
 }
 
-// With auto_pipelining these threads wait at the same time, for the visit in progress and the next.
+// How many visits to a connection a call may have to wait for, its own included. With
+// auto_pipelining the threads that share it visit it together: a call waits for the visits in
+// progress, and then for its own.
 int Judge::sharers() const {
   const Settings& settings = site_.settings;
   const int threads = (threads_ + settings.connections - 1) / settings.connections;
@@ -228,8 +230,8 @@ void Judge::check_wait(const Call& call, Clock::time_point from, Clock::time_poi
   }
 }
 
-// After a long outage calls may fail until the first is served: one call at a time probes the
-// servers when a thread comes to that pool, and that thread may have waited in the other pools.
+// After a long outage calls may fail until the first is served. That takes a thread that calls the
+// pool and probes its servers, and each thread may first have to wait in the other pools.
 bool Judge::may_fail_in_outage(const Call& call, Clock::time_point from, Clock::time_point to) {
   const milliseconds deadline(site_.settings.options.call_timeout);
   const Clock::duration recovery_time =

@@ -24,7 +24,7 @@ struct ServerEvents {
   long failed_rebuilds = 0;  // those that could not be rebuilt
   long ejections = 0;
   long retries = 0;
-  long ended_by_rebuild = 0;  // ejections that ended since a visit in progress rebuilt a connection
+  long ended_by_rebuild = 0;      // ejections ended by a visit in progress, whose rebuild worked
   std::set<std::string> ejected;  // now
 };
 
