@@ -83,7 +83,7 @@ TEST(HostStatistics, EveryCallIsCountedByItsResult) {
   EXPECT_EQ(insert("k"), RUVO_OK);
   numbers = Numbers(dir.path("s"));
   EXPECT_EQ(numbers.server.reconnects, 1U);
-  EXPECT_EQ(numbers.server.second_sends, 0U);  // the first attempt left nothing
+  EXPECT_EQ(numbers.server.second_sends, 0U);  // the first attempt sent nothing
   EXPECT_EQ(numbers.in_flight() + numbers.server.waiting, 0U);
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }

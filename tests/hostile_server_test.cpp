@@ -102,7 +102,8 @@ TEST(HostileServer, CannotHarmItsCallers) {
                             pools_at(server.addr(), server.addr(), server.addr()));
     LogCapture log;  // each line is formatted
     ASSERT_EQ(start(config), RUVO_OK);
-    // Two commands of two visits (a raw one six), and a timeout for each piece of a reply.
+    // Six visits of a raw command, or two commands of two each; and a timeout for each piece of a
+    // reply.
     const milliseconds bound = 6 * milliseconds(1000 + 4 * 6 * 20);
     for (std::uint64_t number = seed; number < seed + 50; ++number) {
       for (std::size_t i = 0; i < operations.size(); ++i) {

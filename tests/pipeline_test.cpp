@@ -129,7 +129,7 @@ TEST_F(Pipeline, NoCallWaitsForARoundTripThatIsNotItsOwn) {
 TEST_F(Pipeline, WritesWaitingCommandsWithinBounds) {
   const std::string half(40000, 'h');
   const std::string large(70000, 'l');
-  // The commands after each key, and the most commands and writes that may be seen.
+  // What follows the key in each command, and the upper bound of commands in a write.
   const std::vector<std::pair<std::vector<std::string>, std::size_t>> cases{
       {std::vector<std::string>(200), max_write_commands},
       {{half, half, half}, 1},

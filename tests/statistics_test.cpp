@@ -118,7 +118,7 @@ TEST(StatisticsBuckets, FollowEachOtherFromAMicrosecondToAHundredSeconds) {
     EXPECT_EQ(ruvo_stats_bucket(limit), bucket);
     EXPECT_EQ(ruvo_stats_bucket(limit + 1), bucket + 1);
     if (bucket > 0) {
-      EXPECT_LE((limit - before) * 8, before);  // as wide as an eighth of its lower bound
+      EXPECT_LE((limit - before) * 8, before);  // at most an eighth of its lower bound wide
     }
     before = limit;
   }

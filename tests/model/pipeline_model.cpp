@@ -28,7 +28,7 @@ constexpr std::chrono::nanoseconds begin_of_time = seconds(1000);
 
 // Events that may happen in an execution, with an upper bound for each.
 struct events {
-  unsigned breaks = 0;    // the server closes a connection, before or after it has carried out
+  unsigned breaks = 0;    // the server closes a connection, before or after it runs a command
   unsigned refusals = 0;  // of a new connection
   unsigned partials = 0;  // the socket takes only part of a write
   unsigned delays = 0;    // a reply arrives after the waiting call has given up
@@ -52,7 +52,7 @@ constexpr std::array scenarios{
     scenario{"pair", 2, 2, {}},
     scenario{"once", 3, 1, {}},
     scenario{"two", 2, 1, {}},
-    scenario{"look", 3, 2, {}, 0, false, true},
+    scenario{"check", 3, 2, {}, 0, false, true},
     scenario{"partial", 3, 2, {.partials = 2}},
     scenario{"break", 3, 2, {.breaks = 1}},
     scenario{"breaks", 3, 1, {.breaks = 2}},
@@ -357,7 +357,7 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
   peer& peer = used_peer(context);
   model::step();
   if (events == POLLIN && !peer.is_closed && peer.sent_count == 0) {
-    check(until != no_deadline, "a look has no end");
+    check(until != no_deadline, "a check has no end");
     pass_time_until(until);
     return wait_end::timed_out;
   }
