@@ -1,5 +1,5 @@
 // A fixed script of calls, for counting instructions and for timing everything but the network:
-// each operation many times, with a Redis' replies from memory.
+// each operation many times, with Redis' replies from memory.
 //
 //   valgrind --tool=callgrind --collect-atstart=no call_script
 //       instructions, in a dump for each operation and side; scripts/count_instructions.sh reads

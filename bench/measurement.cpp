@@ -74,8 +74,8 @@ std::size_t rounds_of(std::chrono::milliseconds slice, const Pace& pace) {
   return std::min(pace.rounds, std::max(enough, rounds_in_same_time));
 }
 
-// When a slice ends, and when it begins to count: before that the library's connections, which
-// begin with the slice, set up their buffers, and the threads settle.
+// When a slice begins to count, and when it ends. Until it counts, the library's new connections
+// set up their buffers, and the threads settle.
 struct Period {
   Clock::time_point counts;
   Clock::time_point ends;

@@ -198,7 +198,8 @@ Outcome start_before_the_balancers_server() {
                       [&] { redis.restart(); });
 }
 
-// The server has room for one of the pool's two connections.
+// The server has room for one of the pool's two connections, and answers the other's password with
+// an error.
 Outcome start_with_a_refused_password() {
   const RedisServer redis(std::string("--requirepass ") + password);
   const RedisServer other_pools(std::string("--requirepass ") + password);

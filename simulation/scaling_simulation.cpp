@@ -53,7 +53,7 @@ struct Point {
   std::size_t connections = 16;  // of each host, to each server
   std::size_t servers = 2;
   double round_trip = 200;  // microseconds; so are the next two
-  double service = 10;      // the mean; its times and wake_up's are exponentially distributed
+  double service = 10;      // the mean; service and wake-up times are exponentially distributed
   double host_work = 10;    // between a reply and the next call
   double pause = 0;         // the mean of a thread's further idle time, exponentially distributed
   double wake_up = 50;      // from a freed lock until the waiting thread runs
