@@ -157,14 +157,14 @@ void evaluate(const Slices& slices, Result& result) {
     std::vector<double> cpu;
     std::vector<double> library_ratios;
     std::vector<double> pipelined_ratios;
-    std::vector<double> cpu_less;
+    std::vector<double> cpu_us_differences;
     for (std::size_t round = 0; round < slices[side].size(); ++round) {
       const Slice& slice = slices[side][round];
       rates.push_back(slice.calls_per_second);
       cpu.push_back(slice.cpu_us);
       if (!library.empty()) {
         library_ratios.push_back(library[round].calls_per_second / slice.calls_per_second);
-        cpu_less.push_back(library[round].cpu_us - slice.cpu_us);
+        cpu_us_differences.push_back(library[round].cpu_us - slice.cpu_us);
       }
       if (!pipelined.empty()) {
         pipelined_ratios.push_back(pipelined[round].calls_per_second / slice.calls_per_second);
@@ -174,7 +174,7 @@ void evaluate(const Slices& slices, Result& result) {
     result[side].cpu_us = spread_of(std::move(cpu));
     result[side].library_ratio = spread_of(std::move(library_ratios));
     result[side].pipelined_ratio = spread_of(std::move(pipelined_ratios));
-    result[side].cpu_us_less = spread_of(std::move(cpu_less));
+    result[side].cpu_us_difference = spread_of(std::move(cpu_us_differences));
   }
 }
 

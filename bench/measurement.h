@@ -39,7 +39,7 @@ struct SideResult {
   Spread cpu_us;             // of the calling threads, user and system, for each call
   Spread library_ratio;      // the library's rate over this side's, of each round
   Spread pipelined_ratio;    // the same with auto_pipelining
-  Spread cpu_us_less;        // the library's processor time less this side's, of each round
+  Spread cpu_us_difference;  // the library's processor time less this side's, of each round
   LatencyHistogram latency;  // all rounds, nanoseconds
 };
 

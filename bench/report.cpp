@@ -90,7 +90,8 @@ void Csv::write(const Case& one, const Result& result) {
     write(row.library_ratio, 4);
     write(row.pipelined_ratio, 4);
     std::fprintf(file_.get(), ",%.3f,%.3f,%.1f,%.1f,%.1f,%.1f\n", row.cpu_us.median,
-                 row.cpu_us_less.median, us(row, 50), us(row, 90), us(row, 99), us(row, 99.9));
+                 row.cpu_us_difference.median, us(row, 50), us(row, 90), us(row, 99),
+                 us(row, 99.9));
   }
   std::fflush(file_.get());
 }
