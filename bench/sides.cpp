@@ -32,7 +32,7 @@ HandWrittenPool::HandWrittenPool(int port, std::size_t connections) : connection
 
 void HandWrittenPool::run(const Operation& operation) {
   for (const Command& command : operation.commands) {
-    Connection& connection = connections_[turn_.fetch_add(1) % connections_.size()];
+    Connection& connection = connections_[next_.fetch_add(1) % connections_.size()];
     Reply reply;
     {
       const std::scoped_lock lock(connection.mutex);

@@ -46,7 +46,7 @@ class HandWrittenPool : NoCopy {
     Context context;
   };
   std::vector<Connection> connections_;
-  std::atomic<std::size_t> turn_{0};
+  std::atomic<std::size_t> next_{0};
 };
 
 // The library, from RUVO_Init to RUVO_Fini, with one server in each pool. A process has one. The
