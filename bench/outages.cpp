@@ -151,22 +151,22 @@ Outcome both_proxies_restarted() {
 }
 
 // One of two servers enters a state and leaves it again.
-using OfOne = std::function<void(RedisServer& server, const RedisServer& well)>;
+using OfOne = std::function<void(RedisServer& server, const RedisServer& healthy)>;
 Outcome one_of_two(const OfOne& enter, const OfOne& leave) {
-  const RedisServer well;
+  const RedisServer healthy;
   RedisServer server;
   return run_through(
-      config_for(well.addr() + "," + server.addr()), [&] { enter(server, well); },
-      end_of_state - fault_at, [&] { leave(server, well); }, 3);
+      config_for(healthy.addr() + "," + server.addr()), [&] { enter(server, healthy); },
+      end_of_state - fault_at, [&] { leave(server, healthy); }, 3);
 }
 
 // The server loads from the start: one that restarts could be ejected before it answers LOADING.
 Outcome one_of_two_loading() {
-  const RedisServer well;
+  const RedisServer healthy;
   RedisServer server;
   restart_loading(server);
   return run_through(
-      config_for(well.addr() + "," + server.addr()), [] {}, end_of_state - fault_at,
+      config_for(healthy.addr() + "," + server.addr()), [] {}, end_of_state - fault_at,
       [&] { finish_loading(server); }, 3);
 }
 
@@ -247,12 +247,12 @@ Outcome pool_at_its_limit() {
 
 // The pool's second server fails: without the key the command fails over to the second pool.
 Outcome raw_command_stays() {
-  const RedisServer well;
+  const RedisServer healthy;
   RedisServer redis;
   const RedisServer other_pools;
   Outcome outcome = run_through(
-      config_for(well.addr() + "," + redis.addr(), other_pools.addr()), [&] { redis.kill(); }, 1s,
-      [&] { redis.restart(); }, 3, write_raw);
+      config_for(healthy.addr() + "," + redis.addr(), other_pools.addr()), [&] { redis.kill(); },
+      1s, [&] { redis.restart(); }, 3, write_raw);
   outcome.keys_in_other_pools = std::stoi(other_pools.ask("dbsize"));
   return outcome;
 }
