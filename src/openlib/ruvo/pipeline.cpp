@@ -545,11 +545,12 @@ void pipelined_call::wait_until_writable(guard& lock) {
 void pipelined_call::check_in_step(guard& lock, time_point now) {
   state_.is_writing = true;
   state_.last_check = now;
-  const time_point quiet = state_.last_write + state_.known_round_trip;
+  const time_point stray_reply_due = state_.last_write + state_.known_round_trip;
   state_.known_round_trip = std::exchange(state_.round_trip, std::chrono::nanoseconds(0));
   lock.unlock();
-  if (quiet > now) {
-    wait_for_peer(*slot_.context_, POLLIN, std::min({quiet, now + longest_check, call_.deadline}));
+  if (stray_reply_due > now) {
+    wait_for_peer(*slot_.context_, POLLIN,
+                  std::min({stray_reply_due, now + longest_check, call_.deadline}));
   }
   const connection_error found = check_unused(*slot_.context_);
   lock.lock();
