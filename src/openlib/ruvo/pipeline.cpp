@@ -46,7 +46,7 @@ bool needs_check(const pipeline_state& state, time_point now) {
 }
 
 // Must the next command be sent alone? Second sends come before it.
-bool is_turn_of_alone(const pipeline_state& state) {
+bool must_send_alone_next(const pipeline_state& state) {
   const queued_call* next = state.unsent.front();
   return !state.alone.empty() && (next == nullptr || (!next->is_second_send && next->written == 0));
 }
@@ -374,7 +374,7 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
   if (state_.is_ending || state_.is_alone) {
     return write_chance::on_event;
   }
-  if (is_turn_of_alone(state_)) {
+  if (must_send_alone_next(state_)) {
     return state_.in_flight.empty() && !state_.is_writing ? write_chance::now
                                                           : write_chance::on_event;
   }
@@ -432,7 +432,7 @@ void pipelined_call::write(guard& lock, time_point now) {
   std::array<queued_call*, max_write_commands> calls;
   std::array<iovec, max_write_commands> bytes;
   std::size_t count = 1;
-  if (is_turn_of_alone(state_)) {
+  if (must_send_alone_next(state_)) {
     queued_call& call = state_.alone.pop_front();
     put_in_flight(call, now);
     state_.is_alone = true;
