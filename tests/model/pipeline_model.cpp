@@ -110,7 +110,7 @@ struct world {
   std::aligned_storage_t<sizeof(ACE_Thread_Mutex), alignof(ACE_Thread_Mutex)> lock;
 };
 alignas(64) std::array<std::byte, (sizeof(world) + 63) / 64 * 64> world_memory;
-world& now_in() { return *reinterpret_cast<world*>(world_memory.data()); }
+world& current_world() { return *reinterpret_cast<world*>(world_memory.data()); }
 ruvo_redis client;
 
 server_node& server() { return client.t_pool_.servers_.front(); }
@@ -159,7 +159,7 @@ bool model_mutex::lock(time_point until) {
   model::step();
   check(owner != static_cast<int>(model::self()), "a lock is taken twice");
   while (owner != -1) {
-    const void*& waits = now_in().waits_for[model::self()];
+    const void*& waits = current_world().waits_for[model::self()];
     waits = this;
     if (!park_until(until)) {
       waits = nullptr;
@@ -185,7 +185,7 @@ void model_mutex::unlock() {
   check(owner == static_cast<int>(model::self()), "a lock is released by a thread without it");
   order.release();
   owner = -1;
-  wake_waiters(now_in().waits_for, this);
+  wake_waiters(current_world().waits_for, this);
 }
 
 bool sleep_on(const void* word, std::uint32_t value, time_point until, std::uint32_t bits) {
@@ -197,18 +197,18 @@ bool sleep_on(const void* word, std::uint32_t value, time_point until, std::uint
     return true;
   }
   const unsigned self = model::self();
-  now_in().sleeps_on[self] = word;
-  now_in().sleeper_bits[self] = bits;
+  current_world().sleeps_on[self] = word;
+  current_world().sleeper_bits[self] = bits;
   if (park_until(until)) {
     return true;
   }
-  now_in().sleeps_on[self] = nullptr;
+  current_world().sleeps_on[self] = nullptr;
   return false;
 }
 
 void wake(const void* word, std::uint32_t bits) {
   model::step();
-  world& world = now_in();
+  world& world = current_world();
   for (unsigned i = 0; i < model::thread_count; ++i) {
     if (world.sleeps_on[i] == word && (world.sleeper_bits[i] & bits) != 0) {
       world.sleeps_on[i] = nullptr;
@@ -221,7 +221,7 @@ model::word* model_sleep_word(const void* address) {
   const auto& words = slot().pipeline_.words;
   for (std::size_t i = 0; i < words.size(); ++i) {
     if (&words[i] == address) {
-      return &reinterpret_cast<model::word&>(now_in().sleep_words[i]);
+      return &reinterpret_cast<model::word&>(current_world().sleep_words[i]);
     }
   }
   return nullptr;
@@ -232,7 +232,7 @@ model::word* model_sleep_word(const void* address) {
 namespace {
 
 peer& peer_of(const redisContext& context) {
-  return now_in().peers.at(static_cast<std::size_t>(context.fd));
+  return current_world().peers.at(static_cast<std::size_t>(context.fd));
 }
 
 class exclusive_use {
@@ -264,7 +264,7 @@ void close_peer(peer& peer) {
 
 // The server closes the connection.
 bool breaks(peer& peer) {
-  if (peer.is_closed || !happens(now_in().left.breaks)) {
+  if (peer.is_closed || !happens(current_world().left.breaks)) {
     return false;
   }
   model::note("the server closes connection", peer.context.fd);
@@ -273,9 +273,9 @@ bool breaks(peer& peer) {
 }
 
 redisContext* open_peer() {
-  for (peer& peer : now_in().peers) {
+  for (peer& peer : current_world().peers) {
     if (!peer.is_open && peer.context.fd == -1) {
-      peer.context.fd = static_cast<int>(&peer - now_in().peers.data());
+      peer.context.fd = static_cast<int>(&peer - current_world().peers.data());
       peer.is_open = true;
       peer.reader.construct();
       return &peer.context;
@@ -290,7 +290,7 @@ void receive_byte(peer& peer, std::uint8_t byte) {
     return;
   }
   check(std::exchange(peer.half_received, 0) == byte, "the bytes of commands are mixed");
-  ++now_in().calls.at(byte - 1U).arrivals;
+  ++current_world().calls.at(byte - 1U).arrivals;
   peer.sent.at(peer.sent_count++) = byte;
   if (peer.waiter >= 0) {
     model::unpark(static_cast<unsigned>(std::exchange(peer.waiter, -1)));
@@ -301,8 +301,8 @@ class model_rebuilder final : public rebuilder {
  public:
   context_ptr rebuild() override {
     model::step();
-    if (happens(now_in().left.refusals)) {
-      now_in().has_refused = true;
+    if (happens(current_world().left.refusals)) {
+      current_world().has_refused = true;
       return nullptr;
     }
     context_ptr fresh(open_peer());
@@ -322,7 +322,7 @@ constexpr std::array<char, 2 * max_calls> command_bytes = [] {
 }  // namespace
 
 int model_shutdown(int number, int) {
-  close_peer(now_in().peers.at(static_cast<std::size_t>(number)));
+  close_peer(current_world().peers.at(static_cast<std::size_t>(number)));
   return 0;
 }
 
@@ -338,9 +338,9 @@ ssize_t send_some(const redisContext& context, std::span<iovec> bytes) {
   for (const iovec& part : bytes) {
     size += part.iov_len;
   }
-  if (now_in().left.partials > 0) {
+  if (current_world().left.partials > 0) {
     const unsigned less = model::choose(static_cast<unsigned>(size) + 1);
-    now_in().left.partials -= less > 0 ? 1 : 0;
+    current_world().left.partials -= less > 0 ? 1 : 0;
     size -= less;
   }
   std::size_t left = size;
@@ -361,7 +361,7 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
     pass_time_until(until);
     return wait_end::timed_out;
   }
-  if (until != no_deadline && happens(now_in().left.delays)) {
+  if (until != no_deadline && happens(current_world().left.delays)) {
     pass_time_until(until);
     return wait_end::timed_out;
   }
@@ -384,7 +384,7 @@ wait_end receive_some(redisContext& context, std::chrono::microseconds socket_ti
     }
   }
   peer.reader.write();
-  if (peer.sent_count > 0 && until != no_deadline && happens(now_in().left.delays)) {
+  if (peer.sent_count > 0 && until != no_deadline && happens(current_world().left.delays)) {
     pass_time_until(until);
     return wait_end::timed_out;
   }
@@ -409,17 +409,17 @@ reply_ptr next_reply(redisContext& context) {
   if (peer.received_count == 0) {
     return nullptr;
   }
-  for (std::size_t i = 0; i < now_in().replies.size(); ++i) {
-    if (!std::exchange(now_in().is_reply_used[i], true)) {
-      redisReply& reply = now_in().replies[i];
+  for (std::size_t i = 0; i < current_world().replies.size(); ++i) {
+    if (!std::exchange(current_world().is_reply_used[i], true)) {
+      redisReply& reply = current_world().replies[i];
       reply.integer = peer.received.front();
       std::copy(&peer.received[1], &peer.received[peer.received_count], peer.received.begin());
       --peer.received_count;
-      now_in().contents[i].construct();
-      now_in().contents[i].write();
+      current_world().contents[i].construct();
+      current_world().contents[i].write();
       return reply_ptr(&reply);
     }
-    now_in().is_reply_used[i] = true;
+    current_world().is_reply_used[i] = true;
   }
   model::fail("replies are leaked");
 }
@@ -454,14 +454,15 @@ void redisFree(redisContext* context) {
   check(peer.is_open && !peer.is_read && !peer.is_written, "a connection is freed in use");
   peer.is_open = false;
   peer.reader.destroy();
-  ++now_in().breaks;
+  ++current_world().breaks;
 }
 
 void freeReplyObject(void* reply) {
-  const auto i = static_cast<std::size_t>(static_cast<redisReply*>(reply) - &now_in().replies[0]);
-  check(std::exchange(now_in().is_reply_used.at(i), false), "a reply is freed twice");
-  now_in().contents[i].read();
-  now_in().contents[i].destroy();
+  const auto i =
+      static_cast<std::size_t>(static_cast<redisReply*>(reply) - &current_world().replies[0]);
+  check(std::exchange(current_world().is_reply_used.at(i), false), "a reply is freed twice");
+  current_world().contents[i].read();
+  current_world().contents[i].destroy();
 }
 
 void redisFreeCommand(char*) {}
@@ -501,7 +502,7 @@ void fork_here() {
   model::note("forks in thread", static_cast<int>(model::self()));
   model::step();
   model::end_others([] {
-    world& world = now_in();
+    world& world = current_world();
     world.sleeps_on = world.waits_for = {};
     for (peer& peer : world.peers) {
       peer.is_foreign = peer.is_open;
@@ -519,7 +520,7 @@ void fork_here() {
 }
 
 void may_fork() {
-  if (model::self() == 0 && happens(now_in().left.forks)) {
+  if (model::self() == 0 && happens(current_world().left.forks)) {
     fork_here();
   }
 }
@@ -534,11 +535,11 @@ void check_end(send_end end, unsigned number, const pipelined_call& call, time_p
       check(std::chrono::steady_clock::now() >= deadline, "a call ends before its deadline");
       return;
     case send_end::rebuild_failed:
-      check(now_in().has_refused, "a call tells of a rebuild that did not fail");
+      check(current_world().has_refused, "a call tells of a rebuild that did not fail");
       return;
     case send_end::unanswered: {
-      const unsigned broken =
-          now_in().breaks + (slot().context_->err != 0 ? 1U : 0U) + (now_in().has_forked ? 1U : 0U);
+      const unsigned broken = current_world().breaks + (slot().context_->err != 0 ? 1U : 0U) +
+                              (current_world().has_forked ? 1U : 0U);
       check(broken > 0, "a call is unanswered on a sound connection");
       check(!is_last || broken > 1 || chosen->must_not_resend, "a call is lost with one break");
       return;
@@ -549,7 +550,7 @@ void check_end(send_end end, unsigned number, const pipelined_call& call, time_p
 }
 
 void make_call(unsigned number) {
-  world& world = now_in();
+  world& world = current_world();
   call_record& record = world.calls[number - 1];
   wire_command wire = format_command(&command_bytes[2 * (number - 1)]);
   send_terms terms;
@@ -607,7 +608,7 @@ void model::run_thread(unsigned thread) {
 }
 
 void model::after() {
-  world& world = now_in();
+  world& world = current_world();
   const pipeline_state& state = slot().pipeline_;
   check(state.unsent.empty() && state.alone.empty() && state.in_flight.empty(), "a call is left");
   check(!state.is_reading && !state.is_writing && !state.is_rebuilding, "a duty is left");
