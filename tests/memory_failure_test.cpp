@@ -22,8 +22,8 @@ class MemoryFailure : public testing::Test {
     }
     EXPECT_EQ(RUVO_Fini(), RUVO_OK);
   }
-  // Calls while the allocation with this number fails, and stores the result. False if the call met
-  // no failure.
+  // Calls while the allocation with this number fails, and stores the result. False if the call
+  // met_failure no failure.
   template <typename Call>
   static bool fails(int number, int& result, Call call) {
     allocations = 0;
@@ -45,7 +45,7 @@ TEST_F(MemoryFailure, InAStartUp) {
     const pid_t child = fork();
     if (child == 0) {
       int ret = 0;
-      const bool met = fails(number, ret, [this] { return start(config_); });
+      const bool met_failure = fails(number, ret, [this] { return start(config_); });
       const bool ready = ret >= RUVO_OK && ret < RUVO_INIT_BOTH_POOLS_FAILED;
       bool good = ready || ret == RUVO_INIT_BOTH_POOLS_FAILED || ret == RUVO_ERR_NO_MEMORY ||
                   ret == RUVO_ERR_CONFIG_FILE || ret == RUVO_ERR_FAILED;
@@ -55,7 +55,7 @@ TEST_F(MemoryFailure, InAStartUp) {
       }
       good = good && RUVO_Fini() == (ready ? RUVO_OK : RUVO_ERR_NOT_INITIALIZED);
       good = good && (!ready || live_allocations == live) && open_descriptors() == descriptors;
-      _exit(!good ? 2 : met ? 0 : 1);
+      _exit(!good ? 2 : met_failure ? 0 : 1);
     }
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2)
@@ -69,9 +69,9 @@ TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
   int ret = 0;
   ASSERT_EQ(start(config_), RUVO_OK);
   for (const Operation& one : operations) {
-    bool met = true;
-    for (int number = 0; met; ++number) {
-      met = fails(number, ret, [&] { return one.call(one.name); });
+    bool met_failure = true;
+    for (int number = 0; met_failure; ++number) {
+      met_failure = fails(number, ret, [&] { return one.call(one.name); });
       EXPECT_TRUE(one.may_return(ret) || ret == RUVO_ERR_NO_MEMORY)
           << one.name << " " << number << ": " << ret;
     }
