@@ -25,9 +25,9 @@ inline lock_end lock_until(ACE_Thread_Mutex& mutex, time_point deadline) {
   }
 #ifdef __SANITIZE_THREAD__
   // ThreadSanitizer of GCC 12 does not know pthread_mutex_clocklock.
-  const auto wall =
+  const auto wall_clock_deadline =
       std::chrono::system_clock::now() + (deadline - std::chrono::steady_clock::now());
-  const std::chrono::nanoseconds at = wall.time_since_epoch();
+  const std::chrono::nanoseconds at = wall_clock_deadline.time_since_epoch();
 #else
   const std::chrono::nanoseconds at = deadline.time_since_epoch();
 #endif
