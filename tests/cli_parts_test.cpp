@@ -76,10 +76,10 @@ TEST(CliParts, ValuesAreShownAsTheyAre) {
 class Log : public testing::Test {
  protected:
   ~Log() override { open_log({}); }
-  static std::string shown(const LogOptions& options, const std::function<void()>& act) {
+  static std::string shown(const LogOptions& options, const std::function<void()>& action) {
     open_log(options);
     testing::internal::CaptureStderr();
-    act();
+    action();
     return testing::internal::GetCapturedStderr();
   }
   static void write(Logger::LogLevel level, const std::string& text) {
