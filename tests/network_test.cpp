@@ -56,9 +56,9 @@ class FullServer : public DownServer {
 struct Row {
   const char* what;
   ScriptedServer::Script server;
-  milliseconds least;    // what a visit costs according to the operations guide
-  int result_alone;      // the result if there is no other server; with a good one it is 0
-  bool in_bound = true;  // long replies may take up to S for each piece: no bound holds
+  milliseconds least;     // what a visit costs according to the operations guide
+  int result_alone;       // the result if there is no other server; with a good one it is 0
+  bool has_bound = true;  // long replies may take up to S for each piece: no bound holds
 };
 
 class Network : public testing::Test {
@@ -127,9 +127,9 @@ TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
     SCOPED_TRACE(row.what);
     const ScriptedServer faulty(row.server);
     start(faulty.addr());
-    EXPECT_EQ(query(row.least, row.in_bound ? bound(1) : no_bound), row.result_alone);
-    EXPECT_EQ(query_raw(row.in_bound ? raw_bound(1) : no_bound), row.result_alone == 0);
-    if (row.in_bound) {
+    EXPECT_EQ(query(row.least, row.has_bound ? bound(1) : no_bound), row.result_alone);
+    EXPECT_EQ(query_raw(row.has_bound ? raw_bound(1) : no_bound), row.result_alone == 0);
+    if (row.has_bound) {
       start(faulty.addr() + "," + good_.addr());
       EXPECT_EQ(query(row.least, bound(2)), 0);
       EXPECT_EQ(query({}, bound(2)), 0);  // round-robin chooses the good server
