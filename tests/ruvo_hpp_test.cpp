@@ -264,7 +264,7 @@ TEST_F(InCpp, AnswersHaveTheirTypes) {
   using maybe = std::vector<std::optional<std::string>>;
   using map = std::map<std::string, int>;
   using stream = std::vector<std::pair<std::string, std::map<std::string, std::string>>>;
-  const std::string flat = lua("{'a','1','b','2'}");
+  const std::string alternating = lua("{'a','1','b','2'}");
   // clang-format off
   const std::vector<std::pair<std::string, std::string>> answers{
       {show(pool.ask<void>("SET", "n", 41)), "done"}, {show(pool.ask<int>("GET", "n")), "41"},
@@ -281,7 +281,7 @@ TEST_F(InCpp, AnswersHaveTheirTypes) {
       {show(pool.ask<std::optional<int>>("GET", "none")), "none"}, {show(pool.ask<std::optional<int>>("STRLEN", "t")), "4"},
       {show(pool.ask<texts>("MGET", "t", "t")), "text text"}, {show(pool.ask<texts>("MGET", "t", "none")), "-1"},
       {show(pool.ask<maybe>("MGET", "t", "none")), "text none"}, {show(pool.ask<texts>("KEYS", "none")), ""},
-      {show(pool.ask<texts>("GET", "t")), "-1"}, {show(pool.ask<map>("EVAL", flat, 0)), "a=1 b=2"},
+      {show(pool.ask<texts>("GET", "t")), "-1"}, {show(pool.ask<map>("EVAL", alternating, 0)), "a=1 b=2"},
       {show(pool.ask<std::unordered_map<std::string, bool>>("EVAL", lua("{'a','1'}"), 0)), "a=yes"},
       {show(pool.ask<map>("EVAL", lua("{'a','1','b'}"), 0)), "-1"}, {show(pool.ask<map>("EVAL", lua("{'a','b'}"), 0)), "-1"},
       {show(pool.ask<scores>("EVAL", lua("{'a','.5'}"), 0)), "a=0.5"}, {show(pool.ask<scores>("EVAL", lua("{{'a',1},{'b',2}}"), 0)), "a=1 b=2"},
