@@ -23,7 +23,7 @@ class MemoryFailure : public testing::Test {
     EXPECT_EQ(RUVO_Fini(), RUVO_OK);
   }
   // Calls while the allocation with this number fails, and stores the result. False if the call
-  // met_failure no failure.
+  // met no failure.
   template <typename Call>
   static bool fails(int number, int& result, Call call) {
     allocations = 0;
