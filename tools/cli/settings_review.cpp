@@ -97,10 +97,11 @@ std::string Review::review_value(const setting& key, const std::string& value) c
       ": the default, " + default_text(key, options_.recommended_defaults) + ", is used";
   if (key.kind == setting_kind::truth) {
     const std::optional<bool> truth = parse_truth(value);
-    const bool is_idle = key.needed_number != nullptr && options_.*key.needed_number == 0;
-    return !truth              ? "is not true, 1, false or 0" + used
-           : is_idle && *truth ? "needs a call_timeout: it counts as absent"
-                               : "";
+    const bool lacks_needed_number =
+        key.needed_number != nullptr && options_.*key.needed_number == 0;
+    return !truth                          ? "is not true, 1, false or 0" + used
+           : lacks_needed_number && *truth ? "needs a call_timeout: it counts as absent"
+                                           : "";
   }
   if (key.kind != setting_kind::number) {
     return "";

@@ -123,7 +123,7 @@ const char* text_in(const vop_config& config, const setting& key) {
 
 // Stores the file's value of a key. False, with a report, if the file has none that can be used.
 template <typename Value>
-bool read(const vop_config& config, const setting& key, bool is_idle, Value& value,
+bool read(const vop_config& config, const setting& key, bool lacks_needed_number, Value& value,
           const fault_listener& refuse) {
   const char* const text = text_in(config, key);
   if (text == nullptr) {
@@ -131,7 +131,7 @@ bool read(const vop_config& config, const setting& key, bool is_idle, Value& val
   }
   Value found = value;
   const bool is_of_its_kind = parse(key, text, found);
-  if (is_of_its_kind && !(is_idle && found != value)) {
+  if (is_of_its_kind && !(lacks_needed_number && found != value)) {
     value = found;
     return true;
   }
@@ -207,10 +207,11 @@ found_options find_options(const vop_config& config, const fault_listener& refus
   client_options& options = found.options;
   for (const setting& key : all_settings()) {
     key.with_field(options, [&](auto& value) {
-      const bool is_idle = key.needed_number != nullptr && options.*key.needed_number == 0;
-      if (read(config, key, is_idle, value, refuse)) {
+      const bool lacks_needed_number =
+          key.needed_number != nullptr && options.*key.needed_number == 0;
+      if (read(config, key, lacks_needed_number, value, refuse)) {
         found.has_content.at(static_cast<std::size_t>(key.line)) = true;
-      } else if (options.recommended_defaults && !is_idle && *key.recommended != '\0') {
+      } else if (options.recommended_defaults && !lacks_needed_number && *key.recommended != '\0') {
         parse(key, key.recommended, value);
       }
     });
