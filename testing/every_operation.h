@@ -27,7 +27,7 @@ struct Operation {
            code == other_result;
   }
   // What it returns while the library is not ready; for a raw command a null reply.
-  int unready() const;
+  int result_before_start() const;
 };
 
 // Frees what a call returns; what it fills is empty unless it succeeds.
@@ -55,7 +55,7 @@ inline int raw_command(const char* key, int pool) {
   return reply != nullptr ? RUVO_OK : RUVO_ERR_FAILED;
 }
 
-inline int Operation::unready() const {
+inline int Operation::result_before_start() const {
   return function == raw_command ? RUVO_ERR_FAILED : RUVO_ERR_NOT_INITIALIZED;
 }
 

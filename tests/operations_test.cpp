@@ -276,8 +276,10 @@ TEST(Operations, RefuseNullPointersAndTooLongArguments) {
           (std::vector<LogCapture::Line>{{ERROR, "ruvo_redis::" + one.name + " | " + expected}}));
     }
     for (const Operation& one : operations) {
-      if (one.unready() == RUVO_ERR_NOT_INITIALIZED) {  // a raw command uses the key as a format
-        EXPECT_EQ(one.call(nullptr), initialised ? RUVO_ERR_NULL_ARGUMENT : one.unready());
+      if (one.result_before_start() ==
+          RUVO_ERR_NOT_INITIALIZED) {  // a raw command uses the key as a format
+        EXPECT_EQ(one.call(nullptr),
+                  initialised ? RUVO_ERR_NULL_ARGUMENT : one.result_before_start());
         const std::vector<LogCapture::Line> lines = log.take();
         ASSERT_FALSE(lines.empty()) << one.name;
         EXPECT_EQ(lines[0].level, ERROR);
