@@ -156,8 +156,8 @@ TEST_F(Statistics, AReaderFindsWhatTheHostCounts) {
   waiting_mark waiting;
   waiting.begin(first);
   {
-    waiting_mark over;
-    over.begin(first);
+    waiting_mark abandoned;
+    abandoned.begin(first);
     waiting_mark ended;
     ended.begin(first);
     std::jthread([&ended] { ended.end(); }).join();
