@@ -33,8 +33,8 @@ struct data_operation {
   const char* origin;                  // class and method at the start of its log lines
   const char* null_text;               // log text if a required pointer is null
   const char* failed_origin = origin;  // may name another method: deployed systems rely on it
-  const char* verb = nullptr;          // of the log line of its success, if it has one
-  BaseLib::Logger::LogLevel absent_level = BaseLib::Logger::ERROR;  // of the line of a nil reply
+  const char* verb = nullptr;          // in the log line of a success; null: there is none
+  BaseLib::Logger::LogLevel absent_level = BaseLib::Logger::ERROR;  // of the line about a nil reply
   int reply_type = any_type;
   unexpected_type policy = unexpected_type::logged_as_error;
   int unexpected_result = RUVO_ERR_FAILED;  // for a reply of another type

@@ -38,7 +38,7 @@ void close_slots(server_node& server) {
 // The results of opening the connections of a pool.
 struct connection_tally {
   int good = 0;
-  int failure = RUVO_OK;  // of a connection that could not be opened
+  int failure = RUVO_OK;  // the code for a connection that could not be opened
 };
 
 // Opens a connection. A server that is down keeps its slot, to be reconnected when it is used; one

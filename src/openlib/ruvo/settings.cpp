@@ -121,7 +121,7 @@ const char* text_in(const vop_config& config, const setting& key) {
   return config.get_str_val(key.section, key.name.c_str());
 }
 
-// Stores the file's value of a key. False, with a report, if the file has none that can be used.
+// Stores the value that the file gives a key. False if it gives none, or one that is refused.
 template <typename Value>
 bool read(const vop_config& config, const setting& key, bool lacks_needed_number, Value& value,
           const fault_listener& refuse) {
