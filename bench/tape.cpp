@@ -88,8 +88,8 @@ std::size_t Tape::next(char* buffer, std::size_t size, bool peeks) {
 
 bool Tape::has_more() const { return position_ < replies_[reply_].size(); }
 
-// Replaces the C library's functions: exported, so that the shared libraries find these. Checked
-// calls of the library use those with "chk".
+// Replaces the C library's functions: exported, so that the shared libraries find these. The
+// library is built with _FORTIFY_SOURCE, whose checked calls use those with "chk".
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name,bugprone-reserved-identifier)
 extern "C" {
 

@@ -180,7 +180,7 @@ milliseconds Driver::length_of(Fault fault, std::mt19937_64& plan) const {
   }
 }
 
-// On a machine that is too slow for the plan the pauses stay.
+// On a machine that is too slow for the plan, a pause still has its lower bound.
 void Driver::plan_next(Pool& pool) {
   pool.next = std::max(pool.next + between(pool.plan, shortest_pause_ms, longest_pause_ms),
                        Clock::now() + milliseconds(shortest_pause_ms));

@@ -137,7 +137,7 @@ class LoadKeys {
   }
 
  private:
-  // Repeats the action until it returns that it is done.
+  // Calls the action for every key, until it returns false.
   template <typename Action>
   void for_all(Action action) const {
     for (const Family family : mix_.families) {
