@@ -234,15 +234,15 @@ class Watch {
   }
 
   std::vector<Server>& servers() {
-    return following_ ? following_->servers() : servers_before_start_;
+    return server_watch_ ? server_watch_->servers() : servers_before_start_;
   }
 
   void run_round() {
     if (!library_ && may_start()) {
       start();
     }
-    if (following_) {
-      following_->probe(options_.pool);
+    if (server_watch_) {
+      server_watch_->probe(options_.pool);
     }
     for (Server& server : servers()) {
       server.cause = server.state == State::up
@@ -290,7 +290,7 @@ class Watch {
       addresses_.push_back(server.addr);
     }
     if (library_->is_ready()) {
-      following_ = std::make_unique<ServerWatch>(addresses_);
+      server_watch_ = std::make_unique<ServerWatch>(addresses_);
     } else {
       std::fprintf(stderr,
                    "ruvo_cli: watch: the library could not start: from now on servers "
@@ -304,7 +304,7 @@ class Watch {
   std::optional<site_settings> configuration_;
   std::vector<std::string> addresses_;
   std::unique_ptr<Library> library_;
-  std::unique_ptr<ServerWatch> following_;
+  std::unique_ptr<ServerWatch> server_watch_;
   std::vector<Server> servers_before_start_;  // while the library is not started
 };
 
