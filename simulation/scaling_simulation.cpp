@@ -2,7 +2,7 @@
 // of hosts that use the library, for the figures of docs/scaling.md. It is seeded, so it prints the
 // same each time.
 //
-//   scaling_simulation                             all points of the pictures, as CSV
+//   scaling_simulation                             all points of the figures, as CSV
 //   scaling_simulation --threads 16 --servers 1    one point; --help lists its parameters
 //
 // The threads of a host choose servers and their connections round-robin, and wait for the
@@ -52,7 +52,7 @@ struct Point {
   std::size_t threads = 16;      // of each host
   std::size_t connections = 16;  // of each host, to each server
   std::size_t servers = 2;
-  double round_trip = 200;  // microseconds; so are the next two
+  double round_trip = 200;  // microseconds, like the other times
   double service = 10;      // the mean; service and wake-up times are exponentially distributed
   double host_work = 10;    // between a reply and the next call
   double pause = 0;         // the mean of a thread's further idle time, exponentially distributed
@@ -268,7 +268,7 @@ class Simulation {
 
 // One host shows what its threads gain from more connections, eight hosts what they gain from more
 // servers.
-std::vector<Point> points_of_the_pictures() {
+std::vector<Point> points_of_figures() {
   std::vector<Point> points;
   for (const std::size_t threads : thread_counts) {
     for (const std::size_t connections : connection_counts) {
@@ -330,7 +330,7 @@ int run(int argc, char** argv) {
     print(point);
     return 0;
   }
-  for (const Point& one : points_of_the_pictures()) {
+  for (const Point& one : points_of_figures()) {
     print(one);
   }
   return 0;
