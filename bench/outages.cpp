@@ -357,7 +357,7 @@ int run(int argc, char** argv) {
   for (const Row& row : rows()) {
     names.emplace_back(row.name);
   }
-  CLI::App app("Puts faults below a host and counts the calls that fail");
+  CLI::App app("Injects faults into the servers of a host and counts the calls that fail");
   app.add_option("rows", only, "Rows to run, all by default")->check(CLI::IsMember(names));
   app.add_option("--threads", thread_count, "Threads of the host, on 2 connections to each server")
       ->capture_default_str()

@@ -1,4 +1,4 @@
-// One of two servers hangs below a host with the recommended defaults.
+// One of the two servers of a host with the recommended defaults hangs.
 #include <gtest/gtest.h>
 #include <ruvo/ruvo.h>
 
