@@ -25,7 +25,7 @@ std::string join(const std::vector<std::string>& parts, const char* between) {
 
 bool is_usable(const ServerReport& server) { return server.probe.answers() && server.up > 0; }
 
-bool is_whole(const ServerReport& server) {
+bool is_fully_up(const ServerReport& server) {
   return is_usable(server) && server.probe.is_up() && server.down.empty();
 }
 
@@ -33,9 +33,9 @@ bool is_up(const PoolReport& pool) {
   return pool.result == RUVO_OK && std::ranges::any_of(pool.servers, is_usable);
 }
 
-bool is_whole(const PoolReport& pool) {
-  return is_up(pool) &&
-         std::ranges::all_of(pool.servers, [](const ServerReport& one) { return is_whole(one); });
+bool is_fully_up(const PoolReport& pool) {
+  return is_up(pool) && std::ranges::all_of(
+                            pool.servers, [](const ServerReport& one) { return is_fully_up(one); });
 }
 
 // The library's result is not enough: connections may be up although commands get no answer, and
@@ -45,7 +45,7 @@ std::string state_of(const PoolReport& pool) {
     return "not tried";
   }
   if (is_up(pool)) {
-    return is_whole(pool) ? "up" : "up in part";
+    return is_fully_up(pool) ? "up" : "up in part";
   }
   if (pool.servers.empty()) {
     return std::string(ruvo_result_text(*pool.result)) + " (" + std::to_string(*pool.result) + ")";
@@ -232,11 +232,11 @@ json report_json(const Options& options, const StartupReport& report,
 
 ExitStatus status_of(const StartupReport& report, const std::vector<Finding>& findings) {
   const auto up = [](const PoolReport& pool) { return is_up(pool); };
-  const auto whole = [](const PoolReport& pool) { return is_whole(pool); };
-  return !std::ranges::all_of(report.pools, up)      ? pools_down
-         : !std::ranges::all_of(report.pools, whole) ? connections_down
-         : !findings.empty()                         ? settings_misread
-                                                     : succeeded;
+  const auto fully_up = [](const PoolReport& pool) { return is_fully_up(pool); };
+  return !std::ranges::all_of(report.pools, up)         ? pools_down
+         : !std::ranges::all_of(report.pools, fully_up) ? connections_down
+         : !findings.empty()                            ? settings_misread
+                                                        : succeeded;
 }
 
 }  // namespace
