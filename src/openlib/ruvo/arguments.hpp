@@ -203,8 +203,9 @@ class c_bytes {
 };
 
 /// @cond
-// Reports a time that is too short: Clang checks the call, GCC what is left of it after inlining.
-// RUVO_FROM follows a function that takes a time, fits() is in it; ruvo.hpp undefines them.
+// A time that is too short does not compile: Clang checks the call (RUVO_FROM, at the head of a
+// function that takes a time), GCC the inlined call (fits(), in its body). ruvo.hpp undefines the
+// macros.
 #define RUVO_TIME_TOO_SHORT \
   "ruvo: the time is too short: 1 or more of its unit, for expire 0 or more"
 #ifdef __clang__
@@ -387,7 +388,8 @@ class words {
 
   /// The number of words.
   std::size_t size() const noexcept { return places_.size(); }
-  /// Views of the words, valid as long as this object; null for a word given as a null pointer.
+  /// Views of the words, valid until the next add() or the end of this object; null for a word
+  /// given as a null pointer.
   std::vector<std::string_view> views() const {
     std::vector<std::string_view> all;
     all.reserve(size());
