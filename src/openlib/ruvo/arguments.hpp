@@ -203,9 +203,9 @@ class c_bytes {
 };
 
 /// @cond
-// A time that is too short does not compile: Clang checks the call (RUVO_FROM, at the head of a
-// function that takes a time), GCC the inlined call (fits(), in its body). ruvo.hpp undefines the
-// macros.
+// A time that is too short does not compile: Clang checks the call (RUVO_FROM, after the
+// parameters of a function that takes a time), GCC the inlined call (fits(), in its body). ruvo.hpp
+// undefines the macros.
 #define RUVO_TIME_TOO_SHORT \
   "ruvo: the time is too short: 1 or more of its unit, for expire 0 or more"
 #ifdef __clang__
