@@ -704,7 +704,7 @@ template <typename T>
 inline constexpr bool is_plain = reader<T>::known&& reader<T>::plain;
 
 template <typename Number>
-bool number_in(std::string_view text, Number& to) noexcept {
+bool read_number(std::string_view text, Number& to) noexcept {
   const char* end = text.data() + text.size();
   const auto [rest, error] = std::from_chars(text.data(), end, to);
   return error == std::errc() && rest == end && !text.empty();
@@ -724,8 +724,8 @@ struct reader<T, std::enable_if_t<is_readable_number<T>>> {
   static constexpr bool known = true;
   static constexpr bool plain = true;
   static bool read(const reply_view& from, T& to) {
-    return from.type() == REDIS_REPLY_INTEGER ? number_in(std::to_string(from.integer()), to)
-                                              : has_text(from) && number_in(from.text(), to);
+    return from.type() == REDIS_REPLY_INTEGER ? read_number(std::to_string(from.integer()), to)
+                                              : has_text(from) && read_number(from.text(), to);
   }
 };
 
