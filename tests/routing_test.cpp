@@ -55,8 +55,8 @@ TEST_F(Routing, UsesServersRoundRobinOrFromAPosition) {
   EXPECT_EQ(next_positions(1, 4), positions{1});
   EXPECT_EQ(next_positions(2, -1, ePersistServer), (positions{0, 1}));
   server_node& node = server(2, ePersonalityServer);
-  for (const int turn : {0, 1}) {
-    for (int i = turn; i <= 10001; ++i) {
+  for (const int first : {0, 1}) {
+    for (int i = first; i <= 10001; ++i) {
       ASSERT_EQ(next_positions(1)[0], i % 3) << i;
       ASSERT_EQ(client_.get_conn(node, ePersonalityServer),
                 &node.context_arr_.at(static_cast<std::size_t>(i) % 7));
