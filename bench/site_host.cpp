@@ -132,7 +132,7 @@ int run(int argc, char** argv) {
   int seconds = 20;
   int threads = 16;
   bool require_none = false;
-  CLI::App app("Writes and reads from many threads, and prints each second what became of it");
+  CLI::App app("Writes and reads from many threads, and prints the results of each second");
   app.add_option("--config", config, "Local configuration file")->required();
   app.add_option("--seconds", seconds, "How long to run")
       ->capture_default_str()

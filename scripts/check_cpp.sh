@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks the headers for C++ hosts with GCC and Clang, as C++17, C++20 without exceptions and RTTI, and C++23: the
-# examples of ruvo.hpp, optimised and not; the mistakes that must not compile; each header on its own; another hiredis
-# than the library's. Needs the release build, whose headers it uses.
+# examples of ruvo.hpp, optimised and not; the mistakes that must not compile; each header on its own; a hiredis of
+# another major version than the library's. Needs the release build, whose headers it uses.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,7 +35,7 @@ refuse_mistakes() {
   "${compile[@]}" -c -DMISTAKE=0
   while read -r number only sentence; do
     if [ "$only" = any ] || [ "$only" = "$compiler" ]; then
-      # GCC sees a time only if it optimises.
+      # GCC reports a time that is too short only if it optimises.
       step=-fsyntax-only
       [ "$compiler $sentence" != "g++ the time is too short" ] || step=-c
       if "${compile[@]}" "$step" "-DMISTAKE=$number" 2>"$name/errors" || ! grep -qE "error: .*($sentence)" "$name/errors"; then
@@ -81,7 +81,7 @@ mkdir "$work/hiredis"
 printf '#include_next <hiredis/hiredis.h>\n#undef HIREDIS_MAJOR\n#define HIREDIS_MAJOR 99\n' >"$work/hiredis/hiredis.h"
 if g++ -std=c++17 -I"$work" -I"$headers" -fsyntax-only "$work/examples.cpp" 2>"$work/errors" ||
   ! grep -q "this libruvo was built with hiredis" "$work/errors"; then
-  echo "ruvo.hpp takes another hiredis than the library's" >&2
+  echo "ruvo.hpp accepts a hiredis of another major version than the library's" >&2
   exit 1
 fi
 

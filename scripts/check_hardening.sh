@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Are the libraries and programs named, as installed, hardened as cmake/hardening.cmake says? Only
+# Checks that installed libraries and programs are hardened as cmake/hardening.cmake says. Only
 # -fstack-clash-protection cannot be checked: it changes only functions with frames of a page or more, and there may be
 # none.
 #

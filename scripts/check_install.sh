@@ -41,7 +41,7 @@ set(CMAKE_CXX_STANDARD 17)
 set(BUILD_SHARED_LIBS OFF)
 add_subdirectory($PWD ruvo)
 CMAKE
-# Prints the project's files that the host would install with these options: documents, which need no build.
+# Prints the project's files that the host installs with these options: only documents, since these need no build.
 installed_by_host() {
   rm -rf "$work/host_build" "$work/host_prefix"
   cmake -S "$work/host" -B "$work/host_build" -G Ninja "$@" >/dev/null

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Checks a model of the calls that share a connection: the library's own pipeline.cpp on relacy. Tries all
-# states of two threads, the orders of two and of three threads with few preemptions, and random orders of each scenario
-# of tests/model/pipeline_model.cpp. Then plants the faults of tests/model/faults.txt, each of which must be found.
+# Checks a model of the calls that share a connection: the library's own pipeline.cpp and forking.cpp on relacy. Tries
+# all states of two threads, the orders of two and of three threads with few preemptions, and random orders of each
+# scenario of tests/model/pipeline_model.cpp. Then plants the faults of tests/model/faults.txt, each of which must be
+# found.
 #
 #   scripts/check_model.sh [EXECUTIONS]     of each scenario at random (20000)
 set -euo pipefail

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Injects faults into one of a host's two servers (it hangs for a minute, is down, restarts, becomes a replica).
-# The host runs without any key and with a new site's configuration. Draws the host's goodput, for docs/operations.md. Takes six
-# minutes on an otherwise idle machine.
+# Injects faults into one of a host's two servers: it hangs for a minute, is down, restarts, becomes a replica. The host
+# runs once without any key and once with a new site's configuration. Draws the calls served and the slowest call, for
+# docs/operations.md. Takes six minutes on an otherwise idle machine.
 #
 #   scripts/plot_worst_case.sh [FOLDER]     where worst_case.csv and the picture go (docs/figures)
 #   scripts/plot_worst_case.sh --draw       only draws the CSV that is there

@@ -3,7 +3,7 @@
 #
 #   scripts/test.sh [PRESET] [ARGUMENT OF CTEST...]
 #       PRESET    release (the default), debug, asan or tsan
-#       ARGUMENT  such as -R walk (only tests with this in their names), --repeat until-fail:20, -j 1
+#       ARGUMENT  such as -R Walk (only tests with this in their names), --repeat until-fail:20, -j 1
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=release

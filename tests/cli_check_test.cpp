@@ -329,8 +329,9 @@ TEST(CliWatch, StartsTheLibraryWhenTheFirstServerAnswers) {
   RedisServer redis;
   const Tool tool(all_pools_at(redis.addr()));
   redis.kill();
-  expect_output(tool, "watch --rounds 1", 5,
-                {"no server of the main pools answers", "not started", "  refused\n"});
+  expect_output(
+      tool, "watch --rounds 1", 5,
+      {"no server of the temporary or the persistent pool answers", "not started", "  refused\n"});
   const TempDir dir;
   ProgramResult watched{};
   std::jthread watch([&] {

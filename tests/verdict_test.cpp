@@ -101,7 +101,7 @@ TEST(Verdict, EachConditionCanBeBroken) {
       {{site, lost, idle, none, false, 0, 1, held, held}, "every acknowledged increment stored"},
       {{site, extra, idle, none, false, 0, 1, held, held}, "no increment counted twice"},
       {{site, good, waiting, none, false, 0, 1, held, held}, "each thread waited at most once in an outage"},
-      {{site, good, slow, none, false, 0, 1, held, held}, "every call within its bound"},
+      {{site, good, slow, none, false, 0, 1, held, held}, "every call within its upper bound"},
       {{site, good, failing, none, false, 0, 1, held, held}, "no call failed except where the rules allow it"},
       {{site, good, giving_up, none, false, 0, 1, held, held}, "no server given up while it was up"},
       {{site, good, giving_up, none, true, 0, 1, held, held}, ""},

@@ -337,7 +337,7 @@ void add_options(CLI::App& app, Options& options) {
                "Use the servers of --config whatever keys they have")
       ->needs(config);
   auto* command = app.add_option("--fault-command", options.fault_command,
-                                 "Program that takes a configured server down and up")
+                                 "Program that takes a configured server down and brings it up")
                       ->needs(config);
   app.add_option("--outside-faults", options.outside_faults,
                  "The operator injects faults: into a 'single' server of a pool at a time, or in "

@@ -16,7 +16,7 @@ std::vector<Condition> conditions_of(const RunFacts& run) {
   std::vector<Condition> conditions{
       {run.totals.wrong_values == 0 && run.totals.values_checked > 0, "no wrong value"},
       {run.totals.increments_lost == 0, "every acknowledged increment stored"},
-      {run.judge.too_long() == 0, "every call within its bound"},
+      {run.judge.too_long() == 0, "every call within its upper bound"},
   };
   const client_options& options = run.site.settings.options;
   if (options.send_once) {

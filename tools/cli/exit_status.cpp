@@ -42,11 +42,11 @@ std::string exit_status_help() {
        {nothing_done, "nothing done or found (-2)"},
        {failed, "failed: no server, or an error reply (-1, 10112); load: some calls failed"},
        {pools_down,
-        "no main pool is up (RUVO_Init: 3); check: some pool cannot be used; watch: no server is "
-        "up"},
+        "neither the temporary nor the persistent pool is up (RUVO_Init: 3); check: some pool "
+        "cannot be used; watch: no server is up"},
        {connections_down,
-        "check: every pool is up, but some servers or connections are not; watch: some servers are "
-        "not up"},
+        "check: every pool can be used, but some servers or connections are not up; watch: some "
+        "servers are not up"},
        {settings_misread, "check: all is up, but settings are not read as written"},
        {unreadable_input, "an input file cannot be read"}});
 }
@@ -54,7 +54,7 @@ std::string exit_status_help() {
 std::string exit_status_help(StatusTexts own) {
   own.merge(StatusTexts{
       {bad_configuration, "the configuration cannot be used (RUVO_Init: 10102, 10106, 10115, -1)"},
-      {pools_down, "no main pool is up (RUVO_Init: 3)"},
+      {pools_down, "neither the temporary nor the persistent pool is up (RUVO_Init: 3)"},
       {no_memory, "out of memory (10113)"},
       {wrong_usage, "wrong usage"},
       {internal_error, "an error of the tool itself"},

@@ -44,7 +44,7 @@ const char* start_text(int result) {
 
 Library::Library(const std::string& config) : config_(config), library_(config) {}
 
-// One main pool is enough for a start.
+// The temporary or the persistent pool is enough for a start.
 bool Library::is_ready() const {
   return library_ || result() == RUVO_INIT_TEMP_POOL_FAILED ||
          result() == RUVO_INIT_PERSIST_POOL_FAILED;

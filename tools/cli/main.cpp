@@ -274,7 +274,7 @@ void add_programs(CLI::App& app, CommandLine& line) {
       .footer(exit_status_help(
           {{succeeded, "every server and connection is up, every setting is read as written"},
            {pools_down, "some pool cannot be used"},
-           {connections_down, "every pool can be used; some servers or connections are not up"},
+           {connections_down, "every pool can be used, but some servers or connections are not up"},
            {settings_misread, "all is up, but settings are not read as written"}}));
   CLI::App& listing =
       add_command(app, line, "settings", "List every key that a configuration can hold", group,

@@ -33,7 +33,7 @@ inline constexpr std::array server_counters{
                   &ruvo_server_counters::failed_reconnects},
     ServerCounter{"ejections", "Times that the server was ejected",
                   &ruvo_server_counters::ejections},
-    ServerCounter{"retries", "Times that the server was tried again after its ejection",
+    ServerCounter{"retries", "Times that the server was retried after an ejection",
                   &ruvo_server_counters::retries},
 };
 

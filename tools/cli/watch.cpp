@@ -1,8 +1,8 @@
 // The command `watch`: reads from every server of a pool once a second, and derives the state of
 // each from the library's log lines. A server that is not up is probed directly, for the cause.
 //
-// A failed start-up is final for a process. So while no server of a main pool answers, the library
-// is not started, and all servers are probed directly.
+// A failed start-up is final for a process. So while no server of the temporary or the persistent
+// pool answers, the library is not started, and all servers are probed directly.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -225,8 +225,8 @@ class Watch {
       start();
     } else {
       std::fprintf(stderr,
-                   "ruvo_cli: watch: no server of the main pools answers: the library is "
-                   "started when one does\n");
+                   "ruvo_cli: watch: no server of the temporary or the persistent pool answers: "
+                   "the library is started when one does\n");
     }
     if (addresses_.empty()) {
       throw Failure(pools_down, std::string("pool ") + pool_name(options.pool) + " has no servers");

@@ -38,7 +38,7 @@ struct data_operation {
   int reply_type = any_type;
   unexpected_type policy = unexpected_type::logged_as_error;
   int unexpected_result = RUVO_ERR_FAILED;  // for a reply of another type
-  bool is_idempotent = true;                // may run twice
+  bool is_idempotent = true;                // a second run has no further effect
 };
 
 // A pointer that must not be null, with the length of its data if the caller gives one.

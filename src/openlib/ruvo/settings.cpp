@@ -48,7 +48,7 @@ std::vector<setting> make_settings() {
       {common, "raw_commands_stay_in_pool", kind::truth, "", "true", 0, "a raw command fails over within its own pool only", &O::raw_commands_stay_in_pool, 0, 2},
       {common, "start_without_servers", kind::truth, "", "true", 0, "a connection that cannot be opened at start-up is opened on first use", &O::start_without_servers, 0, 2},
       {common, "failover_replies", kind::texts, "", failover_replies, 0, "an error reply that begins with one of these texts counts as no reply: the call fails over", &O::failover_replies, 0, 2},
-      {common, "send_once", kind::truth, "", "", 0, "a command that may not run twice is sent at most once", &O::send_once, 0, 2},
+      {common, "send_once", kind::truth, "", "", 0, "a command that is not idempotent is sent at most once", &O::send_once, 0, 2},
       {common, "wait_for_servers", kind::truth, "", "true", 0, "a call that finds no server waits until one answers or its deadline comes; needs call_timeout", &O::wait_for_servers, 0, 2, &O::call_timeout},
       {common, "stats_file", kind::path, "", "", 0, "the statistics file; %p in its path is the process id", &O::stats_file, 0, 2},
       {common, "slow_call_log", kind::number, "ms", "", 0, "a call that takes at least this long is logged at WARN; 0: none", &O::slow_call_log, 0, 2},
