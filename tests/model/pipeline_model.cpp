@@ -28,11 +28,12 @@ constexpr std::chrono::nanoseconds begin_of_time = seconds(1000);
 
 // Events that may happen in an execution, with an upper bound for each.
 struct events {
-  unsigned breaks = 0;    // the server closes a connection, before or after it runs a command
-  unsigned refusals = 0;  // of a new connection
-  unsigned partials = 0;  // the socket takes only part of a write
-  unsigned delays = 0;    // a reply arrives after the waiting call has given up
-  unsigned forks = 0;     // thread 0 continues in a child
+  unsigned breaks = 0;      // the server closes a connection, before or after it runs a command
+  unsigned refusals = 0;    // of a new connection
+  unsigned rejections = 0;  // a reply says that the server will not serve
+  unsigned partials = 0;    // the socket takes only part of a write
+  unsigned delays = 0;      // a reply, or the second send, comes after the deadline
+  unsigned forks = 0;       // thread 0 continues in a child
 };
 
 struct scenario {
@@ -56,6 +57,8 @@ constexpr std::array scenarios{
     scenario{"partial", 3, 2, {.partials = 2}},
     scenario{"break", 3, 2, {.breaks = 1}},
     scenario{"breaks", 3, 1, {.breaks = 2}},
+    scenario{"rejection", 3, 1, {.rejections = 1, .partials = 1}},
+    scenario{"rejections", 3, 1, {1, 1, 2, 1, 1}, 3},
     scenario{"no_resend", 3, 2, {.breaks = 1}, 0, true, true},
     scenario{"rebuild", 3, 2, {.breaks = 1, .refusals = 1}, 0, false, false, false, true},
     scenario{"deadline", 3, 2, {.delays = 1}, 1},
@@ -297,20 +300,6 @@ void receive_byte(peer& peer, std::uint8_t byte) {
   }
 }
 
-class model_rebuilder final : public rebuilder {
- public:
-  context_ptr rebuild() override {
-    model::step();
-    if (happens(current_world().left.refusals)) {
-      current_world().has_refused = true;
-      return nullptr;
-    }
-    context_ptr fresh(open_peer());
-    model::note("opens connection", fresh->fd);
-    return fresh;
-  }
-};
-
 constexpr std::array<char, 2 * max_calls> command_bytes = [] {
   std::array<char, 2 * max_calls> bytes{};
   for (unsigned i = 0; i < bytes.size(); ++i) {
@@ -327,6 +316,7 @@ int model_shutdown(int number, int) {
 }
 
 ssize_t send_some(const redisContext& context, std::span<iovec> bytes) {
+  check(!bytes.empty(), "nothing is written");
   peer& peer = used_peer(context);
   const exclusive_use writes(peer.is_written, "two threads write");
   model::step();
@@ -525,6 +515,22 @@ void may_fork() {
   }
 }
 
+class model_rebuilder final : public rebuilder {
+ public:
+  context_ptr rebuild() override {
+    model::step();
+    if (happens(current_world().left.refusals)) {
+      current_world().has_refused = true;
+      return nullptr;
+    }
+    may_fork();
+    context_ptr fresh(open_peer());
+    model::note("opens connection", fresh->fd);
+    may_fork();
+    return fresh;
+  }
+};
+
 void check_end(send_end end, unsigned number, const pipelined_call& call, time_point deadline,
                bool is_last) {
   switch (end) {
@@ -564,10 +570,18 @@ void make_call(unsigned number) {
   auto* call = new (record.memory.data()) pipelined_call(server(), slot(), wire, terms);
   send_end end = call->send();
   const bool may_have_run = chosen->must_not_resend && call->outcome().was_sent;
-  const bool sends_again = end == send_end::unanswered && !may_have_run;
+  bool sends_again = end == send_end::unanswered && !may_have_run;
   check_end(end, number, *call, terms.limits.deadline, !sends_again);
+  if (end == send_end::replied && happens(world.left.rejections)) {
+    call->take_reply().reset();
+    call->give_up("");
+    sends_again = true;
+  }
   if (sends_again) {
     may_fork();
+    if (terms.limits.deadline != no_deadline && happens(world.left.delays)) {
+      pass_time_until(terms.limits.deadline);
+    }
     model_rebuilder rebuilder;
     end = call->send_again(rebuilder);
     check_end(end, number, *call, terms.limits.deadline, true);

@@ -90,8 +90,8 @@ bool pool_outage::join(const log_names& names, time_point began, time_point dead
   return true;
 }
 
-void pool_outage::sleep(time_point until) const {
-  sleep_on(&ended_, ended_.load(std::memory_order_acquire), until);
+void pool_outage::sleep(std::uint32_t ended, time_point until) const {
+  sleep_on(&ended_, ended, until);
 }
 
 void pool_outage::end(const log_names& names) {

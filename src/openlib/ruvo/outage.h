@@ -57,15 +57,17 @@ class pool_outage {
   // of the waiting calls has passed, and the pool is given up until a server answers. `is_new`: it
   // has not waited yet.
   bool join(const log_names& names, time_point began, time_point deadline, bool is_new);
-  // Sleeps until a server answers, at most until `until`.
-  void sleep(time_point until) const;
+  // Outages that have ended.
+  std::uint32_t ended() const { return ended_.load(std::memory_order_acquire); }
+  // Sleeps until more than `ended` outages have ended, at most until `until`.
+  void sleep(std::uint32_t ended, time_point until) const;
 
  private:
   void end(const log_names& names);
 
   std::atomic<bool> has_answered_{false};
   std::atomic<bool> is_on_{false};
-  std::atomic<std::uint32_t> ended_{0};  // outages that have ended; waiters sleep on it
+  std::atomic<std::uint32_t> ended_{0};  // waiters sleep on it
   std::mutex mutex_;
   time_point began_{};  // guarded by mutex_, like the next two
   time_point given_up_at_{};

@@ -45,10 +45,21 @@ bool needs_check(const pipeline_state& state, time_point now) {
   return is_check_due(state, now) || (next != nullptr && !state.was_checked);
 }
 
+// The first call whose command may be sent. A call past its deadline is about to leave, as soon as
+// its thread comes back from the log; the rest of a command is sent in any case.
+queued_call* first_to_send(const call_list& list, time_point now) {
+  queued_call* call = list.front();
+  while (call != nullptr && call->written == 0 && now >= call->deadline) {
+    call = call->next;
+  }
+  return call;
+}
+
 // Must the next command be sent alone? Second sends come before it.
-bool must_send_alone_next(const pipeline_state& state) {
-  const queued_call* next = state.unsent.front();
-  return !state.alone.empty() && (next == nullptr || (!next->is_second_send && next->written == 0));
+bool must_send_alone_next(const pipeline_state& state, time_point now) {
+  const queued_call* next = first_to_send(state.unsent, now);
+  return first_to_send(state.alone, now) != nullptr &&
+         (next == nullptr || (!next->is_second_send && next->written == 0));
 }
 
 // Returns the first unused slot of the server from `slot` on, or `slot` if all are used. This call
@@ -193,17 +204,22 @@ send_end pipelined_call::send() {
 send_end pipelined_call::send_again(rebuilder& rebuilder) {
   guard lock(slot_);
   lock.lock();
-  if (state_.forks != forks_) {
-    // In the child of a fork: what the parent's threads have done for the call does not count.
-    call_.where = place::nowhere;
-    call_.written = 0;
-    call_.replies_to_skip = 0;
-    call_.is_being_written = call_.wakes_by_itself = call_.is_leaving = false;
-    call_.signal.store(queued_call::recheck, std::memory_order_relaxed);
-    add_user(state_, 1);
-    enqueue();
-  }
+  join_after_fork();
   return conclude(wait(lock, &rebuilder));
+}
+
+// True in the child of a fork: what the parent's threads have done for the call does not count.
+bool pipelined_call::join_after_fork() {
+  if (state_.forks == forks_) {
+    return false;
+  }
+  call_.where = place::nowhere;
+  call_.written = 0;
+  call_.replies_to_skip = 0;
+  call_.is_being_written = call_.is_leaving = false;
+  add_user(state_, 1);
+  enqueue();
+  return true;
 }
 
 // Between its sends a call is in a list, and may change: the caller gets a copy.
@@ -229,7 +245,6 @@ void pipelined_call::give_up(const char* reason) {
     state_.end = call_.error;
   }
   if (!std::exchange(call_.is_second_send, true)) {
-    call_.signal.store(queued_call::recheck, std::memory_order_relaxed);
     enqueue();
   }
   if (state_.in_flight.empty()) {
@@ -239,10 +254,13 @@ void pipelined_call::give_up(const char* reason) {
   conclude(send_end::unanswered);
 }
 
-// Second sends come before first sends; both keep their order.
+// Second sends come before first sends, but not into the middle of a command; both keep their
+// order.
 void pipelined_call::enqueue() {
   forks_ = state_.forks;
   call_.number = state_.next_number++;
+  call_.wakes_by_itself = false;
+  call_.signal.store(queued_call::recheck, std::memory_order_relaxed);
   if (call_.wire->refused()) {
     call_.where = place::alone;
     state_.alone.push_back(call_);
@@ -251,7 +269,7 @@ void pipelined_call::enqueue() {
   queued_call* position = nullptr;
   if (call_.is_second_send) {
     position = state_.unsent.front();
-    while (position != nullptr && position->is_second_send) {
+    while (position != nullptr && (position->is_second_send || position->written > 0)) {
       position = position->next;
     }
   }
@@ -374,11 +392,12 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
   if (state_.is_ending || state_.is_alone) {
     return write_chance::on_event;
   }
-  if (must_send_alone_next(state_)) {
+  if (must_send_alone_next(state_, now)) {
     return state_.in_flight.empty() && !state_.is_writing ? write_chance::now
                                                           : write_chance::on_event;
   }
-  if (state_.unsent.empty() || (!state_.in_flight.empty() && is_check_due(state_, now))) {
+  if (first_to_send(state_.unsent, now) == nullptr ||
+      (!state_.in_flight.empty() && is_check_due(state_, now))) {
     return write_chance::on_event;
   }
   if (state_.is_writing) {
@@ -432,11 +451,13 @@ void pipelined_call::write(guard& lock, time_point now) {
   std::array<queued_call*, max_write_commands> calls;
   std::array<iovec, max_write_commands> bytes;
   std::size_t count = 1;
-  if (must_send_alone_next(state_)) {
-    queued_call& call = state_.alone.pop_front();
+  if (must_send_alone_next(state_, now)) {
+    queued_call& call = *first_to_send(state_.alone, now);
+    state_.alone.remove(call);
     put_in_flight(call, now);
     state_.is_alone = true;
     if (call.wire->refused()) {
+      call.was_sent = false;
       call.wire->report_refusal(*slot_.context_);
       break_off();
       wake_next(lock);
@@ -456,13 +477,17 @@ void pipelined_call::write(guard& lock, time_point now) {
   state_.last_write = now;
   state_.pause = count > 1 ? write_pause : pause_after_single;
   lock.unlock();
-  const ssize_t sent = count > 0 ? send_some(*slot_.context_, std::span(bytes).first(count)) : 0;
+  const ssize_t sent = send_some(*slot_.context_, std::span(bytes).first(count));
   const int error = errno;
   lock.lock();
   state_.is_writing = false;
   note_written(lock, batch, sent > 0 ? static_cast<std::size_t>(sent) : 0);
   if (sent < 0) {
     stop_writing(error);
+  } else if (const queued_call* head = state_.head(); state_.is_ending &&
+                                                      state_.in_flight.empty() &&
+                                                      (head == nullptr || head->written == 0)) {
+    check_idle_connection();  // it began to end while the socket took nothing
   }
   wake_next(lock);
 }
@@ -664,7 +689,9 @@ void pipelined_call::check_idle_connection() {
   if (context.err != 0) {
     return;
   }
-  if (state_.is_ending) {
+  const queued_call* head = state_.head();
+  const bool may_write_rest = head != nullptr && head->written > 0 && !state_.has_failed_to_write;
+  if (state_.is_ending && !may_write_rest) {
     set_error(context, state_.end);
   } else if (state_.replies_to_skip == 0) {
     break_if_out_of_step(context);
@@ -737,7 +764,7 @@ void pipelined_call::finish_break(guard& lock) {
     call.error = connection_error(context);
     call.written = 0;
     call.replies_to_skip = 0;
-    const bool is_resent = !call.is_second_send && !call.must_not_resend;
+    const bool is_resent = !call.is_second_send && !(call.must_not_resend && call.was_sent);
     call.has_broken = !call.is_second_send;
     if (!is_resent) {
       end(call);
@@ -768,6 +795,9 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
   lock.unlock();
   context_ptr fresh = rebuilder.rebuild();
   lock.lock();
+  if (join_after_fork()) {
+    return;  // the log has forked: the connection may be the parent's
+  }
   state_.is_rebuilding = false;
   if (fresh) {
     replace_context(slot_, std::move(fresh));

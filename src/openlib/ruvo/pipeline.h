@@ -160,6 +160,7 @@ class pipelined_call final : public slot_call {
 
   void enqueue();
   send_end conclude(send_end end);
+  bool join_after_fork();
   send_end wait(guard& lock, rebuilder* rebuilder);
   send_end end_of_call() const;
   void sleep(guard& lock, time_point until);

@@ -252,6 +252,7 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
     if (pool_.servers_.empty()) {
       return end;
     }
+    const std::uint32_t ended = pool_.outage_.ended();  // before it is known whether to wait
     const bool others_are_answered = pool_.outage_.has_answered() && !pool_.outage_.is_on();
     if (others_are_answered && has_sent_ &&
         ++walks_while_others_answered > max_walks_while_others_answered) {
@@ -266,8 +267,8 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
       next_try = std::min(next_try, next_probe(server.probe_));
     }
     const time_point now = clock::now();
-    pool_.outage_.sleep(
-        std::min(command_.deadline, std::clamp(next_try, now + shortest_wait, now + longest_wait)));
+    pool_.outage_.sleep(ended, std::min(command_.deadline, std::clamp(next_try, now + shortest_wait,
+                                                                      now + longest_wait)));
     if (has_passed(command_.deadline)) {
       continue;
     }
