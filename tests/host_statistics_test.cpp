@@ -23,12 +23,16 @@ struct Numbers {
     std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(words.data()));
     const char* error = ruvo_stats_check(words.data(), bytes.size());
     EXPECT_EQ(error, nullptr) << error;
+    state = ruvo_stats_head(words.data())->state;
+    last_type = ruvo_stats_pool(words.data(), 2)->type;
     ruvo_stats_read_pool(ruvo_stats_pool(words.data(), 0), &pool);
     ruvo_stats_read_server(ruvo_stats_server(words.data(), 0), &server);
   }
   std::uint64_t in_flight() const { return ruvo_stats_in_flight(&server); }
 
-  ruvo_pool_counters pool;      // the temporary one
+  std::uint32_t state;
+  std::uint32_t last_type;      // of the last pool
+  ruvo_pool_counters pool;      // of the temporary one
   ruvo_server_counters server;  // its first
 };
 
@@ -85,6 +89,11 @@ TEST(HostStatistics, EveryCallIsCountedByItsResult) {
   EXPECT_EQ(numbers.server.reconnects, 1U);
   EXPECT_EQ(numbers.server.second_sends, 0U);  // the first attempt sent nothing
   EXPECT_EQ(numbers.in_flight() + numbers.server.waiting, 0U);
+  EXPECT_EQ(numbers.last_type, static_cast<std::uint32_t>(ePersonalityServer));
+  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+  EXPECT_EQ(Numbers(dir.path("s")).state, RUVO_STATS_ENDED);
+  ASSERT_EQ(start(HostConfig(all_pools_at(redis.addr()))), RUVO_OK);  // without the file
+  EXPECT_EQ(insert("k"), RUVO_OK);
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 

@@ -230,6 +230,21 @@ TEST_F(Judging, AServerMayBeGivenUpOnlyInAFault) {
   EXPECT_TRUE(outside.touches(two, Clock::now(), Clock::now()));
 }
 
+TEST_F(Judging, AFaultExplainsNothingThatWasBeforeIt) {
+  const Clock::time_point before = Clock::now() - std::chrono::hours(1);
+  EXPECT_FALSE(faults_.may_be_out_of_step(eTempServer, Clock::time_point(), Clock::now()));
+  for (const Step& step : {fault_in(two), outage(), extra_reply_in(eTempServer)}) {
+    step(faults_);
+  }
+  const Clock::time_point now = Clock::now();
+  EXPECT_FALSE(faults_.touches(two, before, before));
+  EXPECT_FALSE(faults_.outage_before(eTempServer, before, before));
+  EXPECT_FALSE(faults_.may_be_out_of_step(eTempServer, before, before));
+  EXPECT_TRUE(faults_.may_be_out_of_step(eTempServer, before, now));
+  EXPECT_FALSE(faults_.may_be_out_of_step(eTempServer, now + 2 * out_of_step_window,
+                                          now + 3 * out_of_step_window));
+}
+
 TEST_F(Judging, AfterALongOutageCallsFailUntilOneIsServed) {
   site_.settings.options.call_timeout = 100;
   const Step half_a_deadline = [](FaultRecord&) { std::this_thread::sleep_for(milliseconds(51)); };
@@ -339,6 +354,7 @@ TEST_F(Judging, EjectionsAreFollowedFromTheLog) {
   const std::string path = dir.path("log");
   EXPECT_FALSE(open_walk_log(dir.path("none/log")));
   ASSERT_TRUE(open_walk_log(path));
+  EXPECT_EQ(BaseLib::Logger::logLevel(), BaseLib::Logger::WARN);
   const ServerEvents before = server_events();
   judge({}, {skipped(one), skipped(one), skipped(two), retried(two)}, typed, RUVO_OK);
   ServerEvents events = server_events();

@@ -93,6 +93,7 @@ TEST_F(Log, LimitSuppressesLinesOfAKindAndLogsHowMany) {
     write(i);
   }
   counts(1 + 2, 1 + 2, 3 + 3);
+  EXPECT_EQ(log_.count_containing(" | 11 lines like the next one"), 2);  // those since the last
   BaseLib::Logger::setLogLevel(ERROR);  // the lines that count others are WARN lines
   now = first + 4;
   log_.clear();

@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "every_operation.h"
 #include "failing_memory.h"
 #include "host.h"
@@ -13,7 +15,14 @@ namespace {
 class MemoryFailure : public testing::Test {
  protected:
   MemoryFailure() {
-    BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel, const char*, std::size_t) {});
+    BaseLib::Logger::setOutput([](BaseLib::Logger::LogLevel level, const char* line, std::size_t) {
+      const auto has = [&](const char* text) { return std::strstr(line, text) != nullptr; };
+      if (level == BaseLib::Logger::ERROR) {
+        seen_ |= has("init_server_pool | memory overflow.") ? no_lock : 0;
+        seen_ |= has("query_key | overflow.") ? no_buffer : 0;
+        seen_ |= (seen_ & no_lock) != 0 && has("fini | ") ? no_lock_and_end : 0;
+      }
+    });
     BaseLib::Logger::setLogLevel(BaseLib::Logger::DEBUG);  // building a line may fail
     // Makes the allocations that happen only once in a process.
     EXPECT_EQ(start(config_), RUVO_OK);
@@ -33,6 +42,8 @@ class MemoryFailure : public testing::Test {
     return allocations > number;
   }
 
+  enum Seen { no_lock = 1, no_buffer = 2, no_lock_and_end = 4 };
+  static inline int seen_ = 0;  // lines of the log
   RedisServer redis_;
   HostConfig config_{all_pools_at(redis_.addr()), "p_connect_num = 2"};
 };
@@ -40,12 +51,15 @@ class MemoryFailure : public testing::Test {
 TEST_F(MemoryFailure, InAStartUp) {
   const int descriptors = open_descriptors();
   const int live = live_allocations;
-  int status = 0;
-  for (int number = 0; status == 0; ++number) {  // in a process each: a failed start-up is final
+  int code = 0;
+  bool has_lacked_lock = false;
+  for (int number = 0; code != 1; ++number) {  // in a process each: a failed start-up is final
     const pid_t child = fork();
     if (child == 0) {
       int ret = 0;
+      seen_ = 0;
       const bool met_failure = fails(number, ret, [this] { return start(config_); });
+      const bool lacked_lock = seen_ == (no_lock | no_lock_and_end) && ret != RUVO_OK;
       const bool ready = ret >= RUVO_OK && ret < RUVO_INIT_BOTH_POOLS_FAILED;
       bool good = ready || ret == RUVO_INIT_BOTH_POOLS_FAILED || ret == RUVO_ERR_NO_MEMORY ||
                   ret == RUVO_ERR_CONFIG_FILE || ret == RUVO_ERR_FAILED;
@@ -55,12 +69,15 @@ TEST_F(MemoryFailure, InAStartUp) {
       }
       good = good && RUVO_Fini() == (ready ? RUVO_OK : RUVO_ERR_NOT_INITIALIZED);
       good = good && (!ready || live_allocations == live) && open_descriptors() == descriptors;
-      _exit(!good ? 2 : met_failure ? 0 : 1);
+      _exit(!good ? 2 : !met_failure ? 1 : lacked_lock ? 3 : 0);
     }
+    int status = 0;
     waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2)
-        << "allocation " << number << ": " << status;
+    code = WEXITSTATUS(status);
+    has_lacked_lock = has_lacked_lock || code == 3;
+    ASSERT_TRUE(WIFEXITED(status) && code != 2) << "allocation " << number << ": " << status;
   }
+  EXPECT_TRUE(has_lacked_lock);
 }
 
 TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
@@ -83,6 +100,7 @@ TEST_F(MemoryFailure, InAnOperationOrAShutDown) {
   }
   EXPECT_EQ(open_descriptors(), descriptors);
   EXPECT_EQ(live_allocations, live);
+  EXPECT_NE(seen_ & no_buffer, 0);
 }
 
 }  // namespace

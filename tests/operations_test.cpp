@@ -408,6 +408,13 @@ TEST(Operations, PoolsAreSeparateAndUnknownNumbersSelectTheTemporaryOne) {
   }
   EXPECT_EQ(temp.ask("get k") + "," + persist.ask("get k") + "," + personality.ask("get k"),
             "xxxx,x,x");
+  // An expiry that is a command of its own follows its key.
+  EXPECT_EQ(RUVO_IncreaseKey("n", &number, ePersistServer, nullptr), 0);
+  EXPECT_EQ(RUVO_HashSet("h", "f", 1, "v", 1, 100, ePersistServer, nullptr), 0);
+  EXPECT_EQ(RUVO_LPush("l", "v", 1, 100, &number, ePersistServer, nullptr), 0);
+  for (const char* key : {"n", "h", "l"}) {
+    EXPECT_GT(std::stoi(persist.ask(std::string("ttl ") + key)), 0) << key;
+  }
   auto* kept = static_cast<redisReply*>(RUVO_ExecRedisCmd(T, "PING"));
   const LogCapture log;
   RUVO_Fini();

@@ -25,6 +25,7 @@ TEST_F(Pools, ReadsTheSettingsOfEachPool) {
   const HostConfig config(
       all_pools_at(redis.addr() + ", 127.0.0.1 : " + port.str()),
       "p_connect_num=3\nt_connect_num=0\nps_connect_num=-2\np_auto_eject_server=0\n"
+      "t_auto_eject_server=perhaps\n"
       "p_server_failure_limit=11\nt_server_failure_limit=12\nps_server_failure_limit=13\n"
       "p_server_retry_timeout=21\nt_server_retry_timeout=22\nps_server_retry_timeout=23");
   ruvo_redis client;
@@ -50,6 +51,7 @@ TEST_F(Pools, ReadsTheSettingsOfEachPool) {
                        "ruvo_redis::init_server_pool | ps_connect_num must not be negative: -2, "
                        "using 1"),
             1);
+  EXPECT_EQ(log_.count_containing("must not be negative"), 1);
   EXPECT_EQ(log_.count(INFO, "ruvo_redis::init_server_pool | connect to proxy: 127.0.0.1 port:" +
                                  std::to_string(redis.port()) + " succeeded."),
             3 * 2 * 3);
@@ -78,6 +80,20 @@ TEST_F(Pools, MalformedListsFailAndServersThatAreDownKeepTheirSlots) {
                                   " failed, error code : Connection refused."),
             4);
   EXPECT_EQ(log_.count_containing("port:99999 failed, error code : null redisContext."), 2);
+}
+
+TEST_F(Pools, StartWithoutServersKeepsEverySlotAndTriesOneForEachServer) {
+  const DownServer down;
+  const ScriptedServer refuses("-ERR invalid password\r\n");
+  const HostConfig config(
+      "start_without_servers = true\n" + pools_at(down.addr(), refuses.addr(), down.addr()),
+      "p_connect_num = 2\nt_password = wrong");
+  ruvo_redis client;
+  EXPECT_EQ(init_client(client, config), RUVO_OK);
+  for (const RedisServerType type : all_types) {
+    EXPECT_EQ(client.getPool(type).servers_.at(0).context_arr_.size(), 2U);
+  }
+  EXPECT_EQ(log_.count_containing("ruvo_redis::init_server_pool | connect to node"), 2);
 }
 
 TEST_F(Pools, AreClosedWithTheirClient) {

@@ -35,6 +35,9 @@ TEST(Trim, RemovesItsCharacterAndKeepsHighBytes) {
   std::string text(buffer);
   sp::trim_str(buffer, '\t');
   sp::trim_str(text);
+  char letters[] = "xax";
+  sp::trim_str(letters, 'x');
+  EXPECT_STREQ(letters, "a");
   EXPECT_STREQ(buffer, " a \xFF");
   EXPECT_EQ(text, "a \xFF");
 }
