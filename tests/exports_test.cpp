@@ -53,11 +53,12 @@ TEST(Memory, AnOperationAllocatesTheCallersBufferAndNothingElse) {
   EXPECT_EQ(RUVO_FreeResult(data), RUVO_OK);
   EXPECT_EQ(live_allocations, live);
 
-  no_memory = true;
-  const int ret = RUVO_QueryKey("k", &data, &len, 1, nullptr);
-  no_memory = false;
-  EXPECT_EQ(ret, RUVO_ERR_NO_MEMORY);
+  const LogCapture log(BaseLib::Logger::ERROR);
+  allocations = failing_allocation = 0;
+  EXPECT_EQ(RUVO_QueryKey("k", &data, &len, 1, nullptr), RUVO_ERR_NO_MEMORY);
+  failing_allocation = -1;
   EXPECT_EQ(data, nullptr);
+  EXPECT_EQ(log.count(BaseLib::Logger::ERROR, "ruvo_redis::query_key | overflow."), 1);
 
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
