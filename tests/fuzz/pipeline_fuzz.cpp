@@ -198,6 +198,10 @@ class Client final : public rebuilder {
     send_end end = call.send();
     if (end == send_end::unanswered && !(must_not_resend && call.outcome().was_sent)) {
       end = call.send_again(*this);
+    } else if (end == send_end::replied && server_.choose(9) == 1) {  // as if it were READONLY
+      call.take_reply();
+      call.give_up("refused");
+      end = call.send_again(*this);
     }
     if (clock_type::now() > deadline + late) {
       fail("a call overran its deadline");
