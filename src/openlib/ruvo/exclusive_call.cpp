@@ -42,7 +42,7 @@ send_end exclusive_call::send() {
   }
   if (is_broken(slot_.context_)) {
     if (slot_.context_ != nullptr) {
-      outcome_.error = connection_error(*slot_.context_);
+      error_ = connection_error(*slot_.context_);
     }
     return send_end::unanswered;
   }
@@ -60,9 +60,9 @@ send_end exclusive_call::send_again(rebuilder& rebuilder) {
 }
 
 void exclusive_call::give_up(const char* reason) {
-  outcome_.error = connection_error(REDIS_ERR_OOM, reason);
+  error_ = connection_error(REDIS_ERR_OOM, reason);
   outcome_.was_sent = false;
-  set_error(*slot_.context_, outcome_.error);
+  set_error(*slot_.context_, error_);
 }
 
 send_end exclusive_call::exchange_over_slot() {
@@ -74,6 +74,6 @@ send_end exclusive_call::exchange_over_slot() {
     outcome_.is_first_reply = std::exchange(slot_.awaits_first_reply_, false);
     return send_end::replied;
   }
-  outcome_.error = connection_error(*slot_.context_);
+  error_ = connection_error(*slot_.context_);
   return limits_.has_passed() ? send_end::out_of_time : send_end::unanswered;
 }

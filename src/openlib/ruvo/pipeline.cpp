@@ -57,9 +57,11 @@ queued_call* first_to_send(const call_list& list, time_point now) {
 
 // Must the next command be sent alone? Second sends come before it.
 bool must_send_alone_next(const pipeline_state& state, time_point now) {
+  if (first_to_send(state.alone, now) == nullptr) {
+    return false;
+  }
   const queued_call* next = first_to_send(state.unsent, now);
-  return first_to_send(state.alone, now) != nullptr &&
-         (next == nullptr || (!next->is_second_send && next->written == 0));
+  return next == nullptr || (!next->is_second_send && next->written == 0);
 }
 
 // Returns the first unused slot of the server from `slot` on, or `slot` if all are used. This call
@@ -226,7 +228,9 @@ bool pipelined_call::join_after_fork() {
 send_end pipelined_call::conclude(send_end end) {
   outcome_ = call_;
   if (end == send_end::replied) {
-    reply_ = std::move(call_.reply);
+    reply_.swap(call_.reply);
+  } else {
+    error_ = call_.error;
   }
   return end;
 }
@@ -386,7 +390,8 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
   if (state_.is_rebuilding || state_.is_blocked || state_.has_failed_to_write || is_broken()) {
     return write_chance::on_event;
   }
-  if (!state_.unsent.empty() && state_.unsent.front()->written > 0) {
+  const queued_call* next = first_to_send(state_.unsent, now);
+  if (next != nullptr && next->written > 0) {
     return state_.is_writing ? write_chance::on_event : write_chance::now;  // the rest of it
   }
   if (state_.is_ending || state_.is_alone) {
@@ -396,8 +401,7 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
     return state_.in_flight.empty() && !state_.is_writing ? write_chance::now
                                                           : write_chance::on_event;
   }
-  if (first_to_send(state_.unsent, now) == nullptr ||
-      (!state_.in_flight.empty() && is_check_due(state_, now))) {
+  if (next == nullptr || (!state_.in_flight.empty() && is_check_due(state_, now))) {
     return write_chance::on_event;
   }
   if (state_.is_writing) {
@@ -689,9 +693,11 @@ void pipelined_call::check_idle_connection() {
   if (context.err != 0) {
     return;
   }
-  const queued_call* head = state_.head();
-  const bool may_write_rest = head != nullptr && head->written > 0 && !state_.has_failed_to_write;
-  if (state_.is_ending && !may_write_rest) {
+  const auto may_write_rest = [this] {
+    const queued_call* head = state_.head();
+    return head != nullptr && head->written > 0 && !state_.has_failed_to_write;
+  };
+  if (state_.is_ending && !may_write_rest()) {
     set_error(context, state_.end);
   } else if (state_.replies_to_skip == 0) {
     break_if_out_of_step(context);

@@ -74,6 +74,7 @@ struct queued_call : send_outcome {
   const wire_command* wire = nullptr;
   time_point deadline = no_deadline;
   reply_ptr reply;
+  connection_error error;             // why the connection was given up
   std::size_t written = 0;            // bytes of the command that the socket has taken
   std::uint32_t replies_to_skip = 0;  // replies of calls that have left, due before this one's
   place where = place::nowhere;

@@ -31,9 +31,8 @@ class rebuilder {
 
 // The outcome of a call's sends.
 struct send_outcome {
-  connection_error error;  // why the connection was given up
-  time_point sent_at{};    // if times are kept
-  bool was_sent = false;   // a byte of the command may have reached a server
+  time_point sent_at{};   // if times are kept
+  bool was_sent = false;  // a byte of the command may have reached a server
   bool rebuild_failed = false;
   bool counts_failure = false;  // of the calls that share a failure, one counts it
   bool is_first_reply = false;  // on its connection
@@ -45,7 +44,7 @@ class slot_call {
   slot_call(const slot_call&) = delete;
   slot_call& operator=(const slot_call&) = delete;
 
-  // The first send. Without a reply, the outcome's error says why the connection was given up.
+  // The first send. Without a reply, error() says why the connection was given up.
   virtual send_end send() = 0;
   // The second send: rebuilds the connection, and sends the command once more. It must follow if
   // send() ends `unanswered`, or if give_up() drops the reply of send(): the call may be in a
@@ -55,6 +54,7 @@ class slot_call {
   virtual void give_up(const char* reason) = 0;
 
   const send_outcome& outcome() const { return outcome_; }
+  const connection_error& error() const { return error_; }
   const redisReply* reply() const { return reply_.get(); }
   reply_ptr take_reply() { return std::move(reply_); }
 
@@ -62,6 +62,7 @@ class slot_call {
   ~slot_call() = default;
 
   send_outcome outcome_;
+  connection_error error_;
   reply_ptr reply_;
 };
 

@@ -117,7 +117,7 @@ class visitor {
 
   void log_broken_connection() const {
     redis_.getPool(command_.pool).outage_.note_break();
-    const connection_error& error = call_.outcome().error;
+    const connection_error& error = call_.error();
     if (error.code != 0) {
       RUVO_LOG(WARN, "ruvo_redis::%s | key:%s, connection err,try reset,ret:%d, err:%s",
                command_.method, command_.key, error.code, error.text);
