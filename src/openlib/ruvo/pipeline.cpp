@@ -45,8 +45,8 @@ bool needs_check(const pipeline_state& state, time_point now) {
   return is_check_due(state, now) || (next != nullptr && !state.was_checked);
 }
 
-// The first call whose command may be sent. A call past its deadline is about to leave, as soon as
-// its thread comes back from the log; the rest of a command is sent in any case.
+// The first call whose command may be sent: not one past its deadline, whose thread is about to
+// take it out, or does so once it has logged. The rest of a command is sent in any case.
 queued_call* first_to_send(const call_list& list, time_point now) {
   queued_call* call = list.front();
   while (call != nullptr && call->written == 0 && now >= call->deadline) {
@@ -488,9 +488,7 @@ void pipelined_call::write(guard& lock, time_point now) {
   note_written(lock, batch, sent > 0 ? static_cast<std::size_t>(sent) : 0);
   if (sent < 0) {
     stop_writing(error);
-  } else if (const queued_call* head = state_.head(); state_.is_ending &&
-                                                      state_.in_flight.empty() &&
-                                                      (head == nullptr || head->written == 0)) {
+  } else if (state_.is_ending && state_.in_flight.empty()) {
     check_idle_connection();  // it began to end while the socket took nothing
   }
   wake_next(lock);

@@ -133,7 +133,7 @@ struct pipeline_state {
   time_point last_check{};
   std::chrono::nanoseconds round_trip{0};          // the shortest since the last check
   std::chrono::nanoseconds known_round_trip{0};    // the shortest before it
-  std::uint64_t forks = 0;                         // that lead to this process
+  std::uint64_t forks = 0;                         // of the process, down to this child
   std::uint32_t next_number = 0;                   // of a call
   std::array<std::uint32_t, sleep_words> words{};  // calls sleep on these; atomic references
   std::uint32_t users = 0;  // calls at the slot, through atomic references; plus one while
