@@ -160,7 +160,6 @@ TEST_F(Pipeline, WritesWaitingCommandsWithinBounds) {
 
 // The second connection shows the order of the commands that are resent.
 TEST_F(Pipeline, ACommandThatStallsFailsByItself) {
-  Gate all_sent;
   std::mutex order_mutex;
   std::vector<std::string> order;
   const ScriptedServer stalls([&](Peer& peer) {
