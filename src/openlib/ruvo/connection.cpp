@@ -16,7 +16,7 @@ namespace {
 // Bytes of its read buffer that a connection keeps between replies. By default hiredis frees the
 // buffer after every reply of more than 16 KiB and grows it again for the next one, which costs
 // more than the reply itself.
-constexpr std::size_t kept_reply_buffer = std::size_t{1} << 20U;
+constexpr std::size_t kept_reply_buffer = std::size_t{2} << 20U;
 
 // Upper bound for the elements of one array. hiredis allocates as many as a reply announces and
 // visits all of them when it frees the reply: the 13 bytes "*2147483647" of a faulty server would
