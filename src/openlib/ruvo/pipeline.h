@@ -43,13 +43,21 @@
 struct conn_node;
 struct server_node;
 
-// With this many commands in flight, more are held back to share a write, for at most the pause.
-// Measured with GET on one connection: a smaller number makes 2 to 4 threads slower; without a
-// pause 64 threads on loopback lose half their rate. After a write of a single command
-// the long pause would only add to the latency: 6 % at 16 threads and a round trip of 1 ms.
+// With `direct_sends` commands in flight, more are held back to share a write, for at most the
+// pause. Measured with GET on one connection: with fewer direct sends 2 to 4 threads are slower,
+// and without a pause 64 threads on loopback lose half their rate. After a write of a single
+// command the long pause would add 6 % to the latency of 16 threads at a round trip of 1 ms.
 constexpr std::size_t direct_sends = 4;
 constexpr std::chrono::microseconds write_pause{100};
-constexpr std::chrono::microseconds pause_after_single{20};
+constexpr std::chrono::microseconds short_write_pause{20};
+
+// A near server: the network is most of the round trip, and the long pause would be much of it. At
+// 0.2 ms this makes 8 and 16 threads 10 to 20 % faster. With more commands in flight than
+// `few_in_flight` the processors are the limit, and sharing a write saves more than waiting costs.
+constexpr std::chrono::microseconds shortest_near_round_trip{80};
+constexpr std::chrono::microseconds longest_near_round_trip{500};
+constexpr std::size_t near_direct_sends = 8;
+constexpr std::size_t few_in_flight = 32;
 
 // Upper bounds of a write. A larger command is written by itself.
 constexpr std::size_t max_write_commands = 128;
@@ -58,7 +66,7 @@ constexpr std::size_t max_write_bytes = std::size_t{64} << 10U;
 // How often a connection under constant traffic is drained, to check whether it is in step.
 constexpr std::chrono::milliseconds check_interval{100};
 constexpr int check_round_trips = 64;
-constexpr std::chrono::milliseconds longest_check{20};  // of a wait for a stray reply
+constexpr std::chrono::milliseconds longest_check{20};  // bound of the wait for a stray reply
 
 constexpr std::size_t calls_per_word = 32;  // that sleep on it
 constexpr std::size_t sleep_words = 8;  // calls beyond these share bits, and may be woken in vain
@@ -131,11 +139,12 @@ struct pipeline_state {
   time_point last_arrival{};           // of bytes
   time_point last_silence{};           // the latest that counted as a failure
   time_point last_check{};
-  std::chrono::nanoseconds round_trip{0};          // the shortest since the last check
-  std::chrono::nanoseconds known_round_trip{0};    // the shortest before it
-  std::uint64_t forks = 0;                         // of the process, down to this child
-  std::uint32_t next_number = 0;                   // of a call
-  std::array<std::uint32_t, sleep_words> words{};  // calls sleep on these; atomic references
+  std::chrono::nanoseconds round_trip{0};           // the shortest since the last check
+  std::chrono::nanoseconds known_round_trip{0};     // the shortest before it
+  std::chrono::nanoseconds shortest_round_trip{0};  // since it was opened
+  std::uint64_t forks = 0;                          // of the process, down to this child
+  std::uint32_t next_number = 0;                    // of a call
+  std::array<std::uint32_t, sleep_words> words{};   // calls sleep on these; atomic references
   std::uint32_t users = 0;  // calls at the slot, through atomic references; plus one while
                             // replies of calls that have left are due
 
@@ -171,6 +180,8 @@ class pipelined_call final : public slot_call {
   void note_broken_connection();
 
   write_chance may_write(time_point now, bool has_replied) const;
+  bool is_near() const;
+  std::chrono::microseconds pause_after(std::size_t commands) const;
   void put_in_flight(queued_call& call, time_point now);
   std::size_t take_batch(std::span<queued_call*> batch, time_point now);
   void write(guard& lock, time_point now);
