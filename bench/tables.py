@@ -213,7 +213,7 @@ def put_into(guide, made):
         mark, end = f"<!-- table: {name} -->", "<!-- end of table -->"
         text, times = re.subn(f"{mark}.*?{end}", lambda _: "\n".join([mark, *lines, end]), text, flags=re.DOTALL)
         if times != 1:
-            sys.exit(f"{guide}: the mark of table \"{name}\" stands in it {times} times")
+            sys.exit(f"{guide}: the mark of table \"{name}\" occurs {times} times")
     guide.write_text(text)
 
 

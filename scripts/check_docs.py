@@ -4,8 +4,8 @@
     scripts/check_docs.py [DOCUMENT...]      (no argument: all of them)
 
 Needs the release build in build/release. The documents share a working folder, a copy of the tracked
-files, with the library "installed in /usr/local" below it; each gets a Redis on loopback. Its fenced
-blocks are handled in order, by their info string:
+files; the library is installed into its folder usr/local. Each document gets a Redis on loopback. The
+fenced blocks of a document are handled in order, by their info string:
 
     sh         run with bash -euo pipefail
     ini, yaml  written to the file that the first line names, as "# ruvo_redis.conf"

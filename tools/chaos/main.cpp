@@ -31,8 +31,8 @@ Without --config it starts its own servers on loopback: for each pool a Redis be
 proxies, which inject the faults. They end with the run. One server of each pool at a time is killed
 and restarted, stopped and continued, or paused; or it has its connections reset, stalls on one
 connection, sends a reply that no client asked for, or answers everything with READONLY, LOADING or
-"max number of clients reached". Or all servers of a pool are down, for less than call_timeout or for
-longer. The host starts while all servers are down.
+"max number of clients reached". At times all servers of a pool are down, for less than call_timeout or
+for longer. The host starts while all servers are down.
 
 With --config it uses an operator's servers. THEY MUST BE DISPOSABLE: it writes keys of its own to
 all pools (ruvo_workload:...) and leaves them there, and a server that loses data or runs commands
