@@ -86,8 +86,8 @@ def read_dumps(folder):
 
 
 def add_header(counts, flat):
-    """Adds the code of ruvo.hpp to the library's count: what the program, which contains this code,
-    executes more than with the flat function."""
+    """Adds the code of ruvo.hpp, which is compiled into the program, to the library's count: what the
+    program executes beyond what it executes for the flat function."""
     for owner, of in ("library", "program"), ("C library for library", "C library for program"):
         counts[owner] += counts[of] - flat[of]
 
@@ -169,7 +169,7 @@ def main():
         return
     if grown := list(compare(found)):
         print("\n".join(["", *grown]))
-        sys.exit(f"more than {MARGIN:.0%}; if it must be: scripts/count_instructions.sh --record")
+        sys.exit(f"grown by more than {MARGIN:.0%}; if that is intended, run scripts/count_instructions.sh --record")
     print(f"none has grown by more than {MARGIN:.0%} over {RECORD.name}")
 
 

@@ -208,7 +208,7 @@ Outcome start_with_a_refused_password() {
                       [&] { limit.reset(); });
 }
 
-// Connections are counted from the first second on, when all open ones are closed.
+// Connections are counted after the first second: by then all open ones have been closed.
 template <typename Fault, typename End>
 Outcome pool_down(const std::string& addr, const RedisServer& other_pools, const Fault& fault,
                   const End& end) {

@@ -123,7 +123,7 @@ int run(int argc, char** argv) {
   for (const Fault& fault : faults()) {
     names.emplace_back(fault.name);
   }
-  CLI::App app("Puts a fault on one of two servers below a host, and counts the host's calls");
+  CLI::App app("Injects faults into one of a host's two servers, and counts the host's calls");
   app.add_option("faults", only, "Faults, all by default")->check(CLI::IsMember(names));
   const auto add = [&app](const char* name, int& value, const char* text) {
     app.add_option(name, value, text)->capture_default_str()->check(CLI::Range(1, 300));

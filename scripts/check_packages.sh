@@ -147,6 +147,6 @@ for deb in build/package/*.deb; do
   echo "${deb##*/}: $depends"
   [[ $deb == */libruvo-dev_* || $depends == *libc6* ]] || { echo "${deb##*/} lacks dependencies" >&2; exit 1; }
 done
-# As root too, where it only warns. The calls of ldconfig are those that cpack adds to the trigger.
+# --allow-root: no warning about running as root. The calls of ldconfig are those that cpack adds to the trigger.
 lintian --allow-root --fail-on error,warning --suppress-tags maintscript-calls-ldconfig build/package/*.deb
 echo "the packages work $where"

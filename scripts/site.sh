@@ -136,7 +136,7 @@ sleep 4
 former=$(primary)
 echo "--- SENTINEL FAILOVER, away from $former"
 redis-cli -p "${port_of[sentinel-1]}" sentinel failover $SITE >/dev/null
-wait_for is_replica "$former"  # ten seconds: without a replica no server can take over
+wait_for is_replica "$former"  # takes about ten seconds; without a replica no server can take over
 sleep 2
 killed=$(primary)
 kill_hard "$killed"

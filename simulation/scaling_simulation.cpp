@@ -42,7 +42,7 @@ constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  
                                                         16, 24, 32, 48, 64, 96, 128};
 constexpr std::size_t max_servers = 8;
 
-// Of the library, src/openlib/ruvo/pipeline.h.
+// The same as in the library, src/openlib/ruvo/pipeline.h.
 constexpr std::size_t direct_sends = 4;
 constexpr double write_pause = 100;  // microseconds
 
@@ -319,7 +319,7 @@ int run(int argc, char** argv) {
   add("--host-work", point.host_work, "Time between a reply and the next call", microseconds);
   add("--pause", point.pause, "Mean time that a thread idles beyond that", microseconds);
   app.add_flag("--auto-pipelining", point.auto_pipelining,
-               "Threads that meet on a connection share its round trips");
+               "Threads that meet on a connection pipeline their commands on it");
   add("--wake-up", point.wake_up, "Mean time that a thread takes to wake up for a lock",
       microseconds);
   CLI11_PARSE(app, argc, argv);

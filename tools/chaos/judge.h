@@ -75,7 +75,7 @@ class Judge : public CallObserver {
   // A thread that calls.
   struct Caller {
     std::atomic<Ticks> begin{0};                          // of its call; 0 between calls
-    Clock::time_point served_last;                        // a call of that pool, before its own
+    Clock::time_point served_last;                        // when its pool last served a call
     std::array<Clock::time_point, pool_count> waited_in;  // the latest outage that it waited in
   };
 
@@ -93,7 +93,8 @@ class Judge : public CallObserver {
   int threads_;
   std::vector<Caller> callers_;
   static inline std::atomic<std::size_t> next_thread_{0};  // shared: a thread has one number
-  std::array<std::atomic<Clock::time_point>, pool_count> served_{};  // the latest call of the pool
+  // When each pool last served a call.
+  std::array<std::atomic<Clock::time_point>, pool_count> served_{};
   std::array<std::atomic<long>, failure_count> failures_{};
   std::atomic<long> too_long_{0};
   std::atomic<long> failed_without_fault_{0};

@@ -30,7 +30,7 @@ std::vector<Condition> conditions_of(const RunFacts& run) {
     conditions.push_back(
         {run.judge.failures(unexplained) == 0, "no call failed except where the rules allow it"});
   }
-  if (!run.is_from_outside) {
+  if (!run.has_outside_faults) {
     conditions.push_back(
         {run.judge.failed_without_fault() == 0, "no server given up while it was up"});
   }

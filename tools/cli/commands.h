@@ -1,4 +1,4 @@
-// The commands that run more than one operation.
+// The commands that are not single operations of the library.
 #ifndef RUVO_TOOLS_CLI_COMMANDS_H
 #define RUVO_TOOLS_CLI_COMMANDS_H
 

@@ -26,7 +26,7 @@ class HostView {
   std::string path_;
   std::string pool_;
   std::optional<Statistics> now_;
-  std::optional<Statistics> counted_;
+  std::optional<Statistics> counted_;  // between the last two readings, or since the start
   double seconds_ = 1;
 };
 

@@ -13,7 +13,7 @@
 
 using LogLevel = BaseLib::Logger::LogLevel;
 
-// Receives every line. Called from any thread that calls the library, one at a time.
+// Receives a line of the log. Called in the threads that call the library, in one at a time.
 using LogListener = std::function<void(const LogEvent& event)>;
 
 struct LogOptions {

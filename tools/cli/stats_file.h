@@ -57,7 +57,7 @@ struct PoolNumbers {
   std::vector<ServerNumbers> servers;
 
   std::uint64_t calls() const;
-  std::uint64_t failed() const;  // of these, the calls in which a server or the library failed
+  std::uint64_t failed() const;  // of these, the calls that failed or were refused
 };
 
 // The contents of a file when it was read.

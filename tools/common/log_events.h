@@ -112,7 +112,8 @@ struct LogEvent {
 // Reads a line with its head.
 LogEvent read_event(std::string_view line);
 
-// Is the line an error? The library also writes a few ERROR lines that report no fault.
+// For a line at WARN or above: does it report a fault? The library also writes a few ERROR lines
+// that report none.
 bool reports_fault(const LogEvent& event);
 
 #endif

@@ -4,7 +4,7 @@
 ///     # comment
 ///     ; comment
 ///     [common]
-///     its connect_timeout = 100
+///     connect_timeout = 100
 ///     url = a=b
 ///     empty =
 ///

@@ -121,7 +121,7 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
   if (!settings.password.empty()) {
     opened.outcome = authenticate(*opened.context, addr, settings);
     if (opened.outcome == open_outcome::ready && is_broken(opened.context.get())) {
-      opened.outcome = open_outcome::unreachable;  // surplus bytes look like a reply
+      opened.outcome = open_outcome::unreachable;  // bytes after the reply have broken it
     }
   }
   return opened;

@@ -108,7 +108,7 @@ struct connection_error {
 connection_error system_error(int error);
 connection_error closed_error();    // by its server
 connection_error timeout_error();   // a wait has timed out
-connection_error deadline_error();  // the deadline has ended it
+connection_error deadline_error();  // the deadline has ended a wait
 connection_error out_of_step_error();
 
 // Checks, without waiting, a connection that awaits no reply: has its server closed it, or sent

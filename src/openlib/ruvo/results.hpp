@@ -32,7 +32,8 @@
 // clang-format on
 
 /// @cond
-// What a function so marked returns must not outlive the object or the marked parameter.
+// On a member function: its result must not outlive the object. On a parameter: the result must not
+// outlive the argument.
 #if defined(__clang__)
 #define RUVO_LIFETIMEBOUND [[clang::lifetimebound]]
 #else
@@ -175,8 +176,8 @@ class outcome {
   /// The code in category(). Null pointers, keys with a zero byte and times out of range are all
   /// RUVO_ERR_NULL_ARGUMENT; the message distinguishes them.
   ruvo::error_code error() const noexcept { return ruvo::error_code(why_); }
-  /// What Redis said if pool::ask, or an operation that says "raw" below, failed with an error
-  /// reply or one of another shape. Empty for all others: the log has it.
+  /// What Redis said if pool::ask, or an operation that says "raw" in ruvo.hpp, failed with an
+  /// error reply or a reply of another shape. Empty for all others: the log has it.
   std::string reply_text() const { return why_.reply_text(); }
   /// The failure, to be passed on. REQUIRES: failed().
   const failure& why() const noexcept RUVO_LIFETIMEBOUND { return why_; }
@@ -235,7 +236,7 @@ class valued : public outcome {
     require();
     return *value_;
   }
-  /// The same of a temporary result: the value itself, so that it can be kept.
+  /// The same for a temporary result: the value itself, so that it can be kept.
   T value() && {
     require();
     return *std::move(value_);
@@ -251,7 +252,7 @@ class valued : public outcome {
     insist();
     return *value_;
   }
-  /// The same of a temporary result: the value itself.
+  /// The same for a temporary result: the value itself.
   T operator*() && noexcept {
     insist();
     return *std::move(value_);
@@ -262,7 +263,7 @@ class valued : public outcome {
   T value_or(Other&& other) const& {
     return value_.value_or(std::forward<Other>(other));
   }
-  /// The same of a temporary result.
+  /// The same for a temporary result.
   template <typename Other = T>
   T value_or(Other&& other) && {
     return std::move(value_).value_or(std::forward<Other>(other));
@@ -275,7 +276,7 @@ class valued : public outcome {
   /// A failure.
   explicit valued(failure why) noexcept : outcome(std::move(why)) {}
 
-  std::optional<T> value_;  ///< none: of a failure
+  std::optional<T> value_;  ///< empty if the call failed
 };
 
 /// A value, or why there is none. The compiler warns if a result is dropped.
@@ -694,7 +695,8 @@ std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& o
 /// @cond
 namespace detail {
 
-// What pool::ask makes of a reply. Each reader returns whether the reply has its shape.
+// What pool::ask makes of a reply. Each reader returns whether the reply has its shape. `plain`: it
+// reads a single element, not an array.
 template <typename T, typename = void>
 struct reader {
   static constexpr bool known = false;

@@ -109,7 +109,7 @@ enum RuvoResult {
   RUVO_INIT_PERSIST_POOL_FAILED = 2,  ///< RUVO_Init: ready except for the persistent pool
   RUVO_INIT_BOTH_POOLS_FAILED = 3,    ///< RUVO_Init: not ready, both pools failed
   RUVO_ERR_FAILED = -1,               ///< no usable server, an error reply or an unexpected reply
-  RUVO_NOTHING_DONE = -2,             ///< nothing popped, in range, added or found
+  RUVO_NOTHING_DONE = -2,             ///< nothing popped, in range, added, removed or found
   RUVO_ERR_NO_CONFIG = 10102,         ///< no configuration path given
   RUVO_ERR_NO_REDIS_CONFIG = 10106,   ///< no redis_cfg_path in the local configuration
   RUVO_ERR_NULL_ARGUMENT = 10107,     ///< a required pointer is null
@@ -292,8 +292,8 @@ RUVO_API RUVO_CHECKED int RUVO_HashFieldExist(const char* key, const char* field
                                               unsigned long f_len, int redisSrvType,
                                               const char* server_addr);
 
-/// Adds `increment` to the number in a field (required; a missing one counts as 0) and stores the
-/// sum in `*result`. Sets no expiry.
+/// Adds `increment` to the number in a field (a missing one counts as 0) and stores the sum in
+/// `*result`. Sets no expiry. `field` is required.
 /// @retval RUVO_OK  success
 RUVO_API int RUVO_HashIncrBy(const char* key, const char* field, unsigned long f_len,
                              long long increment, long long* result, int redisSrvType,

@@ -318,8 +318,9 @@ struct functions {
   }
 };
 
-/// A pool of servers: all operations. It is a number, copied and shared freely. Each function
-/// documents only what ruvo.h does not say about the function in brackets.
+/// A pool of servers, with all operations. An object holds only the pool's number and the backend:
+/// copy and share it freely. Each function documents only what ruvo.h does not say about the
+/// function in brackets.
 ///
 /// `pool` uses the functions of ruvo.h. A host that takes the pool as a template parameter can be
 /// tested without a Redis, on a backend of its own: a copyable type with those functions of

@@ -64,7 +64,7 @@ struct server_pool {
   std::int32_t retry_timeout_ = 0;   // seconds that an ejected server is skipped
   std::int64_t server_count_ = 0;    // round-robin among the servers
   std::string redis_password_;       // empty: none
-  int number_ = 0;                   // its type; for the log
+  int number_ = 0;                   // its RedisServerType
   pool_outage outage_;
   ruvo_pool_stats* stats_ = nullptr;  // null: no statistics
 };

@@ -46,7 +46,7 @@ std::vector<setting> make_settings() {
       {common, "log_limit", kind::number, "lines", "5", 0, "at most this many WARN and ERROR lines of one kind are written in a second; 0: all", &O::log_limit, 0, 1},
       {common, "call_timeout", kind::number, "ms", "2000", 0, "deadline of a call, with all its retries and waits; 0: none", &O::call_timeout, 0, 1},
       {common, "raw_commands_stay_in_pool", kind::truth, "", "true", 0, "a raw command fails over within its own pool only", &O::raw_commands_stay_in_pool, 0, 2},
-      {common, "start_without_servers", kind::truth, "", "true", 0, "a connection that cannot be opened at start-up is opened on first use", &O::start_without_servers, 0, 2},
+      {common, "start_without_servers", kind::truth, "", "true", 0, "a pool starts even if none of its servers is up or accepts the password", &O::start_without_servers, 0, 2},
       {common, "failover_replies", kind::texts, "", failover_replies, 0, "an error reply that begins with one of these texts counts as no reply: the call fails over", &O::failover_replies, 0, 2},
       {common, "send_once", kind::truth, "", "", 0, "a command that is not idempotent is sent at most once", &O::send_once, 0, 2},
       {common, "wait_for_servers", kind::truth, "", "true", 0, "a call that finds no server waits until one answers or its deadline comes; needs call_timeout", &O::wait_for_servers, 0, 2, &O::call_timeout},

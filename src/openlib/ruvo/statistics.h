@@ -16,8 +16,8 @@
 //   calls                 a visit has chosen a slot
 //   waiting_mark          from then until the command is sent for the first time
 //   second_sends          the command goes out again
-//   replies, no_replies   a visit has ended: exactly one of them for each, so that their difference
-//                         to `calls` shows what is in flight; error_replies in addition
+//   replies, no_replies   a visit has ended: exactly one of them for each, so `calls` minus both is
+//                         the number of visits under way; error_replies in addition
 //   reconnects, failed_reconnects
 //                         a connection has been rebuilt, or the rebuild has failed
 //   note_failures()       failure_count_ and next_retry_time_ have changed

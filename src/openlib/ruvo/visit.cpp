@@ -112,7 +112,7 @@ class visitor {
     return send_end::unanswered;
   }
 
-  // The command was sent, and no reply says that it was not run.
+  // True if the command must not be resent and was sent, unless a reply says that it was not run.
   bool may_have_run() const { return command_.must_not_resend && call_.outcome().was_sent; }
 
   void log_broken_connection() const {
