@@ -23,8 +23,9 @@
 ///     }
 ///
 /// Threads: const member functions may be called concurrently; open and close must not overlap any
-/// other call on the same object, nor cfg_reload on the process-wide reader. Nothing takes a lock,
-/// and nothing blocks except on the file itself. Throws std::bad_alloc when out of memory.
+/// other call on the same object; cfg_reload must not overlap any on the process-wide reader.
+/// Nothing takes a lock, and nothing blocks except on the file itself. Throws std::bad_alloc when
+/// out of memory.
 #ifndef RUVO_BUSIN_CONFIG_H
 #define RUVO_BUSIN_CONFIG_H
 
@@ -88,8 +89,8 @@ class RUVO_CONFIG_API vop_config {
 
   /// With `isCfgContent`, loads the string itself, replacing the current contents; the recorded
   /// path and file time are kept, so that opening that path still does nothing. Otherwise takes the
-  /// string as a path. Returns 0, or -1 if it is
-  /// empty (reported on standard output); the contents are then unchanged.
+  /// string as a path. Returns 0, or -1 if it is empty (reported on standard output) or the path
+  /// cannot be opened; the contents are then unchanged.
   int open(const std::string& config_string, bool isCfgContent);
 
   /// Drops the contents. Returns 0.

@@ -234,7 +234,7 @@ RUVO_API int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvTyp
 
 /// Gets a value: sets `*data` to a buffer of exactly `*len` bytes, not zero-terminated and never
 /// null, even for an empty value. Release it with RUVO_FreeResult. Both pointers are required.
-/// Initialise both results: the result is RUVO_OK even if the reply is not a string.
+/// Initialise both results: RUVO_OK does not always set them.
 /// @retval RUVO_OK             success; both results are unchanged if the reply is not a string
 /// @retval RUVO_ERR_NOT_FOUND  no such key; both results are unchanged
 /// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*data` is null, `*len` is the length
