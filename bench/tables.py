@@ -118,7 +118,7 @@ class Aim:
 
 
 def loopback(threads, *connections):
-    """GET of 100 B on this number of connections, on loopback."""
+    """GET of 100 B by this many threads on one of these numbers of connections, on loopback."""
     return lambda case: (case.standard and case.operation == "GET" and case.threads == threads
                          and case.connections in connections)
 

@@ -8,7 +8,7 @@ files; the library is installed into its folder usr/local. Each document gets a 
 fenced blocks of a document are handled in order, by their info string:
 
     sh         run with bash -euo pipefail
-    ini, yaml  written to the file that the first line names, as "# ruvo_redis.conf"
+    ini, yaml  written to the file that the first line names, such as "# ruvo_redis.conf"
     cpp, c     complete programs: built with the line that the document shows for the file, or with its
                first such line, with warnings as errors, and run
     cmake      a CMakeLists.txt, whose first line names it: configured and built

@@ -10,9 +10,9 @@
 Each of the --jobs works in a copy of the tree with its own build folder, which it keeps for all of its
 rows, and with --folder for the next run as well. If test programs follow a file's name in the table, all
 of them run for each of its rows, and the tests that noticed the fault are printed. Otherwise any program
-may catch the fault, and the row ends with the first program that does. A row whose text is not in its file exactly
-once, or that does not compile, is an error of the table. The exit status is 0 if every fault was caught,
-1 if one was not, 2 if a row is in error.
+but those of the tools (cli_*, chaos_*) may catch the fault, and the row ends with the first one that does.
+A row whose text is not in its file exactly once, or that does not compile, is an error of the table. The
+exit status is 0 if every fault was caught, 1 if one was not, 2 if a row is in error.
 
 The regular checks run --list only: every other use builds and runs the tests for each row.
 """
@@ -47,7 +47,7 @@ NO_WARNINGS = {"CXXFLAGS": "-w", "CFLAGS": "-w"}
 class Fault:
     number: int
     file: str
-    tests: list  # of the file, by the names of their programs; empty: any
+    tests: list  # of the file, by the names of their programs; empty: any but those of the tools
     original: str
     replacement: str
 

@@ -128,7 +128,7 @@ p_connect_num = 2
 CONF
 
 echo
-echo "--- site_host: 16 threads, $seconds seconds; HAProxy asks for: $check; keys: ${keys:-none}"
+echo "--- site_host: 16 threads, $seconds seconds; HAProxy's check: $check; keys: ${keys:-none}"
 build/site/bench/site_host --config "$work/sruvo.conf" --seconds "$seconds" --threads 16 "${host_options[@]}" &
 pid_of[site_host]=$!
 

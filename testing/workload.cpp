@@ -50,7 +50,7 @@ void Worker::work(int round) {
   knows_values_ = knows_values_ && !in_doubt_;
 }
 
-// Values that another run left, or that are in doubt after an outage, do not count.
+// Deletes values that another run left, or that are in doubt after an outage.
 void Worker::reset_values() {
   for (const char* kind : {"visits", "profile", "queue", "friends"}) {
     expect(strings, "delete", [&] { return RUVO_DeleteKey(key(kind).c_str(), pool_, nullptr); });

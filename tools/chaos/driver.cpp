@@ -21,7 +21,8 @@ milliseconds between(std::mt19937_64& plan, int shortest, int longest) {
 
 bool hits_all_servers(Fault fault) { return fault == away || fault == long_away; }
 
-// No call lasts longer: without these outages a long run needs no more memory than a short one.
+// Calls end much sooner, unless options make the timeouts minutes long: without these outages a
+// long run needs no more memory than a short one.
 bool is_forgotten(const Outage& past) { return past.to < Clock::now() - std::chrono::minutes(5); }
 
 double seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
@@ -173,7 +174,7 @@ milliseconds Driver::length_of(Fault fault, std::mt19937_64& plan) const {
       return out_of_step_window;
     case away:  // the remaining time of a call is enough to find the servers again
       return between(plan, call_ms / 20, call_ms * 2 / 5);
-    case long_away:  // the remaining time after a first wait is enough to detect a second one
+    case long_away:  // what is left after a thread's first wait is enough to detect a second one
       return between(plan, call_ms * 7 / 4, call_ms * 9 / 4);
     default:
       return between(plan, shortest_fault_ms, longest_fault_ms);

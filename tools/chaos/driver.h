@@ -18,7 +18,7 @@
 using Clock = std::chrono::steady_clock;
 
 // An extra reply shifts the later ones until the library checks the connection: after 100 ms or 64
-// round trips, once nothing is in flight.
+// round trips, whichever is longer, once nothing is in flight.
 constexpr std::chrono::milliseconds out_of_step_window(1000);
 
 struct Outage {

@@ -340,8 +340,8 @@ void add_options(CLI::App& app, Options& options) {
                                  "Program that takes a configured server down and brings it up")
                       ->needs(config);
   app.add_option("--outside-faults", options.outside_faults,
-                 "The operator injects faults: into a 'single' server of a pool at a time, or in "
-                 "an 'outage', where calls may fail")
+                 "The operator injects faults: into a 'single' server of a pool at a time, or an "
+                 "'outage' of all its servers, in which calls may fail")
       ->needs(config)
       ->excludes(command)
       ->check(CLI::IsMember({"single", "outage"}));

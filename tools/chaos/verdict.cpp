@@ -34,7 +34,7 @@ std::vector<Condition> conditions_of(const RunFacts& run) {
     conditions.push_back(
         {run.judge.failed_without_fault() == 0, "no server given up while it was up"});
   }
-  if (!options.try_ejected_servers) {  // where a reply may end an ejection without a log line
+  if (!options.try_ejected_servers) {  // with it, a reply may end an ejection without a log line
     conditions.push_back({run.events.ejected.empty(), "every ejection followed by a retry"});
   }
   conditions.insert(

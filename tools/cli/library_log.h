@@ -1,5 +1,5 @@
 // The library's log in the tool: shown, written to a file, or kept until something fails. Only the
-// log says what the library did, so commands can listen to it, too.
+// log says what a call did with the servers, so commands can listen to it, too.
 #ifndef RUVO_TOOLS_CLI_LIBRARY_LOG_H
 #define RUVO_TOOLS_CLI_LIBRARY_LOG_H
 
@@ -31,7 +31,7 @@ void require_log_written();
 // Shows the kept lines on standard error: the latest warnings and errors.
 void show_kept_lines();
 
-// Receives lines from `level` on while it exists; one at a time.
+// Receives lines from `level` on while it exists. REQUIRES: no other LogListening exists.
 class LogListening {
  public:
   LogListening(LogLevel level, LogListener wanted);

@@ -1,6 +1,6 @@
 // The one reader of the library's log: a line becomes an event.
 //
-// Only the library's log says what it did with its servers. Its texts are an interface, so a
+// Only the log says what a call did with the library's servers. Its texts are an interface, so a
 // program that reads them needs only a table of them. To read another line, add its row to the
 // table in log_events.cpp, with the library's own format.
 #ifndef RUVO_TOOLS_COMMON_LOG_EVENTS_H
