@@ -650,8 +650,8 @@ void pipelined_call::read(guard& lock, time_point now) {
   deliver(lock, std::span(replies).first(count), now);
 }
 
-// Gives the replies to their calls, and the reading and writing to the next call. Only then wakes
-// the served calls: what they do next needs the processor, too.
+// Gives the replies to their calls, hands the reading over to the next call, and writes the waiting
+// commands. Only then wakes the served calls: what they do next needs the processor, too.
 void pipelined_call::deliver(guard& lock, std::span<redisReply*> replies, time_point now) {
   std::array<queued_call*, max_write_commands> served;
   std::size_t count = 0;

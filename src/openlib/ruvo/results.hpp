@@ -51,7 +51,8 @@ namespace ruvo {
 
 namespace detail {
 
-// Causes of failures. All but of_code share a result code and have a sentence of their own.
+// Causes of failures. Each but of_code is one of several for its result code, and has a sentence of
+// its own.
 enum class cause : unsigned char {
   of_code,
   zero_byte,
@@ -350,8 +351,9 @@ class [[nodiscard]] result<void> : public outcome {
   void value() const { require(); }
 };
 
-/// Owns a value as the library has read it, without a copy. Compares with and prints like a
-/// std::string_view, which must not outlive it: a view of a temporary does not compile.
+/// Owns a value as the library has read it, without a copy. Compares and prints like a
+/// std::string_view, and converts to one, which must not outlive it: a view of a temporary does not
+/// compile.
 ///
 ///     const auto stored = temp.get("user:7");
 ///     std::cout << (stored && *stored == "Ada") << '\n';              // 1
@@ -855,7 +857,7 @@ template <typename T>
 inline constexpr bool is_optional<std::optional<T>> = true;
 
 // The text of the first error in a reply, or the beginning of the reply's own text.
-inline std::string words_of(const reply_view& reply) {  // NOLINT(misc-no-recursion)
+inline std::string reply_text_of(const reply_view& reply) {  // NOLINT(misc-no-recursion)
   constexpr std::size_t enough = 256;
   if (reply.type() == REDIS_REPLY_INTEGER) {
     return std::to_string(reply.integer());
@@ -865,7 +867,7 @@ inline std::string words_of(const reply_view& reply) {  // NOLINT(misc-no-recurs
   }
   for (const reply_view element : reply) {
     if (element.is_error() || element.type() == REDIS_REPLY_ARRAY) {
-      if (std::string text = words_of(element); !text.empty()) {
+      if (std::string text = reply_text_of(element); !text.empty()) {
         return text;
       }
     }
@@ -886,7 +888,7 @@ result<T> answer(const reply_view& from) {
   } else {
     T to{};
     if (!reader<T>::read(from, to)) {
-      return failure(RUVO_ERR_FAILED, cause::other_shape, words_of(from));
+      return failure(RUVO_ERR_FAILED, cause::other_shape, reply_text_of(from));
     }
     return to;
   }

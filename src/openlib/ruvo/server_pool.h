@@ -26,7 +26,7 @@ struct conn_node {
   ACE_Thread_Mutex* lock_ = nullptr;
   pipeline_state pipeline_;          // the calls that share the connection; guarded by the lock
   std::uint64_t rebuilds_ = 0;       // how often the context was replaced; guarded by the lock
-  bool awaits_first_reply_ = false;  // since the last rebuild; guarded by the lock
+  bool awaits_first_reply_ = false;  // since a rebuild or a silence; guarded by the lock
   bool was_used_at_fork_ = false;    // another thread was changing the context
 };
 

@@ -42,7 +42,7 @@ std::vector<setting> make_settings() {
       {common, "recommended_defaults", kind::truth, "", "true", 0, "the keys below have their recommended values unless the file sets them", &O::recommended_defaults},
       {common, "auto_pipelining", kind::truth, "", "true", 0, "threads that meet on a connection pipeline their commands on it", &O::auto_pipelining, 0, 1},
       {common, "eject_silent_servers", kind::truth, "", "true", 0, "a visit without a reply counts as a failure of the server", &O::eject_silent_servers, 0, 1},
-      {common, "try_ejected_servers", kind::truth, "", "true", 0, "if every server is ejected, one call at a time probes them", &O::try_ejected_servers, 0, 1},
+      {common, "try_ejected_servers", kind::truth, "", "true", 0, "if every server is ejected, each is probed by one call at a time", &O::try_ejected_servers, 0, 1},
       {common, "log_limit", kind::number, "lines", "5", 0, "at most this many WARN and ERROR lines of one kind are written in a second; 0: all", &O::log_limit, 0, 1},
       {common, "call_timeout", kind::number, "ms", "2000", 0, "deadline of a call, with all its retries and waits; 0: none", &O::call_timeout, 0, 1},
       {common, "raw_commands_stay_in_pool", kind::truth, "", "true", 0, "a raw command fails over within its own pool only", &O::raw_commands_stay_in_pool, 0, 2},

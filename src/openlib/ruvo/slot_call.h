@@ -50,7 +50,8 @@ class slot_call {
   // send() ends `unanswered`, or if give_up() drops the reply of send(), since the call may be in a
   // queue. The exception is a command that was sent and must not be resent: it is in no queue.
   virtual send_end send_again(rebuilder& rebuilder) = 0;
-  // The server has answered that it will not serve: the connection is given up.
+  // The server has answered that it will not serve: the connection is given up. Log lines show this
+  // as error 5 (REDIS_ERR_OOM) with the reply's text.
   virtual void give_up(const char* reason) = 0;
 
   const send_outcome& outcome() const { return outcome_; }

@@ -43,7 +43,8 @@ void release_lane() noexcept {
                         std::memory_order_release);
 }
 
-// Detects the end of a thread. The value of a pthread key needs no allocation, which could fail.
+// Detects the end of a thread. If memory for that runs out, pthread_setspecific reports it, which
+// the registration of a thread_local object's destructor does not.
 class thread_end_key {
  public:
   thread_end_key() : is_made_(pthread_key_create(&key_, [](void*) { release_lane(); }) == 0) {}

@@ -165,8 +165,8 @@ class statistics_file {
   statistics_file& operator=(const statistics_file&) = delete;
 
   // Creates the file, with a record for each pool and server, and puts it in place; "%p" in the
-  // path stands for the process id. False if it cannot be created, which is logged; the pointers
-  // are then null.
+  // path stands for the process id. False if it cannot be created, which is logged, or if the
+  // environment has RUVO_NO_STATS_FILE; the pointers are then null.
   bool begin(const std::string& path, std::span<const counted_pool> pools);
   // Leaves the file with its last numbers. Pointers into it become invalid.
   void end() noexcept;
