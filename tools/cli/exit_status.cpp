@@ -36,7 +36,7 @@ ExitStatus status_of_start(int result) {
 }
 
 std::string exit_status_help() {
-  return exit_status_help(
+  return exit_status_help(with_start(
       {{succeeded, "success; check, watch: every server is up"},
        {absent, "the key or field is absent (library results 1, 10402)"},
        {nothing_done, "nothing done or found (-2)"},
@@ -48,17 +48,22 @@ std::string exit_status_help() {
         "check: every pool can be used, but some servers or connections are not up; watch: some "
         "servers are not up"},
        {settings_misread, "check: all is up, but settings are not read as written"},
-       {unreadable_input, "an input file cannot be read"}});
+       {unreadable_input, "an input file cannot be read"}}));
 }
 
-std::string exit_status_help(StatusTexts own) {
+StatusTexts with_start(StatusTexts own) {
   own.merge(StatusTexts{
       {bad_configuration, "the configuration cannot be used (RUVO_Init: 10102, 10106, 10115, -1)"},
       {pools_down, "neither the temporary nor the persistent pool is up (RUVO_Init: 3)"},
-      {no_memory, "out of memory (10113)"},
-      {wrong_usage, "wrong usage"},
-      {internal_error, "an error of the tool itself"},
-      {unwritable_output, "the output or the log cannot be written"}});
+      {no_memory, "out of memory (10113)"}});
+  return own;
+}
+
+std::string exit_status_help(StatusTexts own) {
+  own.merge(StatusTexts{{no_memory, "out of memory"},
+                        {wrong_usage, "wrong usage"},
+                        {internal_error, "an error of the tool itself"},
+                        {unwritable_output, "the output or the log cannot be written"}});
   std::string text = "Exit status:\n";
   for (const auto& [status, meaning] : own) {
     text += (status < 10 ? "   " : "  ") + std::to_string(status) + "  " + meaning + "\n";

@@ -28,10 +28,11 @@ ExitStatus status_of_operation(int result);
 ExitStatus status_of_start(int result);
 
 // The lists for --help: of the tool, and of one command, which adds its own statuses to the common
-// ones.
+// ones, with_start() if it starts the library.
 using StatusTexts = std::map<ExitStatus, std::string>;
 std::string exit_status_help();
 std::string exit_status_help(StatusTexts own);
+StatusTexts with_start(StatusTexts own);
 
 // Ends the tool with a status and one line on standard error.
 class Failure : public std::runtime_error {

@@ -7,20 +7,23 @@
 #include "exit_status.h"
 
 HostView::HostView(std::string path, std::string pool)
-    : path_(std::move(path)), pool_(std::move(pool)), now_(read_statistics(path_)) {
-  counted_ = now_;
-  seconds_ = covered_seconds(*now_);
-}
+    : path_(std::move(path)),
+      pool_(std::move(pool)),
+      last_(read_statistics(path_)),
+      now_(last_),
+      counted_(last_),
+      seconds_(covered_seconds(last_)) {}
 
 void HostView::read_again() {
-  const std::optional<Statistics> before = std::exchange(now_, std::nullopt);
+  now_.reset();
   try {
     now_ = read_statistics(path_);
   } catch (const Failure&) {
     return;
   }
-  counted_ = before ? since(*now_, *before) : now_;
-  seconds_ = before ? covered_seconds(*now_, *before) : covered_seconds(*now_);
+  counted_ = since(*now_, last_);
+  seconds_ = covered_seconds(*now_, last_);
+  last_ = *now_;
 }
 
 const ServerNumbers* HostView::find(const Statistics& numbers, const std::string& server) const {
@@ -41,7 +44,7 @@ std::string HostView::text_of(const std::string& server) const {
     return "host: does not list this server";
   }
   const double calls =
-      static_cast<double>(find(*counted_, server)->count(&ruvo_server_counters::calls));
+      static_cast<double>(find(counted_, server)->count(&ruvo_server_counters::calls));
   return format("host: %s  calls/s %.1f  in flight %llu  waiting %llu",
                 state_text(*now, now_->read_time).c_str(), calls / seconds_,
                 static_cast<unsigned long long>(now->in_flight),
@@ -50,6 +53,6 @@ std::string HostView::text_of(const std::string& server) const {
 
 nlohmann::json HostView::json_of(const std::string& server) const {
   const ServerNumbers* const now = now_ ? find(*now_, server) : nullptr;
-  return now != nullptr ? to_json(*now, *find(*counted_, server), seconds_)
+  return now != nullptr ? to_json(*now, *find(counted_, server), seconds_)
                         : nlohmann::json(nullptr);
 }

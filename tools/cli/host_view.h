@@ -26,9 +26,10 @@ class HostView {
 
   std::string path_;
   std::string pool_;
-  std::optional<Statistics> now_;
-  std::optional<Statistics> counted_;  // between the last two readings, or since the start
-  double seconds_ = 1;
+  Statistics last_;
+  std::optional<Statistics> now_;  // none if the file could not be read
+  Statistics counted_;             // between the last two readings, or since the start
+  double seconds_;
 };
 
 #endif

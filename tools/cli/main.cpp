@@ -227,7 +227,7 @@ void add_operations(CLI::App& app, CommandLine& line) {
     }
     command.add_flag("-n,--no-newline", line.no_newline, "No newline after the value");
     command.footer((operation.family == Family::any ? raw_usage : "") +
-                   exit_status_help(statuses_of(operation)));
+                   exit_status_help(with_start(statuses_of(operation))));
   }
 }
 
@@ -271,11 +271,11 @@ void add_server_commands(CLI::App& app, CommandLine& line) {
   static const char* const group = "Servers";
   add_command(app, line, "check", "Start up, probe every server, review the settings", group,
               [&line] { return check(line.options); })
-      .footer(exit_status_help(
+      .footer(exit_status_help(with_start(
           {{succeeded, "every server and connection is up, every setting is read as written"},
            {pools_down, "some pool cannot be used"},
            {connections_down, "every pool can be used, but some servers or connections are not up"},
-           {settings_misread, "all is up, but settings are not read as written"}}));
+           {settings_misread, "all is up, but settings are not read as written"}})));
   CLI::App& listing =
       add_command(app, line, "settings", "List every key that a configuration can hold", group,
                   [&line] { return list_settings(line.options); });
@@ -288,10 +288,11 @@ void add_server_commands(CLI::App& app, CommandLine& line) {
              0, std::numeric_limits<int>::max());
   watching.add_option("--stats-file", line.watch.stats_file,
                       "A host's stats_file: also show how that host sees each server");
-  watching.footer(
-      exit_status_help({{succeeded, "in the last round every server was up"},
-                        {pools_down, "in the last round no server was up, or the pool has none"},
-                        {connections_down, "in the last round some servers were not up"}}));
+  watching.footer(exit_status_help(
+      with_start({{succeeded, "in the last round every server was up"},
+                  {pools_down, "in the last round no server was up, or the pool has none"},
+                  {connections_down, "in the last round some servers were not up"},
+                  {unreadable_input, "the stats_file cannot be read, or is none"}})));
 
   add_stats(app, line, group);
 
@@ -314,9 +315,9 @@ void add_server_commands(CLI::App& app, CommandLine& line) {
              10000000);
   add_number(loading, "--value-size", line.load.value_size,
              or_default("Bytes of a value", standard.value_size), 0, 512 << 20);
-  loading.footer(
-      "Operations of a mix:\n  " + operation_names() + "\n\n" +
-      exit_status_help({{succeeded, "every call succeeded"}, {failed, "some calls failed"}}));
+  loading.footer("Operations of a mix:\n  " + operation_names() + "\n\n" +
+                 exit_status_help(with_start(
+                     {{succeeded, "every call succeeded"}, {failed, "some calls failed"}})));
 }
 
 int run(int argc, char** argv) {
