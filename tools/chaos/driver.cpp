@@ -21,9 +21,9 @@ milliseconds between(std::mt19937_64& plan, int shortest, int longest) {
 
 bool hits_all_servers(Fault fault) { return fault == away || fault == long_away; }
 
-// Calls end much sooner, unless options make the timeouts minutes long: without these outages a
-// long run needs no more memory than a short one.
-bool is_forgotten(const Outage& past) { return past.to < Clock::now() - std::chrono::minutes(5); }
+// Longer than a call takes, also with timeouts of a minute. Without these outages a run of days
+// needs no more memory than one of an hour.
+bool is_forgotten(const Outage& past) { return past.to < Clock::now() - std::chrono::hours(1); }
 
 double seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
 

@@ -46,6 +46,7 @@ Exit status: 0 all conditions were met, 1 at least one was not, 2 it could not r
 
 struct Options {
   std::uint64_t seed = std::random_device()();
+  std::string others;  // as given
   int seconds = 60;
   int threads = 16;
   OwnSettings own;
@@ -270,9 +271,7 @@ void print_resources(const char* when, const Resources& held) {
 }
 
 int run_chaos(const Options& options, Site& site) {
-  std::printf("ruvo_chaos --seed %" PRIu64 " --seconds %d --threads %d%s%s%s\n", options.seed,
-              options.seconds, options.threads, options.own.password ? " --password" : "",
-              options.own.plain ? " --plain" : "", options.own.send_once ? " --send-once" : "");
+  std::printf("ruvo_chaos --seed %" PRIu64 "%s\n", options.seed, options.others.c_str());
   Verdict verdict;
   const bool has_outside_faults = !options.outside_faults.empty();
   FaultRecord faults(has_outside_faults);
@@ -375,6 +374,14 @@ int run(int argc, char** argv) {
   CLI::App app(description);
   add_options(app, options);
   CLI11_PARSE(app, argc, argv);
+  for (const CLI::Option* option : app.parse_order()) {
+    if (option->get_name() != "--seed") {
+      options.others += " " + option->get_name();
+      for (const std::string& value : option->results()) {
+        options.others += option->get_expected_max() > 0 ? " " + value : "";
+      }
+    }
+  }
   if (!open_walk_log(options.log)) {
     throw std::runtime_error("cannot write " + options.log);
   }
