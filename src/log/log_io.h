@@ -95,7 +95,9 @@ class Log_IO_FILE : public Log_IO {
     }
     FILE* file = fdopen(descriptor, stream_mode(mode));
     if (file == nullptr) {
-      return errno;
+      const int error = errno;
+      ::close(descriptor);
+      return error;
     }
     std::fseek(file, 0, SEEK_END);
     if (mode == 0 && std::ftell(file) > 0) {
