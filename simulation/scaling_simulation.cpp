@@ -14,9 +14,7 @@
 //
 // With auto_pipelining a thread whose connection is in use takes the next unused one of that
 // server; if there is none, it shares the connection in full duplex. Its command leaves at once
-// while fewer than 4 are in flight, otherwise with the next reply or 100 microseconds after the
-// last write. The library's special cases are not modelled: its short pause after a single command,
-// and near servers.
+// while few are in flight, otherwise with the next reply or after a pause since the last write.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -43,9 +41,14 @@ constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  
                                                         16, 24, 32, 48, 64, 96, 128};
 constexpr std::size_t max_servers = 8;
 
-// The library's general values, src/openlib/ruvo/pipeline.h.
+// As in src/openlib/ruvo/pipeline.h; times in microseconds.
 constexpr std::size_t direct_sends = 4;
-constexpr double write_pause = 100;  // microseconds
+constexpr std::size_t near_direct_sends = 8;
+constexpr std::size_t few_in_flight = 32;
+constexpr double write_pause = 100;
+constexpr double short_write_pause = 20;
+constexpr double shortest_near_round_trip = 80;
+constexpr double longest_near_round_trip = 500;
 
 struct Point {
   std::string series = "one";
@@ -113,7 +116,7 @@ class Simulation {
     Queue waiting;
     // With auto_pipelining:
     std::size_t in_flight = 0;
-    double last_write = -write_pause;
+    double next_write = 0;    // unless few are in flight or a reply arrives
     bool will_write = false;  // when the pause is over
   };
 
@@ -217,11 +220,13 @@ class Simulation {
     if (connection.waiting.empty()) {
       return;
     }
-    const double next_write = connection.last_write + write_pause;
-    if (connection.in_flight >= direct_sends && !has_replied && now_ < next_write) {
+    const bool is_near = point_.round_trip >= shortest_near_round_trip &&
+                         point_.round_trip <= longest_near_round_trip;
+    if (connection.in_flight >= (is_near ? near_direct_sends : direct_sends) && !has_replied &&
+        now_ < connection.next_write) {
       if (!connection.will_write) {
         connection.will_write = true;
-        schedule(next_write - now_, Step::write, number);
+        schedule(connection.next_write - now_, Step::write, number);
       }
       return;
     }
@@ -229,8 +234,10 @@ class Simulation {
       schedule(point_.round_trip / 2, Step::arrive, caller);
     }
     connection.in_flight += connection.waiting.size();
+    const bool is_short =
+        connection.waiting.size() == 1 || (is_near && connection.in_flight < few_in_flight);
+    connection.next_write = now_ + (is_short ? short_write_pause : write_pause);
     connection.waiting.clear();
-    connection.last_write = now_;
   }
 
   void unlock(Connection& connection) {
