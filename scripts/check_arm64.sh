@@ -43,7 +43,7 @@ END
 export PKG_CONFIG_SYSROOT_DIR=$root
 export PKG_CONFIG_LIBDIR=$root/usr/lib/aarch64-linux-gnu/pkgconfig:$root/usr/share/pkgconfig
 cmake -G Ninja -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$work/arm64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DRUVO_BUILD_EXAMPLES=OFF -DRUVO_BUILD_DEMO=OFF >"$work/log"
+  -DRUVO_BUILD_EXAMPLES=OFF >"$work/log"
 
 # Tests that measure no time, since they run ten times slower here, and that need no tool of their own.
 tests=(stream_log sutils busin_config key_format log_line log_sink startup pools raw operations strings lifecycle

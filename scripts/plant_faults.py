@@ -38,7 +38,7 @@ TABLE = ROOT / "scripts" / "faults.txt"
 SEPARATOR = " ~> "
 TEST_TIMEOUT = 60  # seconds; a test that hangs has caught its fault
 # No symbols and no optimisation: most of the time goes into compiling and linking.
-CONFIGURATION = ["-DCMAKE_BUILD_TYPE=None", "-DRUVO_BUILD_EXAMPLES=OFF", "-DRUVO_BUILD_DEMO=OFF",
+CONFIGURATION = ["-DCMAKE_BUILD_TYPE=None", "-DRUVO_BUILD_EXAMPLES=OFF",
                  "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DCMAKE_COMPILE_WARNING_AS_ERROR=OFF"]
 NO_WARNINGS = {"CXXFLAGS": "-w", "CFLAGS": "-w"}
 

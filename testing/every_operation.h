@@ -6,6 +6,8 @@
 #include <ruvo/ruvo.h>
 
 #include <array>
+#include <string>
+#include <vector>
 
 #include "fixtures.h"
 
