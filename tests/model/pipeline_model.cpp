@@ -2,7 +2,7 @@
 // scripted server as the peer. The search looks for an order of steps that loses a wake-up, gives a
 // call another's reply, accesses a call that has returned, or leaks something.
 //
-//   pipeline_model SCENARIO states|all|bound|random [LIMIT]
+//   pipeline_model SCENARIO states|bound|random [LIMIT]
 //   pipeline_model names
 #include "library.h"
 
@@ -133,6 +133,14 @@ bool happens(unsigned& left) {
   return true;
 }
 
+bool comes_late(time_point until) {
+  if (until == no_deadline || !happens(current_world().left.delays)) {
+    return false;
+  }
+  pass_time_until(until);
+  return true;
+}
+
 void wake_waiters(std::span<const void*> waits, const void* where) {
   for (unsigned i = 0; i < waits.size(); ++i) {
     if (waits[i] == where) {
@@ -258,11 +266,15 @@ peer& used_peer(const redisContext& context) {
   return peer;
 }
 
-void close_peer(peer& peer) {
-  peer.is_closed = true;
+void wake_reader(peer& peer) {
   if (peer.waiter >= 0) {
     model::unpark(static_cast<unsigned>(std::exchange(peer.waiter, -1)));
   }
+}
+
+void close_peer(peer& peer) {
+  peer.is_closed = true;
+  wake_reader(peer);
 }
 
 // The server closes the connection.
@@ -295,9 +307,7 @@ void receive_byte(peer& peer, std::uint8_t byte) {
   check(std::exchange(peer.half_received, 0) == byte, "the bytes of commands are mixed");
   ++current_world().calls.at(byte - 1U).arrivals;
   peer.sent.at(peer.sent_count++) = byte;
-  if (peer.waiter >= 0) {
-    model::unpark(static_cast<unsigned>(std::exchange(peer.waiter, -1)));
-  }
+  wake_reader(peer);
 }
 
 constexpr std::array<char, 2 * max_calls> command_bytes = [] {
@@ -351,11 +361,7 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
     pass_time_until(until);
     return wait_end::timed_out;
   }
-  if (until != no_deadline && happens(current_world().left.delays)) {
-    pass_time_until(until);
-    return wait_end::timed_out;
-  }
-  return wait_end::ready;
+  return comes_late(until) ? wait_end::timed_out : wait_end::ready;
 }
 
 wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
@@ -374,8 +380,7 @@ wait_end receive_some(redisContext& context, std::chrono::microseconds socket_ti
     }
   }
   peer.reader.write();
-  if (peer.sent_count > 0 && until != no_deadline && happens(current_world().left.delays)) {
-    pass_time_until(until);
+  if (peer.sent_count > 0 && comes_late(until)) {
     return wait_end::timed_out;
   }
   if (peer.sent_count == 0 || breaks(peer)) {
@@ -409,7 +414,6 @@ reply_ptr next_reply(redisContext& context) {
       current_world().contents[i].write();
       return reply_ptr(&reply);
     }
-    current_world().is_reply_used[i] = true;
   }
   model::fail("replies are leaked");
 }
@@ -579,9 +583,7 @@ void make_call(unsigned number) {
   }
   if (sends_again) {
     may_fork();
-    if (terms.limits.deadline != no_deadline && happens(world.left.delays)) {
-      pass_time_until(terms.limits.deadline);
-    }
+    comes_late(terms.limits.deadline);
     model_rebuilder rebuilder;
     end = call->send_again(rebuilder);
     check_end(end, number, *call, terms.limits.deadline, true);
@@ -668,7 +670,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (chosen == nullptr) {
-    std::cerr << "usage: pipeline_model SCENARIO states|all|bound|random [LIMIT]\n";
+    std::cerr << "usage: pipeline_model SCENARIO states|bound|random [LIMIT]\n";
     return 2;
   }
   client.t_pool_.servers_.resize(1);
