@@ -168,10 +168,7 @@ TEST(CliCheck, RecommendsMissingKeys) {
       all_keys += key.name + " = " + key.recommended + "\n";
     }
   }
-  const struct {
-    std::string keys;
-    bool is_advised;
-  } cases[] = {
+  const std::vector<std::pair<std::string, bool>> cases{
       {"", true},
       {"auto_pipelining = true\ncall_timeout = 10", true},
       {"recommended_defaults = true", false},
@@ -179,9 +176,8 @@ TEST(CliCheck, RecommendsMissingKeys) {
       {"recommended_defaults = false", false},
       {all_keys, false},
   };
-  for (const auto& one : cases) {
-    EXPECT_EQ(advice_for(all_pools_at(redis.addr()) + one.keys).size(), one.is_advised ? 1 : 0)
-        << one.keys;
+  for (const auto& [keys, is_advised] : cases) {
+    EXPECT_EQ(advice_for(all_pools_at(redis.addr()) + keys).size(), is_advised ? 1 : 0) << keys;
   }
   const std::string reason =
       advice_for(all_pools_at(redis.addr()) + "auto_pipelining = 0")["recommended_defaults"];
