@@ -231,6 +231,11 @@ class Client final : public rebuilder {
 
 }  // namespace
 
+// As the library's limit for arrays does: clearing gigabytes would take longer than a deadline.
+extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+  return "allocator_may_return_null=1:max_allocation_size_mb=512";
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Server server(data, size);
   Client client(server);
