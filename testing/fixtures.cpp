@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
@@ -27,6 +28,11 @@ TempDir::~TempDir() { std::filesystem::remove_all(path_); }
 std::string TempDir::write(const std::string& name, const std::string& content) const {
   std::ofstream(path(name), std::ios::binary) << content;
   return path(name);
+}
+
+std::string content_of(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 HostConfig::HostConfig(const std::string& common, const std::string& server) {

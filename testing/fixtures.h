@@ -31,6 +31,9 @@ bool eventually(Condition condition) {
   return true;
 }
 
+// Of a whole file; empty if there is none.
+std::string content_of(const std::string& path);
+
 // A folder that is removed with the object.
 class TempDir : NoCopy {
  public:

@@ -53,10 +53,7 @@ TEST(CliParts, NumbersAreWholeAndInBounds) {
 
 TEST(CliParts, ValuesAreShownAsTheyAre) {
   const json nested{"a", json::array({1, json::array({"b", nullptr})}), json::array()};
-  json twelve_pairs = json::array({json::array({"x", "y"})});
-  for (int i = 0; i < 11; ++i) {
-    twelve_pairs.push_back(json::array({"x", "y"}));
-  }
+  const json twelve_pairs(12, json::array({"x", "y"}));
   // clang-format off
   const struct { json value; std::string text; } cases[] = {
       {nullptr, "(nil)"}, {"text", "text"}, {-7, "-7"}, {json::array(), "(empty)"},

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -60,12 +59,6 @@ ProgramResult stats(const std::string& arguments) {
   return shell(RUVO_CLI " " + arguments + " 2>&1");
 }
 
-void expect_all(const std::string& output, const std::vector<std::string>& output_parts) {
-  for (const std::string& text : output_parts) {
-    EXPECT_NE(output.find(text), std::string::npos) << text << "\n" << output;
-  }
-}
-
 TEST(CliStats, ShowsATable) {
   const TempDir dir;
   Host host(dir.path("s"));
@@ -73,14 +66,13 @@ TEST(CliStats, ShowsATable) {
   host.calls(2, RUVO_STATS_NO_SERVER, microseconds(2'000'000));
   note_failures(host.server(1), 3, std::time(nullptr) + 1000);
   note_failures(host.server(2), 2, 0);
-  const ProgramResult run = stats("stats " + dir.path("s"));
-  EXPECT_EQ(run.status, 0);
-  expect_all(run.output,
-             {"process " + std::to_string(getpid()) + " runs; started ",
-              "  106 us  106 us  2.01 s  2.01 s\n", "of temp: no_server 2\n",
-              "temp 127.0.0.1:6379  ", "  ejected, ", "temp 127.0.0.1:6379#2  failing, 2 "});
+  const std::string show = "stats " + dir.path("s");
+  expect_result(stats(show), show, 0,
+                {"process " + std::to_string(getpid()) + " runs; started ",
+                 "  106 us  106 us  2.01 s  2.01 s\n", "of temp: no_server 2\n",
+                 "temp 127.0.0.1:6379  ", "  ejected, ", "temp 127.0.0.1:6379#2  failing, 2 "});
   host.end();
-  expect_all(stats("stats " + dir.path("s")).output, {"has shut the library down; "});
+  expect_result(stats(show), show, 0, {"has shut the library down; "});
 }
 
 TEST(CliStats, ShowsRatesSinceTheLastReading) {
@@ -92,9 +84,10 @@ TEST(CliStats, ShowsRatesSinceTheLastReading) {
     run = stats("--json stats --watch 1 --rounds 3 " + dir.path("s") + " | tee " + dir.path("out"));
   });
   const auto wait_for_lines = [&dir](int number) {
-    while (shell("grep -c . " + dir.path("out") + " 2>&1").output !=
-           std::to_string(number) + "\n") {
-    }
+    EXPECT_TRUE(eventually([&] {
+      const std::string lines = content_of(dir.path("out"));
+      return std::count(lines.begin(), lines.end(), '\n') == number;
+    }));
   };
   wait_for_lines(1);
   host.calls(500, RUVO_STATS_OK, microseconds(50'000));
@@ -126,21 +119,21 @@ TEST(CliStats, IsReadByPrometheus) {
   note_failures(host.server(1), 3, std::time(nullptr) + 1000);
   const ProgramResult run =
       stats("stats --prometheus --label host=h1 --label 'unit=x y' " + dir.path("s"));
-  EXPECT_EQ(run.status, 0);
   const std::string site = R"({host="h1",unit="x y")";
   const std::string histogram = "ruvo_call_duration_seconds";
-  expect_all(run.output,
-             {"# TYPE ruvo_up gauge\nruvo_up" + site + "} 1\n",
-              "# TYPE ruvo_calls_total counter\nruvo_calls_total" + site +
-                  R"(,pool="temp",result="ok"} 3)" + "\n",
-              histogram + "_bucket" + site + R"(,pool="temp",le="3.2768e-05"} 0)" + "\n",
-              histogram + "_bucket" + site + R"(,pool="temp",le="4.9152e-05"} 3)" + "\n",
-              histogram + "_bucket" + site + R"(,pool="temp",le="12.884901888"} 3)" + "\n",
-              histogram + "_bucket" + site + R"(,pool="temp",le="+Inf"} 4)" + "\n",
-              histogram + "_sum" + site + R"(,pool="temp"} 20.000120000)" + "\n",
-              histogram + "_count" + site + R"(,pool="temp"} 4)" + "\n",
-              "ruvo_server_replies_total" + site + R"(,pool="temp",server="a\"\\b:6379"} 4)" + "\n",
-              "ruvo_server_ejected" + site + R"(,pool="temp",server="a\"\\b:6380"} 1)" + "\n"});
+  expect_result(
+      run, "stats", 0,
+      {"# TYPE ruvo_up gauge\nruvo_up" + site + "} 1\n",
+       "# TYPE ruvo_calls_total counter\nruvo_calls_total" + site +
+           R"(,pool="temp",result="ok"} 3)" + "\n",
+       histogram + "_bucket" + site + R"(,pool="temp",le="3.2768e-05"} 0)" + "\n",
+       histogram + "_bucket" + site + R"(,pool="temp",le="4.9152e-05"} 3)" + "\n",
+       histogram + "_bucket" + site + R"(,pool="temp",le="12.884901888"} 3)" + "\n",
+       histogram + "_bucket" + site + R"(,pool="temp",le="+Inf"} 4)" + "\n",
+       histogram + "_sum" + site + R"(,pool="temp"} 20.000120000)" + "\n",
+       histogram + "_count" + site + R"(,pool="temp"} 4)" + "\n",
+       "ruvo_server_replies_total" + site + R"(,pool="temp",server="a\"\\b:6379"} 4)" + "\n",
+       "ruvo_server_ejected" + site + R"(,pool="temp",server="a\"\\b:6380"} 1)" + "\n"});
   const std::string check = "stats --prometheus " + dir.path("s") + " | promtool check metrics";
   if (shell("command -v promtool").status == 0) {
     EXPECT_EQ(stats(check).output, "");
@@ -156,8 +149,7 @@ TEST(CliStats, IsReadByPrometheus) {
 TEST(CliStats, SaysWhatIsWrong) {
   const TempDir dir;
   const Host host(dir.path("s"));
-  std::ifstream file(dir.path("s"), std::ios::binary);
-  const std::string good(std::istreambuf_iterator<char>(file), {});
+  const std::string good = content_of(dir.path("s"));
   const std::string cut = dir.write("cut", good.substr(0, good.size() / 2));
   std::string newer = good;
   newer.at(offsetof(ruvo_stats_header, version)) = 9;
@@ -183,9 +175,7 @@ TEST(CliStats, SaysWhatIsWrong) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    const ProgramResult run = stats(one.arguments);
-    EXPECT_EQ(run.status, one.status) << one.arguments;
-    expect_all(run.output, {one.output_part});
+    expect_result(stats(one.arguments), one.arguments, one.status, {one.output_part});
   }
 }
 

@@ -1,7 +1,4 @@
 // ruvo_cli's operations, its refusals and its load.
-#include <fstream>
-#include <iterator>
-
 #include "cli_tool.h"
 #include "operations.h"
 #include "servers.h"
@@ -93,17 +90,12 @@ TEST(Cli, SaysWhatIsWrong) {
   // clang-format on
   tool.run("set k v");
   for (const auto& one : cases) {
-    const ProgramResult run = tool.run(one.arguments);
-    EXPECT_EQ(run.status, one.status) << one.arguments;
-    EXPECT_NE(run.output.find(one.output_part), std::string::npos)
-        << one.arguments << ": " << run.output;
+    expect_output(tool, one.arguments, one.status, {one.output_part});
   }
   EXPECT_EQ(shell("RUVO_CONFIG=" + tool.path() + " " RUVO_CLI " get k").output, "v\n");
   EXPECT_EQ(shell(std::string(RUVO_CLI) + " --version").output, "ruvo_cli " RUVO_VERSION "\n");
   EXPECT_EQ(tool.run("--log-file " + dir.path("log") + " raw FLY").status, 3);
-  std::ifstream log(dir.path("log"));
-  const std::string lines{std::istreambuf_iterator<char>(log), {}};
-  EXPECT_NE(lines.find("ERROR"), std::string::npos);
+  EXPECT_NE(content_of(dir.path("log")).find("ERROR"), std::string::npos);
 }
 
 TEST(Cli, LoadMeasuresAndCleansUp) {
@@ -113,12 +105,8 @@ TEST(Cli, LoadMeasuresAndCleansUp) {
   for (const Operation& operation : all_operations()) {
     mix += std::string(",") + operation.name + "=1";
   }
-  const ProgramResult run = tool.run("load --threads 2 --seconds 1 --keys 10 --mix " + mix);
-  EXPECT_EQ(run.status, 0) << run.output;
-  for (const std::string part :
-       {"   1 s  ", " 0 failed in this second\n", "failed      0\n", "99.9%  ", "####"}) {
-    EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output;
-  }
+  expect_output(tool, "load --threads 2 --seconds 1 --keys 10 --mix " + mix, 0,
+                {"   1 s  ", " 0 failed in this second\n", "failed      0\n", "99.9%  ", "####"});
   EXPECT_EQ(redis.ask("DBSIZE"), "0");
 }
 
@@ -127,11 +115,8 @@ TEST(Cli, LoadCountsFailuresAndReportsRemainingKeys) {
   const Tool tool(all_pools_at(redis.addr()));
   const ProgramResult run = tool.run(
       "load --json --threads 1 --seconds 1 --keys 20 --mix set=1,raw=1 --raw 'HGET {key} f'");
-  EXPECT_EQ(run.status, 3) << run.output;
-  for (const std::string part :
-       {R"("keys_left":40,)", "up to 40 keys ruvo_cli:load:* could not be deleted"}) {
-    EXPECT_NE(run.output.find(part), std::string::npos) << run.output;
-  }
+  expect_result(run, "load", 3,
+                {R"("keys_left":40,)", "up to 40 keys ruvo_cli:load:* could not be deleted"});
   EXPECT_EQ(run.output.find(R"("failed":0,)"), std::string::npos) << run.output;
   EXPECT_EQ(redis.ask("DBSIZE"), "40");
   EXPECT_EQ(redis.ask("TTL ruvo_cli:load:string:7").substr(0, 1), "3");  // of 3600

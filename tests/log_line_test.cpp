@@ -40,6 +40,7 @@ TEST_F(Log, ALineHasItsPlaceAndIsCut) {
       << last_line;
   log_key_as_format("100%% of %s");
   EXPECT_TRUE(last_line.ends_with(" 100% of (null)\n")) << last_line;
+  EXPECT_NE(last_line.find(" ERROR log_line.cpp:"), std::string::npos) << last_line;
 }
 
 TEST_F(Log, ArgumentsAreEvaluatedOnlyForWrittenLines) {
@@ -53,10 +54,12 @@ TEST_F(Log, ArgumentsAreEvaluatedOnlyForWrittenLines) {
 }
 
 TEST_F(Log, LimitSuppressesLinesOfAKindAndLogsHowMany) {
-  const auto write = [](int number) {
-    RUVO_LOG(WARN, "one kind %d", number);
-    RUVO_LOG(ERROR, "other kind %d", number);
-    RUVO_LOG(INFO, "no trouble");
+  const auto write = [](int lines) {  // of each kind
+    for (int i = 0; i < lines; ++i) {
+      RUVO_LOG(WARN, "one kind %d", i);
+      RUVO_LOG(ERROR, "other kind %d", i);
+      RUVO_LOG(INFO, "no trouble");
+    }
   };
   const auto counts = [this](int one, int other, int info) {
     EXPECT_EQ(log_.count_containing("one kind"), one);
@@ -65,13 +68,10 @@ TEST_F(Log, LimitSuppressesLinesOfAKindAndLogsHowMany) {
   };
   const std::time_t first = now += 10;  // a second without lines
   set_log_limit(1);
-  for (; now < first + 2; ++now) {
-    for (int i = 0; i < 10; ++i) {
-      write(i);
-    }
-  }
+  write(10);
+  ++now;
+  write(10);
   counts(2, 2, 20);
-  now = first + 1;  // the second whose limit has been reached
   const std::string notice = "ruvo_redis::log_limit | 9 lines like the next one were kept back";
   EXPECT_EQ(log_.count(WARN, notice), 2);  // of each kind
   const std::vector<LogCapture::Line> lines = log_.take();
@@ -81,29 +81,25 @@ TEST_F(Log, LimitSuppressesLinesOfAKindAndLogsHowMany) {
   {
     const unlimited_log all;
     { const unlimited_log within; }
-    write(0);
+    write(1);
   }
-  write(0);
+  write(1);
   now = first;  // as seen by a thread that read the clock just before the others
-  std::thread([&] { write(0); }).join();
+  std::thread([&] { write(1); }).join();
   counts(1, 1, 3);
   set_log_limit(2);
   now = first + 3;
-  for (int i = 0; i < 3; ++i) {
-    write(i);
-  }
+  write(3);
   counts(1 + 2, 1 + 2, 3 + 3);
   EXPECT_EQ(log_.count_containing(" | 11 lines like the next one"), 2);  // those since the last
   BaseLib::Logger::setLogLevel(ERROR);  // the lines that count others are WARN lines
   now = first + 4;
   log_.clear();
-  write(0);
+  write(1);
   EXPECT_EQ(log_.take(), (std::vector<LogCapture::Line>{{ERROR, "other kind 0"}}));
   BaseLib::Logger::setLogLevel(DEBUG);
   set_log_limit(0);
-  for (int i = 0; i < 3; ++i) {
-    write(i);
-  }
+  write(3);
   counts(3, 3, 3);
 }
 

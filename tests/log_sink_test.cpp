@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <fstream>
-#include <sstream>
 
 #include "host.h"
 
@@ -15,12 +13,7 @@ class LogSink : public testing::Test {
  protected:
   std::string content(const std::string& name = "log") {
     sink_.flush();
-    return on_disk(name);
-  }
-  std::string on_disk(const std::string& name = "log") const {
-    std::stringstream all;
-    all << std::ifstream(dir_.path(name)).rdbuf();
-    return all.str();
+    return content_of(dir_.path(name));
   }
 
   TempDir dir_;
@@ -82,11 +75,11 @@ TEST_F(LogSink, EmptiesAndBacksUp) {
 TEST_F(LogSink, WritesARecordBeforeTheNextOne) {
   ASSERT_EQ(sink_.open(path_.c_str(), nullptr, 0, 0), 0);
   sink_.write("first\n");
-  EXPECT_EQ(on_disk(), "");
+  EXPECT_EQ(content_of(path_), "");
   sink_.write("second\n");
-  EXPECT_EQ(on_disk(), "first\n");
+  EXPECT_EQ(content_of(path_), "first\n");
   sink_.write("third\n", 6);
-  EXPECT_EQ(on_disk(), "first\nsecond\n");
+  EXPECT_EQ(content_of(path_), "first\nsecond\n");
 }
 
 struct Config : Log_Cfg {};
@@ -102,14 +95,14 @@ TEST_F(LogSink, KeepsWhatItsUserGivesAndClosesItsFile) {
   EXPECT_EQ(sink->mutex(), nullptr);
   EXPECT_EQ(sink->config(), nullptr);
   EXPECT_FALSE(sink->donot_delete());
-  for (int opening = 0; opening < 2; ++opening) {
-    ASSERT_EQ(sink->open(path_.c_str(), &one, 0, 0), 0);
+  for (Log_Thread_Mutex* const lock : {&one, &other}) {
+    ASSERT_EQ(sink->open(path_.c_str(), lock, 0, 0), 0);
     EXPECT_EQ(open_descriptors(), descriptors + 1);
+    EXPECT_EQ(sink->mutex(), lock);
   }
+  sink->mutex(&one);
   EXPECT_EQ(sink->mutex(), &one);
-  sink->mutex(&other);
   sink->config(&config);
-  EXPECT_EQ(sink->mutex(), &other);
   EXPECT_EQ(sink->config(), &config);
   sink->~Log_IO_FILE();
   EXPECT_EQ(open_descriptors(), descriptors);

@@ -5,9 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
-#include <sstream>
 
 #include "busin_config.h"
 #include "host.h"
@@ -15,19 +13,17 @@
 
 namespace {
 
+std::string word(bool value) { return value ? "true" : "false"; }
 std::string first_line(bool pipelining, bool eject, bool try_ejected, int limit, int timeout) {
-  const auto word = [](bool value) { return value ? "true" : "false"; };
-  return std::string("auto_pipelining:") + word(pipelining) +
-         ", eject_silent_servers:" + word(eject) + ", try_ejected_servers:" + word(try_ejected) +
-         ", log_limit:" + std::to_string(limit) + ", call_timeout:" + std::to_string(timeout) +
-         " (ms)";
+  return "auto_pipelining:" + word(pipelining) + ", eject_silent_servers:" + word(eject) +
+         ", try_ejected_servers:" + word(try_ejected) + ", log_limit:" + std::to_string(limit) +
+         ", call_timeout:" + std::to_string(timeout) + " (ms)";
 }
 std::string second_line(bool stay, bool start, const std::string& replies, bool once, bool wait,
                         const std::string& file, int slow) {
-  const auto word = [](bool value) { return value ? "true" : "false"; };
-  return std::string("raw_commands_stay_in_pool:") + word(stay) +
-         ", start_without_servers:" + word(start) + ", failover_replies:" + replies +
-         ", send_once:" + word(once) + ", wait_for_servers:" + word(wait) + ", stats_file:" + file +
+  return "raw_commands_stay_in_pool:" + word(stay) + ", start_without_servers:" + word(start) +
+         ", failover_replies:" + replies + ", send_once:" + word(once) +
+         ", wait_for_servers:" + word(wait) + ", stats_file:" + file +
          ", slow_call_log:" + std::to_string(slow) + " (ms)";
 }
 
@@ -138,12 +134,6 @@ TEST(Settings, AnAddressIsReadAsDeployedFilesHaveIt) {
   EXPECT_EQ(parse_addresses("a:1, b:2").servers.size(), 2U);
   EXPECT_EQ(parse_addresses("a:1, b,c").malformed, "b");
   EXPECT_EQ(parse_addresses("a:1,").malformed, "");
-}
-
-std::string content_of(const std::string& path) {
-  std::stringstream content;
-  content << std::ifstream(path).rdbuf();
-  return content.str();
 }
 
 std::string from_to(const std::string& text, std::size_t begin, const char* end) {

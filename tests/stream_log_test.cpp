@@ -45,7 +45,10 @@ void collect(Logger::LogLevel level, const char* line, std::size_t length) {
 
 class StreamLog : public testing::Test {
  protected:
-  StreamLog() { Logger::setOutput(collect); }
+  StreamLog() {
+    lines.clear();
+    Logger::setOutput(collect);
+  }
   ~StreamLog() override { Logger::setOutput(nullptr); }
 };
 
@@ -54,10 +57,7 @@ TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
   setenv("TZ", "XXX-05:45", 1);
   tzset();
   EXPECT_EQ(Logger::logLevel(), Logger::INFO);
-  const struct {
-    timeval moment;
-    std::string text;
-  } times[] = {
+  const std::vector<std::pair<timeval, std::string>> times{
       {{1714566615, 42}, "2024-05-01 18:15:15.000042 "},
       {{1714566615, 999999}, "2024-05-01 18:15:15.999999 "},
       {{1735667099, 100000}, "2024-12-31 23:29:59.100000 "},
@@ -65,14 +65,14 @@ TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
   };
   const std::vector<std::string> names{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
   const auto write_all = [&] {
-    for (const auto& time : times) {
-      moment = time.moment;
+    for (const auto& [time, text] : times) {
+      moment = time;
       for (std::size_t level = 0; level < names.size(); ++level) {
         errno = EPIPE;
         Logger("/a/b/server.cpp", 42, static_cast<Logger::LogLevel>(level)).stream() << errno;
         EXPECT_EQ(errno, EPIPE);
         EXPECT_EQ(lines.back().first, static_cast<Logger::LogLevel>(level));
-        EXPECT_EQ(lines.back().second, time.text + std::to_string(gettid()) + " " + names[level] +
+        EXPECT_EQ(lines.back().second, text + std::to_string(gettid()) + " " + names[level] +
                                            " server.cpp:42 " + std::to_string(EPIPE) + "\n");
       }
     }
@@ -85,15 +85,13 @@ TEST_F(StreamLog, BuildsTheWholeLineAndOnlyKeepsTheThreshold) {
 }
 
 TEST_F(StreamLog, LinesOfManyThreadsDoNotMix) {
-  lines.clear();
   const auto work = [] {
     for (int i = 0; i < 400; ++i) {
       Logger("t.cpp", i, Logger::INFO).stream() << "line " << i;
     }
   };
-  std::thread one(work);
   std::thread other(work);
-  one.join();
+  work();
   other.join();
   ASSERT_EQ(lines.size(), 800U);
   for (const auto& line : lines) {
@@ -102,7 +100,6 @@ TEST_F(StreamLog, LinesOfManyThreadsDoNotMix) {
 }
 
 TEST_F(StreamLog, DropsALineThatLacksAPiece) {
-  lines.clear();
   Logger("t.cpp", 1, Logger::INFO).stream().setstate(std::ios::badbit);
   EXPECT_TRUE(lines.empty());
   {
@@ -115,15 +112,13 @@ TEST_F(StreamLog, DropsALineThatLacksAPiece) {
 }
 
 TEST_F(StreamLog, ACancelledThreadFinishesItsLineAndEndsThen) {
-  lines.clear();
   std::atomic<bool> has_continued{false};
-  std::thread writer([&] {
+  std::thread([&] {
     pthread_cancel(pthread_self());
     Logger("t.cpp", 1, Logger::INFO).stream() << "whole";
     pthread_testcancel();
     has_continued = true;
-  });
-  writer.join();
+  }).join();
   EXPECT_EQ(lines.size(), 1U);
   EXPECT_FALSE(has_continued);
 }

@@ -3,9 +3,9 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 
 #include "busin_config.h"
+#include "require.h"
 
 namespace {
 
@@ -18,9 +18,7 @@ strings contents(const vop_config& config) {
   config.enum_sec_name(names);
   for (const std::string& name : names) {
     strings keys;
-    if (config.enum_sec_key(name.c_str(), keys) != 0) {
-      std::abort();
-    }
+    require(config.enum_sec_key(name.c_str(), keys) == 0, "each section has its keys");
     for (const std::string& key : keys) {
       const char* value = config.get_str_val(name.c_str(), key.c_str());
       const int number = config.get_int_val(name.c_str(), key.c_str(), 7);
@@ -42,23 +40,18 @@ bool reads_alike(const std::string& text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   if (text.c_str()[0] == '\0') {
-    return 0;
-  }  // refused, with a line on the console
+    return 0;  // refused, with a line on the console
+  }
   static const std::string path = "/tmp/ruvo-fuzz-" + std::to_string(getpid());
   FILE* file = std::fopen(path.c_str(), "w");
-  if (file == nullptr || std::fwrite(data, 1, size, file) != size || std::fclose(file) != 0) {
-    std::abort();
-  }
+  require(file != nullptr && std::fwrite(data, 1, size, file) == size && std::fclose(file) == 0,
+          "the file is written");
   vop_config from_file;
   vop_config from_text;
-  if (from_file.open(path.c_str()) != 0 || from_text.open(text, true) != 0) {
-    std::abort();
-  }
+  require(from_file.open(path.c_str()) == 0 && from_text.open(text, true) == 0, "any text loads");
   unlink(path.c_str());
   const strings first = contents(from_file);
   const strings second = contents(from_text);
-  if (reads_alike(text) && first != second) {
-    std::abort();
-  }
+  require(!reads_alike(text) || first == second, "a file and a text are read alike");
   return 0;
 }

@@ -1,21 +1,18 @@
 // Keys that the log uses as formats: whole numbers, texts and pointers are printed as printf prints
 // them for zeros; for everything else the test only checks that it is safe.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <regex>
 #include <string>
 
 #include "key_format.h"
+#include "require.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string key(reinterpret_cast<const char*>(data), size);
   std::array<char, log_buffer_size> text{};
   expand_key_format(key.c_str(), text);
-  if (std::memchr(text.data(), '\0', text.size()) == nullptr) {
-    std::abort();
-  }
+  require(std::memchr(text.data(), '\0', text.size()) != nullptr, "the text has an end");
   // Matches keys whose conversions read only the zeros below: no floating-point numbers, and no
   // more conversions than zeros. "%c" is missing, since printf would end the text at its zero.
   static const std::regex plain(

@@ -6,8 +6,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <set>
 #include <string>
@@ -16,6 +14,7 @@
 
 #include "connection.h"
 #include "pipeline.h"
+#include "require.h"
 #include "server_pool.h"
 
 namespace {
@@ -27,20 +26,13 @@ using clock_type = std::chrono::steady_clock;
 constexpr milliseconds socket_timeout{10};
 constexpr std::chrono::seconds late{3};  // beyond the deadline, on a machine under load
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "pipeline_fuzz: %s\n", what);
-  std::abort();
-}
-
 class Server {
  public:
   Server(const std::uint8_t* data, std::size_t size) : script_(data, size) {}
 
   context_ptr connect() {
     std::array<int, 2> ends{};
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) != 0) {
-      fail("no socket pair");
-    }
+    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0, "there is a socket pair");
     constexpr int small = 4096;  // so that large commands are written in parts
     setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
     const std::scoped_lock lock(mutex_);
@@ -203,9 +195,7 @@ class Client final : public rebuilder {
       call.give_up("refused");
       end = call.send_again(*this);
     }
-    if (clock_type::now() > deadline + late) {
-      fail("a call overran its deadline");
-    }
+    require(clock_type::now() <= deadline + late, "a call ends by its deadline");
     if (end != send_end::replied) {
       return false;
     }
@@ -215,12 +205,10 @@ class Client final : public rebuilder {
 
   void check_idle() {
     const pipeline_state& state = slot().pipeline_;
-    const bool waits_for_nobody = state.unsent.empty() && state.alone.empty() &&
-                                  state.in_flight.empty() &&
-                                  state.users == (state.replies_to_skip > 0 ? 1 : 0);
-    if (!waits_for_nobody || state.is_reading || state.is_writing || state.is_rebuilding) {
-      fail("a call was left behind");
-    }
+    require(state.unsent.empty() && state.alone.empty() && state.in_flight.empty() &&
+                state.users == (state.replies_to_skip > 0 ? 1 : 0),
+            "no call is left");
+    require(!state.is_reading && !state.is_writing && !state.is_rebuilding, "no duty is left");
   }
 
  private:
@@ -233,9 +221,8 @@ class Client final : public rebuilder {
     std::array<char, 6> key{};
     std::snprintf(key.data(), key.size(), "k%04u", number % 10000);
     const bool is_own = is_whole && std::string(reply.element[0]->str) == key.data();
-    if (!is_own && !server_.has_sent_noise(is_whole ? reply.element[1]->integer : -1)) {
-      fail("a call got another's reply");
-    }
+    require(is_own || server_.has_sent_noise(is_whole ? reply.element[1]->integer : -1),
+            "a call gets its own reply");
   }
 
   Server& server_;
@@ -243,6 +230,11 @@ class Client final : public rebuilder {
 };
 
 }  // namespace
+
+// As the library's limit for arrays does: clearing gigabytes would take longer than a deadline.
+extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+  return "allocator_may_return_null=1:max_allocation_size_mb=512";
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Server server(data, size);
@@ -262,12 +254,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   server.end_script();
   // On a busy machine even a server that answers may miss the socket timeout.
-  int attempts = 0;
-  while (!client.get(9999, 0, std::chrono::seconds(5), false)) {
-    if (++attempts == 20) {
-      fail("the slot does not serve again");
-    }
+  bool serves = false;
+  for (int attempt = 0; attempt < 20 && !serves; ++attempt) {
+    serves = client.get(9999, 0, std::chrono::seconds(5), false);
   }
+  require(serves, "the slot serves again");
   client.check_idle();
   return 0;
 }

@@ -1,7 +1,7 @@
 // The splitter and the trimmer. The first byte of the input is the separator.
 #include <cstdint>
-#include <cstdlib>
 
+#include "require.h"
 #include "sutils.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -23,15 +23,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     expected.emplace_back(buffer.data());
     at = end == std::string::npos ? end : end + 1;
   }
-  if (pieces != expected) {
-    std::abort();
-  }
+  require(pieces == expected, "the text is split at each separator");
   for (const std::string& piece : pieces) {
-    const bool blank_ends = !piece.empty() && (static_cast<unsigned char>(piece.front()) <= ' ' ||
-                                               static_cast<unsigned char>(piece.back()) <= ' ');
-    if (blank_ends) {
-      std::abort();
-    }
+    require(piece.empty() || (static_cast<unsigned char>(piece.front()) > ' ' &&
+                              static_cast<unsigned char>(piece.back()) > ' '),
+            "each piece is trimmed");
   }
   return 0;
 }

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 namespace model {
 
@@ -30,68 +31,30 @@ using relacy_word = rl::atomic<std::uint32_t>;
 using relacy_clock = rl::sync_var<fibers>;
 using relacy_variable = rl::var<int>;
 
-struct memory {
-  const char* begin = nullptr;
-  const char* end = nullptr;
-};
-
 struct fiber {
-  memory stack;  // from where it was last left
+  const char* stack_top = nullptr;  // where it was last left
+  const char* stack_end = nullptr;
   bool is_parked = false;
   bool is_in_pause = false;
   bool has_vanished = false;
   jmp_buf exit;
 };
 
-std::array<memory, 8> state_parts;
-std::size_t state_count = 0;
+rl::vector<std::string_view>::type state_parts;
 std::array<fiber, thread_count> threads;
-word* words = nullptr;
+rl::vector<word*>::type words;
 bool has_begun = false;
-bool is_state_search = false;  // which knows no memory orders
+bool is_state_search = false;              // which knows no memory orders
+rl::set<std::uint64_t>::type seen_states;  // their hashes
 
 std::uint64_t mix(std::uint64_t hash, std::uint64_t value) {
   hash = (hash ^ value) * 0x9E3779B97F4A7C15U;
   return hash ^ (hash >> 29U);
 }
 
-std::uint64_t mix(std::uint64_t hash, const memory& part) {
-  std::uint64_t value = 0;
-  for (const char* at = part.begin; at != part.end; at += sizeof value) {
-    std::memcpy(&value, at, sizeof value);
-    hash = mix(hash, value);
-  }
-  return hash;
+std::uint64_t mix(std::uint64_t hash, std::string_view part) {
+  return mix(hash, std::hash<std::string_view>()(part));
 }
-
-// The hashes of the states that have been seen.
-class state_set {
- public:
-  bool insert(std::uint64_t hash) {
-    hash |= 1U;
-    std::size_t at = hash >> (64U - bits);
-    while (table_[at] != 0 && table_[at] != hash) {
-      at = (at + 1) & (size - 1);
-    }
-    if (table_[at] == hash) {
-      return false;
-    }
-    table_[at] = hash;
-    if (++count_ > size / 2) {
-      std::cerr << "too many states" << std::endl;
-      std::_Exit(2);
-    }
-    return true;
-  }
-  std::size_t count() const { return count_; }
-
- private:
-  static constexpr unsigned bits = 25;
-  static constexpr std::size_t size = std::size_t{1} << bits;
-  std::uint64_t* table_ = static_cast<std::uint64_t*>(std::calloc(size, sizeof(std::uint64_t)));
-  std::size_t count_ = 0;
-};
-state_set* seen_states = nullptr;
 
 // Tries every choice in every state. An execution that reaches a known state is only completed: all
 // that follows that state has been tried, or will be. A state is the contents of the threads'
@@ -125,7 +88,7 @@ class state_scheduler
 
   rl::thread_id_t schedule_impl(rl::unpark_reason& reason, unsigned) {
     if (depth_ == choices_.size() && !is_known_) {
-      is_known_ = !seen_states->insert(present_state());
+      is_known_ = !seen_states.insert(present_state()).second;
     }
     // The options: the running thread, the others that could run, those that may time out.
     std::array<rl::thread_id_t, 2 * count> options{};
@@ -194,15 +157,15 @@ class state_scheduler
     std::uint64_t hash = 0;
     for (rl::thread_id_t i = 0; i < count; ++i) {
       hash = mix(hash, this->threads_[i].state_ * 2U + (threads[i].has_vanished ? 1U : 0U));
-      hash = mix(hash, threads[i].stack);
+      hash = mix(hash, std::string_view(threads[i].stack_top, threads[i].stack_end));
     }
     std::uint64_t timed = 0;
     for (rl::thread_id_t i = 0; i < this->timed_thread_count_; ++i) {
       timed |= 1U << static_cast<unsigned>(this->timed_threads_[i]->index_);
     }
     hash = mix(hash, timed);
-    for (std::size_t i = 0; i < state_count; ++i) {
-      hash = mix(hash, state_parts[i]);
+    for (const std::string_view part : state_parts) {
+      hash = mix(hash, part);
     }
     return hash;
   }
@@ -214,10 +177,10 @@ class state_scheduler
 
 struct suite : rl::test_suite<suite, fibers> {
   void before() {
-    words = nullptr;
+    words.clear();
     has_begun = false;
     for (fiber& thread : threads) {
-      thread.stack = {};
+      thread.stack_top = thread.stack_end = nullptr;
       thread.is_parked = thread.has_vanished = false;
     }
     model::before();
@@ -227,15 +190,33 @@ struct suite : rl::test_suite<suite, fibers> {
   void after() { model::after(); }
 };
 
-// The start of a thread's stack, for the search of states.
-[[gnu::noinline]] void suite::thread(unsigned number) {
-  threads[number].stack.end = static_cast<const char*>(__builtin_frame_address(0));
+// Values that returned calls have left on the stack are no part of a state.
+[[gnu::noinline]] void clear_stack_below() {
+  std::array<char, 4096> below;
+  std::memset(below.data(), 0, below.size());
+  asm volatile("" : : "r"(below.data()) : "memory");
+}
+
+[[gnu::noinline]] void run_from_here(unsigned number) {
+  threads[number].stack_end = static_cast<const char*>(__builtin_frame_address(0));
   if (_setjmp(threads[number].exit) == 0) {
     run_thread(number);
   } else {
     end_words();
   }
-  threads[number].stack = {};
+  threads[number].stack_top = threads[number].stack_end = nullptr;
+}
+
+// Neither the scheduler's registers, which functions save, nor its old stack are part of a state.
+void suite::thread(unsigned number) {
+  clear_stack_below();
+  asm volatile(
+      "xor %%ebx, %%ebx; xor %%r12d, %%r12d; xor %%r13d, %%r13d; xor %%r14d, %%r14d; "
+      "xor %%r15d, %%r15d"
+      :
+      :
+      : "rbx", "r12", "r13", "r14", "r15", "cc");
+  run_from_here(number);
 }
 
 relacy_word& relacy(std::array<std::byte, 64>& memory) {
@@ -260,13 +241,6 @@ rl::memory_order order_of(std::memory_order order) {
   }
 }
 
-// Values that returned calls have left on the stack are no part of a state.
-[[gnu::noinline]] void clear_stack_below() {
-  std::array<char, 4096> below;
-  std::memset(below.data(), 0, below.size());
-  asm volatile("" : : "r"(below.data()) : "memory");
-}
-
 void leave_if_vanished() {
   if (threads[self()].has_vanished) {
     _longjmp(threads[self()].exit, 1);
@@ -276,26 +250,22 @@ void leave_if_vanished() {
 // The caller's frame then holds the callee-saved registers.
 #define NOTE_STACK()       \
   __builtin_unwind_init(); \
-  threads[self()].stack.begin = static_cast<const char*>(__builtin_frame_address(0)) - 5 * 8
+  threads[self()].stack_top = static_cast<const char*>(__builtin_frame_address(0)) - 5 * 8
 
 }  // namespace
 
 void end_words() {
-  word** at = &words;
-  while (*at != nullptr) {
-    word* const each = *at;
-    if (each->owner_ == self()) {
-      *at = each->next_;
+  std::erase_if(words, [](word* each) {
+    const bool ends = each->owner_ == self();
+    if (ends) {
       relacy(each->atomic_).~relacy_word();
-    } else {
-      at = &each->next_;
     }
-  }
+    return ends;
+  });
 }
 
-void add_state(void* begin, std::size_t size) {
-  state_parts.at(state_count++) = {static_cast<const char*>(begin),
-                                   static_cast<const char*>(begin) + size / 8 * 8};
+void add_state(const void* begin, std::size_t size) {
+  state_parts.emplace_back(static_cast<const char*>(begin), size);
 }
 
 unsigned self() { return static_cast<unsigned>(rl::ctx().threadx_->index_); }
@@ -343,7 +313,7 @@ void unpark(unsigned thread) {
 
 void end_others(void (*then)()) {
   for (unsigned i = 0; i < thread_count; ++i) {
-    if (i != self() && threads[i].stack.end != nullptr) {
+    if (i != self() && threads[i].stack_end != nullptr) {
       threads[i].has_vanished = true;
       if (threads[i].is_parked) {
         unpark(i);
@@ -361,18 +331,13 @@ word::word(std::uint32_t value) : owner_(has_begun ? self() : thread_count), val
   if (!is_state_search) {
     rl::preemption_disabler whole(rl::ctx());
     ::new (static_cast<void*>(atomic_.data())) relacy_word(value);
-    next_ = words;
-    words = this;
+    words.push_back(this);
   }
 }
 
 word::~word() {
   if (!is_state_search) {
-    word** at = &words;
-    while (*at != this) {
-      at = &(*at)->next_;
-    }
-    *at = next_;
+    std::erase(words, this);
     relacy(atomic_).~relacy_word();
   }
 }
@@ -397,27 +362,27 @@ void word::store(std::uint32_t value, std::memory_order order) {
 
 std::uint32_t word::exchange(std::uint32_t value, std::memory_order order) {
   step();
-  const std::uint32_t before = value_;
-  value_ = value;
-  if (is_state_search) {
-    return before;
-  }
-  rl::preemption_disabler whole(rl::ctx());
-  return relacy(atomic_).exchange(value, order_of(order), RL_INFO);
+  return replace(value, order);
 }
 
 std::uint32_t word::add(std::uint32_t count, std::memory_order order) {
   step();
-  const std::uint32_t before = value_;
-  value_ += count;
-  if (is_state_search) {
-    return before;
-  }
-  rl::preemption_disabler whole(rl::ctx());
-  return relacy(atomic_).fetch_add(count, order_of(order), RL_INFO);
+  return replace(value_ + count, order);
 }
 
-bool word::compare_exchange(std::uint32_t& expected, std::uint32_t value, std::memory_order order) {
+// From then on the calling thread sees nothing older.
+std::uint32_t word::latest() { return replace(value_, std::memory_order::relaxed); }
+
+std::uint32_t word::replace(std::uint32_t value, std::memory_order order) {
+  if (!is_state_search) {
+    rl::preemption_disabler whole(rl::ctx());
+    relacy(atomic_).exchange(value, order_of(order), RL_INFO);
+  }
+  return std::exchange(value_, value);
+}
+
+bool word::compare_exchange_strong(std::uint32_t& expected, std::uint32_t value,
+                                   std::memory_order order) {
   step();
   if (!is_state_search) {
     rl::preemption_disabler whole(rl::ctx());
@@ -427,15 +392,6 @@ bool word::compare_exchange(std::uint32_t& expected, std::uint32_t value, std::m
     return done;
   }
   return value_ == expected ? (value_ = value, true) : (expected = value_, false);
-}
-
-// From then on the calling thread sees nothing older.
-std::uint32_t word::latest() {
-  if (!is_state_search) {
-    rl::preemption_disabler whole(rl::ctx());
-    relacy(atomic_).fetch_add(0, rl::mo_relaxed, RL_INFO);
-  }
-  return value_;
 }
 
 // ---- Orders and variables ----
@@ -501,11 +457,8 @@ bool search(const std::string& how, unsigned limit) {
   bool has_passed = false;
   if (how == "states") {
     is_state_search = true;
-    seen_states = new state_set;
     has_passed = run<state_scheduler<fibers>>(params);
-    std::cout << seen_states->count() << " states, ";
-  } else if (how == "all") {
-    has_passed = run<rl::full_search_scheduler<fibers>>(params);
+    std::cout << seen_states.size() << " states, ";
   } else if (how == "bound") {
     params.context_bound = limit;
     has_passed = run<rl::context_bound_scheduler<fibers>>(params);

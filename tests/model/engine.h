@@ -20,7 +20,7 @@ void run_thread(unsigned thread);
 void after();
 
 // Memory that belongs to the state besides the stacks, the same in each execution.
-void add_state(void* begin, std::size_t size);
+void add_state(const void* begin, std::size_t size);
 
 unsigned self();
 void step();                        // another thread may run here
@@ -49,14 +49,16 @@ class word {
   void store(std::uint32_t value, std::memory_order order);
   std::uint32_t exchange(std::uint32_t value, std::memory_order order);
   std::uint32_t add(std::uint32_t count, std::memory_order order);
-  bool compare_exchange(std::uint32_t& expected, std::uint32_t value, std::memory_order order);
+  bool compare_exchange_strong(std::uint32_t& expected, std::uint32_t value,
+                               std::memory_order order);
   std::uint32_t latest();  // as the system sees it
 
  private:
   friend void end_words();
+  std::uint32_t replace(std::uint32_t value, std::memory_order order);
+
   unsigned owner_;
   std::uint32_t value_;
-  word* next_ = nullptr;
   alignas(16) std::array<std::byte, 64> atomic_{};
 };
 
@@ -83,7 +85,7 @@ class variable {
   alignas(16) std::array<std::byte, 64> variable_{};
 };
 
-// Runs the executions: "states", "all", "bound" (a number of preemptions), "random" (a number of
+// Runs the executions: "states", "bound" (a number of preemptions), "random" (a number of
 // executions). Prints how many; false if one has failed, with its history.
 bool search(const std::string& how, unsigned limit);
 

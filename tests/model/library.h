@@ -73,18 +73,8 @@ class model_atomic {
 
 // The signal of a call.
 template <>
-class model_atomic<uint32_t> {
- public:
-  explicit model_atomic(uint32_t value) : word_(value) {}
-  uint32_t load(memory_order order) const { return word_.load(order); }
-  void store(uint32_t value, memory_order order) { word_.store(value, order); }
-  uint32_t exchange(uint32_t value, memory_order order) { return word_.exchange(value, order); }
-  bool compare_exchange_strong(uint32_t& expected, uint32_t value, memory_order order) {
-    return word_.compare_exchange(expected, value, order);
-  }
-
- private:
-  model::word word_;
+struct model_atomic<uint32_t> : model::word {
+  using word::word;
 };
 
 // Plain fields: counters that order nothing, and the words that calls sleep on.

@@ -2,7 +2,7 @@
 // scripted server as the peer. The search looks for an order of steps that loses a wake-up, gives a
 // call another's reply, accesses a call that has returned, or leaks something.
 //
-//   pipeline_model SCENARIO states|all|bound|random [LIMIT]
+//   pipeline_model SCENARIO states|bound|random [LIMIT]
 //   pipeline_model names
 #include "library.h"
 
@@ -95,18 +95,28 @@ struct call_record {
   unsigned arrivals = 0;  // at the server
 };
 
+// Where a thread sleeps: on a word, or before a lock.
+struct sleeper {
+  const void* place = nullptr;
+  std::uint32_t bits = 0;
+};
+using sleepers = std::array<sleeper, model::thread_count>;
+
+struct reply_slot {
+  redisReply reply{};  // the first member: freeReplyObject gets its address
+  bool is_used = false;
+  model::variable content;
+};
+
 struct world {
   events left;
   unsigned breaks = 0;  // connections that were given up
   bool has_refused = false;
   bool has_forked = false;
   std::array<peer, 4> peers;
-  std::array<redisReply, max_calls + 1> replies{};
-  std::array<bool, max_calls + 1> is_reply_used{};
-  std::array<model::variable, max_calls + 1> contents;
-  std::array<const void*, model::thread_count> sleeps_on{};
-  std::array<std::uint32_t, model::thread_count> sleeper_bits{};
-  std::array<const void*, model::thread_count> waits_for{};
+  std::array<reply_slot, max_calls + 1> replies;
+  sleepers on_words;
+  sleepers on_locks;
   std::array<std::aligned_storage_t<sizeof(model::word), alignof(model::word)>, ::sleep_words>
       sleep_words;
   std::array<call_record, max_calls> calls;
@@ -133,13 +143,12 @@ bool happens(unsigned& left) {
   return true;
 }
 
-void wake_waiters(std::span<const void*> waits, const void* where) {
-  for (unsigned i = 0; i < waits.size(); ++i) {
-    if (waits[i] == where) {
-      waits[i] = nullptr;
-      model::unpark(i);
-    }
+bool comes_late(time_point until) {
+  if (until == no_deadline || !happens(current_world().left.delays)) {
+    return false;
   }
+  pass_time_until(until);
+  return true;
 }
 
 bool park_until(time_point until) {
@@ -154,6 +163,24 @@ bool park_until(time_point until) {
   return false;
 }
 
+bool sleep_in(sleepers& all, sleeper here, time_point until) {
+  all[model::self()] = here;
+  const bool is_woken = park_until(until);
+  if (!is_woken) {
+    all[model::self()] = {};
+  }
+  return is_woken;
+}
+
+void wake_in(sleepers& all, sleeper whom) {
+  for (unsigned i = 0; i < all.size(); ++i) {
+    if (all[i].place == whom.place && (all[i].bits & whom.bits) != 0) {
+      all[i] = {};
+      model::unpark(i);
+    }
+  }
+}
+
 }  // namespace
 
 // ---- The library's waits ----
@@ -162,10 +189,7 @@ bool model_mutex::lock(time_point until) {
   model::step();
   check(owner != static_cast<int>(model::self()), "a lock is taken twice");
   while (owner != -1) {
-    const void*& waits = current_world().waits_for[model::self()];
-    waits = this;
-    if (!park_until(until)) {
-      waits = nullptr;
+    if (!sleep_in(current_world().on_locks, {this, any_sleeper}, until)) {
       return false;
     }
   }
@@ -188,7 +212,7 @@ void model_mutex::unlock() {
   check(owner == static_cast<int>(model::self()), "a lock is released by a thread without it");
   order.release();
   owner = -1;
-  wake_waiters(current_world().waits_for, this);
+  wake_in(current_world().on_locks, {this, any_sleeper});
 }
 
 bool sleep_on(const void* word, std::uint32_t value, time_point until, std::uint32_t bits) {
@@ -196,28 +220,13 @@ bool sleep_on(const void* word, std::uint32_t value, time_point until, std::uint
   if (until <= std::chrono::steady_clock::now()) {
     return false;
   }
-  if (model_sleep_word(word)->latest() != value) {
-    return true;
-  }
-  const unsigned self = model::self();
-  current_world().sleeps_on[self] = word;
-  current_world().sleeper_bits[self] = bits;
-  if (park_until(until)) {
-    return true;
-  }
-  current_world().sleeps_on[self] = nullptr;
-  return false;
+  return model_sleep_word(word)->latest() != value ||
+         sleep_in(current_world().on_words, {word, bits}, until);
 }
 
 void wake(const void* word, std::uint32_t bits) {
   model::step();
-  world& world = current_world();
-  for (unsigned i = 0; i < model::thread_count; ++i) {
-    if (world.sleeps_on[i] == word && (world.sleeper_bits[i] & bits) != 0) {
-      world.sleeps_on[i] = nullptr;
-      model::unpark(i);
-    }
-  }
+  wake_in(current_world().on_words, {word, bits});
 }
 
 model::word* model_sleep_word(const void* address) {
@@ -258,11 +267,15 @@ peer& used_peer(const redisContext& context) {
   return peer;
 }
 
-void close_peer(peer& peer) {
-  peer.is_closed = true;
+void wake_reader(peer& peer) {
   if (peer.waiter >= 0) {
     model::unpark(static_cast<unsigned>(std::exchange(peer.waiter, -1)));
   }
+}
+
+void close_peer(peer& peer) {
+  peer.is_closed = true;
+  wake_reader(peer);
 }
 
 // The server closes the connection.
@@ -295,9 +308,7 @@ void receive_byte(peer& peer, std::uint8_t byte) {
   check(std::exchange(peer.half_received, 0) == byte, "the bytes of commands are mixed");
   ++current_world().calls.at(byte - 1U).arrivals;
   peer.sent.at(peer.sent_count++) = byte;
-  if (peer.waiter >= 0) {
-    model::unpark(static_cast<unsigned>(std::exchange(peer.waiter, -1)));
-  }
+  wake_reader(peer);
 }
 
 constexpr std::array<char, 2 * max_calls> command_bytes = [] {
@@ -351,11 +362,7 @@ wait_end wait_for_peer(const redisContext& context, short events, time_point unt
     pass_time_until(until);
     return wait_end::timed_out;
   }
-  if (until != no_deadline && happens(current_world().left.delays)) {
-    pass_time_until(until);
-    return wait_end::timed_out;
-  }
-  return wait_end::ready;
+  return comes_late(until) ? wait_end::timed_out : wait_end::ready;
 }
 
 wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
@@ -374,8 +381,7 @@ wait_end receive_some(redisContext& context, std::chrono::microseconds socket_ti
     }
   }
   peer.reader.write();
-  if (peer.sent_count > 0 && until != no_deadline && happens(current_world().left.delays)) {
-    pass_time_until(until);
+  if (peer.sent_count > 0 && comes_late(until)) {
     return wait_end::timed_out;
   }
   if (peer.sent_count == 0 || breaks(peer)) {
@@ -399,17 +405,15 @@ reply_ptr next_reply(redisContext& context) {
   if (peer.received_count == 0) {
     return nullptr;
   }
-  for (std::size_t i = 0; i < current_world().replies.size(); ++i) {
-    if (!std::exchange(current_world().is_reply_used[i], true)) {
-      redisReply& reply = current_world().replies[i];
-      reply.integer = peer.received.front();
+  for (reply_slot& slot : current_world().replies) {
+    if (!std::exchange(slot.is_used, true)) {
+      slot.reply.integer = peer.received.front();
       std::copy(&peer.received[1], &peer.received[peer.received_count], peer.received.begin());
       --peer.received_count;
-      current_world().contents[i].construct();
-      current_world().contents[i].write();
-      return reply_ptr(&reply);
+      slot.content.construct();
+      slot.content.write();
+      return reply_ptr(&slot.reply);
     }
-    current_world().is_reply_used[i] = true;
   }
   model::fail("replies are leaked");
 }
@@ -448,11 +452,10 @@ void redisFree(redisContext* context) {
 }
 
 void freeReplyObject(void* reply) {
-  const auto i =
-      static_cast<std::size_t>(static_cast<redisReply*>(reply) - &current_world().replies[0]);
-  check(std::exchange(current_world().is_reply_used.at(i), false), "a reply is freed twice");
-  current_world().contents[i].read();
-  current_world().contents[i].destroy();
+  auto& slot = *static_cast<reply_slot*>(reply);
+  check(std::exchange(slot.is_used, false), "a reply is freed twice");
+  slot.content.read();
+  slot.content.destroy();
 }
 
 void redisFreeCommand(char*) {}
@@ -493,7 +496,7 @@ void fork_here() {
   model::step();
   model::end_others([] {
     world& world = current_world();
-    world.sleeps_on = world.waits_for = {};
+    world.on_words = world.on_locks = {};
     for (peer& peer : world.peers) {
       peer.is_foreign = peer.is_open;
       peer.waiter = -1;
@@ -579,9 +582,7 @@ void make_call(unsigned number) {
   }
   if (sends_again) {
     may_fork();
-    if (terms.limits.deadline != no_deadline && happens(world.left.delays)) {
-      pass_time_until(terms.limits.deadline);
-    }
+    comes_late(terms.limits.deadline);
     model_rebuilder rebuilder;
     end = call->send_again(rebuilder);
     check_end(end, number, *call, terms.limits.deadline, true);
@@ -636,10 +637,10 @@ void model::after() {
               std::ranges::all_of(call.memory, [](unsigned char byte) { return byte == gone; }),
           "a call is written to after it has returned");
   }
-  for (std::size_t i = 0; i < world.replies.size(); ++i) {
-    check(!world.is_reply_used[i] || world.has_forked, "a reply is leaked");
-    if (world.is_reply_used[i]) {
-      world.contents[i].destroy();
+  for (reply_slot& slot : world.replies) {
+    check(!slot.is_used || world.has_forked, "a reply is leaked");
+    if (slot.is_used) {
+      slot.content.destroy();
     }
   }
   for (auto& word : world.sleep_words) {
@@ -656,19 +657,19 @@ void model::after() {
 
 int main(int argc, char** argv) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
+  const bool lists_names = argc == 2 && std::string_view(arguments[1]) == "names";
   for (const scenario& each : scenarios) {
-    if (argc >= 3 && std::string_view(each.name) == arguments[1]) {
+    if (lists_names) {
+      std::cout << each.name << '\n';
+    } else if (argc >= 3 && std::string_view(each.name) == arguments[1]) {
       chosen = &each;
     }
   }
-  if (argc == 2 && std::string_view(arguments[1]) == "names") {
-    for (const scenario& each : scenarios) {
-      std::cout << each.name << '\n';
-    }
+  if (lists_names) {
     return 0;
   }
   if (chosen == nullptr) {
-    std::cerr << "usage: pipeline_model SCENARIO states|all|bound|random [LIMIT]\n";
+    std::cerr << "usage: pipeline_model SCENARIO states|bound|random [LIMIT]\n";
     return 2;
   }
   client.t_pool_.servers_.resize(1);

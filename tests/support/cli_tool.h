@@ -27,15 +27,18 @@ class Tool {
   HostConfig config_;
 };
 
-// Runs the tool and checks its status and parts of its output.
-inline void expect_output(const Tool& tool, const std::string& arguments, int status,
-                          const std::vector<std::string>& parts) {
-  const ProgramResult run = tool.run(arguments);
+inline void expect_result(const ProgramResult& run, const std::string& arguments, int status,
+                          const std::vector<std::string>& output_parts) {
   EXPECT_EQ(run.status, status) << arguments << "\n" << run.output;
-  for (const std::string& part : parts) {
+  for (const std::string& part : output_parts) {
     EXPECT_NE(run.output.find(part), std::string::npos) << arguments << ": " << part << "\n"
                                                         << run.output;
   }
+}
+
+inline void expect_output(const Tool& tool, const std::string& arguments, int status,
+                          const std::vector<std::string>& parts) {
+  expect_result(tool.run(arguments), arguments, status, parts);
 }
 
 #endif

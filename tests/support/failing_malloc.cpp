@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "failing_memory.h"
 
@@ -33,13 +34,6 @@ bool fails() {
   return true;
 }
 
-// While it exists, no allocation fails.
-struct NoFailure {
-  int failing = failing_allocation;
-  NoFailure() { failing_allocation = -1; }
-  ~NoFailure() { failing_allocation = failing; }
-};
-
 }  // namespace
 
 extern "C" {
@@ -64,17 +58,16 @@ void free(void* memory) {
 // timeout aborts the process, and the new buffer after a write is used unchecked. Its functions for
 // these are replaced by ones that do not fail.
 #pragma GCC visibility push(default)
-void* hi_malloc(std::size_t size) {
-  const NoFailure no_failure;
-  return malloc(size);
-}
+void* hi_malloc(std::size_t size) { return counted(__libc_malloc(size)); }
 char* hi_strdup(const char* text) {
-  const NoFailure no_failure;
-  return strdup(text);
+  const std::size_t size = std::strlen(text) + 1;
+  return static_cast<char*>(std::memcpy(hi_malloc(size), text, size));
 }
 char* sdsempty() {
-  const NoFailure no_failure;
-  return sdsnewlen("", 0);
+  const int failing = std::exchange(failing_allocation, -1);
+  char* text = sdsnewlen("", 0);
+  failing_allocation = failing;
+  return text;
 }
 #pragma GCC visibility pop
 
