@@ -3,6 +3,7 @@
 #define RUVO_TESTS_CLIENT_TEST_H
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <cstdarg>
@@ -28,6 +29,14 @@ inline ScriptedServer::Script answer(const std::string& bytes) {
 // One script for the connections of start-up, another for later ones.
 inline ScriptedServer::Script later(ScriptedServer::Script first, ScriptedServer::Script then) {
   return [first, then](Peer& peer) { (peer.number() < at_start ? first : then)(peer); };
+}
+
+// The timeout of a connection's reads, in milliseconds; the kernel rounds it.
+inline int read_timeout(const redisContext& context) {
+  timeval set{};
+  socklen_t size = sizeof(set);
+  getsockopt(context.fd, SOL_SOCKET, SO_RCVTIMEO, &set, &size);
+  return static_cast<int>(set.tv_sec * 1000 + set.tv_usec / 1000);
 }
 
 class ClientTest : public testing::Test {
