@@ -100,26 +100,26 @@ TEST_F(Options, SendOnceHoldsWhatIsSentAgainAfterARefusal) {
     peer.send("+OK\r\n");
     refuse(peer);
   };
+  // clang-format off
+  const struct { const char* what; ScriptedServer::Script script; std::string option; std::string server; bool gets_reply; int elsewhere; } cases[] = {
+      {"second send unanswered", later(refuse, close_it), "send_once = true", "", false, 0},
+      {"no new connection, so no second send", later(log_in_and_refuse, close_it), "send_once = true", passwords, true, 1},
+      {"out of time without send_once: the refusal", later(refuse, hang), "call_timeout = 200", "", true, 0},
+  };
+  // clang-format on
   for (const std::string& mode : modes) {
-    SCOPED_TRACE(mode);
-    const std::string options =
-        mode + "failover_replies = READONLY\nraw_commands_stay_in_pool = true\n";
-    std::atomic<int> commands{0};
-    const ScriptedServer other(counting(commands));
-    const ScriptedServer closes(later(refuse, close_it));
-    start(closes.addr() + "," + other.addr(), options + "send_once = true");
-    EXPECT_FALSE(get_raw());
-    EXPECT_EQ(commands, 0);
-    EXPECT_EQ(log_.count_containing("not sent again: it may have run"), 1);
-    // Without a new connection there is no second send, so the other server gets the command.
-    const ScriptedServer shuts(later(log_in_and_refuse, close_it));
-    start(shuts.addr() + "," + other.addr(), options + "send_once = true", passwords);
-    EXPECT_TRUE(get_raw());
-    EXPECT_EQ(commands, 1);
-    // Without send_once a call that runs out of time ends with the refusal.
-    const ScriptedServer hangs(later(refuse, hang));
-    start(hangs.addr(), options + "call_timeout = 200");
-    EXPECT_TRUE(get_raw());
+    for (const auto& one : cases) {
+      SCOPED_TRACE(mode + one.what);
+      std::atomic<int> elsewhere{0};
+      const ScriptedServer other(counting(elsewhere));
+      const ScriptedServer refuses(one.script);
+      start(refuses.addr() + "," + other.addr(),
+            mode + one.option + "\nfailover_replies = READONLY\nraw_commands_stay_in_pool = true",
+            one.server);
+      EXPECT_EQ(get_raw() != nullptr, one.gets_reply);
+      EXPECT_EQ(elsewhere, one.elsewhere);
+      EXPECT_EQ(log_.count_containing("not sent again: it may have run"), one.gets_reply ? 0 : 1);
+    }
   }
 }
 
@@ -201,10 +201,9 @@ TEST_F(Options, CallTimeoutStartsNothingMoreWhenItHasPassed) {
         EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(2500));
         EXPECT_EQ(faulty.connections(), one.connections);
         EXPECT_EQ(good_visits, 0);
-        EXPECT_EQ(log_.count(WARN, (raw ? "ruvo_redis::exec_redis_cmd | key:temp"
-                                        : "ruvo_redis::do_exec_command | key:k") +
-                                       std::string(", call time-out of 500 ms has passed")),
-                  1);
+        const std::string call = raw ? "exec_redis_cmd | key:temp" : "do_exec_command | key:k";
+        const std::string line = "ruvo_redis::" + call + ", call time-out of 500 ms has passed";
+        EXPECT_EQ(log_.count(WARN, line), 1);
         EXPECT_EQ(log_.count(ERROR, "k"), raw ? 0 : 1);
       }
     }
