@@ -79,7 +79,7 @@ TEST(Fork, ParentAndChildKeepTheirRepliesApart) {
   }
 }
 
-TEST(Fork, TakesAHostWithAServerThatCouldNotBeConnectedTo) {
+TEST(Fork, LeavesSlotsWithoutAConnection) {
   const RedisServer redis;
   const LogCapture log(BaseLib::Logger::FATAL);
   ASSERT_EQ(start(HostConfig(pools_at(redis.addr(), redis.addr(), "127.0.0.1:99999"))), RUVO_OK);

@@ -212,7 +212,7 @@ TEST_F(Startup, TheConfigurationLiesBesideTheExecutableOrInConf) {
 TEST_F(Startup, APoolWithoutAListTakesTheDefaultOfItsKind) {
   host_name = "host.example";
   host_ip = {127, 0, 0, 1};
-  init(HostConfig("").path(), RUVO_INIT_BOTH_POOLS_FAILED);
+  init_client(*client_, HostConfig(""));  // whether or not servers listen there
   for (const RedisServerType type : {eTempServer, ePersistServer}) {
     EXPECT_EQ(client_->getPool(type).server_num_, 2U);
     EXPECT_EQ(client_->getPool(type).servers_.at(1).addr_.ip_, "127.0.0.2");
