@@ -1,14 +1,9 @@
 // How far the opening of a connection gets, and the settings of a new connection.
 #include "connection.h"
 
-#include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <atomic>
-
-#include "client.h"
-#include "servers.h"
+#include "client_test.h"
 
 namespace {
 
@@ -17,29 +12,31 @@ constexpr timeval moment{0, 200000};
 constexpr timeval none{-1, 0};
 
 const std::string two = "+OK\r\n+of another\r\n";  // the second was not requested
-
-constexpr auto ERROR = BaseLib::Logger::ERROR;
+const std::string init_pool = "ruvo_redis::init_server_pool | ";
 
 server_addr addr_of(const DownServer& server) {
   return {"127.0.0.1", static_cast<std::uint32_t>(server.port())};
 }
 
 TEST(Connection, ReportsHowFarOpeningGot) {
-  const std::string secret = "s3cret";
   const auto takes_secret = [](Peer& peer) {
     const bool right = peer.read_command() == std::vector<std::string>{"AUTH", "s3cret"};
     peer.send(right ? "+OK\r\n" : "-ERR invalid password\r\n");
     peer.hang();
   };
+  const auto announces = [](const std::string& elements) {
+    return [elements](Peer& peer) { peer.read_command(), peer.send("*" + elements + "\r\n"); };
+  };
   // clang-format off
   const struct { ScriptedServer::Script server; std::string password; open_outcome outcome; std::string error; } cases[] = {
-      {takes_secret, secret, open_outcome::ready, ""},
-      {[](Peer& peer) { peer.hang(); }, "", open_outcome::ready, ""},
+      {takes_secret, "s3cret", open_outcome::ready, ""}, {hang, "", open_outcome::ready, ""},
       {takes_secret, "wrong", open_outcome::refused, ""},
-      {[](Peer& peer) { peer.read_command(); }, secret, open_outcome::closed, "Server closed the connection"},
-      {[](Peer& peer) { peer.read_command(), peer.reset(); }, secret, open_outcome::closed, "Connection reset by peer"},
-      {[](Peer& peer) { peer.answer_all(two); }, secret, open_outcome::unreachable, "unexpected data after the reply"},
-      {[](Peer& peer) { peer.hang(); }, secret, open_outcome::unanswered, "Resource temporarily unavailable"},
+      {close_it, "x", open_outcome::closed, "Server closed the connection"},
+      {[](Peer& peer) { peer.read_command(), peer.reset(); }, "x", open_outcome::closed, "Connection reset by peer"},
+      {answer(two), "x", open_outcome::unreachable, "unexpected data after the reply"},
+      {hang, "x", open_outcome::unanswered, "Resource temporarily unavailable"},
+      {announces("16777216"), "x", open_outcome::closed, "Server closed the connection"},
+      {announces("16777217"), "x", open_outcome::closed, "Out of memory"},
   };
   // clang-format on
   const LogCapture log;
@@ -49,10 +46,10 @@ TEST(Connection, ReportsHowFarOpeningGot) {
         open_connection(addr_of(server), {second, moment, one.password});
     EXPECT_EQ(opened.outcome, one.outcome) << one.error;
     EXPECT_STREQ(error_text(opened.context.get()), one.error.c_str());
-    EXPECT_EQ(log.count(ERROR,
-                        "ruvo_redis::init_server_pool | failed to authenticate redis, error "
-                        "passwd, redis_ip = 127.0.0.1, redis_port = " +
-                            std::to_string(server.port()) + ", passwd = wrong"),
+    EXPECT_EQ(log.count(ERROR, init_pool +
+                                   "failed to authenticate redis, error passwd, redis_ip = "
+                                   "127.0.0.1, redis_port = " +
+                                   std::to_string(server.port()) + ", passwd = wrong"),
               one.outcome == open_outcome::refused);
   }
 }
@@ -75,34 +72,14 @@ TEST(Connection, ReportsWhyAServerIsUnreachable) {
 }
 
 TEST(Connection, TimeoutsAreIndependent) {
-  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
+  const ScriptedServer silent(hang);
   for (const timeval& connect : {none, moment, second}) {
     for (const timeval& socket : {none, moment, second}) {
       const opened_connection opened = open_connection(addr_of(silent), {connect, socket, ""});
       EXPECT_EQ(opened.timeout_result.has_value(), socket.tv_sec >= 0);
-      timeval set{};
-      socklen_t size = sizeof(set);
-      getsockopt(opened.context->fd, SOL_SOCKET, SO_RCVTIMEO, &set, &size);
-      EXPECT_EQ(set.tv_sec, socket.tv_sec > 0 ? socket.tv_sec : 0);
-      EXPECT_NEAR(static_cast<double>(set.tv_usec), static_cast<double>(socket.tv_usec), 10000);
+      const int set = static_cast<int>(socket.tv_sec * 1000 + socket.tv_usec / 1000);
+      EXPECT_NEAR(read_timeout(*opened.context), std::max(set, 0), 10);
     }
-  }
-}
-
-TEST(Connection, RefusesArraysAboveALimit) {
-  // clang-format off
-  const struct { std::string announced; std::string error; } cases[] = {
-      {"*16777216\r\n", "Server closed the connection"}, {"*16777217\r\n", "Out of memory"},
-  };
-  // clang-format on
-  for (const auto& one : cases) {
-    const ScriptedServer server([&](Peer& peer) {
-      peer.read_command();
-      peer.send(one.announced);
-    });
-    const opened_connection opened = open_connection(addr_of(server), {second, second, ""});
-    EXPECT_EQ(exchange(*opened.context, format_command("KEYS *")), nullptr);
-    EXPECT_EQ(opened.context->errstr, one.error);
   }
 }
 
@@ -117,7 +94,7 @@ TEST(Connection, AHalfChangedContextIsClosedAndNotFreed) {
   static int freed;
   redisReplyObjectFunctions counting{};
   counting.freeObject = [](void*) { ++freed; };
-  const ScriptedServer silent([](Peer& peer) { peer.hang(); });
+  const ScriptedServer silent(hang);
   const auto open = [&] { return open_connection(addr_of(silent), {second, second, ""}).context; };
   for (const bool is_half_changed : {true, false}) {
     freed = 0;
@@ -142,50 +119,46 @@ TEST(Connection, AHalfChangedContextIsClosedAndNotFreed) {
 }
 
 // A server that does not answer its pool's password, or sends too much, keeps the slot.
-TEST(Connection, OnlyAConnectionThatMayRecoverKeepsItsSlot) {
+class ConnectionOfAPool : public ClientTest {};
+
+// A server that does not answer its pool's password, or sends too much, keeps the slot.
+TEST_F(ConnectionOfAPool, KeepsItsSlotOnlyIfItMayRecover) {
   std::atomic<bool> answers{false};
-  const ScriptedServer silent([&](Peer& peer) {
-    if (answers) {
-      peer.answer_all("+OK\r\n");
-    }
-    peer.hang();
-  });
-  const ScriptedServer closes([](Peer& peer) { peer.read_command(); });
+  const ScriptedServer silent([&](Peer& peer) { peer.answer_all(answers ? "+OK\r\n" : ""); });
+  const ScriptedServer closes(close_it);
   const ScriptedServer refuses{std::string("-ERR invalid password\r\n")};
-  const DownServer down;
   const ScriptedServer talks{two};
-  LogCapture log;
-  {
-    ruvo_redis client;
-    const std::string addrs = silent.addr() + "," + closes.addr() + "," + refuses.addr() + "," +
-                              down.addr() + "," + talks.addr();
-    const HostConfig config(pools_at(addrs, addrs, addrs) + "socket_timeout = 200",
-                            "p_password = x\nt_password = x\nps_password = x");
-    EXPECT_EQ(init_client(client, config), RUVO_INIT_BOTH_POOLS_FAILED);
-    server_pool& pool = pool_in(client, ePersonalityServer);
-    const std::size_t slots[] = {1, 0, 0, 1, 1};
-    for (std::size_t position = 0; position < 5; ++position) {
-      EXPECT_EQ(pool.servers_[position].context_arr_.size(), slots[position]) << position;
-    }
-    const auto failed_at = [&log](const ScriptedServer& server, const std::string& why) {
-      return log.count(ERROR, "ruvo_redis::init_server_pool | connect to node 127.0.0.1 port:" +
-                                  std::to_string(server.port()) + " failed, error code : " + why);
-    };
-    EXPECT_EQ(failed_at(silent, "Resource temporarily unavailable."), 3);
-    EXPECT_EQ(failed_at(talks, "unexpected data after the reply."), 3);
-    EXPECT_EQ(log.count_containing("| connect to node"), 3 * 3);
-    conn_node& talking = pool.servers_[4].context_arr_[0];
-    EXPECT_EQ(client.reset_connection(talking, pool.servers_[4].addr_), nullptr);
-    EXPECT_TRUE(is_broken(talking.context_));  // unchanged: no caller gets another's reply
-    // Rebuilding does not wait any longer either, and works once the server answers.
-    server_node& server = pool.servers_[0];
-    const redisContext* failed = server.context_arr_[0].context_;
-    EXPECT_EQ(client.reset_connection(server.context_arr_[0], server.addr_), nullptr);
-    EXPECT_EQ(server.context_arr_[0].context_, failed);
-    answers = true;
-    EXPECT_NE(client.reset_connection(server.context_arr_[0], server.addr_), nullptr);
-    EXPECT_FALSE(is_broken(server.context_arr_[0].context_));
+  const std::string addrs = silent.addr() + "," + closes.addr() + "," + refuses.addr() + "," +
+                            down_.addr() + "," + talks.addr();
+  const HostConfig config("socket_timeout = 200\n" + all_pools_at(addrs), passwords);
+  EXPECT_EQ(init_client(*client_, config), RUVO_INIT_BOTH_POOLS_FAILED);
+  const std::size_t slots[] = {1, 0, 0, 1, 1};
+  for (std::size_t position = 0; position < 5; ++position) {
+    EXPECT_EQ(server(position, ePersonalityServer).context_arr_.size(), slots[position])
+        << position;
   }
+  const auto failed_at = [this](const ScriptedServer& server, const std::string& why) {
+    return log_.count(ERROR, init_pool + "connect to node 127.0.0.1 port:" +
+                                 std::to_string(server.port()) + " failed, error code : " + why);
+  };
+  EXPECT_EQ(failed_at(silent, "Resource temporarily unavailable."), 3);
+  EXPECT_EQ(failed_at(talks, "unexpected data after the reply."), 3);
+  EXPECT_EQ(log_.count_containing("| connect to node"), 3 * 3);
+  const auto rebuild = [this](std::size_t position) {
+    return client_->reset_connection(server(position).context_arr_[0], server(position).addr_);
+  };
+  const auto context = [this](std::size_t position) {
+    return server(position).context_arr_[0].context_;
+  };
+  EXPECT_EQ(rebuild(4), nullptr);
+  EXPECT_TRUE(is_broken(context(4)));  // unchanged: no caller gets another's reply
+  // Rebuilding does not wait any longer either, and works once the server answers.
+  const redisContext* failed = context(0);
+  EXPECT_EQ(rebuild(0), nullptr);
+  EXPECT_EQ(context(0), failed);
+  answers = true;
+  EXPECT_NE(rebuild(0), nullptr);
+  EXPECT_FALSE(is_broken(context(0)));
 }
 
 }  // namespace

@@ -3,18 +3,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <thread>
-
+#include "callers.h"
 #include "every_operation.h"
 #include "host.h"
-#include "servers.h"
 
 namespace {
 
-constexpr int rounds = 2000;
-
 // The number of values that `who` stored and read as another's value, or did not find.
-int wrong_values(const std::string& who) {
+int wrong_values(const std::string& who, int rounds = 2000) {
   int wrong = 0;
   for (int i = 0; i < rounds; ++i) {
     const int pool = eTempServer + i % 3;
@@ -32,13 +28,11 @@ int wrong_values(const std::string& who) {
   return wrong;
 }
 
-struct Case {
-  const char* options;
-  int others;  // threads inside calls while the process forks
-};
-
-void PrintTo(const Case& one, std::ostream* out) {
-  *out << one.options << (one.others > 0 ? ", other threads" : "");
+// Returns the child's exit status.
+int wait_for(pid_t child) {
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return status;
 }
 
 // Another thread may have locked AddressSanitizer's allocator at the fork: the child then waits.
@@ -48,51 +42,44 @@ constexpr bool has_others = false;
 constexpr bool has_others = true;
 #endif
 
-class Fork : public testing::TestWithParam<Case> {};
-
-TEST_P(Fork, ParentAndChildKeepTheirRepliesApart) {
-  const RedisServer redis;
-  const HostConfig config(all_pools_at(redis.addr()) + GetParam().options, "p_connect_num = 2");
-  const LogCapture log(BaseLib::Logger::WARN);
-  ASSERT_EQ(start(config), RUVO_OK);
-  EXPECT_EQ(wrong_values("before"), 0);
-  std::atomic<bool> stop{false};
-  std::atomic<int> others_wrong{0};
-  std::vector<std::jthread> others;
-  for (int i = 0; has_others && i < GetParam().others; ++i) {
-    others.emplace_back([&, i] {
-      while (!stop) {
-        others_wrong += wrong_values("other" + std::to_string(i) + ":");
-      }
+TEST(Fork, ParentAndChildKeepTheirRepliesApart) {
+  // The second: threads inside calls while the process forks.
+  const std::pair<const char*, int> cases[] = {
+      {"", 0}, {"", 4}, {"auto_pipelining = true", 0}, {"auto_pipelining = true", 6}};
+  for (const auto& [options, threads] : cases) {
+    SCOPED_TRACE(std::string(options) + (threads > 0 ? ", other threads" : ""));
+    const RedisServer redis;
+    const HostConfig config(all_pools_at(redis.addr()) + options, "p_connect_num = 2");
+    const LogCapture log(BaseLib::Logger::WARN);
+    ASSERT_EQ(start(config), RUVO_OK);
+    EXPECT_EQ(wrong_values("before"), 0);
+    Callers others(has_others ? threads : 0, [](int thread) {
+      return wrong_values("other" + std::to_string(thread) + ":", 10) == 0;
     });
-  }
-  std::vector<pid_t> children;
-  for (int i = 0; i < 3; ++i) {
-    const pid_t child = fork();
-    if (child == 0) {
-      const int wrong = wrong_values("child" + std::to_string(i) + ":");
-      // The child has connections of its own: as many as it uses, two in each pool.
-      const bool is_good = wrong == 0 && log.count_containing("reset connection") == 3 * 2 &&
-                           log.count_containing("ret:3, err:the process has forked") == 3 * 2;
-      _exit(is_good ? 0 : 1);
+    ASSERT_TRUE(!has_others || others.make(5 * threads));  // none of them is still to begin
+    std::vector<pid_t> children;
+    for (int i = 0; i < 3; ++i) {
+      children.push_back(fork());
+      if (children.back() == 0) {
+        const int wrong = wrong_values("child" + std::to_string(i) + ":");
+        // The child has connections of its own: as many as it uses, two in each pool.
+        const bool is_good = wrong == 0 && log.count_containing("reset connection") == 3 * 2 &&
+                             log.count_containing("ret:3, err:the process has forked") == 3 * 2;
+        _exit(is_good ? 0 : 1);
+      }
     }
-    children.push_back(child);
+    EXPECT_EQ(wrong_values("parent"), 0);
+    for (const pid_t child : children) {
+      EXPECT_EQ(wait_for(child), 0);
+    }
+    EXPECT_EQ(wrong_values("parent"), 0);
+    EXPECT_EQ(others.stop(), 0);
+    EXPECT_EQ(log.count_containing("reset connection"), 0);  // the parent keeps its own
+    EXPECT_EQ(RUVO_Fini(), RUVO_OK);
   }
-  EXPECT_EQ(wrong_values("parent"), 0);
-  for (const pid_t child : children) {
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-  }
-  EXPECT_EQ(wrong_values("parent"), 0);
-  stop = true;
-  others.clear();
-  EXPECT_EQ(others_wrong, 0);
-  EXPECT_EQ(log.count_containing("reset connection"), 0);  // the parent keeps its own
-  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 
-TEST(ForkOf, AHostWithAServerThatCouldNotBeConnectedTo) {
+TEST(Fork, LeavesSlotsWithoutAConnection) {
   const RedisServer redis;
   const LogCapture log(BaseLib::Logger::FATAL);
   ASSERT_EQ(start(HostConfig(pools_at(redis.addr(), redis.addr(), "127.0.0.1:99999"))), RUVO_OK);
@@ -100,15 +87,8 @@ TEST(ForkOf, AHostWithAServerThatCouldNotBeConnectedTo) {
   if (child == 0) {
     _exit(0);
   }
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(wait_for(child), 0);
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
-
-INSTANTIATE_TEST_SUITE_P(InBothModes, Fork,
-                         testing::Values(Case{"", 0}, Case{"", 4},
-                                         Case{"auto_pipelining = true", 0},
-                                         Case{"auto_pipelining = true", 6}));
 
 }  // namespace

@@ -1,17 +1,11 @@
 // A network that fails in every way: the result and the duration of a call.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <csignal>
-
-#include "client.h"
-#include "servers.h"
+#include "client_test.h"
 #include "sockets.h"
 
 namespace {
 
-using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr milliseconds C(100);  // connect_timeout
@@ -57,40 +51,32 @@ struct Row {
   const char* what;
   ScriptedServer::Script server;
   milliseconds least;     // what a visit costs according to the operations guide
-  int result_alone;       // the result if there is no other server; with a good one it is 0
+  bool is_answered;       // if there is no other server; a good one answers
   bool has_bound = true;  // long replies may take up to S for each piece: no bound holds
 };
 
-class Network : public testing::Test {
+class Network : public ClientTest {
  protected:
-  // One typed call, whose time is checked.
-  int query(milliseconds least, milliseconds most) {
-    const char* data = nullptr;
-    unsigned long len = 0;
+  // One call, typed or raw, whose reply and time are checked.
+  void call(bool is_raw, bool is_answered, milliseconds least, milliseconds most) {
+    SCOPED_TRACE(is_raw ? "raw" : "typed");
+    redisReply* got = nullptr;
     const Clock::time_point begin = Clock::now();
-    const int ret = client_->query_key("k", &data, &len, eTempServer, nullptr);
+    if (is_raw) {
+      got = get_raw().release();
+    } else {
+      EXPECT_EQ(client_->do_exec_command("k", got, true, eTempServer, "GET k"),
+                is_answered ? RUVO_OK : RUVO_ERR_FAILED);
+    }
     EXPECT_GE(Clock::now() - begin, least);
     EXPECT_LE(Clock::now() - begin, most);
-    if (ret == 0) {
-      EXPECT_EQ(std::string(data, len), value);
-    }
-    delete[] data;
-    return ret;
+    const reply_ptr owner(got);
+    EXPECT_EQ(got != nullptr ? std::string(got->str, got->len) : "", is_answered ? value : "");
   }
-  // The same for a raw call; does it get a reply?
-  bool query_raw(milliseconds most, ...) {
-    va_list none;
-    va_start(none, most);
-    const Clock::time_point begin = Clock::now();
-    const reply_ptr got(
-        static_cast<redisReply*>(client_->exec_redis_cmd("GET k", none, eTempServer)));
-    va_end(none);
-    EXPECT_LE(Clock::now() - begin, most);
-    if (got) {
-      EXPECT_EQ(std::string(got->str, got->len), value);
-    }
-    return got != nullptr;
+  void typed(bool is_answered, milliseconds least, milliseconds most) {
+    call(false, is_answered, least, most);
   }
+  void raw(bool is_answered, milliseconds most) { call(true, is_answered, {}, most); }
   int start(const std::string& addrs) {
     client_ = std::make_unique<ruvo_redis>();
     return init_client(*client_, HostConfig("connect_timeout = 100\nsocket_timeout = 100\n" +
@@ -98,43 +84,41 @@ class Network : public testing::Test {
   }
 
   ScriptedServer good_{reply};
-  std::unique_ptr<ruvo_redis> client_;
-  LogCapture log_;
 };
 
 TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
   const Row rows[] = {
       {"is slow", each([](Peer& peer) { std::this_thread::sleep_for(S / 2), peer.send(reply); }),
-       S / 2, 0},
+       S / 2, true},
       {"is slower than the timeout",
-       each([](Peer& peer) { std::this_thread::sleep_for(3 * S), peer.send(reply); }), 2 * S, -1},
+       each([](Peer& peer) { std::this_thread::sleep_for(3 * S), peer.send(reply); }), 2 * S,
+       false},
       {"drips, in time", each([](Peer& peer) { peer.drip(reply, milliseconds(5)); }),
-       milliseconds(5) * 60, 0},
+       milliseconds(5) * 60, true},
       {"drips for longer than the bound",
-       each([](Peer& peer) { peer.drip(reply, milliseconds(25)); }), bound(1), 0, false},
+       each([](Peer& peer) { peer.drip(reply, milliseconds(25)); }), bound(1), true, false},
       {"drips, too slowly", each([](Peer& peer) { peer.drip(reply.substr(0, 2), 3 * S); }), 2 * S,
-       -1},
+       false},
       {"cuts the reply",
        [](Peer& peer) { peer.read_command(), peer.send(reply.substr(0, 30)); },
        {},
-       -1},
-      {"resets before the reply", [](Peer& peer) { peer.read_command(), peer.reset(); }, {}, -1},
-      {"resets at once", [](Peer& peer) { peer.reset(); }, {}, -1},
-      {"swallows everything", [](Peer& peer) { peer.hang(); }, 2 * S, -1},
+       false},
+      {"resets before the reply", [](Peer& peer) { peer.read_command(), peer.reset(); }, {}, false},
+      {"resets at once", [](Peer& peer) { peer.reset(); }, {}, false},
+      {"swallows everything", hang, 2 * S, false},
   };
   constexpr milliseconds no_bound = std::chrono::hours(1);
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     const ScriptedServer faulty(row.server);
     start(faulty.addr());
-    EXPECT_EQ(query(row.least, row.has_bound ? bound(1) : no_bound), row.result_alone);
-    EXPECT_EQ(query_raw(row.has_bound ? raw_bound(1) : no_bound), row.result_alone == 0);
+    typed(row.is_answered, row.least, row.has_bound ? bound(1) : no_bound);
+    raw(row.is_answered, row.has_bound ? raw_bound(1) : no_bound);
     if (row.has_bound) {
       start(faulty.addr() + "," + good_.addr());
-      EXPECT_EQ(query(row.least, bound(2)), 0);
-      EXPECT_EQ(query({}, bound(2)), 0);  // round-robin chooses the good server
-      // The temporary pool again, where round-robin chooses the good server, too.
-      EXPECT_TRUE(query_raw(raw_bound(2)));
+      typed(true, row.least, bound(2));
+      typed(true, {}, bound(2));  // round-robin chooses the good server
+      raw(true, raw_bound(2));    // round-robin leads its walk to the good server, too
     }
   }
   EXPECT_EQ(log_.count_containing("invalid, failure count"), 0);  // all of them accept connections
@@ -143,15 +127,15 @@ TEST_F(Network, EveryFaultHasItsResultAndItsTime) {
 TEST_F(Network, AMachineThatAcceptsNoConnectionIsEjected) {
   const FullServer full;
   EXPECT_EQ(start(full.addr()), 1);
-  EXPECT_EQ(query(C, bound(1)), -1);
-  EXPECT_FALSE(query_raw(raw_bound(1)));
+  typed(false, C, bound(1));
+  raw(false, raw_bound(1));
   EXPECT_EQ(start(full.addr() + "," + good_.addr()), 0);
   for (int failure = 0; failure < 5; ++failure) {
-    EXPECT_EQ(query(C, bound(2)), 0);
-    EXPECT_EQ(query({}, bound(2)), 0);  // round-robin chooses the good server
+    typed(true, C, bound(2));
+    typed(true, {}, bound(2));  // round-robin chooses the good server
   }
   log_.clear();
-  EXPECT_EQ(query({}, bound(2)), 0);
+  typed(true, {}, bound(2));
   EXPECT_EQ(log_.count_containing("invalid, failure count:5"), 1);
 }
 

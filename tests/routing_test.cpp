@@ -1,9 +1,5 @@
 // Choice of server and connection, ejection and retry, rebuilding. The clock is the test's.
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-
-#include "client.h"
-#include "servers.h"
+#include "client_test.h"
 
 namespace {
 std::time_t now = 1000000;
@@ -14,38 +10,23 @@ extern "C" std::time_t __wrap_time(std::time_t* /*result*/) { return now; }
 
 namespace {
 
-constexpr auto WARN = BaseLib::Logger::WARN;
-constexpr auto ERROR = BaseLib::Logger::ERROR;
-
 using positions = std::vector<int>;
 
 // Three servers in each pool, which are down unless the test says otherwise.
-class Routing : public testing::Test {
+class Routing : public ClientTest {
  protected:
-  void start(const std::string& settings, const std::string& addrs = "") {
-    const std::string down = down_.addr();
-    const std::string all = addrs.empty() ? down + "," + down + "," + down : addrs;
-    init_client(client_, HostConfig(pools_at(all, all, all) +
-                                        "connect_timeout = 2000\nsocket_timeout = 1250",
-                                    settings));
-    log_.clear();
+  void start(const std::string& settings) {
+    ClientTest::start(down_.addr() + "," + down_.addr() + "," + down_.addr(), "", settings);
   }
   // The positions of the next servers by round-robin; -1 if there is none.
   positions next_positions(int count, int svc_index = -1, RedisServerType type = eTempServer) {
     positions found;
     while (count-- > 0) {
-      const server_node* server = client_.get_server_node(type, svc_index);
+      const server_node* server = client_->get_server_node(type, svc_index);
       found.push_back(server != nullptr ? static_cast<int>(server->index_) : -1);
     }
     return found;
   }
-  server_node& server(std::size_t position, RedisServerType type = eTempServer) {
-    return pool_in(client_, type).servers_.at(position);
-  }
-
-  DownServer down_;
-  ruvo_redis client_;
-  LogCapture log_;
 };
 
 TEST_F(Routing, UsesServersRoundRobinOrFromAPosition) {
@@ -58,13 +39,13 @@ TEST_F(Routing, UsesServersRoundRobinOrFromAPosition) {
   for (const int first : {0, 1}) {
     for (int i = first; i <= 10001; ++i) {
       ASSERT_EQ(next_positions(1)[0], i % 3) << i;
-      ASSERT_EQ(client_.get_conn(node, ePersonalityServer),
+      ASSERT_EQ(client_->get_conn(node, ePersonalityServer),
                 &node.context_arr_.at(static_cast<std::size_t>(i) % 7));
     }
     EXPECT_EQ(next_positions(1)[0], 0);  // then from the start again
-    EXPECT_EQ(client_.get_conn(node, eTempServer), node.context_arr_.data());
+    EXPECT_EQ(client_->get_conn(node, eTempServer), node.context_arr_.data());
   }
-  EXPECT_GT(log_.count(BaseLib::Logger::DEBUG, "ruvo_redis::get_conn | connection index: 6/7"), 0);
+  EXPECT_GT(log_.count(DEBUG, "ruvo_redis::get_conn | connection index: 6/7"), 0);
 }
 
 TEST_F(Routing, EjectsAtTheLimitAndRetriesWhenTheTimeHasCome) {
@@ -72,11 +53,11 @@ TEST_F(Routing, EjectsAtTheLimitAndRetriesWhenTheTimeHasCome) {
   const std::string port = " port:" + std::to_string(down_.port());
   const std::string invalid = "ruvo_redis::is_server_valid | server,ip:127.0.0.1" + port +
                               " invalid, failure count:3, retry after ";
-  client_.update_server_failed(&server(1), eTempServer);
-  client_.update_server_failed(&server(1), eTempServer);
+  const auto fail = [this] { client_->update_server_failed(&server(1), eTempServer); };
+  fail(), fail();
   EXPECT_EQ(next_positions(1, 1), positions{1});
   now += 10;
-  client_.update_server_failed(&server(1), eTempServer);
+  fail();
   EXPECT_EQ(next_positions(1, 1), positions{2});
   now += 29;  // the retry time counts from the latest failure
   EXPECT_EQ(next_positions(1, 1), positions{2});
@@ -87,33 +68,31 @@ TEST_F(Routing, EjectsAtTheLimitAndRetriesWhenTheTimeHasCome) {
   EXPECT_EQ(log_.count_containing("server, ip:127.0.0.1" + port + " failure count:2"), 1);
   now += 1;
   EXPECT_EQ(next_positions(2, 1), (positions{1, 1}));
-  EXPECT_EQ(log_.count(
-                WARN, "ruvo_redis::is_server_valid | server, ip:127.0.0.1" + port + " start retry"),
-            1);
+  const std::string retry = "ruvo_redis::is_server_valid | server, ip:127.0.0.1" + port;
+  EXPECT_EQ(log_.count(WARN, retry + " start retry"), 1);
   EXPECT_EQ(server(1).failure_count_ + server(1).next_retry_time_, 0);
-  client_.update_server_failed(&server(0, ePersistServer), ePersistServer);
+  client_->update_server_failed(&server(0, ePersistServer), ePersistServer);
   EXPECT_EQ(server(0, ePersistServer).next_retry_time_, now + 60);
 }
 
 TEST_F(Routing, GivesUpWhenAllServersAreEjectedOrThereIsNone) {
   EXPECT_EQ(next_positions(2, -1), (positions{-1, -1}));
   start("p_server_failure_limit = 1");
-  for (server_node& node : pool_in(client_).servers_) {
-    client_.update_server_failed(&node, eTempServer);
+  for (server_node& node : pool_in(*client_).servers_) {
+    client_->update_server_failed(&node, eTempServer);
   }
   EXPECT_EQ(next_positions(1), positions{-1});
   EXPECT_EQ(log_.count_containing("ruvo_redis::is_server_valid | server,ip:"), 3);
-  EXPECT_EQ(log_.count(BaseLib::Logger::INFO, "ruvo_redis::get_server_node | all servers invalid"),
-            1);
+  EXPECT_EQ(log_.count(INFO, "ruvo_redis::get_server_node | all servers invalid"), 1);
   // Each pool has servers of its own.
   EXPECT_EQ(next_positions(1, -1, ePersistServer), positions{0});
-  client_.update_server_ok(&server(2));
+  client_->update_server_ok(&server(2));
   EXPECT_EQ(next_positions(1), positions{2});
 }
 
 TEST_F(Routing, LimitsOfEjection) {
   // clang-format off
-  struct { const char* settings; int failures; std::size_t found; } const cases[] = {
+  struct { const char* settings; int failures; int found; } const cases[] = {
       {"p_auto_eject_server = false\np_server_failure_limit = 1", 9, 0},
       {"p_server_failure_limit = -1", 9, 0},
       {"p_server_failure_limit = 1\np_server_retry_timeout = 0", 9, 0},
@@ -121,69 +100,58 @@ TEST_F(Routing, LimitsOfEjection) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    ruvo_redis client;
-    server_pool& pool = pool_in(client);
-    ASSERT_EQ(ruvo_cfg.open(std::string("[server]\n") + one.settings, true), 0);
-    client.init_server_pool(down_.addr() + "," + down_.addr(), pool, eTempServer);
+    start(one.settings);
     for (int i = 0; i < one.failures; ++i) {
-      client.update_server_failed(pool.servers_.data(), eTempServer);
+      client_->update_server_failed(&server(0), eTempServer);
     }
-    EXPECT_EQ(client.get_server_node(eTempServer, 0)->index_, one.found) << one.settings;
+    EXPECT_EQ(next_positions(1, 0), positions{one.found}) << one.settings;
   }
 }
 
 TEST_F(Routing, RebuildsWithThePersistentPoolsPasswordOrLeavesTheOldContext) {
   std::mutex mutex;
-  std::string passwords;  // guarded by mutex
+  std::vector<std::string> received;  // guarded by mutex
   const ScriptedServer accepts([&](const std::vector<std::string>& words) {
     const std::scoped_lock lock(mutex);
-    passwords += words.at(1) + " ";
+    received.push_back(words.at(1));
     return "+OK\r\n";
   });
-  // The servers are good while the three pools are built; later one refuses, one closes, one is
-  // down.
-  const ScriptedServer refuses([](Peer& peer) {
-    peer.answer_all(peer.number() < 3 ? "+OK\r\n" : "-ERR invalid password\r\n");
-  });
-  const ScriptedServer closes_later(
-      [](Peer& peer) { peer.number() < 3 ? peer.answer_all("+OK\r\n") : void(); });
-  start("p_password = temporary\nt_password = persistent",
-        accepts.addr() + "," + refuses.addr() + "," + closes_later.addr() + "," + down_.addr());
+  // The others, of which the last one is down, are good while the three pools are built.
+  const auto ok = answer("+OK\r\n");
+  const ScriptedServer refuses(later(ok, answer("-ERR invalid password\r\n")));
+  const ScriptedServer closes(later(ok, [](Peer&) {}));
+  ClientTest::start(
+      accepts.addr() + "," + refuses.addr() + "," + closes.addr() + "," + down_.addr(),
+      "socket_timeout = 1300", "p_password = temporary\nt_password = persistent");
   server_node& good = server(0, ePersonalityServer);
   const int descriptors = open_descriptors();
   for (int i = 0; i < 31; ++i) {
-    EXPECT_NE(client_.reset_connection(good.context_arr_[0], good.addr_), nullptr);
+    EXPECT_NE(client_->reset_connection(good.context_arr_[0], good.addr_), nullptr);
   }
-  timeval set{};
-  socklen_t size = sizeof(set);
-  getsockopt(good.context_arr_[0].context_->fd, SOL_SOCKET, SO_RCVTIMEO, &set, &size);
-  EXPECT_EQ(set.tv_sec, 1);  // of 1.25 s
-  EXPECT_EQ(log_.count_containing("redisSetTimeOut time_out:1250 (ms), success"), 31);
+  EXPECT_EQ(read_timeout(*good.context_arr_[0].context_), 1300);
+  EXPECT_EQ(log_.count_containing("redisSetTimeOut time_out:1300 (ms), success"), 31);
   for (int i = 0; i < 30; ++i) {
     for (const std::size_t position : {1U, 2U, 3U}) {
       conn_node& slot = server(position).context_arr_[0];
       const redisContext* before = slot.context_;
-      EXPECT_EQ(client_.reset_connection(slot, server(position).addr_), nullptr);
+      EXPECT_EQ(client_->reset_connection(slot, server(position).addr_), nullptr);
       EXPECT_EQ(slot.context_, before);
     }
   }
   EXPECT_LE(open_descriptors(), descriptors + 10);  // the scripted peers may still be closing
-  EXPECT_EQ(
-      log_.count_containing("ruvo_redis::reset_connection | reset connection,ip:127.0.0.1 port:"),
-      31 + 90);
+  const std::string reset = "ruvo_redis::reset_connection | ";
+  EXPECT_EQ(log_.count_containing(reset + "reset connection,ip:127.0.0.1 port:"), 31 + 90);
   EXPECT_EQ(log_.count_containing("ruvo_redis::init_server_pool | failed to authenticate redis, "
                                   "error passwd, redis_ip = 127.0.0.1, redis_port = "),
             30);
-  EXPECT_EQ(log_.count(ERROR, "ruvo_redis::reset_connection | reconnect to server 127.0.0.1 port:" +
+  EXPECT_EQ(log_.count(ERROR, reset + "reconnect to server 127.0.0.1 port:" +
                                   std::to_string(down_.port()) +
                                   " failed, error code is Connection refused."),
             30);
   const std::scoped_lock lock(mutex);
-  std::string expected = "temporary persistent ";
-  for (int i = 0; i < 31; ++i) {
-    expected += "persistent ";
-  }
-  EXPECT_EQ(passwords, expected);
+  std::vector<std::string> expected(1 + 1 + 31, "persistent");
+  expected[0] = "temporary";
+  EXPECT_EQ(received, expected);
 }
 
 }  // namespace

@@ -1,16 +1,13 @@
 // Start-up, pool construction and shutdown.
-#include <gtest/gtest.h>
 #include <netdb.h>
 
 #include <array>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 
-#include "client.h"
-#include "servers.h"
+#include "client_test.h"
 
-// ---- The host's name and address, as set by the test ----
+// The host's name and address, as set by the test.
 
 namespace {
 const char* host_name = nullptr;  // null: the host has none
@@ -35,38 +32,25 @@ extern "C" int __wrap_gethostbyname_r(const char*, hostent* entry, char*, std::s
 
 namespace {
 
-constexpr auto ERROR = BaseLib::Logger::ERROR;
-constexpr auto INFO = BaseLib::Logger::INFO;
-constexpr std::array all_types{eTempServer, ePersistServer, ePersonalityServer};
-
-class Startup : public testing::Test {
+class Startup : public ClientTest {
  protected:
-  Startup() {
-    host_name = nullptr;
+  Startup() { host_name = nullptr; }
+  ~Startup() override { ruvo_cfg.close(); }
+  // Starts the client and returns what it prints. REQUIRES: no thread reads from a file, as those
+  // of a ScriptedServer do: the end of the capture flushes all files, and would wait for it.
+  std::string init(const char* config, int expected) {
     testing::internal::CaptureStdout();
-  }
-  ~Startup() override {
-    ruvo_cfg.close();
-    const std::string printed = testing::internal::GetCapturedStdout();
-    if (HasFailure()) {
-      std::cout << printed;  // including the failures
-    }
-  }
-  // The output since the last call.
-  static std::string progress() {
+    const int ret = client_->init(config);
     std::string printed = testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
+    EXPECT_EQ(ret, expected) << printed;
     return printed;
   }
-
-  LogCapture log_;
 };
 
 TEST_F(Startup, ResultSaysWhichPoolsAreUp) {
   const RedisServer redis;
-  const DownServer none;
   const std::string up = redis.addr();
-  const std::string down = none.addr();
+  const std::string down = down_.addr();
   // clang-format off
   struct { std::string common; int result; } const cases[] = {
       {pools_at(up, up, up), 0}, {pools_at(down, up, up), 1}, {pools_at(up, down, up), 2},
@@ -75,25 +59,20 @@ TEST_F(Startup, ResultSaysWhichPoolsAreUp) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    const HostConfig config(one.common);
-    ruvo_redis client;
-    EXPECT_EQ(client.init(config.path()), one.result) << one.common;
-    EXPECT_EQ(client.fini(), one.result == 3 ? RUVO_ERR_NOT_INITIALIZED : RUVO_OK);
+    SCOPED_TRACE(one.common);
+    client_ = std::make_unique<ruvo_redis>();
+    init(HostConfig(one.common).path(), one.result);
+    EXPECT_EQ(client_->fini(), one.result == 3 ? RUVO_ERR_NOT_INITIALIZED : RUVO_OK);
   }
 }
 
 TEST_F(Startup, WritesItsStepsToLogAndConsole) {
-  const ScriptedServer temp{std::string()};
-  const ScriptedServer persist{std::string()};
+  const RedisServer temp;
+  const RedisServer persist;
   const HostConfig config(pools_at(temp.addr(), persist.addr(), "bad") + "socket_timeout = 2500");
-  ruvo_redis client;
-  ASSERT_EQ(client.init(config.path()), 0);
-  timeval set{};
-  socklen_t size = sizeof(set);
-  getsockopt(pool_in(client).servers_[0].context_arr_[0].context_->fd, SOL_SOCKET, SO_RCVTIMEO,
-             &set, &size);
-  EXPECT_EQ(set.tv_sec * 1000 + set.tv_usec / 1000, 2500);
-  client.fini();
+  const std::string printed = init(config.path(), RUVO_OK);
+  EXPECT_EQ(read_timeout(*server(0).context_arr_[0].context_), 2500);
+  client_->fini();
   // clang-format off
   const LogCapture::Line expected_lines[] = {
       {INFO, "ruvo_worker::init | get timeout cfg, connect_timeout:100 (ms), socket_timeout:2500 (ms)"},
@@ -107,7 +86,7 @@ TEST_F(Startup, WritesItsStepsToLogAndConsole) {
       {INFO, "ruvo_redis::fini | disconnect redis node 127.0.0.1 port:" + std::to_string(persist.port()) + "."},
       {INFO, "ruvo_redis::fini | ruvo fini succeed"},
   };
-  const std::string printed =
+  const std::string progress =
       "ruvo_redis::init | init config, ret = 0\nruvo_redis::init | temp_server addr = " + temp.addr() +
       "p_server_addrs_ = " + persist.addr() + "\nruvo_redis::init | tempsever init_server_pool ret = 0\n"
       "ruvo_redis::init | persist init_server_pool ret = 0\n"
@@ -118,7 +97,7 @@ TEST_F(Startup, WritesItsStepsToLogAndConsole) {
   }
   EXPECT_EQ(log_.count_containing("| server: conn_num:1, auto_eject:true, failure_limit:5, retry_"),
             2);
-  EXPECT_TRUE(progress().ends_with(printed));
+  EXPECT_TRUE(printed.ends_with(progress)) << printed;
 }
 
 TEST_F(Startup, BadConfigurationIsNamedAndFinal) {
@@ -139,21 +118,20 @@ TEST_F(Startup, BadConfigurationIsNamedAndFinal) {
   };
   // clang-format on
   for (const auto& one : cases) {
-    progress();
     log_.clear();
-    ruvo_redis client;
-    EXPECT_EQ(client.init(one.config), one.result);
+    client_ = std::make_unique<ruvo_redis>();
     const std::string ret = std::to_string(one.result);
+    EXPECT_EQ(init(one.config, one.result),
+              one.printed + "ruvo_redis::init | init config, ret = " + ret +
+                  "\nruvo_redis::init | init config failed, ret = " + ret + "\n");
     EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | init config failed, ret = " + ret), 1);
-    EXPECT_EQ(progress(), one.printed + "ruvo_redis::init | init config, ret = " + ret +
-                              "\nruvo_redis::init | init config failed, ret = " + ret + "\n");
     EXPECT_EQ(log_.count(ERROR, path_is.substr(1) + "(null)"), one.result == 10106);
     EXPECT_EQ(log_.count(ERROR, path_is.substr(1) + "/none/x"), one.result == -1);
     EXPECT_EQ(log_.count(ERROR, no_path), one.result == 10106);
     // A failed start-up is final: nothing is tried again, and there is nothing to shut down.
-    EXPECT_EQ(client.init(one.config), 0);
+    init(one.config, RUVO_OK);
     EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | redis is now in initialize"), 1);
-    EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);
+    EXPECT_EQ(client_->fini(), RUVO_ERR_NOT_INITIALIZED);
     EXPECT_EQ(log_.count(ERROR, "ruvo_redis::fini | redis is not initialized"), 1);
     ruvo_cfg.close();
   }
@@ -161,28 +139,27 @@ TEST_F(Startup, BadConfigurationIsNamedAndFinal) {
 
 TEST_F(Startup, CountsItsCallersAndCanRestartAfterTheLast) {
   const RedisServer redis;
+  const std::string addrs = redis.addr() + "," + redis.addr();
   const int descriptors = open_descriptors();
-  ruvo_redis client;
-  const HostConfig first(all_pools_at(redis.addr() + "," + redis.addr()),
-                         "p_connect_num = 3\np_server_failure_limit = 9\nt_password = "
-                         "none\nt_auto_eject_server = false\nt_server_retry_timeout = 7");
-  ASSERT_EQ(client.init(first.path()), 0);
+  const HostConfig first(all_pools_at(addrs),
+                         "p_connect_num = 3\np_server_failure_limit = 9\nt_password = none\n"
+                         "t_auto_eject_server = false\nt_server_retry_timeout = 7");
+  init(first.path(), RUVO_OK);
   EXPECT_EQ(log_.count(INFO, "ruvo_redis::init | persist server pool init success"), 2);
-  EXPECT_EQ(client.init(nullptr), 0);
+  init(nullptr, RUVO_OK);
   EXPECT_EQ(log_.count(ERROR, "ruvo_redis::init | redis alreadly initialize"), 1);
-  EXPECT_EQ(client.fini(), 0);
-  EXPECT_EQ(client.insert_key("k", "v", 1, -1, ePersonalityServer, nullptr), 0);
-  EXPECT_EQ(client.fini(), 0);
-  EXPECT_EQ(client.fini(), RUVO_ERR_NOT_INITIALIZED);
+  EXPECT_EQ(client_->fini(), RUVO_OK);
+  EXPECT_EQ(client_->insert_key("k", "v", 1, -1, ePersonalityServer, nullptr), RUVO_OK);
+  EXPECT_EQ(client_->fini(), RUVO_OK);
+  EXPECT_EQ(client_->fini(), RUVO_ERR_NOT_INITIALIZED);
   EXPECT_EQ(open_descriptors(), descriptors);
   EXPECT_EQ(ruvo_cfg.get_str_val("common", "temp_server"), nullptr);
-  const std::string addrs = redis.addr() + "," + redis.addr();
   const HostConfig second(pools_at("malformed", addrs, addrs));  // its pool fails early
-  ASSERT_EQ(client.init(second.path()), RUVO_INIT_TEMP_POOL_FAILED);
-  EXPECT_EQ(client.get_server_node(ePersonalityServer, -1)->index_,
-            0U);  // the round-robin restarts as well
-  for (const RedisServerType type : all_types) {
-    const server_pool& pool = client.getPool(type);
+  init(second.path(), RUVO_INIT_TEMP_POOL_FAILED);
+  // The round-robin restarts as well.
+  EXPECT_EQ(client_->get_server_node(ePersonalityServer, -1)->index_, 0U);
+  for (const RedisServerType type : {eTempServer, ePersistServer, ePersonalityServer}) {
+    const server_pool& pool = client_->getPool(type);
     EXPECT_EQ(pool.conn_num_, 1U);
     EXPECT_EQ(pool.servers_.empty() ? 1U : pool.servers_[0].context_arr_.size(), 1U);
     EXPECT_TRUE(pool.auto_eject_ && pool.failure_limit_ == 5 && pool.retry_timeout_ == 30);
@@ -200,8 +177,7 @@ TEST_F(Startup, DefaultsFollowTheHostsNetwork) {
       {{{203, 0, 113}, {127, 0, 10}, {127, 0, 3}, {198, 18, 5}, {198, 19, 6}}, "", ""},
   };
   // clang-format on
-  const ruvo_redis client;
-  EXPECT_EQ(client.getDefaultAddr(eTempServer), "");
+  EXPECT_EQ(client_->getDefaultAddr(eTempServer), "");
   host_name = "host.example";
   for (const auto& group : groups) {
     for (const Network& network : group.networks) {
@@ -210,7 +186,7 @@ TEST_F(Startup, DefaultsFollowTheHostsNetwork) {
         log_.clear();
         const std::string port = type == 0 ? ":22122" : ":22123";
         EXPECT_EQ(
-            client.getDefaultAddr(static_cast<RedisServerType>(type)),
+            client_->getDefaultAddr(static_cast<RedisServerType>(type)),
             group.one.empty() || type == 3 ? "" : group.one + port + "," + group.other + port);
         EXPECT_EQ(log_.count(ERROR, "invalid ip or no redis server on the area."),
                   group.one.empty() ? 1 : 0);
@@ -220,28 +196,26 @@ TEST_F(Startup, DefaultsFollowTheHostsNetwork) {
 }
 
 TEST_F(Startup, TheConfigurationLiesBesideTheExecutableOrInConf) {
-  const ruvo_redis client;
   const std::filesystem::path folder =
       std::filesystem::read_symlink("/proc/self/exe").parent_path();
   const std::filesystem::path beside = folder / "sruvo.conf";
   const std::string in_conf = folder.parent_path() / "conf/sruvo.conf";
-  EXPECT_EQ(client.get_cfg(), in_conf);
+  EXPECT_EQ(client_->get_cfg(), in_conf);
   std::filesystem::create_directory(beside);
-  EXPECT_EQ(client.get_cfg(), in_conf);
+  EXPECT_EQ(client_->get_cfg(), in_conf);
   std::filesystem::remove(beside);
   std::ofstream(beside).put('\n');
-  EXPECT_EQ(client.get_cfg(), beside);
+  EXPECT_EQ(client_->get_cfg(), beside);
   std::filesystem::remove(beside);
 }
 
 TEST_F(Startup, APoolWithoutAListTakesTheDefaultOfItsKind) {
   host_name = "host.example";
   host_ip = {127, 0, 0, 1};
-  ruvo_redis client;
-  client.init(HostConfig("").path());
+  init_client(*client_, HostConfig(""));  // whether or not servers listen there
   for (const RedisServerType type : {eTempServer, ePersistServer}) {
-    EXPECT_EQ(client.getPool(type).server_num_, 2U);
-    EXPECT_EQ(client.getPool(type).servers_.at(1).addr_.ip_, "127.0.0.2");
+    EXPECT_EQ(client_->getPool(type).server_num_, 2U);
+    EXPECT_EQ(client_->getPool(type).servers_.at(1).addr_.ip_, "127.0.0.2");
   }
   EXPECT_EQ(log_.count_containing("| addr is empty"), 1);  // the personality pool has none
 }
