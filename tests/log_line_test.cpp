@@ -40,6 +40,7 @@ TEST_F(Log, ALineHasItsPlaceAndIsCut) {
       << last_line;
   log_key_as_format("100%% of %s");
   EXPECT_TRUE(last_line.ends_with(" 100% of (null)\n")) << last_line;
+  EXPECT_NE(last_line.find(" ERROR log_line.cpp:"), std::string::npos) << last_line;
 }
 
 TEST_F(Log, ArgumentsAreEvaluatedOnlyForWrittenLines) {

@@ -43,7 +43,8 @@ using Call = std::function<int()>;
 
 // Does the line match? Three dots at the end stand for any text.
 bool matches(const LogCapture::Line& expected, const LogCapture::Line& line) {
-  const std::string whole = "ruvo_redis::" + expected.text;
+  const bool names_class = expected.text.find("::") != std::string::npos;
+  const std::string whole = (names_class ? "" : "ruvo_redis::") + expected.text;
   return line.level == expected.level &&
          (whole.ends_with("...") ? line.text.starts_with(whole.substr(0, whole.size() - 3))
                                  : line.text == whole);
@@ -89,6 +90,7 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
       {append, ":1", 0, "APPEND k v.", {DEBUG, "append_key | APPEND  k successfully."}},
       {increase, ":7", 0, "INCR k", {DEBUG, "increase_key | GET  k successfully."}},
       {increase, ":8", 0, "INCR k", {DEBUG, "increase_key | key k successfully increased, current value is 8."}},
+      {increase, "-no", -1, "INCR k", {ERROR, "exists_key::increase_key | do_exec_command failed, ret:-1"}},
       {increase, "+x", 0, "INCR k", {WARN, "increase_key | key:k, unexpected reply type:5"}},
       {query, "$1\r\nv", 0, "GET k", {DEBUG, "query_key | querying key k succeeded."}},
       {query, ":1", 0, "GET k", {WARN, "query_key | key:k, unexpected reply type:3"}},
@@ -97,6 +99,7 @@ TEST(Operations, SendTheirTemplatesAndReadTheReplies) {
       {exists, ":1", 0, "EXISTS k", {DEBUG, "exists_key | key:k is exist."}},
       {exists, ":0", 1, "EXISTS k", {DEBUG, "exists_key | key:k not exist."}},
       {exists, ":2", -1, "EXISTS k", {ERROR, "exists_key | reply->interger:2"}},
+      {exists, "-no", -1, "EXISTS k", {ERROR, "exists_key::expire_key | do_exec_command failed, ret:-1"}},
       {exists, "*0", -1, "EXISTS k", {WARN, "exists_key | key:k, unexpected reply type:2"}},
       {erase, ":0", 0, "DEL k", {DEBUG, "delete_key | DEL  k successfully."}},
       {expire, ":0", 0, "EXPIRE k 4000000000", {DEBUG, "expire_key | EXPIRE  k 4000000000 successfully."}},
@@ -368,7 +371,6 @@ TEST_F(OnRedis, ExpiriesAndWrongTypes) {
   EXPECT_EQ(RUVO_HashIncrBy("k", "f", 1, 1, &number, T, nullptr), RUVO_ERR_FAILED);
   EXPECT_EQ(RUVO_IncreaseKey("k", &number, T, nullptr), RUVO_ERR_FAILED);
   EXPECT_EQ(number, 5);
-  EXPECT_EQ(log_.count(ERROR, "exists_key::increase_key | do_exec_command failed, ret:-1"), 1);
 }
 
 TEST_F(OnRedis, RawCommandsReturnTheReply) {
