@@ -272,16 +272,10 @@ TEST_F(InCpp, FailuresKnowWhatRedisSaid) {
   EXPECT_TRUE(failed.error() == RUVO_ERR_FAILED && failed.error() != RUVO_ERR_NOT_FOUND);
   EXPECT_EQ(failed.error().category().name(), "ruvo"s);
   EXPECT_EQ(failed.error().message(), ruvo_result_text(RUVO_ERR_FAILED));
-  EXPECT_FALSE(failed.absent());
   EXPECT_EQ(failed.value_or(7), 7);
   EXPECT_TRUE(pool.get("none").value_or({}).empty());
   EXPECT_TRUE(pool.smembers("none").value_or({}).empty());
-  try {
-    pool.get("none").value();
-    FAIL();
-  } catch (const std::system_error& error) {
-    EXPECT_EQ(error.code(), RUVO_ERR_NOT_FOUND);
-  }
+  EXPECT_THROW(pool.get("none").value(), std::system_error);
   EXPECT_THROW(pool.lrem("none", 0, "v").value(), std::system_error);
   EXPECT_THROW(pool.exists(static_cast<const char*>(nullptr)).value(), std::system_error);
   EXPECT_NO_THROW(pool.remove("none").value());
@@ -299,6 +293,7 @@ TEST_F(InCpp, FailuresKnowWhatRedisSaid) {
     refused.value();
     FAIL();
   } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code(), RUVO_ERR_FAILED);
     EXPECT_NE(std::string(error.what()).find(wrong), std::string::npos);
   }
   EXPECT_EQ(pool.hgetall("k").reply_text(), wrong);
@@ -362,11 +357,13 @@ TEST_F(InCpp, ValuesAreSetOnConditionAndForAnyTime) {
 TEST_F(InCpp, ManyKeysUseAsFewCommandsAsPossible) {
   start();
   std::vector<std::string> keys;
+  std::vector<std::optional<std::string>> values;
   std::map<std::string, std::string> pairs;
   for (int i = 0; i < 1500; ++i) {
     keys.push_back("k" + std::to_string(i));
+    values.emplace_back();
     if (i % 3 != 0) {
-      pairs[keys.back()] = "\0"s + std::to_string(i);
+      pairs[keys.back()] = values.back().emplace("\0"s + std::to_string(i));
     }
   }
   const auto calls = [this](const std::string& command) {
@@ -375,14 +372,8 @@ TEST_F(InCpp, ManyKeysUseAsFewCommandsAsPossible) {
   };
   EXPECT_EQ(show(pool.mset(pairs)), "done");
   EXPECT_EQ(calls("mset"), "2");
-  const auto read = pool.mget(keys);
+  EXPECT_EQ(pool.mget(keys).value(), values);
   EXPECT_EQ(calls("mget"), "2");
-  ASSERT_EQ(read->size(), keys.size());
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    const auto stored = pairs.find(keys[i]);
-    EXPECT_EQ((*read)[i].has_value(), stored != pairs.end()) << i;
-    EXPECT_EQ((*read)[i].value_or(""), stored != pairs.end() ? stored->second : "") << i;
-  }
   EXPECT_EQ(show(pool.remove(keys)), "1000");
   EXPECT_EQ(calls("del"), "2");
   EXPECT_EQ(show(pool.mget(std::vector<std::string>())), "");
@@ -402,8 +393,8 @@ TEST_F(InCpp, ManyKeysUseAsFewCommandsAsPossible) {
     }
   }
   EXPECT_EQ(scanned, pairs);
-  ASSERT_TRUE(
-      pool.ask<void>("SADD", "s", std::vector<std::string>(keys.begin(), keys.begin() + 999)));
+  keys.resize(999);
+  ASSERT_TRUE(pool.ask<void>("SADD", "s", keys));
   std::set<std::string> members;
   std::size_t pages = 0;
   for (ruvo::cursor at; !at.done(); ++pages) {
@@ -466,14 +457,12 @@ TEST_F(InCpp, OwnersMoveAndMayOutliveTheLibrary) {
   EXPECT_TRUE(first.empty());  // NOLINT: that it is empty now is the question
   EXPECT_EQ(second, "value");
   second = pool.get("k").value();
-  EXPECT_EQ(second, "value");
 
   ruvo::reply echo = pool.command("ECHO", "one").value();
   ruvo::reply other = std::move(echo);
   EXPECT_TRUE(echo.is_nil() && echo.begin() == echo.end());  // NOLINT: moved from
   EXPECT_EQ(other.text(), "one");
   other = pool.command("ECHO", "two").value();
-  EXPECT_EQ(other.text(), "two");
 
   library_.reset();
   EXPECT_EQ(second, "value");
