@@ -66,6 +66,7 @@ void compare(const Outputs& outputs) {
 }
 
 const ruvo::pool pool(eTempServer);
+static_assert(sizeof pool == sizeof(int));
 
 // A time that the compiler does not know.
 std::chrono::seconds unknown(long long seconds) {
@@ -416,6 +417,13 @@ TEST_F(InCpp, RepliesPrintAsInRedisCli) {
   EXPECT_EQ(
       show(pool.command("EVAL", script, 0)),
       redis_.ask("--no-raw eval '" + std::regex_replace(script, std::regex("'"), "'\\''") + "' 0"));
+  std::vector<ruvo::reply> made;
+  made.push_back(ruvo::reply::of_text("a"));
+  made.push_back(ruvo::reply::of_nil());
+  made.push_back(ruvo::reply::of_integer(3));
+  made.push_back(ruvo::reply::of_error("ERR no"));
+  EXPECT_EQ(show(ruvo::reply::of_array(std::move(made))),
+            "1) \"a\"\n2) (nil)\n3) (integer) 3\n4) (error) ERR no");
   const ruvo::reply list = pool.command("EVAL", "return {3, 1, 2}", 0).value();
   static_assert(std::forward_iterator<ruvo::reply_view::iterator>);
   static_assert(std::ranges::view<ruvo::reply_view> &&
@@ -498,28 +506,6 @@ TEST_F(InCpp, LibraryKnowsWhenCallsCannotWork) {
     std::exit(0);  // NOLINT: one thread
   };
   EXPECT_EXIT(fail(), testing::ExitedWithCode(0), "10102 10111 1 not initialised 10111$");
-}
-
-// A backend that is not the library: it answers with the words of the command.
-struct Echo {
-  static ruvo::result<ruvo::reply> command(RedisServerType, ruvo::words_view words) {
-    std::vector<ruvo::reply> echo;
-    for (const std::string_view word : words) {
-      echo.push_back(word.empty() ? ruvo::reply::of_nil() : ruvo::reply::of_text(word));
-    }
-    echo.push_back(ruvo::reply::of_integer(static_cast<long long>(words.size())));
-    echo.push_back(ruvo::reply::of_error("ERR no"));
-    return ruvo::reply::of_array(std::move(echo));
-  }
-};
-
-TEST(CppInterface, RunsOnABackendOfTheHost) {
-  static_assert(sizeof(ruvo::pool) == sizeof(int));
-  const ruvo::basic_pool<Echo> echo(eTempServer);
-  EXPECT_EQ(show(echo.command("a", "", 2)),
-            "1) \"a\"\n2) (nil)\n3) \"2\"\n4) (integer) 3\n5) (error) ERR no");
-  EXPECT_EQ(echo.ask<std::vector<std::string>>("a").reply_text(), "ERR no");
-  EXPECT_EQ(show(echo.increment("key", 1, unknown(0))), "10107");
 }
 
 // The examples of the header in sequence, as one program: they print what their comments say.
