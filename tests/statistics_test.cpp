@@ -17,18 +17,13 @@ namespace {
 class Statistics : public testing::Test {
  protected:
   Statistics() {
-    add_server(temp_, "127.0.0.1", 6379);
-    add_server(temp_, std::string(300, 'n'), 70000);
+    temp_.servers_.emplace_back().addr_ = {"127.0.0.1", 6379};
+    temp_.servers_.emplace_back().addr_ = {std::string(300, 'n'), 70000};
     temp_.failure_limit_ = 3;
     temp_.retry_timeout_ = 7;
-    add_server(personality_, "10.0.0.1", 1);
+    personality_.servers_.emplace_back().addr_ = {"10.0.0.1", 1};
     personality_.auto_eject_ = false;
     EXPECT_TRUE(begin(path_));
-  }
-
-  static void add_server(server_pool& pool, const std::string& ip, std::uint32_t port) {
-    server_node& server = pool.servers_.emplace_back();
-    server.addr_ = {ip, port};
   }
 
   bool begin(const std::string& path) {
