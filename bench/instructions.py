@@ -3,9 +3,9 @@
 
     bench/instructions.py FOLDER [--record] [--functions OPERATION]
 
-FOLDER holds the dumps. Prints a table and compares the library's share and the whole call with
-bench/instructions.txt; the exit status is 1 if one has grown by more than the margin. --record
-writes that file instead, --functions lists the library's functions in one operation too.
+FOLDER holds the dumps. Prints a table and compares the library's code, what it calls and the whole
+call with bench/instructions.txt; the exit status is 1 if one has grown by more than the margin.
+--record writes that file instead, --functions also lists the library's functions in one operation.
 """
 import argparse
 import re
@@ -86,8 +86,8 @@ def read_dumps(folder):
 
 
 def add_header(counts, flat):
-    """Adds the code of ruvo.hpp to the library's count: what the program, which contains this code,
-    executes more than with the flat function."""
+    """Adds the code of ruvo.hpp, which is compiled into the program, to the library's count: what the
+    program executes beyond what it executes for the flat function."""
     for owner, of in ("library", "program"), ("C library for library", "C library for program"):
         counts[owner] += counts[of] - flat[of]
 
@@ -107,7 +107,7 @@ def name_of(side, name):
 def print_table(dumps):
     before = recorded()
     print(f"{'instructions for each call':28}{'library':>9}{'it calls':>9}{'hiredis':>9}"
-          f"{'bare hiredis':>14}{'added':>8}{'all, to recorded':>18}")
+          f"{'bare hiredis':>14}{'added':>8}{'whole / recorded':>18}")
     for (side, name), (_, counts, _) in dumps.items():
         if side == "hiredis":
             continue
@@ -169,7 +169,7 @@ def main():
         return
     if grown := list(compare(found)):
         print("\n".join(["", *grown]))
-        sys.exit(f"more than {MARGIN:.0%}; if it must be: scripts/count_instructions.sh --record")
+        sys.exit(f"grown by more than {MARGIN:.0%}; if that is intended, run scripts/count_instructions.sh --record")
     print(f"none has grown by more than {MARGIN:.0%} over {RECORD.name}")
 
 

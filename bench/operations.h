@@ -1,5 +1,5 @@
 // The measured operations, each in two forms: through the library, and as commands that a program
-// without the library gives to hiredis. One of each kind of reply, not all of them.
+// without the library gives to hiredis. They include every kind of reply, not every function.
 #ifndef RUVO_BENCH_OPERATIONS_H
 #define RUVO_BENCH_OPERATIONS_H
 

@@ -53,8 +53,8 @@ int thread_count = 16;
 
 struct Outcome {
   SecondOfCalls all;
-  SecondOfCalls last;                // second
-  double connections_a_second = -1;  // if it is checked
+  SecondOfCalls last;                // the last second
+  double connections_a_second = -1;  // negative: not counted
   int keys_in_other_pools = 0;
 };
 
@@ -151,8 +151,8 @@ Outcome both_proxies_restarted() {
 }
 
 // One of two servers enters a state and leaves it again.
-using OfOne = std::function<void(RedisServer& server, const RedisServer& healthy)>;
-Outcome one_of_two(const OfOne& enter, const OfOne& leave) {
+using StateChange = std::function<void(RedisServer& server, const RedisServer& healthy)>;
+Outcome one_of_two(const StateChange& enter, const StateChange& leave) {
   const RedisServer healthy;
   RedisServer server;
   return run_through(
@@ -208,13 +208,13 @@ Outcome start_with_a_refused_password() {
                       [&] { limit.reset(); });
 }
 
-// Connections are counted from the first second on, when all open ones are closed.
+// Connections are counted after the first second: by then the host has lost those that it had.
 template <typename Fault, typename End>
 Outcome pool_down(const std::string& addr, const RedisServer& other_pools, const Fault& fault,
                   const End& end) {
   constexpr milliseconds count_from = 1000ms;
   constexpr milliseconds back_at = 3500ms;
-  constexpr int seconds = 6;  // in the fifth the server returns and the host notices it
+  constexpr int seconds = 6;  // in the fourth the server returns; the last is for the verdict
   const HostConfig config = config_for(addr, other_pools.addr());
   CallingHost host(config.path(), thread_count, write_or_read);
   host.wait_until(fault_at);
@@ -245,7 +245,8 @@ Outcome pool_at_its_limit() {
       redis.addr(), other_pools, [&] { limit.emplace(redis); }, [&] { limit.reset(); });
 }
 
-// The pool's second server fails: without the key the command fails over to the second pool.
+// The pool's second server fails: without raw_commands_stay_in_pool the command fails over to the
+// second pool.
 Outcome raw_command_stays() {
   const RedisServer healthy;
   RedisServer redis;
@@ -377,7 +378,7 @@ int run(int argc, char** argv) {
     }
   }
   std::puts(
-      "| What happened                                    |     Calls |    Failed | at last   | "
+      "| What happened                                    |     Calls |    Failed | in last s | "
       "Slowest | Connections/s |  Lines | |\n"
       "|---|---:|---:|---:|---:|---:|---:|---|");
   int bad = 0;

@@ -12,7 +12,8 @@ titles = "'bare hiredis' 'auto_pipelining' 'without it'"
 # GET of 100 B over a network of this round trip by one side; all others become NaN, which is not drawn.
 of(round_trip, side, value) = strcol("operation") eq "GET" && column("bytes") == 100 && strcol("log") eq "WARN" \
   && column("round_trip_ms") == round_trip && strcol("side") eq side ? value : NaN
-# With this many connections (0: as many as threads); bare hiredis has its own, so its rows match all of them.
+# With this many connections (0: as many as threads). Bare hiredis, with a connection for each thread, is measured
+# again in each of these cases.
 on(connections, value) = column("connections") == (connections > 0 ? connections : column("threads")) ? value : NaN
 with_threads(threads, value) = column("threads") == threads ? value : NaN
 thousands(name) = column(name) / 1000

@@ -32,9 +32,9 @@ class BareConnections : NoCopy {
   std::vector<Context> contexts_;
 };
 
-// The lower bound: the simplest pool that one could write by hand. It uses connections round-robin,
-// each behind a mutex. Like the library, it copies a value for the caller after it has released the
-// mutex, and its sockets have timeouts. It does not reconnect.
+// What the library must not be slower than: the simplest pool that one could write by hand. It uses
+// connections round-robin, each behind a mutex. Like the library, it copies a value for the caller
+// after it has released the mutex, and its sockets have timeouts. It does not reconnect.
 class HandWrittenPool : NoCopy {
  public:
   HandWrittenPool(int port, std::size_t connections);

@@ -1,5 +1,5 @@
 // The host of scripts/site.sh: threads that write a key and read it back. Prints the results and
-// the log's kinds of lines each second, and ends with the sums.
+// the most frequent kind of log line each second, and the sums and all kinds at the end.
 //
 //   site_host --config sruvo.conf --seconds 20 --threads 16
 #include <ruvo/ruvo.h>

@@ -29,11 +29,12 @@ class Case:
         self.sides = {}
 
     @property
-    def small(self):
+    def standard(self):
+        """100 B on loopback, with the log at WARN."""
         return self.bytes == 100 and self.log == "WARN" and self.round_trip == 0
 
     @property
-    def even(self):
+    def connection_per_thread(self):
         return self.threads == self.connections
 
     def rate(self, side):
@@ -94,14 +95,14 @@ class Aim:
     text: str
     bound: float
     measures: tuple[tuple[str, str], Callable[[Case], tuple]]
-    holds_for: Callable[[Case], bool]
+    applies_to: Callable[[Case], bool]
     at_most: bool = False
     seen: list = field(default_factory=list)
 
     def look_at(self, cases):
         sides, measured = self.measures
         self.seen = [(measured(case), case) for case in cases
-                     if self.holds_for(case) and case.has(*sides)]
+                     if self.applies_to(case) and case.has(*sides)]
 
     def is_met(self, ratio):
         return ratio <= self.bound if self.at_most else ratio >= self.bound
@@ -117,8 +118,8 @@ class Aim:
 
 
 def loopback(threads, *connections):
-    """GET of 100 B on this number of connections, on loopback."""
-    return lambda case: (case.small and case.operation == "GET" and case.threads == threads
+    """GET of 100 B by this many threads on one of these numbers of connections, on loopback."""
+    return lambda case: (case.standard and case.operation == "GET" and case.threads == threads
                          and case.connections in connections)
 
 
@@ -129,7 +130,7 @@ def network(round_trips=(0.2, 1, 5), threads=(2, 4, 16, 64)):
 
 
 def single(case):
-    return case.small and case.threads == case.connections == 1
+    return case.standard and case.threads == case.connections == 1
 
 
 AIMS = [
@@ -143,7 +144,7 @@ AIMS = [
           loopback(threads, 1)) for threads, bound in ((64, 2.0), (16, 1.4), (4, 0.95), (2, 0.85))),
     Aim("64 threads on two connections: pipelined to hiredis", 2.0, rates("pipelined", "hiredis"), loopback(64, 2)),
     Aim("a connection for each thread: pipelined to hiredis", 0.97, rates("pipelined", "hiredis"),
-        lambda case: case.small and case.even and case.threads > 1),
+        lambda case: case.standard and case.connection_per_thread and case.threads > 1),
     Aim("64 threads on one and two connections: p99 of pipelined to hiredis", 1.0, latency("p99", "pipelined", "hiredis"),
         loopback(64, 1, 2), at_most=True),
     Aim("64 threads on eight connections: p99 of pipelined to hiredis", 1.5, latency("p99", "pipelined", "hiredis"),
@@ -156,7 +157,7 @@ AIMS = [
         lambda case: case.bytes == 1000000 and case.operation in ("GET", "HGET")),
     Aim("one thread: library to hiredis", 0.97, rates("library", "hiredis"), single),
     Aim("a connection for each thread: library to the pool", 0.97, rates("library", "pool"),
-        lambda case: case.small and case.even),
+        lambda case: case.standard and case.connection_per_thread),
     Aim("log at INFO: library to hiredis", 0.80, rates("library", "hiredis"), lambda case: case.log == "INFO"),
 ]
 
@@ -200,7 +201,7 @@ def tables(cases):
                             ROUND_TRIP | THREADS | HIREDIS | PIPELINED | PIPELINED_RATIO
                             | latencies("ms", "hiredis", "pipelined")),
         "loopback": table_of([case for case in gets if case.round_trip == 0 and case.threads in (1, 4, 16, 64)
-                              and (case.connections == 1 or case.even)],
+                              and (case.connections == 1 or case.connection_per_thread)],
                              THREADS | CONNECTIONS | HIREDIS | POOL | LIBRARY | PIPELINED | LIBRARY_RATIO
                              | PIPELINED_RATIO | latencies("µs", "hiredis", "library", "pipelined")),
         "aims": table(["Ratio", "Aim", "", "Worst", "Of"], [aim.row() for aim in AIMS if aim.seen], 1),
@@ -213,7 +214,7 @@ def put_into(guide, made):
         mark, end = f"<!-- table: {name} -->", "<!-- end of table -->"
         text, times = re.subn(f"{mark}.*?{end}", lambda _: "\n".join([mark, *lines, end]), text, flags=re.DOTALL)
         if times != 1:
-            sys.exit(f"{guide}: the mark of table \"{name}\" stands in it {times} times")
+            sys.exit(f"{guide}: the mark of table \"{name}\" occurs {times} times")
     guide.write_text(text)
 
 

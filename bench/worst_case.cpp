@@ -109,11 +109,12 @@ void print_summary(const char* fault, const char* name, const std::vector<Second
     summary.slowest_ms = std::max(summary.slowest_ms, one.slowest_ms);
     summary.lines = std::max(summary.lines, one.lines);
   }
-  std::fprintf(stderr,
-               "%s, %s: goodput %.3f of before over the worst %d seconds, slowest call %.0f ms, "
-               "%ld failed, at most %ld lines a second\n",
-               fault, name, worst / (served(calls, 0, before) / before * window), window,
-               summary.slowest_ms, summary.failed, summary.lines);
+  std::fprintf(
+      stderr,
+      "%s, %s: goodput %.3f times that before the fault in the worst %d seconds, slowest call "
+      "%.0f ms, %ld failed, at most %ld lines a second\n",
+      fault, name, worst / (served(calls, 0, before) / before * window), window, summary.slowest_ms,
+      summary.failed, summary.lines);
 }
 
 int run(int argc, char** argv) {
@@ -123,7 +124,7 @@ int run(int argc, char** argv) {
   for (const Fault& fault : faults()) {
     names.emplace_back(fault.name);
   }
-  CLI::App app("Puts a fault on one of two servers below a host, and counts the host's calls");
+  CLI::App app("Injects faults into one of a host's two servers, and counts the host's calls");
   app.add_option("faults", only, "Faults, all by default")->check(CLI::IsMember(names));
   const auto add = [&app](const char* name, int& value, const char* text) {
     app.add_option(name, value, text)->capture_default_str()->check(CLI::Range(1, 300));

@@ -1,7 +1,7 @@
 # The manual pages, the guides, the change log, and the API reference with Doxygen (target `reference`, if Doxygen is
 # installed).
 
-# The pages have the version and the date of the newest entry in the change log.
+# The pages have the date of the newest entry in the change log.
 set(change_log ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 file(STRINGS ${change_log} release LIMIT_COUNT 1 REGEX "^## \\[[0-9.]+\\] - [0-9-]+$")
 string(REGEX REPLACE ".* - ([0-9]+)-([0-9]+)-0?([0-9]+)$" "\\1;\\2;\\3" release "${release}")

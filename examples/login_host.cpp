@@ -1,4 +1,5 @@
-// A host that answers lines of its input, for any number of users.
+// A host that answers requests from its input, one on each line: login, who and logout, for any
+// number of users.
 //
 //   login_host [LOCAL-CONFIGURATION]     (sruvo.conf)
 #include <stream_log/logger.h>

@@ -53,7 +53,7 @@ int failures = 0;
 
 void expect(const std::string& said, const std::string& expected) {
   if (said != expected) {
-    std::cerr << "said: " << said << "\nnot:  " << expected << '\n';
+    std::cerr << "said:     " << said << "\nexpected: " << expected << '\n';
     ++failures;
   }
 }

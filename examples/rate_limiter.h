@@ -29,7 +29,7 @@ class rate_limiter {
     return *count <= max_requests_;
   }
 
-  // The time until the window of a client ends; none if it has no window.
+  // The time until the window of a client ends; 0 if it has no window.
   ruvo::result<std::chrono::milliseconds> wait(std::string_view client) const {
     auto left = pool_.ttl(key_of(client));
     return left.absent() ? std::chrono::milliseconds(0) : left;

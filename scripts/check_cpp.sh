@@ -18,7 +18,7 @@ trap 'rm -rf "$work"' EXIT
   echo '}'
 } >"$work/examples.cpp"
 
-# Compiles the mistakes one by one, with a precompiled header. $1: the compiler, the others: how.
+# Compiles the mistakes one by one, with a precompiled header. $1: the compiler; the others: its options.
 refuse_mistakes() {
   local compiler=$1 name number sentence only step refused=0
   name=$(mktemp -d -p "$work")

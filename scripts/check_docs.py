@@ -4,11 +4,11 @@
     scripts/check_docs.py [DOCUMENT...]      (no argument: all of them)
 
 Needs the release build in build/release. The documents share a working folder, a copy of the tracked
-files, with the library "installed in /usr/local" below it; each gets a Redis on loopback. Its fenced
-blocks are handled in order, by their info string:
+files; the library is installed into its folder usr/local. Each document gets a Redis on loopback. The
+fenced blocks of a document are handled in order, by their info string:
 
     sh         run with bash -euo pipefail
-    ini, yaml  written to the file that the first line names, as "# ruvo_redis.conf"
+    ini, yaml  written to the file that the first line names, such as "# ruvo_redis.conf"
     cpp, c     complete programs: built with the line that the document shows for the file, or with its
                first such line, with warnings as errors, and run
     cmake      a CMakeLists.txt, whose first line names it: configured and built
@@ -290,8 +290,8 @@ def refuse_dead_links(document):
 
 
 def refuse_missing_lines(document):
-    """Refuses a list of log lines without a WARN or ERROR line of the library: the longest text
-    between two directives of each must be in it."""
+    """Refuses a list of log lines that lacks a WARN or ERROR line of the library: the longest text
+    between two directives of each line must be in it."""
     logged = re.compile(r'(?:RUVO_LOG\w*\([^";]*?\b(?:WARN|ERROR),[^";]*?|null_\w+ =)\s*((?:"[^"]*"\s*)+)')
     guide = (TREE / document).read_text()
     for source in sorted(TREE.glob("src/**/*.cpp")) + sorted(TREE.glob("src/**/*.h")):
@@ -315,7 +315,7 @@ def refuse_missing_places(document):
 
 
 def check(document, sandbox):
-    """Runs a document's blocks; how many passed and how many failed."""
+    """Runs a document's blocks. Returns how many passed and how many failed."""
     try:
         blocks = read_blocks(document)
         refuse_mistakes(document, blocks)

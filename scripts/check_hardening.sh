@@ -20,7 +20,7 @@ for file in "$@"; do
   grep -q 'FLAGS_1.*NOW' <<<"$dynamic" || refuse "$file" "binds late (-z now)"
   grep -q 'GNU_RELRO' <<<"$segments" || refuse "$file" "relocations stay writable (-z relro)"
   grep -q 'GNU_STACK .* RW ' <<<"$segments" || refuse "$file" "executable stack (-z noexecstack)"
-  # A library may have no call that could be checked; a library that prints has some.
+  # A file may have no call that could be checked; one that formats text has some.
   if grep -qE ' v?[fsn]*printf@' <<<"$imports"; then
     grep -qE '__[a-z]+_chk(@|$)' <<<"$imports" || refuse "$file" "unchecked calls (-D_FORTIFY_SOURCE=2)"
   fi

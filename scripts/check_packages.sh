@@ -141,12 +141,12 @@ else
   where=unpacked
 fi
 
-# Only libruvo-dev may have no dependencies from Debian.
+# Only libruvo-dev, which has no binaries, may lack a dependency on the C library.
 for deb in build/package/*.deb; do
   depends=$(dpkg-deb -f "$deb" Depends)
   echo "${deb##*/}: $depends"
-  [[ $deb == */libruvo-dev_* || $depends == *libc6* ]] || { echo "${deb##*/} lacks dependencies" >&2; exit 1; }
+  [[ $deb == */libruvo-dev_* || $depends == *libc6* ]] || { echo "${deb##*/} does not depend on libc6" >&2; exit 1; }
 done
-# As root too, where it only warns. The calls of ldconfig are those that cpack adds to the trigger.
+# --allow-root: no warning about running as root. The calls of ldconfig are those that cpack adds to the trigger.
 lintian --allow-root --fail-on error,warning --suppress-tags maintscript-calls-ldconfig build/package/*.deb
 echo "the packages work $where"

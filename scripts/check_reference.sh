@@ -12,7 +12,7 @@ mandoc -T lint -W warning "${pages[@]}"
 version=$(sed -nE 's/^CMAKE_PROJECT_VERSION:STATIC=//p' build/release/CMakeCache.txt)
 newest=$(sed -nE 's/^## \[([0-9.]+)\].*/\1/p' CHANGELOG.md | head -n 1)
 if [ "$version" != "$newest" ]; then
-  echo "CHANGELOG.md ends with $newest, the project is $version" >&2
+  echo "the newest version in CHANGELOG.md is $newest, the project's is $version" >&2
   exit 1
 fi
 echo "reference, ${#pages[@]} manual pages and change log are in order"

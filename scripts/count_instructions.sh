@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Counts the instructions of each operation by owner: the library, hiredis, the C library. Fails if the library's share
-# or the whole call has grown by more than 5% over bench/instructions.txt.
+# Counts the instructions of each operation by owner: the library, what it calls, hiredis. Fails if the library's code,
+# what it calls or the whole call has grown by more than 5% over bench/instructions.txt.
 #
 #   scripts/count_instructions.sh [--record] [--functions OPERATION]
 #       --record      writes bench/instructions.txt again

@@ -5,8 +5,8 @@
 #   scripts/demo.sh [--shards N]     DEMO_SECONDS=N in the environment: how long the host runs (12)
 #
 # The servers of a pool serve the same data: two proxies in front of N Redis servers, the shards, which share the keys.
-# The host sees only the proxies. A proxy dies first: no operation fails. With two shards or more, a shard
-# dies next. No other server has its keys, so the operations on them fail until it is back; it has kept its data.
+# The host sees only the proxies. A proxy dies first: no operation fails. With two shards or more, a shard dies next. No
+# other server has the shard's keys, so the operations on them fail until the shard is back, with its data.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

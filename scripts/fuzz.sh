@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 targets=(config_fuzz text_fuzz key_fuzz pipeline_fuzz)
-# A reply may announce more elements than there is memory.
+# A reply may announce more elements than there is memory for.
 export ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=256
 
 scripts/deps.sh build check

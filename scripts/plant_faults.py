@@ -10,9 +10,9 @@
 Each of the --jobs works in a copy of the tree with its own build folder, which it keeps for all of its
 rows, and with --folder for the next run as well. If test programs follow a file's name in the table, all
 of them run for each of its rows, and the tests that noticed the fault are printed. Otherwise any program
-may catch the fault, and the row ends with the first program that does. A row whose text is not in its file exactly
-once, or that does not compile, is an error of the table. The exit status is 0 if every fault was caught,
-1 if one was not, 2 if a row is in error.
+but those of the tools (cli_*, chaos_*) may catch the fault, and the row ends with the first one that does.
+A row whose text is not in its file exactly once, or that does not compile, is an error of the table. The
+exit status is 0 if every fault was caught, 1 if one was not, 2 if a row is in error.
 
 The regular checks run --list only: every other use builds and runs the tests for each row.
 """
@@ -47,20 +47,20 @@ NO_WARNINGS = {"CXXFLAGS": "-w", "CFLAGS": "-w"}
 class Fault:
     number: int
     file: str
-    tests: list  # of the file, by the names of their programs; empty: any
-    stands: str
-    put: str
+    tests: list  # of the file, by the names of their programs; empty: any but those of the tools
+    original: str
+    replacement: str
 
     def __str__(self):
-        return f"{self.number:3} {self.file}: {self.stands}{SEPARATOR}{self.put}"
+        return f"{self.number:3} {self.file}: {self.original}{SEPARATOR}{self.replacement}"
 
     def plant(self, text):
         """The text with the fault. A blank of the row matches any run of blanks."""
-        pattern = r"\s+".join(re.escape(word) for word in self.stands.split())
+        pattern = r"\s+".join(re.escape(word) for word in self.original.split())
         found = list(re.finditer(pattern, text))
         if len(found) != 1:
             raise ValueError(f"its text occurs {len(found)} times in the file")
-        return text[:found[0].start()] + self.put + text[found[0].end():]
+        return text[:found[0].start()] + self.replacement + text[found[0].end():]
 
 
 def read_table():
@@ -72,10 +72,10 @@ def read_table():
             file = head[1]
             tests = [name + "_test" for name in head[2].split()]
         elif line.strip() and not line.startswith("#"):
-            stands, separator, put = line.partition(SEPARATOR.rstrip())
+            original, separator, replacement = line.partition(SEPARATOR.rstrip())
             if not separator or file is None:
                 sys.exit(f"{TABLE.name}: neither a file nor a fault: {line}")
-            faults.append(Fault(len(faults) + 1, file, tests, stands.strip(), put.strip()))
+            faults.append(Fault(len(faults) + 1, file, tests, original.strip(), replacement.strip()))
     return faults
 
 
@@ -252,7 +252,7 @@ def main():
                 for job in jobs:
                     job.join()
             except KeyboardInterrupt:
-                signal.signal(signal.SIGINT, signal.SIG_IGN)  # once is enough
+                signal.signal(signal.SIGINT, signal.SIG_IGN)  # a second CTRL-C must not stop the clean-up
                 Workplace.interrupted = True
                 sys.exit(130)
         print(f"\n{len(faults)} faults, {len(missed)} not caught, {len(errors)} errors")

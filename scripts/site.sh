@@ -128,7 +128,7 @@ p_connect_num = 2
 CONF
 
 echo
-echo "--- site_host: 16 threads, $seconds seconds; HAProxy asks for: $check; keys: ${keys:-none}"
+echo "--- site_host: 16 threads, $seconds seconds; HAProxy's check: $check; keys: ${keys:-none}"
 build/site/bench/site_host --config "$work/sruvo.conf" --seconds "$seconds" --threads 16 "${host_options[@]}" &
 pid_of[site_host]=$!
 
@@ -136,7 +136,7 @@ sleep 4
 former=$(primary)
 echo "--- SENTINEL FAILOVER, away from $former"
 redis-cli -p "${port_of[sentinel-1]}" sentinel failover $SITE >/dev/null
-wait_for is_replica "$former"  # ten seconds: without a replica no server can take over
+wait_for is_replica "$former"  # takes about ten seconds; without a replica no server can take over
 sleep 2
 killed=$(primary)
 kill_hard "$killed"

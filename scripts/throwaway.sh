@@ -4,7 +4,7 @@
 work=$(mktemp -d)
 declare -A pid_of   # the programs that the script has started, by name
 stop_all() {
-  trap '' INT TERM  # once is enough
+  trap '' INT TERM  # a second signal must not stop the clean-up
   for name in "${!pid_of[@]}"; do
     kill "${pid_of[$name]}" 2>/dev/null || true
     wait "${pid_of[$name]}" 2>/dev/null || true

@@ -14,8 +14,8 @@ from pathlib import Path
 PROGRAMS = Path(__file__).resolve().parent.parent / "build/bench/simulation"
 
 # The model's parameters for both networks, in microseconds, chosen so that the median of one thread is right.
-WAYS = {"far away": ("5 ms", {"round-trip": 5140, "service": 10, "host-work": 5}),
-        "loopback": ("loopback", {"round-trip": 8, "service": 10, "host-work": 1})}
+NETWORKS = {"far away": ("5 ms", {"round-trip": 5140, "service": 10, "host-work": 5}),
+            "loopback": ("loopback", {"round-trip": 8, "service": 10, "host-work": 1})}
 POINTS = [(1, 1), (4, 1), (4, 4), (16, 1), (16, 4), (16, 8), (16, 32)]  # threads, connections
 
 
@@ -24,8 +24,8 @@ def rows_of(program, *arguments):
     return list(csv.DictReader(output.splitlines()))
 
 
-def simulated(way, shared, threads, connections):
-    parameters = {"threads": threads, "connections": connections, "servers": 1, **WAYS[way][1]}
+def simulated(network, shared, threads, connections):
+    parameters = {"threads": threads, "connections": connections, "servers": 1, **NETWORKS[network][1]}
     options = [f"--{name}={value}" for name, value in parameters.items()]
     return rows_of("scaling_simulation", *options, *["--auto-pipelining"] * shared)[0]
 
@@ -41,10 +41,10 @@ def main():
     writer = csv.writer(sys.stdout, lineterminator="\n")
     writer.writerow(["server", "threads", "connections", "auto_pipelining", "requests_per_second",
                      "model_requests_per_second", "p50_ms", "model_p50_ms", "p99_ms", "model_p99_ms"])
-    for way, (name, _) in WAYS.items():
+    for network, (name, _) in NETWORKS.items():
         for point in POINTS:
             for shared in (False, True):
-                both = (measured[way + " shared" * shared, *point], simulated(way, shared, *point))
+                both = (measured[network + " shared" * shared, *point], simulated(network, shared, *point))
                 writer.writerow([name, *point, "yes" if shared else "no"]
                                 + [f"{float(row['requests_per_second']):.0f}" for row in both]
                                 + [milliseconds(row["p50_us"]) for row in both]

@@ -15,7 +15,8 @@
 // With auto_pipelining a thread whose connection is in use takes the next unused one of that
 // server; if there is none, it shares the connection in full duplex. Its command leaves at once
 // while fewer than 4 are in flight, otherwise with the next reply or 100 microseconds after the
-// last write.
+// last write. The library's special cases are not modelled: its short pause after a single command,
+// and near servers.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -42,7 +43,7 @@ constexpr std::array<std::size_t, 14> connection_counts{1,  2,  3,  4,  6,  8,  
                                                         16, 24, 32, 48, 64, 96, 128};
 constexpr std::size_t max_servers = 8;
 
-// Of the library, src/openlib/ruvo/pipeline.h.
+// The library's general values, src/openlib/ruvo/pipeline.h.
 constexpr std::size_t direct_sends = 4;
 constexpr double write_pause = 100;  // microseconds
 
@@ -319,7 +320,7 @@ int run(int argc, char** argv) {
   add("--host-work", point.host_work, "Time between a reply and the next call", microseconds);
   add("--pause", point.pause, "Mean time that a thread idles beyond that", microseconds);
   app.add_flag("--auto-pipelining", point.auto_pipelining,
-               "Threads that meet on a connection share its round trips");
+               "Threads that meet on a connection pipeline their commands on it");
   add("--wake-up", point.wake_up, "Mean time that a thread takes to wake up for a lock",
       microseconds);
   CLI11_PARSE(app, argc, argv);

@@ -14,7 +14,7 @@
 #include "fixtures.h"
 #include "logger.h"
 
-// Counts of the calls that ended in a second, and of its log lines at WARN.
+// Counts of the calls that ended in a second, and of its log lines from WARN on.
 struct SecondOfCalls {
   long calls = 0;
   long failed = 0;

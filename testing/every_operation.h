@@ -30,7 +30,7 @@ struct Operation {
   int result_before_start() const;
 };
 
-// Frees what a call returns; what it fills is empty unless it succeeds.
+// Frees what a call returns.
 template <typename Call>
 int discard(Call call) {
   const char* data = nullptr;
@@ -40,6 +40,7 @@ int discard(Call call) {
   return ret;
 }
 
+// Returns 99 if the call fails and leaves something in the container.
 template <typename Container, typename Call>
 int fill(Call call) {
   Container value;

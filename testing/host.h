@@ -8,7 +8,7 @@
 #include "fixtures.h"
 #include "logger.h"
 
-// Collects the log while it exists; one at a time.
+// Collects the log while it exists. REQUIRES: no other LogCapture exists.
 class LogCapture : NoCopy {
  public:
   struct Line {

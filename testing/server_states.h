@@ -27,11 +27,12 @@ void become_replica(const RedisServer& server, const RedisServer& primary);
 // Every command for data is answered with MASTERDOWN.
 void become_replica_without_primary(const RedisServer& server);
 
-// Ends both.
+// Ends either of these two states.
 void become_primary(const RedisServer& server);
 
 // Every command except AUTH is answered with NOAUTH.
 void want_password(const RedisServer& server, const std::string& password);
+// `password`: the one that it requires so far.
 void want_no_password(const RedisServer& server, const std::string& password);
 
 // Restarts the server with data that takes a minute to load: commands are answered with LOADING.
@@ -39,7 +40,7 @@ void want_no_password(const RedisServer& server, const std::string& password);
 void restart_loading(RedisServer& server);
 void finish_loading(const RedisServer& server);
 
-// While it exists the server is at its limit of clients: it accepts a number of connections,
+// While it exists the server is at its limit of clients: it accepts this number of connections,
 // answers any further one with an error, and closes it.
 class ClientLimit : NoCopy {
  public:

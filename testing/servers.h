@@ -1,5 +1,5 @@
-// Servers of the caller's own, all on free loopback ports from the kernel: a real Redis, one that
-// follows a script, one that is down, and a nutcracker.
+// Servers on free loopback ports: one that follows a script, and a nutcracker. fixtures.h has a
+// real Redis and a port that refuses connections.
 #ifndef RUVO_TESTING_SERVERS_H
 #define RUVO_TESTING_SERVERS_H
 
@@ -66,7 +66,8 @@ class ScriptedServer : public DownServer {
   std::jthread acceptor_;
 };
 
-// Hangs up on the first command of the first connections, and never answers the password of others.
+// Accepts the password of the first connections and closes them on the next command. Never answers
+// the password of later ones.
 ScriptedServer::Script hang_at_later_login(int first_connections);
 
 // The proxy nutcracker, which distributes the keys over Redis servers. Proxies with the same list

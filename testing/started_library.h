@@ -1,4 +1,4 @@
-// The library as a host of these tests starts it.
+// The library, started for a test, a benchmark or ruvo_chaos.
 #ifndef RUVO_TESTING_STARTED_LIBRARY_H
 #define RUVO_TESTING_STARTED_LIBRARY_H
 

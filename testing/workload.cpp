@@ -17,8 +17,9 @@ constexpr int max_friends = 5;
 constexpr int raw_tries = 10;
 constexpr std::chrono::milliseconds pause_in_outage(20);
 
-// Ends a round: an operation failed in an outage, and may or may not have run.
-struct FailedInOutage {};
+// Thrown to end a round, after which the values are unknown: an operation failed in an outage, or
+// the round may have received another call's replies.
+struct EndOfRound {};
 
 }  // namespace
 
@@ -42,14 +43,14 @@ void Worker::work(int round) {
     tag_friends(round);
     run_raw_commands(round);
     count_permanently();
-  } catch (const FailedInOutage&) {
+  } catch (const EndOfRound&) {
     knows_values_ = false;
     std::this_thread::sleep_for(pause_in_outage);
   }
   knows_values_ = knows_values_ && !in_doubt_;
 }
 
-// Values that another run left, or that are in doubt after an outage, do not count.
+// Deletes values that another run left, or that are in doubt after an outage.
 void Worker::reset_values() {
   for (const char* kind : {"visits", "profile", "queue", "friends"}) {
     expect(strings, "delete", [&] { return RUVO_DeleteKey(key(kind).c_str(), pool_, nullptr); });
@@ -78,7 +79,7 @@ int Worker::call(Family family, const char* what, const Operation& operation) {
   const Call made{family, what, pool_};
   const auto begin = std::chrono::steady_clock::now();
   if (in_doubt_ && !observer_.may_be_out_of_step(made, begin)) {
-    throw FailedInOutage();
+    throw EndOfRound();
   }
   observer_.call_begins(made);
   const int result = operation();
@@ -101,7 +102,7 @@ bool Worker::judge(Family family, const char* what, int result, int expected) {
   const bool wrong = result != RUVO_ERR_FAILED;
   ++(wrong ? totals_.wrong_values : totals_.failed);
   if (!wrong && totals_.outage_expected) {
-    throw FailedInOutage();
+    throw EndOfRound();
   }
   std::printf("%s: %s: %s (%d)\n", wrong ? "WRONG RESULT" : "FAILED", what,
               ruvo_result_text(result), result);

@@ -14,7 +14,7 @@ void count(BaseLib::Logger::LogLevel level, const char*, std::size_t) {
 }
 
 bool check(bool right, const char* what) {
-  if (!right) std::printf("program: %s\n", what);
+  if (!right) std::printf("program: failed: %s\n", what);
   return right;
 }
 

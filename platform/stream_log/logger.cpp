@@ -150,7 +150,6 @@ void stream_log_set_level(int level) {
   BaseLib::Logger::setLogLevel(static_cast<BaseLib::Logger::LogLevel>(known));
 }
 
-// A thread that is in the middle of a line may still pass it to the previous output.
 void stream_log_set_output(void (*output)(int level, const char* line, size_t length)) {
   if (output != nullptr) {
     c_output.store(output, std::memory_order_release);

@@ -64,7 +64,8 @@ __attribute__((visibility("default"))) void stream_log_set_level(int level);
 
 /// Sets where lines go from now on; null: back to standard error. `line` has `length` bytes, the
 /// last of them a newline, followed by a zero byte, and is valid only during the call. The output
-/// is called from every thread that logs, possibly from several at once.
+/// is called from every thread that logs, possibly from several at once. A thread that is in the
+/// middle of a line may still pass it to the previous output.
 __attribute__((visibility("default"))) void stream_log_set_output(void (*output)(int level,
                                                                                  const char* line,
                                                                                  size_t length));
@@ -138,7 +139,8 @@ class __attribute__((visibility("default"))) Logger {
   /// Sets the threshold.
   static void setLogLevel(LogLevel level);
 
-  /// Sets where lines go from now on; null: back to standard error.
+  /// Sets where lines go from now on; null: back to standard error. A thread that is in the middle
+  /// of a line may still pass it to the previous output.
   static void setOutput(Output output);
 
  private:

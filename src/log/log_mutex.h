@@ -40,8 +40,8 @@ class Log_Mutex {
   ~Log_Mutex() = default;
 };
 
-/// A lock between the threads of a process. Ignores the name and `time_out`: it waits without
-/// limit.
+/// A lock between the threads of a process. Ignores the name, `call_delete` and `time_out`: it
+/// waits without limit.
 class Log_Thread_Mutex : public Log_Mutex {
  public:
   Log_Thread_Mutex() noexcept : mutex_(nullptr) {}

@@ -144,7 +144,7 @@ inline char* strsncpy(char* dst, const char* src, std::size_t maxcnt) {
 }
 
 /// The directory of the running executable, with a trailing "/"; empty if it cannot be determined,
-/// which is reported on standard error. The handle is unused.
+/// which is reported on standard error. A path of more than 260 bytes is cut. The handle is unused.
 inline std::string get_bin_path(IU_HANDLE hmod = nullptr) {
   (void)hmod;
   char buffer[detail::max_path_length] = {};
@@ -159,7 +159,8 @@ inline std::string get_bin_path(IU_HANDLE hmod = nullptr) {
 
 /// The parent directory of `path`, with a trailing "/": "/opt/app/" for the directory
 /// /opt/app/bin/; for a file, the parent of its directory. Null or "." stands for the directory of
-/// the running executable. A path without a directory, and "/", are returned unchanged.
+/// the running executable. A path without a directory, and "/", are returned unchanged; a path of
+/// more than 260 bytes is cut.
 inline std::string parent_path(const char* path) {
   std::string directory;
   if (path == nullptr || std::strcmp(path, ".") == 0) {

@@ -107,6 +107,7 @@ class model_atomic_ref {
     model::step();
     return std::exchange(value_, value_ + count);
   }
+  T fetch_sub(T count, memory_order order) const { return fetch_add(T{} - count, order); }
   bool compare_exchange_strong(T& expected, T value, memory_order) const {
     model::step();
     return value_ == expected ? (value_ = value, true) : (expected = value_, false);
@@ -180,16 +181,16 @@ class pool_outage {};
 #define direct_sends direct_sends_of_the_library
 #define max_write_commands max_write_commands_of_the_library
 #define write_pause write_pause_of_the_library
-#define pause_after_single pause_after_single_of_the_library
+#define short_write_pause short_write_pause_of_the_library
 #include "pipeline.h"
 #undef direct_sends
 #undef max_write_commands
 #undef write_pause
-#undef pause_after_single
+#undef short_write_pause
 constexpr std::size_t direct_sends = 1;
 constexpr std::size_t max_write_commands = 2;
 constexpr std::chrono::microseconds write_pause{10};
-constexpr std::chrono::microseconds pause_after_single{10};
+constexpr std::chrono::microseconds short_write_pause{10};
 
 #include "connection.h"
 #include "server_pool.h"

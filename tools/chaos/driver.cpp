@@ -19,9 +19,10 @@ milliseconds between(std::mt19937_64& plan, int shortest, int longest) {
                       static_cast<int>(plan() % static_cast<unsigned>(longest - shortest)));
 }
 
-bool is_of_all_servers(Fault fault) { return fault == away || fault == long_away; }
+bool hits_all_servers(Fault fault) { return fault == away || fault == long_away; }
 
-// No call lasts longer: without these outages a long run needs no more memory than a short one.
+// Calls end much sooner, unless options make the timeouts minutes long: without these outages a
+// long run needs no more memory than a short one.
 bool is_forgotten(const Outage& past) { return past.to < Clock::now() - std::chrono::minutes(5); }
 
 double seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
@@ -88,11 +89,11 @@ bool FaultRecord::may_be_out_of_step(int pool, Clock::time_point from, Clock::ti
 }
 
 Driver::Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record,
-               CallsFrom calls_from_before)
+               HasCallFromBefore has_call_from_before)
     : site_(site),
       faults_(std::move(faults)),
       record_(record),
-      calls_from_before_(std::move(calls_from_before)) {
+      has_call_from_before_(std::move(has_call_from_before)) {
   seed *= pool_count;
   for (Pool& pool : pools_) {
     pool.plan.seed(seed++);
@@ -105,7 +106,7 @@ Clock::time_point Driver::step() {
   for (int number = 1; number <= static_cast<int>(pool_count) && !faults_.empty(); ++number) {
     Pool& pool = pools_.at(index_of(number));
     if (pool.next <= Clock::now()) {
-      if (pool.targets.empty() && calls_from_before_(pool.cleared)) {
+      if (pool.targets.empty() && has_call_from_before_(pool.cleared)) {
         pool.next = Clock::now() + milliseconds(shortest_fault_ms);
       } else if (pool.targets.empty()) {
         inject(number, pool);
@@ -136,7 +137,7 @@ void Driver::inject(int number, Pool& pool) {
   const milliseconds length = length_of(pool.fault, pool.plan);
   std::printf("%8.2f s  planned %8.2f s  %-12s  pool %d ", seconds(Clock::now() - start_),
               seconds(pool.next - start_), fault_names.at(pool.fault), number);
-  if (is_of_all_servers(pool.fault)) {
+  if (hits_all_servers(pool.fault)) {
     std::printf("all servers");
     record_.begin_outage(number);
     for (const auto& target : servers) {
@@ -169,11 +170,11 @@ milliseconds Driver::length_of(Fault fault, std::mt19937_64& plan) const {
   switch (fault) {
     case stalled:  // the client gives the connection up, if it uses it
       return between(plan, 2 * reply_ms, 4 * reply_ms);
-    case extra_reply:  // no other fault may take a connection that is out of step
+    case extra_reply:  // no other fault may hit a connection that is out of step
       return out_of_step_window;
     case away:  // the remaining time of a call is enough to find the servers again
       return between(plan, call_ms / 20, call_ms * 2 / 5);
-    case long_away:  // the remaining time after a first wait is enough to detect a second one
+    case long_away:  // what is left after a thread's first wait is enough to detect a second one
       return between(plan, call_ms * 7 / 4, call_ms * 9 / 4);
     default:
       return between(plan, shortest_fault_ms, longest_fault_ms);
@@ -191,7 +192,7 @@ void Driver::clear(int number, Pool& pool) {
     target->clear(pool.fault);
     record_.end(target->addr());
   }
-  if (is_of_all_servers(pool.fault)) {
+  if (hits_all_servers(pool.fault)) {
     record_.end_outage(number);
   }
   pool.targets.clear();

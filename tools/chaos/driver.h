@@ -18,7 +18,7 @@
 using Clock = std::chrono::steady_clock;
 
 // An extra reply shifts the later ones until the library checks the connection: after 100 ms or 64
-// round trips, once nothing is in flight.
+// round trips, whichever is longer, once nothing is in flight.
 constexpr std::chrono::milliseconds out_of_step_window(1000);
 
 struct Outage {
@@ -66,12 +66,12 @@ class FaultRecord {
 class Driver {
  public:
   // Is a call in progress that began before this time?
-  using CallsFrom = std::function<bool(Clock::time_point)>;
+  using HasCallFromBefore = std::function<bool(Clock::time_point)>;
 
-  // Injects no fault while `calls_from_before` says that a call has seen the previous one: no call
-  // meets two.
+  // Injects no fault while `has_call_from_before` is true for the time at which the previous one
+  // was cleared: no call meets two.
   Driver(Site& site, std::uint64_t seed, std::vector<Fault> faults, FaultRecord& record,
-         CallsFrom calls_from_before);
+         HasCallFromBefore has_call_from_before);
 
   // Does what is due, and returns when the next step is due.
   Clock::time_point step();
@@ -95,7 +95,7 @@ class Driver {
   Site& site_;
   std::vector<Fault> faults_;
   FaultRecord& record_;
-  CallsFrom calls_from_before_;
+  HasCallFromBefore has_call_from_before_;
   Clock::time_point start_ = Clock::now();
   std::array<Pool, pool_count> pools_;
   std::array<long, fault_count> injected_{};

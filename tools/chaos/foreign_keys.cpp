@@ -18,7 +18,7 @@ class Server {
   Server(const std::string& addr, const Settings& settings, const std::string& password)
       : addr_(addr), context_(connect(addr, settings)) {
     if (context_ == nullptr || context_->err != 0) {
-      hides_its_keys(context_ == nullptr ? "no memory" : context_->errstr);
+      refuse_hidden_keys(context_ == nullptr ? "no memory" : context_->errstr);
     }
     redisSetTimeout(context_.get(), to_timeval(settings.socket_timeout_ms));
     if (!password.empty()) {
@@ -39,7 +39,7 @@ class Server {
     do {
       const Reply scanned = ask(REDIS_REPLY_ARRAY, "SCAN %s COUNT 1000", cursor.c_str());
       if (scanned->elements != 2 || scanned->element[1]->type != REDIS_REPLY_ARRAY) {
-        hides_its_keys("an unexpected reply");
+        refuse_hidden_keys("an unexpected reply");
       }
       const redisReply& keys = *scanned->element[1];
       for (std::size_t i = 0; i < keys.elements; ++i) {
@@ -66,15 +66,15 @@ class Server {
   Reply ask(int type, const char* format, Args... args) {
     Reply reply(static_cast<redisReply*>(redisCommand(context_.get(), format, args...)));
     if (reply == nullptr) {
-      hides_its_keys(context_->errstr);
+      refuse_hidden_keys(context_->errstr);
     }
     if (reply->type != type) {
-      hides_its_keys(reply->type == REDIS_REPLY_ERROR ? reply->str : "an unexpected reply");
+      refuse_hidden_keys(reply->type == REDIS_REPLY_ERROR ? reply->str : "an unexpected reply");
     }
     return reply;
   }
 
-  [[noreturn]] void hides_its_keys(const std::string& why) const {
+  [[noreturn]] void refuse_hidden_keys(const std::string& why) const {
     refuse("does not show its keys: " + why);
   }
   [[noreturn]] void refuse(const std::string& why) const {

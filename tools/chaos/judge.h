@@ -12,7 +12,8 @@
 #include "walk_log.h"
 #include "workload.h"
 
-// Allowed beyond the library's own bound of a call: until its thread runs on a busy machine.
+// Allowed beyond the library's own bound of a call: the time until its thread runs on a busy
+// machine.
 constexpr std::chrono::milliseconds scheduling_tolerance(1000);
 // Upper bound of the pause between two probes of an ejected server.
 constexpr std::chrono::milliseconds longest_probe_pause(500);
@@ -74,9 +75,11 @@ class Judge : public CallObserver {
   using Ticks = Clock::rep;
   // A thread that calls.
   struct Caller {
-    std::atomic<Ticks> begin{0};                          // of its call; 0 between calls
-    Clock::time_point served_last;                        // a call of that pool, before its own
-    std::array<Clock::time_point, pool_count> waited_in;  // the latest outage that it waited in
+    std::atomic<Ticks> begin{0};  // of its call; 0 between calls
+    // When the call began: the time at which its pool had last served one.
+    Clock::time_point served_last;
+    // By pool: the start of the latest outage that it waited in.
+    std::array<Clock::time_point, pool_count> waited_in;
   };
 
   static double seconds(Ticks time);
@@ -93,7 +96,8 @@ class Judge : public CallObserver {
   int threads_;
   std::vector<Caller> callers_;
   static inline std::atomic<std::size_t> next_thread_{0};  // shared: a thread has one number
-  std::array<std::atomic<Clock::time_point>, pool_count> served_{};  // the latest call of the pool
+  // When each pool last served a call.
+  std::array<std::atomic<Clock::time_point>, pool_count> served_{};
   std::array<std::atomic<long>, failure_count> failures_{};
   std::atomic<long> too_long_{0};
   std::atomic<long> failed_without_fault_{0};

@@ -31,8 +31,8 @@ Without --config it starts its own servers on loopback: for each pool a Redis be
 proxies, which inject the faults. They end with the run. One server of each pool at a time is killed
 and restarted, stopped and continued, or paused; or it has its connections reset, stalls on one
 connection, sends a reply that no client asked for, or answers everything with READONLY, LOADING or
-"max number of clients reached". Or all servers of a pool are down, for less than call_timeout or for
-longer. The host starts while all servers are down.
+"max number of clients reached". At times all servers of a pool are down, for less than call_timeout or
+for longer. The host starts while all servers are down.
 
 With --config it uses an operator's servers. THEY MUST BE DISPOSABLE: it writes keys of its own to
 all pools (ruvo_workload:...) and leaves them there, and a server that loses data or runs commands
@@ -220,7 +220,7 @@ class Verdict {
 };
 
 void print_report(const Totals& totals, const Judge& judge, const Driver& driver,
-                  bool is_from_outside) {
+                  bool has_outside_faults) {
   std::printf("\noperations               %" PRId64 "\n", totals.all_operations());
   for (std::size_t family = 0; family < family_names.size(); ++family) {
     std::printf("  %-22s %" PRId64 "\n", family_names[family], totals.operations[family].load());
@@ -234,10 +234,10 @@ void print_report(const Totals& totals, const Judge& judge, const Driver& driver
               totals.run_twice.load(), totals.asked_again.load(), totals.out_of_step.load(),
               totals.increments_acknowledged.load(), totals.increments_failed.load(),
               totals.increments_stored.load());
-  if (is_from_outside) {
+  if (has_outside_faults) {
     std::printf(" from outside");
   }
-  for (std::size_t fault = 0; fault < fault_names.size() && !is_from_outside; ++fault) {
+  for (std::size_t fault = 0; fault < fault_names.size() && !has_outside_faults; ++fault) {
     std::printf("%s %ld %s", fault > 0 ? "," : "", driver.injected().at(fault),
                 fault_names.at(fault));
   }
@@ -274,8 +274,8 @@ int run_chaos(const Options& options, Site& site) {
               options.seconds, options.threads, options.own.password ? " --password" : "",
               options.own.plain ? " --plain" : "", options.own.send_once ? " --send-once" : "");
   Verdict verdict;
-  const bool is_from_outside = !options.outside_faults.empty();
-  FaultRecord faults(is_from_outside);
+  const bool has_outside_faults = !options.outside_faults.empty();
+  FaultRecord faults(has_outside_faults);
   {
     // What the first use of threads, library and log allocates is not a leak.
     Totals totals;
@@ -310,13 +310,13 @@ int run_chaos(const Options& options, Site& site) {
     done_late = totals.all_operations() - done_late;
   }
   const Resources after = resources_in_use(site);
-  print_report(totals, judge, driver, is_from_outside);
+  print_report(totals, judge, driver, has_outside_faults);
   print_resources("before", before);
   print_resources("after", after);
   std::puts("");
   const ServerEvents events = server_events();
-  for (const Condition& condition : conditions_of(
-           {site, totals, judge, events, is_from_outside, failed_late, done_late, before, after})) {
+  for (const Condition& condition : conditions_of({site, totals, judge, events, has_outside_faults,
+                                                   failed_late, done_late, before, after})) {
     verdict.add(condition);
   }
   return verdict.exit_status();
@@ -340,8 +340,8 @@ void add_options(CLI::App& app, Options& options) {
                                  "Program that takes a configured server down and brings it up")
                       ->needs(config);
   app.add_option("--outside-faults", options.outside_faults,
-                 "The operator injects faults: into a 'single' server of a pool at a time, or in "
-                 "an 'outage', where calls may fail")
+                 "The operator injects faults: into a 'single' server of a pool at a time, or an "
+                 "'outage' of all its servers, in which calls may fail")
       ->needs(config)
       ->excludes(command)
       ->check(CLI::IsMember({"single", "outage"}));

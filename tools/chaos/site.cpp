@@ -39,7 +39,7 @@ std::unique_ptr<ScriptedServer> refusing_server(Fault fault) {
 
 class OwnProxy : public Target {
  public:
-  // `refusing`: the ports of those that answer but do not serve, in the order of their faults.
+  // `refusing`: the ports of the servers that answer but do not serve, in the order of the faults.
   OwnProxy(std::unique_ptr<TcpProxy> proxy, int redis_port, const std::vector<int>& refusing)
       : Target(proxy->addr()),
         proxy_(std::move(proxy)),

@@ -31,7 +31,7 @@ struct Settings {
   }
 };
 
-// Further settings that its own servers may have.
+// Further settings, for ruvo_chaos's own servers.
 struct OwnSettings : Settings {
   bool plain = false;  // without recommended_defaults
   bool password = false;
@@ -62,10 +62,11 @@ class Target : NoCopy {
   explicit Target(std::string addr) : addr_(std::move(addr)) {}
   virtual ~Target() = default;
   const std::string& addr() const { return addr_; }
-  // Both return when it has happened, and throw std::runtime_error if it cannot be done.
+  // Both return when the fault has been injected or cleared, and throw std::runtime_error if that
+  // cannot be done.
   virtual void inject(Fault fault) = 0;
   virtual void clear(Fault fault) = 0;
-  // The connections of this process, on the server's side.
+  // Drops the connections of this process, on the server's side.
   virtual void drop_connections() {}
 
  private:

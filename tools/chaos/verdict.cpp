@@ -30,11 +30,11 @@ std::vector<Condition> conditions_of(const RunFacts& run) {
     conditions.push_back(
         {run.judge.failures(unexplained) == 0, "no call failed except where the rules allow it"});
   }
-  if (!run.is_from_outside) {
+  if (!run.has_outside_faults) {
     conditions.push_back(
         {run.judge.failed_without_fault() == 0, "no server given up while it was up"});
   }
-  if (!options.try_ejected_servers) {  // where a reply may end an ejection without a log line
+  if (!options.try_ejected_servers) {  // with it, a reply may end an ejection without a log line
     conditions.push_back({run.events.ejected.empty(), "every ejection followed by a retry"});
   }
   conditions.insert(

@@ -20,7 +20,7 @@ struct RunFacts {
   const Totals& totals;
   const Judge& judge;
   const ServerEvents& events;
-  bool is_from_outside;  // others inject the faults
+  bool has_outside_faults;  // others inject the faults
   // In the quiet period after the last fault:
   std::int64_t failed_late;
   std::int64_t done_late;

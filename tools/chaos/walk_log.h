@@ -11,7 +11,7 @@ struct Walk {
   std::vector<std::string> rebuilds;  // broken connections that were to be rebuilt
   std::vector<std::string> failed;    // the ones among them that could not be rebuilt
   std::vector<std::string> skipped;   // servers that were ejected
-  bool met_broken = false;            // broken connections, rebuilt by any thread
+  bool met_broken = false;            // a broken connection, whichever thread rebuilt it
   bool timed_out = false;
   bool may_have_run = false;  // so it was not sent again
 

@@ -91,7 +91,7 @@ std::string reason_of(const ServerReport& server) {
   return server.down.empty() ? "" : "not up: " + down_text(server);
 }
 
-// One setting on each line, without those that are not set.
+// One option on each line, without those that have their default.
 std::string options_text(const client_options& options) {
   std::vector<std::string> texts;
   for (const setting& key : all_settings()) {

@@ -1,4 +1,4 @@
-// The commands that run more than one operation.
+// The commands that are not single operations of the library.
 #ifndef RUVO_TOOLS_CLI_COMMANDS_H
 #define RUVO_TOOLS_CLI_COMMANDS_H
 
@@ -7,7 +7,7 @@
 
 #include "library.h"
 
-// Starts the library and shows a table, probes each server directly, and reviews the settings.
+// Starts the library, probes each server directly, reviews the settings, and shows the results.
 ExitStatus check(const Options& options);
 
 // Lists every key that the configuration files may contain; needs no configuration.
@@ -41,7 +41,7 @@ struct LoadOptions {
 };
 ExitStatus load(const Options& options, const LoadOptions& load_options);
 
-// Warns on standard error if a command leaves its connection in another mode.
+// Warns on standard error if a command changes the mode of its connection, or blocks it.
 void warn_of_mode(const std::vector<std::string>& words);
 
 #endif

@@ -1,5 +1,4 @@
-// The two configuration files, as the library reads them: what `check` and `watch` need before the
-// library is started.
+// The two configuration files as the library reads them, without starting it.
 #ifndef RUVO_TOOLS_CLI_CONFIGURATION_H
 #define RUVO_TOOLS_CLI_CONFIGURATION_H
 

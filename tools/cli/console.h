@@ -23,8 +23,8 @@ std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)
 void print(const std::string& text);
 void print_json(const nlohmann::json& json);  // on a line of its own
 
-// Prints rows of cells in columns as wide as their widest cell. Numbers are right-aligned: all
-// columns after the first `texts`.
+// Arranges rows of cells in columns as wide as their widest cell. The first `left` columns are
+// left-aligned; the others hold numbers and are right-aligned.
 constexpr std::size_t all_columns = SIZE_MAX;
 std::string columns(const std::vector<std::vector<std::string>>& rows,
                     std::size_t left = all_columns);

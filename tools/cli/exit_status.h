@@ -27,8 +27,8 @@ enum ExitStatus {
 ExitStatus status_of_operation(int result);
 ExitStatus status_of_start(int result);
 
-// The lists for --help: of the tool, and of one command, which adds its own to those that every
-// command can end with.
+// The lists for --help: of the tool, and of one command, which adds its own statuses to the common
+// ones.
 using StatusTexts = std::map<ExitStatus, std::string>;
 std::string exit_status_help();
 std::string exit_status_help(StatusTexts own);

@@ -13,7 +13,8 @@ class HostView {
   // The view of one pool. Reads the file; throws Failure if it cannot be read.
   HostView(std::string path, std::string pool);
 
-  // Reads the file again. A host that restarts may have no file for a moment, and no view then.
+  // Reads the file again. A host that restarts may have no file for a moment: then the texts say
+  // so, and the JSON is null.
   void read_again();
 
   // For a server, "address:port". Rates are those since the previous reading.
@@ -26,7 +27,7 @@ class HostView {
   std::string path_;
   std::string pool_;
   std::optional<Statistics> now_;
-  std::optional<Statistics> counted_;
+  std::optional<Statistics> counted_;  // between the last two readings, or since the start
   double seconds_ = 1;
 };
 

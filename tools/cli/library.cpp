@@ -30,7 +30,7 @@ std::string file_error(const std::string& config, int result) {
 
 }  // namespace
 
-// Two result codes of RUVO_Init have another meaning than the same codes of an operation.
+// Two result codes mean something else from RUVO_Init than from an operation.
 const char* start_text(int result) {
   switch (result) {
     case RUVO_INIT_TEMP_POOL_FAILED:

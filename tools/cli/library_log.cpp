@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr LogLevel quiet_level = BaseLib::Logger::WARN;  // kept if no level is asked for
+constexpr LogLevel quiet_level = BaseLib::Logger::WARN;  // lines from it on are kept by default
 constexpr std::size_t max_kept_lines = 20;
 
 // All guarded by `mutex`.

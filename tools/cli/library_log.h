@@ -1,5 +1,5 @@
 // The library's log in the tool: shown, written to a file, or kept until something fails. Only the
-// log says what the library did, so commands can listen to it, too.
+// log says what a call did with the servers, so commands can listen to it, too.
 #ifndef RUVO_TOOLS_CLI_LIBRARY_LOG_H
 #define RUVO_TOOLS_CLI_LIBRARY_LOG_H
 
@@ -13,7 +13,7 @@
 
 using LogLevel = BaseLib::Logger::LogLevel;
 
-// Receives every line. Called from any thread that calls the library, one at a time.
+// Receives a line of the log. Called in the threads that call the library, in one at a time.
 using LogListener = std::function<void(const LogEvent& event)>;
 
 struct LogOptions {
@@ -31,7 +31,7 @@ void require_log_written();
 // Shows the kept lines on standard error: the latest warnings and errors.
 void show_kept_lines();
 
-// Receives lines from `level` on while it exists; one at a time.
+// Receives lines from `level` on while it exists. REQUIRES: no other LogListening exists.
 class LogListening {
  public:
   LogListening(LogLevel level, LogListener wanted);

@@ -27,7 +27,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The expiry of keys that cannot be deleted. Keys that the mix creates with another operation than
+// The expiry of keys that cannot be deleted. Keys that the mix creates with an operation other than
 // set, or makes persistent, have none.
 constexpr int key_lifetime_s = 3600;
 constexpr int max_failures_in_a_row = 10;  // of deletions; then the remaining keys are left

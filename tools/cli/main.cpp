@@ -267,7 +267,7 @@ void add_stats(CLI::App& app, CommandLine& line, const std::string& group) {
                         {unreadable_input, "the file cannot be read, or is not a stats_file"}}));
 }
 
-void add_programs(CLI::App& app, CommandLine& line) {
+void add_server_commands(CLI::App& app, CommandLine& line) {
   static const char* const group = "Servers";
   add_command(app, line, "check", "Start up, probe every server, review the settings", group,
               [&line] { return check(line.options); })
@@ -338,7 +338,7 @@ int run(int argc, char** argv) {
   app.add_flag("--show-passwords", line.log.show_passwords,
                "Show the passwords in the library's log");
   app.add_flag("--json", line.options.json, "Print JSON");
-  add_programs(app, line);
+  add_server_commands(app, line);
   add_operations(app, line);
   try {
     app.parse(argc, argv);
@@ -372,8 +372,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   open_standard_streams();
   setenv("RUVO_NO_STATS_FILE", "1", 1);  // that file belongs to the host with this configuration
-  static_cast<void>(
-      std::signal(SIGPIPE, SIG_IGN));  // an output without a reader is a reported error
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // print() handles an output without a reader
   try {
     return run(argc, argv);
   } catch (const Failure& failure) {

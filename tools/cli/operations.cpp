@@ -145,7 +145,7 @@ const std::vector<Operation>& table() {
        }},
 
       {"lpush",
-       "Insert an element at the head of a list and print its length",
+       "Insert an element at the head of a list and print the new length",
        Family::list,
        {P::key, P::value, P::ttl},
        [](const Arguments& a) -> Answer {

@@ -50,6 +50,7 @@ struct Operation {
   const char* help;
   Family family;
   std::vector<Parameter> parameters;  // in the order of the command line
+  // Throws Failure if the library could not take the arguments unchanged.
   Answer (*run)(const Arguments&);
   bool can_be_absent = false;          // results 1 and 10402
   const char* nothing_done = nullptr;  // meaning of result -2 here; null: it does not occur
@@ -58,7 +59,6 @@ struct Operation {
 // The meaning of a result of the operation.
 const char* text_of(const Operation& operation, int result);
 
-// Throws Failure if the library could not take the arguments unchanged.
 std::span<const Operation> all_operations();
 const Operation* find_operation(const std::string& name);
 

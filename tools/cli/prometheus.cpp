@@ -11,8 +11,9 @@ namespace {
 
 constexpr double nanoseconds_per_second = 1e9;
 
-// Every fourth bucket of the file ends at a power of two, or halfway to the next power. The buckets
-// from about 16 us to 13 s are exported; the first and the last also count all others.
+// Every fourth bucket of the file ends at a power of two, or halfway to the next power. Those from
+// about 16 us to 13 s are exported, and +Inf. Each also counts all shorter times, as the format
+// requires.
 constexpr std::uint64_t shortest_le = std::uint64_t{1} << 14U;
 constexpr std::uint64_t longest_le = std::uint64_t{3} << 32U;
 

@@ -42,7 +42,6 @@ void warn_of_mode(const std::vector<std::string>& words) {
   }
 }
 
-// With RUVO_ExecRedisCmd.
 Answer run_raw(const Arguments& arguments) {
   if (arguments.words.size() > ruvo::words::most) {
     throw Failure(wrong_usage, "raw: too many words");

@@ -122,8 +122,8 @@ Probe up_or_replica(redisContext& context) {
 
 }  // namespace
 
-Probe probe_server(const std::string& text, const site_settings& site, std::size_t pool) {
-  const std::optional<server_addr> addr = parse_address(text);
+Probe probe_server(const std::string& address, const site_settings& site, std::size_t pool) {
+  const std::optional<server_addr> addr = parse_address(address);
   if (!addr || addr->port_ < 1 || addr->port_ > max_port) {
     return {"no such port", "a port is a number from 1 to 65535"};
   }

@@ -20,8 +20,8 @@ struct Probe {
   bool answers() const { return is_up() || is_replica; }
 };
 
-// Uses the timeouts and the password that the library uses for a server of that pool. If these
-// set no limit, the probe waits for five seconds.
-Probe probe_server(const std::string& text, const site_settings& site, std::size_t pool);
+// Uses the timeouts and the password that the library uses for a server of that pool; pools count
+// from 0. A timeout that sets no limit counts as five seconds.
+Probe probe_server(const std::string& address, const site_settings& site, std::size_t pool);
 
 #endif

@@ -71,8 +71,8 @@ class Review {
   int number_ = 0;
   std::string section_;
   bool is_read_ = false;                 // does the library read this section?
-  std::map<std::string, int> sections_;  // lines
-  std::map<std::string, int> settings_;  // of this section
+  std::map<std::string, int> sections_;  // the line of each
+  std::map<std::string, int> settings_;  // likewise, of this section
   std::map<std::string, std::string> passwords_;
 };
 

@@ -101,9 +101,9 @@ void StartupReader::read_of_pool(const LogEvent& event) {
   }
 }
 
-// The library logs each server to which a connection comes up or fails, but not one that closes the
-// connection on the password. So the list of servers comes from the library's own source, and a
-// server that no line names is one that has closed.
+// The library logs each connection that comes up or fails, but not one that its server closes on
+// the password. So the list of servers comes from the configuration, or else from the line that
+// shows the addresses, and a connection that no line shows was closed.
 StartupReport StartupReader::report() const {
   StartupReport report = report_;
   report.configuration = read_configuration(report.redis_config);

@@ -33,7 +33,7 @@ constexpr std::size_t size_limit = std::size_t{64} << 20U;  // far above any rea
 std::vector<std::uint64_t> read_words(const std::string& path, std::size_t& length) {
   struct File {
     explicit File(const std::string& name)
-        : fd(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}  // NOLINT: C's
+        : fd(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}  // NOLINT: variadic
     ~File() { close(fd); }
     File(const File&) = delete;
     File& operator=(const File&) = delete;

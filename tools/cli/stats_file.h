@@ -57,7 +57,7 @@ struct PoolNumbers {
   std::vector<ServerNumbers> servers;
 
   std::uint64_t calls() const;
-  std::uint64_t failed() const;  // of these, the calls in which a server or the library failed
+  std::uint64_t failed() const;  // of these, the calls that failed or were refused
 };
 
 // The contents of a file when it was read.
@@ -84,7 +84,7 @@ nlohmann::json to_json(const ServerNumbers& server, const ServerNumbers& counted
 // unchanged. Returns all counts if the library has been restarted meanwhile.
 Statistics since(const Statistics& now, const Statistics& before);
 
-// Seconds that the counts of `since` cover, and of a reading by itself.
+// The seconds that the counts of since(now, before) cover; those since the library's start.
 double covered_seconds(const Statistics& now, const Statistics& before);
 double covered_seconds(const Statistics& now);
 

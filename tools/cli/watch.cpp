@@ -53,7 +53,7 @@ struct Server {
   long failures = 0;        // visits without a reply
   long ejections = 0;       // times that the library ejected it
   long retries = 0;         // times that its ejection ended with a retry
-  std::string cause = {};   // state of a probe of a server that is not up
+  std::string cause = {};   // what a direct probe found, if it is not up
 };
 
 // A server that is in the list twice is visited twice and has one line.

@@ -1,6 +1,6 @@
 // The one reader of the library's log: a line becomes an event.
 //
-// Only the library's log says what it did with its servers. Its texts are an interface, so a
+// Only the log says what a call did with the library's servers. Its texts are an interface, so a
 // program that reads them needs only a table of them. To read another line, add its row to the
 // table in log_events.cpp, with the library's own format.
 #ifndef RUVO_TOOLS_COMMON_LOG_EVENTS_H
@@ -112,7 +112,8 @@ struct LogEvent {
 // Reads a line with its head.
 LogEvent read_event(std::string_view line);
 
-// Is the line an error? The library also writes a few ERROR lines that report no fault.
+// For a line at WARN or above: does it report a fault? The library also writes a few ERROR lines
+// that report none.
 bool reports_fault(const LogEvent& event);
 
 #endif

@@ -4,7 +4,7 @@
 ///     # comment
 ///     ; comment
 ///     [common]
-///     its connect_timeout = 100
+///     connect_timeout = 100
 ///     url = a=b
 ///     empty =
 ///
@@ -22,9 +22,10 @@
 ///       int timeout_ms = config.get_int_val("common", "connect_timeout", 100);
 ///     }
 ///
-/// Threads: const member functions may be called concurrently; open, close and cfg_reload must not
-/// overlap any other call on the same object. Nothing takes a lock, and nothing blocks except on
-/// the file itself. Throws std::bad_alloc when out of memory.
+/// Threads: const member functions may be called concurrently; open and close must not overlap any
+/// other call on the same object; cfg_reload must not overlap any on the process-wide reader.
+/// Nothing takes a lock, and nothing blocks except on the file itself. Throws std::bad_alloc when
+/// out of memory.
 #ifndef RUVO_BUSIN_CONFIG_H
 #define RUVO_BUSIN_CONFIG_H
 
@@ -81,13 +82,15 @@ class RUVO_CONFIG_API vop_config {
   vop_config& operator=(const vop_config&) = delete;
 
   /// Loads a file, replacing the current contents. Opening the path that is already loaded does
-  /// nothing, even if the file has changed: use cfg_reload. Returns 0, or -1 if `config_path` is
-  /// null or the file cannot be opened; the contents are then unchanged.
+  /// nothing and returns 0, even if the file has changed: close the reader first (for the
+  /// process-wide one, cfg_reload does). Returns 0, or -1 if `config_path` is null or the file
+  /// cannot be opened; the contents are then unchanged.
   int open(const char* config_path);
 
   /// With `isCfgContent`, loads the string itself, replacing the current contents; the recorded
-  /// path and file time are kept. Otherwise takes the string as a path. Returns 0, or -1 if it is
-  /// empty (reported on standard output); the contents are then unchanged.
+  /// path and file time are kept, so that opening that path still does nothing. Otherwise takes the
+  /// string as a path. Returns 0, or -1 if it is empty (reported on standard output) or the path
+  /// cannot be opened; the contents are then unchanged.
   int open(const std::string& config_string, bool isCfgContent);
 
   /// Drops the contents. Returns 0.

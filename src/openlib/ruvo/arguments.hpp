@@ -93,7 +93,7 @@ class copy_of_text {
 /// @endcond
 
 /// A text as the functions take it, zero-terminated. Made from any kind of text where one is
-/// needed; see KEYS.
+/// needed; see KEYS in ruvo.hpp.
 class c_text {
  public:
   /// Copied unless it is zero-terminated.
@@ -163,7 +163,8 @@ class bytes_view {
 };
 
 /// A value, field, element or member that the library may print: any bytes. Short ones are copied
-/// unless there is a zero byte after them, so that no level of the log reads past them.
+/// unless their type guarantees a zero byte after them, so that no level of the log reads past
+/// them.
 class c_bytes {
  public:
   /// No bytes.
@@ -342,7 +343,7 @@ inline constexpr bool is_list_of_texts<T, std::void_t<element_of<T>>> = is_text<
 }  // namespace detail
 /// @endcond
 
-/// The words of a command whose length is known at run time. Keeps copies of them.
+/// The words of a command whose number is known only at run time. Keeps copies of them.
 ///
 ///     ruvo::words fill("RPUSH", "readings");
 ///     for (const double reading : {1.5, 20.0, -3e30}) {

@@ -8,7 +8,8 @@
 using call_clock = std::chrono::steady_clock;
 
 // The start of this thread's call, if the call is counted; otherwise not set. The TLS model is
-// initial-exec, as for every variable that each call reads: the others take ten times as long.
+// initial-exec, as for every variable that each call reads: with the other models a read takes ten
+// times as long.
 // NOLINTBEGIN(cert-err58-cpp): the initialisation of a constinit variable throws nothing
 [[gnu::tls_model(
     "initial-exec")]] inline constinit thread_local call_clock::time_point call_begin{};

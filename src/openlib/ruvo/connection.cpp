@@ -16,7 +16,7 @@ namespace {
 // Bytes of its read buffer that a connection keeps between replies. By default hiredis frees the
 // buffer after every reply of more than 16 KiB and grows it again for the next one, which costs
 // more than the reply itself.
-constexpr std::size_t kept_reply_buffer = std::size_t{1} << 20U;
+constexpr std::size_t kept_reply_buffer = std::size_t{2} << 20U;
 
 // Upper bound for the elements of one array. hiredis allocates as many as a reply announces and
 // visits all of them when it frees the reply: the 13 bytes "*2147483647" of a faulty server would
@@ -121,7 +121,7 @@ opened_connection open_connection(const server_addr& addr, const connection_sett
   if (!settings.password.empty()) {
     opened.outcome = authenticate(*opened.context, addr, settings);
     if (opened.outcome == open_outcome::ready && is_broken(opened.context.get())) {
-      opened.outcome = open_outcome::unreachable;  // surplus bytes look like a reply
+      opened.outcome = open_outcome::unreachable;  // bytes after the reply have broken it
     }
   }
   return opened;

@@ -22,7 +22,7 @@ struct connection_settings {
 enum class open_outcome {
   ready,
   unreachable,  // there is no context, or it carries the error
-  unanswered,   // the password was not answered within the socket timeout; the context says so
+  unanswered,   // the password was not answered in time; the context says so
   closed,       // the server closed the connection on the password
   refused       // the server refused the password; the log says so
 };

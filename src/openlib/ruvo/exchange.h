@@ -86,7 +86,8 @@ enum class wait_end { ready, timed_out, broken };
 wait_end wait_for_peer(const redisContext& context, short events, time_point until);
 
 // Receives what has arrived, or waits for it until `until`, and hands it to the context's reader.
-// After `timed_out` the context is unchanged.
+// After `timed_out` the context is unchanged. `socket_timeout` is the one set on the socket, which
+// also ends a wait.
 wait_end receive_some(redisContext& context, std::chrono::microseconds socket_timeout,
                       time_point until);
 
@@ -108,14 +109,14 @@ struct connection_error {
 connection_error system_error(int error);
 connection_error closed_error();    // by its server
 connection_error timeout_error();   // a wait has timed out
-connection_error deadline_error();  // the deadline has ended it
+connection_error deadline_error();  // the deadline has ended a wait
 connection_error out_of_step_error();
 
 // Checks, without waiting, a connection that awaits no reply: has its server closed it, or sent
 // data that nobody asked for? The code is 0 if neither is true.
 connection_error check_unused(const redisContext& context);
 
-// Sets an error on the context as hiredis does; the walk and its log lines read it there.
+// Sets an error on the context as hiredis does: the connection then counts as broken.
 void set_error(redisContext& context, const connection_error& error);
 // Breaks the connection if bytes are left after the reply to the last command: with these stray
 // bytes every later reply would go to the wrong caller.

@@ -14,8 +14,8 @@ namespace {
 std::atomic<int> log_limit{0};
 thread_local bool is_unlimited = false;
 
-// A window holds a second of the clock, a flag that its notice is being written, and the number of
-// lines written in it.
+// A window holds a second of the clock, a flag (the notice of suppressed lines is being written),
+// and the number of lines written in that second.
 constexpr unsigned second_shift = 32;
 constexpr std::uint64_t one_second = std::uint64_t{1} << second_shift;
 constexpr std::uint64_t notice_mark = std::uint64_t{1} << (second_shift - 1);

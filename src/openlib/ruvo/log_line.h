@@ -39,7 +39,8 @@ struct log_place {
     }                                                                           \
   } while (false)
 
-// If operations share a place, each operation (identified by its text) and result is a kind.
+// If operations share a place, each operation (identified by the address of its text) and
+// result is a kind.
 #define RUVO_LOG_SHARED(level, operation, result, ...)                                       \
   do {                                                                                       \
     if (is_logged(level)) {                                                                  \

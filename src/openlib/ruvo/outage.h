@@ -53,9 +53,9 @@ class pool_outage {
     }
   }
 
-  // A call that began at `began` has found no server. False if it must not wait: the first deadline
-  // of the waiting calls has passed, and the pool is given up until a server answers. `is_new`: it
-  // has not waited yet.
+  // A call that began at `began` has found no server. False if it must not wait: it began after the
+  // first deadline of the waiting calls, from which on the pool is given up until a server answers.
+  // `is_new`: it has not waited yet.
   bool join(const log_names& names, time_point began, time_point deadline, bool is_new);
   // Outages that have ended.
   std::uint32_t ended() const { return ended_.load(std::memory_order_acquire); }

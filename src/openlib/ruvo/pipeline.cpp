@@ -17,14 +17,18 @@ namespace {
 using clock = std::chrono::steady_clock;
 using place = queued_call::place;
 
-void add_user(pipeline_state& state, std::uint32_t count) {
-  std::atomic_ref(state.users).fetch_add(count, std::memory_order_relaxed);
+void add_user(pipeline_state& state) {
+  std::atomic_ref(state.users).fetch_add(1, std::memory_order_relaxed);
+}
+
+void remove_user(pipeline_state& state) {
+  std::atomic_ref(state.users).fetch_sub(1, std::memory_order_relaxed);
 }
 
 // Replies that nobody waits for any more make a slot count as used, so others are chosen first.
 void set_replies_to_skip(pipeline_state& state, std::uint32_t replies) {
   if ((state.replies_to_skip == 0) != (replies == 0)) {
-    add_user(state, replies > 0 ? 1 : ~0U);
+    replies > 0 ? add_user(state) : remove_user(state);
   }
   state.replies_to_skip = replies;
 }
@@ -45,8 +49,8 @@ bool needs_check(const pipeline_state& state, time_point now) {
   return is_check_due(state, now) || (next != nullptr && !state.was_checked);
 }
 
-// The first call whose command may be sent: not one past its deadline, whose thread is about to
-// take it out, or does so once it has logged. The rest of a command is sent in any case.
+// The first call whose command may be sent. A call past its deadline is passed over: its own thread
+// removes it from the list. The rest of a partly written command is sent in any case.
 queued_call* first_to_send(const call_list& list, time_point now) {
   queued_call* call = list.front();
   while (call != nullptr && call->written == 0 && now >= call->deadline) {
@@ -79,7 +83,7 @@ conn_node& choose_slot(server_node& server, conn_node& slot) {
       return candidate;
     }
   }
-  add_user(slot.pipeline_, 1);
+  add_user(slot.pipeline_);
   return slot;
 }
 
@@ -183,7 +187,7 @@ pipelined_call::~pipelined_call() {
   if (state_.forks != forks_) {
     return;  // in the child of a fork: the slot is a new one, without this call
   }
-  add_user(state_, ~0U);
+  remove_user(state_);
 }
 
 // ---- The two sends ----
@@ -210,7 +214,8 @@ send_end pipelined_call::send_again(rebuilder& rebuilder) {
   return conclude(wait(lock, &rebuilder));
 }
 
-// True in the child of a fork: what the parent's threads have done for the call does not count.
+// In the child of a fork, puts the call into the queue of the child's slot and returns true: what
+// the parent's threads have done for it does not count.
 bool pipelined_call::join_after_fork() {
   if (state_.forks == forks_) {
     return false;
@@ -219,7 +224,7 @@ bool pipelined_call::join_after_fork() {
   call_.written = 0;
   call_.replies_to_skip = 0;
   call_.is_being_written = call_.is_leaving = false;
-  add_user(state_, 1);
+  add_user(state_);
   enqueue();
   return true;
 }
@@ -407,9 +412,20 @@ pipelined_call::write_chance pipelined_call::may_write(time_point now, bool has_
   if (state_.is_writing) {
     return write_chance::after_pause;
   }
-  const bool at_once = state_.in_flight.size() < direct_sends || has_replied ||
-                       now - state_.last_write >= state_.pause;
+  const std::size_t direct = is_near() ? near_direct_sends : direct_sends;
+  const bool at_once =
+      state_.in_flight.size() < direct || has_replied || now - state_.last_write >= state_.pause;
   return at_once ? write_chance::now : write_chance::after_pause;
+}
+
+bool pipelined_call::is_near() const {
+  return state_.shortest_round_trip >= shortest_near_round_trip &&
+         state_.shortest_round_trip <= longest_near_round_trip;
+}
+
+std::chrono::microseconds pipelined_call::pause_after(std::size_t commands) const {
+  const bool is_latency_bound = is_near() && state_.in_flight.size() < few_in_flight;
+  return commands == 1 || is_latency_bound ? short_write_pause : write_pause;
 }
 
 void pipelined_call::put_in_flight(queued_call& call, time_point now) {
@@ -479,7 +495,7 @@ void pipelined_call::write(guard& lock, time_point now) {
   state_.is_writing = true;
   state_.was_checked = false;
   state_.last_write = now;
-  state_.pause = count > 1 ? write_pause : pause_after_single;
+  state_.pause = pause_after(count);
   lock.unlock();
   const ssize_t sent = send_some(*slot_.context_, std::span(bytes).first(count));
   const int error = errno;
@@ -489,7 +505,7 @@ void pipelined_call::write(guard& lock, time_point now) {
   if (sent < 0) {
     stop_writing(error);
   } else if (state_.is_ending && state_.in_flight.empty()) {
-    check_idle_connection();  // it began to end while the socket took nothing
+    check_idle_connection();  // the connection began to end while its socket was full
   }
   wake_next(lock);
 }
@@ -634,8 +650,8 @@ void pipelined_call::read(guard& lock, time_point now) {
   deliver(lock, std::span(replies).first(count), now);
 }
 
-// Gives the replies to their calls, and the reading and writing to the next call. Only then wakes
-// the served calls: what they do next needs the processor, too.
+// Gives the replies to their calls, hands the reading over to the next call, and writes the waiting
+// commands. Only then wakes the served calls: what they do next needs the processor, too.
 void pipelined_call::deliver(guard& lock, std::span<redisReply*> replies, time_point now) {
   std::array<queued_call*, max_write_commands> served;
   std::size_t count = 0;
@@ -663,6 +679,9 @@ void pipelined_call::deliver(guard& lock, std::span<redisReply*> replies, time_p
     const std::chrono::nanoseconds round_trip = now - call.sent_at;
     if (state_.round_trip.count() == 0 || round_trip < state_.round_trip) {
       state_.round_trip = round_trip;
+    }
+    if (state_.shortest_round_trip.count() == 0 || round_trip < state_.shortest_round_trip) {
+      state_.shortest_round_trip = round_trip;
     }
     if (!call.is_being_written) {
       served[count++] = &call;
@@ -753,7 +772,8 @@ void pipelined_call::finish_break(guard& lock) {
     call.counts_failure = !std::exchange(is_counted, true);
     lock.send_signal(call, queued_call::done);
   };
-  // A new connection that has not answered anything would not answer these calls either.
+  // A connection that broke before it answered anything would not answer the second sends in
+  // `alone` either: they fail, too.
   for (queued_call* call = state_.has_answered ? nullptr : state_.alone.front(); call != nullptr;) {
     queued_call* const next = call->next;
     if (call->is_second_send) {
@@ -785,7 +805,7 @@ void pipelined_call::finish_break(guard& lock) {
     lock.send_signal(call, queued_call::recheck);
   }
   set_replies_to_skip(state_, 0);
-  state_.is_broken = false;  // this break must not use up second sends, too
+  state_.is_broken = false;  // or the next check would count it against the second sends, too
   state_.is_alone = state_.is_blocked = state_.is_ending = state_.has_failed_to_write = false;
 }
 
@@ -800,13 +820,14 @@ void pipelined_call::rebuild(guard& lock, rebuilder& rebuilder) {
   context_ptr fresh = rebuilder.rebuild();
   lock.lock();
   if (join_after_fork()) {
-    return;  // the log has forked: the connection may be the parent's
+    return;  // a log output has forked the process: the connection may be the parent's
   }
   state_.is_rebuilding = false;
   if (fresh) {
     replace_context(slot_, std::move(fresh));
     state_.has_answered = false;
-    state_.round_trip = state_.known_round_trip = std::chrono::nanoseconds(0);
+    state_.round_trip = state_.known_round_trip = state_.shortest_round_trip =
+        std::chrono::nanoseconds(0);
     state_.last_check = clock::now();
   } else if (clock::now() < call_.deadline) {
     share_failed_rebuild(lock);

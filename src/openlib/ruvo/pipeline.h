@@ -22,12 +22,12 @@
 // or a sleep: with `is_writing`, `is_reading` or `is_rebuilding` set, one thread has the context's
 // socket, reader or replacement to itself. The last thread that returns finishes a break.
 //
-// Lifetime and memory order. A call is on the stack of its thread. While it is in a list, other
-// threads access it with the lock held. Once it is in none, they only store `done` in its signal,
-// with release: that is their last access. Its thread loads the signal with acquire, and so sees
-// what they have written before (its reply). A call that is in no list and not done waits for that
-// store. It sleeps on a word of the slot, which outlives it: one for each 32 calls in the order of
-// their arrival, with a bit for each, so that one system call wakes all that a read has served. A
+// Lifetime and memory order. A call is on the stack of its thread. While it is in a list or being
+// written, other threads access it with the lock held. After that they only store `done` in its
+// signal, with release: that is their last access. Its thread loads the signal with acquire, and so
+// sees what they have written before (its reply). A call that is in no list and not done waits for
+// that store. It sleeps on a word of the slot, which outlives it: one for each 32 calls in the
+// order of their arrival, with a bit for each, so that a system call wakes up to 32 served calls. A
 // waker changes the word after the signals, and a sleeper reads the word before its signal: either
 // it sees the signal, or the system finds the word changed.
 #ifndef RUVO_PIPELINE_H
@@ -43,28 +43,39 @@
 struct conn_node;
 struct server_node;
 
-// With this many commands in flight, more are held back to share a write, for at most the pause.
-// Measured with GET on one connection: a smaller number makes 2 to 4 threads slower; without a
-// pause 64 threads on loopback lose half their rate. After a write of a single command
-// the long pause would only add to the latency: 6 % at 16 threads and a round trip of 1 ms.
+// With `direct_sends` commands in flight, more are held back to share a write, for at most the
+// pause. Measured with GET on one connection: with fewer direct sends 2 to 4 threads are slower,
+// and without a pause 64 threads on loopback lose half their rate. After a write of a single
+// command the long pause would add 6 % to the latency of 16 threads at a round trip of 1 ms.
 constexpr std::size_t direct_sends = 4;
 constexpr std::chrono::microseconds write_pause{100};
-constexpr std::chrono::microseconds pause_after_single{20};
+constexpr std::chrono::microseconds short_write_pause{20};
+
+// A near server is neither on this host nor far away: the network is most of the round trip, and
+// the long pause would be much of it. At 0.2 ms, more direct sends and the short pause make 8 and
+// 16 threads 10 to 20 % faster. From `few_in_flight` commands in flight on the processors are the
+// limit, and sharing a write saves more than waiting costs.
+constexpr std::chrono::microseconds shortest_near_round_trip{80};
+constexpr std::chrono::microseconds longest_near_round_trip{500};
+constexpr std::size_t near_direct_sends = 8;
+constexpr std::size_t few_in_flight = 32;
 
 // Upper bounds of a write. A larger command is written by itself.
 constexpr std::size_t max_write_commands = 128;
 constexpr std::size_t max_write_bytes = std::size_t{64} << 10U;
 
-// How often a connection under constant traffic is drained, to check whether it is in step.
+// A connection under constant traffic is drained once in this interval, or in this number of round
+// trips if they take longer, to check whether it is in step: no reply has come that no command
+// asked for.
 constexpr std::chrono::milliseconds check_interval{100};
 constexpr int check_round_trips = 64;
-constexpr std::chrono::milliseconds longest_check{20};  // of a wait for a stray reply
+constexpr std::chrono::milliseconds longest_check{20};  // bound of the wait for a stray reply
 
 constexpr std::size_t calls_per_word = 32;  // that sleep on it
 constexpr std::size_t sleep_words = 8;  // calls beyond these share bits, and may be woken in vain
 
 // A call as other threads see it. All but the signal is guarded by the slot's lock while it is in a
-// list.
+// list or being written.
 struct queued_call : send_outcome {
   enum class place : std::uint8_t { nowhere, unsent, alone, in_flight };
   static constexpr std::uint32_t asleep = 0;
@@ -109,7 +120,8 @@ class call_list {
   std::size_t size_ = 0;
 };
 
-// What a slot knows about the calls that share it. Guarded by the slot's lock, except `users`.
+// What a slot knows about the calls that share it. Guarded by the slot's lock, except `users` and
+// `words`, and `forks`, which changes only in the child of a fork, before it has other threads.
 struct pipeline_state {
   call_list unsent;  // second sends first
   call_list alone;   // to be sent with nothing else in flight
@@ -131,11 +143,12 @@ struct pipeline_state {
   time_point last_arrival{};           // of bytes
   time_point last_silence{};           // the latest that counted as a failure
   time_point last_check{};
-  std::chrono::nanoseconds round_trip{0};          // the shortest since the last check
-  std::chrono::nanoseconds known_round_trip{0};    // the shortest before it
-  std::uint64_t forks = 0;                         // of the process, down to this child
-  std::uint32_t next_number = 0;                   // of a call
-  std::array<std::uint32_t, sleep_words> words{};  // calls sleep on these; atomic references
+  std::chrono::nanoseconds round_trip{0};           // the shortest since the last check
+  std::chrono::nanoseconds known_round_trip{0};     // the shortest between the last two checks
+  std::chrono::nanoseconds shortest_round_trip{0};  // since it was opened
+  std::uint64_t forks = 0;                          // of the process, down to this child
+  std::uint32_t next_number = 0;                    // of a call
+  std::array<std::uint32_t, sleep_words> words{};   // calls sleep on these; atomic references
   std::uint32_t users = 0;  // calls at the slot, through atomic references; plus one while
                             // replies of calls that have left are due
 
@@ -171,6 +184,8 @@ class pipelined_call final : public slot_call {
   void note_broken_connection();
 
   write_chance may_write(time_point now, bool has_replied) const;
+  bool is_near() const;
+  std::chrono::microseconds pause_after(std::size_t commands) const;
   void put_in_flight(queued_call& call, time_point now);
   std::size_t take_batch(std::span<queued_call*> batch, time_point now);
   void write(guard& lock, time_point now);

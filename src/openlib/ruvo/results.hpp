@@ -32,7 +32,8 @@
 // clang-format on
 
 /// @cond
-// What a function so marked returns must not outlive the object or the marked parameter.
+// On a member function: its result must not outlive the object. On a parameter: the result must not
+// outlive the argument.
 #if defined(__clang__)
 #define RUVO_LIFETIMEBOUND [[clang::lifetimebound]]
 #else
@@ -50,7 +51,8 @@ namespace ruvo {
 
 namespace detail {
 
-// Causes of failures. All but of_code share a result code and have a sentence of their own.
+// Causes of failures. Each but of_code is one of several for its result code, and has a sentence of
+// its own.
 enum class cause : unsigned char {
   of_code,
   zero_byte,
@@ -175,8 +177,8 @@ class outcome {
   /// The code in category(). Null pointers, keys with a zero byte and times out of range are all
   /// RUVO_ERR_NULL_ARGUMENT; the message distinguishes them.
   ruvo::error_code error() const noexcept { return ruvo::error_code(why_); }
-  /// What Redis said if pool::ask, or an operation that says "raw" below, failed with an error
-  /// reply or one of another shape. Empty for all others: the log has it.
+  /// What Redis said if pool::ask, or an operation that says "raw" in ruvo.hpp, failed with an
+  /// error reply or a reply of another shape. Empty for all others: the log has it.
   std::string reply_text() const { return why_.reply_text(); }
   /// The failure, to be passed on. REQUIRES: failed().
   const failure& why() const noexcept RUVO_LIFETIMEBOUND { return why_; }
@@ -235,7 +237,7 @@ class valued : public outcome {
     require();
     return *value_;
   }
-  /// The same of a temporary result: the value itself, so that it can be kept.
+  /// The same for a temporary result: the value itself, so that it can be kept.
   T value() && {
     require();
     return *std::move(value_);
@@ -251,7 +253,7 @@ class valued : public outcome {
     insist();
     return *value_;
   }
-  /// The same of a temporary result: the value itself.
+  /// The same for a temporary result: the value itself.
   T operator*() && noexcept {
     insist();
     return *std::move(value_);
@@ -262,7 +264,7 @@ class valued : public outcome {
   T value_or(Other&& other) const& {
     return value_.value_or(std::forward<Other>(other));
   }
-  /// The same of a temporary result.
+  /// The same for a temporary result.
   template <typename Other = T>
   T value_or(Other&& other) && {
     return std::move(value_).value_or(std::forward<Other>(other));
@@ -275,7 +277,7 @@ class valued : public outcome {
   /// A failure.
   explicit valued(failure why) noexcept : outcome(std::move(why)) {}
 
-  std::optional<T> value_;  ///< none: of a failure
+  std::optional<T> value_;  ///< empty if the call failed
 };
 
 /// A value, or why there is none. The compiler warns if a result is dropped.
@@ -349,8 +351,9 @@ class [[nodiscard]] result<void> : public outcome {
   void value() const { require(); }
 };
 
-/// Owns a value as the library has read it, without a copy. Compares with and prints like a
-/// std::string_view, which must not outlive it: a view of a temporary does not compile.
+/// Owns a value as the library has read it, without a copy. Compares and prints like a
+/// std::string_view, and converts to one, which must not outlive it: a view of a temporary does not
+/// compile.
 ///
 ///     const auto stored = temp.get("user:7");
 ///     std::cout << (stored && *stored == "Ada") << '\n';              // 1
@@ -694,7 +697,8 @@ std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& o
 /// @cond
 namespace detail {
 
-// What pool::ask makes of a reply. Each reader returns whether the reply has its shape.
+// What pool::ask makes of a reply. Each reader returns whether the reply has its shape. `plain`: it
+// reads a single element, not an array.
 template <typename T, typename = void>
 struct reader {
   static constexpr bool known = false;
@@ -853,7 +857,7 @@ template <typename T>
 inline constexpr bool is_optional<std::optional<T>> = true;
 
 // The text of the first error in a reply, or the beginning of the reply's own text.
-inline std::string words_of(const reply_view& reply) {  // NOLINT(misc-no-recursion)
+inline std::string reply_text_of(const reply_view& reply) {  // NOLINT(misc-no-recursion)
   constexpr std::size_t enough = 256;
   if (reply.type() == REDIS_REPLY_INTEGER) {
     return std::to_string(reply.integer());
@@ -863,7 +867,7 @@ inline std::string words_of(const reply_view& reply) {  // NOLINT(misc-no-recurs
   }
   for (const reply_view element : reply) {
     if (element.is_error() || element.type() == REDIS_REPLY_ARRAY) {
-      if (std::string text = words_of(element); !text.empty()) {
+      if (std::string text = reply_text_of(element); !text.empty()) {
         return text;
       }
     }
@@ -884,7 +888,7 @@ result<T> answer(const reply_view& from) {
   } else {
     T to{};
     if (!reader<T>::read(from, to)) {
-      return failure(RUVO_ERR_FAILED, cause::other_shape, words_of(from));
+      return failure(RUVO_ERR_FAILED, cause::other_shape, reply_text_of(from));
     }
     return to;
   }

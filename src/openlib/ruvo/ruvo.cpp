@@ -26,8 +26,8 @@ class cancellation_block {
   int previous_ = PTHREAD_CANCEL_ENABLE;
 };
 
-// The first call makes the instance, which lives until the process ends, so that threads that still
-// run then find it.
+// The first call creates the instance. It is never destroyed: other threads may still call the
+// library while the process ends.
 ruvo_redis* instance() { return ACE_Unmanaged_Singleton<ruvo_redis, ACE_Null_Mutex>::instance(); }
 
 // Operations name their pool and are counted there.

@@ -35,8 +35,9 @@
 /// - RUVO_ERR_NOT_INITIALIZED: before a successful RUVO_Init or after the last RUVO_Fini
 /// - RUVO_ERR_NULL_ARGUMENT: `key`, or a pointer described as required, is null; any other result
 ///   pointer may be null, and that result is then not stored
-/// - RUVO_ERR_FAILED: no server could be reached, or Redis returned an error (wrong type of key,
-///   for example) or an unexpected reply; see the log
+/// - RUVO_ERR_FAILED: no server replied (with `call_timeout`: in time), the reply was lost and
+///   `send_once` forbids a retry, or Redis returned an error (wrong type of key, for example) or an
+///   unexpected reply; see the log
 /// - RUVO_ERR_NO_MEMORY: the library ran out of memory
 /// - RUVO_ERR_NO_REPLY: a command succeeded without a reply, which Redis does not do
 ///
@@ -55,17 +56,18 @@
 /// connection. A visit sends the command; if the connection breaks, it reconnects and sends once
 /// more. A reply that arrives in pieces may take `socket_timeout` for each; a timeout below 1 means
 /// no limit. RUVO_IncreaseKey, RUVO_HashSet and RUVO_LPush may run two commands, which share the
-/// `call_timeout`. Host names, as opposed to addresses, add the time of the system's resolver. A
-/// signal handler that runs in a waiting thread restarts that wait: block periodic signals in
-/// threads that call the library.
+/// `call_timeout`. Host names, as opposed to addresses, add the time of the system's resolver.
+/// Without `call_timeout`, a signal handler that runs in a waiting thread may restart that wait:
+/// block periodic signals in threads that call the library.
 ///
 /// FORK. The child of a fork opens its own connections on first use and never uses those of its
 /// parent. Do not fork during RUVO_Init or RUVO_Fini.
 ///
 /// A COMMAND MAY RUN MORE THAN ONCE. If the connection breaks or socket_timeout passes after the
-/// server has run a command and before its reply has arrived, the command is sent again, up to
-/// twice per visit (at-least-once). Increments, pushes and appends are then applied more than once,
-/// unless the configuration says `send_once`.
+/// server has run a command and before its reply has arrived, the command is sent again
+/// (at-least-once); a visit sends it at most twice. Increments, pushes, appends, pops, trims and
+/// removals of a number of elements are then applied more than once, unless the configuration says
+/// `send_once`. The result is that of the last run.
 ///
 /// SIGNALS AND EXCEPTIONS. A connection closed by its server does not raise SIGPIPE in the host. No
 /// function throws.
@@ -109,17 +111,17 @@ enum RuvoResult {
   RUVO_INIT_PERSIST_POOL_FAILED = 2,  ///< RUVO_Init: ready except for the persistent pool
   RUVO_INIT_BOTH_POOLS_FAILED = 3,    ///< RUVO_Init: not ready, both pools failed
   RUVO_ERR_FAILED = -1,               ///< no usable server, an error reply or an unexpected reply
-  RUVO_NOTHING_DONE = -2,             ///< nothing popped, in range, added or found
+  RUVO_NOTHING_DONE = -2,             ///< nothing popped, in range, added, removed or found
   RUVO_ERR_NO_CONFIG = 10102,         ///< no configuration path given
   RUVO_ERR_NO_REDIS_CONFIG = 10106,   ///< no redis_cfg_path in the local configuration
   RUVO_ERR_NULL_ARGUMENT = 10107,     ///< a required pointer is null
-  RUVO_ERR_ADDRESS_LIST = 10109,      ///< an address list is empty or malformed
+  RUVO_ERR_ADDRESS_LIST = 10109,      ///< in the log only: an address list is empty or malformed
   RUVO_ERR_NOT_INITIALIZED = 10111,   ///< the library is not initialised
   RUVO_ERR_NO_REPLY = 10112,          ///< a command succeeded without a reply
-  RUVO_ERR_NO_MEMORY = 10113,         ///< out of memory, or no mutex could be created
+  RUVO_ERR_NO_MEMORY = 10113,         ///< out of memory
   RUVO_ERR_CONFIG_FILE = 10115,       ///< the local configuration file cannot be opened
   RUVO_ERR_NOT_FOUND = 10402,         ///< Redis replied nil: no such key or field
-  RUVO_ERR_NO_CONNECTION = 10405      ///< no working connection in a pool
+  RUVO_ERR_NO_CONNECTION = 10405      ///< in the log only: no working connection in a pool
 };
 
 /// Returns a short description of a result code: a static string, never null.
@@ -213,7 +215,8 @@ RUVO_API int RUVO_Fini(void);
 /// @{
 
 /// Sets `key` to the `len` bytes at `data` (required), replacing any previous value. `time_out` is
-/// the expiry in seconds, or -1 for none; Redis rejects any other value (RUVO_ERR_FAILED).
+/// the expiry in seconds, or -1 for none; Redis rejects 0 and other negative numbers
+/// (RUVO_ERR_FAILED).
 /// @retval RUVO_OK  success
 RUVO_API int RUVO_InsertKey(const char* key, const char* data, unsigned long len, int time_out,
                             int redisSrvType, const char* server_addr);
@@ -225,16 +228,16 @@ RUVO_API int RUVO_AppendKey(const char* key, const char* data, unsigned long len
 
 /// Increments a daily counter and stores the new count in `*value`. A missing key counts as 0; a
 /// counter that reaches 1 is set to expire at the next local midnight.
-/// @retval RUVO_OK  success
+/// @retval RUVO_OK  success; `*value` is unchanged if the reply is not a number
 RUVO_API int RUVO_IncreaseKey(const char* key, long long* value, int redisSrvType,
                               const char* server_addr);
 
 /// Gets a value: sets `*data` to a buffer of exactly `*len` bytes, not zero-terminated and never
-/// null, even for an empty value. Release it with RUVO_FreeResult. Both pointers are required. Both
-/// results are unchanged if the reply is not a string.
-/// @retval RUVO_OK             success
+/// null, even for an empty value. Release it with RUVO_FreeResult. Both pointers are required.
+/// Initialise both results: RUVO_OK does not always set them.
+/// @retval RUVO_OK             success; both results are unchanged if the reply is not a string
 /// @retval RUVO_ERR_NOT_FOUND  no such key; both results are unchanged
-/// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*data` is null
+/// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*data` is null, `*len` is the length
 RUVO_API RUVO_CHECKED int RUVO_QueryKey(const char* key, const char** data, unsigned long* len,
                                         int redisSrvType, const char* server_addr);
 
@@ -280,7 +283,7 @@ RUVO_API int RUVO_HashSet(const char* key, const char* field, unsigned long f_le
 /// null. Release it with RUVO_FreeResult. `field` is required.
 /// @retval RUVO_OK             success
 /// @retval RUVO_ERR_NOT_FOUND  no such key or field; both results are unchanged
-/// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*value` is null
+/// @retval RUVO_ERR_NO_MEMORY  no buffer could be allocated; `*value` is null, `*v_len` the length
 RUVO_API RUVO_CHECKED int RUVO_HashGet(const char* key, const char* field, unsigned long f_len,
                                        const char** value, unsigned long* v_len, int redisSrvType,
                                        const char* server_addr);
@@ -292,8 +295,8 @@ RUVO_API RUVO_CHECKED int RUVO_HashFieldExist(const char* key, const char* field
                                               unsigned long f_len, int redisSrvType,
                                               const char* server_addr);
 
-/// Adds `increment` to the number in a field (required; a missing one counts as 0) and stores the
-/// sum in `*result`. Sets no expiry.
+/// Adds `increment` to the number in a field (a missing one counts as 0) and stores the sum in
+/// `*result`. Sets no expiry. `field` is required.
 /// @retval RUVO_OK  success
 RUVO_API int RUVO_HashIncrBy(const char* key, const char* field, unsigned long f_len,
                              long long increment, long long* result, int redisSrvType,
@@ -316,8 +319,9 @@ RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long
 
 /// Runs a command and returns Redis' reply as it is: a hiredis redisReply of any type, error and
 /// nil replies included, that the caller releases with RUVO_FreeReplyObject. Returns null if there
-/// is no reply: library not initialised, `format` null or invalid, no server reachable, out of
-/// memory; see the log.
+/// is no reply: library not initialised, `format` null, empty or invalid, no server replied (with
+/// `call_timeout`: in time), the reply was lost and `send_once` forbids a retry, out of memory; see
+/// the log.
 ///
 /// `format` is a hiredis command template: words are separated by blanks, and each `%s` (string),
 /// `%b` (pointer and size_t length), `%d`, `%u`, `%ld`, `%lld` and so on takes an argument.
@@ -333,7 +337,7 @@ RUVO_API int RUVO_HashDelField(const char* key, const char* field, unsigned long
 ///
 /// Successive commands may use different servers and connections. Do not send commands that need a
 /// connection of their own (MULTI, SUBSCRIBE, WATCH, SELECT) or that block for longer than
-/// socket_timeout (BLPOP). Arguments must not exceed 512 MiB.
+/// socket_timeout (BLPOP). An argument must not exceed 512 MiB, nor the whole command 1 GiB.
 RUVO_API RUVO_CHECKED void* RUVO_ExecRedisCmd(int redisSrvType, const char* format, ...);
 
 /// Like RUVO_ExecRedisCmd, with the arguments in a va_list, which is left unchanged.
@@ -357,7 +361,8 @@ RUVO_API int RUVO_LRem(const char* key, int count, const char* value, int redisS
 
 /// Inserts an element at the head of a list and stores the new length in `*count`. If `timeout` is
 /// positive, a second command then sets the whole list to expire in `timeout` seconds; its result
-/// is the result of the call. `value` is required.
+/// is the result of the call. If it fails, the element is inserted and `*count` stored all the
+/// same. `value` is required.
 /// @retval RUVO_OK  success
 RUVO_API int RUVO_LPush(const char* key, const char* value, size_t length, int timeout,
                         long long* count, int redisSrvType, const char* server_addr);
@@ -377,14 +382,14 @@ RUVO_API RUVO_CHECKED int RUVO_RPop(const char* key, std::string& value, int red
 /// Gets the elements from `start` to `end` inclusive. 0 is the head; negative positions count from
 /// the tail, -1 being the last element. Empty elements are omitted.
 /// @retval RUVO_OK            `value` holds them in order
-/// @retval RUVO_NOTHING_DONE  there are none
+/// @retval RUVO_NOTHING_DONE  there are none, not even empty ones
 RUVO_API RUVO_CHECKED int RUVO_LRange(const char* key, int start, int end,
                                       std::vector<std::string>& value, int redisSrvType,
                                       const char* server_addr);
 
 /// Gets all members of a set, in the order in which Redis lists them. An empty member is omitted.
 /// @retval RUVO_OK            `value` holds them
-/// @retval RUVO_NOTHING_DONE  there are none
+/// @retval RUVO_NOTHING_DONE  there are none, not even an empty one
 RUVO_API RUVO_CHECKED int RUVO_SMembers(const char* key, std::vector<std::string>& value,
                                         int redisSrvType, const char* server_addr);
 #endif

@@ -47,8 +47,9 @@
 /// is sent. If the compiler knows a time and it is too short, it does not compile: with Clang
 /// always, with GCC from -O1 on.
 ///
-/// BLOCKING. With `call_timeout` a call returns within that time, plus what it takes to schedule
-/// its thread. Without it a command makes at most two visits for each server of its pool (a raw
+/// BLOCKING. With `call_timeout` an operation returns within that time, plus what it takes to
+/// schedule its thread; one that needs several commands for a long range takes up to that time for
+/// each. Without it a command makes at most two visits for each server of its pool (a raw
 /// command: of all three pools), and a visit takes at most `connect_timeout + 6 x socket_timeout`,
 /// plus the time that calls of other threads take on its connection.
 ///
@@ -113,8 +114,8 @@ class [[nodiscard]] library {
     }
   }
 
-  /// Can calls work? Then the temporary and the persistent pool are ready; for the personality pool
-  /// see the log.
+  /// Are the temporary and the persistent pool ready? For the personality pool see the log. An
+  /// object that only counts does not know which pools failed at the start-up before it.
   explicit operator bool() const noexcept { return code_ == RUVO_OK; }
   /// What RUVO_Init returned. After RUVO_INIT_TEMP_POOL_FAILED and RUVO_INIT_PERSIST_POOL_FAILED
   /// the library is ready except for that pool, and a host may go on. RUVO_ERR_NOT_INITIALIZED if
@@ -318,15 +319,16 @@ struct functions {
   }
 };
 
-/// A pool of servers: all operations. It is a number, copied and shared freely. Each function
-/// documents only what ruvo.h does not say about the function in brackets.
+/// A pool of servers, with all operations. An object holds only the pool's number and the backend:
+/// copy and share it freely. Each function documents only what ruvo.h does not say about the
+/// function in brackets.
 ///
 /// `pool` uses the functions of ruvo.h. A host that takes the pool as a template parameter can be
 /// tested without a Redis, on a backend of its own: a copyable type with those functions of
 /// ruvo::functions that the host needs. Each takes the RedisServerType and the arguments of the
-/// function here (texts as std::string_view, times as seconds, -1 for none) and returns the same.
-/// Raw operations arrive as `result<reply> command(RedisServerType, words_view)`, and
-/// reply::of_text and the like make the answer:
+/// function here (texts as std::string_view, times as seconds; no time is -1, to lpush 0) and
+/// returns the same. Raw operations arrive as `result<reply> command(RedisServerType, words_view)`,
+/// and reply::of_text and the like make the answer:
 ///
 ///     struct all_is_well {
 ///       static ruvo::result<ruvo::reply> command(RedisServerType, ruvo::words_view) {
@@ -380,7 +382,8 @@ class basic_pool : private Backend {
                : result<void>(out_of_range());
   }
   /// Stores a value without an expiry, on a condition; yes() if it was stored. Raw:
-  /// SET with NX or XX. If a reply is lost and the command retried, the retry answers.
+  /// SET with NX or XX. If a reply is lost, the answer is that of the retry: with
+  /// if_absent it is no, even if the first send has stored the value.
   result<bool> set(const c_text& key, const bytes_view& value, condition only) const {
     return stored(ask_key<void>(key, "SET", std::string_view(key), value, name_of(only)));
   }
@@ -460,8 +463,8 @@ class basic_pool : private Backend {
   /// out. For an empty range nothing is sent.
   /// @{
 
-  /// Reads the values of keys, in their order; none if there is no such string. Raw: MGET, with up
-  /// to 1,023 keys in each.
+  /// Reads the values of keys, in their order; std::nullopt if there is no such key or it is not a
+  /// string. Raw: MGET, with up to 1,023 keys in each.
   template <typename Keys>
   result<std::vector<std::optional<std::string>>> mget(const Keys& keys) const {
     std::vector<std::optional<std::string>> values;
@@ -619,8 +622,8 @@ class basic_pool : private Backend {
   }
   /// Takes the element at the tail, which may be empty (RUVO_RPop).
   result<std::string> rpop(const c_text& key) const noexcept { return Backend::rpop(pool_, key); }
-  /// Reads the elements from `first` to `last`, without empty ones; absent() if there are none
-  /// (RUVO_LRange).
+  /// Reads the elements from `first` to `last`, without empty ones; absent() if there are none, not
+  /// even empty ones (RUVO_LRange).
   result<std::vector<std::string>> lrange(const c_text& key, int first, int last) const noexcept {
     return Backend::lrange(pool_, key, first, last);
   }
@@ -777,7 +780,7 @@ class basic_pool : private Backend {
     return value;
   }
 
-  // Raw commands refuse a key with a zero byte, since the functions would read another key.
+  // Raw commands refuse a key with a zero byte, too: to the functions of ruvo.h it ends there.
   template <typename T, typename... Words>
   result<T> ask_key(const c_text& key, const Words&... words) const {
     if (key.c_str() == nullptr) {

@@ -180,8 +180,7 @@ class ruvo_redis {
   // Runs a command on a pool; see do_exec_command. A null `reply` asks for the code only.
   int exec_command(const call_terms& terms, const char* key, reply_ptr* reply,
                    RedisServerType redisSrvType, const char* format, va_list args);
-  // Runs a second command, whose outcome does not change that of the first and which shares its
-  // time.
+  // Runs a second command within the deadline of the first. Its outcome does not change the result.
   void exec_regardless(time_point deadline, const char* key, RedisServerType redisSrvType,
                        const char* format, ...);
   int expire(time_point deadline, const char* key, unsigned int time_out, RedisServerType type);

@@ -26,7 +26,7 @@ struct conn_node {
   ACE_Thread_Mutex* lock_ = nullptr;
   pipeline_state pipeline_;          // the calls that share the connection; guarded by the lock
   std::uint64_t rebuilds_ = 0;       // how often the context was replaced; guarded by the lock
-  bool awaits_first_reply_ = false;  // since the last rebuild; guarded by the lock
+  bool awaits_first_reply_ = false;  // since a rebuild or a silence; guarded by the lock
   bool was_used_at_fork_ = false;    // another thread was changing the context
 };
 
@@ -64,7 +64,7 @@ struct server_pool {
   std::int32_t retry_timeout_ = 0;   // seconds that an ejected server is skipped
   std::int64_t server_count_ = 0;    // round-robin among the servers
   std::string redis_password_;       // empty: none
-  int number_ = 0;                   // its type; for the log
+  int number_ = 0;                   // its RedisServerType
   pool_outage outage_;
   ruvo_pool_stats* stats_ = nullptr;  // null: no statistics
 };

@@ -47,10 +47,11 @@ class slot_call {
   // The first send. Without a reply, error() says why the connection was given up.
   virtual send_end send() = 0;
   // The second send: rebuilds the connection, and sends the command once more. It must follow if
-  // send() ends `unanswered`, or if give_up() drops the reply of send(): the call may be in a
-  // queue. Only a command that was sent and must not be resent is in none.
+  // send() ends `unanswered`, or if give_up() drops the reply of send(), since the call may be in a
+  // queue. The exception is a command that was sent and must not be resent: it is in no queue.
   virtual send_end send_again(rebuilder& rebuilder) = 0;
-  // The server has answered that it will not serve: the connection is given up.
+  // The server has answered that it will not serve: the connection is given up. Log lines show this
+  // as error 5 (REDIS_ERR_OOM) with the reply's text.
   virtual void give_up(const char* reason) = 0;
 
   const send_outcome& outcome() const { return outcome_; }

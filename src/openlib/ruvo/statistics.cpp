@@ -43,7 +43,8 @@ void release_lane() noexcept {
                         std::memory_order_release);
 }
 
-// Detects the end of a thread. The value of a pthread key needs no allocation, which could fail.
+// Detects the end of a thread. If memory for that runs out, pthread_setspecific reports it, which
+// the registration of a thread_local object's destructor does not.
 class thread_end_key {
  public:
   thread_end_key() : is_made_(pthread_key_create(&key_, [](void*) { release_lane(); }) == 0) {}
@@ -109,7 +110,7 @@ std::string make_temporary_name(const std::string& path) {
 // page without one would kill the host. Returns null with errno set on failure.
 void* make_mapped_file(const char* name, std::size_t size) {
   const file_descriptor file(
-      open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));  // NOLINT: C's
+      open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));  // NOLINT: variadic
   if (file.get() == -1) {
     return nullptr;
   }
@@ -277,7 +278,7 @@ void statistics_file::end() noexcept {
 
 pool_stats* statistics_file::pool(std::size_t number) noexcept {
   return head_ == nullptr ? nullptr
-                          : const_cast<pool_stats*>(  // NOLINT: of a reader, who may not write
+                          : const_cast<pool_stats*>(  // NOLINT: stats.h is for readers
                                 ruvo_stats_pool(head_, static_cast<std::uint32_t>(number)));
 }
 

@@ -16,8 +16,8 @@
 //   calls                 a visit has chosen a slot
 //   waiting_mark          from then until the command is sent for the first time
 //   second_sends          the command goes out again
-//   replies, no_replies   a visit has ended: exactly one of them for each, so that their difference
-//                         to `calls` shows what is in flight; error_replies in addition
+//   replies, no_replies   a visit has ended: exactly one of them for each, so `calls` minus both is
+//                         the number of visits under way; error_replies in addition
 //   reconnects, failed_reconnects
 //                         a connection has been rebuilt, or the rebuild has failed
 //   note_failures()       failure_count_ and next_retry_time_ have changed
@@ -165,8 +165,8 @@ class statistics_file {
   statistics_file& operator=(const statistics_file&) = delete;
 
   // Creates the file, with a record for each pool and server, and puts it in place; "%p" in the
-  // path stands for the process id. False if it cannot be created, which is logged; the pointers
-  // are then null.
+  // path stands for the process id. False if it cannot be created, which is logged, or if the
+  // environment has RUVO_NO_STATS_FILE; the pointers are then null.
   bool begin(const std::string& path, std::span<const counted_pool> pools);
   // Leaves the file with its last numbers. Pointers into it become invalid.
   void end() noexcept;

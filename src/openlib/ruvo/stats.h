@@ -18,9 +18,9 @@
 ///     }
 ///
 /// LIFETIME. A start-up of the library makes a new file under another name and renames it into
-/// place. A mapping of the old file stays valid and does not change any more: to follow a host,
-/// open the path again. A reader that must survive a file that someone else truncates copies it
-/// with pread instead of mapping it, into memory that is aligned for uint64_t.
+/// place. A mapping of the old file stays valid, but the new start-up does not count into it: to
+/// follow a host, open the path again. A reader that must survive a file that someone else
+/// truncates copies it with pread instead of mapping it, into memory that is aligned for uint64_t.
 ///
 /// COUNTERS. A record holds every counter once in each of its lanes: a thread of the host gets a
 /// lane of its own if one is free, so that counting costs next to nothing, and the first lane is
@@ -101,8 +101,8 @@ struct ruvo_pool_counters {
 struct ruvo_server_counters {
   uint64_t calls;          ///< visits: calls that have chosen a connection of this server
   uint64_t replies;        ///< visits that ended with a reply, error replies included
-  uint64_t error_replies;  ///< error replies; also those of `failover_replies`, which end a visit
-                           ///< without a reply
+  uint64_t error_replies;  ///< error replies; also those of `failover_replies`, which do not count
+                           ///< as the reply of a visit
   uint64_t no_replies;     ///< visits that ended without a reply
   uint64_t second_sends;   ///< commands sent a second time in a visit
   uint64_t reconnects;     ///< connections rebuilt
@@ -135,8 +135,9 @@ struct ruvo_server_stats {
   uint32_t position;                      ///< in the pool, from 0
   uint32_t reserved;                      ///< zero
   int64_t failure_count;                  ///< failures now; after a fork those of the latest writer
-  int64_t next_retry_time;  ///< end of its ejection, seconds since 1970; 0: none; likewise
-  char reserved_too[32];    ///< zero
+  int64_t next_retry_time;                ///< when it is retried if it is ejected, seconds since
+                                          ///< 1970; 0: no failure yet; likewise
+  char reserved_too[32];                  ///< zero
   struct ruvo_server_counters lanes[RUVO_STATS_LANES];
 };
 

@@ -112,7 +112,7 @@ class visitor {
     return send_end::unanswered;
   }
 
-  // The command was sent, and no reply says that it was not run.
+  // True if the command must not be resent and was sent, unless a reply says that it was not run.
   bool may_have_run() const { return command_.must_not_resend && call_.outcome().was_sent; }
 
   void log_broken_connection() const {
@@ -126,11 +126,11 @@ class visitor {
 
   // Of the calls that share a failure, one counts it.
   void count_failure(send_end end) {
-    const bool is_silent = redis_.options().eject_silent_servers && !command_.wire.refused();
+    const bool counts_silence = redis_.options().eject_silent_servers && !command_.wire.refused();
     const bool is_unanswered = end == send_end::unanswered ||
                                (end == send_end::out_of_time &&
                                 (call_.outcome().was_sent || call_.outcome().rebuild_failed));
-    if ((end == send_end::rebuild_failed || (is_silent && is_unanswered)) &&
+    if ((end == send_end::rebuild_failed || (counts_silence && is_unanswered)) &&
         call_.outcome().counts_failure) {
       redis_.update_server_failed(&server_, command_.pool);
     }

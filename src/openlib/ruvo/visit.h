@@ -18,7 +18,7 @@ enum class visit_end { replied, unanswered, may_have_run, out_of_time, lock_fail
 struct visit_result {
   visit_end end;
   bool was_sent;    // a byte of the command may have reached the server
-  reply_ptr reply;  // if unanswered: the refusal of a server that will not serve, if any
+  reply_ptr reply;  // without one: the latest refusal of a server that will not serve
 };
 
 // `times` is null if nobody needs them.

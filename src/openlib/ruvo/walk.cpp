@@ -227,7 +227,8 @@ walk_end walker::walk_once(reply_ptr& reply) {
 
 void walker::note_answer(const server_choice& choice) {
   if (choice.is_probe) {
-    redis_.update_server_ok(choice.server);  // else one call at a time could use it until its retry
+    // Until its failures are cleared, one call at a time uses it, as a probe.
+    redis_.update_server_ok(choice.server);
   }
   // The walk of a raw command may have left its pool.
   const std::size_t index = choice.server->index_;
@@ -252,7 +253,8 @@ walk_end walker::wait_and_walk_again(walk_end end, reply_ptr& reply) {
     if (pool_.servers_.empty()) {
       return end;
     }
-    const std::uint32_t ended = pool_.outage_.ended();  // before it is known whether to wait
+    // Read before the decision to wait: the end of an outage from here on ends the sleep below.
+    const std::uint32_t ended = pool_.outage_.ended();
     const bool others_are_answered = pool_.outage_.has_answered() && !pool_.outage_.is_on();
     if (others_are_answered && has_sent_ &&
         ++walks_while_others_answered > max_walks_while_others_answered) {
