@@ -31,16 +31,18 @@ refuse_mistakes() {
     "${compile[@]}" -I"$headers" -x c++-header "$headers/ruvo/ruvo.hpp" -o "$name/ruvo.pch"
     compile+=(-include-pch "$name/ruvo.pch")
   fi
-  compile+=("-I$headers" -o "$name/object" "$mistakes")
-  "${compile[@]}" -c -DMISTAKE=0
+  compile+=("-I$headers" -o "$name/object" "$name/code.cpp")
+  sed 's|^.* //! .*||' "$mistakes" >"$name/code.cpp"
+  "${compile[@]}" -c
   while read -r number only sentence; do
     if [ "$only" = any ] || [ "$only" = "$compiler" ]; then
       # GCC reports a time that is too short only if it optimises.
       step=-fsyntax-only
+      sed "${number}!s|^.* //! .*||" "$mistakes" >"$name/code.cpp"
       [ "$compiler $sentence" != "g++ the time is too short" ] || step=-c
-      if "${compile[@]}" "$step" "-DMISTAKE=$number" 2>"$name/errors" || ! grep -qE "error: .*($sentence)" "$name/errors"; then
+      if "${compile[@]}" "$step" -DMISTAKE 2>"$name/errors" || ! grep -qE "error: .*($sentence)" "$name/errors"; then
         cat "$name/errors" >&2
-        echo "$* does not refuse mistake $number with '$sentence'" >&2
+        echo "$* does not refuse line $number of $mistakes with '$sentence'" >&2
         return 1
       fi
       refused=$((refused + 1))
@@ -65,11 +67,10 @@ check() {
   done
 }
 
-# Number, compiler or "any", sentence.
-sed -nE -e 's|^#elif MISTAKE == ([0-9]+) +// (g\+\+\|clang\+\+): (.*)|\1 \2 \3|p; t' \
-  -e 's|^#elif MISTAKE == ([0-9]+) +// (.*)|\1 any \2|p' "$mistakes" >"$work/mistakes"
-[ "$(wc -l <"$work/mistakes")" -eq "$(grep -c '#elif MISTAKE' "$mistakes")" ] ||
-  { echo "a mistake lacks its expected message" >&2; exit 1; }
+# Number of the line, compiler or "any", sentence.
+sed -nE '/ \/\/! /{=; s|.* //! (g\+\+\|clang\+\+): |\1 |; t said; s|.* //! |any |; :said; p}' "$mistakes" |
+  paste -d ' ' - - >"$work/mistakes"
+[ -s "$work/mistakes" ] || { echo "there are no mistakes" >&2; exit 1; }
 
 check g++ &
 with_gcc=$!

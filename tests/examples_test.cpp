@@ -1,4 +1,5 @@
-// The session store and the rate limiter of examples/, against a real Redis.
+// The session store and the rate limiter of examples/, against a real Redis. login_test.cpp there
+// tests the service that uses them.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -57,21 +58,6 @@ TEST_F(Example, ClientsAreLimitedUntilTheirWindowEnds) {
 
   redis_.kill();
   EXPECT_TRUE(limiter.allow("ada").failed());
-}
-
-// What login_test.cpp checks with a backend of its own also holds with Redis.
-TEST_F(Example, TheServiceAnswers) {
-  const login_service<ruvo::pool> service(pool_);
-  EXPECT_EQ(service.answer("who ada"), "not logged in");
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(service.answer("login ada"), "welcome ada");
-  }
-  EXPECT_EQ(service.answer("login ada"), "too many logins");
-  EXPECT_EQ(service.answer("who ada"), "ada is a guest");
-  EXPECT_EQ(service.answer("logout ada"), "goodbye");
-  EXPECT_EQ(service.answer("who ada"), "not logged in");
-  redis_.kill();
-  EXPECT_EQ(service.answer("login eve").substr(0, 15), "try again later");
 }
 
 }  // namespace

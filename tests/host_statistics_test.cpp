@@ -3,58 +3,46 @@
 #include <hiredis/hiredis.h>
 #include <ruvo/stats.h>
 
-#include <cstdarg>
-#include <fstream>
 #include <functional>
 #include <future>
+#include <numeric>
 #include <thread>
 
 #include "every_operation.h"
 #include "host.h"
 #include "servers.h"
+#include "stats_copy.h"
 
 namespace {
 
-struct Numbers {
-  explicit Numbers(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    const std::string bytes(std::istreambuf_iterator<char>(file), {});
-    std::vector<std::uint64_t> words(bytes.size() / 8 + 1);
-    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(words.data()));
-    const char* error = ruvo_stats_check(words.data(), bytes.size());
-    EXPECT_EQ(error, nullptr) << error;
-    state = ruvo_stats_head(words.data())->state;
-    last_type = ruvo_stats_pool(words.data(), 2)->type;
-    ruvo_stats_read_pool(ruvo_stats_pool(words.data(), 0), &pool);
-    ruvo_stats_read_server(ruvo_stats_server(words.data(), 0), &server);
-  }
-  std::uint64_t in_flight() const { return ruvo_stats_in_flight(&server); }
-
-  std::uint32_t state;
-  std::uint32_t last_type;      // of the last pool
-  ruvo_pool_counters pool;      // of the temporary one
-  ruvo_server_counters server;  // its first
-};
-
-void raw(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  RUVO_FreeReplyObject(RUVO_ExecRedisvCmd(eTempServer, format, args));
-  va_end(args);
-}
-
+void raw(const char* command) { RUVO_FreeReplyObject(RUVO_ExecRedisCmd(eTempServer, command)); }
 int insert(const char* key) { return RUVO_InsertKey(key, "v", 1, -1, eTempServer, nullptr); }
 
-TEST(HostStatistics, EveryCallIsCountedByItsResult) {
+class HostStatistics : public testing::Test {
+ protected:
+  ~HostStatistics() override { EXPECT_EQ(RUVO_Fini(), RUVO_OK); }
+  void start_at(const std::string& addrs, const std::string& common = "") const {
+    const std::string file = "stats_file = " + dir_.path("s");
+    ASSERT_EQ(start(HostConfig(all_pools_at(addrs) + common + file)), RUVO_OK);
+  }
+  StatsCopy read() const {
+    StatsCopy copy(dir_.path("s"));
+    EXPECT_EQ(copy.error(), "");
+    return copy;
+  }
+  ruvo_pool_counters pool() const { return read().sums_of_pool(0); }
+  ruvo_server_counters server() const { return read().sums_of_server(0); }
+
+  const TempDir dir_;
+  const LogCapture log_{BaseLib::Logger::FATAL};
+};
+
+TEST_F(HostStatistics, EveryCallIsCountedByItsResult) {
   RedisServer redis;
-  const TempDir dir;
-  const HostConfig config(all_pools_at(redis.addr()) + "stats_file = " + dir.path("s"));
-  const LogCapture log(BaseLib::Logger::FATAL);
-  ASSERT_EQ(start(config), RUVO_OK);
-  const char* data = nullptr;
-  unsigned long length = 0;
+  start_at(redis.addr());
   insert("k");
-  EXPECT_EQ(RUVO_QueryKey("none", &data, &length, eTempServer, nullptr), RUVO_ERR_NOT_FOUND);
+  EXPECT_EQ(RUVO_HashGet("none", "f", 1, nullptr, nullptr, eTempServer, nullptr),
+            RUVO_ERR_NOT_FOUND);
   EXPECT_EQ(RUVO_ExistsKey("none", eTempServer, nullptr), RUVO_ABSENT);
   RUVO_SAdd("s", "m", 1, eTempServer, nullptr);
   RUVO_SAdd("s", "m", 1, eTempServer, nullptr);
@@ -64,40 +52,38 @@ TEST(HostStatistics, EveryCallIsCountedByItsResult) {
   raw("GET none");
   raw("FLY");
   RUVO_FreeResult(nullptr);
-  Numbers numbers(dir.path("s"));
-  EXPECT_EQ(numbers.pool.results[RUVO_STATS_OK], 3U);
-  EXPECT_EQ(numbers.pool.results[RUVO_STATS_ABSENT], 3U);
-  EXPECT_EQ(numbers.pool.results[RUVO_STATS_NOTHING_DONE], 1U);
-  EXPECT_EQ(numbers.pool.results[RUVO_STATS_BAD_ARGUMENT], 1U);
-  EXPECT_EQ(numbers.pool.results[RUVO_STATS_ERROR_REPLY], 2U);
-  EXPECT_EQ(numbers.server.calls, 9U);
-  EXPECT_EQ(numbers.server.replies, 9U);
-  EXPECT_EQ(numbers.server.error_replies, 2U);
-  EXPECT_GT(numbers.pool.time_sum, 0U);
+  const ruvo_pool_counters counted = pool();
+  const auto& results = counted.results;
+  EXPECT_EQ(results[RUVO_STATS_OK], 3U);
+  EXPECT_EQ(results[RUVO_STATS_ABSENT], 3U);
+  EXPECT_EQ(results[RUVO_STATS_NOTHING_DONE], 1U);
+  EXPECT_EQ(results[RUVO_STATS_BAD_ARGUMENT], 1U);
+  EXPECT_EQ(results[RUVO_STATS_ERROR_REPLY], 2U);
+  EXPECT_EQ(server().calls, 9U);
+  EXPECT_EQ(server().replies, 9U);
+  EXPECT_EQ(server().error_replies, 2U);
+  EXPECT_GT(pool().time_sum, 0U);
 
   redis.kill();
   insert("k");
   raw("GET k");
-  numbers = Numbers(dir.path("s"));
-  EXPECT_EQ(numbers.pool.results[RUVO_STATS_NO_SERVER], 2U);
-  EXPECT_EQ(numbers.server.no_replies, numbers.server.failed_reconnects);
-  EXPECT_GE(numbers.server.failed_reconnects, 2U);
-  EXPECT_EQ(numbers.server.second_sends, 0U);  // nothing has been sent
+  EXPECT_EQ(pool().results[RUVO_STATS_NO_SERVER], 2U);
+  EXPECT_EQ(server().no_replies, server().failed_reconnects);
+  EXPECT_GE(server().failed_reconnects, 2U);
+  EXPECT_EQ(server().second_sends, 0U);  // nothing has been sent
   redis.restart();
   EXPECT_EQ(insert("k"), RUVO_OK);
-  numbers = Numbers(dir.path("s"));
-  EXPECT_EQ(numbers.server.reconnects, 1U);
-  EXPECT_EQ(numbers.server.second_sends, 0U);  // the first attempt sent nothing
-  EXPECT_EQ(numbers.in_flight() + numbers.server.waiting, 0U);
-  EXPECT_EQ(numbers.last_type, static_cast<std::uint32_t>(ePersonalityServer));
+  EXPECT_EQ(server().reconnects, 1U);
+  EXPECT_EQ(server().second_sends, 0U);  // the first attempt sent nothing
+  EXPECT_EQ(read().in_flight(0) + server().waiting, 0U);
+  EXPECT_EQ(read().pool(2).type, static_cast<std::uint32_t>(ePersonalityServer));
   EXPECT_EQ(RUVO_Fini(), RUVO_OK);
-  EXPECT_EQ(Numbers(dir.path("s")).state, RUVO_STATS_ENDED);
+  EXPECT_EQ(read().head().state, RUVO_STATS_ENDED);
   ASSERT_EQ(start(HostConfig(all_pools_at(redis.addr()))), RUVO_OK);  // without the file
   EXPECT_EQ(insert("k"), RUVO_OK);
-  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
 }
 
-TEST(HostStatistics, ACommandThatIsSentAgainIsCountedAsSuch) {
+TEST_F(HostStatistics, ACommandThatIsSentAgainIsCountedAsSuch) {
   const ScriptedServer hangs_up_first([](Peer& peer) {
     constexpr int at_start = 3;  // connections
     if (peer.number() < at_start) {
@@ -106,52 +92,36 @@ TEST(HostStatistics, ACommandThatIsSentAgainIsCountedAsSuch) {
       peer.answer_all("+OK\r\n");
     }
   });
-  const TempDir dir;
-  const HostConfig config(all_pools_at(hangs_up_first.addr()) + "stats_file = " + dir.path("s"));
-  const LogCapture log(BaseLib::Logger::FATAL);
-  ASSERT_EQ(start(config), RUVO_OK);
+  start_at(hangs_up_first.addr());
   EXPECT_EQ(insert("k"), RUVO_OK);
-  EXPECT_EQ(Numbers(dir.path("s")).server.second_sends, 1U);
-  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+  EXPECT_EQ(server().second_sends, 1U);
 }
 
-TEST(HostStatistics, ACallPastItsDeadlineIsCountedAsSuch) {
+TEST_F(HostStatistics, ACallPastItsDeadlineIsCountedAsSuch) {
   const ScriptedServer silent([](Peer& peer) { peer.hang(); });
-  const TempDir dir;
-  const HostConfig config(all_pools_at(silent.addr()) +
-                          "call_timeout = 50\nstats_file = " + dir.path("s"));
-  const LogCapture log(BaseLib::Logger::FATAL);
-  ASSERT_EQ(start(config), RUVO_OK);
+  start_at(silent.addr(), "call_timeout = 50\n");
   EXPECT_EQ(insert("k"), RUVO_ERR_FAILED);
-  const Numbers numbers(dir.path("s"));
-  EXPECT_EQ(numbers.pool.results[RUVO_STATS_DEADLINE], 1U);
-  EXPECT_EQ(numbers.server.no_replies, 1U);
-  std::uint64_t longer = 0;
-  for (std::uint32_t i = ruvo_stats_bucket(49'000'000); i < RUVO_STATS_BUCKETS; ++i) {
-    longer += numbers.pool.buckets[i];
-  }
-  EXPECT_EQ(longer, 1U);
-  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+  EXPECT_EQ(pool().results[RUVO_STATS_DEADLINE], 1U);
+  EXPECT_EQ(server().no_replies, 1U);
+  const ruvo_pool_counters counted = pool();
+  const auto* const buckets = counted.buckets;
+  EXPECT_EQ(
+      std::accumulate(buckets + ruvo_stats_bucket(49'000'000), buckets + RUVO_STATS_BUCKETS, 0U),
+      1U);
 }
 
-TEST(HostStatistics, ShowsAServerThatWillNotServe) {
+TEST_F(HostStatistics, ShowsAServerThatWillNotServe) {
   const ScriptedServer replica("-READONLY You can't write against a read only replica.\r\n");
-  const TempDir dir;
-  const HostConfig config(all_pools_at(replica.addr()) +
-                          "failover_replies = READONLY\nstats_file = " + dir.path("s"));
-  const LogCapture log(BaseLib::Logger::FATAL);
-  ASSERT_EQ(start(config), RUVO_OK);
+  start_at(replica.addr(), "failover_replies = READONLY\n");
   EXPECT_EQ(insert("k"), RUVO_ERR_FAILED);
-  const Numbers numbers(dir.path("s"));
-  EXPECT_EQ(numbers.pool.results[RUVO_STATS_ERROR_REPLY], 1U);
-  EXPECT_GE(numbers.server.error_replies, 1U);
-  EXPECT_EQ(numbers.server.replies, 0U);
-  EXPECT_EQ(numbers.server.no_replies, 1U);
-  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+  EXPECT_EQ(pool().results[RUVO_STATS_ERROR_REPLY], 1U);
+  EXPECT_GE(server().error_replies, 1U);
+  EXPECT_EQ(server().replies, 0U);
+  EXPECT_EQ(server().no_replies, 1U);
 }
 
 // Without auto_pipelining the second call waits for the connection; with it both are in flight.
-TEST(HostStatistics, ShowsCallsInProgress) {
+TEST_F(HostStatistics, ShowsCallsInProgress) {
   std::promise<void> asked;
   const ScriptedServer slow([released = asked.get_future().share()](Peer& peer) {
     peer.read_command();
@@ -161,26 +131,20 @@ TEST(HostStatistics, ShowsCallsInProgress) {
     peer.send("+OK\r\n");
     peer.hang();
   });
-  const TempDir dir;
-  const HostConfig config(all_pools_at(slow.addr()) +
-                          "socket_timeout = 10000\nstats_file = " + dir.path("s"));
-  const LogCapture log(BaseLib::Logger::FATAL);
-  ASSERT_EQ(start(config), RUVO_OK);
+  start_at(slow.addr(), "socket_timeout = 10000\n");
   {
     const std::jthread first([] { insert("a"); });
     const std::jthread second([] { insert("b"); });
     const char* mode = std::getenv("RUVO_TEST_COMMON");  // NOLINT: no thread sets it
     const std::uint64_t in_flight = mode != nullptr && *mode != '\0' ? 2 : 1;
-    for (Numbers now(dir.path("s"));
-         now.in_flight() != in_flight || now.in_flight() + now.server.waiting != 2;) {
-      now = Numbers(dir.path("s"));
-    }
+    EXPECT_TRUE(eventually([&] {
+      const StatsCopy now = read();
+      return now.in_flight(0) == in_flight && in_flight + now.sums_of_server(0).waiting == 2;
+    }));
     asked.set_value();
   }
-  const Numbers numbers(dir.path("s"));
-  EXPECT_EQ(numbers.in_flight() + numbers.server.waiting, 0U);
-  EXPECT_EQ(numbers.server.replies, 2U);
-  EXPECT_EQ(RUVO_Fini(), RUVO_OK);
+  EXPECT_EQ(read().in_flight(0) + server().waiting, 0U);
+  EXPECT_EQ(server().replies, 2U);
 }
 
 }  // namespace

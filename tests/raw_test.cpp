@@ -19,28 +19,21 @@ class Raw : public testing::Test {
     init_client(client_, HostConfig(pools + timeouts, server));
     log_.clear();
   }
-  // The text of the reply, or "null".
-  std::string run(RedisServerType pool, va_list args, const char* format = "PING") {
-    auto* reply = static_cast<redisReply*>(client_.exec_redis_cmd(format, args, pool));
-    std::string text = reply != nullptr ? reply->str : "null";
-    freeReplyObject(reply);
-    return text;
-  }
-  std::string ping(int pool, ...) {
-    va_list none;
-    va_start(none, pool);
-    std::string text = run(static_cast<RedisServerType>(pool), none);
-    va_end(none);
-    return text;
-  }
-  std::string echo_twice(const char* format, ...) {
+  // The texts of the replies to a command that is sent so often, or "null" for each that is
+  // missing.
+  std::string ask(int times, RedisServerType pool, const char* format, ...) {
+    std::string texts;
     va_list args;
     va_start(args, format);
-    std::string texts = run(eTempServer, args, format);
-    texts += run(eTempServer, args, format);
+    for (int i = 0; i < times; ++i) {
+      auto* reply = static_cast<redisReply*>(client_.exec_redis_cmd(format, args, pool));
+      texts += reply != nullptr ? reply->str : "null";
+      freeReplyObject(reply);
+    }
     va_end(args);
     return texts;
   }
+  std::string ping(RedisServerType pool) { return ask(1, pool, "PING"); }
 
   DownServer down_;
   DownServer also_down_;
@@ -52,7 +45,7 @@ class Raw : public testing::Test {
 TEST_F(Raw, LeavesItsArgumentsUnchanged) {
   const RedisServer redis;
   start(pools_at(redis.addr(), down_.addr(), ""));
-  EXPECT_EQ(echo_twice("ECHO %s-%d", "a", 7), "a-7a-7");
+  EXPECT_EQ(ask(2, eTempServer, "ECHO %s-%d", "a", 7), "a-7a-7");
   EXPECT_EQ(log_.count(INFO, "ruvo_redis::exec_redis_cmd | ECHO %s-%d redis server type:1"), 2);
 }
 

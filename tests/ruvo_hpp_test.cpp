@@ -22,57 +22,51 @@ using namespace std::string_view_literals;
 using namespace std::chrono_literals;
 
 // The value of a result, or its code.
-template <typename Number, std::enable_if_t<std::is_arithmetic_v<Number>, int> = 0>
-std::string show(Number value) {
-  if constexpr (std::is_same_v<Number, bool>) {
-    return value ? "yes" : "no";
-  } else if constexpr (std::is_floating_point_v<Number>) {
-    return testing::PrintToString(value);
-  } else {
-    return std::to_string(value);
-  }
-}
-std::string show(std::chrono::milliseconds value) { return show(value.count()); }
-std::string show(std::string_view value) { return std::string(value); }
 template <typename T>
-std::string show(const std::optional<T>& value) {
-  return value ? show(*value) : "none";
-}
-template <typename A, typename B>
-std::string show(const std::pair<A, B>& value);
-template <typename Range, typename = typename Range::value_type,
-          typename = std::enable_if_t<!std::is_convertible_v<const Range&, std::string_view>>>
-std::string show(const Range& values) {
-  std::string all;
-  for (const auto& value : values) {
-    all += (all.empty() ? "" : " ") + show(value);
-  }
-  return all;
-}
-template <typename A, typename B>
-std::string show(const std::pair<A, B>& value) {
-  return show(value.first) + "=" + show(value.second);
-}
-std::string show(const ruvo::reply_view& reply) {
-  std::ostringstream printed;
-  printed << reply;
-  return printed.str();
-}
-template <typename T>
-std::string show(const ruvo::result<T>& result) {
-  EXPECT_EQ(!result.error(), !result.failed());
-  EXPECT_TRUE(result.error() == static_cast<RuvoResult>(result.code()));
-  if (result.failed()) {
-    return (result.absent() ? "absent " : "") + std::to_string(result.code());
-  }
-  if constexpr (std::is_void_v<T>) {
+std::string show(const T& value) {
+  if constexpr (requires { value.failed(); }) {
+    EXPECT_EQ(!value.error(), !value.failed());
+    EXPECT_TRUE(value.error() == static_cast<RuvoResult>(value.code()));
+    if (value.failed()) {
+      return (value.absent() ? "absent " : "") + std::to_string(value.code());
+    }
+    if constexpr (requires { *value; }) {
+      return show(*value);
+    }
     return "done";
+  } else if constexpr (requires { value.has_value(); }) {
+    return value ? show(*value) : "none";
+  } else if constexpr (requires { value.first; }) {
+    return show(value.first) + "=" + show(value.second);
+  } else if constexpr (std::is_same_v<T, bool>) {
+    return value ? "yes" : "no";
+  } else if constexpr (std::is_arithmetic_v<T>) {
+    return testing::PrintToString(+value);
+  } else if constexpr (requires { value.count(); }) {
+    return show(value.count());
+  } else if constexpr (requires { std::cout << value; }) {
+    std::ostringstream printed;
+    printed << value;
+    return printed.str();
   } else {
-    return show(*result);
+    std::string all;
+    for (const auto& one : value) {
+      all += (all.empty() ? "" : " ") + show(one);
+    }
+    return all;
+  }
+}
+
+using Outputs = std::vector<std::pair<std::string, std::string>>;  // printed, and expected
+
+void compare(const Outputs& outputs) {
+  for (std::size_t i = 0; i < outputs.size(); ++i) {
+    EXPECT_EQ(outputs[i].first, outputs[i].second) << "row " << i;
   }
 }
 
 const ruvo::pool pool(eTempServer);
+static_assert(sizeof pool == sizeof(int));
 
 // A time that the compiler does not know.
 std::chrono::seconds unknown(long long seconds) {
@@ -99,7 +93,6 @@ class InCpp : public testing::Test {
 TEST_F(InCpp, EveryCallReadsWhatRedisSays) {
   using Key = std::string_view;
   // clang-format off
-  using Outputs = std::vector<std::pair<std::string, std::string>>;  // printed, and expected
   const auto outputs_of = [](Key key) { return Outputs{
       {show(pool.get(key)), "absent 10402"}, {show(pool.set(key, "a\0b"sv)), "done"},
       {show(pool.get(key)), "a\0b"s}, {show(pool.append(key, "\0"sv)), "done"},
@@ -133,9 +126,7 @@ TEST_F(InCpp, EveryCallReadsWhatRedisSays) {
   for (const std::string& key : {"k"s, ""s, std::string(127, 'k'), std::string(128, 'k')}) {
     // More bytes follow, where the library would look for a zero byte.
     const std::string longer = key + "x";
-    for (const auto& [printed, expected] : outputs_of(Key(longer).substr(0, key.size()))) {
-      EXPECT_EQ(printed, expected);
-    }
+    compare(outputs_of(Key(longer).substr(0, key.size())));
   }
   EXPECT_EQ(redis_.ask("dbsize"), "0");
   for (const auto& [printed, expected] : outputs_of("k\0"sv)) {
@@ -158,7 +149,7 @@ TEST_F(InCpp, RefusalsSayWhy) {
   const std::vector<const char*> nulls{"k", none};
   const std::map<std::string, const char*> null_field{{"f", none}};
   // clang-format off
-  const std::vector<std::pair<std::string, std::string>> messages{
+  compare({
       {why(pool.get(none)), null}, {why(pool.set("k", none)), null},
       {why(pool.set("k", none, ruvo::if_absent)), null}, {why(pool.append("k", none)), null},
       {why(pool.hset("k", none, "v")), null}, {why(pool.hset("k", "f", none)), null},
@@ -179,34 +170,14 @@ TEST_F(InCpp, RefusalsSayWhy) {
       {why(pool.increment("k", 1, unknown(0))), time},
       {why(pool.hset("k", null_field, unknown(-1))), time},
       {why(pool.command(ruvo::words())), "a command has no words, or more than 1024"},
-  };
+  });
   // clang-format on
-  for (std::size_t i = 0; i < messages.size(); ++i) {
-    EXPECT_EQ(messages[i].first, messages[i].second) << i;
-  }
   for (const long long seconds : {LLONG_MIN, -1LL, 0LL, 1LL + INT_MAX, LLONG_MAX}) {
     EXPECT_EQ(why(pool.set("s", "v", unknown(seconds))), time) << seconds;
     EXPECT_EQ(why(pool.hset("h", "f", "v", unknown(seconds))), time) << seconds;
     EXPECT_EQ(why(pool.lpush("l", "v", unknown(seconds))), time) << seconds;
   }
   EXPECT_EQ(redis_.ask("dbsize"), "0");
-}
-
-TEST_F(InCpp, TextsOfAllKindsAndTimesAreTaken) {
-  start();
-  const std::string text = "k";
-  char writable[] = "k";
-  EXPECT_TRUE(pool.set(text, "v"));
-  EXPECT_EQ(show(pool.get(writable)), "v");
-  EXPECT_EQ(show(pool.get(*pool.get(writable))), "absent 10402");
-  EXPECT_EQ(show(pool.set("empty", std::string_view())), "done");
-  EXPECT_EQ(show(pool.get("empty")), "");
-
-  EXPECT_TRUE(pool.set("s", "v", unknown(100)));
-  EXPECT_TRUE(pool.hset("h", "f", "v", unknown(100)));
-  EXPECT_TRUE(pool.lpush("l", "v", unknown(100)));
-  EXPECT_TRUE(pool.expire("k", unknown(100)));
-  EXPECT_NEAR(ttl("s") + ttl("h") + ttl("l") + ttl("k"), 400, 8);
 }
 
 TEST_F(InCpp, CommandsTakeAnyWords) {
@@ -266,7 +237,7 @@ TEST_F(InCpp, AnswersHaveTheirTypes) {
   using stream = std::vector<std::pair<std::string, std::map<std::string, std::string>>>;
   const std::string alternating = lua("{'a','1','b','2'}");
   // clang-format off
-  const std::vector<std::pair<std::string, std::string>> answers{
+  compare({
       {show(pool.ask<void>("SET", "n", 41)), "done"}, {show(pool.ask<int>("GET", "n")), "41"},
       {show(pool.ask<bool>("SET", "t", "text")), "yes"}, {show(pool.ask<double>("INCRBYFLOAT", "n", 0.5)), "41.5"},
       {show(pool.ask<int>("GET", "n")), "-1"}, {show(pool.ask<double>("GET", "n")), "41.5"},
@@ -290,11 +261,8 @@ TEST_F(InCpp, AnswersHaveTheirTypes) {
       {show(pool.ask<std::vector<std::vector<int>>>("EVAL", lua("{{1},{},{2,3}}"), 0)), "1  2 3"},
       {show(pool.ask<stream>("EVAL", lua("{{'1-1',{'a','1'}},{'1-2',{}}}"), 0)), "1-1=a=1 1-2="},
       {show(pool.ask<std::vector<bool>>("SMISMEMBER", "none", "a")), "no"},
-  };
+  });
   // clang-format on
-  for (std::size_t i = 0; i < answers.size(); ++i) {
-    EXPECT_EQ(answers[i].first, answers[i].second) << i;
-  }
 }
 
 TEST_F(InCpp, FailuresKnowWhatRedisSaid) {
@@ -305,16 +273,10 @@ TEST_F(InCpp, FailuresKnowWhatRedisSaid) {
   EXPECT_TRUE(failed.error() == RUVO_ERR_FAILED && failed.error() != RUVO_ERR_NOT_FOUND);
   EXPECT_EQ(failed.error().category().name(), "ruvo"s);
   EXPECT_EQ(failed.error().message(), ruvo_result_text(RUVO_ERR_FAILED));
-  EXPECT_FALSE(failed.absent());
   EXPECT_EQ(failed.value_or(7), 7);
   EXPECT_TRUE(pool.get("none").value_or({}).empty());
   EXPECT_TRUE(pool.smembers("none").value_or({}).empty());
-  try {
-    pool.get("none").value();
-    FAIL();
-  } catch (const std::system_error& error) {
-    EXPECT_EQ(error.code(), RUVO_ERR_NOT_FOUND);
-  }
+  EXPECT_THROW(pool.get("none").value(), std::system_error);
   EXPECT_THROW(pool.lrem("none", 0, "v").value(), std::system_error);
   EXPECT_THROW(pool.exists(static_cast<const char*>(nullptr)).value(), std::system_error);
   EXPECT_NO_THROW(pool.remove("none").value());
@@ -332,6 +294,7 @@ TEST_F(InCpp, FailuresKnowWhatRedisSaid) {
     refused.value();
     FAIL();
   } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code(), RUVO_ERR_FAILED);
     EXPECT_NE(std::string(error.what()).find(wrong), std::string::npos);
   }
   EXPECT_EQ(pool.hgetall("k").reply_text(), wrong);
@@ -361,40 +324,47 @@ TEST(CppInterface, TakesNoReplyOfAnotherTypeForAValue) {
 
 TEST_F(InCpp, ValuesAreSetOnConditionAndForAnyTime) {
   start();
-  EXPECT_EQ(show(pool.ttl("k")), "absent 10402");
-  EXPECT_EQ(show(pool.set("k", "1", ruvo::if_present)), "no");
-  EXPECT_EQ(show(pool.set("k", "1", ruvo::if_absent)), "yes");
-  EXPECT_TRUE(pool.ttl("k").value() == ruvo::stays);
-  EXPECT_EQ(show(pool.set("k", "2", 1h, ruvo::if_absent)), "no");
-  EXPECT_EQ(show(pool.set("k", "3", 90500ms, ruvo::if_present)), "yes");
-  EXPECT_NEAR(static_cast<double>(pool.ttl("k")->count()), 89500, 1000);
-  EXPECT_EQ(show(pool.set("k", "4", 190500ms)), "done");
-  EXPECT_NEAR(static_cast<double>(pool.ttl("k")->count()), 189500, 1000);
-  EXPECT_EQ(show(pool.get("k")), "4");
-  EXPECT_EQ(show(pool.set("k", "5", std::chrono::milliseconds::max())), "-1");
-}
-
-TEST_F(InCpp, CountersExpire) {
-  start();
-  EXPECT_EQ(show(pool.increment("stays", LLONG_MAX)), show(LLONG_MAX));
-  EXPECT_EQ(show(pool.increment("stays", LLONG_MIN)), "-1");
-  EXPECT_TRUE(pool.ttl("stays").value() == ruvo::stays);
-  EXPECT_EQ(show(pool.increment("hits", 5, 100s)), "5");
-  EXPECT_EQ(show(pool.increment("hits", LLONG_MAX - 7, 1h)), show(LLONG_MAX - 2));
-  EXPECT_NEAR(ttl("hits"), 99, 1);
-  EXPECT_EQ(show(pool.increment("hits", 3, 1h)), "-1");
-  EXPECT_EQ(show(pool.increment("stays", 1, 100s)), "0");
-  EXPECT_NEAR(ttl("stays"), 99, 1);
+  const std::string text = "k";
+  char writable[] = "k";
+  // clang-format off
+  compare({
+      {show(pool.ttl("k")), "absent 10402"}, {show(pool.set("k", "1", ruvo::if_present)), "no"},
+      {show(pool.set("k", "1", ruvo::if_absent)), "yes"},
+      {show(pool.ttl("k")->count()), show(ruvo::stays.count())},
+      {show(pool.set(text, "2", 1h, ruvo::if_absent)), "no"},
+      {show(pool.get(*pool.get(writable))), "absent 10402"},
+      {show(pool.set("k", "3", 90500ms, ruvo::if_present)), "yes"},
+      {show(pool.set("m", "4", 90500ms)), "done"},
+      {show(pool.get(writable)), "3"}, {show(pool.get("m")), "4"},
+      {show(pool.set("k", "5", std::chrono::milliseconds::max())), "-1"},
+      {show(pool.set("empty", std::string_view())), "done"}, {show(pool.get("empty")), ""},
+      {show(pool.set("s", "v", unknown(90))), "done"},
+      {show(pool.hset("h", "f", "v", unknown(90))), "done"},
+      {show(pool.lpush("l", "v", unknown(90))), "1"}, {show(pool.set("e", "v")), "done"},
+      {show(pool.expire("e", unknown(90))), "done"}, {show(pool.increment("hits", 5, 90s)), "5"},
+      {show(pool.increment("hits", LLONG_MAX - 7, 1h)), show(LLONG_MAX - 2)},
+      {show(pool.increment("hits", 3, 1h)), "-1"},
+      {show(pool.increment("stays", LLONG_MAX)), show(LLONG_MAX)},
+      {show(pool.increment("stays", LLONG_MIN)), "-1"},
+      {show(pool.ttl("stays")->count()), show(ruvo::stays.count())},
+      {show(pool.increment("stays", 1, 90s)), "0"},
+  });
+  // clang-format on
+  for (const char* key : {"k", "m", "s", "h", "l", "e", "hits", "stays"}) {
+    EXPECT_NEAR(static_cast<double>(pool.ttl(key)->count()), 89000, 1500) << key;
+  }
 }
 
 TEST_F(InCpp, ManyKeysUseAsFewCommandsAsPossible) {
   start();
   std::vector<std::string> keys;
+  std::vector<std::optional<std::string>> values;
   std::map<std::string, std::string> pairs;
   for (int i = 0; i < 1500; ++i) {
     keys.push_back("k" + std::to_string(i));
+    values.emplace_back();
     if (i % 3 != 0) {
-      pairs[keys.back()] = "\0"s + std::to_string(i);
+      pairs[keys.back()] = values.back().emplace("\0"s + std::to_string(i));
     }
   }
   const auto calls = [this](const std::string& command) {
@@ -403,14 +373,8 @@ TEST_F(InCpp, ManyKeysUseAsFewCommandsAsPossible) {
   };
   EXPECT_EQ(show(pool.mset(pairs)), "done");
   EXPECT_EQ(calls("mset"), "2");
-  const auto read = pool.mget(keys);
+  EXPECT_EQ(pool.mget(keys).value(), values);
   EXPECT_EQ(calls("mget"), "2");
-  ASSERT_EQ(read->size(), keys.size());
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    const auto stored = pairs.find(keys[i]);
-    EXPECT_EQ((*read)[i].has_value(), stored != pairs.end()) << i;
-    EXPECT_EQ((*read)[i].value_or(""), stored != pairs.end() ? stored->second : "") << i;
-  }
   EXPECT_EQ(show(pool.remove(keys)), "1000");
   EXPECT_EQ(calls("del"), "2");
   EXPECT_EQ(show(pool.mget(std::vector<std::string>())), "");
@@ -430,8 +394,8 @@ TEST_F(InCpp, ManyKeysUseAsFewCommandsAsPossible) {
     }
   }
   EXPECT_EQ(scanned, pairs);
-  ASSERT_TRUE(
-      pool.ask<void>("SADD", "s", std::vector<std::string>(keys.begin(), keys.begin() + 999)));
+  keys.resize(999);
+  ASSERT_TRUE(pool.ask<void>("SADD", "s", keys));
   std::set<std::string> members;
   std::size_t pages = 0;
   for (ruvo::cursor at; !at.done(); ++pages) {
@@ -453,6 +417,13 @@ TEST_F(InCpp, RepliesPrintAsInRedisCli) {
   EXPECT_EQ(
       show(pool.command("EVAL", script, 0)),
       redis_.ask("--no-raw eval '" + std::regex_replace(script, std::regex("'"), "'\\''") + "' 0"));
+  std::vector<ruvo::reply> made;
+  made.push_back(ruvo::reply::of_text("a"));
+  made.push_back(ruvo::reply::of_nil());
+  made.push_back(ruvo::reply::of_integer(3));
+  made.push_back(ruvo::reply::of_error("ERR no"));
+  EXPECT_EQ(show(ruvo::reply::of_array(std::move(made))),
+            "1) \"a\"\n2) (nil)\n3) (integer) 3\n4) (error) ERR no");
   const ruvo::reply list = pool.command("EVAL", "return {3, 1, 2}", 0).value();
   static_assert(std::forward_iterator<ruvo::reply_view::iterator>);
   static_assert(std::ranges::view<ruvo::reply_view> &&
@@ -494,14 +465,12 @@ TEST_F(InCpp, OwnersMoveAndMayOutliveTheLibrary) {
   EXPECT_TRUE(first.empty());  // NOLINT: that it is empty now is the question
   EXPECT_EQ(second, "value");
   second = pool.get("k").value();
-  EXPECT_EQ(second, "value");
 
   ruvo::reply echo = pool.command("ECHO", "one").value();
   ruvo::reply other = std::move(echo);
   EXPECT_TRUE(echo.is_nil() && echo.begin() == echo.end());  // NOLINT: moved from
   EXPECT_EQ(other.text(), "one");
   other = pool.command("ECHO", "two").value();
-  EXPECT_EQ(other.text(), "two");
 
   library_.reset();
   EXPECT_EQ(second, "value");
@@ -537,39 +506,6 @@ TEST_F(InCpp, LibraryKnowsWhenCallsCannotWork) {
     std::exit(0);  // NOLINT: one thread
   };
   EXPECT_EXIT(fail(), testing::ExitedWithCode(0), "10102 10111 1 not initialised 10111$");
-}
-
-// A backend that is not the library: it counts its calls' arguments.
-struct CountingBackend {
-  int* calls;
-  ruvo::result<ruvo::bytes> get(RedisServerType, std::string_view key) const {
-    ++*calls;
-    return key == "none" ? ruvo::result<ruvo::bytes>(ruvo::failure(RUVO_ERR_NOT_FOUND))
-                         : ruvo::bytes::of(key);
-  }
-  ruvo::result<ruvo::reply> command(RedisServerType, ruvo::words_view words) const {
-    ++*calls;
-    std::vector<ruvo::reply> echo;
-    for (const std::string_view word : words) {
-      echo.push_back(word.empty() ? ruvo::reply::of_nil() : ruvo::reply::of_text(word));
-    }
-    echo.push_back(ruvo::reply::of_integer(static_cast<long long>(words.size())));
-    echo.push_back(ruvo::reply::of_error("ERR no"));
-    return ruvo::reply::of_array(std::move(echo));
-  }
-};
-
-TEST(CppInterface, RunsOnABackendOfTheHost) {
-  static_assert(sizeof(ruvo::pool) == sizeof(int));
-  int calls = 0;
-  const ruvo::basic_pool pool_of_host(eTempServer, CountingBackend{&calls});
-  EXPECT_EQ(show(pool_of_host.get("key")), "key");
-  EXPECT_EQ(show(pool_of_host.get("none")), "absent 10402");
-  EXPECT_EQ(show(pool_of_host.command("a", "", 2)),
-            "1) \"a\"\n2) (nil)\n3) \"2\"\n4) (integer) 3\n5) (error) ERR no");
-  EXPECT_EQ(pool_of_host.ask<std::vector<std::string>>("a").reply_text(), "ERR no");
-  EXPECT_EQ(show(pool_of_host.increment("key", 1, unknown(0))), "10107");
-  EXPECT_EQ(calls, 4);
 }
 
 // The examples of the header in sequence, as one program: they print what their comments say.

@@ -29,6 +29,14 @@ Site site_of_two() {
   return site;
 }
 
+std::string broken_conditions(const RunFacts& run) {
+  std::string broken;
+  for (const Condition& condition : conditions_of(run)) {
+    broken += condition.held ? "" : condition.text;
+  }
+  return broken;
+}
+
 TEST(Verdict, EachConditionCanBeBroken) {
   Site site = site_of_two();
   client_options& options = site.settings.options;
@@ -36,29 +44,17 @@ TEST(Verdict, EachConditionCanBeBroken) {
   const Judge idle(site, faults, 4);
   open_walk_log("");
   testing::internal::CaptureStdout();
-  Totals good;
-  good.values_checked = 1;
-  good.operations[sets] = 1;
-  Totals wrong;
-  wrong.values_checked = 9;
-  wrong.wrong_values = 1;
+  const Totals good{.values_checked = 1};
+  const Totals wrong{.values_checked = 9, .wrong_values = 1};
   const Totals unchecked;
-  Totals lost;
-  Totals extra;
-  for (Totals* totals : {&lost, &extra}) {
-    totals->values_checked = 1;
-  }
-  lost.increments_lost = 1;
-  extra.increments_extra = 1;
-  const auto fail = [](Judge& judge) {
-    judge.call_begins(typed);
-    judge.call_ended(typed, RUVO_ERR_FAILED);
-  };
+  const Totals lost{.values_checked = 1, .increments_lost = 1};
+  const Totals extra{.values_checked = 1, .increments_extra = 1};
   Judge slow(site, faults, 4);
   Judge failing(site, faults, 4);
   Judge giving_up(site, faults, 4);
   Judge waiting(site, faults, 4);
-  fail(failing);
+  failing.call_begins(typed);
+  failing.call_ended(typed, RUVO_ERR_FAILED);
   giving_up.call_begins(typed);
   BaseLib::Logger("x.cpp", 1, BaseLib::Logger::WARN).stream()
       << "ruvo_redis::do_exec_command | key:k, null reply and reset connection to server 127.0.0.1 "
@@ -80,18 +76,12 @@ TEST(Verdict, EachConditionCanBeBroken) {
   close_walk_log();
   testing::internal::GetCapturedStdout();
   const ServerEvents none;
-  ServerEvents ejected;
-  ejected.ejected.insert("127.0.0.1:1");
+  const ServerEvents ejected{.ejected = {"127.0.0.1:1"}};
   const Resources held{10, 1L << 20, 1L << 30};
-  Resources descriptors = held;
-  ++descriptors.descriptors;
-  Resources allocated = held;
-  allocated.allocated += (256L << 10) + 1;
-  Resources resident = held;
-  resident.resident += (8L << 20) + 1;
-  Resources tolerated = held;
-  tolerated.allocated += 256L << 10;
-  tolerated.resident += 8L << 20;
+  const Resources descriptors{11, held.allocated, held.resident};
+  const Resources tolerated{10, held.allocated + (256L << 10), held.resident + (8L << 20)};
+  const Resources allocated{10, tolerated.allocated + 1, held.resident};
+  const Resources resident{10, held.allocated, tolerated.resident + 1};
   // clang-format off
   const struct { RunFacts run; std::string broken; } cases[] = {
       {{site, good, idle, none, false, 0, 1, held, held}, ""},
@@ -116,30 +106,28 @@ TEST(Verdict, EachConditionCanBeBroken) {
 #endif
   };
   // clang-format on
-  for (const auto& one_case : cases) {
-    std::string broken;
-    for (const Condition& condition : conditions_of(one_case.run)) {
-      broken += condition.held ? "" : condition.text;
-    }
-    EXPECT_EQ(broken, one_case.broken);
+  for (const auto& [run, broken] : cases) {
+    EXPECT_EQ(broken_conditions(run), broken);
   }
   site.outage_expected = true;
   options.send_once = options.wait_for_servers = false;
   for (const RunFacts& allowed : {RunFacts{site, good, failing, none, false, 0, 1, held, held},
                                   RunFacts{site, good, waiting, none, false, 0, 1, held, held},
                                   RunFacts{site, extra, idle, none, false, 0, 1, held, held}}) {
-    for (const Condition& condition : conditions_of(allowed)) {
-      EXPECT_TRUE(condition.held) << condition.text;
-    }
+    EXPECT_EQ(broken_conditions(allowed), "");
   }
+}
 
-  EXPECT_TRUE(condition_without_faults(good).held);
-  EXPECT_FALSE(condition_without_faults(wrong).held);
-  EXPECT_FALSE(condition_without_faults(unchecked).held);
-  Totals failed;
-  failed.operations[sets] = 1;
-  failed.failed = 1;
-  EXPECT_FALSE(condition_without_faults(failed).held);
+TEST(Verdict, AWarmUpNeedsCallsAndNoFailure) {
+  Totals totals;
+  EXPECT_FALSE(condition_without_faults(totals).held);
+  totals.operations[sets] = 1;
+  EXPECT_TRUE(condition_without_faults(totals).held);
+  for (auto* count : {&totals.failed, &totals.wrong_values}) {
+    *count = 1;
+    EXPECT_FALSE(condition_without_faults(totals).held);
+    *count = 0;
+  }
 }
 
 }  // namespace
