@@ -3,7 +3,10 @@
 #include "pipeline.h"
 
 #include <ace/Guard_T.h>
+#include <poll.h>
 #include <sys/socket.h>
+
+#include <semaphore>
 
 #include "callers.h"
 #include "client_test.h"
@@ -178,6 +181,30 @@ TEST_F(Pipeline, AStrayReplyShiftsOthersOnlyBriefly) {
   EXPECT_TRUE(eventually([&] { return answered >= 2000 && right_since >= 20000; }));
   callers.stop();
   EXPECT_EQ(log_.count_containing("err:unexpected data after the reply"), 1);
+}
+
+TEST_F(Pipeline, AConnectionKnownBySlowRepliesIsCheckedBeforeItIsUsedAgain) {
+  std::binary_semaphore has_replied{0};
+  const ScriptedServer talks([&](Peer& peer) {
+    for (Words words = peer.read_command(); !words.empty(); words = peer.read_command()) {
+      peer.send(own_reply(words[1]));
+      if (words[1] == "first") {
+        has_replied.acquire();
+        peer.send(own_reply("nobody's"));
+      }
+    }
+  });
+  start(talks.addr());
+  ASSERT_EQ(get("first"), RUVO_OK);
+  has_replied.release();
+  pollfd stray{slot().context_->fd, POLLIN, 0};
+  ASSERT_EQ(poll(&stray, 1, 5000), 1);
+  {
+    const auto guard = locked();
+    slot().pipeline_.shortest_round_trip = std::chrono::seconds(10);
+    slot().pipeline_.last_check = clock_type::now() - check_interval;
+  }
+  EXPECT_EQ(get("second"), RUVO_OK);
 }
 
 TEST_F(Pipeline, NoCallGetsTheReplyOfOneThatGaveUp) {

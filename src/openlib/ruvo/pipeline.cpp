@@ -33,9 +33,13 @@ void set_replies_to_skip(pipeline_state& state, std::uint32_t replies) {
   state.replies_to_skip = replies;
 }
 
+// With nothing in flight a check costs no round trip. The shortest round trip since the connection
+// was opened counts: a single slow reply must not put off the next checks.
 bool is_check_due(const pipeline_state& state, time_point now) {
-  const auto interval = std::max<std::chrono::nanoseconds>(
-      check_interval, check_round_trips * state.known_round_trip);
+  const std::chrono::nanoseconds interval =
+      state.in_flight.empty() ? check_interval
+                              : std::max<std::chrono::nanoseconds>(
+                                    check_interval, check_round_trips * state.shortest_round_trip);
   return now - state.last_check >= interval;
 }
 
