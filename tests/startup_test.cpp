@@ -1,5 +1,8 @@
 // Start-up, pool construction and shutdown.
+#include <fcntl.h>
 #include <netdb.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <array>
 #include <filesystem>
@@ -198,6 +201,8 @@ TEST_F(Startup, DefaultsFollowTheHostsNetwork) {
 TEST_F(Startup, TheConfigurationLiesBesideTheExecutableOrInConf) {
   const std::filesystem::path folder =
       std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  const int one_at_a_time = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(one_at_a_time, LOCK_EX), 0);
   const std::filesystem::path beside = folder / "sruvo.conf";
   const std::string in_conf = folder.parent_path() / "conf/sruvo.conf";
   EXPECT_EQ(client_->get_cfg(), in_conf);
@@ -207,6 +212,7 @@ TEST_F(Startup, TheConfigurationLiesBesideTheExecutableOrInConf) {
   std::ofstream(beside).put('\n');
   EXPECT_EQ(client_->get_cfg(), beside);
   std::filesystem::remove(beside);
+  close(one_at_a_time);
 }
 
 TEST_F(Startup, APoolWithoutAListTakesTheDefaultOfItsKind) {
