@@ -21,7 +21,10 @@ for function in $(sed -nE 's/^ (RUVO_[A-Za-z]+)@.*/\1/p' packaging/libruvo1.symb
   case $function in
     RUVO_Init | RUVO_Fini | RUVO_FreeResult | RUVO_FreeReplyObject) continue ;;  # no operations
   esac
-  want "$function" ruvo_cli "\\b$function\\b" tools/cli/operations.cpp tools/cli/raw_command.cpp
+  case $function in
+    RUVO_ExecRedisCmd) want "$function" ruvo_cli "pool\.command\(" tools/cli/raw_command.cpp ;;  # of ruvo.hpp
+    *) want "$function" ruvo_cli "\\b$function\\b" tools/cli/operations.cpp ;;
+  esac
   want "$function" every_operation.h "^ +Operation\{\"${function#RUVO_}\", " testing/every_operation.h
   operations=$((operations + 1))
 done

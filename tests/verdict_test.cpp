@@ -81,7 +81,7 @@ TEST(Verdict, EachConditionCanBeBroken) {
   const Resources descriptors{11, held.allocated, held.resident};
   const Resources tolerated{10, held.allocated + (256L << 10), held.resident + (8L << 20)};
   const Resources allocated{10, tolerated.allocated + 1, held.resident};
-  const Resources resident{10, held.allocated, tolerated.resident + 1};
+  [[maybe_unused]] const Resources resident{10, held.allocated, tolerated.resident + 1};
   // clang-format off
   const struct { RunFacts run; std::string broken; } cases[] = {
       {{site, good, idle, none, false, 0, 1, held, held}, ""},
