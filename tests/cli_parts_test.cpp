@@ -33,7 +33,8 @@ TEST(CliParts, EachResultHasItsExitStatus) {
     EXPECT_EQ(status_of_operation(one.result), one.of_operation) << one.result;
     EXPECT_EQ(status_of_start(one.result), one.of_start) << one.result;
   }
-  const std::string help = exit_status_help(with_start({{succeeded, "well"}, {wrong_usage, "mine"}}));
+  const std::string help =
+      exit_status_help(with_start({{succeeded, "well"}, {wrong_usage, "mine"}}));
   EXPECT_TRUE(help.starts_with("Exit status:\n   0  well\n   4  the configuration")) << help;
   EXPECT_NE(help.find("\n  64  mine\n"), std::string::npos);
   EXPECT_NE(exit_status_help().find("\n   8  check: all is up, but settings"), std::string::npos);
