@@ -21,6 +21,23 @@ using namespace std::string_literals;
 using namespace std::string_view_literals;
 using namespace std::chrono_literals;
 
+template <typename T>
+concept Optional = requires(const T& value) {
+  value.has_value();
+};
+template <typename T>
+concept Pair = requires(const T& value) {
+  value.first;
+};
+template <typename T>
+concept Duration = requires(const T& value) {
+  value.count();
+};
+template <typename T>
+concept Printable = requires(const T& value) {
+  std::cout << value;
+};
+
 // The value of a result, or its code.
 template <typename T>
 std::string show(const T& value) {
@@ -34,17 +51,17 @@ std::string show(const T& value) {
       return show(*value);
     }
     return "done";
-  } else if constexpr (requires { value.has_value(); }) {
+  } else if constexpr (Optional<T>) {
     return value ? show(*value) : "none";
-  } else if constexpr (requires { value.first; }) {
+  } else if constexpr (Pair<T>) {
     return show(value.first) + "=" + show(value.second);
   } else if constexpr (std::is_same_v<T, bool>) {
     return value ? "yes" : "no";
   } else if constexpr (std::is_arithmetic_v<T>) {
     return testing::PrintToString(+value);
-  } else if constexpr (requires { value.count(); }) {
+  } else if constexpr (Duration<T>) {
     return show(value.count());
-  } else if constexpr (requires { std::cout << value; }) {
+  } else if constexpr (Printable<T>) {
     std::ostringstream printed;
     printed << value;
     return printed.str();
