@@ -8,10 +8,10 @@
 ///     url = a=b
 ///     empty =
 ///
-/// Lines that begin with "#" or ";" are comments; there are no trailing comments. A section header
-/// begins with "[", and its first "]" is its last byte; the name is everything in between, blanks
-/// included. The first "=" separates key and value; both are trimmed. Quotes are part of the value.
-/// Lines that match no rule are skipped.
+/// Blanks around a line are ignored. Lines that begin with "#" or ";" are comments; there are no
+/// trailing comments. A section header begins with "[", and its first "]" is its last byte; the
+/// name is everything in between, blanks included. The first "=" separates key and value; both are
+/// trimmed. Quotes are part of the value. Lines that match no rule are skipped.
 ///
 /// Sections and keys keep their order. If a name is repeated, look-ups find the first; they ignore
 /// ASCII case. An empty value counts as absent. Lines before the first header are ignored. Lines of
@@ -89,8 +89,8 @@ class RUVO_CONFIG_API vop_config {
 
   /// With `isCfgContent`, loads the string itself, replacing the current contents; the recorded
   /// path and file time are kept, so that opening that path still does nothing. Otherwise takes the
-  /// string as a path. Returns 0, or -1 if it is empty (reported on standard output) or the path
-  /// cannot be opened; the contents are then unchanged.
+  /// string as a path. Returns 0, or -1 if the content is empty (reported on standard output) or
+  /// the path cannot be opened; the contents are then unchanged.
   int open(const std::string& config_string, bool isCfgContent);
 
   /// Drops the contents. Returns 0.

@@ -44,7 +44,7 @@ class wire_command {
   char* bytes() const { return bytes_.get(); }
   std::size_t length() const { return refused() ? 0 : static_cast<std::size_t>(length_); }
 
-  // Sets the error on a context that hiredis sets if it refuses a template.
+  // Gives the context the error that hiredis gives it when it refuses a template.
   // REQUIRES: refused().
   void report_refusal(redisContext& context) const;
 

@@ -34,8 +34,9 @@ void ruvo_redis::forget_forks() {
   watched.compare_exchange_strong(self, nullptr);
 }
 
-// Only the forking thread is left, and it may not allocate. If a slot's lock is taken, another
-// thread was using the slot: its context may be half changed, so it is only marked.
+// Only the forking thread is left, and it may not allocate. If another thread held a slot's lock,
+// or was reading or writing its connection, the context may be half changed: the slot is marked, so
+// that the context is never freed.
 void ruvo_redis::disown_connections() noexcept {
   for (server_pool* pool : {&t_pool_, &p_pool_, &personality_pool_}) {
     new (&pool->outage_) pool_outage;

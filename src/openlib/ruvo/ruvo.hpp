@@ -101,7 +101,8 @@ class [[nodiscard]] library {
       : code_(RUVO_Init(config.c_str())),
         counted_(code_ == RUVO_OK || code_ == RUVO_INIT_TEMP_POOL_FAILED ||
                  code_ == RUVO_INIT_PERSIST_POOL_FAILED) {
-    // RUVO_Init only counts if an earlier start-up has failed for good, or has not ended yet.
+    // If an earlier start-up has failed for good, or has not ended yet, RUVO_Init only adds to the
+    // count.
     if (counted_ && RUVO_FreeResult(nullptr) != RUVO_OK) {
       code_ = RUVO_ERR_NOT_INITIALIZED;
     }
@@ -665,7 +666,8 @@ class basic_pool : private Backend {
   result<void> srem(const c_text& key, const c_bytes& member) const noexcept {
     return Backend::srem(pool_, key, member);
   }
-  /// Reads all members except an empty one; absent() if there are none (RUVO_SMembers).
+  /// Reads all members except an empty one; absent() if there are none, not even an empty one
+  /// (RUVO_SMembers).
   result<std::vector<std::string>> smembers(const c_text& key) const noexcept {
     return Backend::smembers(pool_, key);
   }

@@ -108,7 +108,8 @@ struct ruvo_server_counters {
   uint64_t reconnects;     ///< connections rebuilt
   uint64_t failed_reconnects;  ///< connections that could not be rebuilt
   uint64_t ejections;          ///< times that `failure_limit` was reached
-  uint64_t retries;            ///< times that it was retried after an ejection
+  uint64_t retries;            ///< retries of the ejected server once its retry time had come;
+                               ///< probes do not count
   uint64_t waiting;            ///< visits that wait for a connection now; rises and falls
   uint64_t reserved[6];        ///< zero
 };
@@ -136,7 +137,8 @@ struct ruvo_server_stats {
   uint32_t reserved;                      ///< zero
   int64_t failure_count;                  ///< failures now; after a fork those of the latest writer
   int64_t next_retry_time;                ///< when it is retried if it is ejected, seconds since
-                                          ///< 1970; 0: no failure yet; likewise
+                                          ///< 1970; 0: no failure yet; after a fork that of the
+                                          ///< latest writer
   char reserved_too[32];                  ///< zero
   struct ruvo_server_counters lanes[RUVO_STATS_LANES];
 };
